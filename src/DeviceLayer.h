@@ -1,0 +1,173 @@
+// The device access layer: the only place that knows whether kernels run on a CUDA device or on the
+// host. Everything above it is written once: checked runtime calls, one report format, one exception
+// type, guarded release, the launch helper and the few primitives whose host twin must keep device
+// semantics (atomics, saturating float-to-int conversion).
+#pragma once
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <functional>
+
+#if defined(__CUDACC__)
+#define TESSA_HD __host__ __device__
+#define TESSA_KERNEL_LAUNCH_CUDA 1
+#else
+#define TESSA_HD
+#endif
+
+namespace SurfaceReconstruction {
+
+// Result of a runtime call: the CUDA runtime's numbering (0 is success) on both backends.
+using DeviceResult = int;
+
+enum : DeviceResult {
+    DEVICE_SUCCESS = 0,
+    DEVICE_ERROR_INVALID_VALUE = 1,
+    DEVICE_ERROR_MEMORY_ALLOCATION = 2,
+    DEVICE_ERROR_NO_DEVICE = 100,
+    DEVICE_ERROR_INVALID_DEVICE = 101,
+    DEVICE_ERROR_UNKNOWN = 999,
+};
+
+enum class DeviceAttribute { ComputeMode, ComputeCapabilityMajor, ComputeCapabilityMinor, MultiProcessorCount, ClockRate };
+enum class CopyKind { HostToDevice, DeviceToHost, DeviceToDevice };
+
+// Compute mode in which no thread may make the device current.
+constexpr int DEVICE_COMPUTE_MODE_PROHIBITED = 2;
+
+// Thrown after a failed runtime call has been reported; the details are in the report alone.
+class DeviceError : public std::exception {
+public:
+    const char* what() const noexcept override { return "Device Error"; }
+};
+
+// True on success. Otherwise prints "CUDA error at file:line code=N(name) "expression"" on
+// standard error and returns false.
+bool checkDeviceCall(DeviceResult result, const char* expression, const char* file, int line);
+
+// Runtime operations; synchronous on both backends.
+DeviceResult deviceGetCount(int* count);
+DeviceResult deviceGetAttribute(int* value, DeviceAttribute attribute, int device);
+DeviceResult deviceSet(int device);
+DeviceResult deviceMemGetInfo(std::size_t* free_bytes, std::size_t* total_bytes);
+DeviceResult deviceMalloc(void** ptr, std::size_t bytes);
+DeviceResult deviceFree(void* ptr);
+DeviceResult deviceMemcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind);
+DeviceResult deviceMemset(void* ptr, int value, std::size_t bytes);
+DeviceResult deviceSynchronize();
+DeviceResult deviceGetLastError();
+const char* deviceErrorName(DeviceResult result);
+const char* deviceErrorString(DeviceResult result);
+
+template <class T>
+DeviceResult deviceMalloc(T** ptr, std::size_t bytes) {
+    void* raw = nullptr;
+    DeviceResult result = deviceMalloc(&raw, bytes);
+    *ptr = static_cast<T*>(raw);
+    return result;
+}
+
+// Free memory kept back on every test of device memory.
+constexpr std::size_t DEVICE_MEMORY_SLACK = 5242880;
+
+// A request counts as satisfiable when the free size is at least `bytes` plus the slack; when the
+// free size cannot be read it does not.
+bool deviceMemoryAvailable(std::size_t bytes);
+
+// Test seam: a hook that is set replaces the backend's operation of the same name. Only tests install
+// one, to play devices, attributes, compute modes and failures on a machine without a GPU.
+struct DeviceRuntimeSeam {
+    std::function<DeviceResult(int*)> get_count;
+    std::function<DeviceResult(int*, DeviceAttribute, int)> get_attribute;
+    std::function<DeviceResult(int)> set_device;
+    std::function<DeviceResult(std::size_t*, std::size_t*)> mem_get_info;
+    std::function<DeviceResult(void**, std::size_t)> malloc;
+    std::function<DeviceResult(void*)> free;
+    std::function<DeviceResult(void*, const void*, std::size_t, CopyKind)> memcpy;
+    std::function<DeviceResult(void*, int, std::size_t)> memset;
+    std::function<DeviceResult()> synchronize;
+};
+
+// Installs `seam` (nullptr removes it). Not thread-safe: install before the calls it is to catch.
+void installDeviceRuntimeSeam(const DeviceRuntimeSeam* seam);
+
+// The standard call pattern: check, report with the given expression text, throw DeviceError.
+#define TESSA_DEVICE_CHECK(call, expression)                                             \
+    do {                                                                                  \
+        if (!::SurfaceReconstruction::checkDeviceCall((call), (expression), __FILE__, __LINE__)) \
+            throw ::SurfaceReconstruction::DeviceError();                                 \
+    } while (0)
+
+// Guarded, repeatable release: a null pointer makes no call; the pointer is nulled only after the
+// free succeeded, so a later attempt starts again at the first member still held.
+#define TESSA_DEVICE_RELEASE(ptr, expression)                                     \
+    do {                                                                           \
+        if ((ptr) != nullptr) {                                                    \
+            TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceFree(ptr), expression); \
+            (ptr) = nullptr;                                                       \
+        }                                                                          \
+    } while (0)
+
+// ---- kernel launch -------------------------------------------------------------------------------
+
+constexpr unsigned KERNEL_THREADS_PER_BLOCK = 384;
+
+#if defined(TESSA_KERNEL_LAUNCH_CUDA)
+template <class Kernel>
+__global__ void runKernelItems(std::size_t n, Kernel kernel) {
+    std::size_t i = static_cast<std::size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (i < n) kernel(i);
+}
+#endif
+
+// Runs `kernel(i)` for every i in [0, n): one logical thread an item, (n + 383) / 384 blocks of 384
+// threads on the device, an OpenMP loop on the host. The launch itself is not checked; a failure shows
+// at the next checked call. Pass kernels by value: they are copied to the device.
+template <class Kernel>
+void launchKernel(std::size_t n, const Kernel& kernel) {
+#if defined(TESSA_KERNEL_LAUNCH_CUDA)
+    const std::size_t blocks = (n + KERNEL_THREADS_PER_BLOCK - 1) / KERNEL_THREADS_PER_BLOCK;
+    if (blocks == 0) return;  // a grid of 0 blocks does nothing
+    runKernelItems<<<static_cast<unsigned>(blocks), KERNEL_THREADS_PER_BLOCK>>>(n, kernel);
+#else
+    const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
+#endif
+}
+
+// ---- primitives with device semantics on both sides ----------------------------------------------
+
+// Atomic add on a counter shared by the threads of one launch; returns the old value.
+TESSA_HD inline int deviceAtomicAdd(int* address, int value) {
+#if defined(__CUDA_ARCH__)
+    return atomicAdd(address, value);
+#else
+    return __atomic_fetch_add(address, value, __ATOMIC_RELAXED);
+#endif
+}
+
+TESSA_HD inline int deviceAtomicOr(int* address, int value) {
+#if defined(__CUDA_ARCH__)
+    return atomicOr(address, value);
+#else
+    return __atomic_fetch_or(address, value, __ATOMIC_RELAXED);
+#endif
+}
+
+// Float to int, truncating toward zero, as the device converts: out-of-range values saturate and NaN
+// gives 0 (a plain C++ cast is undefined there).
+TESSA_HD inline int floatToIntSaturate(float value) {
+#if defined(__CUDA_ARCH__)
+    return __float2int_rz(value);
+#else
+    if (value != value) return 0;
+    if (value >= 2147483648.0f) return INT_MAX;
+    if (value <= -2147483648.0f) return INT_MIN;
+    return static_cast<int>(value);
+#endif
+}
+
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,151 @@
+// MarchingCubes: life cycle of the stage and the field store.
+#include "MarchingCubes.h"
+
+#include <new>
+
+#include "HashOctree.h"
+#include "Portioner.h"
+#include "SpinLock.h"
+#include "tessaline/Tessaline.h"
+
+namespace SurfaceReconstruction {
+
+// ---- FieldDataPool -------------------------------------------------------------------------------
+
+bool FieldDataPool::addBlock() {
+    FieldSlot* block = new (std::nothrow) FieldSlot[FIELD_POOL_BLOCK_SIZE];
+    if (block == nullptr) return false;
+    m_blocks.push_back(block);
+    ++m_block_num;
+    return true;
+}
+
+bool FieldDataPool::init() {
+    deInit();
+    m_blocks.reserve(FIELD_POOL_RESERVED_BLOCKS);
+    for (int i = 0; i < FIELD_POOL_INIT_BLOCKS; ++i) {
+        if (!addBlock()) {
+            deInit();  // nothing of a failed start stays allocated
+            return false;
+        }
+    }
+    m_inited = true;
+    return true;
+}
+
+void FieldDataPool::deInit() {
+    for (FieldSlot* block : m_blocks) delete[] block;
+    m_blocks.clear();
+    m_block_num = 0;
+    m_size = 0;
+    m_inited = false;
+}
+
+int FieldDataPool::allocDataIndex(std::int32_t& index, std::int32_t count) {
+    index = m_size.fetch_add(count);
+    const auto capacity = [this] { return static_cast<std::int64_t>(m_block_num) * FIELD_POOL_BLOCK_SIZE; };
+    if (static_cast<std::int64_t>(index) + count < capacity()) return 0;
+
+    SpinGuard guard(m_lock);
+    // Another thread may have grown the pool meanwhile; grow until this reservation fits.
+    while (static_cast<std::int64_t>(index) + count >= capacity()) {
+        if (m_blocks.size() >= FIELD_POOL_RESERVED_BLOCKS || !addBlock()) {
+            m_size.fetch_sub(count);
+            index = -1;
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+    }
+    return 0;
+}
+
+FieldSlot* FieldDataPool::slot(std::int32_t index) const {
+    if (index < 0 || index / FIELD_POOL_BLOCK_SIZE >= m_block_num) return nullptr;
+    return &m_blocks[static_cast<std::size_t>(index / FIELD_POOL_BLOCK_SIZE)][index % FIELD_POOL_BLOCK_SIZE];
+}
+
+// ---- MarchingCubes ---------------------------------------------------------------------------------
+
+MarchingCubes::~MarchingCubes() {
+    if (m_inited) deInit();
+}
+
+int MarchingCubes::setDeviceParams(const std::shared_ptr<DeviceParameters>& params) {
+    m_device_params = params;
+    return 0;
+}
+
+int MarchingCubes::setPortionerParams(const std::shared_ptr<PortionerParameters>& params) {
+    m_portioner_params = params;
+    return 0;
+}
+
+int MarchingCubes::setThreadPool(const std::weak_ptr<ThreadPool>& pool) {
+    m_thread_pool = pool;
+    return 0;
+}
+
+int MarchingCubes::setResolution(float resolution) {
+    m_resolution = resolution;
+    return 0;
+}
+
+int MarchingCubes::init() {
+    m_inited = true;
+    return 0;
+}
+
+int MarchingCubes::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
+    if (!m_inited) {
+        m_last_error = "no init!";
+        return 1;
+    }
+    m_hash_octree = octree;
+    return 0;
+}
+
+int MarchingCubes::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) {
+    if (!m_inited) {
+        m_last_error = "no init!";
+        return 1;
+    }
+    m_field_data_pool = pool;
+    return 0;
+}
+
+int MarchingCubes::initDevice(std::uint64_t max_points) {
+    if (!m_inited) {
+        m_last_error = "no init!";
+        return 1;
+    }
+    // One more than the largest block, so that the strict capacity test admits that block.
+    m_raw_points_capacity = max_points + 1;
+    return 0;
+}
+
+int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
+    if (!m_inited) {
+        m_last_error = "no init!";
+        return 1;
+    }
+    if (!m_hash_octree) {
+        m_last_error = "[MarchingCubes] process error , m_hash_octree == nullptr !";
+        return 1;
+    }
+    if (!block || !block->points) return 1;
+    return 0;
+}
+
+int MarchingCubes::deInitDevice() {
+    m_raw_points_capacity = 0;
+    return 0;
+}
+
+int MarchingCubes::deInit() {
+    if (!m_inited) return 0;
+    m_hash_octree.reset();
+    m_field_data_pool.reset();
+    m_inited = false;
+    return 0;
+}
+
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,91 @@
+// The engine behind the exported handle: owns the stages, the settings, the frames and the last error,
+// and runs the pipeline of a run.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Parameters.h"
+#include "tessaline/Tessaline.h"
+
+namespace SurfaceReconstruction {
+
+class Portioner;
+class MarchingCubes;
+class Reconstructor;
+class ThreadPool;
+
+// Workers of the engine's pool.
+constexpr unsigned short ENGINE_POOL_THREADS = 12;
+// What MAX_FRAME_POINTS starts from in a first run.
+constexpr std::int32_t DEFAULT_MAX_FRAME_POINTS = 30000;
+
+// Step names of a run, as the step callback receives them.
+extern const wchar_t* const STEP_PREPROCESS;  // "点云预处理"
+extern const wchar_t* const STEP_FUSION;      // "融合数据"
+extern const wchar_t* const STEP_MESH;        // "生成网格"
+
+// The step report that init installs: one line on standard output.
+int printStepReport(ProcessStepInfo& info);
+
+class Tessaline_OPT {
+public:
+    Tessaline_OPT() = default;
+    ~Tessaline_OPT();
+    Tessaline_OPT(const Tessaline_OPT&) = delete;
+    Tessaline_OPT& operator=(const Tessaline_OPT&) = delete;
+
+    int init();
+    int deInit();
+
+    int setResolution(const float& resolution);
+    int setLaserInfo(const LaserInfo& info);
+    int setOptimizedMarkers(MarkerInfos& markers);
+    int setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback);
+
+    int addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame);
+    int process(std::shared_ptr<MultiMeshData>& mesh);
+    int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
+    std::string getLastErrorMsg() const { return m_last_error; }
+
+    // The step of a run that moves the held frames to the work queue; always 0.
+    int filterScanFrameByMarkers();
+
+    // Read access for tests and tools.
+    bool isInited() const { return m_inited; }
+    float resolution() const { return m_resolution; }
+    std::int32_t maxFramePoints() const { return m_max_frame_points; }
+    const std::vector<std::shared_ptr<FrameDataWithInfo>>& heldFrames() const { return m_held_frames; }
+    const std::shared_ptr<DeviceParameters>& deviceParams() const { return m_device_params; }
+    const std::shared_ptr<PortionerParameters>& portionerParams() const { return m_portioner_params; }
+    const std::shared_ptr<Portioner>& portioner() const { return m_portioner; }
+    const std::shared_ptr<MarchingCubes>& marchingCubes() const { return m_marching_cubes; }
+    const std::shared_ptr<Reconstructor>& reconstructor() const { return m_reconstructor; }
+    const std::shared_ptr<ThreadPool>& threadPool() const { return m_thread_pool; }
+    const std::function<void(ProcessStepInfo&)>& stepCallback() const { return m_step_callback; }
+
+private:
+    bool refuseBeforeInit();
+    void reportStep(const wchar_t* name, int cur_step, int cur_sub_step, int total_sub_steps);
+
+    bool m_inited = false;
+    std::string m_last_error = "no error!";
+    float m_resolution = 0.5f;
+    std::shared_ptr<DeviceParameters> m_device_params;
+    std::shared_ptr<PortionerParameters> m_portioner_params;
+    std::vector<std::shared_ptr<FrameDataWithInfo>> m_held_frames;
+    std::deque<std::shared_ptr<FrameDataWithInfo>> m_frame_queue;
+    std::shared_ptr<std::vector<OptedMarker>> m_opted_markers;
+    std::int32_t m_max_frame_points = DEFAULT_MAX_FRAME_POINTS;
+    std::shared_ptr<Portioner> m_portioner;
+    std::shared_ptr<MarchingCubes> m_marching_cubes;
+    std::shared_ptr<Reconstructor> m_reconstructor;
+    std::shared_ptr<ThreadPool> m_thread_pool;
+    std::function<void(ProcessStepInfo&)> m_step_callback;
+};
+
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,86 @@
+// A scripted device runtime for tests: devices with chosen attributes, and calls that fail on demand.
+#pragma once
+
+#include <cstdlib>
+#include <vector>
+
+#include "DeviceLayer.h"
+
+namespace SurfaceReconstruction {
+namespace testing_support {
+
+struct FakeDevice {
+    int compute_mode = 0;
+    int major = 7;
+    int minor = 5;
+    int multiprocessors = 40;
+    int clock_khz = 1500000;
+};
+
+// Installs itself as the runtime seam for its lifetime.
+class FakeDevices {
+public:
+    std::vector<FakeDevice> devices;
+    DeviceResult count_result = DEVICE_SUCCESS;
+    DeviceResult attribute_result = DEVICE_SUCCESS;  // every attribute query answers this
+    bool mem_info_fails = false;
+    std::size_t total_bytes = 8ull << 30;
+    std::size_t free_bytes = 6ull << 30;
+    int set_device_calls = 0;
+    int last_set_device = -1;
+    int malloc_calls = 0;
+    int free_calls = 0;
+    int fail_malloc_at = -1;  // 0-based number of the cudaMalloc that fails
+    int fail_free_at = -1;
+
+    explicit FakeDevices(std::vector<FakeDevice> list = {FakeDevice{}}) : devices(std::move(list)) {
+        seam.get_count = [this](int* count) -> DeviceResult {
+            if (count_result != DEVICE_SUCCESS) return count_result;
+            *count = static_cast<int>(devices.size());
+            return DEVICE_SUCCESS;
+        };
+        seam.get_attribute = [this](int* value, DeviceAttribute attribute, int device) -> DeviceResult {
+            if (attribute_result != DEVICE_SUCCESS) return attribute_result;
+            const FakeDevice& d = devices.at(static_cast<std::size_t>(device));
+            switch (attribute) {
+                case DeviceAttribute::ComputeMode: *value = d.compute_mode; break;
+                case DeviceAttribute::ComputeCapabilityMajor: *value = d.major; break;
+                case DeviceAttribute::ComputeCapabilityMinor: *value = d.minor; break;
+                case DeviceAttribute::MultiProcessorCount: *value = d.multiprocessors; break;
+                case DeviceAttribute::ClockRate: *value = d.clock_khz; break;
+            }
+            return DEVICE_SUCCESS;
+        };
+        seam.set_device = [this](int device) -> DeviceResult {
+            ++set_device_calls;
+            last_set_device = device;
+            return DEVICE_SUCCESS;
+        };
+        seam.mem_get_info = [this](std::size_t* free_out, std::size_t* total_out) -> DeviceResult {
+            if (mem_info_fails) return DEVICE_ERROR_UNKNOWN;
+            *free_out = free_bytes;
+            *total_out = total_bytes;
+            return DEVICE_SUCCESS;
+        };
+        seam.malloc = [this](void** ptr, std::size_t bytes) -> DeviceResult {
+            if (malloc_calls++ == fail_malloc_at) return DEVICE_ERROR_MEMORY_ALLOCATION;
+            *ptr = std::malloc(bytes == 0 ? 1 : bytes);
+            return DEVICE_SUCCESS;
+        };
+        seam.free = [this](void* ptr) -> DeviceResult {
+            if (free_calls++ == fail_free_at) return DEVICE_ERROR_INVALID_VALUE;
+            std::free(ptr);
+            return DEVICE_SUCCESS;
+        };
+        installDeviceRuntimeSeam(&seam);
+    }
+    ~FakeDevices() { installDeviceRuntimeSeam(nullptr); }
+    FakeDevices(const FakeDevices&) = delete;
+    FakeDevices& operator=(const FakeDevices&) = delete;
+
+private:
+    DeviceRuntimeSeam seam;
+};
+
+}  // namespace testing_support
+}  // namespace SurfaceReconstruction

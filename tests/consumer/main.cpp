@@ -1,0 +1,39 @@
+// Checks, through the installed package alone, the texts and status codes of calls out of order.
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include <tessaline/Tessaline.h>
+
+using namespace SurfaceReconstruction;
+
+static int failures = 0;
+
+static void expect(bool ok, const char* what) {
+    if (!ok) {
+        std::printf("FAILED: %s\n", what);
+        ++failures;
+    }
+}
+
+int main() {
+    Tessaline t;
+    expect(t.getLastErrorMsg() == "no error!", "fresh object reads no error!");
+    expect(t.deInit() == 0, "deInit before init is 0");
+    LaserInfo laser;
+    expect(t.setLaserInfo(laser) == 1, "setLaserInfo before init is 1");
+    expect(t.getLastErrorMsg() == "no init!", "setLaserInfo before init reads no init!");
+    auto mesh = std::make_shared<MultiMeshData>();
+    expect(t.process(mesh) == 1 && t.getLastErrorMsg() == "no init!", "process before init");
+
+    std::string message;
+    expect(InitGPUCUDA(message) == 0 && message == "sucess", "InitGPUCUDA succeeds");
+    expect(t.init() == 0 && t.getLastErrorMsg() == "no error!", "init succeeds");
+    std::function<int(ProcessStepInfo&)> empty;
+    expect(t.setProcessStepCallBack(empty) == 0, "empty callback accepted");
+    expect(t.process(mesh) == 1 && t.getLastErrorMsg() == "[Tessaline_OPT] process try catch error!",
+           "process with an empty callback");
+    expect(t.deInit() == 0, "deInit after init is 0");
+    std::printf("consumer: %d failed\n", failures);
+    return failures == 0 ? 0 : 1;
+}

@@ -1,0 +1,140 @@
+// The device layer: checked calls and their report, guarded release, the launch helper and the
+// primitives whose host twin must behave as the device does.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <climits>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "DeviceLayer.h"
+#include "FakeDevices.h"
+
+using namespace SurfaceReconstruction;
+using testing_support::FakeDevices;
+
+TEST(DeviceLayer, CheckReportsFailuresOnStandardErrorOnly) {
+    ::testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStdout();
+    EXPECT_TRUE(checkDeviceCall(DEVICE_SUCCESS, "cudaMemset(x, 0, 4)", "file.cu", 7));
+    EXPECT_FALSE(checkDeviceCall(DEVICE_ERROR_MEMORY_ALLOCATION, "cudaMalloc(&p, 16)", "src/a.cu", 42));
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(err, std::string("CUDA error at src/a.cu:42 code=2(") + deviceErrorName(2) + ") \"cudaMalloc(&p, 16)\" \n");
+    EXPECT_EQ(deviceErrorName(2), std::string("cudaErrorMemoryAllocation"));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST(DeviceLayer, FailedCallThrowsDeviceErrorWithFixedText) {
+    FakeDevices fake;
+    fake.fail_malloc_at = 0;
+    void* p = nullptr;
+    ::testing::internal::CaptureStderr();
+    try {
+        TESSA_DEVICE_CHECK(deviceMalloc(&p, 64), "cudaMalloc(&p, 64)");
+        FAIL() << "no exception";
+    } catch (const DeviceError& e) {
+        EXPECT_STREQ(e.what(), "Device Error");
+    }
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("\"cudaMalloc(&p, 64)\""), std::string::npos);
+}
+
+TEST(DeviceLayer, GuardedReleaseIsRepeatableAndKeepsPointerOnFailure) {
+    FakeDevices fake;
+    int* a = nullptr;
+    int* b = nullptr;
+    TESSA_DEVICE_CHECK(deviceMalloc(&a, 16), "cudaMalloc(&a, 16)");
+    TESSA_DEVICE_CHECK(deviceMalloc(&b, 16), "cudaMalloc(&b, 16)");
+
+    // The first free fails: the pointer stays, the member behind it is not reached.
+    fake.fail_free_at = 0;
+    ::testing::internal::CaptureStderr();
+    const auto releaseAll = [&] {
+        TESSA_DEVICE_RELEASE(a, "cudaFree(a)");
+        TESSA_DEVICE_RELEASE(b, "cudaFree(b)");
+    };
+    EXPECT_THROW(releaseAll(), DeviceError);
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(a, nullptr);
+    EXPECT_NE(b, nullptr);
+
+    // A second attempt starts again at the first member still held.
+    EXPECT_NO_THROW(releaseAll());
+    EXPECT_EQ(a, nullptr);
+    EXPECT_EQ(b, nullptr);
+    const int frees = fake.free_calls;
+    EXPECT_NO_THROW(releaseAll());  // nothing left: no further call
+    EXPECT_EQ(fake.free_calls, frees);
+}
+
+TEST(DeviceLayer, CopiesAndFillsAreSynchronousRoundTrips) {
+    std::vector<int> host(1000);
+    for (int i = 0; i < 1000; ++i) host[static_cast<std::size_t>(i)] = i * 3 - 7;
+    int* dev = nullptr;
+    TESSA_DEVICE_CHECK(deviceMalloc(&dev, host.size() * sizeof(int)), "cudaMalloc(&dev, n)");
+    TESSA_DEVICE_CHECK(deviceMemcpy(dev, host.data(), host.size() * sizeof(int), CopyKind::HostToDevice), "up");
+    std::vector<int> back(host.size(), 0);
+    TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), dev, back.size() * sizeof(int), CopyKind::DeviceToHost), "down");
+    EXPECT_EQ(back, host);
+    TESSA_DEVICE_CHECK(deviceMemset(dev, 0, host.size() * sizeof(int)), "cudaMemset(dev, 0, n)");
+    TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), dev, back.size() * sizeof(int), CopyKind::DeviceToHost), "down");
+    EXPECT_EQ(back, std::vector<int>(host.size(), 0));
+    TESSA_DEVICE_RELEASE(dev, "cudaFree(dev)");
+}
+
+namespace {
+// Each item adds its index + 1 to its own slot and counts itself on a shared counter.
+struct CountItemsKernel {
+    int* slots;
+    int* counter;
+    TESSA_HD void operator()(std::size_t i) const {
+        slots[i] += static_cast<int>(i) + 1;
+        deviceAtomicAdd(counter, 1);
+    }
+};
+}  // namespace
+
+TEST(DeviceLayer, LaunchRunsEveryItemExactlyOnce) {
+    for (std::size_t n : {std::size_t(0), std::size_t(1), std::size_t(383), std::size_t(384), std::size_t(385),
+                          std::size_t(100000)}) {
+        int* slots = nullptr;
+        int* counter = nullptr;
+        TESSA_DEVICE_CHECK(deviceMalloc(&slots, (n + 1) * sizeof(int)), "cudaMalloc(&slots, n)");
+        TESSA_DEVICE_CHECK(deviceMalloc(&counter, sizeof(int)), "cudaMalloc(&counter, 4)");
+        TESSA_DEVICE_CHECK(deviceMemset(slots, 0, (n + 1) * sizeof(int)), "cudaMemset(slots, 0, n)");
+        TESSA_DEVICE_CHECK(deviceMemset(counter, 0, sizeof(int)), "cudaMemset(counter, 0, 4)");
+        launchKernel(n, CountItemsKernel{slots, counter});
+        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+
+        std::vector<int> host(n + 1);
+        int count = -1;
+        TESSA_DEVICE_CHECK(deviceMemcpy(host.data(), slots, host.size() * sizeof(int), CopyKind::DeviceToHost), "d");
+        TESSA_DEVICE_CHECK(deviceMemcpy(&count, counter, sizeof(int), CopyKind::DeviceToHost), "d");
+        EXPECT_EQ(count, static_cast<int>(n)) << "n = " << n;
+        for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(host[i], static_cast<int>(i) + 1) << "item " << i;
+        EXPECT_EQ(host[n], 0) << "an item past n ran";
+        TESSA_DEVICE_RELEASE(slots, "cudaFree(slots)");
+        TESSA_DEVICE_RELEASE(counter, "cudaFree(counter)");
+    }
+}
+
+TEST(DeviceLayer, FloatToIntSaturatesAndMapsNanToZero) {
+    EXPECT_EQ(floatToIntSaturate(std::numeric_limits<float>::quiet_NaN()), 0);
+    EXPECT_EQ(floatToIntSaturate(3.0e9f), INT_MAX);
+    EXPECT_EQ(floatToIntSaturate(std::numeric_limits<float>::infinity()), INT_MAX);
+    EXPECT_EQ(floatToIntSaturate(-3.0e9f), INT_MIN);
+    EXPECT_EQ(floatToIntSaturate(-std::numeric_limits<float>::infinity()), INT_MIN);
+    EXPECT_EQ(floatToIntSaturate(2147483520.0f), 2147483520);  // the largest float below 2^31
+    EXPECT_EQ(floatToIntSaturate(-2.75f), -2);                   // toward zero
+    EXPECT_EQ(floatToIntSaturate(2.75f), 2);
+}
+
+TEST(DeviceLayer, MemoryProbeKeepsFiveMiBSlack) {
+    FakeDevices fake;
+    fake.free_bytes = 100u << 20;
+    EXPECT_TRUE(deviceMemoryAvailable((100u << 20) - DEVICE_MEMORY_SLACK));
+    EXPECT_FALSE(deviceMemoryAvailable((100u << 20) - DEVICE_MEMORY_SLACK + 1));
+    fake.mem_info_fails = true;
+    EXPECT_FALSE(deviceMemoryAvailable(1));
+}

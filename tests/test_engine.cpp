@@ -1,0 +1,343 @@
+// The engine through the exported handle: life cycle, calls out of order, settings, frame intake, step
+// reports and the exits of a run.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "FakeDevices.h"
+#include "Portioner.h"
+#include "MarchingCubes.h"
+#include "Reconstructor.h"
+#include "ThreadPool.h"
+#include "Tessaline_OPT.h"
+#include "tessaline/Tessaline.h"
+
+using namespace SurfaceReconstruction;
+
+namespace {
+
+std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t points, int laser_id = 0) {
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (std::size_t i = 0; i < points; ++i) {
+        frame->xyz.push_back({1.0f + static_cast<float>(i), 2.0f, 3.0f});
+        frame->nor.push_back({0.0f, 0.0f, 1.0f});
+        frame->w.push_back(8);
+    }
+    frame->frame_info.laser_id = laser_id;
+    frame->marker_ids = {4, 5};
+    frame->marker_xyz = {{1, 2, 3}, {4, 5, 6}};
+    frame->marker_nor = {{0, 0, 1}, {0, 1, 0}};
+    return frame;
+}
+
+struct RecordedStep {
+    std::wstring name;
+    int cur_step, total_steps, cur_sub, total_sub;
+};
+
+// An engine with init done and the printed lines of its calls swallowed.
+class EngineTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(engine.init(), 0); }
+    void TearDown() override { engine.deInit(); }
+
+    int quietProcess(std::shared_ptr<MultiMeshData>& mesh, std::string* out = nullptr) {
+        ::testing::internal::CaptureStdout();
+        const int status = engine.process(mesh);
+        const std::string text = ::testing::internal::GetCapturedStdout();
+        if (out) *out = text;
+        return status;
+    }
+
+    void recordSteps() {
+        callback = [this](ProcessStepInfo& info) {
+            steps.push_back({info.step_name, info.cur_step, info.total_steps, info.cur_sub_step, info.total_sub_steps});
+            return -1;  // the result steers nothing
+        };
+        ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
+    }
+
+    Tessaline_OPT engine;
+    std::function<int(ProcessStepInfo&)> callback;
+    std::vector<RecordedStep> steps;
+};
+
+}  // namespace
+
+TEST(Handle, CopiesShareOneEngine) {
+    Tessaline a;
+    EXPECT_EQ(a.getLastErrorMsg(), "no error!");
+    EXPECT_EQ(a.deInit(), 0);
+    Tessaline b = a;
+    ASSERT_EQ(b.init(), 0);
+    EXPECT_EQ(a.addScanFrame_ALL(makeFrame(3)), 0);  // a is initialised through b
+
+    Tessaline c;
+    c = a;
+    EXPECT_EQ(c.addScanFrame_async(nullptr), 1);
+    EXPECT_EQ(a.getLastErrorMsg(), c.getLastErrorMsg());  // one last error for all copies
+    EXPECT_EQ(b.deInit(), 0);
+    EXPECT_EQ(c.addScanFrame_ALL(makeFrame(3)), 1);
+    EXPECT_EQ(a.getLastErrorMsg(), "no init!");
+}
+
+TEST(Handle, EveryCallBeforeInitAnswersNoInit) {
+    Tessaline t;
+    LaserInfo laser;
+    MarkerInfos markers;
+    std::function<int(ProcessStepInfo&)> cb = [](ProcessStepInfo&) { return 0; };
+    std::shared_ptr<std::vector<OptedMarker>> list;
+    auto mesh = std::make_shared<MultiMeshData>();
+    const MultiMeshData* before = mesh.get();
+
+    t.setResolution(0.25f);
+    EXPECT_EQ(t.getLastErrorMsg(), "no init!");
+    EXPECT_EQ(t.setLaserInfo(laser), 1);
+    EXPECT_EQ(t.setOptimizedMarkers(markers), 1);
+    EXPECT_EQ(t.setProcessStepCallBack(cb), 1);
+    EXPECT_EQ(t.addScanFrame_ALL(makeFrame(1)), 1);
+    EXPECT_EQ(t.addScanFrame_async(makeFrame(1)), 1);
+    EXPECT_EQ(t.getOptimizedMarkerErrors(list), 1);
+    EXPECT_EQ(t.process(mesh), 1);
+    EXPECT_EQ(mesh.get(), before);
+    EXPECT_EQ(t.getLastErrorMsg(), "no init!");
+}
+
+TEST(EngineLifeCycle, SetResolutionBeforeInitIsLost) {
+    Tessaline_OPT engine;
+    EXPECT_EQ(engine.setResolution(0.25f), 1);
+    EXPECT_EQ(engine.getLastErrorMsg(), "no init!");
+    EXPECT_FLOAT_EQ(engine.resolution(), 0.5f);
+}
+
+TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
+    Tessaline_OPT engine;
+    ASSERT_EQ(engine.init(), 0);
+    engine.setResolution(0.3f);
+    std::function<int(ProcessStepInfo&)> cb = [](ProcessStepInfo&) { return 0; };
+    ASSERT_EQ(engine.setProcessStepCallBack(cb), 0);
+    ASSERT_EQ(engine.deInit(), 0);
+    EXPECT_FALSE(engine.isInited());
+    EXPECT_EQ(engine.portioner(), nullptr);
+    EXPECT_EQ(engine.threadPool(), nullptr);
+
+    ASSERT_EQ(engine.init(), 0);
+    EXPECT_FLOAT_EQ(engine.resolution(), 0.3f);
+    EXPECT_FLOAT_EQ(engine.portioner()->resolution(), 0.5f);  // new stages start at 0.5
+    EXPECT_FLOAT_EQ(engine.marchingCubes()->resolution(), 0.5f);
+    EXPECT_FLOAT_EQ(engine.reconstructor()->resolution(), 0.5f);
+
+    ProcessStepInfo info;
+    info.step_name = L"\u751f\u6210\u7f51\u683c";
+    info.total_steps = 3;
+    info.cur_step = 3;
+    info.total_sub_steps = 1;
+    info.cur_sub_step = 1;
+    ::testing::internal::CaptureStdout();
+    engine.stepCallback()(info);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "[info] cur step \xe7\x94\x9f\xe6\x88\x90\xe7\xbd\x91\xe6\xa0\xbc , (3 / 3) , (1 / 1) \n");
+    EXPECT_EQ(engine.deInit(), 0);
+    EXPECT_EQ(engine.deInit(), 0);  // a second deInit is a no-op
+}
+
+TEST(EngineLifeCycle, InitTwiceReplacesPoolAndStages) {
+    Tessaline_OPT engine;
+    ASSERT_EQ(engine.init(), 0);
+    std::weak_ptr<ThreadPool> first_pool = engine.threadPool();
+    std::weak_ptr<Portioner> first_portioner = engine.portioner();
+    ASSERT_EQ(engine.init(), 0);
+    EXPECT_TRUE(first_pool.expired());  // its workers were joined during the second init
+    EXPECT_TRUE(first_portioner.expired());
+    EXPECT_EQ(engine.threadPool()->threadCount(), 12u);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (engine.threadPool()->aliveCount() < 12 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(engine.threadPool()->aliveCount(), 12);
+    EXPECT_EQ(engine.deInit(), 0);
+}
+
+TEST(EngineLifeCycle, InitWithoutUsableDeviceReports65793) {
+    testing_support::FakeDevices fake(std::vector<testing_support::FakeDevice>{});
+    Tessaline_OPT engine;
+    EXPECT_EQ(engine.init(), 65793);
+    EXPECT_EQ(engine.getLastErrorMsg(), "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.");
+    EXPECT_FALSE(engine.isInited());
+    EXPECT_EQ(engine.deviceParams(), nullptr);  // nothing was created
+    EXPECT_EQ(engine.threadPool(), nullptr);
+}
+
+TEST_F(EngineTest, SetResolutionReachesStagesAndBlockSizing) {
+    const std::uint32_t block_size = engine.portionerParams()->block_size;
+    engine.setResolution(0.1f);
+    EXPECT_EQ(engine.portionerParams()->block_size, block_size / 2);
+    EXPECT_EQ(engine.portionerParams()->block_with_ext_size, block_size / 2 + 24);
+    EXPECT_FLOAT_EQ(engine.portioner()->resolution(), 0.1f);
+    EXPECT_FLOAT_EQ(engine.marchingCubes()->resolution(), 0.1f);
+    EXPECT_FLOAT_EQ(engine.reconstructor()->resolution(), 0.1f);
+}
+
+TEST_F(EngineTest, LaserInfoFillsPerLaserEdgesAndKeepsLastWords) {
+    LaserInfo first;
+    first.laser_id = 2;
+    first.min_edge = 0.75f;
+    first.laser_word_a = 11;
+    first.laser_block[3] = 9;
+    LaserInfo second;
+    second.laser_id = 5;
+    second.min_edge = 1.5f;
+    second.laser_word_a = 22;
+    ASSERT_EQ(engine.setLaserInfo(first), 0);
+    ASSERT_EQ(engine.setLaserInfo(second), 0);
+    const DeviceParameters& p = *engine.deviceParams();
+    EXPECT_FLOAT_EQ(p.laser_min_edge[2], 0.75f);
+    EXPECT_FLOAT_EQ(p.laser_min_edge[5], 1.5f);
+    EXPECT_FLOAT_EQ(p.laser_min_edge[0], 0.0f);
+    EXPECT_EQ(p.laser_word_a, 22u);
+    EXPECT_EQ(p.laser_block[3], 0u);
+    EXPECT_FLOAT_EQ(p.wide_search_edge, 0.2f);
+    EXPECT_FLOAT_EQ(p.gauss_weight_edge, 0.1f);
+    EXPECT_FLOAT_EQ(p.fine_box_edge, 0.1f);
+    EXPECT_EQ(p.MAX_FRAME_POINTS, 30000u);
+
+    LaserInfo bad;
+    bad.laser_id = 8;
+    EXPECT_EQ(engine.setLaserInfo(bad), 1);
+    EXPECT_NE(engine.getLastErrorMsg().find("laser_id"), std::string::npos);
+}
+
+TEST_F(EngineTest, OptimizedMarkersTakeTheirIndexAsId) {
+    std::shared_ptr<std::vector<OptedMarker>> list;
+    ASSERT_EQ(engine.getOptimizedMarkerErrors(list), 0);
+    EXPECT_EQ(list, nullptr);
+
+    MarkerInfos markers;
+    markers.ids = {7, 9, 3};
+    markers.xyz = {{1, 1, 1}, {2, 2, 2}, {3, 3, 3}};
+    markers.nor = {{0, 0, 1}, {0, 1, 0}, {1, 0, 0}};
+    ASSERT_EQ(engine.setOptimizedMarkers(markers), 0);
+    ASSERT_EQ(engine.getOptimizedMarkerErrors(list), 0);
+    ASSERT_EQ(list->size(), 3u);
+    for (int i = 0; i < 3; ++i) {
+        const OptedMarker& m = (*list)[static_cast<std::size_t>(i)];
+        EXPECT_EQ(m.id, i);
+        EXPECT_EQ(m.xyz, markers.xyz[static_cast<std::size_t>(i)]);
+        EXPECT_EQ(m.nor, markers.nor[static_cast<std::size_t>(i)]);
+        EXPECT_EQ(m.count, 0);
+        EXPECT_EQ(m.rms, 0.0f);
+        EXPECT_EQ(m.mean, 0.0f);
+        EXPECT_EQ(m.max, 0.0f);
+    }
+
+    // A new list replaces the old one, which stays alive for whoever shares it.
+    markers.ids = {1};
+    ASSERT_EQ(engine.setOptimizedMarkers(markers), 0);
+    EXPECT_EQ(list->size(), 3u);
+    std::shared_ptr<std::vector<OptedMarker>> newer;
+    engine.getOptimizedMarkerErrors(newer);
+    EXPECT_EQ(newer->size(), 1u);
+
+    markers.ids = {1, 2, 3, 4};  // more ids than positions
+    EXPECT_EQ(engine.setOptimizedMarkers(markers), 1);
+}
+
+TEST_F(EngineTest, IntakeRefusesNullAndMismatchedFrames) {
+    EXPECT_EQ(engine.addScanFrame(nullptr), 1);
+    EXPECT_NE(engine.getLastErrorMsg().find("null"), std::string::npos);
+    auto short_normals = makeFrame(4);
+    short_normals->nor.pop_back();
+    EXPECT_EQ(engine.addScanFrame(short_normals), 1);
+    EXPECT_NE(engine.getLastErrorMsg().find("xyz"), std::string::npos);
+    auto long_words = makeFrame(4);
+    long_words->w.push_back(8);
+    EXPECT_EQ(engine.addScanFrame(long_words), 1);
+    EXPECT_TRUE(engine.heldFrames().empty());
+}
+
+TEST_F(EngineTest, FramesAreHeldInOrderAndTwiceWhenGivenTwice) {
+    Tessaline_OPT& e = engine;
+    auto f = makeFrame(5);
+    auto g = makeFrame(6);
+    ASSERT_EQ(e.addScanFrame(f), 0);
+    ASSERT_EQ(e.addScanFrame(g), 0);
+    ASSERT_EQ(e.addScanFrame(f), 0);
+    ASSERT_EQ(e.heldFrames().size(), 3u);
+    EXPECT_EQ(e.heldFrames()[0], f);
+    EXPECT_EQ(e.heldFrames()[1], g);
+    EXPECT_EQ(e.heldFrames()[2], f);
+    EXPECT_EQ(f.use_count(), 3);
+}
+
+TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {
+    auto a = makeFrame(10), b = makeFrame(20), c = makeFrame(15);
+    for (auto& f : {a, b, c}) ASSERT_EQ(engine.addScanFrame(f), 0);
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(engine.filterScanFrameByMarkers(), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "filter frame by markers (3 / 3) \n");
+    EXPECT_EQ(engine.maxFramePoints(), 20);
+    EXPECT_EQ(engine.deviceParams()->MAX_FRAME_POINTS, 20u);
+    EXPECT_TRUE(engine.heldFrames().empty());
+    for (auto& f : {a, b, c}) {
+        EXPECT_TRUE(f->marker_ids.empty());
+        EXPECT_TRUE(f->marker_xyz.empty());
+        EXPECT_TRUE(f->marker_nor.empty());
+        EXPECT_EQ(f->marker_ids.capacity(), 0u);
+    }
+    EXPECT_EQ(a->xyz.size(), 10u);  // the rest of the frame is untouched
+}
+
+TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerWithItsEmptyText) {
+    recordSteps();
+    auto mesh = std::make_shared<MultiMeshData>();
+    const MultiMeshData* before = mesh.get();
+    std::string out;
+    EXPECT_EQ(quietProcess(mesh, &out), 1);
+    EXPECT_EQ(engine.getLastErrorMsg(), "no error!");
+    EXPECT_NE(out.find("filter frame by markers (0 / 0) \n"), std::string::npos);
+    EXPECT_NE(out.find(" filterScanFrameByMarkers - elapsed time : "), std::string::npos);
+    EXPECT_EQ(engine.deviceParams()->MAX_FRAME_POINTS, 0u);
+    EXPECT_EQ(mesh.get(), before);
+    ASSERT_EQ(steps.size(), 1u);
+    EXPECT_EQ(steps[0].name, L"\u70b9\u4e91\u9884\u5904\u7406");
+    EXPECT_EQ(steps[0].cur_step, 1);
+    EXPECT_EQ(steps[0].total_steps, 3);
+    EXPECT_EQ(steps[0].cur_sub, 1);
+    EXPECT_EQ(steps[0].total_sub, 1);
+}
+
+TEST_F(EngineTest, RunHandsFramesToThePortionerAndResetsBadLaserIds) {
+    auto f = makeFrame(12, 8);
+    auto g = makeFrame(12, -1);
+    auto h = makeFrame(7, 3);
+    for (auto& fr : {f, g, h}) ASSERT_EQ(engine.addScanFrame(fr), 0);
+    auto mesh = std::make_shared<MultiMeshData>();
+    EXPECT_EQ(quietProcess(mesh), 1);  // no block computation behind the Portioner yet
+    EXPECT_EQ(f->frame_info.laser_id, 0);
+    EXPECT_EQ(g->frame_info.laser_id, 0);
+    EXPECT_EQ(h->frame_info.laser_id, 3);
+    // Frames of exactly MAX_FRAME_POINTS points take part: all three are waiting for the second pass.
+    EXPECT_EQ(engine.portioner()->waitingFrameCount(), 3u);
+    EXPECT_TRUE(engine.heldFrames().empty());
+}
+
+TEST_F(EngineTest, EmptyCallbackEndsTheRunBeforeAnyFrameIsTaken) {
+    std::function<int(ProcessStepInfo&)> empty;
+    ASSERT_EQ(engine.setProcessStepCallBack(empty), 0);
+    EXPECT_FALSE(static_cast<bool>(engine.stepCallback()));
+    ASSERT_EQ(engine.addScanFrame(makeFrame(3)), 0);
+    auto mesh = std::make_shared<MultiMeshData>();
+    EXPECT_EQ(quietProcess(mesh), 1);
+    EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process try catch error!");
+    EXPECT_EQ(engine.heldFrames().size(), 1u);  // no frame consumed
+    EXPECT_EQ(engine.portioner()->waitingFrameCount(), 0u);
+}
+
+TEST_F(EngineTest, ThrowingCallbackEndsTheRun) {
+    std::function<int(ProcessStepInfo&)> throwing = [](ProcessStepInfo&) -> int { throw std::runtime_error("x"); };
+    ASSERT_EQ(engine.setProcessStepCallBack(throwing), 0);
+    auto mesh = std::make_shared<MultiMeshData>();
+    EXPECT_EQ(quietProcess(mesh), 1);
+    EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process try catch error!");
+}

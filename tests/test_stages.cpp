@@ -1,0 +1,125 @@
+// Life cycle of the marching cubes stage and the Reconstructor, and the field store they share.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "HashOctree.h"
+#include "MarchingCubes.h"
+#include "Portioner.h"
+#include "Reconstructor.h"
+
+using namespace SurfaceReconstruction;
+
+TEST(FieldDataPool, StartsWithFourBlocksAndFreesOnDeInit) {
+    FieldDataPool pool;
+    EXPECT_FALSE(pool.isInited());
+    ASSERT_TRUE(pool.init());
+    EXPECT_TRUE(pool.isInited());
+    EXPECT_EQ(pool.blockCount(), 4);
+    EXPECT_EQ(sizeof(FieldSlot) * FieldDataPool::FIELD_POOL_BLOCK_SIZE, 16000000u);
+    pool.deInit();
+    EXPECT_EQ(pool.blockCount(), 0);
+    EXPECT_EQ(pool.slot(0), nullptr);
+}
+
+TEST(FieldDataPool, ConcurrentReservationsAreDisjointAndGrowThePool) {
+    FieldDataPool pool;
+    ASSERT_TRUE(pool.init());
+    constexpr int THREADS = 8;
+    constexpr int PER_THREAD = 150000;  // 2.4 million slots: beyond the first four blocks
+    std::vector<std::vector<std::int32_t>> got(THREADS);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&pool, &got, t] {
+            for (int i = 0; i < PER_THREAD; ++i) {
+                std::int32_t index = -1;
+                const std::int32_t count = 1 + (i & 1);
+                ASSERT_EQ(pool.allocDataIndex(index, count), 0);
+                got[static_cast<std::size_t>(t)].push_back(index);
+                got[static_cast<std::size_t>(t)].push_back(count);
+                FieldSlot* s = pool.slot(index + count - 1);  // the last slot of the run must exist
+                ASSERT_NE(s, nullptr);
+                s->value = static_cast<float>(t);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+
+    std::vector<std::pair<std::int32_t, std::int32_t>> runs;
+    for (const auto& list : got)
+        for (std::size_t i = 0; i < list.size(); i += 2) runs.emplace_back(list[i], list[i + 1]);
+    std::sort(runs.begin(), runs.end());
+    std::int32_t expected = 0;
+    for (const auto& run : runs) {
+        ASSERT_EQ(run.first, expected);  // no gap, no overlap
+        expected += run.second;
+    }
+    EXPECT_EQ(expected, pool.size());
+    EXPECT_EQ(pool.blockCount(), (expected + FieldDataPool::FIELD_POOL_BLOCK_SIZE) / FieldDataPool::FIELD_POOL_BLOCK_SIZE);
+}
+
+TEST(MarchingCubesStage, SettersNeedInitAndDeInitIsRepeatable) {
+    MarchingCubes stage;
+    auto octree = std::make_shared<HashOctree>();
+    auto pool = std::make_shared<FieldDataPool>();
+    EXPECT_EQ(stage.setHashOctree(octree), 1);
+    EXPECT_EQ(stage.getLastError(), "no init!");
+    EXPECT_EQ(stage.setFieldDataPool(pool), 1);
+    EXPECT_EQ(stage.deInit(), 0);
+    ASSERT_EQ(stage.init(), 0);
+    EXPECT_EQ(stage.process(std::make_shared<PointCloudBlock>()), 1);
+    EXPECT_EQ(stage.getLastError(), "[MarchingCubes] process error , m_hash_octree == nullptr !");
+    EXPECT_EQ(stage.setHashOctree(octree), 0);
+    EXPECT_EQ(stage.setFieldDataPool(pool), 0);
+    EXPECT_EQ(octree.use_count(), 2);
+    EXPECT_EQ(stage.initDevice(1000), 0);
+    EXPECT_EQ(stage.rawPointsCapacity(), 1001u);  // the largest block passes the strict test
+    EXPECT_EQ(stage.deInitDevice(), 0);
+    EXPECT_EQ(stage.deInit(), 0);
+    EXPECT_EQ(octree.use_count(), 1);  // references dropped
+    EXPECT_EQ(stage.deInit(), 0);
+}
+
+TEST(ReconstructorStage, MeshIsReplacedOnlyOnceOctreeAndPoolAreThere) {
+    Reconstructor stage;
+    auto mesh = std::make_shared<MultiMeshData>();
+    mesh->xyz.push_back(TriangleXYZ{});
+    mesh->w.push_back(TriangleW{});
+    const MultiMeshData* before = mesh.get();
+
+    EXPECT_EQ(stage.process(mesh), 1);
+    EXPECT_EQ(stage.getLastError(), "no init!");
+    EXPECT_EQ(stage.setHashOctree(std::make_shared<HashOctree>()), 1);
+    ASSERT_EQ(stage.init(), 0);
+    EXPECT_EQ(stage.process(mesh), 1);
+    EXPECT_EQ(stage.getLastError(),
+              "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !");
+    EXPECT_EQ(mesh.get(), before);
+
+    ASSERT_EQ(stage.setHashOctree(std::make_shared<HashOctree>()), 0);
+    ASSERT_EQ(stage.setFieldDataPool(std::make_shared<FieldDataPool>()), 0);
+    const int status = stage.process(mesh);
+    EXPECT_NE(mesh.get(), before);  // a new record on every return from here on
+    EXPECT_TRUE(mesh->xyz.empty());
+    EXPECT_EQ(mesh->xyz.size(), mesh->w.size());
+    EXPECT_EQ(status, reconstructorMemoryGuard() ? 0 : 66049);
+    EXPECT_EQ(stage.deInit(), 0);
+}
+
+TEST(HashOctreeLifeCycle, KeepsGeometrySettings) {
+    HashOctree octree;
+    EXPECT_FLOAT_EQ(octree.resolution(), 0.5f);
+    EXPECT_EQ(octree.blockSize(), 100);
+    EXPECT_EQ(octree.init(nullptr), 1);
+    auto params = std::make_shared<HashParameters>(defaultHashParameters());
+    EXPECT_EQ(params->HASH_BUCKET_NUM, 0x4000000u);
+    EXPECT_EQ(params->HASH_BUCKET_MASK, params->HASH_BUCKET_NUM - 1);
+    ASSERT_EQ(octree.init(params), 0);
+    octree.setResolution(0.25f);
+    octree.setBlockSize(256);
+    EXPECT_FLOAT_EQ(octree.resolution(), 0.25f);
+    EXPECT_EQ(octree.blockSize(), 256);
+    EXPECT_EQ(octree.deInit(), 0);
+}
