@@ -199,6 +199,18 @@ int Tessaline_OPT::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& 
     return 0;
 }
 
+int Tessaline_OPT::setSimplifiedModel(const std::vector<Vec3f>& model) {
+    if (refuseBeforeInit()) return 1;
+    try {
+        const int result = m_portioner->setSimplifiedModel(model);
+        if (result != 0) m_last_error = m_portioner->getLastError();
+        return result;
+    } catch (...) {
+        m_last_error = "[Tessaline_OPT] setSimplifiedModel try catch error!";
+        return 1;
+    }
+}
+
 int Tessaline_OPT::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers) {
     if (refuseBeforeInit()) return 1;
     markers = m_opted_markers;
@@ -311,7 +323,7 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
             profiler.time_start("marching_cubes");
             std::shared_ptr<PointCloudBlock> block;
             if (m_portioner->takePointCloudBlock(block, i) != 0) continue;
-            if (!block->points || block->points->empty()) {
+            if (!block || !block->points || block->points->empty()) {
                 std::printf("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
                 continue;
             }

@@ -46,6 +46,8 @@ public:
     int setLaserInfo(const LaserInfo& info);
     int setOptimizedMarkers(MarkerInfos& markers);
     int setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback);
+    // Blocks from a known point list instead of the frames; no exported operation leads here.
+    int setSimplifiedModel(const std::vector<Vec3f>& model);
 
     int addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame);
     int process(std::shared_ptr<MultiMeshData>& mesh);

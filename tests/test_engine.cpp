@@ -307,19 +307,48 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerWithItsEmptyText) {
     EXPECT_EQ(steps[0].total_sub, 1);
 }
 
-TEST_F(EngineTest, RunHandsFramesToThePortionerAndResetsBadLaserIds) {
-    auto f = makeFrame(12, 8);
-    auto g = makeFrame(12, -1);
-    auto h = makeFrame(7, 3);
-    for (auto& fr : {f, g, h}) ASSERT_EQ(engine.addScanFrame(fr), 0);
+TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
+    // Points in three blocks along x, whatever the block size (128 to 512 cells of 0.5).
+    auto spread = makeFrame(3, 8);
+    spread->xyz = {{-300.0f, 2.0f, 3.0f}, {10.0f, 2.0f, 3.0f}, {300.0f, 2.0f, 3.0f}};
+    auto g = makeFrame(3, -1);
+    auto h = makeFrame(2, 3);
+    for (auto& fr : {spread, g, h}) ASSERT_EQ(engine.addScanFrame(fr), 0);
+    recordSteps();
     auto mesh = std::make_shared<MultiMeshData>();
-    EXPECT_EQ(quietProcess(mesh), 1);  // no block computation behind the Portioner yet
-    EXPECT_EQ(f->frame_info.laser_id, 0);
+    const MultiMeshData* before = mesh.get();
+    std::string out;
+    ASSERT_EQ(quietProcess(mesh, &out), 0) << engine.getLastErrorMsg();
+    EXPECT_NE(mesh.get(), before);
+    EXPECT_EQ(mesh->xyz.size(), mesh->w.size());
+    EXPECT_EQ(spread->frame_info.laser_id, 0);  // written back through the application's pointer
     EXPECT_EQ(g->frame_info.laser_id, 0);
     EXPECT_EQ(h->frame_info.laser_id, 3);
-    // Frames of exactly MAX_FRAME_POINTS points take part: all three are waiting for the second pass.
-    EXPECT_EQ(engine.portioner()->waitingFrameCount(), 3u);
     EXPECT_TRUE(engine.heldFrames().empty());
+
+    // n blocks give n + 3 reports: the first step, the opening of step 2, one a block, the third step.
+    const std::vector<std::pair<int, int>> expected_pairs = {{1, 1}, {0, 3}, {0, 3}, {1, 3}, {2, 3}, {1, 1}};
+    ASSERT_EQ(steps.size(), expected_pairs.size());
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        EXPECT_EQ(steps[i].cur_sub, expected_pairs[i].first) << "report " << i;
+        EXPECT_EQ(steps[i].total_sub, expected_pairs[i].second) << "report " << i;
+        EXPECT_EQ(steps[i].total_steps, 3);
+    }
+    EXPECT_EQ(steps[1].name, L"\u878d\u5408\u6570\u636e");
+    EXPECT_EQ(steps[5].name, L"\u751f\u6210\u7f51\u683c");
+    EXPECT_EQ(steps[5].cur_step, 3);
+    std::size_t separators = 0;
+    for (std::size_t at = out.find("==========================================\n"); at != std::string::npos;
+         at = out.find("==========================================\n", at + 1))
+        ++separators;
+    EXPECT_EQ(separators, 3u);
+    EXPECT_NE(out.find(" portioner - elapsed time : "), std::string::npos);
+    EXPECT_NE(out.find(" reconstructor - elapsed time : "), std::string::npos);
+
+    // The run ended the life of the Portioner: a second run fails there.
+    EXPECT_EQ(quietProcess(mesh), 1);
+    EXPECT_EQ(engine.getLastErrorMsg(), "no init!");
+    EXPECT_TRUE(engine.isInited());
 }
 
 TEST_F(EngineTest, EmptyCallbackEndsTheRunBeforeAnyFrameIsTaken) {

@@ -1,0 +1,521 @@
+// Device part of the Portioner: the buffers of both passes, the block computation of the first pass and
+// the partition of a batch. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
+#include <thrust/execution_policy.h>
+#include <thrust/sort.h>
+#include <thrust/system_error.h>
+#include <thrust/unique.h>
+
+#include <cmath>
+#include <cstdio>
+#include <new>
+#include <stdexcept>
+
+#include "Portioner.h"
+
+namespace SurfaceReconstruction {
+
+namespace {
+
+// Grid index of every point of the raw surface buffer; every point makes a position.
+struct ComputeRawSurfaceBlockHashKernel {
+    const float* xyz;
+    std::int64_t n;
+    float block_res;
+    RawSurfaceBlockPos* out;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= n) return;
+        out[i].x = gridIndex(xyz[3 * i], block_res);
+        out[i].y = gridIndex(xyz[3 * i + 1], block_res);
+        out[i].z = gridIndex(xyz[3 * i + 2], block_res);
+    }
+};
+
+// Tags each point of the batch with its own block and with each neighbour whose margin holds it. Writes
+// stop at the capacity of `raw_points`; the count goes on, so the caller sees how much was needed.
+struct ProcessScanFrameListKernel {
+    const float* xyz;
+    const float* nor;
+    const std::int32_t* w;
+    const FrameInfo* frame_info;
+    const DeviceParameters* device_params;
+    std::int64_t n;
+    float block_res;
+    float half_ext;
+    SimpleLineHashEntry* hash_entries;
+    std::uint64_t hash_mask;
+    RawPointWithHash* raw_points;
+    int* raw_points_size;
+    std::int64_t raw_points_capacity;
+
+    TESSA_HD void tag(std::int32_t e, const RawPointWithHash& point) const {
+        deviceAtomicAdd(&hash_entries[e].count, 1);
+        deviceAtomicOr(&hash_entries[e].flags, point.w);
+        const int slot = deviceAtomicAdd(raw_points_size, 1);
+        if (slot >= raw_points_capacity) return;
+        raw_points[slot] = point;
+        raw_points[slot].hash = e;
+    }
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= n) return;
+        const float x = xyz[3 * i], y = xyz[3 * i + 1], z = xyz[3 * i + 2];
+        if (fabsf(x) < PORTIONER_ORIGIN_SKIP && fabsf(y) < PORTIONER_ORIGIN_SKIP && fabsf(z) < PORTIONER_ORIGIN_SKIP) {
+            return;  // an empty part of a frame slot, or a point that near the origin
+        }
+        const std::uint64_t frame = static_cast<std::uint64_t>(i) / device_params->MAX_FRAME_POINTS;
+        RawPointWithHash point;
+        point.x = x;
+        point.y = y;
+        point.z = z;
+        point.nx = nor[3 * i];
+        point.ny = nor[3 * i + 1];
+        point.nz = nor[3 * i + 2];
+        point.w = w[i];
+        point.hash = -1;
+        point.laser = static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF);
+        point.reserved_a = 0;
+        point.reserved_b = 0;
+
+        const std::uint32_t mask = static_cast<std::uint32_t>(hash_mask);
+        const std::int32_t bx = gridIndex(x, block_res), by = gridIndex(y, block_res), bz = gridIndex(z, block_res);
+        const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
+        if (own < 0) {
+            printf("processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
+                   "block_res(%f) hash_mask(%d)\n",
+                   x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
+            return;
+        }
+        tag(own, point);
+
+        const float half_block = block_res * 0.5f;
+        for (int dx = -1; dx <= 1; ++dx) {
+            for (int dy = -1; dy <= 1; ++dy) {
+                for (int dz = -1; dz <= 1; ++dz) {
+                    if (dx == 0 && dy == 0 && dz == 0) continue;
+                    const std::int32_t nx = bx + dx, ny = by + dy, nz = bz + dz;
+                    const std::int32_t e = findLineHashEntry(hash_entries, mask, nx, ny, nz);
+                    if (e < 0) continue;  // no block behind this side
+                    const float cx = fmaf(static_cast<float>(nx), block_res, half_block);
+                    const float cy = fmaf(static_cast<float>(ny), block_res, half_block);
+                    const float cz = fmaf(static_cast<float>(nz), block_res, half_block);
+                    if (fabsf(x - cx) > half_ext || fabsf(y - cy) > half_ext || fabsf(z - cz) > half_ext) continue;
+                    tag(e, point);
+                }
+            }
+        }
+    }
+};
+
+// Counts the runs of one block in the sorted batch, so that the change list can be sized first.
+struct CountBlockChangesKernel {
+    const RawPointWithHash* raw_points;
+    std::int64_t n;
+    int* changes_size;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= n) return;
+        if (i != 0 && raw_points[i - 1].hash == raw_points[i].hash) return;
+        deviceAtomicAdd(changes_size, 1);
+    }
+};
+
+// One change for the first point of each block's run; the entry's count goes back to 0.
+struct DetectBlockChangesKernel {
+    const RawPointWithHash* raw_points;
+    const int* raw_points_size;
+    SimpleLineHashEntry* hash_entries;
+    BlockChangesData* changes;
+    int* changes_size;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= *raw_points_size) return;
+        if (i != 0 && raw_points[i - 1].hash == raw_points[i].hash) return;
+        const int slot = deviceAtomicAdd(changes_size, 1);
+        SimpleLineHashEntry& entry = hash_entries[raw_points[i].hash];
+        changes[slot].block_id = entry.id;
+        changes[slot].flags = entry.flags;
+        changes[slot].points_num = entry.count;
+        changes[slot].offset = static_cast<std::int32_t>(i);
+        entry.count = 0;
+    }
+};
+
+// Sets every entry's count back to 0 before a batch is run again.
+struct ResetEntryCountsKernel {
+    SimpleLineHashEntry* hash_entries;
+    std::int64_t n;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) < n) hash_entries[i].count = 0;
+    }
+};
+
+// Sorts a block position list on the device and removes repeats; returns the new length.
+std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_t n) {
+    if (n <= 0) return 0;
+    thrust::sort(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_LESS());
+    RawSurfaceBlockPos* end = thrust::unique(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_EQUAL());
+    return end - positions;
+}
+
+// A temporary device buffer that is freed on every path.
+template <class T>
+class ScopedDeviceBuffer {
+public:
+    ~ScopedDeviceBuffer() {
+        if (m_ptr != nullptr) deviceFree(m_ptr);
+    }
+    T*& ptr() { return m_ptr; }
+    void release(const char* expression) { TESSA_DEVICE_RELEASE(m_ptr, expression); }
+
+private:
+    T* m_ptr = nullptr;
+};
+
+}  // namespace
+
+// ---- buffers ---------------------------------------------------------------------------------------
+
+int Portioner::initRawSurface_Device(std::uint64_t capacity) {
+    try {
+        TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
+        m_raw_surface_capacity = 0;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_surface_xyz_dev, capacity * 3 * sizeof(float)),
+                           "cudaMalloc(&m_raw_surface_xyz_dev , PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
+                           "* 3 * sizeof(float))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_surface_block_dev, capacity * sizeof(RawSurfaceBlockPos)),
+                           "cudaMalloc(&m_raw_surface_block_dev, PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
+                           "* sizeof(RawSurfaceBlockPos))");
+        m_raw_surface_capacity = capacity;
+        return 0;
+    } catch (const DeviceError&) {
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        return 1;
+    }
+}
+
+int Portioner::deInitRawSurface_Device() {
+    try {
+        TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
+        m_raw_surface_capacity = 0;
+        return 0;
+    } catch (const DeviceError&) {
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        return 1;
+    }
+}
+
+int Portioner::initPartition_Device() {
+    try {
+        m_adding_frame_size = 0;
+        m_computing_frame_size = 0;
+        m_slot_points = maxFramePoints();
+        const std::size_t slot_points = m_slot_points;
+        const std::size_t slots = static_cast<std::size_t>(m_batch_slots);
+        for (std::shared_ptr<HostFrameBatch>* buffer : {&m_adding_frames, &m_computing_frames}) {
+            auto batch = std::make_shared<HostFrameBatch>();
+            batch->xyz.assign(slots * slot_points * 3, 0.0f);
+            batch->nor.assign(slots * slot_points * 3, 0.0f);
+            batch->w.assign(slots * slot_points, 0);
+            batch->frame_info.assign(slots, FrameInfo{});
+            batch->slot_points.assign(slots, 0);
+            *buffer = std::move(batch);
+        }
+    } catch (...) {
+        m_last_error = "[Portioner] setRawSurfacePoints try catch error!";
+        return TESSALINE_OUT_OF_MEMORY;
+    }
+    try {
+        const std::size_t batch_points = static_cast<std::size_t>(m_batch_slots) * m_slot_points;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)),
+                           "cudaMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)),
+                           "cudaMalloc(&m_computing_frames_dev.xyz, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
+                           "sizeof(float))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)),
+                           "cudaMalloc(&m_computing_frames_dev.nor, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
+                           "sizeof(float))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)),
+                           "cudaMalloc(&m_computing_frames_dev.w, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * "
+                           "sizeof(int))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.frame_info,
+                                        static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)),
+                           "cudaMalloc(&m_computing_frames_dev.frame_info , PORTIONER_MAX_FRAME_SIZE * "
+                           "sizeof(SurfaceReconstruction::FrameInfo))");
+        // Four records a slot point cover a batch unless most points sit in margins; a batch that needs
+        // more grows the buffer and runs again.
+        std::uint64_t raw_points = m_raw_points_capacity_request != 0 ? m_raw_points_capacity_request
+                                                                       : static_cast<std::uint64_t>(batch_points) * 4;
+        if (raw_points == 0) raw_points = 1;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
+                           "cudaMalloc(&m_raw_points_hash_dev, MAX_FRAME_POINTS * 2000 * sizeof(RawPointWithHash))");
+        m_raw_points_capacity = raw_points;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
+                           "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)),
+                           "cudaMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData))");
+        m_block_changes_capacity = PORTIONER_MAX_BLOCK_CHANGES;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)),
+                           "cudaMalloc(&m_block_changes_size_dev, sizeof(int))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_device_params_dev, sizeof(DeviceParameters)),
+                           "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))");
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_device_params_dev, m_device_params.get(), sizeof(DeviceParameters),
+                                        CopyKind::HostToDevice),
+                           "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
+                           "cudaMemcpyHostToDevice)");
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "[Portioner] setRawSurfacePoints try catch device error!";
+        return TESSALINE_PARTITION_DEVICE;
+    } catch (...) {
+        m_last_error = "[Portioner] setRawSurfacePoints try catch error!";
+        return TESSALINE_OUT_OF_MEMORY;
+    }
+}
+
+int Portioner::deInitPartition_Device() {
+    try {
+        m_adding_frames.reset();
+        m_computing_frames.reset();
+        TESSA_DEVICE_RELEASE(m_simple_line_hash_dev, "cudaFree(m_simple_line_hash_dev)");
+        TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz, "cudaFree(m_computing_frames_dev.xyz)");
+        TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor, "cudaFree(m_computing_frames_dev.nor)");
+        TESSA_DEVICE_RELEASE(m_computing_frames_dev.w, "cudaFree(m_computing_frames_dev.w)");
+        TESSA_DEVICE_RELEASE(m_computing_frames_dev.frame_info, "cudaFree(m_computing_frames_dev.frame_info)");
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+        m_raw_points_capacity = 0;
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
+        TESSA_DEVICE_RELEASE(m_block_changes_data_dev, "cudaFree(m_block_changes_data_dev)");
+        m_block_changes_capacity = 0;
+        TESSA_DEVICE_RELEASE(m_block_changes_size_dev, "cudaFree(m_block_changes_size_dev)");
+        TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "[Portioner] process try catch device error!";
+        return TESSALINE_PARTITION_DEVICE;
+    } catch (...) {
+        m_last_error = "[Portioner] process try catch error!";
+        return 1;
+    }
+}
+
+int Portioner::growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_t changes) {
+    if (raw_points > m_raw_points_capacity) {
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+        m_raw_points_capacity = 0;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
+                           "cudaMalloc(&m_raw_points_hash_dev, raw_points_hash_size * sizeof(RawPointWithHash))");
+        m_raw_points_capacity = raw_points;
+    }
+    if (changes > m_block_changes_capacity) {
+        TESSA_DEVICE_RELEASE(m_block_changes_data_dev, "cudaFree(m_block_changes_data_dev)");
+        m_block_changes_capacity = 0;
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_data_dev, changes * sizeof(BlockChangesData)),
+                           "cudaMalloc(&m_block_changes_data_dev, changes_size * sizeof(BlockChangesData))");
+        m_block_changes_capacity = changes;
+    }
+    return 0;
+}
+
+// ---- first pass: block positions -------------------------------------------------------------------
+
+int Portioner::computeRawSurfaceBlock_Device(float block_res) {
+    try {
+        const std::int64_t n = m_raw_surface_point_size;
+        launchKernel(static_cast<std::size_t>(n),
+                     ComputeRawSurfaceBlockHashKernel{m_raw_surface_xyz_dev, n, block_res, m_raw_surface_block_dev});
+        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        const std::int64_t unique_hash_size = sortUniqueBlockPositions(m_raw_surface_block_dev, n);
+        const std::size_t ori_size = m_raw_surface_block_vec.size();
+        m_raw_surface_block_vec.resize(ori_size + static_cast<std::size_t>(unique_hash_size));
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_vec.data() + ori_size, m_raw_surface_block_dev,
+                                        static_cast<std::size_t>(unique_hash_size) * sizeof(RawSurfaceBlockPos),
+                                        CopyKind::DeviceToHost),
+                           "cudaMemcpy(m_raw_surface_block_vec.data() + ori_size, m_raw_surface_block_dev , "
+                           "unique_hash_size * sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
+        ++m_block_computations;
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "[] computeModelBlockHash_Device try catch device error!";
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (const thrust::system::system_error& e) {
+        std::printf("[Portioner] thruest error: %s !", e.what());
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        return 1;
+    }
+}
+
+int Portioner::reOrganizeRawSurfaceBlock_Device() {
+    try {
+        const std::size_t total_block_size = m_raw_surface_block_vec.size();
+        if (total_block_size > m_raw_surface_capacity) {
+            m_last_error = "[Portioner] reOrganizeRawSurfaceBlock_Device: block list longer than its device buffer!";
+            return 1;
+        }
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_dev, m_raw_surface_block_vec.data(),
+                                        total_block_size * sizeof(RawSurfaceBlockPos), CopyKind::HostToDevice),
+                           "cudaMemcpy(m_raw_surface_block_dev, m_raw_surface_block_vec.data(), total_block_size * "
+                           "sizeof(RawSurfaceBlockPos), cudaMemcpyHostToDevice)");
+        const std::int64_t unique_hash_size =
+            sortUniqueBlockPositions(m_raw_surface_block_dev, static_cast<std::int64_t>(total_block_size));
+        m_raw_surface_block_vec.resize(static_cast<std::size_t>(unique_hash_size));
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_vec.data(), m_raw_surface_block_dev,
+                                        static_cast<std::size_t>(unique_hash_size) * sizeof(RawSurfaceBlockPos),
+                                        CopyKind::DeviceToHost),
+                           "cudaMemcpy(m_raw_surface_block_vec.data(), m_raw_surface_block_dev , unique_hash_size * "
+                           "sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "[] computeModelBlockHash_Device try catch device error!";
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (const thrust::system::system_error& e) {
+        std::printf("[Portioner] thruest error: %s !", e.what());
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        return 1;
+    }
+}
+
+int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz, float block_res,
+                                            std::vector<RawSurfaceBlockPos>& out) {
+    try {
+        const std::int64_t points_size = static_cast<std::int64_t>(model_xyz.size());
+        const std::size_t n = static_cast<std::size_t>(points_size);
+        ScopedDeviceBuffer<RawSurfaceBlockPos> raw_surface_block_dev;
+        ScopedDeviceBuffer<float> points_data_xyz_dev;
+        TESSA_DEVICE_CHECK(deviceMalloc(&raw_surface_block_dev.ptr(), n * sizeof(RawSurfaceBlockPos)),
+                           "cudaMalloc(&raw_surface_block_dev, points_size * sizeof(RawSurfaceBlockPos))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&points_data_xyz_dev.ptr(), n * 3 * sizeof(float)),
+                           "cudaMalloc(&points_data_xyz_dev, points_size * 3 * sizeof(float))");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(points_data_xyz_dev.ptr(), model_xyz.data(), n * 3 * sizeof(float), CopyKind::HostToDevice),
+            "cudaMemcpy(points_data_xyz_dev, points_data_xyz , points_size * 3 * sizeof(float), cudaMemcpyHostToDevice)");
+        launchKernel(n, ComputeRawSurfaceBlockHashKernel{points_data_xyz_dev.ptr(), points_size, block_res,
+                                                         raw_surface_block_dev.ptr()});
+        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        const std::int64_t unique_hash_size = sortUniqueBlockPositions(raw_surface_block_dev.ptr(), points_size);
+        out.resize(static_cast<std::size_t>(unique_hash_size));
+        TESSA_DEVICE_CHECK(deviceMemcpy(out.data(), raw_surface_block_dev.ptr(),
+                                        static_cast<std::size_t>(unique_hash_size) * sizeof(RawSurfaceBlockPos),
+                                        CopyKind::DeviceToHost),
+                           "cudaMemcpy(raw_surface_block_vec.data(), raw_surface_block_dev , unique_hash_size * "
+                           "sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
+        points_data_xyz_dev.release("cudaFree(points_data_xyz_dev)");
+        raw_surface_block_dev.release("cudaFree(raw_surface_block_dev)");
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "[] computeModelBlockHash_Device try catch device error!";
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (const thrust::system::system_error& e) {
+        std::printf("[Portioner] thruest error: %s !", e.what());
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        return 1;
+    }
+}
+
+// ---- second pass: partition of a batch -------------------------------------------------------------
+
+int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
+    try {
+        const std::int64_t max_point_size = static_cast<std::int64_t>(m_slot_points) * m_computing_frame_size;
+        const std::size_t points = static_cast<std::size_t>(max_point_size);
+        const HostFrameBatch& batch = *m_computing_frames;
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.xyz, batch.xyz.data(), points * sizeof(float) * 3,
+                                        CopyKind::HostToDevice),
+                           "cudaMemcpy(m_computing_frames_dev.xyz, m_computing_frames->xyz , max_point_size * "
+                           "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.nor, batch.nor.data(), points * sizeof(float) * 3,
+                                        CopyKind::HostToDevice),
+                           "cudaMemcpy(m_computing_frames_dev.nor, m_computing_frames->nor , max_point_size * "
+                           "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int), CopyKind::HostToDevice),
+            "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
+            "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
+                                        static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
+                                        CopyKind::HostToDevice),
+                           "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
+                           "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
+
+        const float half_ext = block_res * 0.5f + ext_res;
+        int raw_points_hash_size = 0;
+        for (int attempt = 0;; ++attempt) {
+            TESSA_DEVICE_CHECK(deviceMemset(m_raw_points_hash_size_dev, 0, sizeof(int)),
+                               "cudaMemset(m_raw_points_hash_size_dev, 0, sizeof(int))");
+            TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
+                               "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+            launchKernel(points, ProcessScanFrameListKernel{m_computing_frames_dev.xyz, m_computing_frames_dev.nor,
+                                                            m_computing_frames_dev.w, m_computing_frames_dev.frame_info,
+                                                            m_device_params_dev, max_point_size, block_res, half_ext,
+                                                            m_simple_line_hash_dev, m_hash_mask, m_raw_points_hash_dev,
+                                                            m_raw_points_hash_size_dev,
+                                                            static_cast<std::int64_t>(m_raw_points_capacity)});
+            TESSA_DEVICE_CHECK(deviceMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev, sizeof(int),
+                                            CopyKind::DeviceToHost),
+                               "cudaMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev , sizeof(int), "
+                               "cudaMemcpyDeviceToHost)");
+            if (static_cast<std::uint64_t>(raw_points_hash_size) <= m_raw_points_capacity) break;
+            if (attempt > 0) throw std::runtime_error("partition output outgrew its buffer twice");
+            // The batch wrote only what fitted: make room for all of it and run it again from clean counts.
+            growPartitionOutput_Device(static_cast<std::uint64_t>(raw_points_hash_size), 0);
+            ++m_partition_reruns;
+            launchKernel(m_hash_entry_size, ResetEntryCountsKernel{m_simple_line_hash_dev,
+                                                                   static_cast<std::int64_t>(m_hash_entry_size)});
+        }
+
+        if (raw_points_hash_size > 0) {
+            thrust::sort(thrust::device, m_raw_points_hash_dev, m_raw_points_hash_dev + raw_points_hash_size,
+                         RawPointWithHash_CMP_LESS());
+        }
+
+        launchKernel(static_cast<std::size_t>(raw_points_hash_size),
+                     CountBlockChangesKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});
+        int changes_size = 0;
+        TESSA_DEVICE_CHECK(deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                           "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+        growPartitionOutput_Device(0, static_cast<std::uint64_t>(changes_size));
+        TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
+                           "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+
+        launchKernel(static_cast<std::size_t>(raw_points_hash_size),
+                     DetectBlockChangesKernel{m_raw_points_hash_dev, m_raw_points_hash_size_dev, m_simple_line_hash_dev,
+                                              m_block_changes_data_dev, m_block_changes_size_dev});
+        TESSA_DEVICE_CHECK(deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                           "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+        std::vector<BlockChangesData> changes_data(static_cast<std::size_t>(changes_size));
+        TESSA_DEVICE_CHECK(deviceMemcpy(changes_data.data(), m_block_changes_data_dev,
+                                        changes_data.size() * sizeof(BlockChangesData), CopyKind::DeviceToHost),
+                           "cudaMemcpy(changes_data.data(), m_block_changes_data_dev , changes_size * "
+                           "sizeof(BlockChangesData), cudaMemcpyDeviceToHost)");
+
+        for (const BlockChangesData& change : changes_data) {
+            PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(change.block_id)];
+            block.flags |= change.flags;
+            std::vector<RawPointWithHash>& list = *block.points;
+            const std::size_t ori_size = list.size();
+            list.resize(ori_size + static_cast<std::size_t>(change.points_num));
+            TESSA_DEVICE_CHECK(deviceMemcpy(list.data() + ori_size, m_raw_points_hash_dev + change.offset,
+                                            static_cast<std::size_t>(change.points_num) * sizeof(RawPointWithHash),
+                                            CopyKind::DeviceToHost),
+                               "cudaMemcpy(ori_points_ptr, cur_device_ptr , changes_data[idx].points_num * "
+                               "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+        }
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "[Portioner] processScanFrameList_Device try catch device error!";
+        return 1;
+    } catch (...) {
+        m_last_error = "[Portioner] processScanFrameList_Device try catch error!";
+        return 1;
+    }
+}
+
+}  // namespace SurfaceReconstruction
