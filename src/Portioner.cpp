@@ -241,9 +241,11 @@ int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& f
     HostFrameBatch& batch = *m_adding_frames;
     const std::size_t slot = static_cast<std::size_t>(m_adding_frame_size);
     const std::size_t start = slot * m_slot_points;
-    std::memcpy(batch.xyz.data() + 3 * start, frame->xyz.data(), pt_size * 3 * sizeof(float));
-    std::memcpy(batch.nor.data() + 3 * start, frame->nor.data(), pt_size * 3 * sizeof(float));
-    std::memcpy(batch.w.data() + start, frame->w.data(), pt_size * sizeof(std::int32_t));
+    if (pt_size > 0) {
+        std::memcpy(batch.xyz.data() + 3 * start, frame->xyz.data(), pt_size * 3 * sizeof(float));
+        std::memcpy(batch.nor.data() + 3 * start, frame->nor.data(), pt_size * 3 * sizeof(float));
+        std::memcpy(batch.w.data() + start, frame->w.data(), pt_size * sizeof(std::int32_t));
+    }
     batch.frame_info[slot] = frame->frame_info;
     batch.slot_points[slot] = static_cast<std::uint32_t>(pt_size);
     ++m_adding_frame_size;

@@ -67,9 +67,11 @@ struct RawPointWithHash {
     std::int32_t w;     // the frame's word: bits 0-7 scale wish, bits 8 and up flags
     std::int32_t hash;  // here the block's table entry; the marching cubes stage writes a Morton code into it
     std::uint8_t laser;
+    std::uint8_t padding;  // always 0: records are compared and copied byte for byte
     std::uint16_t reserved_a;
     std::uint16_t reserved_b;
 };
+static_assert(sizeof(RawPointWithHash) == 40, "RawPointWithHash has no hidden padding");
 
 // Orders by `hash` as unsigned, then by every other field's bits, so that the points of a block come
 // out in one order whatever order the threads wrote them in.

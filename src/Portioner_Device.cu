@@ -74,6 +74,7 @@ struct ProcessScanFrameListKernel {
         point.w = w[i];
         point.hash = -1;
         point.laser = static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF);
+        point.padding = 0;
         point.reserved_a = 0;
         point.reserved_b = 0;
 
@@ -157,6 +158,24 @@ std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_
     thrust::sort(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_LESS());
     RawSurfaceBlockPos* end = thrust::unique(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_EQUAL());
     return end - positions;
+}
+
+// The failure handling that the block computations share: device failures and Thrust errors become
+// 65797, anything else 1; what was already appended to the block list stays.
+template <class Step>
+int runBlockComputation(std::string& last_error, Step step) {
+    try {
+        step();
+        return 0;
+    } catch (const DeviceError&) {
+        last_error = "[] computeModelBlockHash_Device try catch device error!";
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (const thrust::system::system_error& e) {
+        std::printf("[Portioner] thruest error: %s !", e.what());
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        return 1;
+    }
 }
 
 // A temporary device buffer that is freed on every path.
@@ -325,7 +344,7 @@ int Portioner::growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_
 // ---- first pass: block positions -------------------------------------------------------------------
 
 int Portioner::computeRawSurfaceBlock_Device(float block_res) {
-    try {
+    return runBlockComputation(m_last_error, [&] {
         const std::int64_t n = m_raw_surface_point_size;
         launchKernel(static_cast<std::size_t>(n),
                      ComputeRawSurfaceBlockHashKernel{m_raw_surface_xyz_dev, n, block_res, m_raw_surface_block_dev});
@@ -339,25 +358,16 @@ int Portioner::computeRawSurfaceBlock_Device(float block_res) {
                            "cudaMemcpy(m_raw_surface_block_vec.data() + ori_size, m_raw_surface_block_dev , "
                            "unique_hash_size * sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
         ++m_block_computations;
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[] computeModelBlockHash_Device try catch device error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (const thrust::system::system_error& e) {
-        std::printf("[Portioner] thruest error: %s !", e.what());
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 int Portioner::reOrganizeRawSurfaceBlock_Device() {
-    try {
-        const std::size_t total_block_size = m_raw_surface_block_vec.size();
-        if (total_block_size > m_raw_surface_capacity) {
-            m_last_error = "[Portioner] reOrganizeRawSurfaceBlock_Device: block list longer than its device buffer!";
-            return 1;
-        }
+    const std::size_t total_block_size = m_raw_surface_block_vec.size();
+    if (total_block_size > m_raw_surface_capacity) {
+        m_last_error = "[Portioner] reOrganizeRawSurfaceBlock_Device: block list longer than its device buffer!";
+        return 1;
+    }
+    return runBlockComputation(m_last_error, [&] {
         TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_dev, m_raw_surface_block_vec.data(),
                                         total_block_size * sizeof(RawSurfaceBlockPos), CopyKind::HostToDevice),
                            "cudaMemcpy(m_raw_surface_block_dev, m_raw_surface_block_vec.data(), total_block_size * "
@@ -370,21 +380,12 @@ int Portioner::reOrganizeRawSurfaceBlock_Device() {
                                         CopyKind::DeviceToHost),
                            "cudaMemcpy(m_raw_surface_block_vec.data(), m_raw_surface_block_dev , unique_hash_size * "
                            "sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[] computeModelBlockHash_Device try catch device error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (const thrust::system::system_error& e) {
-        std::printf("[Portioner] thruest error: %s !", e.what());
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz, float block_res,
                                             std::vector<RawSurfaceBlockPos>& out) {
-    try {
+    return runBlockComputation(m_last_error, [&] {
         const std::int64_t points_size = static_cast<std::int64_t>(model_xyz.size());
         const std::size_t n = static_cast<std::size_t>(points_size);
         ScopedDeviceBuffer<RawSurfaceBlockPos> raw_surface_block_dev;
@@ -408,16 +409,7 @@ int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz,
                            "sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
         points_data_xyz_dev.release("cudaFree(points_data_xyz_dev)");
         raw_surface_block_dev.release("cudaFree(raw_surface_block_dev)");
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[] computeModelBlockHash_Device try catch device error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (const thrust::system::system_error& e) {
-        std::printf("[Portioner] thruest error: %s !", e.what());
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 // ---- second pass: partition of a batch -------------------------------------------------------------

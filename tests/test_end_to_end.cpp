@@ -10,6 +10,7 @@
 #include "BunnyData.h"
 #include "GridHash.h"
 #include "Portioner.h"
+#include "PortionerSetup.h"
 #include "Tessaline_OPT.h"
 
 using namespace SurfaceReconstruction;
@@ -93,13 +94,8 @@ TEST(EndToEnd, BunnyBlocksHoldEveryPointAndItsMarginCopies) {
         const auto frames = bunnyFrames();
         std::uint32_t largest = 0;
         for (const auto& f : frames) largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
-        auto params = std::make_shared<DeviceParameters>();
-        std::memset(params.get(), 0, sizeof(DeviceParameters));
-        params->MAX_FRAME_POINTS = largest;
         Portioner portioner;
-        portioner.setDeviceParams(params);
-        portioner.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{block_size, 12, block_size + 24}));
-        portioner.setResolution(resolution);
+        testing_support::configurePortioner(portioner, largest, block_size, resolution);
         ASSERT_EQ(portioner.init(), 0);
         for (const auto& f : frames) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
         ASSERT_EQ(portioner.processWithoutModel(), 0);

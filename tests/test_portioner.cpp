@@ -15,10 +15,12 @@
 #include "FakeDevices.h"
 #include "GridHash.h"
 #include "Portioner.h"
+#include "PortionerSetup.h"
 #include "ThreadPool.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::FakeDevices;
+using testing_support::configurePortioner;
 
 namespace {
 PortionerParameters sized(float resolution) {
@@ -56,13 +58,7 @@ TEST(BlockSizing, WithoutAMemoryFigureStaysAt256WhateverTheResolution) {
 
 class PortionerIntake : public ::testing::Test {
 protected:
-    void SetUp() override {
-        params = std::make_shared<DeviceParameters>();
-        std::memset(params.get(), 0, sizeof(DeviceParameters));
-        params->MAX_FRAME_POINTS = 20;
-        portioner.setDeviceParams(params);
-        portioner.setPortionerParams(std::make_shared<PortionerParameters>(sized(0.5f)));
-    }
+    void SetUp() override { params = configurePortioner(portioner, 20, 256, 0.5f); }
 
     static std::shared_ptr<FrameDataWithInfo> frame(std::size_t points, int laser_id) {
         auto f = std::make_shared<FrameDataWithInfo>();
@@ -106,22 +102,6 @@ TEST_F(PortionerIntake, LaserIdOutsideZeroToSevenIsWrittenBackAsZero) {
         ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
         EXPECT_EQ(f->frame_info.laser_id, (id >= 0 && id <= 7) ? id : 0) << "laser_id " << id;
     }
-}
-
-TEST_F(PortionerIntake, BlockAccessorsRefuseBadIndices) {
-    ASSERT_EQ(portioner.init(), 0);
-    std::shared_ptr<PointCloudBlock> block;
-    EXPECT_EQ(portioner.getPointCloudBlockCount(), 0);
-    EXPECT_EQ(portioner.getMaxBlockPointsSize(), 0);
-    for (int index : {-1, 0, 5}) {
-        EXPECT_EQ(portioner.takePointCloudBlock(block, index), 1);
-        EXPECT_EQ(portioner.getLastError(), "no cur block id!");
-        EXPECT_EQ(block, nullptr);
-    }
-    // Without blocks the second pass ends the run quietly.
-    EXPECT_EQ(portioner.processWithoutModel(), 1);
-    EXPECT_EQ(portioner.deInit(), 0);
-    EXPECT_EQ(portioner.deInit(), 0);
 }
 
 // ---- whole runs of the Portioner ---------------------------------------------------------------------
@@ -225,14 +205,9 @@ public:
     explicit PortionerRun(const Frames& frames, std::uint64_t raw_points_capacity = 0) {
         std::uint32_t largest = 0;
         for (const auto& f : frames) largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
-        params = std::make_shared<DeviceParameters>();
-        std::memset(params.get(), 0, sizeof(DeviceParameters));
-        params->MAX_FRAME_POINTS = largest;
+        params = configurePortioner(portioner, largest, BLOCK_SIZE, RES);
         pool = std::make_shared<ThreadPool>(2);
-        portioner.setDeviceParams(params);
-        portioner.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{BLOCK_SIZE, 12, BLOCK_SIZE + 24}));
         portioner.setThreadPool(pool);
-        portioner.setResolution(RES);
         portioner.setRawPointsCapacityForTest(raw_points_capacity);
         EXPECT_EQ(portioner.init(), 0);
         for (const auto& f : frames) EXPECT_EQ(portioner.addScanFrameWithoutModel(f), 0);
@@ -311,13 +286,9 @@ TEST(PortionerRuns, EveryPointReachesItsBlockAndTheMarginsThatHoldIt) {
         }
         previous = block;
     }
-    EXPECT_EQ(run.portioner.getMaxBlockPointsSize(), static_cast<int>(run.portioner.getPointCloudBlockCount() > 0
-                                                                           ? [&] {
-                                                                                 std::shared_ptr<PointCloudBlock> b;
-                                                                                 run.portioner.getPointCloudBlock(b, 0);
-                                                                                 return b->points->size();
-                                                                             }()
-                                                                           : 0));
+    std::shared_ptr<PointCloudBlock> largest;
+    ASSERT_EQ(run.portioner.getPointCloudBlock(largest, 0), 0);
+    EXPECT_EQ(run.portioner.getMaxBlockPointsSize(), static_cast<int>(largest->points->size()));
 }
 
 TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
@@ -451,13 +422,8 @@ TEST(PortionerRuns, TakingBlocksEmptiesTheirSlots) {
 
 TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
     // Slot size 20 at init gives room for 20000 points; frames of up to 60 points then arrive.
-    auto params = std::make_shared<DeviceParameters>();
-    std::memset(params.get(), 0, sizeof(DeviceParameters));
-    params->MAX_FRAME_POINTS = 20;
     Portioner portioner;
-    portioner.setDeviceParams(params);
-    portioner.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{BLOCK_SIZE, 12, BLOCK_SIZE + 24}));
-    portioner.setResolution(RES);
+    auto params = configurePortioner(portioner, 20, BLOCK_SIZE, RES);
     ASSERT_EQ(portioner.init(), 0);
     EXPECT_EQ(portioner.rawSurfaceCapacity(), 20000u);
     params->MAX_FRAME_POINTS = 30000;
@@ -480,13 +446,8 @@ TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
 }
 
 TEST(PortionerRuns, ModelPathTakesBlocksFromTheModel) {
-    auto params = std::make_shared<DeviceParameters>();
-    std::memset(params.get(), 0, sizeof(DeviceParameters));
-    params->MAX_FRAME_POINTS = 10;
     Portioner portioner;
-    portioner.setDeviceParams(params);
-    portioner.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{BLOCK_SIZE, 12, BLOCK_SIZE + 24}));
-    portioner.setResolution(RES);
+    auto params = configurePortioner(portioner, 10, BLOCK_SIZE, RES);
     EXPECT_EQ(portioner.setSimplifiedModel({{1, 1, 1}}), 1);
     EXPECT_EQ(portioner.getLastError(), "no init!");
     ASSERT_EQ(portioner.init(), 0);
@@ -514,11 +475,8 @@ TEST(PortionerRuns, ModelPathTakesBlocksFromTheModel) {
 TEST(PortionerRuns, FailedDeviceAllocationIsReportedWithItsStatus) {
     testing_support::FakeDevices fake;
     fake.fail_malloc_at = 0;
-    auto params = std::make_shared<DeviceParameters>();
-    std::memset(params.get(), 0, sizeof(DeviceParameters));
     Portioner portioner;
-    portioner.setDeviceParams(params);
-    portioner.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{BLOCK_SIZE, 12, BLOCK_SIZE + 24}));
+    configurePortioner(portioner, 0, BLOCK_SIZE, RES);
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(portioner.init(), 1);
     EXPECT_NE(::testing::internal::GetCapturedStderr().find("cudaMalloc(&m_raw_surface_xyz_dev"), std::string::npos);

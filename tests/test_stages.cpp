@@ -107,19 +107,3 @@ TEST(ReconstructorStage, MeshIsReplacedOnlyOnceOctreeAndPoolAreThere) {
     EXPECT_EQ(status, reconstructorMemoryGuard() ? 0 : 66049);
     EXPECT_EQ(stage.deInit(), 0);
 }
-
-TEST(HashOctreeLifeCycle, KeepsGeometrySettings) {
-    HashOctree octree;
-    EXPECT_FLOAT_EQ(octree.resolution(), 0.5f);
-    EXPECT_EQ(octree.blockSize(), 100);
-    EXPECT_EQ(octree.init(nullptr), 1);
-    auto params = std::make_shared<HashParameters>(defaultHashParameters());
-    EXPECT_EQ(params->HASH_BUCKET_NUM, 0x4000000u);
-    EXPECT_EQ(params->HASH_BUCKET_MASK, params->HASH_BUCKET_NUM - 1);
-    ASSERT_EQ(octree.init(params), 0);
-    octree.setResolution(0.25f);
-    octree.setBlockSize(256);
-    EXPECT_FLOAT_EQ(octree.resolution(), 0.25f);
-    EXPECT_EQ(octree.blockSize(), 256);
-    EXPECT_EQ(octree.deInit(), 0);
-}

@@ -102,8 +102,3 @@ TEST(ThreadPool, ShutdownMovesInStepsOfTwoHundredMilliseconds) {
         EXPECT_GE(ms, 400);     // the next 200 ms step after the task's end
     }
 }
-
-TEST(ThreadPool, CommitAfterStopIsRefused) {
-    ThreadPoolStopped stopped;
-    EXPECT_STREQ(stopped.what(), "commit on ThreadPool is stopped.");
-}
