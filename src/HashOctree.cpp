@@ -1,8 +1,10 @@
 // HashOctree: life cycle and geometry settings.
 #include "HashOctree.h"
 
+#include <cmath>
 #include <cstdio>
 #include <new>
+#include <stdexcept>
 
 #include "GridHash.h"
 #include "SpinLock.h"
@@ -26,18 +28,22 @@ int HashTable::init(const std::shared_ptr<HashParameters>& params, const std::sh
     m_hash_params = params;
     m_global_params = global;
     m_slot_count = params->HASH_BUCKET_NUM + params->HASH_EXCESS_LIST_SIZE;
-    m_hash_entries = new (std::nothrow) HashEntry[m_slot_count];
+    // 67 million slots with the default parameters: constructed by all threads at once.
+    m_hash_entries = static_cast<HashEntry*>(::operator new(m_slot_count * sizeof(HashEntry), std::nothrow));
     if (m_hash_entries == nullptr) {
         m_slot_count = 0;
         return TESSALINE_OUT_OF_MEMORY;
     }
+    const std::int64_t slots = static_cast<std::int64_t>(m_slot_count);
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < slots; ++i) new (&m_hash_entries[i]) HashEntry();
     m_global_params->cur_ExcessHash_Index = static_cast<std::int32_t>(params->HASH_BUCKET_NUM);
     m_inited = true;
     return 0;
 }
 
 void HashTable::deInit() {
-    delete[] m_hash_entries;
+    ::operator delete(m_hash_entries);  // entries are trivially destructible
     m_hash_entries = nullptr;
     m_slot_count = 0;
     m_inited = false;
@@ -97,26 +103,144 @@ HashEntry* HashTable::findHashEntry(std::int32_t x, std::int32_t y, std::int32_t
     }
 }
 
+// ---- CellNodePool ----------------------------------------------------------------------------------
+
+bool CellNodePool::addBlock() {
+    CellNode* block = new (std::nothrow) CellNode[m_hash_params->CELL_POOL_BLOCK_SIZE];
+    if (block == nullptr) return false;
+    m_blocks.push_back(block);
+    m_block_num.fetch_add(1, std::memory_order_release);
+    return true;
+}
+
+int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
+    deInit();
+    m_hash_params = params;
+    m_blocks.reserve(params->CELL_POOL_MAX_BLOCKS);
+    for (std::uint64_t i = 0; i < params->CELL_POOL_INIT_BLOCKS; ++i) {
+        if (!addBlock()) {
+            deInit();
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+    }
+    m_cell_num = 0;
+    m_inited = true;
+    return 0;
+}
+
+int CellNodePool::deInit() {
+    for (CellNode* block : m_blocks) delete[] block;
+    m_blocks.clear();
+    m_block_num = 0;
+    m_cell_num = 0;
+    m_inited = false;
+    return 0;
+}
+
+int CellNodePool::allocDataIndex(std::int32_t& index) {
+    const std::int64_t block_size = static_cast<std::int64_t>(m_hash_params->CELL_POOL_BLOCK_SIZE);
+    index = m_cell_num.fetch_add(1);
+    if (index < m_block_num.load(std::memory_order_acquire) * block_size) return 0;
+
+    SpinGuard guard(m_lock);
+    while (index >= m_block_num.load(std::memory_order_acquire) * block_size) {
+        if (m_blocks.size() >= m_hash_params->CELL_POOL_MAX_BLOCKS || !addBlock()) {
+            m_cell_num.fetch_sub(1);
+            index = -1;
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+    }
+    return 0;
+}
+
+CellNode* CellNodePool::cellAt(std::int32_t index) const {
+    const std::int64_t block_size = static_cast<std::int64_t>(m_hash_params->CELL_POOL_BLOCK_SIZE);
+    return &m_blocks[static_cast<std::size_t>(index / block_size)][index % block_size];
+}
+
+// ---- HashRootCellList ------------------------------------------------------------------------------
+
+std::int32_t HashRootCellList::add(const std::shared_ptr<HashRootCellData>& data) {
+    const std::int32_t slot = datas_size.fetch_add(1);
+    if (slot < capacity) {
+        datas[static_cast<std::size_t>(slot)] = data;
+        return slot;
+    }
+    datas_size.fetch_sub(1);
+    return -1;
+}
+
+std::shared_ptr<HashRootCellData> HashRootCellList::get(std::int32_t id) const {
+    if (id >= datas_size.load() || id < 0) {
+        std::printf("id >= datas_size.load() || id < 0 \n");
+        return nullptr;
+    }
+    return datas[static_cast<std::size_t>(id)];
+}
+
 // ---- HashOctree ------------------------------------------------------------------------------------
+
+namespace {
+std::uint8_t loadCellType(const CellNode& cell) { return __atomic_load_n(&cell.cell_type, __ATOMIC_ACQUIRE); }
+
+// A branch mark never overwrites a leaf: only a cell outside any tree becomes a branch.
+void markBranch(CellNode& cell) {
+    std::uint8_t expected = 0;
+    __atomic_compare_exchange_n(&cell.cell_type, &expected, CELL_TYPE_BRANCH, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+CellNode* loadChild(CellNode* const& child) { return __atomic_load_n(&child, __ATOMIC_ACQUIRE); }
+}  // namespace
 
 HashOctree::~HashOctree() {
     if (m_inited) deInit();
 }
 
 int HashOctree::init(const std::shared_ptr<HashParameters>& params) {
-    if (!params) {
+    try {
+        if (!params) throw std::invalid_argument("no hash parameters");
+        m_hash_params = params;
+        m_hash_table = std::make_shared<HashTable>();
+        m_global_params = std::make_shared<GlobalHashParams>();
+        m_global_params->cur_ExcessHash_Index = static_cast<std::int32_t>(params->HASH_BUCKET_NUM);
+        if (m_hash_table->init(params, m_global_params) != 0) {
+            m_last_error = "BlockHashOctree: m_hash_entries init failed!";
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+        m_cell_pool = std::make_shared<CellNodePool>();
+        if (m_cell_pool->init(params) != 0) {
+            m_last_error = "BlockHashOctree: m_cell_pool init failed!";
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+        m_hash_cell_list = std::make_shared<HashRootCellList>();
+        m_inited = true;
+        return 0;
+    } catch (...) {
+        m_inited = false;
         m_last_error = "BlockHashOctree: init try cath error!";
         return 1;
     }
-    m_hash_params = params;
-    m_inited = true;
-    return 0;
 }
 
 int HashOctree::deInit() {
-    m_hash_params.reset();
-    m_inited = false;
-    return 0;
+    try {
+        m_hash_params.reset();
+        m_hash_table.reset();
+        if (m_cell_pool) {
+            const int result = m_cell_pool->deInit();
+            if (result != 0) {
+                m_last_error = "BlockHashOctree: m_cell_pool deinit failed!";
+                return result;
+            }
+            m_cell_pool.reset();
+        }
+        m_hash_cell_list.reset();
+        m_inited = false;
+        return 0;
+    } catch (...) {
+        m_last_error = "BlockHashOctree: deInit try cath error!";
+        return 1;
+    }
 }
 
 int HashOctree::setResolution(float resolution) {
@@ -126,6 +250,126 @@ int HashOctree::setResolution(float resolution) {
 
 int HashOctree::setBlockSize(std::int32_t block_size) {
     m_block_size = block_size;
+    return 0;
+}
+
+void HashOctree::setError(const char* text) {
+    SpinGuard guard(m_error_lock);
+    m_last_error = text;
+}
+
+std::string HashOctree::getLastError() const {
+    SpinGuard guard(const_cast<std::uint32_t&>(m_error_lock));
+    return m_last_error;
+}
+
+int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCellData>& root) {
+    if (!m_inited) {
+        setError("BlockHashOctree: no init!");
+        return 1;
+    }
+    const float r = m_resolution;
+    const float S = static_cast<float>(m_block_size) * r;
+    std::int32_t key[3];
+    float root_center[3];
+    for (int k = 0; k < 3; ++k) {
+        const float snapped = static_cast<float>(gridIndex(pos[k], r)) * r + r * 0.5f;
+        key[k] = gridIndex(snapped, S);
+        root_center[k] = static_cast<float>(key[k]) * S + S * 0.5f;
+    }
+    HashEntry* entry = m_hash_table->findOrInsertHashEntry(key[0], key[1], key[2]);
+    if (entry == nullptr) return 1;
+    if (__atomic_load_n(&entry->data_id, __ATOMIC_ACQUIRE) == -1) {
+        SpinGuard guard(entry->lock);
+        if (entry->data_id == -1) {
+            std::int32_t index = -1;
+            if (m_cell_pool->allocDataIndex(index) != 0) {
+                setError("m_cell_pool alloc failed!");
+                return TESSALINE_OUT_OF_MEMORY;
+            }
+            CellNode* node = m_cell_pool->cellAt(index);
+            *node = CellNode{};
+            node->cell_type = CELL_TYPE_BRANCH;
+            for (int k = 0; k < 3; ++k) node->center[k] = root_center[k];
+            node->half_size = S * 0.5f;
+            auto data = std::make_shared<HashRootCellData>();
+            data->root_cell = node;
+            const std::int32_t slot = m_hash_cell_list->add(data);
+            if (slot < 0) {
+                setError("m_hash_cell_list alloc failed!");
+                return TESSALINE_OUT_OF_MEMORY;
+            }
+            __atomic_store_n(&entry->data_id, slot, __ATOMIC_RELEASE);
+        }
+    }
+    root = m_hash_cell_list->get(__atomic_load_n(&entry->data_id, __ATOMIC_ACQUIRE));
+    return 0;
+}
+
+int HashOctree::insertLeafNodeForHashBlock(const HashRootCellData& root, const float pos[3], float target_half,
+                                           CellNode*& leaf) {
+    if (!m_inited) {
+        setError("BlockHashOctree: no init!");
+        return 1;
+    }
+    CellNode* n = root.root_cell;
+    for (int k = 0; k < 3; ++k) {
+        if (std::fabs(pos[k] - n->center[k]) > n->half_size) return TESSALINE_OUTSIDE_CELL;
+    }
+    const float upper = target_half + 0.0001f;
+    const float lower = target_half * 0.5f + 0.0001f;
+    while (loadCellType(*n) != CELL_TYPE_LEAF) {
+        const float h = n->half_size;
+        if (upper > h && h > lower) break;  // the one level inside the octave of target_half
+        markBranch(*n);
+        const int k = childIndex(pos, n->center);
+        CellNode* child = loadChild(n->children[k]);
+        if (child == nullptr) {
+            SpinGuard guard(n->lock);
+            child = n->children[k];
+            if (child == nullptr) {
+                std::int32_t index = -1;
+                if (m_cell_pool->allocDataIndex(index) != 0) {
+                    setError("m_cell_pool alloc failed!");
+                    return TESSALINE_OUT_OF_MEMORY;
+                }
+                child = m_cell_pool->cellAt(index);
+                *child = CellNode{};
+                child->half_size = h * 0.5f;
+                child->cell_type = CELL_TYPE_BRANCH;
+                for (int axis = 0; axis < 3; ++axis)
+                    child->center[axis] = n->center[axis] + static_cast<float>(CHILD_SIGN[k][axis]) * h * 0.5f;
+                child->parent = n;
+                __atomic_store_n(&n->children[k], child, __ATOMIC_RELEASE);  // complete before it is seen
+                ++n->child_count;
+            }
+        }
+        n = child;
+    }
+    __atomic_store_n(&n->cell_type, CELL_TYPE_LEAF, __ATOMIC_RELEASE);
+    leaf = n;
+    return 0;
+}
+
+std::shared_ptr<HashRootCellData> HashOctree::getHashRootCell(const float pos[3]) {
+    if (!m_inited) {
+        setError("BlockHashOctree: no init!");
+        return nullptr;
+    }
+    const float S = static_cast<float>(m_block_size) * m_resolution;
+    const HashEntry* entry = m_hash_table->findHashEntry(gridIndex(pos[0], S), gridIndex(pos[1], S), gridIndex(pos[2], S));
+    if (entry == nullptr) return nullptr;
+    const std::int32_t id = __atomic_load_n(&entry->data_id, __ATOMIC_ACQUIRE);
+    if (id < 0) return nullptr;
+    return m_hash_cell_list->get(id);
+}
+
+int HashOctree::getHashCellList(std::shared_ptr<HashRootCellList>& list) {
+    if (!m_inited) {
+        setError("BlockHashOctree: no init!");
+        return 1;
+    }
+    list = m_hash_cell_list;
     return 0;
 }
 

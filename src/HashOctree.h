@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 namespace SurfaceReconstruction {
 
@@ -29,6 +31,8 @@ struct HashEntry {
     std::int32_t data_id = -1;  // index into the root cell list; -1 while nothing is attached
     std::uint32_t lock = 0;     // spin lock of this entry
 };
+
+static_assert(std::is_trivially_destructible<HashEntry>::value, "the table frees its entries without destructors");
 
 // The overflow counter shared by the whole table: the next free overflow slot.
 struct GlobalHashParams {
@@ -65,6 +69,89 @@ private:
     std::shared_ptr<HashParameters> m_hash_params;
 };
 
+// One cell of an octree. Cells live at fixed addresses for the whole run, so parents, children and
+// later stages hold raw pointers to them.
+struct CellNode {
+    std::uint32_t lock = 0;  // guards the creation of children and the attachment of data
+    float center[3] = {0.0f, 0.0f, 0.0f};
+    float half_size = 0.5f;
+    CellNode* parent = nullptr;
+    CellNode* children[8] = {};
+    std::uint8_t cell_type = 0;    // 0 not in a tree, 1 branch, 3 leaf; only ever moves upward
+    std::uint8_t data_state = 0;   // 0 nothing, 1 relation record, 2 field records
+    std::uint8_t field_count = 0;  // field records at data_id when data_state is 2
+    std::uint8_t child_count = 0;  // live children; cleared when a leaf has absorbed its subtree
+    std::int32_t data_id = -1;
+};
+
+constexpr std::uint8_t CELL_TYPE_BRANCH = 1;
+constexpr std::uint8_t CELL_TYPE_LEAF = 3;
+
+// Child numbering: z at or above the centre gives 0-3, below 4-7; within a ring the x/y quadrants.
+// Index (x below) * 4 + (y below) * 2 + (z below) into this table.
+constexpr int CHILD_INDEX_TABLE[8] = {3, 7, 0, 4, 2, 6, 1, 5};
+// Sign of each axis of child k, from the numbering above.
+constexpr int CHILD_SIGN[8][3] = {{1, -1, 1},  {-1, -1, 1},  {-1, 1, 1},  {1, 1, 1},
+                                  {1, -1, -1}, {-1, -1, -1}, {-1, 1, -1}, {1, 1, -1}};
+
+inline int childIndex(const float point[3], const float center[3]) {
+    const int a = point[0] < center[0] ? 1 : 0;
+    const int b = point[1] < center[1] ? 1 : 0;
+    const int c = point[2] < center[2] ? 1 : 0;
+    return CHILD_INDEX_TABLE[a * 4 + b * 2 + c];
+}
+
+// Cells from large blocks at fixed addresses; one atomic add a cell while a block has room.
+class CellNodePool {
+public:
+    CellNodePool() = default;
+    ~CellNodePool() { deInit(); }
+    CellNodePool(const CellNodePool&) = delete;
+    CellNodePool& operator=(const CellNodePool&) = delete;
+
+    // Reserves the block list and allocates the first blocks; 66049 when they cannot be allocated.
+    int init(const std::shared_ptr<HashParameters>& params);
+    int deInit();
+    // Reserves one cell in the constructed state; 66049 with index -1 when no block can be added.
+    int allocDataIndex(std::int32_t& index);
+    CellNode* cellAt(std::int32_t index) const;
+
+    bool isInited() const { return m_inited; }
+    std::int32_t blockCount() const { return m_block_num.load(); }
+    std::int32_t cellCount() const { return m_cell_num.load(); }
+
+private:
+    bool addBlock();
+
+    bool m_inited = false;
+    std::uint32_t m_lock = 0;
+    std::vector<CellNode*> m_blocks;
+    std::atomic<std::int32_t> m_block_num{0};
+    std::atomic<std::int32_t> m_cell_num{0};
+    std::shared_ptr<HashParameters> m_hash_params;
+};
+
+struct HashRootCellData {
+    CellNode* root_cell = nullptr;
+};
+
+// The root blocks created so far, by index: the one way to enumerate the octree.
+class HashRootCellList {
+public:
+    static constexpr std::int32_t CAPACITY = 100000;
+
+    HashRootCellList() : datas(CAPACITY) {}
+
+    // The index of the new slot, or -1 when the list is full.
+    std::int32_t add(const std::shared_ptr<HashRootCellData>& data);
+    // Slot `id`, or empty (with a message) when `id` is out of range.
+    std::shared_ptr<HashRootCellData> get(std::int32_t id) const;
+
+    std::vector<std::shared_ptr<HashRootCellData>> datas;
+    std::atomic<std::int32_t> datas_size{0};
+    std::int32_t capacity = CAPACITY;
+};
+
 class HashOctree {
 public:
     HashOctree() = default;
@@ -77,17 +164,34 @@ public:
     int setResolution(float resolution);
     int setBlockSize(std::int32_t block_size);
 
-    std::string getLastError() const { return m_last_error; }
+    // The root cell of the block that holds `pos` (snapped to its bin first), created when absent.
+    int insertBlockHash(const float pos[3], std::shared_ptr<HashRootCellData>& root);
+    // Walks down from the root towards `pos`, creating missing cells, until the level of `target_half`
+    // or an existing leaf; that cell becomes a leaf. 66051 when `pos` lies outside the root.
+    int insertLeafNodeForHashBlock(const HashRootCellData& root, const float pos[3], float target_half, CellNode*& leaf);
+    // The root of the block that holds `pos`, or empty.
+    std::shared_ptr<HashRootCellData> getHashRootCell(const float pos[3]);
+    int getHashCellList(std::shared_ptr<HashRootCellList>& list);
+    CellNodePool* cellPool() const { return m_cell_pool.get(); }
+
+    std::string getLastError() const;
     bool isInited() const { return m_inited; }
     float resolution() const { return m_resolution; }
     std::int32_t blockSize() const { return m_block_size; }
 
 private:
+    void setError(const char* text);
+
     bool m_inited = false;
     std::string m_last_error = "no error!";
     float m_resolution = 0.5f;
     std::int32_t m_block_size = 100;
     std::shared_ptr<HashParameters> m_hash_params;
+    std::shared_ptr<HashTable> m_hash_table;
+    std::shared_ptr<CellNodePool> m_cell_pool;
+    std::shared_ptr<HashRootCellList> m_hash_cell_list;
+    std::shared_ptr<GlobalHashParams> m_global_params;
+    std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
 };
 
 }  // namespace SurfaceReconstruction

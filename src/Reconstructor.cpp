@@ -68,8 +68,12 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         return 1;
     }
     mesh = std::make_shared<MultiMeshData>();
-    // The walk over the octree's root blocks joins here once the octree holds cells; with no root
-    // blocks the mesh stays empty.
+    std::shared_ptr<HashRootCellList> roots;
+    if (m_hash_octree->getHashCellList(roots) != 0) {
+        m_last_error = "Reconstructor getHashCellList failed!";
+        return 1;
+    }
+    // The contouring walk over the root blocks joins here; until then the mesh stays empty.
     if (!reconstructorMemoryGuard()) {
         std::printf("is_ok = false!\n");
         return TESSALINE_OUT_OF_MEMORY;

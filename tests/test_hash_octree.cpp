@@ -1,6 +1,7 @@
 // The octree's hash table: chains into the overflow area, concurrent find-or-insert, exhaustion.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <set>
 #include <thread>
 #include <vector>
@@ -90,4 +91,213 @@ TEST(HashTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
     std::size_t in_overflow = 0;
     for (HashEntry* e : distinct) in_overflow += (e - &table.slot(0)) >= 64 ? 1 : 0;
     EXPECT_EQ(static_cast<std::size_t>(global->cur_ExcessHash_Index.load() - 64), in_overflow);
+}
+
+// ---- cells, pool, root list and descents -----------------------------------------------------------
+
+TEST(CellNumbering, ChildIndexFollowsTheTwoRingsAndCentreGoesToThree) {
+    const float c[3] = {1.0f, 2.0f, 3.0f};
+    const float at_centre[3] = {1.0f, 2.0f, 3.0f};
+    EXPECT_EQ(childIndex(at_centre, c), 3);  // equal counts as the + side
+    for (int k = 0; k < 8; ++k) {
+        const float p[3] = {c[0] + 0.5f * CHILD_SIGN[k][0], c[1] + 0.5f * CHILD_SIGN[k][1], c[2] + 0.5f * CHILD_SIGN[k][2]};
+        EXPECT_EQ(childIndex(p, c), k);
+    }
+    // z above gives the first ring.
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(CHILD_SIGN[k][2], 1);
+    for (int k = 4; k < 8; ++k) EXPECT_EQ(CHILD_SIGN[k][2], -1);
+}
+
+TEST(CellNodePool, CrossingTheBlockBoundaryFromManyThreadsAddsOneBlockEach) {
+    CellNodePool pool;
+    ASSERT_EQ(pool.init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 1000, 2, 50})), 0);
+    EXPECT_EQ(pool.blockCount(), 2);
+    const CellNode& fresh = *pool.cellAt(0);
+    EXPECT_EQ(fresh.half_size, 0.5f);
+    EXPECT_EQ(fresh.data_id, -1);
+    EXPECT_EQ(fresh.cell_type, 0);
+
+    constexpr int THREADS = 8, PER_THREAD = 2500;  // 20000 cells: 20 blocks of 1000
+    std::vector<std::vector<std::int32_t>> got(THREADS);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < PER_THREAD; ++i) {
+                std::int32_t index = -1;
+                ASSERT_EQ(pool.allocDataIndex(index), 0);
+                pool.cellAt(index)->data_id = index;  // the address is usable at once
+                got[static_cast<std::size_t>(t)].push_back(index);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    std::set<std::int32_t> all;
+    for (const auto& list : got) all.insert(list.begin(), list.end());
+    EXPECT_EQ(all.size(), static_cast<std::size_t>(THREADS * PER_THREAD));
+    EXPECT_EQ(*all.rbegin(), THREADS * PER_THREAD - 1);
+    EXPECT_EQ(pool.blockCount(), 20);
+    for (std::int32_t i : all) ASSERT_EQ(pool.cellAt(i)->data_id, i);
+}
+
+TEST(CellNodePool, FailedGrowthGivesTheReservationBack) {
+    CellNodePool pool;
+    ASSERT_EQ(pool.init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 4, 1, 1})), 0);  // at most one block
+    std::int32_t index = -1;
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(pool.allocDataIndex(index), 0);
+    EXPECT_EQ(pool.allocDataIndex(index), 66049);
+    EXPECT_EQ(index, -1);
+    EXPECT_EQ(pool.cellCount(), 4);
+    EXPECT_EQ(pool.deInit(), 0);
+    EXPECT_EQ(pool.blockCount(), 0);
+}
+
+TEST(HashRootCellList, BadIdsAndAFullList) {
+    HashRootCellList list;
+    auto data = std::make_shared<HashRootCellData>();
+    EXPECT_EQ(list.add(data), 0);
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(list.get(1), nullptr);
+    EXPECT_EQ(list.get(-1), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "id >= datas_size.load() || id < 0 \nid >= datas_size.load() || id < 0 \n");
+    EXPECT_EQ(list.get(0), data);
+    for (int i = 1; i < HashRootCellList::CAPACITY; ++i) ASSERT_EQ(list.add(data), i);
+    EXPECT_EQ(list.add(data), -1);  // the 100001st root is refused
+    EXPECT_EQ(list.datas_size.load(), HashRootCellList::CAPACITY);
+}
+
+namespace {
+// An octree over small tables: resolution 0.5, blocks of 256 bins, so roots of edge 128.
+class SmallOctree : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(octree.init(std::make_shared<HashParameters>(HashParameters{1024, 1023, 64, 10000, 2, 1000})), 0);
+        octree.setResolution(0.5f);
+        octree.setBlockSize(256);
+    }
+    HashOctree octree;
+};
+
+int countCells(const CellNode* n) {
+    int count = 1;
+    for (const CellNode* child : n->children)
+        if (child) count += countCells(child);
+    return count;
+}
+}  // namespace
+
+TEST(HashOctreeOps, EverythingBeforeInitAnswersNoInit) {
+    HashOctree octree;
+    const float p[3] = {1, 1, 1};
+    std::shared_ptr<HashRootCellData> root;
+    std::shared_ptr<HashRootCellList> list;
+    EXPECT_EQ(octree.insertBlockHash(p, root), 1);
+    EXPECT_EQ(octree.getLastError(), "BlockHashOctree: no init!");
+    EXPECT_EQ(octree.getHashCellList(list), 1);
+    EXPECT_EQ(octree.getHashRootCell(p), nullptr);
+    EXPECT_EQ(octree.init(nullptr), 1);
+    EXPECT_EQ(octree.getLastError(), "BlockHashOctree: init try cath error!");
+}
+
+TEST_F(SmallOctree, OneRootPerBlockWithItsGeometry) {
+    const float p[3] = {10.3f, -0.2f, 130.0f};
+    std::shared_ptr<HashRootCellData> a, b;
+    ASSERT_EQ(octree.insertBlockHash(p, a), 0);
+    const float q[3] = {120.0f, -100.0f, 250.0f};  // same block of edge 128
+    ASSERT_EQ(octree.insertBlockHash(q, b), 0);
+    EXPECT_EQ(a, b);
+    std::shared_ptr<HashRootCellList> list;
+    ASSERT_EQ(octree.getHashCellList(list), 0);
+    EXPECT_EQ(list->datas_size.load(), 1);
+    const CellNode& root = *a->root_cell;
+    EXPECT_FLOAT_EQ(root.center[0], 64.0f);
+    EXPECT_FLOAT_EQ(root.center[1], -64.0f);
+    EXPECT_FLOAT_EQ(root.center[2], 192.0f);
+    EXPECT_FLOAT_EQ(root.half_size, 64.0f);
+    EXPECT_EQ(root.cell_type, CELL_TYPE_BRANCH);
+    EXPECT_EQ(octree.getHashRootCell(p), a);
+    const float elsewhere[3] = {-500.0f, 0.0f, 0.0f};
+    EXPECT_EQ(octree.getHashRootCell(elsewhere), nullptr);
+}
+
+TEST_F(SmallOctree, DescentStopsAtTheOctaveOfTheTarget) {
+    const float p[3] = {10.3f, 20.1f, 30.7f};
+    std::shared_ptr<HashRootCellData> root;
+    ASSERT_EQ(octree.insertBlockHash(p, root), 0);
+    CellNode* leaf = nullptr;
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*root, p, 0.25f, leaf), 0);  // a bin: level 8
+    EXPECT_FLOAT_EQ(leaf->half_size, 0.25f);
+    EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+    for (int k = 0; k < 3; ++k) EXPECT_LE(std::fabs(p[k] - leaf->center[k]), leaf->half_size);
+    EXPECT_EQ(countCells(root->root_cell), 9);  // root and one cell on each of eight levels
+    int depth = 0;
+    for (const CellNode* n = leaf; n->parent; n = n->parent) {
+        ++depth;
+        EXPECT_EQ(n->parent->cell_type, CELL_TYPE_BRANCH);
+        EXPECT_FLOAT_EQ(n->parent->half_size, n->half_size * 2.0f);
+    }
+    EXPECT_EQ(depth, 8);
+
+    // A finer request inside the leaf returns the leaf and creates nothing.
+    CellNode* finer = nullptr;
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*root, p, 0.03125f, finer), 0);
+    EXPECT_EQ(finer, leaf);
+    EXPECT_EQ(countCells(root->root_cell), 9);
+
+    // The root's own half size returns the root as a leaf.
+    const float q[3] = {-50.0f, 0.0f, 0.0f};
+    std::shared_ptr<HashRootCellData> other;
+    ASSERT_EQ(octree.insertBlockHash(q, other), 0);
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*other, q, 64.0f, leaf), 0);
+    EXPECT_EQ(leaf, other->root_cell);
+    EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+}
+
+TEST_F(SmallOctree, PointsOutsideTheRootAreRefusedAndTheFaceIsInside) {
+    const float p[3] = {1.0f, 1.0f, 1.0f};
+    std::shared_ptr<HashRootCellData> root;
+    ASSERT_EQ(octree.insertBlockHash(p, root), 0);  // root centre (64, 64, 64), half 64
+    CellNode* leaf = nullptr;
+    const float outside[3] = {128.5f, 1.0f, 1.0f};
+    EXPECT_EQ(octree.insertLeafNodeForHashBlock(*root, outside, 0.25f, leaf), 66051);
+    EXPECT_EQ(countCells(root->root_cell), 1);
+    const float face[3] = {128.0f, 1.0f, 1.0f};
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*root, face, 0.25f, leaf), 0);
+    EXPECT_FLOAT_EQ(leaf->center[0], 127.75f);  // the + side at every split ends at the face
+}
+
+TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
+    const float base[3] = {3.0f, 5.0f, 7.0f};
+    std::shared_ptr<HashRootCellData> root;
+    ASSERT_EQ(octree.insertBlockHash(base, root), 0);
+    constexpr int THREADS = 8;
+    std::vector<std::vector<CellNode*>> leaves(THREADS);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 400; ++i) {
+                const float p[3] = {base[0] + (i % 20) * 0.5f, base[1] + (i / 20) * 0.5f, base[2]};
+                CellNode* leaf = nullptr;
+                ASSERT_EQ(octree.insertLeafNodeForHashBlock(*root, p, 0.25f, leaf), 0);
+                leaves[static_cast<std::size_t>(t)].push_back(leaf);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (int t = 1; t < THREADS; ++t) EXPECT_EQ(leaves[static_cast<std::size_t>(t)], leaves[0]);
+    std::set<CellNode*> distinct(leaves[0].begin(), leaves[0].end());
+    EXPECT_EQ(distinct.size(), 400u);
+    // Every child pointer is counted once, and every returned leaf stayed a leaf.
+    std::vector<const CellNode*> stack{root->root_cell};
+    while (!stack.empty()) {
+        const CellNode* n = stack.back();
+        stack.pop_back();
+        int children = 0;
+        for (const CellNode* child : n->children) {
+            if (!child) continue;
+            ++children;
+            stack.push_back(child);
+        }
+        EXPECT_EQ(n->child_count, children);
+    }
+    for (CellNode* leaf : distinct) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
 }

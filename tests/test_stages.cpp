@@ -100,6 +100,14 @@ TEST(ReconstructorStage, MeshIsReplacedOnlyOnceOctreeAndPoolAreThere) {
 
     ASSERT_EQ(stage.setHashOctree(std::make_shared<HashOctree>()), 0);
     ASSERT_EQ(stage.setFieldDataPool(std::make_shared<FieldDataPool>()), 0);
+    EXPECT_EQ(stage.process(mesh), 1);  // an octree without init has no cell list
+    EXPECT_EQ(stage.getLastError(), "Reconstructor getHashCellList failed!");
+    EXPECT_NE(mesh.get(), before);
+    EXPECT_TRUE(mesh->xyz.empty());
+
+    auto octree = std::make_shared<HashOctree>();
+    ASSERT_EQ(octree->init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 100, 1, 10})), 0);
+    ASSERT_EQ(stage.setHashOctree(octree), 0);
     const int status = stage.process(mesh);
     EXPECT_NE(mesh.get(), before);  // a new record on every return from here on
     EXPECT_TRUE(mesh->xyz.empty());
