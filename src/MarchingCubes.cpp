@@ -1,11 +1,14 @@
 // MarchingCubes: life cycle of the stage and the field store.
 #include "MarchingCubes.h"
 
+#include <cstdio>
 #include <new>
 
 #include "HashOctree.h"
 #include "Portioner.h"
+#include "SimpleLineHash.h"
 #include "SpinLock.h"
+#include "TimeProfiler.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
@@ -90,8 +93,14 @@ int MarchingCubes::setResolution(float resolution) {
 }
 
 int MarchingCubes::init() {
-    m_inited = true;
-    return 0;
+    try {
+        m_block_loc_hash = std::make_shared<SimpleLineHash>();  // sized for each block when it is used
+        m_inited = true;
+        return 0;
+    } catch (...) {
+        m_inited = false;
+        return 1;
+    }
 }
 
 int MarchingCubes::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
@@ -112,16 +121,6 @@ int MarchingCubes::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) 
     return 0;
 }
 
-int MarchingCubes::initDevice(std::uint64_t max_points) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
-    // One more than the largest block, so that the strict capacity test admits that block.
-    m_raw_points_capacity = max_points + 1;
-    return 0;
-}
-
 int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     if (!m_inited) {
         m_last_error = "no init!";
@@ -132,16 +131,47 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
         return 1;
     }
     if (!block || !block->points) return 1;
+    m_on_host = false;  // a memory fallback holds for one block only
+    // A block whose points all keep the default scale takes the short chain, the others the full one.
+    const bool full_chain = (block->flags & 0xFF) != 8;
+
+    TimeProfiler profiler;
+    profiler.time_start("mc-step1");
+    float logic_coordinate[3];
+    logicCoordinate(*block, logic_coordinate);
+    std::vector<BinsHeader> bins_header;
+    const int result = generateBins(block, logic_coordinate, bins_header);
+    if (result != 0) return result;
+    m_last_bin_count = bins_header.size();
+    if (bins_header.empty()) return 0;
+    profiler.time_stop("mc-step1", true);
+    if (full_chain) std::printf("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
+    // The cells and relations of the bins, and the field computation, join the chain here.
     return 0;
 }
 
-int MarchingCubes::deInitDevice() {
-    m_raw_points_capacity = 0;
-    return 0;
+void MarchingCubes::logicCoordinate(const PointCloudBlock& block, float out[3]) const {
+    const float r = m_resolution;
+    const float block_edge = static_cast<float>(m_portioner_params->block_size) * r;
+    const float margin = static_cast<float>(m_portioner_params->ext_size) * r;
+    for (int k = 0; k < 3; ++k) out[k] = block.center[k] - block_edge * 0.5f - margin;
 }
 
 int MarchingCubes::deInit() {
     if (!m_inited) return 0;
+    try {
+        if (deInitDevice() != 0) return 1;  // a run that ended early may still hold the device buffers
+        if (m_block_loc_hash) {
+            const int result = m_block_loc_hash->deInit();
+            if (result != 0) {
+                m_last_error = "[MarchingCubes] m_block_loc_hash->deInit failed!";
+                return result;
+            }
+        }
+    } catch (...) {
+        return 1;
+    }
+    m_block_loc_hash.reset();
     m_hash_octree.reset();
     m_field_data_pool.reset();
     m_inited = false;

@@ -13,8 +13,30 @@
 namespace SurfaceReconstruction {
 
 class HashOctree;
+class SimpleLineHash;
 class ThreadPool;
 struct PointCloudBlock;
+struct RawPointWithHash;
+
+// Scale code of no scale: an error when it reaches the cell building.
+constexpr std::int8_t SUB_SCALE_NANE = 0;
+// Free device memory kept on every test of the stage.
+constexpr std::size_t MC_MEMORY_MARGIN = 0x500000;
+
+// Bins that the device array holds for a block of n bins along an edge (margins included).
+inline std::uint64_t MC_MAX_BINS_HEADER(std::uint32_t n) { return 20ull * n * n; }
+
+// One occupied bin of a block. The array is written by the device and read and rewritten by the host.
+struct BinsHeader {
+    float center[3];
+    std::int32_t point_offset;  // first point of the bin in the block's sorted points
+    std::int32_t point_count;
+    std::int8_t bin_sub_scale;  // the scale code; starts at 8
+    std::uint8_t bin_flags;     // OR of bits 8-15 of the points' words
+    std::uint16_t word_high;    // always 0: bin_sub_scale and bin_flags read as one word
+    std::uint64_t occupancy[8]; // one bit for each of the 8 x 8 x 8 sub-cells, by Morton code
+};
+static_assert(sizeof(BinsHeader) == 88, "BinsHeader has no hidden padding");
 
 // One surface sheet of a cell.
 struct FieldSlot {
@@ -81,10 +103,26 @@ public:
     int deInitDevice();
     int deInit();
 
+    // Sorts the block's points by the Morton code of their bin and describes each bin; the order of
+    // the bins is that of their points.
+    int generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
+                     std::vector<BinsHeader>& bins_header);
+    // The lower corner of the block's bin grid, margins included.
+    void logicCoordinate(const PointCloudBlock& block, float out[3]) const;
+
     std::string getLastError() const { return m_last_error; }
     bool isInited() const { return m_inited; }
     float resolution() const { return m_resolution; }
     std::uint64_t rawPointsCapacity() const { return m_raw_points_capacity; }
+    bool onHost() const { return m_on_host; }
+    std::size_t lastBinCount() const { return m_last_bin_count; }
+
+    // The four steps behind generateBins, public for the tests of each path.
+    int computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]);
+    int getBinsCenter_Device(PointCloudBlock& block, std::vector<BinsHeader>& bins_header);
+    int computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]);
+    int getBinsCenter_Chunked(PointCloudBlock& block, const float logic_coordinate[3],
+                              std::vector<BinsHeader>& bins_header);
 
 private:
     bool m_inited = false;
@@ -93,9 +131,23 @@ private:
     std::shared_ptr<DeviceParameters> m_device_params;
     std::shared_ptr<PortionerParameters> m_portioner_params;
     std::weak_ptr<ThreadPool> m_thread_pool;
+    bool m_on_host = false;
+    std::shared_ptr<SimpleLineHash> m_block_loc_hash;
     std::shared_ptr<HashOctree> m_hash_octree;
     std::shared_ptr<FieldDataPool> m_field_data_pool;
+    RawPointWithHash* m_raw_points_hash_dev = nullptr;
+    int* m_raw_points_hash_size_dev = nullptr;
     std::uint64_t m_raw_points_capacity = 0;
+    float* m_logic_coordinate_dev = nullptr;
+    BinsHeader* m_bins_header_dev = nullptr;
+    std::uint64_t m_bins_header_capacity = 0;
+    int* m_bins_header_size_dev = nullptr;
+    DeviceParameters* m_device_params_dev = nullptr;
+    PortionerParameters* m_portioner_params_dev = nullptr;
+    std::size_t m_last_bin_count = 0;
+
+    // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
+    void binsOfSortedPoints(std::int64_t count, std::int64_t points_offset, std::vector<BinsHeader>& bins_header);
 };
 
 }  // namespace SurfaceReconstruction

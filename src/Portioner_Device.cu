@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "Portioner.h"
+#include "PointRuns.h"
 
 namespace SurfaceReconstruction {
 
@@ -105,19 +106,6 @@ struct ProcessScanFrameListKernel {
                 }
             }
         }
-    }
-};
-
-// Counts the runs of one block in the sorted batch, so that the change list can be sized first.
-struct CountBlockChangesKernel {
-    const RawPointWithHash* raw_points;
-    std::int64_t n;
-    int* changes_size;
-
-    TESSA_HD void operator()(std::size_t i) const {
-        if (static_cast<std::int64_t>(i) >= n) return;
-        if (i != 0 && raw_points[i - 1].hash == raw_points[i].hash) return;
-        deviceAtomicAdd(changes_size, 1);
     }
 };
 
@@ -469,7 +457,7 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
         }
 
         launchKernel(static_cast<std::size_t>(raw_points_hash_size),
-                     CountBlockChangesKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});
+                     CountHashRunsKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});
         int changes_size = 0;
         TESSA_DEVICE_CHECK(deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
                            "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");

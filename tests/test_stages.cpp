@@ -74,6 +74,10 @@ TEST(MarchingCubesStage, SettersNeedInitAndDeInitIsRepeatable) {
     EXPECT_EQ(stage.setHashOctree(octree), 0);
     EXPECT_EQ(stage.setFieldDataPool(pool), 0);
     EXPECT_EQ(octree.use_count(), 2);
+    EXPECT_EQ(stage.initDevice(1000), 1);  // no parameter records
+    auto device_params = std::make_shared<DeviceParameters>();
+    stage.setDeviceParams(device_params);
+    stage.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{128, 12, 152}));
     EXPECT_EQ(stage.initDevice(1000), 0);
     EXPECT_EQ(stage.rawPointsCapacity(), 1001u);  // the largest block passes the strict test
     EXPECT_EQ(stage.deInitDevice(), 0);
