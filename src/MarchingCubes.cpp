@@ -140,13 +140,42 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     float logic_coordinate[3];
     logicCoordinate(*block, logic_coordinate);
     std::vector<BinsHeader> bins_header;
-    const int result = generateBins(block, logic_coordinate, bins_header);
+    int result = generateBins(block, logic_coordinate, bins_header);
     if (result != 0) return result;
     m_last_bin_count = bins_header.size();
     if (bins_header.empty()) return 0;
     profiler.time_stop("mc-step1", true);
     if (full_chain) std::printf("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
-    // The cells and relations of the bins, and the field computation, join the chain here.
+
+    profiler.time_start("mc-step2");
+    if (full_chain) profiler.time_start("mc-step2-1");
+    if (prepareSimpleHash(bins_header) != 0) {
+        m_last_error = " [MarchingCubes] prepareSimpleHash failed";
+        return 1;
+    }
+    if (full_chain) {
+        profiler.time_stop("mc-step2-1", true);
+        profiler.time_start("mc-step2-2");
+        if (rectifyBinLevels(bins_header) != 0) {
+            m_last_error = " [MarchingCubes] rectifyBinLevels - block_loc_hash->deInit failed";
+            return 1;
+        }
+        profiler.time_stop("mc-step2-2", true);
+        profiler.time_start("mc-step2-3");
+    }
+    std::shared_ptr<CellNodeAndRelations> cells;
+    result = buildOctreeAndRelations(*block, bins_header, cells);
+    if (result != 0) return result;
+    if (full_chain) {
+        profiler.time_stop("mc-step2-3", true);
+        std::printf("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(), cells->relation_size.load());
+    }
+    profiler.time_stop("mc-step2", true);
+
+    // The field computation joins the chain here; until then no cell of the block has a field, and the
+    // records' indices do not outlive the block.
+    releaseCellRecords(*cells);
+    if (m_keep_last_cells) m_last_cells = cells;
     return 0;
 }
 

@@ -43,8 +43,10 @@ struct FieldSlot {
     float normal[3];
     float value;
     std::uint32_t word;
+    std::uint32_t reserved;  // always 0: records are compared and copied byte for byte
     std::uint64_t occupancy;
 };
+static_assert(sizeof(FieldSlot) == 32, "FieldSlot has no hidden padding");
 
 // Store of the finished field values of a run: arrays of FIELD_POOL_BLOCK_SIZE slots at fixed
 // addresses, grown under a spin lock, slot i at element i % size of array i / size.
@@ -82,6 +84,83 @@ private:
     std::uint32_t m_lock = 0;
 };
 
+// The relation of a cell to one bin: a run of points that the cell's field takes in.
+struct RelationCell2Bins_Device {
+    std::int32_t offset;  // the bin's point_offset
+    std::int32_t count;   // the bin's point_count
+};
+
+struct CellNode;
+
+// The record of one cell in the field computation.
+struct CellNode_Device {
+    CellNode* cell;               // the octree cell; the device only carries it along
+    float center[3];
+    float half_size;              // 0.5 in a record not yet used
+    std::uint32_t word;           // low byte the scale code of the bin that made the record, then flags
+    std::int32_t relation_offset; // first entry of the cell in the flat relation array; -1 until flattened
+    std::int32_t relation_count;
+    std::int32_t point_count;     // sum of the relations' counts; -1 in a record not yet used
+    std::int32_t field_flag;      // -1 no usable surface; 0, 1, 2 the number of sheets
+    float init_normal[3];
+    FieldSlot fields[2];
+};
+static_assert(sizeof(CellNode_Device) == 120, "CellNode_Device has no hidden padding");
+
+// Two points, one a sheet: working array of the field computation.
+struct VoxelFieldCenter {
+    float sheet[2][3];
+};
+
+// A record of a fresh pool block.
+CellNode_Device emptyCellNodeDevice();
+
+// The records of the block in work: a cell record and its relation list at one index, in blocks that
+// never move, recycled from block to block.
+class CellRelations_Pool {
+public:
+    static constexpr std::int32_t BLOCK_SIZE = 500000;
+    static constexpr std::size_t RESERVED_BLOCKS = 1000;
+
+    CellRelations_Pool() = default;
+    ~CellRelations_Pool() { deInit(); }
+    CellRelations_Pool(const CellRelations_Pool&) = delete;
+    CellRelations_Pool& operator=(const CellRelations_Pool&) = delete;
+
+    int init();
+    int deInit();
+    void reset() { m_size = 0; }
+    // Reserves one record; the pool stays one record ahead of its need. 66049 with index -1 on failure.
+    int allocDataIndex(std::int32_t& index);
+
+    CellNode_Device& node(std::int32_t index) { return m_cell_nodes_blocks[block(index)][index % BLOCK_SIZE]; }
+    std::vector<RelationCell2Bins_Device>& relations(std::int32_t index) {
+        return m_relations_blocks[block(index)][index % BLOCK_SIZE];
+    }
+    std::int32_t size() const { return m_size.load(); }
+    std::int32_t blockCount() const { return m_block_num; }
+    bool isInited() const { return m_inited; }
+
+private:
+    static std::size_t block(std::int32_t index) { return static_cast<std::size_t>(index / BLOCK_SIZE); }
+    bool addBlock();
+
+    bool m_inited = false;
+    std::vector<std::vector<RelationCell2Bins_Device>*> m_relations_blocks;
+    std::vector<CellNode_Device*> m_cell_nodes_blocks;
+    std::int32_t m_block_num = 0;
+    std::atomic<std::int32_t> m_size{0};
+    std::uint32_t m_lock = 0;
+};
+
+// The flattened cells of a block and their relations: the input of the field computation.
+struct CellNodeAndRelations {
+    std::atomic<std::int32_t> cell_node_size{0};
+    std::vector<CellNode_Device> cell_nodes;
+    std::atomic<std::int32_t> relation_size{0};
+    std::vector<RelationCell2Bins_Device> relations;
+};
+
 class MarchingCubes {
 public:
     MarchingCubes() = default;
@@ -110,12 +189,24 @@ public:
     // The lower corner of the block's bin grid, margins included.
     void logicCoordinate(const PointCloudBlock& block, float out[3]) const;
 
+    // The table from a bin's grid key to its index.
+    int prepareSimpleHash(const std::vector<BinsHeader>& bins_header);
+    // Spreads the bins' wished scale codes and keeps neighbours within a factor of two, in place.
+    int rectifyBinLevels(std::vector<BinsHeader>& bins_header);
+    // The cells of a block's bins with their relation lists, flattened.
+    int buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
+                                std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations);
+    // Index of the bin with this grid key, or -1.
+    std::int32_t findBin(std::int32_t x, std::int32_t y, std::int32_t z) const;
+
     std::string getLastError() const { return m_last_error; }
     bool isInited() const { return m_inited; }
     float resolution() const { return m_resolution; }
     std::uint64_t rawPointsCapacity() const { return m_raw_points_capacity; }
     bool onHost() const { return m_on_host; }
     std::size_t lastBinCount() const { return m_last_bin_count; }
+    const std::shared_ptr<CellNodeAndRelations>& lastCells() const { return m_last_cells; }
+    void keepLastCells(bool keep) { m_keep_last_cells = keep; }
 
     // The four steps behind generateBins, public for the tests of each path.
     int computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]);
@@ -145,6 +236,14 @@ private:
     DeviceParameters* m_device_params_dev = nullptr;
     PortionerParameters* m_portioner_params_dev = nullptr;
     std::size_t m_last_bin_count = 0;
+    std::shared_ptr<CellRelations_Pool> m_tmp_cell_relations_pool;
+    std::shared_ptr<CellNodeAndRelations> m_last_cells;
+    bool m_keep_last_cells = false;
+    std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
+
+    void setErrorFromLoop(const char* text);
+    // Gives every leaf of the block its state without a field: data_id -1, no records.
+    void releaseCellRecords(const CellNodeAndRelations& cells);
 
     // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
     void binsOfSortedPoints(std::int64_t count, std::int64_t points_offset, std::vector<BinsHeader>& bins_header);

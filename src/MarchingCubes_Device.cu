@@ -124,7 +124,15 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
         m_last_error = "[MarchingCubes] initDevice try catch error! \n";
         return 1;
     }
+    const int released = deInitDevice();  // a second set-up replaces the first
+    if (released != 0) return released;
     try {
+        m_tmp_cell_relations_pool = std::make_shared<CellRelations_Pool>();
+        const int pool_result = m_tmp_cell_relations_pool->init();
+        if (pool_result != 0) {
+            m_last_error = "[MarchingCubes] m_tmp_cell_device_pool->init() failed";
+            return pool_result;
+        }
         const std::uint64_t n = m_portioner_params->block_with_ext_size;
         // One more than the largest block, so that the strict capacity test admits that block; a device
         // without room for it gets the fallback capacity and the chunked path.
@@ -166,6 +174,14 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
 
 int MarchingCubes::deInitDevice() {
     try {
+        if (m_tmp_cell_relations_pool) {
+            const int result = m_tmp_cell_relations_pool->deInit();
+            if (result != 0) {
+                m_last_error = "[MarchingCubes] m_tmp_cell_relations_pool->deInit() failed";
+                return result;
+            }
+            m_tmp_cell_relations_pool.reset();
+        }
         TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
         m_raw_points_capacity = 0;
         TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <set>
+#include <sstream>
 #include <tuple>
 
 #include "BunnyData.h"
@@ -50,13 +51,14 @@ TEST(RangeScans, BunnySetReadsWithPosesAndGridNormals) {
 
 TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
     TESSALINE_REQUIRE_BUNNY();
-    std::vector<int> reported_blocks;
+    std::vector<std::string> stage_lines;
     for (int repeat = 0; repeat < 2; ++repeat) {
         Tessaline_OPT engine;
         ASSERT_EQ(engine.init(), 0);
-        engine.setResolution(0.1f);  // blocks of 128 or 256 cells of 0.1 mm: many blocks on the bunny
-        const float block_res = static_cast<float>(engine.portionerParams()->block_size) * 0.1f;
-        const auto frames = bunnyFrames();
+        engine.setResolution(0.5f);
+        const float block_res = static_cast<float>(engine.portionerParams()->block_size) * 0.5f;
+        auto frames = bunnyFrames();
+        for (std::int32_t& w : frames[0]->w) w = 16;  // one scan asks for finer cells: the full chain
         std::set<std::tuple<int, int, int>> positions;
         for (const auto& f : frames) {
             for (const Vec3f& p : f->xyz)
@@ -72,14 +74,26 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
         auto mesh = std::make_shared<MultiMeshData>();
         ::testing::internal::CaptureStdout();
         const int status = engine.process(mesh);
-        ::testing::internal::GetCapturedStdout();
+        const std::string out = ::testing::internal::GetCapturedStdout();
         ASSERT_EQ(status, 0) << engine.getLastErrorMsg();
         EXPECT_EQ(total_sub_steps, static_cast<int>(positions.size()));
-        EXPECT_GT(positions.size(), 20u);
-        reported_blocks.push_back(total_sub_steps);
+
+        // The stage's count lines of every block, without the timings.
+        std::string counts;
+        std::size_t bin_lines = 0, cell_lines = 0;
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("mc-bin_header_size: ", 0) == 0) ++bin_lines;
+            if (line.rfind("cell_node_size: ", 0) == 0) ++cell_lines;
+            if (line.find("elapsed time") == std::string::npos) counts += line + "\n";
+        }
+        EXPECT_GT(cell_lines, 0u);
+        EXPECT_EQ(bin_lines, cell_lines);  // every block of the full chain got its cells
+        EXPECT_EQ(out.find("[error]"), std::string::npos);
+        stage_lines.push_back(counts);
         EXPECT_EQ(engine.deInit(), 0);
     }
-    EXPECT_EQ(reported_blocks[0], reported_blocks[1]);
+    EXPECT_EQ(stage_lines[0], stage_lines[1]);
 }
 
 TEST(EndToEnd, BunnyBlocksHoldEveryPointAndItsMarginCopies) {

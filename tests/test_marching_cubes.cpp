@@ -234,3 +234,198 @@ TEST_F(BinsTest, SameBlockSameBinsForAnyThreadCount) {
     EXPECT_EQ(std::memcmp(one.data(), many.data(), one.size() * sizeof(BinsHeader)), 0);
     EXPECT_EQ(std::memcmp(a->points->data(), b->points->data(), points.size() * sizeof(RawPointWithHash)), 0);
 }
+
+// ---- rectification, cells and relations ------------------------------------------------------------
+
+namespace {
+
+// A stage with an octree, ready for the steps after the bins; bins are made by hand on the grid of r.
+class CellsTest : public ::testing::Test {
+protected:
+    void setUp(float resolution, std::uint32_t block_size = 128) {
+        auto device_params = std::make_shared<DeviceParameters>();
+        std::memset(device_params.get(), 0, sizeof(DeviceParameters));
+        device_params->wide_search_edge = 0.2f;
+        stage.setDeviceParams(device_params);
+        stage.setPortionerParams(
+            std::make_shared<PortionerParameters>(PortionerParameters{block_size, 12, block_size + 24}));
+        stage.setResolution(resolution);
+        ASSERT_EQ(stage.init(), 0);
+        octree = std::make_shared<HashOctree>();
+        ASSERT_EQ(octree->init(std::make_shared<HashParameters>(HashParameters{4096, 4095, 1000, 100000, 1, 1000})), 0);
+        octree->setResolution(resolution);
+        octree->setBlockSize(static_cast<std::int32_t>(block_size));
+        ASSERT_EQ(stage.setHashOctree(octree), 0);
+        ASSERT_EQ(stage.initDevice(1000), 0);
+        r = resolution;
+    }
+
+    BinsHeader bin(int ix, int iy, int iz, int code, int points = 1, int offset = 0) const {
+        BinsHeader b{};
+        b.center[0] = (static_cast<float>(ix) + 0.5f) * r;
+        b.center[1] = (static_cast<float>(iy) + 0.5f) * r;
+        b.center[2] = (static_cast<float>(iz) + 0.5f) * r;
+        b.bin_sub_scale = static_cast<std::int8_t>(code);
+        b.point_count = points;
+        b.point_offset = offset;
+        return b;
+    }
+
+    // Codes of a line of bins along x after rectification.
+    std::vector<int> rectifiedLine(const std::vector<int>& codes) {
+        std::vector<BinsHeader> bins;
+        for (std::size_t i = 0; i < codes.size(); ++i) bins.push_back(bin(static_cast<int>(i) + 10, 10, 10, codes[i]));
+        EXPECT_EQ(stage.prepareSimpleHash(bins), 0);
+        EXPECT_EQ(stage.rectifyBinLevels(bins), 0);
+        std::vector<int> result;
+        for (const BinsHeader& b : bins) result.push_back(b.bin_sub_scale);
+        return result;
+    }
+
+    std::shared_ptr<CellNodeAndRelations> cells(std::vector<BinsHeader> bins) {
+        PointCloudBlock block;
+        const float half = static_cast<float>(stage_block_size()) * r * 0.5f;
+        block.center[0] = block.center[1] = block.center[2] = half;
+        EXPECT_EQ(stage.prepareSimpleHash(bins), 0);
+        std::shared_ptr<CellNodeAndRelations> result;
+        EXPECT_EQ(stage.buildOctreeAndRelations(block, bins, result), 0);
+        return result;
+    }
+
+    std::uint32_t stage_block_size() const { return 128; }
+
+    MarchingCubes stage;
+    std::shared_ptr<HashOctree> octree;
+    float r = 0.5f;
+};
+
+}  // namespace
+
+TEST_F(CellsTest, SpreadingReachesTwoBinsAndFourAtSmallResolution) {
+    setUp(5.0f);  // above 3: one pass
+    EXPECT_EQ(rectifiedLine({16, 8, 8, 8, 8, 8, 8}), (std::vector<int>{16, 16, 16, 8, 8, 8, 8}));
+}
+
+TEST_F(CellsTest, SpreadingTwiceAtSmallResolution) {
+    setUp(0.5f);  // at most 3: two passes
+    EXPECT_EQ(rectifiedLine({16, 8, 8, 8, 8, 8, 8}), (std::vector<int>{16, 16, 16, 16, 16, 8, 8}));
+    EXPECT_EQ(rectifiedLine({8, 8, 8}), (std::vector<int>{8, 8, 8}));  // nothing to do
+}
+
+TEST_F(CellsTest, RatioRules) {
+    setUp(5.0f);
+    EXPECT_EQ(rectifiedLine({32, 8, 8, 8, 8, 8, 8}), (std::vector<int>{32, 32, 32, 16, 8, 8, 8}));  // 8 beside 32
+    EXPECT_EQ(rectifiedLine({16, 64}), (std::vector<int>{32, 64}));
+    EXPECT_EQ(rectifiedLine({4, 1}), (std::vector<int>{2, 1}));
+    EXPECT_EQ(rectifiedLine({16, 4}), (std::vector<int>{16, 4}));  // opposite sides of 8: left alone
+}
+
+TEST_F(CellsTest, ABinThatCameToFourWidensToThreeBins) {
+    setUp(5.0f);
+    // 2 spreads to two bins; the 8 beside them becomes 4 and then every bin within three becomes 4,
+    // the 2s included.
+    EXPECT_EQ(rectifiedLine({2, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8}), (std::vector<int>{4, 4, 4, 4, 4, 4, 4, 8, 8, 8, 8}));
+}
+
+TEST_F(CellsTest, IsolatedBinMakesTwentySevenCellsAndTwoAdjacentThirtySix) {
+    setUp(0.5f);
+    {
+        const auto result = cells({bin(60, 60, 60, 8, 5, 0)});
+        ASSERT_EQ(result->cell_node_size.load(), 27);
+        EXPECT_EQ(result->relation_size.load(), 27);
+        for (const CellNode_Device& record : result->cell_nodes) {
+            EXPECT_FLOAT_EQ(record.half_size, 0.25f);
+            EXPECT_EQ(record.point_count, 5);
+            EXPECT_EQ(record.relation_count, 1);
+            EXPECT_EQ(record.word & 0xFF, 8u);
+            EXPECT_EQ(record.cell->cell_type, CELL_TYPE_LEAF);
+            EXPECT_EQ(record.cell->data_state, 1);
+        }
+    }
+    {
+        const auto result = cells({bin(40, 40, 40, 8, 2, 0), bin(41, 40, 40, 8, 3, 2)});
+        ASSERT_EQ(result->cell_node_size.load(), 36);
+        int two = 0;
+        for (const CellNode_Device& record : result->cell_nodes) {
+            ASSERT_TRUE(record.relation_count == 1 || record.relation_count == 2);
+            two += record.relation_count == 2 ? 1 : 0;
+            if (record.relation_count == 2) EXPECT_EQ(record.point_count, 5);
+        }
+        EXPECT_EQ(two, 18);  // the cells that both bins reach
+        EXPECT_EQ(result->relation_size.load(), 27 + 27);
+    }
+}
+
+TEST_F(CellsTest, ACoarseBinAbsorbsTheFinerCellsBelowIt) {
+    setUp(0.5f);
+    // The fine bin comes first and makes cells of one bin; the code-4 bin then asks for cells of two
+    // bins around it, one of which holds those cells.
+    const auto result = cells({bin(20, 20, 20, 8, 3, 0), bin(21, 21, 21, 4, 4, 3)});
+    ASSERT_GT(result->cell_node_size.load(), 27);
+    int absorbed = 0;
+    std::int64_t total_points = 0;
+    for (const CellNode_Device& record : result->cell_nodes) {
+        if (record.half_size == 0.25f) {
+            EXPECT_EQ(record.point_count == 0, record.cell->cell_type != CELL_TYPE_LEAF || record.relation_count == 0);
+            absorbed += record.point_count == 0 ? 1 : 0;
+        }
+        if (record.half_size == 0.5f && record.point_count > 0) total_points += record.point_count;
+    }
+    EXPECT_GT(absorbed, 0);  // finer records that moved into a coarser leaf end with no points
+    EXPECT_GT(total_points, 0);
+    std::int64_t relations = 0;
+    for (const CellNode_Device& record : result->cell_nodes) relations += record.relation_count;
+    EXPECT_EQ(relations, result->relation_size.load());  // nothing lost in the moves
+}
+
+TEST_F(CellsTest, FineBinsVisitEachInnerTargetOnce) {
+    setUp(0.5f);
+    BinsHeader b = bin(30, 30, 30, 16, 1, 0);
+    b.occupancy[0] = 1;  // one occupied octant of the 2 x 2 x 2 split
+    const auto result = cells({b});
+    // Cells of a quarter bin around the octant: 3 x 3 x 3 of them, each with a record.
+    EXPECT_EQ(result->cell_node_size.load(), 27);
+    for (const CellNode_Device& record : result->cell_nodes) EXPECT_FLOAT_EQ(record.half_size, 0.125f);
+}
+
+TEST_F(CellsTest, RecordsAndRelationsAreTheSameForAnyThreadCount) {
+    setUp(0.5f);
+    std::mt19937 rng(21);
+    std::uniform_int_distribution<int> pos(20, 60), code(0, 4);
+    const int codes[5] = {8, 8, 16, 4, 32};
+    std::vector<BinsHeader> bins;
+    int offset = 0;
+    for (int i = 0; i < 400; ++i) {
+        BinsHeader b = bin(pos(rng), pos(rng), 40 + i % 3, codes[code(rng)], 1 + i % 4, offset);
+        b.occupancy[i % 8] = 0x0101010101010101ull << (i % 8);
+        offset += b.point_count;
+        bins.push_back(b);
+    }
+    const auto canonical = [](const CellNodeAndRelations& c) {
+        std::vector<CellNode_Device> records = c.cell_nodes;
+        for (CellNode_Device& record : records) record.cell = nullptr;  // addresses differ between trees
+        return records;
+    };
+    const int threads = omp_get_max_threads();
+    std::vector<std::vector<CellNode_Device>> runs;
+    std::vector<std::vector<RelationCell2Bins_Device>> relations;
+    for (int t : {1, std::max(2, threads), 1}) {
+        setUp(0.5f);  // a fresh octree
+        omp_set_num_threads(t);
+        std::vector<BinsHeader> copy = bins;
+        ASSERT_EQ(stage.prepareSimpleHash(copy), 0);
+        ASSERT_EQ(stage.rectifyBinLevels(copy), 0);
+        const auto result = cells(copy);
+        runs.push_back(canonical(*result));
+        relations.push_back(result->relations);
+    }
+    omp_set_num_threads(threads);
+    for (std::size_t i = 1; i < runs.size(); ++i) {
+        ASSERT_EQ(runs[i].size(), runs[0].size());
+        EXPECT_EQ(std::memcmp(runs[i].data(), runs[0].data(), runs[0].size() * sizeof(CellNode_Device)), 0);
+        ASSERT_EQ(relations[i].size(), relations[0].size());
+        EXPECT_EQ(std::memcmp(relations[i].data(), relations[0].data(),
+                              relations[0].size() * sizeof(RelationCell2Bins_Device)),
+                  0);
+    }
+}

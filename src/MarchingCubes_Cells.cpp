@@ -1,0 +1,498 @@
+// From bins to cells: the lookup table of a block's bins, the rectification of their scale codes, and
+// the octree cells of each bin with the relation lists that their fields are computed from.
+//
+// Which bin creates a cell's record, and whether a finer subtree exists before a coarser bin turns its
+// ancestor into a leaf, would depend on thread timing if the bins were walked in parallel. The walk
+// that shapes the tree is therefore made in bin order, and only what does not shape it runs in
+// parallel: the neighbourhood searches of the records and the flattening. The result is that of one
+// thread, on every run and for any thread count.
+#include <algorithm>
+#include <cstdio>
+#include <new>
+
+#include "GridHash.h"
+#include "HashOctree.h"
+#include "MarchingCubes.h"
+#include "Morton.h"
+#include "Portioner.h"
+#include "SimpleLineHash.h"
+#include "SpinLock.h"
+#include "tessaline/Tessaline.h"
+
+namespace SurfaceReconstruction {
+
+// ---- records ---------------------------------------------------------------------------------------
+
+CellNode_Device emptyCellNodeDevice() {
+    CellNode_Device record{};
+    record.half_size = 0.5f;
+    record.relation_offset = -1;
+    record.point_count = -1;
+    return record;
+}
+
+bool CellRelations_Pool::addBlock() {
+    CellNode_Device* nodes = new (std::nothrow) CellNode_Device[BLOCK_SIZE];
+    if (nodes == nullptr) return false;
+    auto* relations = new (std::nothrow) std::vector<RelationCell2Bins_Device>[BLOCK_SIZE];
+    if (relations == nullptr) {
+        delete[] nodes;
+        return false;
+    }
+    std::fill(nodes, nodes + BLOCK_SIZE, emptyCellNodeDevice());
+    m_cell_nodes_blocks.push_back(nodes);
+    m_relations_blocks.push_back(relations);
+    ++m_block_num;
+    return true;
+}
+
+int CellRelations_Pool::init() {
+    deInit();
+    m_cell_nodes_blocks.reserve(RESERVED_BLOCKS);
+    m_relations_blocks.reserve(RESERVED_BLOCKS);
+    for (int i = 0; i < 2; ++i) {
+        if (!addBlock()) {
+            deInit();
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+    }
+    m_inited = true;
+    return 0;
+}
+
+int CellRelations_Pool::deInit() {
+    for (CellNode_Device* nodes : m_cell_nodes_blocks) delete[] nodes;
+    for (std::vector<RelationCell2Bins_Device>* relations : m_relations_blocks) delete[] relations;
+    m_cell_nodes_blocks.clear();
+    m_relations_blocks.clear();
+    m_block_num = 0;
+    m_size = 0;
+    m_inited = false;
+    return 0;
+}
+
+int CellRelations_Pool::allocDataIndex(std::int32_t& index) {
+    index = m_size.fetch_add(1);
+    if (static_cast<std::int64_t>(index) + 1 < static_cast<std::int64_t>(m_block_num) * BLOCK_SIZE) return 0;
+    SpinGuard guard(m_lock);
+    while (static_cast<std::int64_t>(index) + 1 >= static_cast<std::int64_t>(m_block_num) * BLOCK_SIZE) {
+        if (m_cell_nodes_blocks.size() >= RESERVED_BLOCKS || !addBlock()) {
+            m_size.fetch_sub(1);
+            index = -1;
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+    }
+    return 0;
+}
+
+void MarchingCubes::setErrorFromLoop(const char* text) {
+    SpinGuard guard(m_error_lock);
+    m_last_error = text;
+}
+
+// ---- the bins' lookup table ------------------------------------------------------------------------
+
+namespace {
+void gridKey(const float center[3], float cell, std::int32_t key[3]) {
+    for (int k = 0; k < 3; ++k) key[k] = gridIndex(center[k], cell);
+}
+
+// The code a bin counts with: a code of 0 (no scale) counts as the default 8.
+int effectiveCode(const BinsHeader& bin) { return bin.bin_sub_scale == SUB_SCALE_NANE ? 8 : bin.bin_sub_scale; }
+}  // namespace
+
+int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header) {
+    const std::uint64_t n = bins_header.size();
+    std::uint64_t buckets = 1;
+    while (buckets < 10 * n) buckets <<= 1;
+    buckets = std::max<std::uint64_t>(buckets, 0x800000);
+    const std::uint64_t excess = std::max<std::uint64_t>(20000, (n / 10000 + 1) * 10000);
+    const int result = m_block_loc_hash->init(buckets, excess);
+    if (result != 0) {
+        m_last_error = " [MarchingCubes] block_loc_hash->init failed";
+        return result;
+    }
+    const std::int64_t count = static_cast<std::int64_t>(n);
+    // Two bins with one key come from a run cut in chunks: the later bin wins, whatever the timing.
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < count; ++i) {
+        std::int32_t key[3];
+        gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
+        SimpleLineHashEntry* entry = nullptr;
+        if (m_block_loc_hash->insert(key[0], key[1], key[2], entry) != 0) continue;
+        std::int32_t current = __atomic_load_n(&entry->id, __ATOMIC_RELAXED);
+        while (current < i && !__atomic_compare_exchange_n(&entry->id, &current, static_cast<std::int32_t>(i), true,
+                                                            __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+        }
+    }
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < count; ++i) {
+        const BinsHeader& bin = bins_header[static_cast<std::size_t>(i)];
+        std::int32_t key[3];
+        gridKey(bin.center, m_resolution, key);
+        SimpleLineHashEntry* entry = nullptr;
+        if (m_block_loc_hash->find(key[0], key[1], key[2], entry) == 0 && entry->id == i) entry->flags = bin.bin_sub_scale;
+    }
+    return 0;
+}
+
+std::int32_t MarchingCubes::findBin(std::int32_t x, std::int32_t y, std::int32_t z) const {
+    SimpleLineHashEntry* entry = nullptr;
+    if (m_block_loc_hash->find(x, y, z, entry) != 0) return -1;
+    return entry->id;
+}
+
+// ---- level rectification ---------------------------------------------------------------------------
+
+int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
+    try {
+        const std::int64_t n = static_cast<std::int64_t>(bins_header.size());
+        std::vector<std::int8_t> next(bins_header.size());
+
+        // Spreading: a bin of the default code takes the last wish of its 5 x 5 x 5 neighbourhood. All
+        // bins decide on the old codes before any changes.
+        const auto spreadBinLevels = [&] {
+#pragma omp parallel for schedule(static)
+            for (std::int64_t i = 0; i < n; ++i) {
+                const BinsHeader& bin = bins_header[static_cast<std::size_t>(i)];
+                next[static_cast<std::size_t>(i)] = bin.bin_sub_scale;
+                if (effectiveCode(bin) != 8) continue;
+                std::int32_t key[3];
+                gridKey(bin.center, m_resolution, key);
+                for (int dx = -2; dx <= 2; ++dx)
+                    for (int dy = -2; dy <= 2; ++dy)
+                        for (int dz = -2; dz <= 2; ++dz) {
+                            const std::int32_t id = findBin(key[0] + dx, key[1] + dy, key[2] + dz);
+                            if (id < 0) continue;
+                            const int code = effectiveCode(bins_header[static_cast<std::size_t>(id)]);
+                            if (code != 8) next[static_cast<std::size_t>(i)] = static_cast<std::int8_t>(code);
+                        }
+            }
+#pragma omp parallel for schedule(static)
+            for (std::int64_t i = 0; i < n; ++i)
+                bins_header[static_cast<std::size_t>(i)].bin_sub_scale = next[static_cast<std::size_t>(i)];
+        };
+        spreadBinLevels();
+        if (m_resolution <= 3.0f) spreadBinLevels();
+
+        // Limiting: a neighbour more than one level finer pulls a bin up, one more than one level coarser
+        // pulls it down; each run decides on the codes it starts from.
+        std::vector<std::uint8_t> came_to_four(bins_header.size(), 0);
+        for (int run = 0; run < 2; ++run) {
+#pragma omp parallel for schedule(static)
+            for (std::int64_t i = 0; i < n; ++i) {
+                const BinsHeader& bin = bins_header[static_cast<std::size_t>(i)];
+                next[static_cast<std::size_t>(i)] = bin.bin_sub_scale;
+                const int a = effectiveCode(bin);
+                std::int32_t key[3];
+                gridKey(bin.center, m_resolution, key);
+                for (int nb = 0; nb < 27; ++nb) {
+                    const std::int32_t id = findBin(key[0] + nb % 3 - 1, key[1] + (nb % 9) / 3 - 1, key[2] + nb / 9 - 1);
+                    if (id < 0) continue;
+                    const int b = effectiveCode(bins_header[static_cast<std::size_t>(id)]);
+                    if (b == a) continue;
+                    if (b > a && a >= 8 && b / a > 2) {
+                        next[static_cast<std::size_t>(i)] = static_cast<std::int8_t>(b * 0.5);
+                        break;
+                    }
+                    if (a > b && a <= 8 && b != 0 && a / b > 2) {
+                        next[static_cast<std::size_t>(i)] = static_cast<std::int8_t>(a * 0.5);
+                        if (next[static_cast<std::size_t>(i)] == 4) came_to_four[static_cast<std::size_t>(i)] = 1;
+                        break;
+                    }
+                }
+            }
+#pragma omp parallel for schedule(static)
+            for (std::int64_t i = 0; i < n; ++i)
+                bins_header[static_cast<std::size_t>(i)].bin_sub_scale = next[static_cast<std::size_t>(i)];
+        }
+
+        // Widening: every bin within three of a bin that came to 4, and still has it, becomes 4.
+        std::vector<std::uint8_t> widen(bins_header.size(), 0);
+        for (std::int64_t i = 0; i < n; ++i)
+            widen[static_cast<std::size_t>(i)] =
+                came_to_four[static_cast<std::size_t>(i)] && bins_header[static_cast<std::size_t>(i)].bin_sub_scale == 4;
+#pragma omp parallel for schedule(static)
+        for (std::int64_t i = 0; i < n; ++i) {
+            if (!widen[static_cast<std::size_t>(i)]) continue;
+            std::int32_t key[3];
+            gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
+            for (int dx = -3; dx <= 3; ++dx)
+                for (int dy = -3; dy <= 3; ++dy)
+                    for (int dz = -3; dz <= 3; ++dz) {
+                        const std::int32_t id = findBin(key[0] + dx, key[1] + dy, key[2] + dz);
+                        if (id >= 0)
+                            __atomic_store_n(&bins_header[static_cast<std::size_t>(id)].bin_sub_scale, std::int8_t{4},
+                                             __ATOMIC_RELAXED);
+                    }
+        }
+        return 0;
+    } catch (...) {
+        return 1;
+    }
+}
+
+// ---- cells and relations ---------------------------------------------------------------------------
+
+namespace {
+
+enum class SearchKind : std::uint8_t { Normal, Coarse, Fine };
+
+// A record whose relation list is still to be searched: where, at which size, by which search.
+struct PendingSearch {
+    std::int32_t record;
+    SearchKind kind;
+    float pos[3];
+    float size;  // normal and fine: the cell size; coarse: the half size h
+    std::int32_t m;
+};
+
+// A record that moves into the record of the leaf that absorbed its cell.
+struct Absorption {
+    std::int32_t into;
+    std::int32_t from;
+};
+
+int searchReach(float size, float wide_search_edge) {
+    if (size >= wide_search_edge) return 1;
+    return size > 0.05f ? 3 : 5;
+}
+
+}  // namespace
+
+int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
+                                           std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations) {
+    std::shared_ptr<HashRootCellData> root;
+    if (m_hash_octree->insertBlockHash(block.center, root) != 0 || !root) {
+        m_last_error = "[MarchingCubes] m_hash_octree->insertBlockHash failed!";
+        return 1;
+    }
+    CellRelations_Pool& pool = *m_tmp_cell_relations_pool;
+    pool.reset();
+    const float r = m_resolution;
+    std::vector<PendingSearch> pending;
+    std::vector<Absorption> absorptions;
+
+    // The cell at `pos` of the wished size, its record made by the first bin that reaches it.
+    const auto visitCell = [&](const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search) {
+        CellNode* leaf = nullptr;
+        if (m_hash_octree->insertLeafNodeForHashBlock(*root, pos, target_half, leaf) != 0) return true;
+        if (leaf->data_id == -1) {
+            std::int32_t index = -1;
+            if (pool.allocDataIndex(index) != 0) {
+                m_last_error = "[MarchingCubes] tmp_cell_device_pool->allocDataIndex failed";
+                return false;
+            }
+            CellNode_Device& record = pool.node(index);
+            record = emptyCellNodeDevice();
+            record.cell = leaf;
+            for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
+            record.half_size = leaf->half_size;
+            record.point_count = 0;
+            record.word = word;
+            pool.relations(index).clear();
+            PendingSearch p = search;
+            p.record = index;
+            for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
+            pending.push_back(p);
+            leaf->data_id = index;
+            leaf->data_state = 1;
+        }
+        if (leaf->child_count > 0) {
+            // Finer bins got here first: their records move into this leaf's, depth first.
+            std::vector<std::pair<CellNode*, int>> stack{{leaf, 0}};
+            while (!stack.empty()) {
+                auto& [node, next_child] = stack.back();
+                if (node->child_count > 0 && next_child < 8) {
+                    CellNode* child = node->children[next_child++];
+                    if (child) stack.push_back({child, 0});
+                    continue;
+                }
+                if (node != leaf && node->data_state == 1 && node->data_id >= 0)
+                    absorptions.push_back({leaf->data_id, node->data_id});
+                node->child_count = 0;
+                stack.pop_back();
+            }
+        }
+        return true;
+    };
+
+    for (std::size_t b = 0; b < bins_header.size(); ++b) {
+        const BinsHeader& bin = bins_header[b];
+        std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
+        if (scale == static_cast<std::uint8_t>(SUB_SCALE_NANE)) {
+            std::printf("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
+            scale = 8;  // its points are not lost: the bin counts as one of the default scale
+        }
+        const std::uint32_t word = static_cast<std::uint32_t>(scale) | (static_cast<std::uint32_t>(bin.bin_flags) << 8);
+        bool ok = true;
+        if (scale == 8) {
+            for (int dx = -1; dx <= 1 && ok; ++dx)
+                for (int dy = -1; dy <= 1 && ok; ++dy)
+                    for (int dz = -1; dz <= 1 && ok; ++dz) {
+                        const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
+                        ok = visitCell(pos, r * 0.5f, word, PendingSearch{-1, SearchKind::Normal, {}, r, 0});
+                    }
+        } else if (scale < 8) {
+            const std::int32_t m = 8 / scale;
+            const float e = static_cast<float>(m) * r;
+            std::int32_t base[3];
+            gridKey(bin.center, e, base);
+            for (int dx = -1; dx <= 1 && ok; ++dx)
+                for (int dy = -1; dy <= 1 && ok; ++dy)
+                    for (int dz = -1; dz <= 1 && ok; ++dz) {
+                        const float pos[3] = {static_cast<float>(base[0] + dx) * e + e * 0.5f,
+                                              static_cast<float>(base[1] + dy) * e + e * 0.5f,
+                                              static_cast<float>(base[2] + dz) * e + e * 0.5f};
+                        ok = visitCell(pos, e * 0.5f, word, PendingSearch{-1, SearchKind::Coarse, {}, e * 0.5f, m});
+                    }
+        } else if (scale == 16 || scale == 32 || scale == 64) {
+            const int per_axis = scale / 8;
+            const float e = r / static_cast<float>(per_axis);
+            const float corner[3] = {bin.center[0] - r * 0.5f, bin.center[1] - r * 0.5f, bin.center[2] - r * 0.5f};
+            const unsigned char* bytes = reinterpret_cast<const unsigned char*>(bin.occupancy);
+            bool visited[512] = {};
+            for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(per_axis * per_axis * per_axis) && ok; ++i) {
+                const bool occupied = scale == 16   ? bin.occupancy[i] != 0
+                                      : scale == 32 ? bytes[i] != 0
+                                                    : ((bin.occupancy[i / 64] >> (i % 64)) & 1u) != 0;
+                if (!occupied) continue;
+                std::uint32_t c[3];
+                mortonDecode(i, c[0], c[1], c[2]);
+                float sub_center[3];
+                for (int k = 0; k < 3; ++k) sub_center[k] = static_cast<float>(c[k]) * e + corner[k] + e * 0.5f;
+                for (int dx = -1; dx <= 1 && ok; ++dx)
+                    for (int dy = -1; dy <= 1 && ok; ++dy)
+                        for (int dz = -1; dz <= 1 && ok; ++dz) {
+                            const int a = static_cast<int>(c[0]) + dx, bb = static_cast<int>(c[1]) + dy,
+                                      cc = static_cast<int>(c[2]) + dz;
+                            if (a >= 0 && a < per_axis && bb >= 0 && bb < per_axis && cc >= 0 && cc < per_axis) {
+                                const std::uint32_t code = mortonEncode(static_cast<std::uint32_t>(a),
+                                                                        static_cast<std::uint32_t>(bb),
+                                                                        static_cast<std::uint32_t>(cc));
+                                if (visited[code]) continue;
+                                visited[code] = true;
+                            }
+                            const float pos[3] = {sub_center[0] + dx * e, sub_center[1] + dy * e, sub_center[2] + dz * e};
+                            ok = visitCell(pos, e * 0.5f, word, PendingSearch{-1, SearchKind::Fine, {}, e, 0});
+                        }
+            }
+        }
+    }
+
+    // The searches: each record's list around its position, at the size of the bin that made it.
+    const float wide_search_edge = m_device_params->wide_search_edge;
+    const std::int64_t searches = static_cast<std::int64_t>(pending.size());
+    std::int64_t total_relations_size = 0;
+#pragma omp parallel for schedule(dynamic, 64) reduction(+ : total_relations_size)
+    for (std::int64_t s = 0; s < searches; ++s) {
+        const PendingSearch& p = pending[static_cast<std::size_t>(s)];
+        std::vector<RelationCell2Bins_Device>& list = pool.relations(p.record);
+        CellNode_Device& record = pool.node(p.record);
+        const auto take = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
+            const std::int32_t id = findBin(x, y, z);
+            if (id < 0) return;
+            const BinsHeader& bin = bins_header[static_cast<std::size_t>(id)];
+            record.point_count += bin.point_count;
+            list.push_back({bin.point_offset, bin.point_count});
+        };
+        if (p.kind == SearchKind::Normal) {
+            const int reach = searchReach(p.size, wide_search_edge);
+            std::int32_t key[3];
+            gridKey(p.pos, r, key);
+            for (int i = -reach; i <= reach; ++i)
+                for (int j = -reach; j <= reach; ++j)
+                    for (int k = -reach; k <= reach; ++k) take(key[0] + i, key[1] + j, key[2] + k);
+        } else if (p.kind == SearchKind::Coarse) {
+            const float h = p.size;
+            float start[3];
+            for (int k = 0; k < 3; ++k) start[k] = p.pos[k] - h - 2 * h;
+            const int steps = 3 * p.m;
+            for (int i = 0; i < steps; ++i)
+                for (int j = 0; j < steps; ++j)
+                    for (int k = 0; k < steps; ++k)
+                        take(gridIndex(r * static_cast<float>(i) + start[0] + r * 0.5f, r),
+                             gridIndex(r * static_cast<float>(j) + start[1] + r * 0.5f, r),
+                             gridIndex(r * static_cast<float>(k) + start[2] + r * 0.5f, r));
+        } else {
+            const int reach = searchReach(p.size, wide_search_edge);
+            std::int32_t base[3];
+            gridKey(p.pos, r, base);
+            bool seen[125] = {};
+            for (int i = -reach; i <= reach; ++i)
+                for (int j = -reach; j <= reach; ++j)
+                    for (int k = -reach; k <= reach; ++k) {
+                        const std::int32_t key[3] = {gridIndex(static_cast<float>(i) * p.size + p.pos[0], r),
+                                                     gridIndex(static_cast<float>(j) * p.size + p.pos[1], r),
+                                                     gridIndex(static_cast<float>(k) * p.size + p.pos[2], r)};
+                        const int slot = ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
+                        if (slot >= 0 && slot < 125) {
+                            if (seen[slot]) continue;
+                            seen[slot] = true;
+                        }
+                        take(key[0], key[1], key[2]);
+                    }
+        }
+        total_relations_size += static_cast<std::int64_t>(list.size());
+    }
+
+    // Absorptions, in the order they happened.
+    for (const Absorption& move : absorptions) {
+        CellNode_Device& into = pool.node(move.into);
+        CellNode_Device& from = pool.node(move.from);
+        into.point_count += from.point_count;
+        into.word |= from.word & 0xFFFFFF00u;
+        std::vector<RelationCell2Bins_Device>& target = pool.relations(move.into);
+        std::vector<RelationCell2Bins_Device>& source = pool.relations(move.from);
+        target.insert(target.end(), source.begin(), source.end());
+        source.clear();
+        from.point_count = 0;
+    }
+
+    // Flattening: records in pool order, each cell's relations together, in record order.
+    auto flat = std::make_shared<CellNodeAndRelations>();
+    const std::int32_t records = pool.size();
+    flat->cell_node_size = records;
+    flat->cell_nodes.resize(static_cast<std::size_t>(records));
+    flat->relation_size = static_cast<std::int32_t>(total_relations_size);
+    flat->relations.resize(static_cast<std::size_t>(total_relations_size));
+    std::vector<std::int64_t> offsets(static_cast<std::size_t>(records) + 1, 0);
+    for (std::int32_t i = 0; i < records; ++i) {
+        const std::size_t k = pool.relations(i).size();
+        const bool kept = pool.node(i).point_count >= 1 && k >= 1;
+        offsets[static_cast<std::size_t>(i) + 1] = offsets[static_cast<std::size_t>(i)] + (kept ? static_cast<std::int64_t>(k) : 0);
+    }
+    if (offsets.back() != total_relations_size) {
+        std::printf("[error]: relation_offset.load() != total_relations_size\n");
+        m_last_error = "[MarchingCubes] reOrganizeCellRelations failed!";
+        return 1;
+    }
+#pragma omp parallel for schedule(static)
+    for (std::int32_t i = 0; i < records; ++i) {
+        CellNode_Device& record = flat->cell_nodes[static_cast<std::size_t>(i)];
+        record = pool.node(i);
+        std::vector<RelationCell2Bins_Device>& list = pool.relations(i);
+        const std::int64_t o = offsets[static_cast<std::size_t>(i)];
+        if (record.point_count >= 1 && !list.empty()) {
+            std::copy(list.begin(), list.end(), flat->relations.begin() + o);
+            record.relation_offset = static_cast<std::int32_t>(o);
+            record.relation_count = static_cast<std::int32_t>(list.size());
+        }
+        list.clear();  // the record is recycled by the next block
+    }
+    cell_node_and_relations = std::move(flat);
+    return 0;
+}
+
+void MarchingCubes::releaseCellRecords(const CellNodeAndRelations& cells) {
+    const std::int64_t n = static_cast<std::int64_t>(cells.cell_nodes.size());
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < n; ++i) {
+        CellNode* cell = cells.cell_nodes[static_cast<std::size_t>(i)].cell;
+        cell->data_id = -1;
+        cell->data_state = 0;
+        cell->field_count = 0;
+    }
+}
+
+}  // namespace SurfaceReconstruction
