@@ -301,3 +301,31 @@ TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
     }
     for (CellNode* leaf : distinct) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
 }
+
+TEST_F(SmallOctree, ConcurrentRootCreationGivesOneRootPerBlock) {
+    constexpr int THREADS = 8;
+    std::vector<std::vector<std::shared_ptr<HashRootCellData>>> got(THREADS);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 64; ++i) {
+                const int b = (i + t) % 64;  // 64 blocks of edge 128 in a 4 x 4 x 4 cube
+                const float p[3] = {(b % 4) * 128.0f + 1.0f, (b / 4 % 4) * 128.0f + 2.0f, (b / 16) * 128.0f + 3.0f};
+                std::shared_ptr<HashRootCellData> root;
+                ASSERT_EQ(octree.insertBlockHash(p, root), 0);
+                got[static_cast<std::size_t>(t)].push_back(root);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    std::shared_ptr<HashRootCellList> list;
+    ASSERT_EQ(octree.getHashCellList(list), 0);
+    EXPECT_EQ(list->datas_size.load(), 64);
+    for (int t = 1; t < THREADS; ++t) {
+        for (int i = 0; i < 64; ++i) {
+            // Thread t asked for block (i + t) % 64 at step i; thread 0 asked for it at step (i + t) % 64.
+            EXPECT_EQ(got[static_cast<std::size_t>(t)][static_cast<std::size_t>(i)],
+                      got[0][static_cast<std::size_t>((i + t) % 64)]);
+        }
+    }
+}

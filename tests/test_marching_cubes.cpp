@@ -8,6 +8,7 @@
 #include <cstring>
 #include <random>
 
+#include "FakeDevices.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
 #include "Morton.h"
@@ -349,7 +350,9 @@ TEST_F(CellsTest, IsolatedBinMakesTwentySevenCellsAndTwoAdjacentThirtySix) {
         for (const CellNode_Device& record : result->cell_nodes) {
             ASSERT_TRUE(record.relation_count == 1 || record.relation_count == 2);
             two += record.relation_count == 2 ? 1 : 0;
-            if (record.relation_count == 2) EXPECT_EQ(record.point_count, 5);
+            if (record.relation_count == 2) {
+                EXPECT_EQ(record.point_count, 5);
+            }
         }
         EXPECT_EQ(two, 18);  // the cells that both bins reach
         EXPECT_EQ(result->relation_size.load(), 27 + 27);
@@ -428,4 +431,28 @@ TEST_F(CellsTest, RecordsAndRelationsAreTheSameForAnyThreadCount) {
                               relations[0].size() * sizeof(RelationCell2Bins_Device)),
                   0);
     }
+}
+
+TEST_F(CellsTest, ScaleCodeZeroIsReportedAndCountsAsEight) {
+    setUp(0.5f);
+    ::testing::internal::CaptureStdout();
+    const auto result = cells({bin(60, 60, 60, 0, 2, 0)});
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
+    ASSERT_EQ(result->cell_node_size.load(), 27);  // its points are not lost
+    for (const CellNode_Device& record : result->cell_nodes) EXPECT_EQ(record.word & 0xFF, 8u);
+}
+
+TEST(MarchingCubesDevice, WithoutAMemoryFigureTheFallbackCapacityIsUsed) {
+    testing_support::FakeDevices fake;
+    fake.mem_info_fails = true;
+    MarchingCubes stage;
+    stage.setDeviceParams(std::make_shared<DeviceParameters>());
+    stage.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{128, 12, 152}));
+    ASSERT_EQ(stage.init(), 0);
+    ASSERT_EQ(stage.initDevice(10), 0);
+    EXPECT_EQ(stage.rawPointsCapacity(), 152u * 152u * 300u);
+    EXPECT_EQ(stage.deInitDevice(), 0);
+    EXPECT_EQ(stage.deInitDevice(), 0);  // nothing left: no second release
+    EXPECT_EQ(stage.deInit(), 0);
 }
