@@ -240,8 +240,15 @@ private:
     std::shared_ptr<CellNodeAndRelations> m_last_cells;
     bool m_keep_last_cells = false;
     std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
+    // Occupied bin keys over the bounding box of the block's bins: most searched keys hold no bin, and
+    // the bitmap answers those without touching the table.
+    std::vector<std::uint64_t> m_bin_bitmap;
+    std::int32_t m_bitmap_min[3] = {0, 0, 0};
+    std::int64_t m_bitmap_dim[3] = {0, 0, 0};
+    bool m_bitmap_valid = false;
 
     void setErrorFromLoop(const char* text);
+    void buildBinBitmap(const std::vector<BinsHeader>& bins_header);
     // Gives every leaf of the block its state without a field: data_id -1, no records.
     void releaseCellRecords(const CellNodeAndRelations& cells);
 
