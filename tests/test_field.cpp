@@ -1,0 +1,150 @@
+// The per-cell passes of the field computation on hand-made cells.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "FieldComputation.h"
+
+using namespace SurfaceReconstruction;
+
+namespace {
+
+// One cell at the origin with edge 0.5 (search radius 1.5) over the given points, all in one relation.
+struct CellCase {
+    std::vector<RawPointWithHash> points;
+    std::vector<RelationCell2Bins_Device> relations;
+    CellNode_Device cell = emptyCellNodeDevice();
+    DeviceParameters params{};
+
+    CellCase() {
+        params.wide_search_edge = 0.2f;
+        params.gauss_weight_edge = 0.1f;
+        params.fine_box_edge = 0.1f;
+        cell.half_size = 0.25f;
+        cell.field_flag = 0;
+    }
+
+    void add(float x, float y, float z, float nx, float ny, float nz) {
+        RawPointWithHash p{};
+        p.x = x;
+        p.y = y;
+        p.z = z;
+        p.nx = nx;
+        p.ny = ny;
+        p.nz = nz;
+        p.w = 8;
+        points.push_back(p);
+    }
+
+    void run() {
+        relations = {{0, static_cast<std::int32_t>(points.size())}};
+        cell.relation_offset = 0;
+        cell.relation_count = 1;
+        cell.point_count = static_cast<std::int32_t>(points.size());
+        computeInitNormal(cell, relations.data(), static_cast<int>(relations.size()), points.data(), params);
+    }
+};
+
+// Points on the plane z = 0.1 x (a slight tilt) with normals close to +z.
+void tiltedPlane(CellCase& c, int n, float nz_sign = 1.0f) {
+    for (int i = 0; i < n; ++i) {
+        const float x = -0.4f + 0.17f * static_cast<float>(i % 5), y = -0.3f + 0.19f * static_cast<float>(i / 5);
+        c.add(x, y, 0.1f * x, 0.0f, 0.0f, nz_sign);
+    }
+}
+
+}  // namespace
+
+TEST(InitNormals, TooFewPointsOrABadRelationRejectTheCell) {
+    for (int n : {0, 4}) {
+        CellCase c;
+        tiltedPlane(c, n);
+        c.run();
+        EXPECT_EQ(c.cell.field_flag, -1) << n << " points";
+    }
+    CellCase five;
+    tiltedPlane(five, 5);
+    five.run();
+    EXPECT_EQ(five.cell.field_flag, 0);
+
+    CellCase bad;
+    tiltedPlane(bad, 6);
+    bad.run();
+    bad.cell.relation_offset = 1;  // equal to the relation count
+    bad.cell.field_flag = 0;
+    computeInitNormal(bad.cell, bad.relations.data(), 1, bad.points.data(), bad.params);
+    EXPECT_EQ(bad.cell.field_flag, -1);
+
+    CellCase rejected;
+    tiltedPlane(rejected, 8);
+    rejected.cell.field_flag = -1;
+    rejected.cell.init_normal[0] = 7.0f;
+    computeInitNormal(rejected.cell, rejected.relations.data(), 0, rejected.points.data(), rejected.params);
+    EXPECT_EQ(rejected.cell.field_flag, -1);
+    EXPECT_EQ(rejected.cell.init_normal[0], 7.0f);  // untouched
+}
+
+TEST(InitNormals, AgreeingPointsGiveThePlaneNormal) {
+    CellCase c;
+    tiltedPlane(c, 20);
+    c.run();
+    ASSERT_EQ(c.cell.field_flag, 0);
+    // The plane z = 0.1 x has the normal (-0.1, 0, 1) / |..|, turned towards the first point's +z.
+    const float len = std::sqrt(1.01f);
+    EXPECT_NEAR(c.cell.init_normal[0], -0.1f / len, 1e-5f);
+    EXPECT_NEAR(c.cell.init_normal[1], 0.0f, 1e-5f);
+    EXPECT_NEAR(c.cell.init_normal[2], 1.0f / len, 1e-5f);
+}
+
+TEST(InitNormals, ThreeOfFiveAgreeingIsEnoughAndTheFitRunsOnThem) {
+    CellCase c;
+    c.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
+    c.add(0.3f, 0.0f, 0.0f, 0, 0, 1);
+    c.add(0.0f, 0.3f, 0.0f, 0, 0, 1);
+    c.add(0.2f, 0.2f, 0.9f, 1, 0, 0);  // disagreeing points, off the plane
+    c.add(-0.2f, 0.1f, -0.7f, 1, 0, 0);
+    c.run();
+    ASSERT_EQ(c.cell.field_flag, 0);
+    EXPECT_NEAR(c.cell.init_normal[2], 1.0f, 1e-6f);  // the three agreeing points span z = 0
+}
+
+TEST(InitNormals, TwoOfFiveAgreeingWithoutAnotherMajorityRejects) {
+    CellCase c;
+    c.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
+    c.add(0.3f, 0.0f, 0.0f, 0, 0, 1);
+    c.add(0.0f, 0.3f, 0.0f, 1, 0, 0);  // reference 1: point 2
+    c.add(0.2f, 0.2f, 0.1f, 0, 1, 0);
+    c.add(-0.2f, 0.1f, 0.2f, 0, -1, 0);  // reference 2: point 4
+    c.run();
+    EXPECT_EQ(c.cell.field_flag, -1);
+}
+
+TEST(InitNormals, SecondWalkTakesTheLargerSetAndItsOrientation) {
+    // The first point faces away from all others: fewer than half agree with it. Reference 1 (point 5
+    // of 10) and reference 2 (point 9) both face -z; equal counts favour set 1 and its orientation.
+    CellCase c;
+    c.add(0.0f, 0.0f, 0.0f, 1, 0, 0);
+    for (int i = 1; i < 10; ++i) c.add(-0.4f + 0.1f * i, 0.05f * static_cast<float>(i % 3), 0.0f, 0, 0, -1);
+    c.run();
+    ASSERT_EQ(c.cell.field_flag, 0);
+    EXPECT_NEAR(c.cell.init_normal[2], -1.0f, 1e-6f);  // turned to reference 1, not reference 0
+}
+
+TEST(InitNormals, APointExactlyAtTheRadiusCountsOnlyInTheSecondWalk) {
+    // Radius 1.5. Point 2 (reference 1) faces +x; the three others agree with the first point but lie
+    // at the radius. The first walk leaves them out (1 of 5 agree), the second takes them into set 2,
+    // which with 4 points is too small: the cell is rejected. Just inside the radius, the first walk
+    // would have taken them and fitted the plane.
+    for (const float r : {1.5f, 1.49f}) {
+        CellCase c;
+        c.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
+        c.add(0.1f, 0.0f, 0.0f, 1, 0, 0);
+        c.add(r, 0.0f, 0.0f, 0, 0, 1);
+        c.add(-r, 0.0f, 0.0f, 0, 0, 1);
+        c.add(0.0f, r, 0.0f, 0, 0, 1);
+        c.run();
+        EXPECT_EQ(c.cell.field_flag, r == 1.5f ? -1 : 0) << "points at " << r;
+    }
+}
