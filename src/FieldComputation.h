@@ -24,7 +24,7 @@ TESSA_HD inline float dot3f(const float a[3], const float b[3]) { return a[0] * 
 // that would run past the relation array stops at its end.
 template <class Visit>
 TESSA_HD inline void walkCellPoints(const CellNode_Device& cell, const RelationCell2Bins_Device* relations,
-                                    int relation_size, const RawPointWithHash* points, Visit& visit) {
+                                    int relation_size, const RawPointWithHash* points, Visit&& visit) {
     for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r) {
         const RelationCell2Bins_Device& relation = relations[cell.relation_offset + r];
         for (int j = 0; j < relation.count; ++j) visit(points[relation.offset + j]);
@@ -118,6 +118,85 @@ TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell
         return;
     }
     fitPlaneNormal(sets[chosen], counts[chosen], reference[chosen], cell.init_normal);
+}
+
+namespace field_internal {
+
+// One side of a cell in the fine normal pass: its moments over all points within reach, and the sum of
+// the positions of its points within the near radius.
+struct SheetSums {
+    MomentSums moments;
+    int count;
+    float position_sum[3];
+    int near_count;
+};
+
+// Fits the side and, when the fit agrees with the reference, stores the sheet at the next free slot.
+TESSA_HD inline void storeSheet(CellNode_Device& cell, const SheetSums& side, const float reference[3],
+                                VoxelFieldCenter& centres) {
+    if (side.count <= 4 || side.near_count <= 0) return;
+    float normal[3];
+    fitPlaneNormal(side.moments, side.count, reference, normal);
+    if (dot3f(normal, reference) <= 0.2f) return;
+    const int slot = cell.field_flag;
+    for (int k = 0; k < 3; ++k) {
+        cell.fields[slot].normal[k] = normal[k];
+        centres.sheet[slot][k] = side.position_sum[k] / static_cast<float>(side.near_count);
+    }
+    cell.field_flag = slot + 1;
+}
+
+struct FineNormalWalk {
+    const CellNode_Device* cell;
+    const DeviceParameters* params;
+    float edge;
+    float radius;
+    float near_radius;
+    SheetSums* front;
+    SheetSums* back;
+    TESSA_HD void operator()(const RawPointWithHash& p) const {
+        if ((cell->word & 0x100u) != 0 && (p.w & 0x100) == 0) return;
+        const float min_edge = p.laser < 8 ? params->laser_min_edge[p.laser] : 0.0f;
+        if (edge < min_edge) return;
+        const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
+        const float d = sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]);
+        if (d > radius) return;
+        const float n[3] = {p.nx, p.ny, p.nz};
+        const float dot = dot3f(cell->init_normal, n);
+        SheetSums* side = dot > 0.15f ? front : (dot < -0.15f ? back : nullptr);
+        if (side == nullptr) return;
+        if (d < near_radius) {
+            side->position_sum[0] += p.x;
+            side->position_sum[1] += p.y;
+            side->position_sum[2] += p.z;
+            ++side->near_count;
+        }
+        accumulateCovariance(o, side->moments);
+        ++side->count;
+    }
+};
+
+}  // namespace field_internal
+
+// The front and back sheets of a cell: points whose normals lie with the initial normal form the
+// front, those against it the back; each side with enough points, near ones among them, and a fit that
+// agrees with its reference becomes a sheet, filling the slots from 0. field_flag ends at 0, 1 or 2.
+TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
+                                       const RawPointWithHash* points, const DeviceParameters& params,
+                                       VoxelFieldCenter& centres) {
+    if (cell.field_flag < 0) return;
+    const float edge = cell.half_size + cell.half_size;
+    const float radius = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
+    const float near_radius = edge * 4.0f;
+    field_internal::SheetSums front = {}, back = {};
+    const field_internal::FineNormalWalk walk{&cell, &params, edge, radius, near_radius, &front, &back};
+    walkCellPoints(cell, relations, relation_size, points, walk);
+
+    field_internal::storeSheet(cell, front, cell.init_normal, centres);
+    if (back.count > 4 && back.near_count > 0) {
+        for (int k = 0; k < 3; ++k) cell.init_normal[k] = -cell.init_normal[k];
+        field_internal::storeSheet(cell, back, cell.init_normal, centres);
+    }
 }
 
 }  // namespace SurfaceReconstruction

@@ -148,3 +148,130 @@ TEST(InitNormals, APointExactlyAtTheRadiusCountsOnlyInTheSecondWalk) {
         EXPECT_EQ(c.cell.field_flag, r == 1.5f ? -1 : 0) << "points at " << r;
     }
 }
+
+// ---- fine normals ----------------------------------------------------------------------------------
+
+namespace {
+
+// A cell with its initial normal +z, ready for the fine normal pass.
+struct SheetCase : CellCase {
+    VoxelFieldCenter centres{};
+
+    SheetCase() {
+        cell.init_normal[2] = 1.0f;
+    }
+
+    void addWithWord(float x, float y, float z, float nz, std::int32_t w, std::uint8_t laser = 0) {
+        add(x, y, z, 0.0f, 0.0f, nz);
+        points.back().w = w;
+        points.back().laser = laser;
+    }
+
+    // n points on the plane z = height, spread over the cell, with normals (0, 0, nz).
+    void sheet(int n, float height, float nz, float spread = 0.3f) {
+        for (int i = 0; i < n; ++i)
+            add(spread * std::cos(1.3f * i), spread * std::sin(1.3f * i) * (i % 2 ? 1.0f : 0.5f), height, 0.0f, 0.0f, nz);
+    }
+
+    void runFine() {
+        relations = {{0, static_cast<std::int32_t>(points.size())}};
+        cell.relation_offset = 0;
+        cell.relation_count = 1;
+        cell.point_count = static_cast<std::int32_t>(points.size());
+        computeFineNormal(cell, relations.data(), 1, points.data(), params, centres);
+    }
+};
+
+}  // namespace
+
+TEST(FineNormals, FiveFrontPointsMakeASheetFourDoNot) {
+    SheetCase four;
+    four.sheet(4, 0.1f, 1.0f);
+    four.runFine();
+    EXPECT_EQ(four.cell.field_flag, 0);
+
+    SheetCase five;
+    five.sheet(5, 0.1f, 1.0f);
+    five.runFine();
+    ASSERT_EQ(five.cell.field_flag, 1);
+    EXPECT_NEAR(five.cell.fields[0].normal[2], 1.0f, 1e-6f);
+    EXPECT_NEAR(five.centres.sheet[0][2], 0.1f, 1e-6f);  // the centroid of the near points
+
+    SheetCase rejected;
+    rejected.sheet(8, 0.1f, 1.0f);
+    rejected.cell.field_flag = -1;
+    rejected.runFine();
+    EXPECT_EQ(rejected.cell.field_flag, -1);
+    EXPECT_EQ(rejected.cell.fields[0].normal[2], 0.0f);
+}
+
+TEST(FineNormals, AWallSeenFromBothSidesGivesTwoSheets) {
+    SheetCase c;
+    c.sheet(6, 0.05f, 1.0f);
+    c.sheet(6, -0.05f, -1.0f);
+    c.runFine();
+    ASSERT_EQ(c.cell.field_flag, 2);
+    EXPECT_NEAR(c.cell.fields[0].normal[2], 1.0f, 1e-6f);  // slot 0 the front
+    EXPECT_NEAR(c.cell.fields[1].normal[2], -1.0f, 1e-6f);
+    EXPECT_NEAR(c.centres.sheet[0][2], 0.05f, 1e-6f);
+    EXPECT_NEAR(c.centres.sheet[1][2], -0.05f, 1e-6f);
+    EXPECT_EQ(c.cell.init_normal[2], -1.0f);  // negated for the back sheet
+}
+
+TEST(FineNormals, ALoneBackSheetLandsInSlotZero) {
+    SheetCase c;
+    c.sheet(7, 0.0f, -1.0f);
+    c.runFine();
+    ASSERT_EQ(c.cell.field_flag, 1);
+    EXPECT_NEAR(c.cell.fields[0].normal[2], -1.0f, 1e-6f);
+}
+
+TEST(FineNormals, SideThresholdIsStrict) {
+    SheetCase c;
+    for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.02f * i * i, 0.0f, 0.9886859f, 0.0f, 0.15f);  // dot exactly 0.15
+    c.runFine();
+    EXPECT_EQ(c.cell.field_flag, 0);
+}
+
+TEST(FineNormals, FarPointsOfASmallCellGiveNoCentroidAndNoSheet) {
+    // Edge 0.1: search factor 7 (reach 0.7), near radius 0.4. Points at 0.5 count for the fit only.
+    SheetCase c;
+    c.cell.half_size = 0.05f;
+    for (int i = 0; i < 6; ++i) c.add(0.5f * std::cos(1.0f * i), 0.5f * std::sin(1.0f * i), 0.0f, 0, 0, 1);
+    c.runFine();
+    EXPECT_EQ(c.cell.field_flag, 0);
+}
+
+TEST(FineNormals, AFitAcrossTheInitialNormalIsDropped) {
+    // Points on the plane x = 0 whose normals say +z: the fitted normal is x, across the initial normal.
+    SheetCase c;
+    for (int i = 0; i < 8; ++i) c.add(0.0f, 0.05f * i - 0.2f, 0.03f * (i % 3) - 0.03f, 0, 0, 1);
+    c.runFine();
+    EXPECT_EQ(c.cell.field_flag, 0);
+    EXPECT_EQ(c.centres.sheet[0][0], 0.0f);
+    EXPECT_EQ(c.centres.sheet[0][2], 0.0f);
+}
+
+TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
+    {
+        // The cell wants bit 8: four such points are too few, whatever the others say.
+        SheetCase c;
+        c.cell.word = 0x108;
+        for (int i = 0; i < 4; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 0x108);
+        for (int i = 0; i < 5; ++i) c.addWithWord(-0.1f * i, 0.07f * i, 0.0f, 1.0f, 0x008);
+        c.runFine();
+        EXPECT_EQ(c.cell.field_flag, 0);
+        c.cell.word = 0x008;
+        c.cell.field_flag = 0;
+        c.runFine();
+        EXPECT_EQ(c.cell.field_flag, 1);  // without the bit all nine count
+    }
+    {
+        // Laser 2 only counts in cells of edge 1 or more; this cell's edge is 0.5.
+        SheetCase c;
+        c.params.laser_min_edge[2] = 1.0f;
+        for (int i = 0; i < 6; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 8, 2);
+        c.runFine();
+        EXPECT_EQ(c.cell.field_flag, 0);
+    }
+}

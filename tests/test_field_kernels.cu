@@ -12,16 +12,19 @@ using namespace SurfaceReconstruction;
 
 namespace {
 
-struct InitNormalKernel {
+// Initial and fine normals of each cell, as the device runs them.
+struct NormalsKernel {
     CellNode_Device* cells;
     int cell_count;
     const RelationCell2Bins_Device* relations;
     int relation_size;
     const RawPointWithHash* points;
     const DeviceParameters* params;
+    VoxelFieldCenter* centres;
     TESSA_HD void operator()(std::size_t i) const {
         if (static_cast<int>(i) >= cell_count) return;
         computeInitNormal(cells[i], relations, relation_size, points, *params);
+        computeFineNormal(cells[i], relations, relation_size, points, *params, centres[i]);
     }
 };
 
@@ -35,7 +38,7 @@ T* upload(const std::vector<T>& host) {
 
 }  // namespace
 
-TEST(FieldKernels, InitNormalsOnTheDevicePathMatchTheHostPath) {
+TEST(FieldKernels, NormalsOnTheDevicePathMatchTheHostPath) {
     // Random cells over a noisy wavy surface, some with few points, some facing both ways.
     std::mt19937 rng(3);
     std::uniform_real_distribution<float> u(-1.0f, 1.0f);
@@ -73,24 +76,29 @@ TEST(FieldKernels, InitNormalsOnTheDevicePathMatchTheHostPath) {
     params.wide_search_edge = 0.2f;
 
     std::vector<CellNode_Device> on_host = cells;
-    for (CellNode_Device& cell : on_host)
-        computeInitNormal(cell, relations.data(), static_cast<int>(relations.size()), points.data(), params);
+    std::vector<VoxelFieldCenter> host_centres(cells.size(), VoxelFieldCenter{});
+    for (std::size_t i = 0; i < on_host.size(); ++i) {
+        computeInitNormal(on_host[i], relations.data(), static_cast<int>(relations.size()), points.data(), params);
+        computeFineNormal(on_host[i], relations.data(), static_cast<int>(relations.size()), points.data(), params,
+                          host_centres[i]);
+    }
 
     CellNode_Device* cells_dev = upload(cells);
     RelationCell2Bins_Device* relations_dev = upload(relations);
     RawPointWithHash* points_dev = upload(points);
     DeviceParameters* params_dev = upload(std::vector<DeviceParameters>{params});
-    launchKernel(cells.size(), InitNormalKernel{cells_dev, static_cast<int>(cells.size()), relations_dev,
-                                                static_cast<int>(relations.size()), points_dev, params_dev});
+    VoxelFieldCenter* centres_dev = upload(std::vector<VoxelFieldCenter>(cells.size(), VoxelFieldCenter{}));
+    launchKernel(cells.size(), NormalsKernel{cells_dev, static_cast<int>(cells.size()), relations_dev,
+                                             static_cast<int>(relations.size()), points_dev, params_dev, centres_dev});
     TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
     std::vector<CellNode_Device> on_device(cells.size());
     TESSA_DEVICE_CHECK(deviceMemcpy(on_device.data(), cells_dev, cells.size() * sizeof(CellNode_Device), CopyKind::DeviceToHost),
                        "down");
     for (void* p : {static_cast<void*>(cells_dev), static_cast<void*>(relations_dev), static_cast<void*>(points_dev),
-                    static_cast<void*>(params_dev)})
+                    static_cast<void*>(params_dev), static_cast<void*>(centres_dev)})
         TESSA_DEVICE_CHECK(deviceFree(p), "cudaFree(p)");
 
-    int usable = 0, rejected = 0;
+    int usable = 0, rejected = 0, sheets = 0;
     for (std::size_t i = 0; i < cells.size(); ++i) {
         ASSERT_EQ(on_device[i].field_flag, on_host[i].field_flag) << "cell " << i;
         if (on_host[i].field_flag < 0) {
@@ -100,10 +108,15 @@ TEST(FieldKernels, InitNormalsOnTheDevicePathMatchTheHostPath) {
         ++usable;
 #if defined(TESSALINE_CUDA)
         for (int k = 0; k < 3; ++k) EXPECT_NEAR(on_device[i].init_normal[k], on_host[i].init_normal[k], 1e-4f) << "cell " << i;
+        for (int s = 0; s < on_host[i].field_flag; ++s)
+            for (int k = 0; k < 3; ++k)
+                EXPECT_NEAR(on_device[i].fields[s].normal[k], on_host[i].fields[s].normal[k], 1e-4f) << "cell " << i;
 #else
-        EXPECT_EQ(std::memcmp(on_device[i].init_normal, on_host[i].init_normal, sizeof(float) * 3), 0) << "cell " << i;
+        EXPECT_EQ(std::memcmp(&on_device[i], &on_host[i], sizeof(CellNode_Device)), 0) << "cell " << i;
 #endif
+        sheets += on_host[i].field_flag;
     }
     EXPECT_GT(usable, 100);
     EXPECT_GT(rejected, 50);
+    EXPECT_GT(sheets, 100);
 }
