@@ -110,6 +110,24 @@ void installDeviceRuntimeSeam(const DeviceRuntimeSeam* seam);
         }                                                                          \
     } while (0)
 
+// A temporary device buffer of one operation, freed on every path; release() frees it with the checked
+// call on the normal path.
+template <class T>
+class ScopedDeviceBuffer {
+public:
+    ScopedDeviceBuffer() = default;
+    ~ScopedDeviceBuffer() {
+        if (m_ptr != nullptr) deviceFree(m_ptr);
+    }
+    ScopedDeviceBuffer(const ScopedDeviceBuffer&) = delete;
+    ScopedDeviceBuffer& operator=(const ScopedDeviceBuffer&) = delete;
+    T*& ptr() { return m_ptr; }
+    void release(const char* expression) { TESSA_DEVICE_RELEASE(m_ptr, expression); }
+
+private:
+    T* m_ptr = nullptr;
+};
+
 // ---- kernel launch -------------------------------------------------------------------------------
 
 constexpr unsigned KERNEL_THREADS_PER_BLOCK = 384;

@@ -199,4 +199,148 @@ TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell
     }
 }
 
+// The weight of a point at distance d from a sheet's foot point: a bell whose width is measured in cell
+// edges and narrows as the cell holds more points; 1 for cells outside the Gaussian range.
+TESSA_HD inline float computeNeighbourWeight(float d, float edge, int point_count, float gauss_weight_edge) {
+    if (edge < gauss_weight_edge || edge >= 3.99f) return 1.0f;
+    const float table[5][7] = {{-3, -6, -8, -12, -10, -8, -6},
+                               {-4, -7, -9, -15, -11, -9, -7},
+                               {-5, -8, -10, -18, -12, -10, -8},
+                               {-6, -10, -12, -23, -14, -11, -9},
+                               {-7, -12, -14, -30, -16, -12, -10}};
+    int row = point_count / 50;
+    row = row < 0 ? 0 : (row > 2 ? 2 : row);
+    int column;
+    if (edge >= 2.99f) {
+        column = 0;
+    } else if (edge >= 1.99f) {
+        column = 1;
+    } else if (edge >= 1.49f) {
+        column = 2;
+    } else if (static_cast<double>(edge) >= 0.89) {
+        column = 3;
+    } else if (edge >= 0.49f) {
+        column = 4;
+    } else if (static_cast<double>(edge) >= 0.39) {
+        column = 5;
+    } else if (static_cast<double>(edge) >= 0.29) {
+        column = 6;
+    } else {
+        return 1.0f;
+    }
+    const float a = table[row][column];
+    return expf(((d * a) * d) / (edge * (edge * 3.0f)));
+}
+
+namespace field_internal {
+
+struct SheetField {
+    float sum[3];
+    float weight;
+    std::uint64_t mask;
+};
+
+struct FieldDataWalk {
+    const CellNode_Device* cell;
+    const DeviceParameters* params;
+    const VoxelFieldCenter* centres;
+    float edge;
+    float radius;
+    float half_box;
+    float lo[3];
+    float sub_cell;
+    bool project;
+    float foot[2][3];
+    SheetField* sheets;
+
+    TESSA_HD void operator()(const RawPointWithHash& p) const {
+        if ((cell->word & 0x100u) != 0 && (p.w & 0x100) == 0) return;
+        const float min_edge = p.laser < 8 ? params->laser_min_edge[p.laser] : 0.0f;
+        if (edge < min_edge) return;
+        const float position[3] = {p.x, p.y, p.z};
+        const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
+        if (sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]) > radius) return;
+        bool inside = true;
+        for (int k = 0; k < 3; ++k) inside = inside && lo[k] <= position[k] && position[k] <= cell->center[k] + half_box;
+        const float n[3] = {p.nx, p.ny, p.nz};
+        int s;
+        if (dot3f(n, cell->fields[0].normal) > 0.15f) {
+            s = 0;
+        } else if (cell->field_flag >= 2 && dot3f(n, cell->fields[1].normal) > 0.15f) {
+            s = 1;
+        } else {
+            return;
+        }
+        const float* normal = cell->fields[s].normal;
+        float q[3] = {p.x, p.y, p.z};
+        if (project) {
+            const float m[3] = {p.x - centres->sheet[s][0], p.y - centres->sheet[s][1], p.z - centres->sheet[s][2]};
+            const float t = dot3f(m, normal);
+            for (int k = 0; k < 3; ++k) q[k] = position[k] - t * normal[k];
+        }
+        const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
+        const float d = sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]);
+        const float w = computeNeighbourWeight(d, edge, cell->point_count, params->gauss_weight_edge);
+        SheetField& sheet = sheets[s];
+        for (int k = 0; k < 3; ++k) sheet.sum[k] += (q[k] - cell->center[k]) * w;
+        sheet.weight += w;
+        if (inside) {
+            const int ix = floatToIntSaturate((q[0] - lo[0]) / sub_cell);
+            const int iy = floatToIntSaturate((q[1] - lo[1]) / sub_cell);
+            const int iz = floatToIntSaturate((q[2] - lo[2]) / sub_cell);
+            const int bit = ix + 4 * iy + 16 * iz;  // not clamped: an upper face runs into the next bit
+            if (bit >= 0 && bit < 64) sheet.mask |= std::uint64_t{1} << bit;  // outside 0..63: no bit
+        }
+    }
+};
+
+}  // namespace field_internal
+
+// The field value of each sheet: the signed distance along its normal from the cell centre to the
+// weighted centroid of its points (negative on the side the normal points to), with the sheet's word
+// and sub-cell occupancy. A sheet without points gets 0/0, a NaN that the mesh stage filters.
+TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
+                                      const RawPointWithHash* points, const DeviceParameters& params,
+                                      const VoxelFieldCenter& centres) {
+    const int sheets_found = cell.field_flag;
+    if (sheets_found < 1) return;
+    const float h = cell.half_size;
+    const float edge = h + h;
+    field_internal::FieldDataWalk walk{};
+    walk.cell = &cell;
+    walk.params = &params;
+    walk.centres = &centres;
+    walk.edge = edge;
+    for (int s = 0; s < sheets_found && s < 2; ++s) {
+        const float* n = cell.fields[s].normal;
+        const float m[3] = {centres.sheet[s][0] - cell.center[0], centres.sheet[s][1] - cell.center[1],
+                            centres.sheet[s][2] - cell.center[2]};
+        const float t = dot3f(m, n);
+        for (int k = 0; k < 3; ++k) walk.foot[s][k] = cell.center[k] + t * n[k];
+    }
+    int k = fieldSearchFactor(edge, params.wide_search_edge);
+    float box_edge = edge;
+    walk.half_box = h;
+    walk.project = edge <= params.fine_box_edge;
+    if (walk.project) {
+        box_edge = edge * (static_cast<float>(k) * 0.5f + 0.5f);
+        walk.half_box = box_edge * 0.5f;
+        k = 4;
+    }
+    walk.radius = edge * static_cast<float>(k);
+    for (int axis = 0; axis < 3; ++axis) walk.lo[axis] = cell.center[axis] - walk.half_box;
+    walk.sub_cell = box_edge * 0.25f;
+    field_internal::SheetField sheets[2] = {};
+    walk.sheets = sheets;
+    walkCellPoints(cell, relations, relation_size, points, walk);
+
+    for (int s = 0; s < sheets_found && s < 2; ++s) {
+        float mean[3];
+        for (int axis = 0; axis < 3; ++axis) mean[axis] = sheets[s].sum[axis] / sheets[s].weight;
+        cell.fields[s].value = dot3f(mean, cell.fields[s].normal);
+        cell.fields[s].word = cell.word;
+        cell.fields[s].occupancy = sheets[s].mask;
+    }
+}
+
 }  // namespace SurfaceReconstruction

@@ -172,9 +172,14 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     }
     profiler.time_stop("mc-step2", true);
 
-    // The field computation joins the chain here; until then no cell of the block has a field, and the
-    // records' indices do not outlive the block.
-    releaseCellRecords(*cells);
+    profiler.time_start("mc-step3");
+    result = computeFiledData(block, bins_header, *cells);
+    if (result != 0) return result;
+    profiler.time_stop("mc-step3", true);
+
+    profiler.time_start("mc-step4");
+    saveFieldData(*cells);
+    profiler.time_stop("mc-step4", true);
     if (m_keep_last_cells) m_last_cells = cells;
     return 0;
 }

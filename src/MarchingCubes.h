@@ -199,6 +199,20 @@ public:
     // Index of the bin with this grid key, or -1.
     std::int32_t findBin(std::int32_t x, std::int32_t y, std::int32_t z) const;
 
+    // The three passes of the field computation over a block's cells: on the device when its memory
+    // holds the arrays and the block's points are still there, on the host otherwise.
+    int computeFiledData(const std::shared_ptr<PointCloudBlock>& block, const std::vector<BinsHeader>& bins_header,
+                         CellNodeAndRelations& cells);
+    int computeFiledData_Device(CellNodeAndRelations& cells);
+    int processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
+                                RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
+                                VoxelFieldCenter* voxel_field_centers_dev);
+    int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells);
+    // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
+    void saveFieldData(const CellNodeAndRelations& cells);
+    // Device path or host path for the next field computation, for tests of both.
+    void forceFieldOnHost(bool on_host) { m_on_host = on_host; }
+
     std::string getLastError() const { return m_last_error; }
     bool isInited() const { return m_inited; }
     float resolution() const { return m_resolution; }
@@ -249,8 +263,6 @@ private:
 
     void setErrorFromLoop(const char* text);
     void buildBinBitmap(const std::vector<BinsHeader>& bins_header);
-    // Gives every leaf of the block its state without a field: data_id -1, no records.
-    void releaseCellRecords(const CellNodeAndRelations& cells);
 
     // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
     void binsOfSortedPoints(std::int64_t count, std::int64_t points_offset, std::vector<BinsHeader>& bins_header);

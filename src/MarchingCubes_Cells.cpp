@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <new>
 
+#include "FieldComputation.h"
 #include "GridHash.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
@@ -527,14 +528,78 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     return 0;
 }
 
-void MarchingCubes::releaseCellRecords(const CellNodeAndRelations& cells) {
+// ---- field computation on the host and the hand-over ------------------------------------------------
+
+int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& block, const std::vector<BinsHeader>& bins_header,
+                                    CellNodeAndRelations& cells) {
+    const std::int64_t cell_node_size = cells.cell_node_size.load();
+    const std::int64_t relation_size = cells.relation_size.load();
+    if (bins_header.empty() || cell_node_size == 0 || relation_size == 0) return 0;
+    const std::size_t need = static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
+                             static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
+    // After the chunked bins the block's sorted points are on the host only: the device path needs them.
+    if (!m_on_host && deviceMemoryAvailable(need)) return computeFiledData_Device(cells);
+    std::printf("[warining]: memory lacked, computeFiledData on Host\n");
+    m_on_host = true;
+    return processMarchingCubeTaskOnHost(*block, cells);
+}
+
+int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells) {
     const std::int64_t n = static_cast<std::int64_t>(cells.cell_nodes.size());
+    const int relation_size = static_cast<int>(cells.relations.size());
+    const RelationCell2Bins_Device* relations = cells.relations.data();
+    const RawPointWithHash* points = block.points->data();
+    const DeviceParameters& params = *m_device_params;
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < n; ++i)
+        computeInitNormal(cells.cell_nodes[static_cast<std::size_t>(i)], relations, relation_size, points, params);
+
+    VoxelFieldCenter* centres = new (std::nothrow) VoxelFieldCenter[static_cast<std::size_t>(n)]();
+    if (centres == nullptr) {
+        m_last_error = "voxel_field_centers alloc failed.";
+        return TESSALINE_OUT_OF_MEMORY;
+    }
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < n; ++i) {
-        CellNode* cell = cells.cell_nodes[static_cast<std::size_t>(i)].cell;
-        cell->data_id = -1;
-        cell->data_state = 0;
-        cell->field_count = 0;
+        CellNode_Device& cell = cells.cell_nodes[static_cast<std::size_t>(i)];
+        computeFineNormal(cell, relations, relation_size, points, params, centres[i]);
+        computeFieldData(cell, relations, relation_size, points, params, centres[i]);
+    }
+    delete[] centres;
+    return 0;
+}
+
+void MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
+    const std::int64_t n = static_cast<std::int64_t>(cells.cell_nodes.size());
+    // Slots in record order, reserved at once, so that where a field lands does not depend on timing.
+    std::vector<std::int32_t> first_slot(static_cast<std::size_t>(n) + 1, 0);
+    for (std::int64_t i = 0; i < n; ++i) {
+        const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];
+        const CellNode* c = record.cell;
+        const bool stores = c->data_state != 2 && c->cell_type == CELL_TYPE_LEAF && (record.field_flag == 1 || record.field_flag == 2);
+        first_slot[static_cast<std::size_t>(i) + 1] = first_slot[static_cast<std::size_t>(i)] + (stores ? record.field_flag : 0);
+    }
+    std::int32_t base = -1;
+    const bool have_slots = first_slot.back() > 0 && m_field_data_pool &&
+                            m_field_data_pool->allocDataIndex(base, first_slot.back()) == 0;
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < n; ++i) {
+        const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];
+        CellNode* c = record.cell;
+        if (c->data_state == 2 || c->cell_type != CELL_TYPE_LEAF) {
+            std::printf("[error]: cell_node repeat or is not leaf!\n");
+            continue;
+        }
+        c->data_id = -1;
+        c->data_state = 0;
+        c->field_count = 0;
+        const int count = record.field_flag;
+        if ((count != 1 && count != 2) || !have_slots) continue;  // no field, or the store is full
+        const std::int32_t slot = base + first_slot[static_cast<std::size_t>(i)];
+        for (int s = 0; s < count; ++s) *m_field_data_pool->slot(slot + s) = record.fields[s];
+        c->data_id = slot;
+        c->data_state = 2;
+        c->field_count = static_cast<std::uint8_t>(count);
     }
 }
 

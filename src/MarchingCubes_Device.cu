@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "FieldComputation.h"
 #include "MarchingCubes.h"
 #include "Morton.h"
 #include "PointRuns.h"
@@ -108,6 +109,48 @@ struct GetBinsScaleKernel {
             const std::uint32_t code = mortonEncode(c[0], c[1], c[2]);
             bin.occupancy[code / 64] |= 1ull << (code % 64);
         }
+    }
+};
+
+// The three passes of the field computation, one logical thread a cell.
+struct ComputeInitNormalKernel {
+    int cell_node_size;
+    CellNode_Device* cell_nodes;
+    int relation_size;
+    const RelationCell2Bins_Device* relations;
+    const RawPointWithHash* points;
+    const DeviceParameters* params;
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
+        computeInitNormal(cell_nodes[i], relations, relation_size, points, *params);
+    }
+};
+
+struct ComputeFineNormalKernel {
+    int cell_node_size;
+    CellNode_Device* cell_nodes;
+    int relation_size;
+    const RelationCell2Bins_Device* relations;
+    const RawPointWithHash* points;
+    const DeviceParameters* params;
+    VoxelFieldCenter* centres;
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
+        computeFineNormal(cell_nodes[i], relations, relation_size, points, *params, centres[i]);
+    }
+};
+
+struct ComputeFineFiledDatalKernel {
+    int cell_node_size;
+    CellNode_Device* cell_nodes;
+    int relation_size;
+    const RelationCell2Bins_Device* relations;
+    const RawPointWithHash* points;
+    const DeviceParameters* params;
+    const VoxelFieldCenter* centres;
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
+        computeFieldData(cell_nodes[i], relations, relation_size, points, *params, centres[i]);
     }
 };
 
@@ -342,6 +385,71 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
     std::sort(bins_header.begin(), bins_header.end(),
               [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
     return 0;
+}
+
+// ---- field computation on the device ---------------------------------------------------------------
+
+int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
+                                           RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
+                                           VoxelFieldCenter* voxel_field_centers_dev) {
+    const std::size_t n = static_cast<std::size_t>(cell_node_size);
+    launchKernel(n, ComputeInitNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev, raw_points_dev,
+                                            m_device_params_dev});
+    launchKernel(n, ComputeFineNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev, raw_points_dev,
+                                            m_device_params_dev, voxel_field_centers_dev});
+    launchKernel(n, ComputeFineFiledDatalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
+                                                raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
+    deviceSynchronize();
+    const DeviceResult error = deviceGetLastError();
+    if (error != DEVICE_SUCCESS) {
+        std::printf("[error]: processMarchingCubeTask failed! %s \n", deviceErrorString(error));
+        return 1;
+    }
+    return 0;
+}
+
+int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
+    try {
+        const int cell_node_size = cells.cell_node_size.load();
+        const int relation_size = cells.relation_size.load();
+        ScopedDeviceBuffer<CellNode_Device> cell_nodes_dev;
+        ScopedDeviceBuffer<RelationCell2Bins_Device> relations_dev;
+        ScopedDeviceBuffer<VoxelFieldCenter> voxel_field_centers_dev;
+        const std::size_t cell_bytes = static_cast<std::size_t>(cell_node_size) * sizeof(CellNode_Device);
+        const std::size_t relation_bytes = static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
+        const std::size_t centre_bytes = static_cast<std::size_t>(cell_node_size) * sizeof(VoxelFieldCenter);
+        TESSA_DEVICE_CHECK(deviceMalloc(&cell_nodes_dev.ptr(), cell_bytes),
+                           "cudaMalloc(&cell_nodes_dev, cell_node_size * sizeof(CellNode_Device))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&relations_dev.ptr(), relation_bytes),
+                           "cudaMalloc(&relations_dev, relation_size * sizeof(RelationCell2Bins_Device))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes),
+                           "cudaMalloc(&voxel_field_centers_dev, cell_node_size * sizeof(VoxelFieldCenter))");
+        TESSA_DEVICE_CHECK(deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice),
+                           "cudaMemcpy(cell_nodes_dev, cell_nodes, cell_node_size * sizeof(CellNode_Device) , "
+                           "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice),
+                           "cudaMemcpy(relations_dev, relations, relation_size * sizeof(RelationCell2Bins_Device) , "
+                           "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes),
+                           "cudaMemset(voxel_field_centers_dev, 0, cell_node_size * sizeof(VoxelFieldCenter))");
+        if (processMarchingCubeTask(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
+                                    m_raw_points_hash_dev, voxel_field_centers_dev.ptr()) != 0) {
+            throw DeviceError();
+        }
+        TESSA_DEVICE_CHECK(deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost),
+                           "cudaMemcpy(cell_nodes, cell_nodes_dev, cell_node_size * sizeof(CellNode_Device) , "
+                           "cudaMemcpyDeviceToHost)");
+        cell_nodes_dev.release("cudaFree(cell_nodes_dev)");
+        relations_dev.release("cudaFree(relations_dev)");
+        voxel_field_centers_dev.release("cudaFree(voxel_field_centers_dev)");
+        return 0;
+    } catch (const DeviceError&) {
+        m_last_error = "cuda runtime error!";
+        return TESSALINE_DEVICE_COMPUTE;
+    } catch (...) {
+        m_last_error = "computeFiledData failed!";
+        return 1;
+    }
 }
 
 }  // namespace SurfaceReconstruction

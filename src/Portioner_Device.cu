@@ -166,20 +166,6 @@ int runBlockComputation(std::string& last_error, Step step) {
     }
 }
 
-// A temporary device buffer that is freed on every path.
-template <class T>
-class ScopedDeviceBuffer {
-public:
-    ~ScopedDeviceBuffer() {
-        if (m_ptr != nullptr) deviceFree(m_ptr);
-    }
-    T*& ptr() { return m_ptr; }
-    void release(const char* expression) { TESSA_DEVICE_RELEASE(m_ptr, expression); }
-
-private:
-    T* m_ptr = nullptr;
-};
-
 }  // namespace
 
 // ---- buffers ---------------------------------------------------------------------------------------

@@ -275,3 +275,97 @@ TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
         EXPECT_EQ(c.cell.field_flag, 0);
     }
 }
+
+// ---- field values ----------------------------------------------------------------------------------
+
+TEST(FieldValues, WeightRowsColumnsAndLiterals) {
+    const float g = 0.1f;
+    EXPECT_EQ(computeNeighbourWeight(0.3f, 0.28f, 10, g), 1.0f);  // below 0.29: a plain mean
+    EXPECT_EQ(computeNeighbourWeight(0.3f, 3.99f, 10, g), 1.0f);
+    EXPECT_EQ(computeNeighbourWeight(0.3f, 0.05f, 10, g), 1.0f);  // below gauss_weight_edge
+    EXPECT_EQ(computeNeighbourWeight(0.0f, 1.0f, 10, g), 1.0f);   // at the foot point
+    const auto expected = [](float d, float e, float a) { return std::exp(((d * a) * d) / (e * (e * 3.0f))); };
+    // Rows by point count: 49 -> 0, 50 and 99 -> 1, 100 and 1000 -> 2 (column 4 at edge 0.5: -10, -11, -12).
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 49, g), expected(0.4f, 0.5f, -10.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 50, g), expected(0.4f, 0.5f, -11.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 99, g), expected(0.4f, 0.5f, -11.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 100, g), expected(0.4f, 0.5f, -12.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 1000, g), expected(0.4f, 0.5f, -12.0f));
+    // 0.89f lies below the double 0.89: column 4, not column 3.
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.89f, 10, g), expected(0.4f, 0.89f, -10.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.9f, 10, g), expected(0.4f, 0.9f, -12.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 3.0f, 10, g), expected(0.4f, 3.0f, -3.0f));
+    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.3f, 10, g), expected(0.4f, 0.3f, -6.0f));
+}
+
+namespace {
+
+// A cell whose fine normal pass is done: one sheet with normal +z, near centroid at the given height.
+struct ValueCase : SheetCase {
+    ValueCase(float half_size, float centroid_z) {
+        cell.half_size = half_size;
+        cell.field_flag = 1;
+        cell.fields[0].normal[2] = 1.0f;
+        cell.word = 0x208;
+        centres.sheet[0][2] = centroid_z;
+    }
+    void runValues() {
+        relations = {{0, static_cast<std::int32_t>(points.size())}};
+        cell.relation_offset = 0;
+        cell.relation_count = 1;
+        cell.point_count = static_cast<std::int32_t>(points.size());
+        computeFieldData(cell, relations.data(), 1, points.data(), params, centres);
+    }
+};
+
+}  // namespace
+
+TEST(FieldValues, APlaneAtAKnownOffsetGivesThatOffset) {
+    // Points on z = 0.07 around a cell of edge 0.5 at the origin: the value is +0.07 (the centroid lies
+    // on the side the normal points to from the centre).
+    ValueCase c(0.25f, 0.07f);
+    for (int i = 0; i < 30; ++i) c.add(0.6f * std::cos(0.7f * i) * (i % 3) / 2.0f, 0.5f * std::sin(0.9f * i), 0.07f, 0, 0, 1);
+    c.runValues();
+    EXPECT_NEAR(c.cell.fields[0].value, 0.07f, 1e-6f);
+    EXPECT_EQ(c.cell.fields[0].word, 0x208u);
+    EXPECT_NE(c.cell.fields[0].occupancy, 0u);
+    EXPECT_EQ(c.cell.fields[1].value, 0.0f);  // one sheet: slot 1 untouched
+}
+
+TEST(FieldValues, SmallCellsProjectTheirPointsOntoThePlane) {
+    // Edge 0.1: the points scatter around z = -0.02 but the projection puts them on the plane through
+    // the centroid, so the value is that plane's distance whatever the scatter.
+    ValueCase c(0.05f, -0.02f);
+    for (int i = 0; i < 12; ++i) c.add(0.03f * (i % 4) - 0.05f, 0.02f * (i % 3), -0.02f + 0.01f * ((i % 5) - 2), 0, 0, 1);
+    c.runValues();
+    EXPECT_NEAR(c.cell.fields[0].value, -0.02f, 1e-6f);
+}
+
+TEST(FieldValues, RejectedAndEmptyCellsKeepTheirSlots) {
+    for (int flag : {-1, 0}) {
+        ValueCase c(0.25f, 0.0f);
+        c.cell.field_flag = flag;
+        c.add(0.0f, 0.0f, 0.1f, 0, 0, 1);
+        c.runValues();
+        EXPECT_EQ(c.cell.fields[0].value, 0.0f);
+        EXPECT_EQ(c.cell.fields[0].occupancy, 0u);
+        EXPECT_EQ(c.cell.fields[0].word, 0u);
+    }
+}
+
+TEST(FieldValues, ASheetWithoutAgreeingPointsIsNaN) {
+    ValueCase c(0.25f, 0.0f);
+    for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.0f, 0.0f, 1, 0, 0);  // across the sheet's normal
+    c.runValues();
+    EXPECT_TRUE(std::isnan(c.cell.fields[0].value));
+}
+
+TEST(FieldValues, MaskBitsOfTheBox) {
+    // Edge 0.5 at the origin: box [-0.25, 0.25], sub-cells of 0.125.
+    ValueCase c(0.25f, 0.0f);
+    c.add(-0.25f, -0.25f, -0.25f, 0, 0, 1);  // lower corner: bit 0
+    c.add(0.25f, -0.25f, -0.25f, 0, 0, 1);   // upper x face: index 4 runs into bit 4
+    c.add(0.0f, 0.0f, 0.9f, 0, 0, 1);        // outside the box: no bit
+    c.runValues();
+    EXPECT_EQ(c.cell.fields[0].occupancy, (std::uint64_t{1} << 0) | (std::uint64_t{1} << 4));
+}
