@@ -39,6 +39,8 @@ public:
 
     bool isInited() const { return m_inited; }
     float resolution() const { return m_resolution; }
+    const std::shared_ptr<FieldDataPool>& fieldDataPool() const { return m_field_data_pool; }
+    const std::shared_ptr<HashOctree>& hashOctree() const { return m_hash_octree; }
 
 private:
     bool m_inited = false;

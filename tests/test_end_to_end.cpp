@@ -10,6 +10,9 @@
 
 #include "BunnyData.h"
 #include "GridHash.h"
+#include "HashOctree.h"
+#include "MarchingCubes.h"
+#include "Reconstructor.h"
 #include "Portioner.h"
 #include "PortionerSetup.h"
 #include "Tessaline_OPT.h"
@@ -89,6 +92,13 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
         }
         EXPECT_GT(cell_lines, 0u);
         EXPECT_EQ(bin_lines, cell_lines);  // every block of the full chain got its cells
+        // The field values of every block are in the store, reachable from the octree's leaves.
+        const auto& pool = engine.reconstructor()->fieldDataPool();
+        ASSERT_NE(pool, nullptr);
+        EXPECT_GT(pool->size(), 100000);
+        std::shared_ptr<HashRootCellList> roots;
+        ASSERT_EQ(engine.reconstructor()->hashOctree()->getHashCellList(roots), 0);
+        EXPECT_EQ(roots->datas_size.load(), total_sub_steps);
         EXPECT_EQ(out.find("[error]"), std::string::npos);
         stage_lines.push_back(counts);
         EXPECT_EQ(engine.deInit(), 0);

@@ -132,6 +132,20 @@ TEST(InitNormals, SecondWalkTakesTheLargerSetAndItsOrientation) {
     EXPECT_NEAR(c.cell.init_normal[2], -1.0f, 1e-6f);  // turned to reference 1, not reference 0
 }
 
+TEST(InitNormals, SetTwoWinsATieWithSetZero) {
+    // 12 points on z = 0: five face +z (set 0: 5 of 12, below half), points 6 and 7 face +x (reference 1
+    // is point 6), five face -z (reference 2 is point 11). Sets 2 and 0 tie at 5: set 2 wins and the
+    // normal is turned to reference 2.
+    CellCase c;
+    for (int i = 0; i < 5; ++i) c.add(0.1f * i - 0.2f, 0.05f * i, 0.0f, 0, 0, 1);
+    c.add(0.0f, -0.2f, 0.0f, 1, 0, 0);
+    c.add(0.1f, -0.2f, 0.0f, 1, 0, 0);
+    for (int i = 0; i < 5; ++i) c.add(0.1f * i - 0.2f, -0.05f * i + 0.3f, 0.0f, 0, 0, -1);
+    c.run();
+    ASSERT_EQ(c.cell.field_flag, 0);
+    EXPECT_NEAR(c.cell.init_normal[2], -1.0f, 1e-6f);
+}
+
 TEST(InitNormals, APointExactlyAtTheRadiusCountsOnlyInTheSecondWalk) {
     // Radius 1.5. Point 2 (reference 1) faces +x; the three others agree with the first point but lie
     // at the radius. The first walk leaves them out (1 of 5 agree), the second takes them into set 2,

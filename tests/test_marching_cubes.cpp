@@ -656,3 +656,23 @@ TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAg
     EXPECT_EQ(out.find("[warining]"), std::string::npos);
     EXPECT_FALSE(small.onHost());
 }
+
+TEST_F(StageRun, AFailedAllocationInTheFieldStepFreesWhatItTook) {
+    auto block = blockOf(spherePoints(5.0f, 0.3f));
+    float logic[3];
+    stage.logicCoordinate(*block, logic);
+    std::vector<BinsHeader> bins;
+    ASSERT_EQ(stage.generateBins(block, logic, bins), 0);
+    ASSERT_EQ(stage.prepareSimpleHash(bins), 0);
+    std::shared_ptr<CellNodeAndRelations> cells;
+    ASSERT_EQ(stage.buildOctreeAndRelations(*block, bins, cells), 0);
+
+    testing_support::FakeDevices fake;
+    fake.fail_malloc_at = 1;  // the relations: the cell array is already taken
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(stage.computeFiledData_Device(*cells), 65797);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("cudaMalloc(&relations_dev"), std::string::npos);
+    EXPECT_EQ(stage.getLastError(), "cuda runtime error!");
+    EXPECT_EQ(fake.malloc_calls, 2);
+    EXPECT_EQ(fake.free_calls, 1);  // the cell array went back
+}
