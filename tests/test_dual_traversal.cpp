@@ -48,7 +48,9 @@ struct Collect {
         for (int i = 0; i < 8; ++i) cube[static_cast<std::size_t>(i)] = cells[i];
         for (int i = 0; i < 8; ++i) {
             for (int axis = 0; axis < 3; ++axis) {
-                if ((i >> axis) & 1) EXPECT_LE(cells[i ^ (1 << axis)]->center[axis], cells[i]->center[axis]);
+                if ((i >> axis) & 1) {
+                    EXPECT_LE(cells[i ^ (1 << axis)]->center[axis], cells[i]->center[axis]);
+                }
             }
         }
         cubes.push_back(cube);
