@@ -1,8 +1,15 @@
 // Reconstructor: life cycle, memory guard and the frame of the mesh run.
 #include "Reconstructor.h"
 
-#include <cstdio>
+#include <omp.h>
 
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <vector>
+
+#include "CellSurface.h"
+#include "DualTraversal.h"
 #include "HashOctree.h"
 #include "HostMemory.h"
 #include "MarchingCubes.h"
@@ -58,6 +65,29 @@ int Reconstructor::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) 
     return 0;
 }
 
+namespace {
+
+// Where triangles leave the extraction: each worker appends to its own part, so no lock is taken.
+struct TriangleSink {
+    std::atomic<unsigned char>* is_ok;
+    std::vector<MultiMeshData>* parts;
+
+    void operator()(const TriangleXYZ& xyz, const TriangleW& w) const {
+        if (is_ok->load(std::memory_order_relaxed) == 0) return;
+        MultiMeshData& part = (*parts)[static_cast<std::size_t>(omp_get_thread_num())];
+        for (float coordinate : xyz.xyz)
+            if (std::isnan(coordinate)) return;
+        part.xyz.push_back(xyz);
+        part.w.push_back(w);
+    }
+};
+
+// The eight root neighbours on the high side, row = dx + 2 dy + 4 dz.
+constexpr int ROOT_NEIGHBOURS[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0},
+                                       {0, 0, 1}, {1, 0, 1}, {0, 1, 1}, {1, 1, 1}};
+
+}  // namespace
+
 int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     if (!m_inited) {
         m_last_error = "no init!";
@@ -68,15 +98,67 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         return 1;
     }
     mesh = std::make_shared<MultiMeshData>();
+    std::atomic<unsigned char> is_ok{1};
+    std::vector<MultiMeshData> parts(static_cast<std::size_t>(omp_get_max_threads()));
     std::shared_ptr<HashRootCellList> roots;
     if (m_hash_octree->getHashCellList(roots) != 0) {
         m_last_error = "Reconstructor getHashCellList failed!";
         return 1;
     }
-    // The contouring walk over the root blocks joins here; until then the mesh stays empty.
-    if (!reconstructorMemoryGuard()) {
+
+    const std::int32_t n = roots->datas_size.load();
+    const float block_size = m_portioner_params ? static_cast<float>(m_portioner_params->block_size) : 0.0f;
+    TriangleSink sink{&is_ok, &parts};
+    DualCubeContour<TriangleSink> contour(*m_field_data_pool, sink);
+    // Static scheduling gives each worker one ascending range of roots: merged in thread order, the
+    // triangles follow the roots whatever the number of workers.
+#pragma omp parallel for schedule(static)
+    for (std::int32_t id = 0; id < n; ++id) {
+        if (is_ok.load(std::memory_order_relaxed) == 0 || !reconstructorMemoryGuard()) {
+            is_ok = 0;
+            continue;
+        }
+        const std::shared_ptr<HashRootCellData> data = roots->get(id);
+        const CellNode* root = data ? data->root_cell : nullptr;
+        if (root == nullptr) {
+            std::printf("[error]\xef\xbc\x9a" "enumerate_hash (cur_cell == nullptr)! \n");
+            continue;
+        }
+        try {
+            // Each root contours its inside and its seams towards the neighbours on the high side.
+            const CellNode* neighbours[8];
+            for (int k = 0; k < 8; ++k) {
+                float position[3];
+                for (int axis = 0; axis < 3; ++axis)
+                    position[axis] = static_cast<float>(ROOT_NEIGHBOURS[k][axis]) * block_size * m_resolution + root->center[axis];
+                const std::shared_ptr<HashRootCellData> neighbour = m_hash_octree->getHashRootCell(position);
+                neighbours[k] = neighbour ? neighbour->root_cell : nullptr;
+            }
+            DualOctreeTraversal<DualCubeContour<TriangleSink>> walk(contour);
+            walk.visitCell(neighbours[0]);
+            walk.visitFaceX(neighbours[0], neighbours[1]);
+            walk.visitFaceY(neighbours[0], neighbours[2]);
+            walk.visitFaceZ(neighbours[0], neighbours[4]);
+            walk.visitEdgeZ(neighbours[0], neighbours[1], neighbours[2], neighbours[3]);
+            walk.visitEdgeX(neighbours[0], neighbours[2], neighbours[4], neighbours[6]);
+            walk.visitEdgeY(neighbours[0], neighbours[1], neighbours[4], neighbours[5]);
+            walk.visitVertex(neighbours[0], neighbours[1], neighbours[2], neighbours[3], neighbours[4], neighbours[5],
+                             neighbours[6], neighbours[7]);
+        } catch (...) {
+            is_ok = 0;
+        }
+    }
+    if (!reconstructorMemoryGuard() || is_ok.load() == 0) {
         std::printf("is_ok = false!\n");
         return TESSALINE_OUT_OF_MEMORY;
+    }
+
+    // The workers' parts in thread order; each part goes as soon as it is copied.
+    for (MultiMeshData& part : parts) {
+        mesh->xyz.insert(mesh->xyz.end(), part.xyz.begin(), part.xyz.end());
+        mesh->w.insert(mesh->w.end(), part.w.begin(), part.w.end());
+        std::vector<TriangleXYZ>().swap(part.xyz);
+        std::vector<TriangleW>().swap(part.w);
     }
     mesh->xyz.shrink_to_fit();
     mesh->w.shrink_to_fit();

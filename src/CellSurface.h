@@ -1,0 +1,157 @@
+// Contouring of one dual cube: the eight leaves around a point, their sheets matched across the
+// corners, and marching cubes through the library's own configuration and triangle tables.
+#pragma once
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+
+#include "DualCubeTables.h"
+#include "HashOctree.h"
+#include "MarchingCubes.h"
+#include "tessaline/Tessaline.h"
+
+namespace SurfaceReconstruction {
+
+// The 16-bit quality word of a dual cube from the sub-cell occupancy of its eight slots: the share of
+// corner cells whose points spread over more than a threshold of their octants, as four equal nibbles.
+inline std::uint32_t computeQualityWord(const std::uint64_t masks[8], float min_edge) {
+    const int divisor = 2;
+    const int bar = min_edge >= 0.1f ? 1 : 3;
+    constexpr std::uint64_t OCTANT_MASKS[8] = {0x330033ull,         0xcc00ccull,         0x33003300ull,
+                                               0xcc00cc00ull,       0x330033ull << 32,   0xcc00ccull << 32,
+                                               0x33003300ull << 32, 0xcc00cc00ull << 32};
+    int n = 0;
+    float s = 0.0f;
+    for (int k = 0; k < 8; ++k) {
+        if (masks[k] == 0) continue;
+        int count = 0;
+        for (std::uint64_t octant : OCTANT_MASKS) count += (masks[k] & octant) != 0 ? 1 : 0;
+        if (count > bar) {
+            ++n;
+            const float share = static_cast<float>(count) / static_cast<float>(bar);
+            s += share < 1.0f ? share : 1.0f;
+        }
+    }
+    if (n == 0) return 0;
+    float level = s * (static_cast<float>(n) / static_cast<float>(divisor));
+    if (level > 1.0f) level = 1.0f;
+    const std::uint32_t nibble = static_cast<std::uint32_t>(level * 15.0f);
+    return nibble * 0x1111u;
+}
+
+inline const DualCubeCase* dualCubeCase(int canonical_case) {
+    for (const DualCubeCase& c : DUAL_CUBE_CASES)
+        if (c.canonical_case == canonical_case) return &c;
+    return nullptr;
+}
+
+// Contours the dual cubes it is handed into `sink`, a callable taking (const TriangleXYZ&, const TriangleW&).
+template <class Sink>
+class DualCubeContour {
+public:
+    DualCubeContour(const FieldDataPool& pool, Sink& sink) : m_pool(pool), m_sink(sink) {}
+
+    void operator()(const CellNode* const cells[8]) const {
+        std::uint8_t used_first[8] = {}, used_second[8] = {};
+        const CellNode* c0 = cells[0];
+        // Corner 0 decides how many surfaces the cube can hold: one contouring for each of its sheets.
+        for (int sheet = 0; sheet < 2; ++sheet) {
+            if (c0->data_id < 0 || c0->field_count < sheet + 1) return;
+            const FieldSlot* reference = m_pool.slot(c0->data_id + sheet);
+            const FieldSlot* slots[8] = {};
+            float min_edge = 0.0f;
+            if (matchSheets(reference->normal, cells, slots, used_first, used_second, min_edge) == 0)
+                contourSheets(slots, cells, min_edge);
+        }
+    }
+
+    // One slot for each corner that agrees with the reference; 1 when a corner has none to give.
+    int matchSheets(const float reference[3], const CellNode* const cells[8], const FieldSlot* slots[8],
+                    std::uint8_t used_first[8], std::uint8_t used_second[8], float& min_edge) const {
+        float half = FLT_MAX;
+        for (int k = 0; k < 8; ++k) {
+            const CellNode* cell = cells[k];
+            if (cell->data_id == -1 || cell->field_count < 1) return 1;
+            half = cell->half_size < half ? cell->half_size : half;
+            const FieldSlot* first = m_pool.slot(cell->data_id);
+            if (dot(first->normal, reference) > 0.1f) {
+                if (used_first[k]) return 1;  // the first slot has priority, even when it is taken
+                slots[k] = first;
+                used_first[k] = 1;
+                continue;
+            }
+            if (cell->field_count != 2) return 1;
+            const FieldSlot* second = m_pool.slot(cell->data_id + 1);
+            if (!(dot(second->normal, reference) > 0.1f) || used_second[k]) return 1;
+            slots[k] = second;
+            used_second[k] = 1;
+        }
+        min_edge = half + half;
+        return 0;
+    }
+
+    void contourSheets(const FieldSlot* const slots[8], const CellNode* const cells[8], float min_edge) const {
+        int configuration = 0;
+        for (int k = 0; k < 8; ++k)
+            if (slots[k]->value < 0.0f) configuration |= 1 << k;  // NaN and 0 count as not below
+        const DualCubeConfiguration& row = DUAL_CUBE_CONFIGURATIONS[configuration];
+        if (row.canonical_case == 0 || row.canonical_case == 255) return;
+        const FieldSlot* s[8];
+        const float* p[8];
+        for (int j = 0; j < 8; ++j) {
+            s[j] = slots[row.corner[j]];
+            p[j] = cells[row.corner[j]]->center;
+        }
+        std::uint32_t group = 0;
+        std::uint64_t masks[8];
+        for (int j = 0; j < 8; ++j) {
+            group |= s[j]->word;
+            masks[j] = s[j]->occupancy;
+        }
+        group &= 0xff00u;
+        const std::uint32_t quality = computeQualityWord(masks, min_edge);
+        float vertices[12][3];
+        std::uint32_t words[12];
+        for (int e = 0; e < 12; ++e) {
+            const int a = DUAL_CUBE_EDGES[e][0], b = DUAL_CUBE_EDGES[e][1];
+            const float va = s[a]->value, vb = s[b]->value;
+            if ((va < 0.0f) == (vb < 0.0f)) continue;
+            const float t = (0.0f - va) / (vb - va);
+            for (int axis = 0; axis < 3; ++axis) vertices[e][axis] = (p[b][axis] - p[a][axis]) * t + p[a][axis];
+            words[e] = ((s[a]->word | s[b]->word) & 255u) | group | (quality << 16);
+        }
+        const DualCubeCase* triangles = dualCubeCase(row.canonical_case);
+        if (triangles == nullptr) return;
+        for (int i = 0; i < triangles->triangle_count; ++i)
+            emitTriangle(vertices, words, triangles->edges[i][0], triangles->edges[i][1], triangles->edges[i][2],
+                         row.reflected != 0);
+    }
+
+private:
+    static float dot(const float a[3], const float b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+    static bool coincide(const float a[3], const float b[3]) {
+        const float eps = 1.1920929e-7f;
+        return std::fabs(a[0] - b[0]) < eps && std::fabs(a[1] - b[1]) < eps && std::fabs(a[2] - b[2]) < eps;
+    }
+
+    // The winding makes the triangle face where the field is below 0.
+    void emitTriangle(const float vertices[12][3], const std::uint32_t words[12], int a, int b, int c, bool reflected) const {
+        if (coincide(vertices[a], vertices[b]) || coincide(vertices[a], vertices[c]) || coincide(vertices[b], vertices[c]))
+            return;
+        const int order[3] = {reflected ? a : c, b, reflected ? c : a};
+        TriangleXYZ xyz;
+        TriangleW w;
+        for (int v = 0; v < 3; ++v) {
+            for (int axis = 0; axis < 3; ++axis) xyz.xyz[3 * v + axis] = vertices[order[v]][axis];
+            w.w[v] = words[order[v]];
+        }
+        m_sink(xyz, w);
+    }
+
+    const FieldDataPool& m_pool;
+    Sink& m_sink;
+};
+
+}  // namespace SurfaceReconstruction
