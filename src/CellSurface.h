@@ -2,9 +2,13 @@
 // corners, and marching cubes through the library's own configuration and triangle tables.
 #pragma once
 
+#include <omp.h>
+
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 #include "DualCubeTables.h"
 #include "HashOctree.h"
@@ -39,6 +43,22 @@ inline std::uint32_t computeQualityWord(const std::uint64_t masks[8], float min_
     const std::uint32_t nibble = static_cast<std::uint32_t>(level * 15.0f);
     return nibble * 0x1111u;
 }
+
+// Where triangles leave the extraction: each worker appends to its own part, so no lock is taken. A
+// triangle with a NaN coordinate is dropped, so xyz and w keep equal lengths.
+struct TriangleSink {
+    std::atomic<unsigned char>* is_ok;
+    std::vector<MultiMeshData>* parts;
+
+    void operator()(const TriangleXYZ& xyz, const TriangleW& w) const {
+        if (is_ok->load(std::memory_order_relaxed) == 0) return;
+        MultiMeshData& part = (*parts)[static_cast<std::size_t>(omp_get_thread_num())];
+        for (float coordinate : xyz.xyz)
+            if (std::isnan(coordinate)) return;
+        part.xyz.push_back(xyz);
+        part.w.push_back(w);
+    }
+};
 
 inline const DualCubeCase* dualCubeCase(int canonical_case) {
     for (const DualCubeCase& c : DUAL_CUBE_CASES)

@@ -67,21 +67,6 @@ int Reconstructor::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) 
 
 namespace {
 
-// Where triangles leave the extraction: each worker appends to its own part, so no lock is taken.
-struct TriangleSink {
-    std::atomic<unsigned char>* is_ok;
-    std::vector<MultiMeshData>* parts;
-
-    void operator()(const TriangleXYZ& xyz, const TriangleW& w) const {
-        if (is_ok->load(std::memory_order_relaxed) == 0) return;
-        MultiMeshData& part = (*parts)[static_cast<std::size_t>(omp_get_thread_num())];
-        for (float coordinate : xyz.xyz)
-            if (std::isnan(coordinate)) return;
-        part.xyz.push_back(xyz);
-        part.w.push_back(w);
-    }
-};
-
 // The eight root neighbours on the high side, row = dx + 2 dy + 4 dz.
 constexpr int ROOT_NEIGHBOURS[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0},
                                        {0, 0, 1}, {1, 0, 1}, {0, 1, 1}, {1, 1, 1}};

@@ -224,6 +224,26 @@ TEST_F(DualCube, Case107IsUsedAsGiven) {
     EXPECT_EQ(contour().size(), 5u);
 }
 
+TEST(TriangleSinkTest, NaNTrianglesAreDroppedAndLengthsStayEqual) {
+    std::atomic<unsigned char> is_ok{1};
+    std::vector<MultiMeshData> parts(static_cast<std::size_t>(omp_get_max_threads()));
+    TriangleSink sink{&is_ok, &parts};
+    TriangleXYZ good{};
+    TriangleXYZ bad{};
+    bad.xyz[7] = std::nanf("");
+    TriangleXYZ infinite{};
+    infinite.xyz[0] = INFINITY;
+    sink(good, TriangleW{});
+    sink(bad, TriangleW{});
+    sink(infinite, TriangleW{});  // infinite values pass
+    MultiMeshData& part = parts[static_cast<std::size_t>(omp_get_thread_num())];
+    EXPECT_EQ(part.xyz.size(), 2u);
+    EXPECT_EQ(part.w.size(), 2u);
+    is_ok = 0;
+    sink(good, TriangleW{});
+    EXPECT_EQ(part.xyz.size(), 2u);
+}
+
 // ---- whole runs ------------------------------------------------------------------------------------
 
 namespace {
@@ -327,4 +347,58 @@ TEST(MeshRuns, SameFramesSameMeshForAnyThreadCount) {
     ASSERT_EQ(one->xyz.size(), many->xyz.size());
     EXPECT_EQ(std::memcmp(one->xyz.data(), many->xyz.data(), one->xyz.size() * sizeof(TriangleXYZ)), 0);
     EXPECT_EQ(std::memcmp(one->w.data(), many->w.data(), one->w.size() * sizeof(TriangleW)), 0);
+}
+
+TEST(MeshRuns, ASecondRunAfterDeInitAndInitGivesTheSameMesh) {
+    const float centre[3] = {10.0f, 10.0f, 10.0f};
+    const auto frames = sphereScan(centre, 5.0f, 0.3f);
+    Tessaline_OPT engine;
+    std::shared_ptr<MultiMeshData> meshes[2];
+    for (auto& mesh : meshes) {
+        ASSERT_EQ(engine.init(), 0);
+        engine.setResolution(0.5f);
+        for (const auto& f : frames) ASSERT_EQ(engine.addScanFrame(std::make_shared<FrameDataWithInfo>(*f)), 0);
+        mesh = std::make_shared<MultiMeshData>();
+        ::testing::internal::CaptureStdout();
+        ASSERT_EQ(engine.process(mesh), 0);
+        ::testing::internal::GetCapturedStdout();
+        ASSERT_EQ(engine.deInit(), 0);
+        EXPECT_EQ(engine.reconstructor(), nullptr);  // octree and store went with it
+    }
+    ASSERT_GT(meshes[0]->xyz.size(), 100u);
+    ASSERT_EQ(meshes[0]->xyz.size(), meshes[1]->xyz.size());
+    EXPECT_EQ(std::memcmp(meshes[0]->xyz.data(), meshes[1]->xyz.data(), meshes[0]->xyz.size() * sizeof(TriangleXYZ)), 0);
+}
+
+TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {
+    // A plate 0.3 thick, thinner than a cell, scanned from above (normals +z) and below (normals -z).
+    auto top = std::make_shared<FrameDataWithInfo>();
+    auto bottom = std::make_shared<FrameDataWithInfo>();
+    for (float x = 2.0f; x < 18.0f; x += 0.2f) {
+        for (float y = 2.0f; y < 18.0f; y += 0.2f) {
+            top->xyz.push_back({x, y, 10.15f});
+            top->nor.push_back({0.0f, 0.0f, 1.0f});
+            top->w.push_back(8);
+            bottom->xyz.push_back({x + 0.1f, y + 0.1f, 9.85f});
+            bottom->nor.push_back({0.0f, 0.0f, -1.0f});
+            bottom->w.push_back(8);
+        }
+    }
+    const auto mesh = run({top, bottom}, 0.5f);
+    std::size_t up = 0, down = 0, interior = 0;
+    for (const TriangleXYZ& t : mesh->xyz) {
+        const float cx = (t.xyz[0] + t.xyz[3] + t.xyz[6]) / 3.0f, cy = (t.xyz[1] + t.xyz[4] + t.xyz[7]) / 3.0f;
+        if (cx < 4.0f || cx > 16.0f || cy < 4.0f || cy > 16.0f) continue;  // away from the plate's rim
+        ++interior;
+        const float u[3] = {t.xyz[3] - t.xyz[0], t.xyz[4] - t.xyz[1], t.xyz[5] - t.xyz[2]};
+        const float v[3] = {t.xyz[6] - t.xyz[0], t.xyz[7] - t.xyz[1], t.xyz[8] - t.xyz[2]};
+        const float nz = u[0] * v[1] - u[1] * v[0];
+        const float z = (t.xyz[2] + t.xyz[5] + t.xyz[8]) / 3.0f;
+        if (nz > 0 && std::fabs(z - 10.15f) < 0.05f) ++up;
+        if (nz < 0 && std::fabs(z - 9.85f) < 0.05f) ++down;
+    }
+    ASSERT_GT(interior, 100u);
+    EXPECT_EQ(up + down, interior);  // every triangle belongs to one of the two faces
+    EXPECT_GT(up, interior / 3);
+    EXPECT_GT(down, interior / 3);
 }
