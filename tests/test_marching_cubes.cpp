@@ -507,6 +507,16 @@ protected:
         return p;
     }
 
+    // Steps 1 and 2 of the stage: the block's cells and relations, ready for the field computation.
+    void cellsOf(const std::shared_ptr<PointCloudBlock>& block, std::shared_ptr<CellNodeAndRelations>& cells) {
+        float logic[3];
+        stage.logicCoordinate(*block, logic);
+        std::vector<BinsHeader> bins;
+        ASSERT_EQ(stage.generateBins(block, logic, bins), 0);
+        ASSERT_EQ(stage.prepareSimpleHash(bins), 0);
+        ASSERT_EQ(stage.buildOctreeAndRelations(*block, bins, cells), 0);
+    }
+
     int runQuiet(const std::shared_ptr<PointCloudBlock>& block) {
         ::testing::internal::CaptureStdout();
         const int status = stage.process(block);
@@ -601,13 +611,8 @@ TEST_F(StageRun, SphereFieldMatchesTheSignedDistanceNearTheSurface) {
 
 TEST_F(StageRun, DevicePathAndHostPathGiveTheSameField) {
     auto block = blockOf(spherePoints(8.0f, 0.2f));
-    float logic[3];
-    stage.logicCoordinate(*block, logic);
-    std::vector<BinsHeader> bins;
-    ASSERT_EQ(stage.generateBins(block, logic, bins), 0);
-    ASSERT_EQ(stage.prepareSimpleHash(bins), 0);
     std::shared_ptr<CellNodeAndRelations> cells;
-    ASSERT_EQ(stage.buildOctreeAndRelations(*block, bins, cells), 0);
+    ASSERT_NO_FATAL_FAILURE(cellsOf(block, cells));
 
     CellNodeAndRelations on_host;
     on_host.cell_nodes = cells->cell_nodes;
@@ -659,13 +664,8 @@ TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAg
 
 TEST_F(StageRun, AFailedAllocationInTheFieldStepFreesWhatItTook) {
     auto block = blockOf(spherePoints(5.0f, 0.3f));
-    float logic[3];
-    stage.logicCoordinate(*block, logic);
-    std::vector<BinsHeader> bins;
-    ASSERT_EQ(stage.generateBins(block, logic, bins), 0);
-    ASSERT_EQ(stage.prepareSimpleHash(bins), 0);
     std::shared_ptr<CellNodeAndRelations> cells;
-    ASSERT_EQ(stage.buildOctreeAndRelations(*block, bins, cells), 0);
+    ASSERT_NO_FATAL_FAILURE(cellsOf(block, cells));
 
     testing_support::FakeDevices fake;
     fake.fail_malloc_at = 1;  // the relations: the cell array is already taken
