@@ -26,7 +26,7 @@ inline std::vector<std::shared_ptr<FrameDataWithInfo>> bunnyFrames() {
 }
 
 #define TESSALINE_REQUIRE_BUNNY() \
-    if (!::SurfaceReconstruction::testing_support::haveBunny()) GTEST_SKIP() << "no scans at " << bunnyConfPath()
+    if (!::SurfaceReconstruction::testing_support::haveBunny()) GTEST_SKIP() << "no scans at " << ::SurfaceReconstruction::testing_support::bunnyConfPath()
 
 }  // namespace testing_support
 }  // namespace SurfaceReconstruction
