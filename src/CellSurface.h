@@ -4,6 +4,7 @@
 
 #include <omp.h>
 
+#include <array>
 #include <atomic>
 #include <cfloat>
 #include <cmath>
@@ -60,10 +61,15 @@ struct TriangleSink {
     }
 };
 
+// The triangles of a canonical case, or null for 0, 255 and numbers that are no case; looked up by
+// table, as it runs for every contoured dual cube.
 inline const DualCubeCase* dualCubeCase(int canonical_case) {
-    for (const DualCubeCase& c : DUAL_CUBE_CASES)
-        if (c.canonical_case == canonical_case) return &c;
-    return nullptr;
+    static const auto index = [] {
+        std::array<const DualCubeCase*, 256> table{};
+        for (const DualCubeCase& c : DUAL_CUBE_CASES) table[c.canonical_case] = &c;
+        return table;
+    }();
+    return canonical_case >= 0 && canonical_case < 256 ? index[static_cast<std::size_t>(canonical_case)] : nullptr;
 }
 
 // Contours the dual cubes it is handed into `sink`, a callable taking (const TriangleXYZ&, const TriangleW&).

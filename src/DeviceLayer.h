@@ -110,6 +110,15 @@ void installDeviceRuntimeSeam(const DeviceRuntimeSeam* seam);
         }                                                                          \
     } while (0)
 
+// A device copy of one host record: allocation and upload, each checked with its expression text.
+#define TESSA_DEVICE_UPLOAD(dev, host, malloc_expression, copy_expression)                                  \
+    do {                                                                                                     \
+        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMalloc(&(dev), sizeof(host)), malloc_expression); \
+        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMemcpy((dev), &(host), sizeof(host),             \
+                                                                 ::SurfaceReconstruction::CopyKind::HostToDevice), \
+                           copy_expression);                                                                 \
+    } while (0)
+
 // A temporary device buffer of one operation, freed on every path; release() frees it with the checked
 // call on the normal path.
 template <class T>

@@ -259,7 +259,7 @@ void HashOctree::setError(const char* text) {
 }
 
 std::string HashOctree::getLastError() const {
-    SpinGuard guard(const_cast<std::uint32_t&>(m_error_lock));
+    SpinGuard guard(m_error_lock);
     return m_last_error;
 }
 

@@ -191,7 +191,7 @@ private:
     std::shared_ptr<CellNodePool> m_cell_pool;
     std::shared_ptr<HashRootCellList> m_hash_cell_list;
     std::shared_ptr<GlobalHashParams> m_global_params;
-    std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
+    mutable std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
 };
 
 }  // namespace SurfaceReconstruction

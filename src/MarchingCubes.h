@@ -210,8 +210,6 @@ public:
     int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells);
     // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
     void saveFieldData(const CellNodeAndRelations& cells);
-    // Device path or host path for the next field computation, for tests of both.
-    void forceFieldOnHost(bool on_host) { m_on_host = on_host; }
 
     std::string getLastError() const { return m_last_error; }
     bool isInited() const { return m_inited; }
@@ -253,7 +251,6 @@ private:
     std::shared_ptr<CellRelations_Pool> m_tmp_cell_relations_pool;
     std::shared_ptr<CellNodeAndRelations> m_last_cells;
     bool m_keep_last_cells = false;
-    std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
     // Occupied bin keys over the bounding box of the block's bins: most searched keys hold no bin, and
     // the bitmap answers those without touching the table.
     std::vector<std::uint64_t> m_bin_bitmap;
@@ -261,7 +258,6 @@ private:
     std::int64_t m_bitmap_dim[3] = {0, 0, 0};
     bool m_bitmap_valid = false;
 
-    void setErrorFromLoop(const char* text);
     void buildBinBitmap(const std::vector<BinsHeader>& bins_header);
 
     // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.

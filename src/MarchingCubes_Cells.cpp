@@ -88,11 +88,6 @@ int CellRelations_Pool::allocDataIndex(std::int32_t& index) {
     return 0;
 }
 
-void MarchingCubes::setErrorFromLoop(const char* text) {
-    SpinGuard guard(m_error_lock);
-    m_last_error = text;
-}
-
 // ---- the bins' lookup table ------------------------------------------------------------------------
 
 namespace {

@@ -193,18 +193,13 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
         m_bins_header_capacity = MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n));
         TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
                            "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_device_params_dev, sizeof(DeviceParameters)),
-                           "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))");
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_device_params_dev, m_device_params.get(), sizeof(DeviceParameters),
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
-                           "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_portioner_params_dev, sizeof(PortionerParameters)),
-                           "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))");
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_portioner_params_dev, m_portioner_params.get(), sizeof(PortionerParameters),
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
-                           "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params, "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+                            "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
+                            "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_UPLOAD(m_portioner_params_dev, *m_portioner_params,
+                            "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
+                            "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
+                            "cudaMemcpyHostToDevice)");
         return 0;
     } catch (const DeviceError&) {
         m_last_error = "[MarchingCubes] initDevice try catch device error! \n";

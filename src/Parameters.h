@@ -26,6 +26,14 @@ struct PortionerParameters {
 
 constexpr std::uint32_t PORTIONER_EXT_SIZE = 12;
 
+// The edges that steer the field computation: 3-edge search from 0.2 up, Gaussian weights from 0.1
+// up, the larger sample box and projection up to 0.1.
+inline void setFieldComputationEdges(DeviceParameters& params) {
+    params.wide_search_edge = 0.2f;
+    params.gauss_weight_edge = 0.1f;
+    params.fine_box_edge = 0.1f;
+}
+
 // Sets the block size from the resolution and the device's total memory: 256 cells, 512 on a device of
 // more than 7 GiB, halved below a resolution of 0.2. Without a memory figure it stays at 256.
 void computeBlockSizing(PortionerParameters& params, float resolution);

@@ -255,12 +255,9 @@ int Portioner::initPartition_Device() {
         m_block_changes_capacity = PORTIONER_MAX_BLOCK_CHANGES;
         TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)),
                            "cudaMalloc(&m_block_changes_size_dev, sizeof(int))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_device_params_dev, sizeof(DeviceParameters)),
-                           "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))");
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_device_params_dev, m_device_params.get(), sizeof(DeviceParameters),
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
-                           "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params, "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+                            "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
+                            "cudaMemcpyHostToDevice)");
         return 0;
     } catch (const DeviceError&) {
         m_last_error = "[Portioner] setRawSurfacePoints try catch device error!";

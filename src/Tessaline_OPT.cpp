@@ -51,9 +51,7 @@ int Tessaline_OPT::init() {
             m_device_params = std::make_shared<DeviceParameters>();
             std::memset(m_device_params.get(), 0, sizeof(DeviceParameters));
         }
-        m_device_params->wide_search_edge = 0.2f;
-        m_device_params->gauss_weight_edge = 0.1f;
-        m_device_params->fine_box_edge = 0.1f;
+        setFieldComputationEdges(*m_device_params);
         m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(m_max_frame_points);
 
         if (!m_portioner_params) m_portioner_params = std::make_shared<PortionerParameters>();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "FieldComputation.h"
+#include "TestPoints.h"
 
 using namespace SurfaceReconstruction;
 
@@ -19,23 +20,13 @@ struct CellCase {
     DeviceParameters params{};
 
     CellCase() {
-        params.wide_search_edge = 0.2f;
-        params.gauss_weight_edge = 0.1f;
-        params.fine_box_edge = 0.1f;
+        setFieldComputationEdges(params);
         cell.half_size = 0.25f;
         cell.field_flag = 0;
     }
 
     void add(float x, float y, float z, float nx, float ny, float nz) {
-        RawPointWithHash p{};
-        p.x = x;
-        p.y = y;
-        p.z = z;
-        p.nx = nx;
-        p.ny = ny;
-        p.nz = nz;
-        p.w = 8;
-        points.push_back(p);
+        points.push_back(testing_support::scanPoint(x, y, z, nx, ny, nz));
     }
 
     void run() {

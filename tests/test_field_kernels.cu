@@ -73,7 +73,7 @@ TEST(FieldKernels, NormalsOnTheDevicePathMatchTheHostPath) {
         cells.push_back(cell);
     }
     DeviceParameters params{};
-    params.wide_search_edge = 0.2f;
+    setFieldComputationEdges(params);
 
     std::vector<CellNode_Device> on_host = cells;
     std::vector<VoxelFieldCenter> host_centres(cells.size(), VoxelFieldCenter{});

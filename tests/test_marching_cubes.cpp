@@ -13,6 +13,7 @@
 #include "MarchingCubes.h"
 #include "Morton.h"
 #include "Portioner.h"
+#include "TestPoints.h"
 
 using namespace SurfaceReconstruction;
 
@@ -65,12 +66,7 @@ protected:
     }
 
     static RawPointWithHash point(float x, float y, float z, std::int32_t w = 8) {
-        RawPointWithHash p{};
-        p.x = x;
-        p.y = y;
-        p.z = z;
-        p.nz = 1.0f;
-        p.w = w;
+        RawPointWithHash p = testing_support::scanPoint(x, y, z, 0.0f, 0.0f, 1.0f, w);
         p.hash = 7;  // what the Portioner left
         return p;
     }
@@ -246,7 +242,7 @@ protected:
     void setUp(float resolution, std::uint32_t block_size = 128) {
         auto device_params = std::make_shared<DeviceParameters>();
         std::memset(device_params.get(), 0, sizeof(DeviceParameters));
-        device_params->wide_search_edge = 0.2f;
+        setFieldComputationEdges(*device_params);
         stage.setDeviceParams(device_params);
         stage.setPortionerParams(
             std::make_shared<PortionerParameters>(PortionerParameters{block_size, 12, block_size + 24}));
@@ -467,9 +463,7 @@ protected:
     void SetUp() override {
         auto device_params = std::make_shared<DeviceParameters>();
         std::memset(device_params.get(), 0, sizeof(DeviceParameters));
-        device_params->wide_search_edge = 0.2f;
-        device_params->gauss_weight_edge = 0.1f;
-        device_params->fine_box_edge = 0.1f;
+        setFieldComputationEdges(*device_params);
         stage.setDeviceParams(device_params);
         stage.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{128, 12, 152}));
         stage.setResolution(0.5f);
@@ -493,18 +487,6 @@ protected:
         for (const RawPointWithHash& p : points) b->flags |= p.w;
         *b->points = std::move(points);
         return b;
-    }
-
-    static RawPointWithHash surfacePoint(float x, float y, float z, float nx, float ny, float nz) {
-        RawPointWithHash p{};
-        p.x = x;
-        p.y = y;
-        p.z = z;
-        p.nx = nx;
-        p.ny = ny;
-        p.nz = nz;
-        p.w = 8;
-        return p;
     }
 
     // Steps 1 and 2 of the stage: the block's cells and relations, ready for the field computation.
@@ -541,15 +523,8 @@ std::vector<RawPointWithHash> spherePoints(float radius, float spacing) {
         const double a = golden * i;
         const float nx = static_cast<float>(r * std::cos(a)), ny = static_cast<float>(r * std::sin(a)),
                     nz = static_cast<float>(z);
-        RawPointWithHash p{};
-        p.x = 32.0f + radius * nx;
-        p.y = 32.0f + radius * ny;
-        p.z = 32.0f + radius * nz;
-        p.nx = nx;
-        p.ny = ny;
-        p.nz = nz;
-        p.w = 8;
-        points.push_back(p);
+        points.push_back(
+            testing_support::scanPoint(32.0f + radius * nx, 32.0f + radius * ny, 32.0f + radius * nz, nx, ny, nz));
     }
     return points;
 }
@@ -559,7 +534,7 @@ std::vector<RawPointWithHash> spherePoints(float radius, float spacing) {
 TEST_F(StageRun, PlaneFieldIsTheSignedDistanceToThePlane) {
     std::vector<RawPointWithHash> points;
     for (float x = 12.0f; x < 52.0f; x += 0.2f)
-        for (float y = 12.0f; y < 52.0f; y += 0.2f) points.push_back(surfacePoint(x, y, 30.3f, 0.0f, 0.0f, 1.0f));
+        for (float y = 12.0f; y < 52.0f; y += 0.2f) points.push_back(testing_support::scanPoint(x, y, 30.3f, 0.0f, 0.0f, 1.0f));
     ASSERT_EQ(runQuiet(blockOf(points)), 0) << stage.getLastError();
     const auto& cells = *stage.lastCells();
     int checked = 0;
