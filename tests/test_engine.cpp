@@ -106,13 +106,6 @@ TEST(Handle, EveryCallBeforeInitAnswersNoInit) {
     EXPECT_EQ(t.getLastErrorMsg(), "no init!");
 }
 
-TEST(EngineLifeCycle, SetResolutionBeforeInitIsLost) {
-    Tessaline_OPT engine;
-    EXPECT_EQ(engine.setResolution(0.25f), 1);
-    EXPECT_EQ(engine.getLastErrorMsg(), "no init!");
-    EXPECT_FLOAT_EQ(engine.resolution(), 0.5f);
-}
-
 TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
     Tessaline_OPT engine;
     ASSERT_EQ(engine.init(), 0);

@@ -185,19 +185,6 @@ int countCells(const CellNode* n) {
 }
 }  // namespace
 
-TEST(HashOctreeOps, EverythingBeforeInitAnswersNoInit) {
-    HashOctree octree;
-    const float p[3] = {1, 1, 1};
-    std::shared_ptr<HashRootCellData> root;
-    std::shared_ptr<HashRootCellList> list;
-    EXPECT_EQ(octree.insertBlockHash(p, root), 1);
-    EXPECT_EQ(octree.getLastError(), "BlockHashOctree: no init!");
-    EXPECT_EQ(octree.getHashCellList(list), 1);
-    EXPECT_EQ(octree.getHashRootCell(p), nullptr);
-    EXPECT_EQ(octree.init(nullptr), 1);
-    EXPECT_EQ(octree.getLastError(), "BlockHashOctree: init try cath error!");
-}
-
 TEST_F(SmallOctree, OneRootPerBlockWithItsGeometry) {
     const float p[3] = {10.3f, -0.2f, 130.0f};
     std::shared_ptr<HashRootCellData> a, b;

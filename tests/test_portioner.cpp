@@ -73,18 +73,6 @@ protected:
     Portioner portioner;
 };
 
-TEST_F(PortionerIntake, EverythingBeforeInitAnswersNoInit) {
-    std::shared_ptr<PointCloudBlock> block;
-    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(3, 0)), 1);
-    EXPECT_EQ(portioner.getLastError(), "no init!");
-    EXPECT_EQ(portioner.processWithoutModel(), 1);
-    EXPECT_EQ(portioner.getPointCloudBlockCount(), 1);
-    EXPECT_EQ(portioner.getMaxBlockPointsSize(), 1);
-    EXPECT_EQ(portioner.takePointCloudBlock(block, 0), 1);
-    EXPECT_EQ(portioner.getLastError(), "no init!");
-    EXPECT_EQ(portioner.deInit(), 0);  // never initialised: nothing to do
-}
-
 TEST_F(PortionerIntake, FrameOfExactlyTheSlotSizeFitsOneMoreDoesNot) {
     ASSERT_EQ(portioner.init(), 0);
     EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(20, 0)), 0);
