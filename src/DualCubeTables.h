@@ -12,7 +12,7 @@ struct DualCubeConfiguration {
     std::uint8_t canonical_case;
 };
 
-constexpr DualCubeConfiguration DUAL_CUBE_CONFIGURATIONS[256] = {
+inline constexpr DualCubeConfiguration DUAL_CUBE_CONFIGURATIONS[256] = {
     {{0, 1, 2, 3, 4, 5, 6, 7}, 0, 0},
     {{0, 1, 2, 3, 4, 5, 6, 7}, 0, 1},
     {{1, 0, 3, 2, 5, 4, 7, 6}, 1, 1},
@@ -272,7 +272,7 @@ constexpr DualCubeConfiguration DUAL_CUBE_CONFIGURATIONS[256] = {
 };
 
 // Ends of the twelve edges of the canonical cube, in the order of interpolation.
-constexpr std::uint8_t DUAL_CUBE_EDGES[12][2] = {{0, 1}, {2, 3}, {4, 5}, {6, 7}, {0, 2}, {1, 3},
+inline constexpr std::uint8_t DUAL_CUBE_EDGES[12][2] = {{0, 1}, {2, 3}, {4, 5}, {6, 7}, {0, 2}, {1, 3},
                                                  {4, 6}, {5, 7}, {0, 4}, {1, 5}, {2, 6}, {3, 7}};
 
 struct DualCubeCase {
@@ -281,7 +281,7 @@ struct DualCubeCase {
     std::uint8_t edges[5][3];
 };
 
-constexpr DualCubeCase DUAL_CUBE_CASES[20] = {
+inline constexpr DualCubeCase DUAL_CUBE_CASES[20] = {
     {1, 1, {{0, 4, 8}}},
     {3, 2, {{4, 8, 9}, {5, 4, 9}}},
     {6, 4, {{0, 9, 4}, {4, 9, 10}, {10, 9, 5}, {10, 5, 1}}},

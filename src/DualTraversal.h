@@ -8,7 +8,7 @@
 namespace SurfaceReconstruction {
 
 // Octant o = x + 2y + 4z (0 low, 1 high on each axis) to the index in CellNode::children.
-constexpr int OCTANT_CHILD[8] = {5, 4, 6, 7, 1, 0, 2, 3};
+inline constexpr int OCTANT_CHILD[8] = {5, 4, 6, 7, 1, 0, 2, 3};
 
 // `DualCube` is called with `const CellNode* const cells[8]` for every dual cube.
 template <class DualCube>

@@ -89,9 +89,9 @@ constexpr std::uint8_t CELL_TYPE_LEAF = 3;
 
 // Child numbering: z at or above the centre gives 0-3, below 4-7; within a ring the x/y quadrants.
 // Index (x below) * 4 + (y below) * 2 + (z below) into this table.
-constexpr int CHILD_INDEX_TABLE[8] = {3, 7, 0, 4, 2, 6, 1, 5};
+inline constexpr int CHILD_INDEX_TABLE[8] = {3, 7, 0, 4, 2, 6, 1, 5};
 // Sign of each axis of child k, from the numbering above.
-constexpr int CHILD_SIGN[8][3] = {{1, -1, 1},  {-1, -1, 1},  {-1, 1, 1},  {1, 1, 1},
+inline constexpr int CHILD_SIGN[8][3] = {{1, -1, 1},  {-1, -1, 1},  {-1, 1, 1},  {1, 1, 1},
                                   {1, -1, -1}, {-1, -1, -1}, {-1, 1, -1}, {1, 1, -1}};
 
 inline int childIndex(const float point[3], const float center[3]) {
