@@ -1,6 +1,8 @@
 // PLY reading and writing for meshes.
 #include "MeshIO.h"
 
+#include "PlyReader.h"
+
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -14,43 +16,32 @@
 namespace tessaline_tools {
 
 IndexedMesh readPlyMesh(const std::string& path, float scale) {
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error("cannot open mesh " + path);
-    std::string line;
-    long vertices = -1, faces = 0;
-    int vertex_properties = 0;
-    bool in_vertex = false, ascii = false;
-    while (std::getline(in, line)) {
-        std::istringstream words(line);
-        std::string a, b;
-        words >> a >> b;
-        if (a == "format") ascii = b == "ascii";
-        if (a == "element") {
-            in_vertex = b == "vertex";
-            if (in_vertex) words >> vertices;
-            if (b == "face") words >> faces;
-        } else if (a == "property" && in_vertex) {
-            ++vertex_properties;
-        } else if (a == "end_header") {
-            break;
-        }
-    }
-    if (!ascii || vertices < 0 || vertex_properties < 3) throw std::runtime_error("not an ASCII PLY mesh: " + path);
+    PlyReader ply(path);
+    const PlyElement* vertex = ply.find("vertex");
+    if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
+    const int column[3] = {vertex->find("x"), vertex->find("y"), vertex->find("z")};
+    if (column[0] < 0 || column[1] < 0 || column[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
     IndexedMesh mesh;
-    mesh.vertices.resize(static_cast<std::size_t>(vertices));
-    for (long i = 0; i < vertices; ++i) {
-        std::getline(in, line);
-        std::istringstream values(line);
-        auto& v = mesh.vertices[static_cast<std::size_t>(i)];
-        if (!(values >> v[0] >> v[1] >> v[2])) throw std::runtime_error("short vertex list in " + path);
-        for (float& c : v) c *= scale;
+    mesh.vertices.resize(static_cast<std::size_t>(vertex->count));
+    PlyRecord record;
+    for (auto& v : mesh.vertices) {
+        ply.read(*vertex, record);
+        for (int k = 0; k < 3; ++k) v[k] = static_cast<float>(record.scalars[static_cast<std::size_t>(column[k])]) * scale;
     }
-    for (long i = 0; i < faces; ++i) {
-        int count = 0;
-        if (!(in >> count)) throw std::runtime_error("short face list in " + path);
-        std::vector<int> corner(static_cast<std::size_t>(count));
-        for (int& c : corner) in >> c;
-        for (int k = 1; k + 1 < count; ++k) mesh.triangles.push_back({corner[0], corner[static_cast<std::size_t>(k)], corner[static_cast<std::size_t>(k) + 1]});
+    const PlyElement* face = ply.find("face");
+    if (face == nullptr || face < vertex) return mesh;
+    int indices = face->find("vertex_indices");
+    if (indices < 0) indices = face->find("vertex_index");
+    if (indices < 0 || !face->properties[static_cast<std::size_t>(indices)].list)
+        throw std::runtime_error(path + ": the faces have no vertex_indices list");
+    for (long f = 0; f < face->count; ++f) {
+        ply.read(*face, record);
+        const std::vector<double>& corner = record.lists[static_cast<std::size_t>(indices)];
+        for (double c : corner)
+            if (!(c >= 0 && c < static_cast<double>(vertex->count)))
+                throw std::runtime_error(path + ": face " + std::to_string(f) + " names a vertex that does not exist");
+        for (std::size_t k = 1; k + 1 < corner.size(); ++k)
+            mesh.triangles.push_back({static_cast<int>(corner[0]), static_cast<int>(corner[k]), static_cast<int>(corner[k + 1])});
     }
     return mesh;
 }

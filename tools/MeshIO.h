@@ -1,5 +1,5 @@
-// Triangle meshes in and out: PLY files of the library's triangle soup, and ASCII PLY meshes with
-// shared vertices (as reference surfaces are published).
+// Triangle meshes in and out: PLY meshes with shared vertices (as reference surfaces are published),
+// the library's triangle soup welded and written as PLY, OBJ or STL.
 #pragma once
 
 #include <array>
@@ -16,8 +16,8 @@ struct IndexedMesh {
     std::vector<std::array<int, 3>> triangles;
 };
 
-// An ASCII PLY mesh: the first three vertex properties as x, y, z, scaled by `scale`; faces of three
-// or more vertices fanned into triangles. Throws std::runtime_error on a file it cannot read.
+// A PLY mesh (ASCII or binary): vertices x, y, z scaled by `scale`; faces of three or more vertices
+// fanned into triangles. Throws std::runtime_error naming the file and the problem.
 IndexedMesh readPlyMesh(const std::string& path, float scale = 1.0f);
 
 // Writes `mesh` as a binary little-endian PLY: three vertices a triangle, each with its 32-bit word.

@@ -1,6 +1,8 @@
-// Range scan reader: vertices and the range grid of an ASCII PLY; normals from the triangles of
+// Range scan reader: vertices and the range grid of a PLY range image; normals from the triangles of
 // neighbouring grid pixels, which face the scanner (local +z).
 #include "RangeScan.h"
+
+#include "PlyReader.h"
 
 #include <cmath>
 #include <cstdio>
@@ -41,7 +43,7 @@ Mat3 rotationOfConjugate(const double q[4]) {
     return r;
 }
 
-void accumulateTriangle(std::vector<double>& normals, const std::vector<float>& xyz, int a, int b, int c) {
+void accumulateTriangle(std::vector<double>& normals, const std::vector<float>& xyz, long a, long b, long c) {
     double u[3], v[3];
     for (int k = 0; k < 3; ++k) {
         u[k] = xyz[3 * b + k] - xyz[3 * a + k];
@@ -51,7 +53,7 @@ void accumulateTriangle(std::vector<double>& normals, const std::vector<float>& 
     if (n[2] < 0) {  // face the scanner whatever the winding of the grid
         for (double& value : n) value = -value;
     }
-    for (int vertex : {a, b, c})
+    for (long vertex : {a, b, c})
         for (int k = 0; k < 3; ++k) normals[3 * vertex + k] += n[k];
 }
 
@@ -59,49 +61,33 @@ void accumulateTriangle(std::vector<double>& normals, const std::vector<float>& 
 
 std::shared_ptr<FrameDataWithInfo> readRangeImage(const std::string& ply_path, const double t[3], const double q[4],
                                                   const RangeScanOptions& options) {
-    std::ifstream in(ply_path);
-    if (!in) throw std::runtime_error("cannot open range image " + ply_path);
-    std::string line;
-    long vertices = -1, grid = -1, rows = 0, cols = 0;
-    bool have_header_end = false;
-    while (std::getline(in, line)) {
-        std::istringstream words(line);
-        std::string a, b;
-        long n = 0;
-        words >> a >> b;
-        if (a == "element" && b == "vertex") {
-            words >> vertices;
-        } else if (a == "element" && b == "range_grid") {
-            words >> grid;
-        } else if (a == "obj_info" && b == "num_cols") {
-            words >> n;
-            cols = n;
-        } else if (a == "obj_info" && b == "num_rows") {
-            words >> n;
-            rows = n;
-        } else if (a == "end_header") {
-            have_header_end = true;
-            break;
-        }
-    }
-    if (!have_header_end || vertices < 0) throw std::runtime_error("not an ASCII range image: " + ply_path);
+    PlyReader ply(ply_path);
+    const PlyElement* vertex = ply.find("vertex");
+    if (vertex == nullptr) throw std::runtime_error(ply_path + ": no vertex element");
+    const int x = vertex->find("x"), y = vertex->find("y"), z = vertex->find("z");
+    if (x < 0 || y < 0 || z < 0) throw std::runtime_error(ply_path + ": no x, y, z properties");
+    const long vertices = vertex->count;
+    const long cols = ply.objInfo("num_cols", 0), rows = ply.objInfo("num_rows", 0);
+    const PlyElement* grid = ply.find("range_grid");
 
     std::vector<float> local(static_cast<std::size_t>(vertices) * 3);
+    PlyRecord record;
     for (long i = 0; i < vertices; ++i) {
-        if (!(in >> local[3 * i] >> local[3 * i + 1] >> local[3 * i + 2]))
-            throw std::runtime_error("short vertex list in " + ply_path);
+        ply.read(*vertex, record);
+        local[3 * i] = static_cast<float>(record.scalars[static_cast<std::size_t>(x)]);
+        local[3 * i + 1] = static_cast<float>(record.scalars[static_cast<std::size_t>(y)]);
+        local[3 * i + 2] = static_cast<float>(record.scalars[static_cast<std::size_t>(z)]);
     }
-    std::vector<int> pixel;  // vertex index of each grid pixel, -1 where none
-    if (grid > 0 && rows > 0 && cols > 0 && grid == rows * cols) {
-        pixel.assign(static_cast<std::size_t>(grid), -1);
-        for (long i = 0; i < grid; ++i) {
-            int count = 0;
-            if (!(in >> count)) throw std::runtime_error("short range grid in " + ply_path);
-            for (int k = 0; k < count; ++k) {
-                int index = -1;
-                in >> index;
-                if (k == 0) pixel[static_cast<std::size_t>(i)] = index;
-            }
+    std::vector<long> pixel;  // vertex index of each grid pixel, -1 where none
+    // The grid is used when it follows the vertices and matches the image size named in the header.
+    if (grid != nullptr && grid > vertex && rows > 0 && cols > 0 && grid->count == rows * cols &&
+        !grid->properties.empty() && grid->properties[0].list) {
+        pixel.assign(static_cast<std::size_t>(grid->count), -1);
+        for (long i = 0; i < grid->count; ++i) {
+            ply.read(*grid, record);
+            const std::vector<double>& entries = record.lists[0];
+            if (!entries.empty() && entries[0] >= 0 && entries[0] < static_cast<double>(vertices))
+                pixel[static_cast<std::size_t>(i)] = static_cast<long>(entries[0]);
         }
     }
 
@@ -110,7 +96,7 @@ std::shared_ptr<FrameDataWithInfo> readRangeImage(const std::string& ply_path, c
         const auto at = [&](long r, long c) { return pixel[static_cast<std::size_t>(r * cols + c)]; };
         for (long r = 0; r + 1 < rows; ++r) {
             for (long c = 0; c + 1 < cols; ++c) {
-                const int p00 = at(r, c), p01 = at(r, c + 1), p10 = at(r + 1, c), p11 = at(r + 1, c + 1);
+                const long p00 = at(r, c), p01 = at(r, c + 1), p10 = at(r + 1, c), p11 = at(r + 1, c + 1);
                 if (p00 >= 0 && p01 >= 0 && p10 >= 0) accumulateTriangle(normals, local, p00, p01, p10);
                 if (p10 >= 0 && p01 >= 0 && p11 >= 0) accumulateTriangle(normals, local, p10, p01, p11);
             }
