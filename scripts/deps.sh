@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages that the build, the tests and the benchmarks need; quiet when all
 # of them are there already.
 set -euo pipefail
-packages=(cmake g++ make binutils libgtest-dev libgmock-dev libbenchmark-dev libnanoflann-dev libthrust-dev libcub-dev libeigen3-dev libcxxopts-dev)
+packages=(cmake g++ make binutils libgtest-dev libgmock-dev libbenchmark-dev libnanoflann-dev libthrust-dev libcub-dev libeigen3-dev libcxxopts-dev libpng-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

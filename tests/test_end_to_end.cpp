@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "BunnyData.h"
-#include "MeshDistance.h"
+#include "SurfaceCompare.h"
 #include "MeshIO.h"
 #include "GridHash.h"
 #include "HashOctree.h"
@@ -186,25 +186,15 @@ TEST(EndToEnd, BunnyMeshLiesOnTheReferenceSurface) {
 
     const auto reference = tessaline_tools::readPlyMesh(
         std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/reference/bun_zipper.ply", 1000.0f);
-    std::vector<std::array<testing_support::P3, 3>> reference_triangles;
-    for (const auto& t : reference.triangles)
-        reference_triangles.push_back({reference.vertices[static_cast<std::size_t>(t[0])],
-                                       reference.vertices[static_cast<std::size_t>(t[1])],
-                                       reference.vertices[static_cast<std::size_t>(t[2])]});
-    const testing_support::TriangleGrid reference_grid(std::move(reference_triangles), 2.0f);
+    const auto reference_surface = tessaline_tools::meshSurface(reference, 1);
     std::vector<float> to_reference;
     for (const TriangleXYZ& t : mesh->xyz)
-        for (int v = 0; v < 3; ++v) to_reference.push_back(reference_grid.distance({t.xyz[3 * v], t.xyz[3 * v + 1], t.xyz[3 * v + 2]}));
+        for (int v = 0; v < 3; ++v) to_reference.push_back(reference_surface->distance({t.xyz[3 * v], t.xyz[3 * v + 1], t.xyz[3 * v + 2]}));
     std::sort(to_reference.begin(), to_reference.end());
 
-    std::vector<std::array<testing_support::P3, 3>> mesh_triangles;
-    for (const TriangleXYZ& t : mesh->xyz)
-        mesh_triangles.push_back({testing_support::P3{t.xyz[0], t.xyz[1], t.xyz[2]},
-                                  testing_support::P3{t.xyz[3], t.xyz[4], t.xyz[5]},
-                                  testing_support::P3{t.xyz[6], t.xyz[7], t.xyz[8]}});
-    const testing_support::TriangleGrid mesh_grid(std::move(mesh_triangles), 2.0f);
+    const auto mesh_surface = tessaline_tools::meshSurface(*mesh, 1);
     std::size_t covered = 0;
-    for (const auto& v : reference.vertices) covered += mesh_grid.distance(v) <= 1.0f ? 1 : 0;
+    for (const auto& v : reference.vertices) covered += mesh_surface->distance(v) <= 1.0f ? 1 : 0;
 
     const float median = to_reference[to_reference.size() / 2];
     const float p95 = to_reference[to_reference.size() * 95 / 100];

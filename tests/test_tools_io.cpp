@@ -142,6 +142,62 @@ TEST(MeshFiles, WeldingSharesVerticesAndDropsDegenerateTriangles) {
     EXPECT_FALSE(std::ifstream(tempPath("mesh.xyz")).good());
 }
 
+TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {
+    // One quad and one triangle over four vertices, with an extra vertex property before x.
+    const std::string ascii = tempPath("quad_ascii.ply"), binary = tempPath("quad_binary.ply");
+    const char* header_rest =
+        " 1.0\nelement vertex 4\nproperty uchar red\nproperty float x\nproperty float y\nproperty double z\n"
+        "element face 2\nproperty list uchar int vertex_indices\nend_header\n";
+    std::ofstream(ascii) << "ply\nformat ascii" << header_rest << "9 0 0 0\n9 1 0 0\n9 1 1 0.5\n9 0 1 0\n4 0 1 2 3\n3 0 2 1\n";
+    {
+        std::ofstream out(binary, std::ios::binary);
+        out << "ply\nformat binary_big_endian" << header_rest;
+        const float xy[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+        const double z[4] = {0, 0, 0.5, 0};
+        const auto put = [&out](const void* bytes, int size) {
+            unsigned char b[8];
+            std::memcpy(b, bytes, static_cast<std::size_t>(size));
+            std::reverse(b, b + size);
+            out.write(reinterpret_cast<const char*>(b), size);
+        };
+        for (int v = 0; v < 4; ++v) {
+            out.put(9);
+            put(&xy[v][0], 4);
+            put(&xy[v][1], 4);
+            put(&z[v], 8);
+        }
+        const std::int32_t faces[2][4] = {{0, 1, 2, 3}, {0, 2, 1, -1}};
+        for (int f = 0; f < 2; ++f) {
+            out.put(static_cast<char>(f == 0 ? 4 : 3));
+            for (int k = 0; k < (f == 0 ? 4 : 3); ++k) put(&faces[f][k], 4);
+        }
+    }
+    const auto a = tessaline_tools::readPlyMesh(ascii, 2.0f);
+    const auto b = tessaline_tools::readPlyMesh(binary, 2.0f);
+    ASSERT_EQ(a.triangles.size(), 3u);  // the quad fanned into two
+    EXPECT_EQ(a.triangles, b.triangles);
+    EXPECT_EQ(a.vertices, b.vertices);
+    EXPECT_FLOAT_EQ(b.vertices[2][2], 1.0f);
+
+    const auto meshError = [](const std::string& path) {
+        try {
+            tessaline_tools::readPlyMesh(path);
+        } catch (const std::runtime_error& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    const std::string bad_index = tempPath("bad_index.ply");
+    std::ofstream(bad_index) << "ply\nformat ascii" << header_rest << "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n3 0 1 7\n3 0 1 2\n";
+    EXPECT_NE(meshError(bad_index).find("a vertex that does not exist"), std::string::npos);
+    const std::string short_faces = tempPath("short_faces.ply");
+    std::ofstream(short_faces) << "ply\nformat ascii" << header_rest << "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n3 0 1\n";
+    EXPECT_NE(meshError(short_faces).find("truncated data (face"), std::string::npos) << meshError(short_faces);
+    const std::string word = tempPath("word.ply");
+    std::ofstream(word) << "ply\nformat ascii" << header_rest << "9 0 0 zero\n";
+    EXPECT_NE(meshError(word).find("'zero' is not a number"), std::string::npos);
+}
+
 namespace {
 // Runs the command-line program; its exit status, and what it wrote on standard error.
 int runProgram(const std::string& arguments, std::string& errors) {
@@ -165,14 +221,36 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     EXPECT_NE(errors.find("unknown unit"), std::string::npos) << errors;
     EXPECT_EQ(runProgram("reconstruct x.ply -o y.ply --scale-code 3", errors), 1);
     EXPECT_EQ(runProgram("frobnicate", errors), 2);
+    EXPECT_EQ(runProgram("compare " + tempPath("missing.ply") + " part", errors), 1);
+    EXPECT_NE(errors.find("missing.ply: cannot open the file"), std::string::npos) << errors;
+    const std::string cloud = tempPath("cloud_only.ply");
+    std::ofstream(cloud) << "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+                            "property float z\nend_header\n1 2 3\n";
+    EXPECT_EQ(runProgram("compare " + cloud + " part", errors), 1);  // a point cloud: no faces
+    EXPECT_NE(errors.find("no triangles"), std::string::npos) << errors;
+    EXPECT_EQ(runProgram("render " + cloud + " -o " + tempPath("never.png"), errors), 1);
+    EXPECT_FALSE(std::ifstream(tempPath("never.png")).good());
+    EXPECT_EQ(runProgram("simulate", errors), 1);
+    EXPECT_NE(errors.find("no output directory"), std::string::npos) << errors;
 }
 
 TEST(Program, ReconstructsTheBunnyScanList) {
     TESSALINE_REQUIRE_BUNNY();
     std::string errors;
     const std::string output = tempPath("bunny.stl");
-    ASSERT_EQ(runProgram("reconstruct " + testing_support::bunnyConfPath() + " --units m --quiet -o " + output, errors), 0)
-        << errors;
+    const std::string reference = std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/reference/bun_zipper.ply";
+    const std::string report = tempPath("bunny_report.txt");
+    const int status = std::system((std::string(TESSALINE_CLI_PATH) + " reconstruct " + testing_support::bunnyConfPath() +
+                                    " --units m --quiet -o " + output + " --reference " + reference + " >" + report +
+                                    " 2>/dev/null").c_str());
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::ifstream text_in(report);
+    const std::string text((std::istreambuf_iterator<char>(text_in)), std::istreambuf_iterator<char>());
+    const std::size_t at = text.find("distance to the reference:");
+    ASSERT_NE(at, std::string::npos) << text;
+    double median = -1;
+    ASSERT_EQ(std::sscanf(text.c_str() + at, "distance to the reference: median %lf", &median), 1);
+    EXPECT_LT(median, 0.1);  // millimetres
     std::ifstream in(output, std::ios::binary | std::ios::ate);
     EXPECT_GT(static_cast<long>(in.tellg()), 84 + 50 * 100000);  // hundreds of thousands of triangles
 }

@@ -1,7 +1,10 @@
-// PLY point cloud reader: the vertex element gives positions and normals; other elements are ignored.
+// PLY point cloud reading and writing.
 #include "PointCloudIO.h"
 
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 #include "PlyReader.h"
@@ -10,39 +13,120 @@ namespace tessaline_tools {
 
 using SurfaceReconstruction::FrameDataWithInfo;
 
+namespace {
+
+int scalarColumn(const PlyElement& element, const char* name, const std::string& path) {
+    const int column = element.find(name);
+    if (column >= 0 && element.properties[static_cast<std::size_t>(column)].list)
+        throw std::runtime_error(path + ": the " + element.name + " property " + name + " is a list");
+    return column;
+}
+
+float toFloat(double value) { return static_cast<float>(value); }
+
+}  // namespace
+
 std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale, int scale_code,
                                                      PointCloudReadInfo& info) {
     PlyReader ply(path);
     const PlyElement* vertex = ply.find("vertex");
     if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
-    int column[6];
-    const char* names[6] = {"x", "y", "z", "nx", "ny", "nz"};
-    for (int k = 0; k < 6; ++k) {
-        column[k] = vertex->find(names[k]);
-        if (column[k] >= 0 && vertex->properties[static_cast<std::size_t>(column[k])].list)
-            throw std::runtime_error(path + ": the vertex property " + names[k] + " is a list");
-    }
+    int column[7];
+    const char* names[7] = {"x", "y", "z", "nx", "ny", "nz", "w"};
+    for (int k = 0; k < 7; ++k) column[k] = scalarColumn(*vertex, names[k], path);
     if (column[0] < 0 || column[1] < 0 || column[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
     if (column[3] < 0 || column[4] < 0 || column[5] < 0) throw std::runtime_error(path + ": no normals (nx, ny, nz)");
+    info.words_from_file = column[6] >= 0;
 
     auto frame = std::make_shared<FrameDataWithInfo>();
     PlyRecord record;
-    for (long v = 0; v < vertex->count; ++v) {
-        ply.read(*vertex, record);
-        double p[6];
-        for (int k = 0; k < 6; ++k) p[k] = record.scalars[static_cast<std::size_t>(column[k])];
-        const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
-        bool usable = length > 0;
-        for (double c : p) usable = usable && std::isfinite(c);
-        if (!usable) {
-            ++info.dropped;
-            continue;
+    for (const PlyElement& element : ply.elements()) {
+        if (&element == vertex) {
+            for (long v = 0; v < vertex->count; ++v) {
+                ply.read(*vertex, record);
+                double p[6];
+                for (int k = 0; k < 6; ++k) p[k] = record.scalars[static_cast<std::size_t>(column[k])];
+                const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
+                bool usable = length > 0;
+                for (double c : p) usable = usable && std::isfinite(c);
+                if (!usable) {
+                    ++info.dropped;
+                    continue;
+                }
+                frame->xyz.push_back({toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)});
+                frame->nor.push_back({toFloat(p[3] / length), toFloat(p[4] / length), toFloat(p[5] / length)});
+                const double word = column[6] >= 0 ? record.scalars[static_cast<std::size_t>(column[6])] : scale_code;
+                frame->w.push_back(std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0);
+            }
+        } else if (element.name == "pose" && element.count == 1) {
+            const char* pose_names[13] = {"r0", "r1", "r2", "r3", "r4", "r5", "r6", "r7", "r8", "tx", "ty", "tz", "laser_id"};
+            int pose_column[13];
+            for (int k = 0; k < 13; ++k) {
+                pose_column[k] = scalarColumn(element, pose_names[k], path);
+                if (pose_column[k] < 0) throw std::runtime_error(path + ": the pose has no " + pose_names[k]);
+            }
+            ply.read(element, record);
+            for (int k = 0; k < 9; ++k) frame->frame_info.rotation[k] = record.scalars[static_cast<std::size_t>(pose_column[k])];
+            for (int k = 0; k < 3; ++k)
+                frame->frame_info.translation[k] = record.scalars[static_cast<std::size_t>(pose_column[9 + k])] * scale;
+            frame->frame_info.laser_id = static_cast<std::int32_t>(record.scalars[static_cast<std::size_t>(pose_column[12])]);
+        } else if (element.name == "marker") {
+            const char* marker_names[7] = {"id", "x", "y", "z", "nx", "ny", "nz"};
+            int marker_column[7];
+            for (int k = 0; k < 7; ++k) {
+                marker_column[k] = scalarColumn(element, marker_names[k], path);
+                if (marker_column[k] < 0) throw std::runtime_error(path + ": the markers have no " + marker_names[k]);
+            }
+            for (long m = 0; m < element.count; ++m) {
+                ply.read(element, record);
+                const auto value = [&](int k) { return record.scalars[static_cast<std::size_t>(marker_column[k])]; };
+                frame->marker_ids.push_back(static_cast<std::int32_t>(value(0)));
+                frame->marker_xyz.push_back({toFloat(value(1) * scale), toFloat(value(2) * scale), toFloat(value(3) * scale)});
+                frame->marker_nor.push_back({toFloat(value(4)), toFloat(value(5)), toFloat(value(6))});
+            }
         }
-        frame->xyz.push_back({static_cast<float>(p[0] * scale), static_cast<float>(p[1] * scale), static_cast<float>(p[2] * scale)});
-        frame->nor.push_back({static_cast<float>(p[3] / length), static_cast<float>(p[4] / length), static_cast<float>(p[5] / length)});
-        frame->w.push_back(scale_code);
     }
     return frame;
+}
+
+void writePlyPointCloud(const std::string& path, const FrameDataWithInfo& frame) {
+    const std::string partial = path + ".partial";
+    {
+        std::ofstream out(partial, std::ios::binary);
+        if (!out) throw std::runtime_error(path + ": cannot write the file");
+        out << "ply\nformat binary_little_endian 1.0\ncomment a scan frame of tessaline\n"
+            << "element vertex " << frame.xyz.size()
+            << "\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\n"
+               "property float nz\nproperty int w\n"
+            << "element pose 1\n";
+        for (int k = 0; k < 9; ++k) out << "property double r" << k << "\n";
+        out << "property double tx\nproperty double ty\nproperty double tz\nproperty int laser_id\n"
+            << "element marker " << frame.marker_ids.size()
+            << "\nproperty int id\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\n"
+               "property float ny\nproperty float nz\nend_header\n";
+        const auto put = [&out](const void* bytes, std::size_t size) { out.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size)); };
+        for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
+            put(frame.xyz[i].data(), 12);
+            put(frame.nor[i].data(), 12);
+            put(&frame.w[i], 4);
+        }
+        put(frame.frame_info.rotation, sizeof(frame.frame_info.rotation));
+        put(frame.frame_info.translation, sizeof(frame.frame_info.translation));
+        put(&frame.frame_info.laser_id, 4);
+        for (std::size_t m = 0; m < frame.marker_ids.size(); ++m) {
+            put(&frame.marker_ids[m], 4);
+            put(frame.marker_xyz[m].data(), 12);
+            put(frame.marker_nor[m].data(), 12);
+        }
+        if (!out.flush()) {
+            std::remove(partial.c_str());
+            throw std::runtime_error(path + ": cannot write the file");
+        }
+    }
+    if (std::rename(partial.c_str(), path.c_str()) != 0) {
+        std::remove(partial.c_str());
+        throw std::runtime_error(path + ": cannot write the file");
+    }
 }
 
 }  // namespace tessaline_tools

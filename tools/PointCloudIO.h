@@ -1,4 +1,5 @@
-// Scan frames from PLY point clouds: one file a frame, with positions and normals.
+// Scan frames as PLY files: one file a frame, with positions, normals and optionally the per-point
+// word, the frame's pose and laser, and the markers the frame saw.
 #pragma once
 
 #include <cstddef>
@@ -10,14 +11,19 @@
 namespace tessaline_tools {
 
 struct PointCloudReadInfo {
-    std::size_t dropped = 0;  // points with a NaN or infinite coordinate, or no usable normal, left out
+    std::size_t dropped = 0;      // points with a NaN or infinite coordinate, or no usable normal, left out
+    bool words_from_file = false;  // the file had a `w` property
 };
 
 // A PLY point cloud (ASCII, binary little or big endian; properties in any order, of any PLY number
-// type) as one frame: x, y, z scaled by `scale`, normals nx, ny, nz normalised, every word
-// `scale_code`. Throws std::runtime_error naming the file and the problem: missing, not PLY, no
-// normals, truncated data.
+// type) as one frame: x, y, z scaled by `scale`, normals nx, ny, nz normalised, the word from a `w`
+// property or else `scale_code`. A `pose` element (r0..r8 column-major, tx, ty, tz, laser_id) and a
+// `marker` element (id, x, y, z, nx, ny, nz) fill the frame's record and marker lists. Throws
+// std::runtime_error naming the file and the problem: missing, not PLY, no normals, truncated data.
 std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale,
                                                                             int scale_code, PointCloudReadInfo& info);
+
+// Writes `frame` in the layout that readPlyPointCloud reads back exactly (binary little endian).
+void writePlyPointCloud(const std::string& path, const SurfaceReconstruction::FrameDataWithInfo& frame);
 
 }  // namespace tessaline_tools

@@ -1,9 +1,7 @@
-// tessaline: the command-line front of the library. `tessaline reconstruct` reads scan frames, runs
-// the library through its public interface, as any application does, and writes the mesh.
-#include <fcntl.h>
-#include <sys/resource.h>
+// tessaline: the command-line front of the library. `reconstruct` reads scan frames, runs the library
+// through its public interface, as any application does, and writes the mesh; `simulate`, `demo`,
+// `render` and `compare` make scans of the built-in part, pictures and accuracy figures.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -17,19 +15,20 @@
 #include <vector>
 
 #include "MeshIO.h"
+#include "MeshRender.h"
 #include "PointCloudIO.h"
 #include "RangeScan.h"
+#include "Reconstruction.h"
+#include "ScanSimulator.h"
+#include "SurfaceCompare.h"
 #include "tessaline/Tessaline.h"
 
 using SurfaceReconstruction::FrameDataWithInfo;
-using SurfaceReconstruction::MultiMeshData;
-using SurfaceReconstruction::ProcessStepInfo;
-using SurfaceReconstruction::Tessaline;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
+using tessaline_tools::Frames;
 
 const char* USAGE =
     "Usage: tessaline COMMAND [OPTIONS]\n"
@@ -37,13 +36,21 @@ const char* USAGE =
     "Turns registered laser-scan frames into one triangle mesh.\n"
     "\n"
     "Commands:\n"
-    "  reconstruct INPUT... -o OUTPUT   scan frames in, mesh out (see 'tessaline reconstruct --help')\n"
+    "  demo                             scan the built-in part (simulated), reconstruct it, write\n"
+    "                                   tessaline-demo.ply and tessaline-demo.png, report the accuracy\n"
+    "  reconstruct INPUT... -o OUTPUT   scan frames in, mesh out\n"
+    "  simulate -o DIR                  write a simulated scan of the built-in part as PLY frames\n"
+    "  render MESH -o PNG               a shaded picture of a mesh from four directions\n"
+    "  compare MESH REFERENCE           distances between a mesh and a reference mesh or the part\n"
     "  --check-device                   select the compute device and report the result\n"
     "  --version                        print the library version\n"
     "  --help                           show this text\n"
     "\n"
+    "Each command has its own --help.\n"
+    "\n"
     "Examples:\n"
-    "  tessaline reconstruct scans/bun.conf --units m -o bunny.ply\n"
+    "  tessaline demo\n"
+    "  tessaline reconstruct scans/bun.conf --units m -o bunny.ply --reference reference/bun_zipper.ply\n"
     "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl\n";
 
 bool endsWith(const std::string& text, const std::string& suffix) {
@@ -105,29 +112,80 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
     return frames;
 }
 
-// Keeps the library's diagnostic lines off the terminal while it lives.
-class SilencedStdout {
-public:
-    SilencedStdout() {
-        std::fflush(stdout);
-        m_saved = dup(STDOUT_FILENO);
-        const int null_fd = open("/dev/null", O_WRONLY);
-        if (null_fd >= 0) {
-            dup2(null_fd, STDOUT_FILENO);
-            close(null_fd);
-        }
-    }
-    ~SilencedStdout() {
-        std::fflush(stdout);
-        if (m_saved >= 0) {
-            dup2(m_saved, STDOUT_FILENO);
-            close(m_saved);
-        }
-    }
+void printRun(const tessaline_tools::RunReport& run, const tessaline_tools::WeldedMesh& welded, double read_seconds,
+              const char* read_label) {
+    std::printf("frames %zu, points %zu, blocks %d\n", run.frames, run.points, run.blocks);
+    std::printf("triangles %zu (%zu degenerate dropped), vertices %zu, boundary edges %zu\n", welded.triangles.size(),
+                welded.dropped, welded.vertices.size(), tessaline_tools::countBoundaryEdges(welded));
+    std::printf("time: %s %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s (%.0f points/s); peak memory %.0f MiB\n",
+                read_label, read_seconds, run.stage_seconds[0], run.stage_seconds[1], run.stage_seconds[2],
+                run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0, tessaline_tools::peakMemoryMiB());
+}
 
-private:
-    int m_saved = -1;
-};
+// `reference` names what was compared with: "the reference" or "the true surface".
+void printComparison(const tessaline_tools::Comparison& c, const char* reference, const char* unit) {
+    std::printf("distance to %s:   median %.4f, 95%% %.4f, max %.4f %s\n", reference, c.to_reference.median,
+                c.to_reference.p95, c.to_reference.max, unit);
+    std::printf("distance from %s: median %.4f, 95%% %.4f, max %.4f %s\n", reference, c.from_reference.median,
+                c.from_reference.p95, c.from_reference.max, unit);
+    std::printf("chamfer distance %.4f %s", c.chamfer, unit);
+    for (std::size_t i = 0; i < c.thresholds.size(); ++i)
+        std::printf(", F-score at %g %.3f", c.thresholds[i], c.fscore[i]);
+    std::printf("\n%s covered (within %g %s): %.1f%%\n", reference, c.coverage_threshold, unit, 100.0 * c.coverage);
+}
+
+std::vector<double> parseThresholds(const std::string& text) {
+    std::vector<double> values;
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        const std::size_t comma = text.find(',', start);
+        const std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        char* end = nullptr;
+        const double value = std::strtod(item.c_str(), &end);
+        if (item.empty() || *end != '\0' || !(value > 0)) throw std::runtime_error("bad threshold '" + item + "'");
+        values.push_back(value);
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return values;
+}
+
+// The reference of a comparison: the built-in part, or a mesh file scaled to millimetres.
+std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& reference, float to_mm, std::size_t samples) {
+    if (reference == "part") return tessaline_tools::partSurface(0.15);
+    return tessaline_tools::meshSurface(tessaline_tools::readPlyMesh(reference, to_mm), samples);
+}
+
+std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::IndexedMesh& mesh) {
+    std::vector<tessaline_tools::Triangle> triangles;
+    for (const auto& t : mesh.triangles)
+        triangles.push_back({mesh.vertices[static_cast<std::size_t>(t[0])], mesh.vertices[static_cast<std::size_t>(t[1])],
+                             mesh.vertices[static_cast<std::size_t>(t[2])]});
+    return triangles;
+}
+
+std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::WeldedMesh& mesh) {
+    std::vector<tessaline_tools::Triangle> triangles;
+    for (const auto& t : mesh.triangles) triangles.push_back({mesh.vertices[t[0]], mesh.vertices[t[1]], mesh.vertices[t[2]]});
+    return triangles;
+}
+
+std::string extensionOf(const std::string& path) {
+    const std::size_t dot = path.find_last_of('.');
+    return dot == std::string::npos ? std::string() : lower(path.substr(dot));
+}
+
+void checkMeshExtension(const std::string& output) {
+    const std::string ext = extensionOf(output);
+    if (ext != ".ply" && ext != ".obj" && ext != ".stl")
+        throw std::runtime_error(output + ": unknown mesh format (use .ply, .obj or .stl)");
+}
+
+void applyThreads(const cxxopts::ParseResult& args) {
+    const int threads = args["threads"].as<int>();
+    if (threads < 0) throw std::runtime_error("--threads must be 0 or more");
+    if (threads > 0) omp_set_num_threads(threads);
+}
 
 int reconstruct(int argc, char** argv) {
     cxxopts::Options options("tessaline reconstruct", "Scan frames in, one triangle mesh out.");
@@ -136,88 +194,219 @@ int reconstruct(int argc, char** argv) {
         "resolution", "edge of the finest cell, in millimetres", cxxopts::value<float>()->default_value("0.5"))(
         "units", "length unit of the input: mm, cm, m or in; the mesh is written in it too",
         cxxopts::value<std::string>()->default_value("mm"))(
-        "scale-code", "cell size wish of every point: 1, 2, 4, 8, 16, 32 or 64", cxxopts::value<int>()->default_value("8"))(
-        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))(
-        "quiet", "silence the library's diagnostic lines")("h,help", "show this text")(
+        "scale-code", "cell size wish of every point: 1, 2, 4, 8, 16, 32 or 64 (default: the files' own words, else 8)",
+        cxxopts::value<int>())("threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))(
+        "reference", "a PLY mesh in the input's unit, or 'part' for the built-in part: report the distance to it",
+        cxxopts::value<std::string>())("quiet", "silence the library's diagnostic lines")("h,help", "show this text")(
         "inputs", "PLY point clouds with normals, directories of them, or a .conf scan list",
         cxxopts::value<std::vector<std::string>>());
     options.parse_positional({"inputs"});
     const cxxopts::ParseResult args = options.parse(argc, argv);
     if (args.count("help")) {
-        std::printf("%s\nExamples:\n  tessaline reconstruct scans/bun.conf --units m -o bunny.ply\n"
-                    "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl\n",
+        std::printf("%s\nExamples:\n  tessaline reconstruct scans/bun.conf --units m -o bunny.ply "
+                    "--reference reference/bun_zipper.ply\n"
+                    "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl --reference part\n",
                     options.help().c_str());
         return 0;
     }
     if (!args.count("inputs")) throw std::runtime_error("no input given");
     if (!args.count("output")) throw std::runtime_error("no output given (-o FILE.ply|.obj|.stl)");
     const std::string output = args["output"].as<std::string>();
-    const std::string ext = lower(output.substr(output.find_last_of('.') == std::string::npos ? output.size() : output.find_last_of('.')));
-    if (ext != ".ply" && ext != ".obj" && ext != ".stl")
-        throw std::runtime_error(output + ": unknown mesh format (use .ply, .obj or .stl)");
+    checkMeshExtension(output);
     const float to_mm = unitToMillimetres(args["units"].as<std::string>());
-    const int scale_code = args["scale-code"].as<int>();
+    const bool explicit_code = args.count("scale-code") > 0;
+    const int scale_code = explicit_code ? args["scale-code"].as<int>() : 8;
     if (scale_code != 1 && scale_code != 2 && scale_code != 4 && scale_code != 8 && scale_code != 16 && scale_code != 32 &&
         scale_code != 64)
         throw std::runtime_error("--scale-code must be 1, 2, 4, 8, 16, 32 or 64");
     const float resolution_mm = args["resolution"].as<float>();  // the library works in millimetres
     if (!(resolution_mm > 0.0f)) throw std::runtime_error("--resolution must be above 0");
-    if (args["threads"].as<int>() > 0) omp_set_num_threads(args["threads"].as<int>());
-    const bool quiet = args.count("quiet") > 0;
+    applyThreads(args);
 
     const auto start = Clock::now();
-    const Frames frames = readInputs(args["inputs"].as<std::vector<std::string>>(), to_mm, scale_code);
+    tessaline_tools::Frames frames = readInputs(args["inputs"].as<std::vector<std::string>>(), to_mm, scale_code);
+    if (explicit_code)
+        for (auto& frame : frames)
+            for (auto& w : frame->w) w = (w & ~0xFF) | scale_code;
     std::size_t points = 0;
     for (const auto& f : frames) points += f->xyz.size();
     if (points == 0) throw std::runtime_error("the input holds no points");
+    // Read the reference first: a bad reference file should not cost a whole run.
+    std::unique_ptr<tessaline_tools::Surface> reference;
+    if (args.count("reference")) reference = loadReference(args["reference"].as<std::string>(), to_mm, 300000);
     const double read_s = std::chrono::duration<double>(Clock::now() - start).count();
 
-    Tessaline tessaline;
-    if (tessaline.init() != 0) throw std::runtime_error("no usable compute device: " + tessaline.getLastErrorMsg());
-    tessaline.setResolution(resolution_mm);
-    const char* stage_names[4] = {"", "cutting into blocks", "fusing blocks", "meshing"};
-    double stage_start[5] = {0, 0, 0, 0, 0};
-    int blocks = 0;
-    const auto run_start = Clock::now();
-    std::function<int(ProcessStepInfo&)> progress = [&](ProcessStepInfo& step) {
-        const double t = std::chrono::duration<double>(Clock::now() - run_start).count();
-        if (step.cur_step >= 1 && step.cur_step <= 3 && stage_start[step.cur_step] == 0.0) stage_start[step.cur_step] = t;
-        if (step.cur_step == 2) blocks = step.total_sub_steps;
-        if (step.cur_step == 2 && step.total_sub_steps > 0)
-            std::fprintf(stderr, "\r[%s] block %d of %d  %.1f s   ", stage_names[2], step.cur_sub_step + 1,
-                         step.total_sub_steps, t);
-        else
-            std::fprintf(stderr, "\r[%s]  %.1f s                    ", stage_names[step.cur_step < 1 || step.cur_step > 3 ? 0 : step.cur_step], t);
-        return 0;
-    };
-    tessaline.setProcessStepCallBack(progress);
-    for (const auto& frame : frames) {
-        if (tessaline.addScanFrame_ALL(frame) != 0) throw std::runtime_error("frame refused: " + tessaline.getLastErrorMsg());
-    }
-    auto mesh = std::make_shared<MultiMeshData>();
-    int status;
-    {
-        std::unique_ptr<SilencedStdout> silence(quiet ? new SilencedStdout() : nullptr);
-        status = tessaline.process(mesh);
-    }
-    stage_start[4] = std::chrono::duration<double>(Clock::now() - run_start).count();
-    std::fprintf(stderr, "\n");
-    if (status != 0)
-        throw std::runtime_error("reconstruction failed with status " + std::to_string(status) + ": " +
-                                 tessaline.getLastErrorMsg());
-    tessaline.deInit();
+    tessaline_tools::RunOptions run_options;
+    run_options.resolution = resolution_mm;
+    run_options.quiet = args.count("quiet") > 0;
+    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, run_options);
+    frames.clear();
 
-    const tessaline_tools::WeldedMesh welded = tessaline_tools::weldMesh(*mesh, resolution_mm * 1e-4f, 1.0f / to_mm);
+    const tessaline_tools::WeldedMesh welded = tessaline_tools::weldMesh(*run.mesh, resolution_mm * 1e-4f, 1.0f / to_mm);
     tessaline_tools::writeWeldedMesh(output, welded);
-    struct rusage usage;
-    getrusage(RUSAGE_SELF, &usage);
-    std::printf("frames %zu, points %zu, blocks %d\n", frames.size(), points, blocks);
-    std::printf("triangles %zu (%zu degenerate dropped), vertices %zu, boundary edges %zu\n", welded.triangles.size(),
-                welded.dropped, welded.vertices.size(), tessaline_tools::countBoundaryEdges(welded));
-    std::printf("time: reading %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s; peak memory %.0f MiB\n", read_s,
-                stage_start[2] - stage_start[1], stage_start[3] - stage_start[2], stage_start[4] - stage_start[3],
-                usage.ru_maxrss / 1024.0);
+    printRun(run, welded, read_s, "reading");
+    if (reference) {
+        const auto mesh_surface = tessaline_tools::meshSurface(*run.mesh, 300000);
+        printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, {0.1, 0.5}, 1.0), "the reference", "mm");
+    }
     std::printf("wrote %s\n", output.c_str());
+    return 0;
+}
+
+std::string joinPath(const std::string& folder, const std::string& name) {
+    return folder.empty() || folder == "." ? name : folder + "/" + name;
+}
+
+void makeFolder(const std::string& folder) {
+    if (isDirectory(folder)) return;
+    if (mkdir(folder.c_str(), 0777) != 0) throw std::runtime_error(folder + ": cannot create the directory");
+}
+
+int simulate(int argc, char** argv) {
+    cxxopts::Options options("tessaline simulate",
+                             "Scans the built-in part with a simulated handheld laser-line scanner and writes the frames.");
+    options.add_options()("o,output", "directory for the frames (frame_00000.ply, ...) and optimized-markers.txt",
+                          cxxopts::value<std::string>())(
+        "points", "points of the whole scan", cxxopts::value<std::size_t>()->default_value("600000"))(
+        "seed", "seed of the scan's random streams", cxxopts::value<std::uint64_t>()->default_value("1"))(
+        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))("h,help", "show this text");
+    const cxxopts::ParseResult args = options.parse(argc, argv);
+    if (args.count("help")) {
+        std::printf("%s\nExample:\n  tessaline simulate -o frames/ && tessaline reconstruct frames/ -o part.ply --reference part\n",
+                    options.help().c_str());
+        return 0;
+    }
+    if (!args.count("output")) throw std::runtime_error("no output directory given (-o DIR)");
+    applyThreads(args);
+    const std::string folder = args["output"].as<std::string>();
+    makeFolder(folder);
+    tessaline_tools::ScanSimulation settings;
+    settings.target_points = args["points"].as<std::size_t>();
+    settings.seed = args["seed"].as<std::uint64_t>();
+    const tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
+    std::size_t points = 0;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "frame_%05zu.ply", i);
+        tessaline_tools::writePlyPointCloud(joinPath(folder, name), *frames[i]);
+        points += frames[i]->xyz.size();
+    }
+    const SurfaceReconstruction::MarkerInfos markers = tessaline_tools::simulatedMarkers();
+    FILE* file = std::fopen(joinPath(folder, "optimized-markers.txt").c_str(), "w");
+    if (file == nullptr) throw std::runtime_error(folder + ": cannot write optimized-markers.txt");
+    std::fprintf(file, "# id x y z nx ny nz (millimetres)\n");
+    for (std::size_t m = 0; m < markers.ids.size(); ++m)
+        std::fprintf(file, "%d %.6f %.6f %.6f %.6f %.6f %.6f\n", markers.ids[m], markers.xyz[m][0], markers.xyz[m][1],
+                     markers.xyz[m][2], markers.nor[m][0], markers.nor[m][1], markers.nor[m][2]);
+    std::fclose(file);
+    std::printf("wrote %zu frames, %zu points, to %s\n", frames.size(), points, folder.c_str());
+    return 0;
+}
+
+int demo(int argc, char** argv) {
+    cxxopts::Options options("tessaline demo",
+                             "Scans the built-in part (simulated), reconstructs it, and writes the mesh and a picture.");
+    options.add_options()("o,output", "directory for tessaline-demo.ply and tessaline-demo.png",
+                          cxxopts::value<std::string>()->default_value("."))(
+        "points", "points of the simulated scan", cxxopts::value<std::size_t>()->default_value("1000000"))(
+        "resolution", "edge of the finest cell, in millimetres", cxxopts::value<float>()->default_value("0.5"))(
+        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))(
+        "quiet", "silence the library's diagnostic lines")("h,help", "show this text");
+    const cxxopts::ParseResult args = options.parse(argc, argv);
+    if (args.count("help")) {
+        std::printf("%s", options.help().c_str());
+        return 0;
+    }
+    const float resolution = args["resolution"].as<float>();
+    if (!(resolution > 0.0f)) throw std::runtime_error("--resolution must be above 0");
+    applyThreads(args);
+    const std::string folder = args["output"].as<std::string>();
+    makeFolder(folder);
+
+    const auto start = Clock::now();
+    tessaline_tools::ScanSimulation settings;
+    settings.target_points = args["points"].as<std::size_t>();
+    std::fprintf(stderr, "simulating the scan of the built-in part ...\n");
+    tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
+    const double simulate_s = std::chrono::duration<double>(Clock::now() - start).count();
+
+    tessaline_tools::RunOptions run_options;
+    run_options.resolution = resolution;
+    run_options.quiet = args.count("quiet") > 0;
+    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, run_options);
+    frames.clear();
+
+    const tessaline_tools::WeldedMesh welded = tessaline_tools::weldMesh(*run.mesh, resolution * 1e-4f);
+    const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"), picture_path = joinPath(folder, "tessaline-demo.png");
+    tessaline_tools::writeWeldedMesh(mesh_path, welded);
+    tessaline_tools::writePng(picture_path, tessaline_tools::renderViews(trianglesOf(welded), 600));
+    std::printf("\ntessaline demo: the built-in part (a block with sharp edges, a hole, a dome, a 1 mm wall and a\n"
+                "0.5 mm deep engraved ring), scanned by a simulated laser-line scanner, reconstructed at %g mm\n", resolution);
+    printRun(run, welded, simulate_s, "simulating");
+    const auto mesh_surface = tessaline_tools::meshSurface(*run.mesh, 300000);
+    const auto part = tessaline_tools::partSurface(0.15);
+    printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *part, {0.1, 0.5}, 1.0), "the true surface", "mm");
+    std::printf("wrote %s and %s\n", mesh_path.c_str(), picture_path.c_str());
+    return 0;
+}
+
+int render(int argc, char** argv) {
+    cxxopts::Options options("tessaline render", "A shaded picture of a mesh from four directions.");
+    options.positional_help("MESH -o PNG");
+    options.add_options()("o,output", "PNG file", cxxopts::value<std::string>())(
+        "size", "pixels of each of the four views", cxxopts::value<int>()->default_value("600"))(
+        "h,help", "show this text")("mesh", "PLY mesh", cxxopts::value<std::string>());
+    options.parse_positional({"mesh"});
+    const cxxopts::ParseResult args = options.parse(argc, argv);
+    if (args.count("help")) {
+        std::printf("%s\nExample:\n  tessaline render bunny.ply -o bunny.png\n", options.help().c_str());
+        return 0;
+    }
+    if (!args.count("mesh")) throw std::runtime_error("no mesh given");
+    if (!args.count("output")) throw std::runtime_error("no output given (-o FILE.png)");
+    const int size = args["size"].as<int>();
+    if (size < 16 || size > 8192) throw std::runtime_error("--size must be between 16 and 8192");
+    const tessaline_tools::IndexedMesh mesh = tessaline_tools::readPlyMesh(args["mesh"].as<std::string>());
+    if (mesh.triangles.empty()) throw std::runtime_error(args["mesh"].as<std::string>() + ": no triangles");
+    tessaline_tools::writePng(args["output"].as<std::string>(), tessaline_tools::renderViews(trianglesOf(mesh), size));
+    std::printf("wrote %s\n", args["output"].as<std::string>().c_str());
+    return 0;
+}
+
+int compare(int argc, char** argv) {
+    cxxopts::Options options("tessaline compare", "How close a mesh lies to a reference surface, both ways.");
+    options.positional_help("MESH REFERENCE");
+    options.add_options()("units", "length unit of both files (mm, cm, m, in); distances are reported in mm",
+                          cxxopts::value<std::string>()->default_value("mm"))(
+        "threshold", "distances for the F-scores, mm, comma-separated", cxxopts::value<std::string>()->default_value("0.1,0.5"))(
+        "coverage", "the reference counts as covered where the mesh lies this close, mm",
+        cxxopts::value<double>()->default_value("1.0"))(
+        "samples", "points sampled on each mesh", cxxopts::value<std::size_t>()->default_value("300000"))(
+        "h,help", "show this text")("files", "MESH REFERENCE (a PLY mesh, or 'part' for the built-in part)",
+                                    cxxopts::value<std::vector<std::string>>());
+    options.parse_positional({"files"});
+    const cxxopts::ParseResult args = options.parse(argc, argv);
+    if (args.count("help")) {
+        std::printf("%s\nExamples:\n  tessaline compare bunny.ply reference/bun_zipper.ply --units m\n"
+                    "  tessaline compare tessaline-demo.ply part\n",
+                    options.help().c_str());
+        return 0;
+    }
+    if (!args.count("files") || args["files"].as<std::vector<std::string>>().size() != 2)
+        throw std::runtime_error("give a mesh and a reference (a PLY mesh or 'part')");
+    const auto files = args["files"].as<std::vector<std::string>>();
+    const float to_mm = unitToMillimetres(args["units"].as<std::string>());
+    const std::size_t samples = args["samples"].as<std::size_t>();
+    if (samples == 0) throw std::runtime_error("--samples must be above 0");
+    const double coverage = args["coverage"].as<double>();
+    if (!(coverage > 0)) throw std::runtime_error("--coverage must be above 0");
+    const auto thresholds = parseThresholds(args["threshold"].as<std::string>());
+    const tessaline_tools::IndexedMesh mesh = tessaline_tools::readPlyMesh(files[0], to_mm);
+    if (mesh.triangles.empty()) throw std::runtime_error(files[0] + ": no triangles");
+    const auto reference = loadReference(files[1], to_mm, samples);
+    if (reference->samples().empty()) throw std::runtime_error(files[1] + ": no triangles");
+    const auto mesh_surface = tessaline_tools::meshSurface(mesh, samples);
+    printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, thresholds, coverage), "the reference", "mm");
     return 0;
 }
 
@@ -245,6 +434,10 @@ int main(int argc, char** argv) {
             return status == 0 ? 0 : 1;
         }
         if (command == "reconstruct") return reconstruct(argc - 1, argv + 1);
+        if (command == "simulate") return simulate(argc - 1, argv + 1);
+        if (command == "demo") return demo(argc - 1, argv + 1);
+        if (command == "render") return render(argc - 1, argv + 1);
+        if (command == "compare") return compare(argc - 1, argv + 1);
         std::fprintf(stderr, "tessaline: unknown command '%s'\n\n%s", command.c_str(), USAGE);
         return 2;
     } catch (const cxxopts::exceptions::exception& e) {

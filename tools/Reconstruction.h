@@ -1,0 +1,35 @@
+// One run of the library on frames held in memory, through its public interface, with a progress
+// line and the numbers a summary needs.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tessaline/Tessaline.h"
+
+namespace tessaline_tools {
+
+using Frames = std::vector<std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo>>;
+
+struct RunOptions {
+    float resolution = 0.5f;  // millimetres
+    bool quiet = false;       // keep the library's diagnostic lines off standard output
+    bool progress = true;     // a progress line on standard error
+};
+
+struct RunReport {
+    std::size_t frames = 0, points = 0;
+    int blocks = 0;
+    double stage_seconds[3] = {0, 0, 0};  // cutting into blocks, fusing blocks, meshing
+    double seconds = 0;                    // the whole `process`
+    std::shared_ptr<SurfaceReconstruction::MultiMeshData> mesh;
+};
+
+// Throws std::runtime_error with the library's error text when a step fails.
+RunReport runReconstruction(const Frames& frames, const RunOptions& options);
+
+// Peak resident memory of this process so far, MiB.
+double peakMemoryMiB();
+
+}  // namespace tessaline_tools
