@@ -1,0 +1,231 @@
+// The marker filter: matching, statistics, the limits of both passes and, end to end, simulated frames
+// with wrongly registered poses.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include "MarkerFilter.h"
+#include "ScanSimulator.h"
+
+using namespace SurfaceReconstruction;
+
+namespace {
+
+// Markers facing up at the given positions.
+std::shared_ptr<std::vector<OptedMarker>> markersAt(const std::vector<Vec3f>& positions) {
+    auto list = std::make_shared<std::vector<OptedMarker>>();
+    for (std::size_t i = 0; i < positions.size(); ++i) {
+        OptedMarker m;
+        m.id = static_cast<std::int32_t>(i);
+        m.xyz = positions[i];
+        m.nor = {0.0f, 0.0f, 1.0f};
+        list->push_back(m);
+    }
+    return list;
+}
+
+// A frame at the identity pose that saw marker `label` at `position` (labels are the application's).
+struct Sighting {
+    std::int32_t label;
+    Vec3f position;
+};
+std::shared_ptr<FrameDataWithInfo> frameSeeing(const std::vector<Sighting>& sightings, std::size_t points = 10) {
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (int k = 0; k < 3; ++k) frame->frame_info.rotation[4 * k] = 1.0;
+    frame->xyz.assign(points, Vec3f{0, 0, 0});
+    frame->nor.assign(points, Vec3f{0, 0, 1});
+    frame->w.assign(points, 8);
+    for (const Sighting& s : sightings) {
+        frame->marker_ids.push_back(s.label);
+        frame->marker_xyz.push_back(s.position);
+        frame->marker_nor.push_back({0.0f, 0.0f, 1.0f});
+    }
+    return frame;
+}
+
+Vec3f shifted(const Vec3f& p, float dx, float dy = 0.0f) { return {p[0] + dx, p[1] + dy, p[2]}; }
+
+// Runs the filter; the indices of the frames that passed, found by their point counts (frame i has
+// i + 1 points).
+std::set<std::size_t> passedFrames(MarkerFilter& filter, std::vector<std::shared_ptr<FrameDataWithInfo>> frames) {
+    std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0) << filter.getLastErrorMsg();
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(frames.empty());
+    std::set<std::size_t> indices;
+    for (const auto& f : passed) {
+        indices.insert(f->xyz.size() - 1);
+        EXPECT_TRUE(f->marker_ids.empty() && f->marker_xyz.empty() && f->marker_nor.empty());
+    }
+    return indices;
+}
+
+}  // namespace
+
+TEST(MarkerFilter, StatisticsAccumulateAndUnmatchedLabelsCountAsZero) {
+    MarkerFilter filter;
+    std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+    std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
+    EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 1);
+    EXPECT_EQ(filter.getLastErrorMsg(), "no init!");
+    ASSERT_EQ(filter.init(), 0);
+    EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 1);
+    EXPECT_EQ(filter.getLastErrorMsg(), "m_opted_markers_cloud == nullptr || m_opted_markers_kdtree == nullptr");
+
+    const Vec3f a = {0, 0, 0}, b = {5, 0, 0};
+    auto markers = markersAt({a, b});
+    ASSERT_EQ(filter.setOptimizedMarkers(markers), 0);
+    // Errors on a: 0.1, 0.3 and 0.7 (too large: printed, not counted); on b: 0.2. A sighting near no
+    // marker keeps its label 0 and enters a's spread with a distance of 0. A marker whose normal
+    // faces away is not matched.
+    auto f0 = frameSeeing({{7, shifted(a, 0.1f)}, {7, shifted(b, 0.0f, 0.2f)}});
+    auto f1 = frameSeeing({{9, shifted(a, 0.3f)}, {0, {50, 50, 0}}});
+    auto f2 = frameSeeing({{9, shifted(a, 0.0f, 0.7f)}});
+    f2->marker_nor[0] = {0, 0, -1};
+    auto f3 = frameSeeing({{9, shifted(a, -0.3f)}});
+    frames = {f0, f1, f2, f3};
+    f3->marker_nor[0] = {0, 0, 1};
+    ::testing::internal::CaptureStdout();
+    ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0);
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "filter frame by markers (4 / 4) \n");  // counts below 10: no frame stands out
+    EXPECT_EQ(f0->marker_ids.size(), 0u);                   // passed frames lose their marker lists
+
+    const OptedMarker& ma = (*markers)[0];
+    const OptedMarker& mb = (*markers)[1];
+    const float e[3] = {std::sqrt(0.1f * 0.1f), std::sqrt(0.3f * 0.3f), std::sqrt(0.3f * 0.3f)};
+    EXPECT_EQ(ma.count, 3);
+    EXPECT_FLOAT_EQ(ma.mean, (e[0] + e[1] + e[2]) / 3);
+    EXPECT_FLOAT_EQ(ma.max, 0.3f);
+    const float mean = ma.mean;
+    // The unmatched sighting with label 0 adds (0 - mean)^2; f2's unmatched one (label 9) is out of range.
+    const float spread = (e[0] - mean) * (e[0] - mean) + (e[1] - mean) * (e[1] - mean) +
+                         (e[2] - mean) * (e[2] - mean) + mean * mean;
+    EXPECT_FLOAT_EQ(ma.rms, std::sqrt(spread / 3));
+    EXPECT_EQ(mb.count, 1);
+    EXPECT_FLOAT_EQ(mb.mean, 0.2f);
+    EXPECT_FLOAT_EQ(mb.rms, 0.0f);
+
+    // A second run on the same list starts from the first run's values: the old mean acts as a sum.
+    const float mean1 = ma.mean, rms1 = ma.rms;
+    frames = {frameSeeing({{0, shifted(a, 0.2f)}})};
+    ::testing::internal::CaptureStdout();
+    ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0);
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(ma.count, 4);
+    const float mean2 = (mean1 + 0.2f) / 4;
+    EXPECT_FLOAT_EQ(ma.mean, mean2);
+    EXPECT_FLOAT_EQ(ma.rms, std::sqrt((rms1 + (0.2f - mean2) * (0.2f - mean2)) / 4));
+    EXPECT_EQ(passed.size(), 5u);
+
+    // A fresh list starts over; after deInit the filter refuses to run.
+    ASSERT_EQ(filter.setOptimizedMarkers(markersAt({a})), 0);
+    ASSERT_EQ(filter.deInit(), 0);
+    EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 1);
+    EXPECT_EQ(filter.getLastErrorMsg(), "no init!");
+}
+
+TEST(MarkerFilter, LimitsOfBothPassesAndTheNeighbourhood) {
+    // a and b are seen in every frame with errors 0.0 and 0.2 in turn (mean 0.1, spread 0.1); c nine
+    // times, d ten times.
+    const Vec3f a = {0, 0, 0}, b = {5, 0, 0}, c = {0, 5, 0}, d = {5, 5, 0};
+    MarkerFilter filter;
+    ASSERT_EQ(filter.init(), 0);
+    auto markers = markersAt({a, b, c, d});
+    ASSERT_EQ(filter.setOptimizedMarkers(markers), 0);
+    const std::size_t n = 1000;
+    std::vector<std::vector<Sighting>> seen(n);
+    for (std::size_t f = 0; f < n; ++f) {
+        const float e = f % 2 ? 0.2f : 0.0f;
+        seen[f] = {{0, shifted(a, e)}, {1, shifted(b, e)}};
+    }
+    // Exactly 0.5 away: found by the search, refused by the threshold, and the frame is rejected
+    // whatever the counts.
+    seen[0][0].position = shifted(a, 0.5f);
+    seen[n - 1][0].position = shifted(a, 0.0f, -0.5f);
+    // Between the second pass's upper limit (0.1 + 2.33 x 0.1) and the first pass's lower limit times
+    // one hit: rejected only next to a rejected frame, up to 5 frames away, from either end.
+    const float near_bad = 0.345f;
+    for (std::size_t f : {std::size_t(5), std::size_t(6), n - 6, n - 7}) seen[f][0].position = shifted(a, near_bad);
+    // Two soft hits (above 0.1 + 2.06 x 0.1, below 0.1 + 2.33 x 0.1) reject a frame; one does not.
+    seen[500][0].position = shifted(a, 0.32f);
+    seen[500][1].position = shifted(b, 0.32f);
+    seen[700][0].position = shifted(a, 0.32f);
+    // c seen 9 times, once far off: too few observations to judge. d seen 10 times, once far off.
+    for (std::size_t f = 800; f < 809; ++f) seen[f].push_back({2, shifted(c, f == 804 ? 0.3f : 0.01f)});
+    for (std::size_t f = 900; f < 910; ++f) seen[f].push_back({3, shifted(d, f == 904 ? 0.3f : 0.01f)});
+
+    std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+    for (std::size_t f = 0; f < n; ++f) frames.push_back(frameSeeing(seen[f], f + 1));
+    const std::set<std::size_t> passed = passedFrames(filter, frames);
+
+    // The construction holds: the limits where the test wants them, given the final statistics.
+    const OptedMarker& ma = (*markers)[0];
+    EXPECT_GT(near_bad, ma.mean + 2.33 * ma.rms);
+    EXPECT_LT(near_bad, ma.mean + 2.57 * ma.rms);
+    EXPECT_GT(0.32f, ma.mean + 2.06 * ma.rms);
+    EXPECT_LT(0.32f, ma.mean + 1.88 * ma.rms + 0.5 * (2.57 - 1.88) * ma.rms);
+    EXPECT_LT(0.2f, ma.mean + 1.88 * ma.rms);  // ordinary frames never stand out
+    EXPECT_EQ((*markers)[2].count, 9);
+    EXPECT_EQ((*markers)[3].count, 10);
+
+    const std::set<std::size_t> rejected = {0, 5, 500, 904, n - 6, n - 1};
+    for (std::size_t f = 0; f < n; ++f) EXPECT_EQ(passed.count(f), rejected.count(f) ? 0u : 1u) << "frame " << f;
+    EXPECT_EQ(filter.maxFramePoints(), static_cast<std::int32_t>(n - 1));  // frame n - 1 was rejected
+}
+
+TEST(MarkerFilter, NoMarkersOrNoFramesChangeNothing) {
+    MarkerFilter filter;
+    ASSERT_EQ(filter.init(), 0);
+    auto empty = markersAt({});
+    ASSERT_EQ(filter.setOptimizedMarkers(empty), 0);
+    std::vector<std::shared_ptr<FrameDataWithInfo>> frames = {frameSeeing({{0, {0, 0, 0}}, {3, {1, 1, 0}}}, 1),
+                                                               frameSeeing({{-2, {0, 0, 0}}}, 2)};
+    EXPECT_EQ(passedFrames(filter, frames), (std::set<std::size_t>{0, 1}));
+    std::vector<std::shared_ptr<FrameDataWithInfo>> none;
+    std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(filter.filterScanFrameByMarkers(none, passed), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "filter frame by markers (0 / 0) \n");
+}
+
+TEST(MarkerFilter, SimulatedFramesWithWrongPosesAreTheOnesRejected) {
+    tessaline_tools::ScanSimulation settings;
+    settings.target_points = 200000;
+    settings.rays_per_line = 150;  // small frames, many of them
+    settings.misregistered = {40, 41, 97, 150};
+    const auto frames = tessaline_tools::simulateScan(settings);
+    ASSERT_GT(frames.size(), 160u);
+    const MarkerInfos truth = tessaline_tools::simulatedMarkers();
+    auto markers = markersAt(truth.xyz);
+
+    MarkerFilter filter;
+    ASSERT_EQ(filter.init(), 0);
+    ASSERT_EQ(filter.setOptimizedMarkers(markers), 0);
+    std::vector<std::shared_ptr<FrameDataWithInfo>> input = frames;
+    std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
+    ::testing::internal::CaptureStdout();
+    ASSERT_EQ(filter.filterScanFrameByMarkers(input, passed), 0);
+    ::testing::internal::GetCapturedStdout();
+    std::set<const FrameDataWithInfo*> kept;
+    for (const auto& f : passed) kept.insert(f.get());
+    std::size_t rejected_good = 0;
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        const bool wrong = std::count(settings.misregistered.begin(), settings.misregistered.end(), f) > 0;
+        const bool was_kept = kept.count(frames[f].get()) > 0;
+        if (wrong) {
+            EXPECT_FALSE(was_kept) << "misregistered frame " << f << " passed";
+        } else if (!was_kept) {
+            ++rejected_good;
+        }
+    }
+    std::printf("simulated scan: %zu frames, %zu passed, %zu correct frames rejected\n", frames.size(), passed.size(), rejected_good);
+    // Marker noise alone makes a correct frame stand out now and then (1 of 852 with this seed).
+    EXPECT_LE(rejected_good, frames.size() / 100);
+    std::size_t observed = 0;
+    for (const OptedMarker& m : *markers) observed += static_cast<std::size_t>(m.count);
+    EXPECT_GT(observed, frames.size());
+}
