@@ -1,6 +1,7 @@
 // The engine: set-up and tear-down of the stages, frame intake and the run.
 #include "Tessaline_OPT.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -141,6 +142,10 @@ int Tessaline_OPT::deInit() {
 
 int Tessaline_OPT::setResolution(const float& resolution) {
     if (refuseBeforeInit()) return 1;
+    if (!(resolution >= MIN_RESOLUTION && resolution <= MAX_RESOLUTION)) {  // NaN fails too
+        m_last_error = "[Tessaline_OPT] setResolution resolution must be between 0.001 and 100000, the former one is kept!";
+        return 1;
+    }
     m_resolution = resolution;
     if (m_portioner) m_portioner->setResolution(m_resolution);
     if (m_marching_cubes) m_marching_cubes->setResolution(m_resolution);
@@ -217,6 +222,10 @@ int Tessaline_OPT::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMar
 
 int Tessaline_OPT::addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame) {
     if (refuseBeforeInit()) return 1;
+    if (m_running.load()) {
+        m_last_error = "[Tessaline_OPT] addScanFrame a run is in progress: frames are taken before process!";
+        return 1;
+    }
     if (!frame) {
         m_last_error = "[Tessaline_OPT] addScanFrame frame is null!";
         return 1;
@@ -232,6 +241,62 @@ int Tessaline_OPT::addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame)
         m_last_error = "[Tessaline_OPT] addScanFrame try catch error!";
         return 1;
     }
+}
+
+namespace {
+
+bool listedScaleCode(std::int32_t word) {
+    switch (word & 0xFF) {
+        case 0: case 1: case 2: case 4: case 8: case 16: case 32: case 64: return true;
+        default: return false;
+    }
+}
+
+}  // namespace
+
+void Tessaline_OPT::screenHeldFrames() {
+    // Beyond this distance from the origin a position's finest grid index (an eighth of the resolution)
+    // comes near the end of a 32-bit integer.
+    const double limit = static_cast<double>(1u << 30) * (m_resolution / 8.0);
+    std::uint64_t dropped = 0, recoded = 0;
+    for (std::shared_ptr<FrameDataWithInfo>& frame : m_held_frames) {
+        const FrameDataWithInfo& in = *frame;
+        const auto usable = [&](std::size_t i) {
+            const Vec3f& p = in.xyz[i];
+            const Vec3f& n = in.nor[i];
+            for (int k = 0; k < 3; ++k)
+                if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(p[k]) > limit) return false;
+            return n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f;
+        };
+        std::size_t bad = 0, unlisted = 0;
+        for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+            if (!usable(i)) ++bad;
+            else if (!listedScaleCode(in.w[i])) ++unlisted;
+        }
+        if (bad == 0 && unlisted == 0) continue;
+        auto copy = std::make_shared<FrameDataWithInfo>();
+        copy->frame_info = in.frame_info;
+        copy->marker_ids = in.marker_ids;
+        copy->marker_xyz = in.marker_xyz;
+        copy->marker_nor = in.marker_nor;
+        copy->xyz.reserve(in.xyz.size() - bad);
+        copy->nor.reserve(in.xyz.size() - bad);
+        copy->w.reserve(in.xyz.size() - bad);
+        for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+            if (!usable(i)) continue;
+            copy->xyz.push_back(in.xyz[i]);
+            copy->nor.push_back(in.nor[i]);
+            // An unknown size wish becomes one cell a bin; the flags stay.
+            copy->w.push_back(listedScaleCode(in.w[i]) ? in.w[i] : ((in.w[i] & ~0xFF) | 8));
+        }
+        dropped += bad;
+        recoded += unlisted;
+        frame = std::move(copy);
+    }
+    if (dropped > 0 || recoded > 0)
+        std::printf("addScanFrame: %llu points dropped (not finite, normal of length 0 or beyond the grid), %llu scale "
+                    "codes not 0-64 set to 8 \n",
+                    static_cast<unsigned long long>(dropped), static_cast<unsigned long long>(recoded));
 }
 
 int Tessaline_OPT::filterScanFrameByMarkers() {
@@ -264,6 +329,14 @@ void Tessaline_OPT::reportStep(const wchar_t* name, int cur_step, int cur_sub_st
 
 int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
     if (refuseBeforeInit()) return 1;
+    if (m_running.exchange(true)) {
+        m_last_error = "[Tessaline_OPT] process a run is in progress already!";
+        return 1;
+    }
+    struct RunningFlag {
+        std::atomic<bool>& flag;
+        ~RunningFlag() { flag.store(false); }
+    } running{m_running};
     try {
         // A stage that fails hands its own text up; its status is returned unchanged.
         const auto exitWith = [this](const std::string& stage_error, int status) {
@@ -274,6 +347,9 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
         TimeProfiler profiler;
         reportStep(STEP_PREPROCESS, 1, 1, 1);
         profiler.time_start("portioner");
+        screenHeldFrames();
+        std::uint64_t usable_points = 0;
+        for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
         profiler.time_start("filterScanFrameByMarkers");
         int result = filterScanFrameByMarkers();
         if (result != 0) {
@@ -289,6 +365,8 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
         }
 
         result = m_portioner->processWithoutModel();
+        if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!")
+            return exitWith("[Tessaline_OPT] process no usable points: no frames, or every point was dropped!", result);
         if (result != 0) return exitWith(m_portioner->getLastError(), result);
         const int max_block_points = m_portioner->getMaxBlockPointsSize();
 

@@ -2,6 +2,7 @@
 // and runs the pipeline of a run.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -21,6 +22,9 @@ class ThreadPool;
 
 // Workers of the engine's pool.
 constexpr unsigned short ENGINE_POOL_THREADS = 12;
+// The resolutions a run accepts, millimetres; setResolution keeps the former one outside them.
+constexpr float MIN_RESOLUTION = 0.001f;
+constexpr float MAX_RESOLUTION = 100000.0f;
 // What MAX_FRAME_POINTS starts from in a first run.
 constexpr std::int32_t DEFAULT_MAX_FRAME_POINTS = 30000;
 
@@ -56,6 +60,9 @@ public:
 
     // The step of a run that moves the held frames to the work queue; always 0.
     int filterScanFrameByMarkers();
+    // Replaces every held frame that has points the run cannot use by a copy without them (the
+    // application's frame stays as it is); prints what it dropped and changed.
+    void screenHeldFrames();
 
     // Read access for tests and tools.
     bool isInited() const { return m_inited; }
@@ -75,6 +82,7 @@ private:
     void reportStep(const wchar_t* name, int cur_step, int cur_sub_step, int total_sub_steps);
 
     bool m_inited = false;
+    std::atomic<bool> m_running{false};  // a process call is under way
     std::string m_last_error = "no error!";
     float m_resolution = 0.5f;
     std::shared_ptr<DeviceParameters> m_device_params;

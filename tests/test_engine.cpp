@@ -281,13 +281,13 @@ TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {
     EXPECT_EQ(a->xyz.size(), 10u);  // the rest of the frame is untouched
 }
 
-TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerWithItsEmptyText) {
+TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
     recordSteps();
     auto mesh = std::make_shared<MultiMeshData>();
     const MultiMeshData* before = mesh.get();
     std::string out;
     EXPECT_EQ(quietProcess(mesh, &out), 1);
-    EXPECT_EQ(engine.getLastErrorMsg(), "no error!");
+    EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!");
     EXPECT_NE(out.find("filter frame by markers (0 / 0) \n"), std::string::npos);
     EXPECT_NE(out.find(" filterScanFrameByMarkers - elapsed time : "), std::string::npos);
     EXPECT_EQ(engine.deviceParams()->MAX_FRAME_POINTS, 0u);

@@ -20,27 +20,26 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Keeps the library's diagnostic lines off the terminal while it lives.
-class SilencedStdout {
+// Sends standard output (the library's diagnostic lines) to a file while it lives.
+class RedirectedStdout {
 public:
-    SilencedStdout() {
+    explicit RedirectedStdout(const std::string& path) {
         std::fflush(stdout);
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd < 0) throw std::runtime_error(path + ": cannot write the file");
         m_saved = dup(STDOUT_FILENO);
-        const int null_fd = open("/dev/null", O_WRONLY);
-        if (null_fd >= 0) {
-            dup2(null_fd, STDOUT_FILENO);
-            close(null_fd);
-        }
+        dup2(fd, STDOUT_FILENO);
+        close(fd);
     }
-    ~SilencedStdout() {
+    ~RedirectedStdout() {
         std::fflush(stdout);
         if (m_saved >= 0) {
             dup2(m_saved, STDOUT_FILENO);
             close(m_saved);
         }
     }
-    SilencedStdout(const SilencedStdout&) = delete;
-    SilencedStdout& operator=(const SilencedStdout&) = delete;
+    RedirectedStdout(const RedirectedStdout&) = delete;
+    RedirectedStdout& operator=(const RedirectedStdout&) = delete;
 
 private:
     int m_saved = -1;
@@ -87,7 +86,9 @@ RunReport runReconstruction(const Frames& frames, const RunOptions& options) {
     report.mesh = std::make_shared<MultiMeshData>();
     int status;
     {
-        std::unique_ptr<SilencedStdout> silence(options.quiet ? new SilencedStdout() : nullptr);
+        std::unique_ptr<RedirectedStdout> redirect;
+        if (!options.diagnostics_path.empty()) redirect.reset(new RedirectedStdout(options.diagnostics_path));
+        else if (options.quiet) redirect.reset(new RedirectedStdout("/dev/null"));
         status = tessaline.process(report.mesh);
     }
     stage_start[4] = std::chrono::duration<double>(Clock::now() - run_start).count();

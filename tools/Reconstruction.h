@@ -16,6 +16,8 @@ struct RunOptions {
     float resolution = 0.5f;  // millimetres
     bool quiet = false;       // keep the library's diagnostic lines off standard output
     bool progress = true;     // a progress line on standard error
+    // When set, the library's diagnostic lines go to this file instead (for the benchmarks to read).
+    std::string diagnostics_path;
 };
 
 struct RunReport {

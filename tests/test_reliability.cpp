@@ -1,0 +1,234 @@
+// What a scanner application can throw at the library: unusable points, degenerate scans, settings
+// out of range, calls during a run; twenty runs in one process; a device with little memory.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <string>
+
+#include "FakeDevices.h"
+#include "ScanSimulator.h"
+#include "tessaline/Tessaline.h"
+
+using namespace SurfaceReconstruction;
+
+namespace {
+
+using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
+
+const Frames& scan() {
+    static const Frames frames = [] {
+        tessaline_tools::ScanSimulation settings;
+        settings.target_points = 40000;
+        settings.rays_per_line = 300;
+        return tessaline_tools::simulateScan(settings);
+    }();
+    return frames;
+}
+
+struct Session {
+    int status = -1;
+    std::string output;  // the library's diagnostic lines
+    std::string error;
+    std::shared_ptr<MultiMeshData> mesh = std::make_shared<MultiMeshData>();
+};
+
+// One whole session; `before` can change settings after init.
+Session runSession(const Frames& frames, const std::function<void(Tessaline&)>& before = nullptr) {
+    Session run;
+    Tessaline engine;
+    ::testing::internal::CaptureStdout();
+    if (engine.init() == 0) {
+        engine.setResolution(0.5f);
+        if (before) before(engine);
+        for (const auto& f : frames) engine.addScanFrame_ALL(f);
+        run.status = engine.process(run.mesh);
+        run.error = engine.getLastErrorMsg();
+        engine.deInit();
+    }
+    run.output = ::testing::internal::GetCapturedStdout();
+    return run;
+}
+
+bool sameMesh(const MultiMeshData& a, const MultiMeshData& b) {
+    return a.xyz.size() == b.xyz.size() && a.w.size() == b.w.size() &&
+           std::memcmp(a.xyz.data(), b.xyz.data(), a.xyz.size() * sizeof(TriangleXYZ)) == 0 &&
+           std::memcmp(a.w.data(), b.w.data(), a.w.size() * sizeof(TriangleW)) == 0;
+}
+
+bool allFinite(const MultiMeshData& mesh) {
+    for (const TriangleXYZ& t : mesh.xyz)
+        for (float c : t.xyz)
+            if (!std::isfinite(c)) return false;
+    return true;
+}
+
+std::shared_ptr<FrameDataWithInfo> frameOf(std::vector<Vec3f> xyz, std::vector<Vec3f> nor, std::vector<std::int32_t> w) {
+    auto f = std::make_shared<FrameDataWithInfo>();
+    f->xyz = std::move(xyz);
+    f->nor = std::move(nor);
+    f->w = std::move(w);
+    return f;
+}
+
+const Session& cleanRun() {
+    static const Session run = runSession(scan());
+    return run;
+}
+
+double residentMiB() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmRSS:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
+    return 0.0;
+}
+
+}  // namespace
+
+TEST(BadInput, UnusablePointsAreDroppedAndCountedAndTheRestGivesTheSameMesh) {
+    ASSERT_EQ(cleanRun().status, 0) << cleanRun().error;
+    ASSERT_GT(cleanRun().mesh->xyz.size(), 1000u);
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    // Six unusable points in a frame of their own: NaN and infinite positions and normals, a normal of
+    // length 0, and a position far beyond the grid.
+    auto bad = frameOf({{nan, 0, 0}, {0, inf, 0}, {1, 1, 1}, {1, 1, 1}, {1, 1, 1}, {1e12f, 0, 0}},
+                       {{0, 0, 1}, {0, 0, 1}, {nan, 0, 1}, {0, -inf, 0}, {0, 0, 0}, {0, 0, 1}}, {8, 8, 8, 8, 8, 8});
+    Frames frames = scan();
+    frames.insert(frames.begin() + 3, bad);
+    const Session run = runSession(frames);
+    ASSERT_EQ(run.status, 0) << run.error;
+    EXPECT_NE(run.output.find("addScanFrame: 6 points dropped"), std::string::npos) << run.output;
+    EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));  // nothing of them reaches the mesh
+    EXPECT_TRUE(std::isnan(bad->xyz[0][0]));              // the application's frame is left as it was
+
+    // Unknown scale codes become one cell a bin, flags kept: the same as asking for 8.
+    Frames recoded = scan(), asked8 = scan();
+    recoded[1] = std::make_shared<FrameDataWithInfo>(*recoded[1]);
+    asked8[1] = std::make_shared<FrameDataWithInfo>(*asked8[1]);
+    for (std::size_t i = 0; i < recoded[1]->w.size(); ++i) {
+        recoded[1]->w[i] = (i % 2 ? 3 : 200) | 0x200;
+        asked8[1]->w[i] = 8 | 0x200;
+    }
+    const Session a = runSession(recoded), b = runSession(asked8);
+    ASSERT_EQ(a.status, 0) << a.error;
+    EXPECT_NE(a.output.find("0 points dropped (not finite, normal of length 0 or beyond the grid), " +
+                            std::to_string(recoded[1]->w.size()) + " scale codes not 0-64 set to 8"),
+              std::string::npos)
+        << a.output;
+    EXPECT_TRUE(sameMesh(*a.mesh, *b.mesh));
+}
+
+TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
+    // Without a usable point the run ends with status 1 and says why.
+    const std::vector<std::pair<const char*, Frames>> empty_cases = {
+        {"no frames", {}},
+        {"an empty frame", {frameOf({}, {}, {})}},
+        {"only unusable points",
+         {frameOf({{std::numeric_limits<float>::quiet_NaN(), 0, 0}, {3e38f, 0, 0}}, {{0, 0, 1}, {0, 0, 1}}, {8, 8})}},
+    };
+    for (const auto& c : empty_cases) {
+        const Session run = runSession(c.second);
+        EXPECT_EQ(run.status, 1) << c.first;
+        EXPECT_NE(run.error.find("no usable points"), std::string::npos) << c.first << ": " << run.error;
+        EXPECT_TRUE(run.mesh->xyz.empty()) << c.first;
+    }
+    // A point, or a thousand on one spot, hold no surface: status 0 and (next to) no triangles.
+    const std::vector<std::pair<const char*, Frames>> point_cases = {
+        {"a single point", {frameOf({{1, 2, 3}}, {{0, 0, 1}}, {8})}},
+        {"all points at the origin", {frameOf(std::vector<Vec3f>(1000, Vec3f{0, 0, 0}), std::vector<Vec3f>(1000, Vec3f{0, 0, 1}),
+                                               std::vector<std::int32_t>(1000, 8))}},
+    };
+    for (const auto& c : point_cases) {
+        const Session run = runSession(c.second);
+        EXPECT_EQ(run.status, 0) << c.first << ": " << run.error;
+        EXPECT_LT(run.mesh->xyz.size(), 64u) << c.first;
+        EXPECT_TRUE(allFinite(*run.mesh)) << c.first;
+    }
+}
+
+TEST(BadInput, SettingsOutOfRangeAreRefusedAndTheFormerOnesKept) {
+    for (float resolution : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+        std::string error;
+        const Session run = runSession(scan(), [&](Tessaline& engine) {
+            engine.setResolution(resolution);
+            error = engine.getLastErrorMsg();
+        });
+        EXPECT_NE(error.find("resolution must be between"), std::string::npos) << resolution;
+        ASSERT_EQ(run.status, 0) << run.error;
+        EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh)) << resolution;  // run at the former 0.5
+    }
+    // A laser id outside 0-7 is read as 0; a scan of one laser gives the same mesh either way.
+    Frames odd = scan(), zero = scan();
+    for (std::size_t f = 0; f < odd.size(); ++f) {
+        odd[f] = std::make_shared<FrameDataWithInfo>(*odd[f]);
+        zero[f] = std::make_shared<FrameDataWithInfo>(*zero[f]);
+        odd[f]->frame_info.laser_id = f % 2 ? 99 : -5;
+        zero[f]->frame_info.laser_id = 0;
+    }
+    const Session a = runSession(odd), b = runSession(zero);
+    ASSERT_EQ(a.status, 0) << a.error;
+    EXPECT_TRUE(sameMesh(*a.mesh, *b.mesh));
+}
+
+TEST(BadInput, FramesAddedDuringARunAreRefusedAndLaterChangesAreScreened) {
+    Tessaline engine;
+    ASSERT_EQ(engine.init(), 0);
+    for (const auto& f : scan()) engine.addScanFrame_ALL(f);
+    int added = -1, nested = -1;
+    std::string added_error;
+    std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& step) {
+        if (step.cur_step == 2 && added < 0) {
+            added = engine.addScanFrame_ALL(scan()[0]);
+            added_error = engine.getLastErrorMsg();
+            auto other = std::make_shared<MultiMeshData>();
+            nested = engine.process(other);
+        }
+        return 0;
+    };
+    engine.setProcessStepCallBack(callback);
+    auto mesh = std::make_shared<MultiMeshData>();
+    ::testing::internal::CaptureStdout();
+    const int status = engine.process(mesh);
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(status, 0) << engine.getLastErrorMsg();
+    EXPECT_EQ(added, 1);
+    EXPECT_NE(added_error.find("a run is in progress"), std::string::npos) << added_error;
+    EXPECT_EQ(nested, 1);
+    EXPECT_TRUE(sameMesh(*mesh, *cleanRun().mesh));
+    engine.deInit();
+
+    // A frame that the application spoils between addScanFrame and process is screened as it is then.
+    auto spoiled = std::make_shared<FrameDataWithInfo>(*scan()[0]);
+    Frames frames = scan();
+    frames[0] = spoiled;
+    const Session run = runSession(frames, [&](Tessaline&) { spoiled->nor[5] = {0, 0, 0}; });
+    ASSERT_EQ(run.status, 0) << run.error;
+    EXPECT_NE(run.output.find("addScanFrame: 1 points dropped"), std::string::npos) << run.output;
+}
+
+TEST(RepeatedRuns, TwentySessionsKeepMemoryFlatAndGiveTheSameMesh) {
+    ASSERT_EQ(cleanRun().status, 0);
+    std::vector<double> resident;
+    for (int i = 0; i < 20; ++i) {
+        const Session run = runSession(scan());
+        ASSERT_EQ(run.status, 0) << "run " << i << ": " << run.error;
+        ASSERT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh)) << "run " << i;
+        resident.push_back(residentMiB());
+    }
+    // After the first runs have warmed the allocator, memory stays where it is.
+    EXPECT_LT(resident.back() - resident[2], 64.0) << "resident MiB after run 3: " << resident[2]
+                                                    << ", after run 20: " << resident.back();
+}
+
+TEST(MemoryBounds, ADeviceWithLittleFreeMemoryFallsBackToTheHostWithTheSameMesh) {
+    ASSERT_EQ(cleanRun().status, 0);
+    testing_support::FakeDevices fake;
+    fake.free_bytes = 8u << 20;  // 8 MiB reported free
+    const Session run = runSession(scan());
+    ASSERT_EQ(run.status, 0) << run.error;
+    EXPECT_NE(run.output.find("[warining]: memory lacked, computeFiledData on Host\n"), std::string::npos) << run.output;
+    EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));
+}
