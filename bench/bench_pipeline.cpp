@@ -130,11 +130,13 @@ void printTable(const std::vector<Case>& cases) {
     std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     for (const Case& c : cases) {
         const auto& a = c.accuracy;
-        std::printf("| %s | %zu | %zu | %.2f | %.2f | %.2f | %.2f | %.2f | %.0f | %d | %zu | %zu | %.4f | %.4f | %.4f | %.3f | "
+        // The library reports cell counts for blocks that ask for other cell sizes than one a bin.
+        const std::string cells = c.cells > 0 ? std::to_string(c.cells) : std::string("-");
+        std::printf("| %s | %zu | %zu | %.2f | %.2f | %.2f | %.2f | %.2f | %.0f | %d | %s | %zu | %.4f | %.4f | %.4f | %.3f | "
                     "%.3f | %.1f%% |\n",
                     c.name.c_str(), c.points, c.frames, c.run.seconds, c.run.stage_seconds[0], c.run.stage_seconds[1],
                     c.run.stage_seconds[2], c.run.seconds > 0 ? c.points / c.run.seconds / 1e6 : 0.0, c.peak_mib, c.run.blocks,
-                    c.cells, c.triangles, a.to_reference.median, a.to_reference.p95, a.chamfer, a.fscore[0], a.fscore[1],
+                    cells.c_str(), c.triangles, a.to_reference.median, a.to_reference.p95, a.chamfer, a.fscore[0], a.fscore[1],
                     100.0 * a.coverage);
     }
 }

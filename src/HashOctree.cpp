@@ -2,9 +2,11 @@
 #include "HashOctree.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <new>
 #include <stdexcept>
+#include <type_traits>
 
 #include "GridHash.h"
 #include "SpinLock.h"
@@ -16,8 +18,8 @@ namespace SurfaceReconstruction {
 
 namespace {
 // `next` goes from -1 to 0 and from 0 to an index, each once, and only after the key is complete.
-std::int32_t loadNext(const HashEntry& entry) { return __atomic_load_n(&entry.next, __ATOMIC_ACQUIRE); }
-void storeNext(HashEntry& entry, std::int32_t next) { __atomic_store_n(&entry.next, next, __ATOMIC_RELEASE); }
+std::int32_t loadNext(const HashEntry& entry) { return entry.next(); }
+void storeNext(HashEntry& entry, std::int32_t next) { entry.setNext(next); }
 bool sameKey(const HashEntry& entry, std::int32_t x, std::int32_t y, std::int32_t z) {
     return entry.x == x && entry.y == y && entry.z == z;
 }
@@ -28,22 +30,21 @@ int HashTable::init(const std::shared_ptr<HashParameters>& params, const std::sh
     m_hash_params = params;
     m_global_params = global;
     m_slot_count = params->HASH_BUCKET_NUM + params->HASH_EXCESS_LIST_SIZE;
-    // 67 million slots with the default parameters: constructed by all threads at once.
-    m_hash_entries = static_cast<HashEntry*>(::operator new(m_slot_count * sizeof(HashEntry), std::nothrow));
+    // 67 million slots with the default parameters: zero bytes are empty slots, so a zeroed allocation
+    // (pages the system maps on first touch) is the whole construction.
+    static_assert(std::is_trivially_copyable<HashEntry>::value, "a zeroed slot is an empty one");
+    m_hash_entries = static_cast<HashEntry*>(std::calloc(m_slot_count, sizeof(HashEntry)));
     if (m_hash_entries == nullptr) {
         m_slot_count = 0;
         return TESSALINE_OUT_OF_MEMORY;
     }
-    const std::int64_t slots = static_cast<std::int64_t>(m_slot_count);
-#pragma omp parallel for schedule(static)
-    for (std::int64_t i = 0; i < slots; ++i) new (&m_hash_entries[i]) HashEntry();
     m_global_params->cur_ExcessHash_Index = static_cast<std::int32_t>(params->HASH_BUCKET_NUM);
     m_inited = true;
     return 0;
 }
 
 void HashTable::deInit() {
-    ::operator delete(m_hash_entries);  // entries are trivially destructible
+    std::free(m_hash_entries);  // entries are trivially destructible
     m_hash_entries = nullptr;
     m_slot_count = 0;
     m_inited = false;
@@ -279,9 +280,9 @@ int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCell
     }
     HashEntry* entry = m_hash_table->findOrInsertHashEntry(key[0], key[1], key[2]);
     if (entry == nullptr) return 1;
-    if (__atomic_load_n(&entry->data_id, __ATOMIC_ACQUIRE) == -1) {
+    if (entry->dataId() == -1) {
         SpinGuard guard(entry->lock);
-        if (entry->data_id == -1) {
+        if (entry->dataId() == -1) {
             std::int32_t index = -1;
             if (m_cell_pool->allocDataIndex(index) != 0) {
                 setError("m_cell_pool alloc failed!");
@@ -299,10 +300,10 @@ int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCell
                 setError("m_hash_cell_list alloc failed!");
                 return TESSALINE_OUT_OF_MEMORY;
             }
-            __atomic_store_n(&entry->data_id, slot, __ATOMIC_RELEASE);
+            entry->setDataId(slot);
         }
     }
-    root = m_hash_cell_list->get(__atomic_load_n(&entry->data_id, __ATOMIC_ACQUIRE));
+    root = m_hash_cell_list->get(entry->dataId());
     return 0;
 }
 
@@ -359,7 +360,7 @@ std::shared_ptr<HashRootCellData> HashOctree::getHashRootCell(const float pos[3]
     const float S = static_cast<float>(m_block_size) * m_resolution;
     const HashEntry* entry = m_hash_table->findHashEntry(gridIndex(pos[0], S), gridIndex(pos[1], S), gridIndex(pos[2], S));
     if (entry == nullptr) return nullptr;
-    const std::int32_t id = __atomic_load_n(&entry->data_id, __ATOMIC_ACQUIRE);
+    const std::int32_t id = entry->dataId();
     if (id < 0) return nullptr;
     return m_hash_cell_list->get(id);
 }

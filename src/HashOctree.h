@@ -24,12 +24,19 @@ struct HashParameters {
 // The values every run uses.
 inline HashParameters defaultHashParameters() { return {0x4000000, 0x3ffffff, 100000, 500000, 4, 10000}; }
 
-// One slot of the octree's table: the key of a root block and what it maps to.
+// One slot of the octree's table: the key of a root block and what it maps to. `next` and `data_id`
+// are stored one above their values, so that a slot of zero bytes is an empty one: the table is
+// allocated zeroed and needs no construction, and pages that no key reaches are never touched.
 struct HashEntry {
     std::int32_t x = 0, y = 0, z = 0;
-    std::int32_t next = -1;     // -1 empty; 0 occupied, end of chain; > 0 next slot of the chain
-    std::int32_t data_id = -1;  // index into the root cell list; -1 while nothing is attached
-    std::uint32_t lock = 0;     // spin lock of this entry
+    std::int32_t next_plus_one = 0;     // next: -1 empty; 0 occupied, end of chain; > 0 next slot of the chain
+    std::int32_t data_id_plus_one = 0;  // data_id: index into the root cell list; -1 while nothing is attached
+    std::uint32_t lock = 0;             // spin lock of this entry
+
+    std::int32_t next() const { return __atomic_load_n(&next_plus_one, __ATOMIC_ACQUIRE) - 1; }
+    void setNext(std::int32_t next) { __atomic_store_n(&next_plus_one, next + 1, __ATOMIC_RELEASE); }
+    std::int32_t dataId() const { return __atomic_load_n(&data_id_plus_one, __ATOMIC_ACQUIRE) - 1; }
+    void setDataId(std::int32_t id) { __atomic_store_n(&data_id_plus_one, id + 1, __ATOMIC_RELEASE); }
 };
 
 static_assert(std::is_trivially_destructible<HashEntry>::value, "the table frees its entries without destructors");

@@ -32,8 +32,10 @@ TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(first, &table.slot(hashGridKey(0, 0, 0, 1023)));
     EXPECT_EQ(second, &table.slot(1024));  // the first overflow slot
-    EXPECT_EQ(first->next, 1024);
-    EXPECT_EQ(second->data_id, -1);
+    EXPECT_EQ(first->next(), 1024);
+    EXPECT_EQ(second->dataId(), -1);
+    EXPECT_EQ(second->next(), 0);  // occupied, end of its chain
+    EXPECT_EQ(table.slot((hashGridKey(0, 0, 0, 1023) + 1) % 1024).next(), -1);  // a zeroed slot is empty
     EXPECT_EQ(table.findHashEntry(other, 0, 0), second);
     EXPECT_EQ(table.findOrInsertHashEntry(0, 0, 0), first);
     EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);

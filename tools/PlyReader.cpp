@@ -1,6 +1,8 @@
 // PLY header parsing and record decoding.
 #include "PlyReader.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -68,7 +70,12 @@ int PlyElement::find(const std::string& property) const {
     return -1;
 }
 
-PlyReader::PlyReader(const std::string& path) : m_path(path), m_in(path, std::ios::binary) {
+PlyReader::PlyReader(const std::string& path) : m_path(path) {
+    // Only regular files: a device or a pipe could feed the reader without end.
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) throw std::runtime_error(path + ": cannot open the file");
+    if (!S_ISREG(info.st_mode)) throw std::runtime_error(path + ": not a regular file");
+    m_in.open(path, std::ios::binary);
     if (!m_in) throw std::runtime_error(path + ": cannot open the file");
     std::string line;
     if (!std::getline(m_in, line) || line.rfind("ply", 0) != 0) throw std::runtime_error(path + ": not a PLY file");
@@ -117,6 +124,17 @@ PlyReader::PlyReader(const std::string& path) : m_path(path), m_in(path, std::io
         }
     }
     if (!have_format) throw std::runtime_error(path + ": the PLY header names no format");
+    // Every record of an element with properties takes at least a byte (two in ASCII): a header that
+    // promises more records than the file can hold is damaged, and nothing is sized after it.
+    const double body = static_cast<double>(info.st_size) - static_cast<double>(m_in.tellg());
+    double records = 0;
+    for (const PlyElement& e : m_elements) {
+        if (e.properties.empty()) continue;
+        records += static_cast<double>(e.count) * (m_format == Format::Ascii ? 2.0 : 1.0);
+        if (records > body + 1)
+            throw std::runtime_error(path + ": truncated data (the header promises " + std::to_string(e.count) + " " + e.name +
+                                     " records, more than the file holds)");
+    }
 }
 
 const PlyElement* PlyReader::find(const std::string& name) const {

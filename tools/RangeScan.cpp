@@ -148,6 +148,11 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> readRangeScanSet(const std::stri
         if (!(words >> kind) || kind != "bmesh") continue;
         if (!(words >> file >> t[0] >> t[1] >> t[2] >> q[0] >> q[1] >> q[2] >> q[3]))
             throw std::runtime_error("bad bmesh line in " + conf_path + ": " + line);
+        const double q_length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+        bool finite = std::isfinite(q_length);
+        for (double v : t) finite = finite && std::isfinite(v);
+        if (!finite || q_length < 1e-9)
+            throw std::runtime_error("bad bmesh line in " + conf_path + " (the pose is not finite or the rotation has length 0): " + line);
         frames.push_back(readRangeImage(folder + "/" + file, t, q, options));
     }
     return frames;
