@@ -227,7 +227,7 @@ int main(int argc, char** argv) {
             tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
             const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
             char name[32];
-            std::snprintf(name, sizeof(name), "part %.1fM", millions);
+            std::snprintf(name, sizeof(name), "simulated %.1fM", millions);
             cases.push_back(runCase(name, std::move(frames), seconds, *part, scratch, memory_reset));
         }
         std::remove(scratch.c_str());

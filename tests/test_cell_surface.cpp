@@ -86,16 +86,6 @@ TEST(DualCubeTables, EveryRowIsASymmetryOntoTheSmallestImageOfItsClass) {
     }
 }
 
-TEST(QualityWord, NibblesFromTheOccupiedOctants) {
-    std::uint64_t none[8] = {};
-    EXPECT_EQ(computeQualityWord(none, 0.5f), 0u);
-    std::uint64_t one[8] = {0x330033ull | 0xcc00ccull};  // two octants in one cell: above the bar of 1
-    EXPECT_EQ(computeQualityWord(one, 0.5f), 0x7777u);
-    std::uint64_t two[8] = {0x330033ull | 0xcc00ccull, 0x330033ull | (0x330033ull << 32)};
-    EXPECT_EQ(computeQualityWord(two, 0.5f), 0xffffu);
-    EXPECT_EQ(computeQualityWord(two, 0.05f), 0u);  // small cells need more than 3 octants
-}
-
 namespace {
 
 // Eight corner cells of a unit dual cube, each with its sheets in a field store.
@@ -214,14 +204,6 @@ TEST_F(DualCube, AValueOfZeroIsNotNegativeAndDegenerateTrianglesAreDropped) {
     for (int k = 0; k < 8; ++k) sheets(k, {{k == 0 ? 0.0f : -1.0f, 1.0f}});
     const auto triangles = contour();
     EXPECT_TRUE(triangles.empty());
-}
-
-TEST_F(DualCube, Case107IsUsedAsGiven) {
-    // Corners 0, 1, 3, 5 and 6 negative: case 107 with its five triangles.
-    const int configuration = 1 | 2 | 8 | 32 | 64;
-    for (int k = 0; k < 8; ++k) sheets(k, {{((configuration >> k) & 1) ? -0.5f : 0.5f, 1.0f}});
-    EXPECT_EQ(DUAL_CUBE_CONFIGURATIONS[configuration].canonical_case, 107);
-    EXPECT_EQ(contour().size(), 5u);
 }
 
 TEST(TriangleSinkTest, NaNTrianglesAreDroppedAndLengthsStayEqual) {

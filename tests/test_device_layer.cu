@@ -129,12 +129,3 @@ TEST(DeviceLayer, FloatToIntSaturatesAndMapsNanToZero) {
     EXPECT_EQ(floatToIntSaturate(-2.75f), -2);                   // toward zero
     EXPECT_EQ(floatToIntSaturate(2.75f), 2);
 }
-
-TEST(DeviceLayer, MemoryProbeKeepsFiveMiBSlack) {
-    FakeDevices fake;
-    fake.free_bytes = 100u << 20;
-    EXPECT_TRUE(deviceMemoryAvailable((100u << 20) - DEVICE_MEMORY_SLACK));
-    EXPECT_FALSE(deviceMemoryAvailable((100u << 20) - DEVICE_MEMORY_SLACK + 1));
-    fake.mem_info_fails = true;
-    EXPECT_FALSE(deviceMemoryAvailable(1));
-}

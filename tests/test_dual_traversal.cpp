@@ -59,18 +59,6 @@ struct Collect {
 
 }  // namespace
 
-TEST(DualTraversal, OctantsMapToTheChildNumbering) {
-    Forest forest;
-    CellNode* root = forest.cell(0, 0, 0, 1);
-    forest.split(root);
-    for (int o = 0; o < 8; ++o) {
-        const CellNode* child = root->children[OCTANT_CHILD[o]];
-        EXPECT_EQ(child->center[0] > 0, (o & 1) != 0);
-        EXPECT_EQ(child->center[1] > 0, (o & 2) != 0);
-        EXPECT_EQ(child->center[2] > 0, (o & 4) != 0);
-    }
-}
-
 TEST(DualTraversal, ALeafRootMakesNoDualCube) {
     Forest forest;
     Collect collect;

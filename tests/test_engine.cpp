@@ -162,45 +162,6 @@ TEST(EngineLifeCycle, InitWithoutUsableDeviceReports65793) {
     EXPECT_EQ(engine.threadPool(), nullptr);
 }
 
-TEST_F(EngineTest, SetResolutionReachesStagesAndBlockSizing) {
-    const std::uint32_t block_size = engine.portionerParams()->block_size;
-    engine.setResolution(0.1f);
-    EXPECT_EQ(engine.portionerParams()->block_size, block_size / 2);
-    EXPECT_EQ(engine.portionerParams()->block_with_ext_size, block_size / 2 + 24);
-    EXPECT_FLOAT_EQ(engine.portioner()->resolution(), 0.1f);
-    EXPECT_FLOAT_EQ(engine.marchingCubes()->resolution(), 0.1f);
-    EXPECT_FLOAT_EQ(engine.reconstructor()->resolution(), 0.1f);
-}
-
-TEST_F(EngineTest, LaserInfoFillsPerLaserEdgesAndKeepsLastWords) {
-    LaserInfo first;
-    first.laser_id = 2;
-    first.min_edge = 0.75f;
-    first.laser_word_a = 11;
-    first.laser_block[3] = 9;
-    LaserInfo second;
-    second.laser_id = 5;
-    second.min_edge = 1.5f;
-    second.laser_word_a = 22;
-    ASSERT_EQ(engine.setLaserInfo(first), 0);
-    ASSERT_EQ(engine.setLaserInfo(second), 0);
-    const DeviceParameters& p = *engine.deviceParams();
-    EXPECT_FLOAT_EQ(p.laser_min_edge[2], 0.75f);
-    EXPECT_FLOAT_EQ(p.laser_min_edge[5], 1.5f);
-    EXPECT_FLOAT_EQ(p.laser_min_edge[0], 0.0f);
-    EXPECT_EQ(p.laser_word_a, 22u);
-    EXPECT_EQ(p.laser_block[3], 0u);
-    EXPECT_FLOAT_EQ(p.wide_search_edge, 0.2f);
-    EXPECT_FLOAT_EQ(p.gauss_weight_edge, 0.1f);
-    EXPECT_FLOAT_EQ(p.fine_box_edge, 0.1f);
-    EXPECT_EQ(p.MAX_FRAME_POINTS, 30000u);
-
-    LaserInfo bad;
-    bad.laser_id = 8;
-    EXPECT_EQ(engine.setLaserInfo(bad), 1);
-    EXPECT_NE(engine.getLastErrorMsg().find("laser_id"), std::string::npos);
-}
-
 TEST_F(EngineTest, OptimizedMarkersTakeTheirIndexAsId) {
     std::shared_ptr<std::vector<OptedMarker>> list;
     ASSERT_EQ(engine.getOptimizedMarkerErrors(list), 0);
@@ -247,20 +208,6 @@ TEST_F(EngineTest, IntakeRefusesNullAndMismatchedFrames) {
     long_words->w.push_back(8);
     EXPECT_EQ(engine.addScanFrame(long_words), 1);
     EXPECT_TRUE(engine.heldFrames().empty());
-}
-
-TEST_F(EngineTest, FramesAreHeldInOrderAndTwiceWhenGivenTwice) {
-    Tessaline_OPT& e = engine;
-    auto f = makeFrame(5);
-    auto g = makeFrame(6);
-    ASSERT_EQ(e.addScanFrame(f), 0);
-    ASSERT_EQ(e.addScanFrame(g), 0);
-    ASSERT_EQ(e.addScanFrame(f), 0);
-    ASSERT_EQ(e.heldFrames().size(), 3u);
-    EXPECT_EQ(e.heldFrames()[0], f);
-    EXPECT_EQ(e.heldFrames()[1], g);
-    EXPECT_EQ(e.heldFrames()[2], f);
-    EXPECT_EQ(f.use_count(), 3);
 }
 
 TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {

@@ -123,20 +123,6 @@ TEST(InitNormals, SecondWalkTakesTheLargerSetAndItsOrientation) {
     EXPECT_NEAR(c.cell.init_normal[2], -1.0f, 1e-6f);  // turned to reference 1, not reference 0
 }
 
-TEST(InitNormals, SetTwoWinsATieWithSetZero) {
-    // 12 points on z = 0: five face +z (set 0: 5 of 12, below half), points 6 and 7 face +x (reference 1
-    // is point 6), five face -z (reference 2 is point 11). Sets 2 and 0 tie at 5: set 2 wins and the
-    // normal is turned to reference 2.
-    CellCase c;
-    for (int i = 0; i < 5; ++i) c.add(0.1f * i - 0.2f, 0.05f * i, 0.0f, 0, 0, 1);
-    c.add(0.0f, -0.2f, 0.0f, 1, 0, 0);
-    c.add(0.1f, -0.2f, 0.0f, 1, 0, 0);
-    for (int i = 0; i < 5; ++i) c.add(0.1f * i - 0.2f, -0.05f * i + 0.3f, 0.0f, 0, 0, -1);
-    c.run();
-    ASSERT_EQ(c.cell.field_flag, 0);
-    EXPECT_NEAR(c.cell.init_normal[2], -1.0f, 1e-6f);
-}
-
 TEST(InitNormals, APointExactlyAtTheRadiusCountsOnlyInTheSecondWalk) {
     // Radius 1.5. Point 2 (reference 1) faces +x; the three others agree with the first point but lie
     // at the radius. The first walk leaves them out (1 of 5 agree), the second takes them into set 2,
@@ -231,13 +217,6 @@ TEST(FineNormals, ALoneBackSheetLandsInSlotZero) {
     EXPECT_NEAR(c.cell.fields[0].normal[2], -1.0f, 1e-6f);
 }
 
-TEST(FineNormals, SideThresholdIsStrict) {
-    SheetCase c;
-    for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.02f * i * i, 0.0f, 0.9886859f, 0.0f, 0.15f);  // dot exactly 0.15
-    c.runFine();
-    EXPECT_EQ(c.cell.field_flag, 0);
-}
-
 TEST(FineNormals, FarPointsOfASmallCellGiveNoCentroidAndNoSheet) {
     // Edge 0.1: search factor 7 (reach 0.7), near radius 0.4. Points at 0.5 count for the fit only.
     SheetCase c;
@@ -282,26 +261,6 @@ TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
 }
 
 // ---- field values ----------------------------------------------------------------------------------
-
-TEST(FieldValues, WeightRowsColumnsAndLiterals) {
-    const float g = 0.1f;
-    EXPECT_EQ(computeNeighbourWeight(0.3f, 0.28f, 10, g), 1.0f);  // below 0.29: a plain mean
-    EXPECT_EQ(computeNeighbourWeight(0.3f, 3.99f, 10, g), 1.0f);
-    EXPECT_EQ(computeNeighbourWeight(0.3f, 0.05f, 10, g), 1.0f);  // below gauss_weight_edge
-    EXPECT_EQ(computeNeighbourWeight(0.0f, 1.0f, 10, g), 1.0f);   // at the foot point
-    const auto expected = [](float d, float e, float a) { return std::exp(((d * a) * d) / (e * (e * 3.0f))); };
-    // Rows by point count: 49 -> 0, 50 and 99 -> 1, 100 and 1000 -> 2 (column 4 at edge 0.5: -10, -11, -12).
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 49, g), expected(0.4f, 0.5f, -10.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 50, g), expected(0.4f, 0.5f, -11.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 99, g), expected(0.4f, 0.5f, -11.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 100, g), expected(0.4f, 0.5f, -12.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.5f, 1000, g), expected(0.4f, 0.5f, -12.0f));
-    // 0.89f lies below the double 0.89: column 4, not column 3.
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.89f, 10, g), expected(0.4f, 0.89f, -10.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.9f, 10, g), expected(0.4f, 0.9f, -12.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 3.0f, 10, g), expected(0.4f, 3.0f, -3.0f));
-    EXPECT_EQ(computeNeighbourWeight(0.4f, 0.3f, 10, g), expected(0.4f, 0.3f, -6.0f));
-}
 
 namespace {
 
@@ -363,14 +322,4 @@ TEST(FieldValues, ASheetWithoutAgreeingPointsIsNaN) {
     for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.0f, 0.0f, 1, 0, 0);  // across the sheet's normal
     c.runValues();
     EXPECT_TRUE(std::isnan(c.cell.fields[0].value));
-}
-
-TEST(FieldValues, MaskBitsOfTheBox) {
-    // Edge 0.5 at the origin: box [-0.25, 0.25], sub-cells of 0.125.
-    ValueCase c(0.25f, 0.0f);
-    c.add(-0.25f, -0.25f, -0.25f, 0, 0, 1);  // lower corner: bit 0
-    c.add(0.25f, -0.25f, -0.25f, 0, 0, 1);   // upper x face: index 4 runs into bit 4
-    c.add(0.0f, 0.0f, 0.9f, 0, 0, 1);        // outside the box: no bit
-    c.runValues();
-    EXPECT_EQ(c.cell.fields[0].occupancy, (std::uint64_t{1} << 0) | (std::uint64_t{1} << 4));
 }

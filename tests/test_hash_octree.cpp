@@ -97,19 +97,6 @@ TEST(HashTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
 
 // ---- cells, pool, root list and descents -----------------------------------------------------------
 
-TEST(CellNumbering, ChildIndexFollowsTheTwoRingsAndCentreGoesToThree) {
-    const float c[3] = {1.0f, 2.0f, 3.0f};
-    const float at_centre[3] = {1.0f, 2.0f, 3.0f};
-    EXPECT_EQ(childIndex(at_centre, c), 3);  // equal counts as the + side
-    for (int k = 0; k < 8; ++k) {
-        const float p[3] = {c[0] + 0.5f * CHILD_SIGN[k][0], c[1] + 0.5f * CHILD_SIGN[k][1], c[2] + 0.5f * CHILD_SIGN[k][2]};
-        EXPECT_EQ(childIndex(p, c), k);
-    }
-    // z above gives the first ring.
-    for (int k = 0; k < 4; ++k) EXPECT_EQ(CHILD_SIGN[k][2], 1);
-    for (int k = 4; k < 8; ++k) EXPECT_EQ(CHILD_SIGN[k][2], -1);
-}
-
 TEST(CellNodePool, CrossingTheBlockBoundaryFromManyThreadsAddsOneBlockEach) {
     CellNodePool pool;
     ASSERT_EQ(pool.init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 1000, 2, 50})), 0);
@@ -151,20 +138,6 @@ TEST(CellNodePool, FailedGrowthGivesTheReservationBack) {
     EXPECT_EQ(pool.cellCount(), 4);
     EXPECT_EQ(pool.deInit(), 0);
     EXPECT_EQ(pool.blockCount(), 0);
-}
-
-TEST(HashRootCellList, BadIdsAndAFullList) {
-    HashRootCellList list;
-    auto data = std::make_shared<HashRootCellData>();
-    EXPECT_EQ(list.add(data), 0);
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(list.get(1), nullptr);
-    EXPECT_EQ(list.get(-1), nullptr);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "id >= datas_size.load() || id < 0 \nid >= datas_size.load() || id < 0 \n");
-    EXPECT_EQ(list.get(0), data);
-    for (int i = 1; i < HashRootCellList::CAPACITY; ++i) ASSERT_EQ(list.add(data), i);
-    EXPECT_EQ(list.add(data), -1);  // the 100001st root is refused
-    EXPECT_EQ(list.datas_size.load(), HashRootCellList::CAPACITY);
 }
 
 namespace {

@@ -49,37 +49,6 @@ TEST(GpuSelection, ProhibitedDevicesArePassedOver) {
     }
 }
 
-TEST(GpuSelection, NoDevicesAndZeroPerformance) {
-    {
-        FakeDevices fake(std::vector<FakeDevice>{});
-        std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), -1);
-        EXPECT_EQ(error, "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.");
-        EXPECT_FALSE(gpuDeviceInit(0, error));
-        EXPECT_EQ(error, "gpuDeviceInit() CUDA error: no devices supporting CUDA.");
-    }
-    {
-        // A device rated 0 is never chosen, but index 0 stands when nothing beats it.
-        FakeDevices fake({FakeDevice{0, 7, 5, 0, 1000000}, FakeDevice{0, 7, 5, 0, 1000000}});
-        std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 0);
-    }
-}
-
-TEST(GpuSelection, UnknownCapabilityIsRatedSixtyFourWithANoteEachTime) {
-    EXPECT_EQ(MapSMtoCores(3, 0), 192);
-    EXPECT_EQ(MapSMtoCores(5, 2), 128);
-    EXPECT_EQ(MapSMtoCores(6, 1), 128);
-    EXPECT_EQ(MapSMtoCores(7, 5), 64);
-    FakeDevices fake({FakeDevice{0, 8, 6, 10, 1000000}, FakeDevice{0, 8, 6, 10, 1000000}});
-    std::string error;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 0);
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    const std::string line = "MapSMtoCores for SM 8.6 is undefined.  Default to use 64 Cores/SM\n";
-    EXPECT_EQ(out, line + line);
-}
-
 TEST(GpuSelection, FailedQueryIsReportedAndSelectionGoesOn) {
     FakeDevices fake({FakeDevice{}});
     fake.attribute_result = DEVICE_ERROR_INVALID_DEVICE;

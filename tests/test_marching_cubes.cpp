@@ -118,28 +118,6 @@ std::vector<RawPointWithHash> randomPoints(int n, unsigned seed, float lo = -5.0
 
 }  // namespace
 
-TEST_F(BinsTest, OneBinFromOnePointWithItsCentreAndCount) {
-    const auto result = bins(stage, block({point(10.1f, 10.2f, 10.3f)}));
-    ASSERT_EQ(result.size(), 1u);
-    EXPECT_EQ(result[0].point_count, 1);
-    EXPECT_EQ(result[0].point_offset, 0);
-    EXPECT_EQ(result[0].bin_sub_scale, 8);
-    EXPECT_FLOAT_EQ(result[0].center[0], 10.25f);  // bin 32 of x: [10, 10.5)
-    EXPECT_FLOAT_EQ(result[0].center[1], 10.25f);
-    EXPECT_FLOAT_EQ(result[0].center[2], 10.25f);
-}
-
-TEST_F(BinsTest, ScaleRule) {
-    EXPECT_EQ(scaleOf({8, 8, 8}), 8);
-    EXPECT_EQ(scaleOf({8, 16, 8, 32}), 32);
-    EXPECT_EQ(scaleOf({32, 8, 16, 8}), 32);
-    EXPECT_EQ(scaleOf({4, 16}), 16);
-    EXPECT_EQ(scaleOf({8, 2}), 2);
-    EXPECT_EQ(scaleOf({8, 0}), 0);  // a last code of 0 after 8 stays 0
-    EXPECT_EQ(scaleOf({0, 8}), 8);  // a code after 0 takes its place, 8 included
-    EXPECT_EQ(scaleOf({0, 4}), 4);
-}
-
 TEST_F(BinsTest, FlagsAndOccupancyWithTheUpperFaceClamped) {
     // The bin [10, 10.5)^3; sub-cells of 1/16. A point at the upper face of the bin is clamped to 7.
     const auto result = bins(stage, block({point(10.0f, 10.0f, 10.0f, 8 | (1 << 8)), point(10.4999f, 10.0f, 10.0f, 8 | (4 << 8))}));
@@ -297,32 +275,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(CellsTest, SpreadingReachesTwoBinsAndFourAtSmallResolution) {
-    setUp(5.0f);  // above 3: one pass
-    EXPECT_EQ(rectifiedLine({16, 8, 8, 8, 8, 8, 8}), (std::vector<int>{16, 16, 16, 8, 8, 8, 8}));
-}
-
-TEST_F(CellsTest, SpreadingTwiceAtSmallResolution) {
-    setUp(0.5f);  // at most 3: two passes
-    EXPECT_EQ(rectifiedLine({16, 8, 8, 8, 8, 8, 8}), (std::vector<int>{16, 16, 16, 16, 16, 8, 8}));
-    EXPECT_EQ(rectifiedLine({8, 8, 8}), (std::vector<int>{8, 8, 8}));  // nothing to do
-}
-
-TEST_F(CellsTest, RatioRules) {
-    setUp(5.0f);
-    EXPECT_EQ(rectifiedLine({32, 8, 8, 8, 8, 8, 8}), (std::vector<int>{32, 32, 32, 16, 8, 8, 8}));  // 8 beside 32
-    EXPECT_EQ(rectifiedLine({16, 64}), (std::vector<int>{32, 64}));
-    EXPECT_EQ(rectifiedLine({4, 1}), (std::vector<int>{2, 1}));
-    EXPECT_EQ(rectifiedLine({16, 4}), (std::vector<int>{16, 4}));  // opposite sides of 8: left alone
-}
-
-TEST_F(CellsTest, ABinThatCameToFourWidensToThreeBins) {
-    setUp(5.0f);
-    // 2 spreads to two bins; the 8 beside them becomes 4 and then every bin within three becomes 4,
-    // the 2s included.
-    EXPECT_EQ(rectifiedLine({2, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8}), (std::vector<int>{4, 4, 4, 4, 4, 4, 4, 8, 8, 8, 8}));
-}
 
 TEST_F(CellsTest, IsolatedBinMakesTwentySevenCellsAndTwoAdjacentThirtySix) {
     setUp(0.5f);

@@ -22,40 +22,6 @@ using namespace SurfaceReconstruction;
 using testing_support::FakeDevices;
 using testing_support::configurePortioner;
 
-namespace {
-PortionerParameters sized(float resolution) {
-    PortionerParameters p{};
-    computeBlockSizing(p, resolution);
-    return p;
-}
-}  // namespace
-
-TEST(BlockSizing, FollowsTotalMemoryAndResolution) {
-    FakeDevices fake;
-    fake.total_bytes = 8ull << 30;
-    fake.free_bytes = 1ull << 20;  // the free figure plays no part
-    EXPECT_EQ(sized(0.5f).block_size, 512u);
-    EXPECT_EQ(sized(0.5f).ext_size, 12u);
-    EXPECT_EQ(sized(0.5f).block_with_ext_size, 536u);
-    EXPECT_EQ(sized(0.19f).block_size, 256u);
-    EXPECT_EQ(sized(0.19f).block_with_ext_size, 280u);
-    // 0.2f widened to double lies just above 0.2: no halving.
-    EXPECT_EQ(sized(0.2f).block_size, 512u);
-
-    fake.total_bytes = 7ull << 30;  // the test is strictly above 7 GiB
-    EXPECT_EQ(sized(0.5f).block_size, 256u);
-    EXPECT_EQ(sized(0.1f).block_size, 128u);
-    EXPECT_EQ(sized(0.1f).block_with_ext_size, 152u);
-}
-
-TEST(BlockSizing, WithoutAMemoryFigureStaysAt256WhateverTheResolution) {
-    FakeDevices fake;
-    fake.mem_info_fails = true;
-    EXPECT_EQ(sized(0.5f).block_size, 256u);
-    EXPECT_EQ(sized(0.05f).block_size, 256u);
-    EXPECT_EQ(sized(0.05f).block_with_ext_size, 280u);
-}
-
 class PortionerIntake : public ::testing::Test {
 protected:
     void SetUp() override { params = configurePortioner(portioner, 20, 256, 0.5f); }
@@ -368,44 +334,11 @@ TEST(PortionerRuns, PointsNearTheOriginAreSkippedButMakeTheirBlock) {
     }
 }
 
-TEST(PortionerRuns, BatchesOfFiveHundredGoToTheWorker) {
-    for (const auto& [frames, worker_batches] :
-         std::vector<std::pair<int, int>>{{499, 0}, {500, 1}, {1000, 2}, {1001, 2}}) {
-        const Frames list = randomFrames(frames, 3, 100u + static_cast<unsigned>(frames), 60.0f);
-        const auto expected = bruteForceBlocks(list);
-        PortionerRun run(list);
-        ASSERT_EQ(run.status, 0) << frames << " frames";
-        EXPECT_EQ(run.portioner.batchesOnWorker(), worker_batches) << frames << " frames";
-        // 1000 frames trigger a block computation during the first pass, then the closing one.
-        EXPECT_EQ(run.portioner.blockComputations(), frames >= 1000 ? 2 : 1) << frames << " frames";
-        const auto actual = run.blocks();
-        ASSERT_EQ(actual.size(), expected.size());
-        for (const auto& entry : expected) EXPECT_TRUE(actual.at(entry.first) == entry.second) << frames << " frames";
-    }
-}
-
 TEST(PortionerRuns, NoFramesGivesNoBlocksAndNoText) {
     PortionerRun run({});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.portioner.getLastError(), "no error!");
     EXPECT_EQ(run.portioner.getPointCloudBlockCount(), 0);
-}
-
-TEST(PortionerRuns, TakingBlocksEmptiesTheirSlots) {
-    PortionerRun run({frameOf({{10.0f, 10.0f, 10.0f}, {100.0f, 10.0f, 10.0f}})});
-    ASSERT_EQ(run.status, 0);
-    std::shared_ptr<PointCloudBlock> block;
-    EXPECT_EQ(run.portioner.takePointCloudBlock(block, -1), 1);
-    EXPECT_EQ(run.portioner.getLastError(), "no cur block id!");
-    EXPECT_EQ(run.portioner.takePointCloudBlock(block, 2), 1);
-    ASSERT_EQ(run.portioner.takePointCloudBlock(block, 1), 0);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(block->points->size(), 1u);
-    EXPECT_EQ(run.portioner.takePointCloudBlock(block, 1), 0);
-    EXPECT_EQ(block, nullptr);  // a second take gives the emptied slot
-    EXPECT_EQ(run.portioner.getPointCloudBlockCount(), 2);
-    EXPECT_EQ(run.portioner.deInit(), 0);
-    EXPECT_EQ(run.portioner.deInit(), 0);
 }
 
 TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {

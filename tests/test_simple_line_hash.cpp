@@ -13,15 +13,6 @@
 
 using namespace SurfaceReconstruction;
 
-TEST(GridHash, KnownValuesAndSlots) {
-    EXPECT_EQ(hashGridKey(0, 0, 0, 0xFFFFFFFFu), 0x047A1E8Cu);
-    EXPECT_EQ(hashGridKey(1, 2, 3, 0xFFFFFFFFu), 0x33F352DBu);
-    EXPECT_EQ(hashGridKey(-1, -1, -1, 0xFFFFFFFFu), 0xFB90899Du);
-    EXPECT_EQ(hashGridKey(0, 0, 0, 32767u), 7820u);
-    EXPECT_EQ(hashGridKey(1, 2, 3, 32767u), 21211u);
-    EXPECT_EQ(hashGridKey(-1, -2, -3, 32767u), 28969u);
-}
-
 TEST(GridHash, GridIndexIsTheFloorExceptAtExactNegativeMultiples) {
     const float block = 256.0f;
     EXPECT_EQ(gridIndex(-256.0f, block), -2);  // exactly -1.0 lands one lower
@@ -105,21 +96,6 @@ TEST(SimpleLineHash, CollisionGoesToTheFirstExcessEntryAndExhausts) {
     ::testing::internal::CaptureStdout();
     EXPECT_EQ(no_excess.insert(keys.second[0], keys.second[1], keys.second[2], second), 1);
     EXPECT_FALSE(::testing::internal::GetCapturedStdout().empty());
-}
-
-TEST(SimpleLineHash, SmallerInitOnlyClears) {
-    SimpleLineHash table;
-    ASSERT_EQ(table.init(16384, 1000), 0);
-    SimpleLineHashEntry* entry = nullptr;
-    ASSERT_EQ(table.insert(7, 8, 9, entry), 0);
-    ASSERT_EQ(table.init(100, 100), 0);
-    EXPECT_EQ(table.getHashBucketSize(), 16384u);
-    EXPECT_EQ(table.getHashExcessSize(), 1000u);
-    EXPECT_EQ(table.find(7, 8, 9, entry), 1);  // cleared
-    ASSERT_EQ(table.init(32768, 1000), 0);    // larger: a new table
-    EXPECT_EQ(table.getHashBucketSize(), 32768u);
-    EXPECT_EQ(table.deInit(), 0);
-    EXPECT_FALSE(table.isInited());
 }
 
 TEST(SimpleLineHash, ConcurrentInsertsAgreeOnOneEntryPerKey) {

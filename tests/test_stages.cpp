@@ -12,18 +12,6 @@
 
 using namespace SurfaceReconstruction;
 
-TEST(FieldDataPool, StartsWithFourBlocksAndFreesOnDeInit) {
-    FieldDataPool pool;
-    EXPECT_FALSE(pool.isInited());
-    ASSERT_TRUE(pool.init());
-    EXPECT_TRUE(pool.isInited());
-    EXPECT_EQ(pool.blockCount(), 4);
-    EXPECT_EQ(sizeof(FieldSlot) * FieldDataPool::FIELD_POOL_BLOCK_SIZE, 16000000u);
-    pool.deInit();
-    EXPECT_EQ(pool.blockCount(), 0);
-    EXPECT_EQ(pool.slot(0), nullptr);
-}
-
 TEST(FieldDataPool, ConcurrentReservationsAreDisjointAndGrowThePool) {
     FieldDataPool pool;
     ASSERT_TRUE(pool.init());
@@ -58,32 +46,6 @@ TEST(FieldDataPool, ConcurrentReservationsAreDisjointAndGrowThePool) {
     }
     EXPECT_EQ(expected, pool.size());
     EXPECT_EQ(pool.blockCount(), (expected + FieldDataPool::FIELD_POOL_BLOCK_SIZE) / FieldDataPool::FIELD_POOL_BLOCK_SIZE);
-}
-
-TEST(MarchingCubesStage, SettersNeedInitAndDeInitIsRepeatable) {
-    MarchingCubes stage;
-    auto octree = std::make_shared<HashOctree>();
-    auto pool = std::make_shared<FieldDataPool>();
-    EXPECT_EQ(stage.setHashOctree(octree), 1);
-    EXPECT_EQ(stage.getLastError(), "no init!");
-    EXPECT_EQ(stage.setFieldDataPool(pool), 1);
-    EXPECT_EQ(stage.deInit(), 0);
-    ASSERT_EQ(stage.init(), 0);
-    EXPECT_EQ(stage.process(std::make_shared<PointCloudBlock>()), 1);
-    EXPECT_EQ(stage.getLastError(), "[MarchingCubes] process error , m_hash_octree == nullptr !");
-    EXPECT_EQ(stage.setHashOctree(octree), 0);
-    EXPECT_EQ(stage.setFieldDataPool(pool), 0);
-    EXPECT_EQ(octree.use_count(), 2);
-    EXPECT_EQ(stage.initDevice(1000), 1);  // no parameter records
-    auto device_params = std::make_shared<DeviceParameters>();
-    stage.setDeviceParams(device_params);
-    stage.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{128, 12, 152}));
-    EXPECT_EQ(stage.initDevice(1000), 0);
-    EXPECT_EQ(stage.rawPointsCapacity(), 1001u);  // the largest block passes the strict test
-    EXPECT_EQ(stage.deInitDevice(), 0);
-    EXPECT_EQ(stage.deInit(), 0);
-    EXPECT_EQ(octree.use_count(), 1);  // references dropped
-    EXPECT_EQ(stage.deInit(), 0);
 }
 
 TEST(ReconstructorStage, MeshIsReplacedOnlyOnceOctreeAndPoolAreThere) {

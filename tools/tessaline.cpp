@@ -187,6 +187,19 @@ void applyThreads(const cxxopts::ParseResult& args) {
     if (threads > 0) omp_set_num_threads(threads);
 }
 
+// Runs the library on `frames` (released once it has them) and welds its mesh at 1e-4 of the
+// resolution, coordinates multiplied by `scale`.
+tessaline_tools::RunReport reconstructAndWeld(tessaline_tools::Frames& frames, float resolution, bool quiet, float scale,
+                                              tessaline_tools::WeldedMesh& welded) {
+    tessaline_tools::RunOptions options;
+    options.resolution = resolution;
+    options.quiet = quiet;
+    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, options);
+    frames.clear();
+    welded = tessaline_tools::weldMesh(*run.mesh, resolution * 1e-4f, scale);
+    return run;
+}
+
 int reconstruct(int argc, char** argv) {
     cxxopts::Options options("tessaline reconstruct", "Scan frames in, one triangle mesh out.");
     options.positional_help("INPUT... -o OUTPUT");
@@ -236,13 +249,8 @@ int reconstruct(int argc, char** argv) {
     if (args.count("reference")) reference = loadReference(args["reference"].as<std::string>(), to_mm, 300000);
     const double read_s = std::chrono::duration<double>(Clock::now() - start).count();
 
-    tessaline_tools::RunOptions run_options;
-    run_options.resolution = resolution_mm;
-    run_options.quiet = args.count("quiet") > 0;
-    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, run_options);
-    frames.clear();
-
-    const tessaline_tools::WeldedMesh welded = tessaline_tools::weldMesh(*run.mesh, resolution_mm * 1e-4f, 1.0f / to_mm);
+    tessaline_tools::WeldedMesh welded;
+    const tessaline_tools::RunReport run = reconstructAndWeld(frames, resolution_mm, args.count("quiet") > 0, 1.0f / to_mm, welded);
     tessaline_tools::writeWeldedMesh(output, welded);
     printRun(run, welded, read_s, "reading");
     if (reference) {
@@ -330,13 +338,8 @@ int demo(int argc, char** argv) {
     tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
     const double simulate_s = std::chrono::duration<double>(Clock::now() - start).count();
 
-    tessaline_tools::RunOptions run_options;
-    run_options.resolution = resolution;
-    run_options.quiet = args.count("quiet") > 0;
-    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, run_options);
-    frames.clear();
-
-    const tessaline_tools::WeldedMesh welded = tessaline_tools::weldMesh(*run.mesh, resolution * 1e-4f);
+    tessaline_tools::WeldedMesh welded;
+    const tessaline_tools::RunReport run = reconstructAndWeld(frames, resolution, args.count("quiet") > 0, 1.0f, welded);
     const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"), picture_path = joinPath(folder, "tessaline-demo.png");
     tessaline_tools::writeWeldedMesh(mesh_path, welded);
     tessaline_tools::writePng(picture_path, tessaline_tools::renderViews(trianglesOf(welded), 600));
