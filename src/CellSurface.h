@@ -18,6 +18,11 @@
 
 namespace SurfaceReconstruction {
 
+// A corner's sheet belongs to the cube's surface when its normal agrees with the reference this well;
+// when none of its sheets does, its best one still serves above the fallback bound.
+constexpr float SHEET_AGREEMENT = 0.1f;
+constexpr float SHEET_FALLBACK_AGREEMENT = -0.2f;
+
 // The 16-bit quality word of a dual cube from the sub-cell occupancy of its eight slots: the share of
 // corner cells whose points spread over more than a threshold of their octants, as four equal nibbles.
 inline std::uint32_t computeQualityWord(const std::uint64_t masks[8], float min_edge) {
@@ -101,17 +106,29 @@ public:
             if (cell->data_id == -1 || cell->field_count < 1) return 1;
             half = cell->half_size < half ? cell->half_size : half;
             const FieldSlot* first = m_pool.slot(cell->data_id);
-            if (dot(first->normal, reference) > 0.1f) {
+            const float first_dot = dot(first->normal, reference);
+            if (first_dot > SHEET_AGREEMENT) {
                 if (used_first[k]) return 1;  // the first slot has priority, even when it is taken
                 slots[k] = first;
                 used_first[k] = 1;
                 continue;
             }
-            if (cell->field_count != 2) return 1;
-            const FieldSlot* second = m_pool.slot(cell->data_id + 1);
-            if (!(dot(second->normal, reference) > 0.1f) || used_second[k]) return 1;
-            slots[k] = second;
-            used_second[k] = 1;
+            const FieldSlot* second = cell->field_count == 2 ? m_pool.slot(cell->data_id + 1) : nullptr;
+            const float second_dot = second ? dot(second->normal, reference) : -FLT_MAX;
+            if (second_dot > SHEET_AGREEMENT) {
+                if (used_second[k]) return 1;
+                slots[k] = second;
+                used_second[k] = 1;
+                continue;
+            }
+            // No sheet agrees: near a sharp edge the corners fit different faces, and refusing the cube
+            // would leave a slit along the edge. The best-agreeing sheet serves unless it faces away.
+            const bool take_second = second_dot > first_dot;
+            if (!((take_second ? second_dot : first_dot) > SHEET_FALLBACK_AGREEMENT)) return 1;
+            std::uint8_t& used = take_second ? used_second[k] : used_first[k];
+            if (used) return 1;
+            slots[k] = take_second ? second : first;
+            used = 1;
         }
         min_edge = half + half;
         return 0;

@@ -87,8 +87,13 @@ struct InitNormalSecondWalk {
 // surface. A cell whose points disagree with its first point gets a second try from two other points.
 TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
                                        const RawPointWithHash* points, const DeviceParameters& params) {
-    if (cell.field_flag < 0 || cell.point_count < 5 || cell.relation_offset < 0 || cell.relation_offset >= relation_size) {
+    if (cell.field_flag < 0) {
         cell.field_flag = -1;
+        return;
+    }
+    if (cell.point_count < 5 || cell.relation_offset < 0 || cell.relation_offset >= relation_size) {
+        cell.field_flag = -1;
+        setCellRejection(cell.rules, cell.point_count < 5 ? CELL_FEW_POINTS : CELL_NO_RELATIONS);
         return;
     }
     const float edge = cell.half_size + cell.half_size;
@@ -115,6 +120,7 @@ TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell
     }
     if (counts[chosen] < 5) {
         cell.field_flag = -1;
+        setCellRejection(cell.rules, CELL_NO_COMMON_NORMAL);
         return;
     }
     fitPlaneNormal(sets[chosen], counts[chosen], reference[chosen], cell.init_normal);
@@ -131,19 +137,34 @@ struct SheetSums {
     int near_count;
 };
 
+TESSA_HD inline bool sideUsable(const SheetSums& side) { return side.count > 4 && side.near_count > 0; }
+
 // Fits the side and, when the fit agrees with the reference, stores the sheet at the next free slot.
 TESSA_HD inline void storeSheet(CellNode_Device& cell, const SheetSums& side, const float reference[3],
                                 VoxelFieldCenter& centres) {
-    if (side.count <= 4 || side.near_count <= 0) return;
+    if (!sideUsable(side)) return;
     float normal[3];
     fitPlaneNormal(side.moments, side.count, reference, normal);
-    if (dot3f(normal, reference) <= 0.2f) return;
+    if (dot3f(normal, reference) <= 0.2f) {
+        setCellRejection(cell.rules, CELL_FIT_ACROSS);
+        return;
+    }
     const int slot = cell.field_flag;
     for (int k = 0; k < 3; ++k) {
         cell.fields[slot].normal[k] = normal[k];
         centres.sheet[slot][k] = side.position_sum[k] / static_cast<float>(side.near_count);
     }
     cell.field_flag = slot + 1;
+}
+
+// Whether a point takes part in a cell's sheets: the flag filter (while the cell uses it) and the
+// laser's smallest edge.
+TESSA_HD inline bool pointCountsInCell(const CellNode_Device& cell, const DeviceParameters& params, float edge,
+                                       const RawPointWithHash& p) {
+    const bool flag_filter = (cell.word & 0x100u) != 0 && (cell.rules & CELL_ALL_POINTS) == 0;
+    if (flag_filter && (p.w & 0x100) == 0) return false;
+    const float min_edge = p.laser < 8 ? params.laser_min_edge[p.laser] : 0.0f;
+    return !(edge < min_edge);
 }
 
 struct FineNormalWalk {
@@ -155,9 +176,7 @@ struct FineNormalWalk {
     SheetSums* front;
     SheetSums* back;
     TESSA_HD void operator()(const RawPointWithHash& p) const {
-        if ((cell->word & 0x100u) != 0 && (p.w & 0x100) == 0) return;
-        const float min_edge = p.laser < 8 ? params->laser_min_edge[p.laser] : 0.0f;
-        if (edge < min_edge) return;
+        if (!pointCountsInCell(*cell, *params, edge, p)) return;
         const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
         const float d = sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]);
         if (d > radius) return;
@@ -181,6 +200,8 @@ struct FineNormalWalk {
 // The front and back sheets of a cell: points whose normals lie with the initial normal form the
 // front, those against it the back; each side with enough points, near ones among them, and a fit that
 // agrees with its reference becomes a sheet, filling the slots from 0. field_flag ends at 0, 1 or 2.
+// A flagged cell takes only flagged points, unless they give no side enough points: at the border of
+// a flagged zone that would leave a pinhole, so such a cell takes all its points.
 TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
                                        const RawPointWithHash* points, const DeviceParameters& params,
                                        VoxelFieldCenter& centres) {
@@ -191,12 +212,23 @@ TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell
     field_internal::SheetSums front = {}, back = {};
     const field_internal::FineNormalWalk walk{&cell, &params, edge, radius, near_radius, &front, &back};
     walkCellPoints(cell, relations, relation_size, points, walk);
+    if ((cell.word & 0x100u) != 0 && !field_internal::sideUsable(front) && !field_internal::sideUsable(back)) {
+        cell.rules |= CELL_ALL_POINTS;
+        front = {};
+        back = {};
+        walkCellPoints(cell, relations, relation_size, points, walk);
+    }
+    if (!field_internal::sideUsable(front) && !field_internal::sideUsable(back)) {
+        setCellRejection(cell.rules, CELL_NO_SIDE);
+        return;
+    }
 
     field_internal::storeSheet(cell, front, cell.init_normal, centres);
-    if (back.count > 4 && back.near_count > 0) {
+    if (field_internal::sideUsable(back)) {
         for (int k = 0; k < 3; ++k) cell.init_normal[k] = -cell.init_normal[k];
         field_internal::storeSheet(cell, back, cell.init_normal, centres);
     }
+    if (cell.field_flag > 0) setCellRejection(cell.rules, CELL_KEPT);
 }
 
 // The weight of a point at distance d from a sheet's foot point: a bell whose width is measured in cell
@@ -238,6 +270,19 @@ struct SheetField {
     float sum[3];
     float weight;
     std::uint64_t mask;
+    // For the skirt test of a sparse cell: the points in reach that agree with the sheet, flagged or not
+    // (the border of a flagged zone is no edge of the scan).
+    float reach_sum[3];
+    float reach_weight;
+};
+
+// The points of a one-sheet cell whose normals lie across the sheet (between -0.5 and 0.15 with its
+// normal) and agree with the first of them: a second face, as next to a sharp edge.
+struct SecondFace {
+    MomentSums moments;
+    int count;
+    float reference[3];
+    float normal_sum[3];
 };
 
 struct FieldDataWalk {
@@ -252,25 +297,36 @@ struct FieldDataWalk {
     bool project;
     float foot[2][3];
     SheetField* sheets;
+    SecondFace* second_face;  // null unless the cell has one sheet
+    bool skirt_test;          // a sparse cell: gather the unfiltered centroid of each sheet
 
     TESSA_HD void operator()(const RawPointWithHash& p) const {
-        if ((cell->word & 0x100u) != 0 && (p.w & 0x100) == 0) return;
-        const float min_edge = p.laser < 8 ? params->laser_min_edge[p.laser] : 0.0f;
-        if (edge < min_edge) return;
+        const bool counts = pointCountsInCell(*cell, *params, edge, p);
+        if (!counts && !skirt_test) return;
         const float position[3] = {p.x, p.y, p.z};
         const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
         if (sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]) > radius) return;
-        bool inside = true;
-        for (int k = 0; k < 3; ++k) inside = inside && lo[k] <= position[k] && position[k] <= cell->center[k] + half_box;
         const float n[3] = {p.nx, p.ny, p.nz};
         int s;
-        if (dot3f(n, cell->fields[0].normal) > 0.15f) {
+        const float dot0 = dot3f(n, cell->fields[0].normal);
+        if (dot0 > 0.15f) {
             s = 0;
         } else if (cell->field_flag >= 2 && dot3f(n, cell->fields[1].normal) > 0.15f) {
             s = 1;
         } else {
+            if (counts && second_face != nullptr && dot0 > -0.5f) addToSecondFace(n, o);
             return;
         }
+        const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
+        const float d = sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]);
+        const float w = computeNeighbourWeight(d, edge, cell->point_count, params->gauss_weight_edge);
+        if (skirt_test) {
+            for (int k = 0; k < 3; ++k) sheets[s].reach_sum[k] += o[k] * w;
+            sheets[s].reach_weight += w;
+            if (!counts) return;
+        }
+        bool inside = true;
+        for (int k = 0; k < 3; ++k) inside = inside && lo[k] <= position[k] && position[k] <= cell->center[k] + half_box;
         const float* normal = cell->fields[s].normal;
         float q[3] = {p.x, p.y, p.z};
         if (project) {
@@ -278,9 +334,6 @@ struct FieldDataWalk {
             const float t = dot3f(m, normal);
             for (int k = 0; k < 3; ++k) q[k] = position[k] - t * normal[k];
         }
-        const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
-        const float d = sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]);
-        const float w = computeNeighbourWeight(d, edge, cell->point_count, params->gauss_weight_edge);
         SheetField& sheet = sheets[s];
         for (int k = 0; k < 3; ++k) sheet.sum[k] += (q[k] - cell->center[k]) * w;
         sheet.weight += w;
@@ -292,7 +345,72 @@ struct FieldDataWalk {
             if (bit >= 0 && bit < 64) sheet.mask |= std::uint64_t{1} << bit;  // outside 0..63: no bit
         }
     }
+
+    TESSA_HD void addToSecondFace(const float n[3], const float o[3]) const {
+        SecondFace& face = *second_face;
+        if (face.count == 0) {
+            for (int k = 0; k < 3; ++k) face.reference[k] = n[k];
+        }
+        if (dot3f(n, face.reference) <= 0.35f) return;
+        accumulateCovariance(o, face.moments);
+        for (int k = 0; k < 3; ++k) face.normal_sum[k] += n[k];
+        ++face.count;
+    }
 };
+
+// At a sharp edge a cell fits one of the two faces only, and its plane runs on past the edge. When a
+// second face crosses the sheet's plane within the cell's reach, the value at the centre becomes the
+// signed distance to the solid the two faces bound: the smaller of the two planes' distances at a convex
+// edge (each face lies behind the other's plane), the larger at a concave one.
+TESSA_HD inline void meetSecondFace(CellNode_Device& cell, const SecondFace& face, const float sheet_mean[3]) {
+    if (face.count < 5) return;
+    float mean_normal[3] = {face.normal_sum[0], face.normal_sum[1], face.normal_sum[2]};
+    const float length = sqrtf(dot3f(mean_normal, mean_normal));
+    if (!(length > 0.0f)) return;
+    for (int k = 0; k < 3; ++k) mean_normal[k] /= length;
+    float normal[3];
+    fitPlaneNormal(face.moments, face.count, mean_normal, normal);
+    // The points must lie on a plane that their own normals agree with, across the sheet.
+    if (dot3f(normal, mean_normal) <= 0.7f) return;
+    const float* sheet_normal = cell.fields[0].normal;
+    if (fabsf(dot3f(normal, sheet_normal)) >= 0.9f) return;
+    float face_mean[3];
+    for (int k = 0; k < 3; ++k) face_mean[k] = static_cast<float>(face.moments.first[k] / static_cast<double>(face.count));
+    const float d_sheet = cell.fields[0].value;
+    const float d_face = dot3f(face_mean, normal);
+    const float between[3] = {sheet_mean[0] - face_mean[0], sheet_mean[1] - face_mean[1], sheet_mean[2] - face_mean[2]};
+    const bool convex = dot3f(normal, between) - dot3f(sheet_normal, between) < 0.0f;
+    cell.fields[0].value = convex ? fminf(d_sheet, d_face) : fmaxf(d_sheet, d_face);
+    cell.rules |= CELL_CREASE;
+}
+
+// A sparse cell, whose search took one more ring of bins, keeps a sheet only if the centroid of the
+// sheet's points lies within one cell edge of the cell along the plane: beyond the edge of a scan the
+// wider search would otherwise grow the surface out past the last points. A cell at a sharp edge is
+// bounded by its second face and keeps its sheet.
+TESSA_HD inline void dropSheetsOffTheCell(CellNode_Device& cell, const SheetField sheets[2]) {
+    const float h = cell.half_size;
+    const float edge = h + h;
+    int kept = 0;
+    for (int s = 0; s < cell.field_flag && s < 2; ++s) {
+        const float* normal = cell.fields[s].normal;
+        float mean[3];
+        for (int k = 0; k < 3; ++k) mean[k] = sheets[s].reach_sum[k] / sheets[s].reach_weight;
+        const float along = dot3f(mean, normal);
+        float outside = 0.0f;  // squared distance of the in-plane centroid from the centre
+        for (int k = 0; k < 3; ++k) {
+            const float u = mean[k] - along * normal[k];
+            outside += u * u;
+        }
+        if (!(outside <= edge * edge)) continue;
+        if (kept != s) cell.fields[kept] = cell.fields[s];
+        ++kept;
+    }
+    if (kept == cell.field_flag) return;
+    for (int s = kept; s < 2; ++s) cell.fields[s] = FieldSlot{};
+    cell.field_flag = kept;
+    if (kept == 0) setCellRejection(cell.rules, CELL_OFF_CENTRE);
+}
 
 }  // namespace field_internal
 
@@ -332,15 +450,22 @@ TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2
     walk.sub_cell = box_edge * 0.25f;
     field_internal::SheetField sheets[2] = {};
     walk.sheets = sheets;
+    field_internal::SecondFace second_face = {};
+    walk.second_face = sheets_found == 1 ? &second_face : nullptr;
+    walk.skirt_test = (cell.rules & CELL_WIDENED_SEARCH) != 0;
     walkCellPoints(cell, relations, relation_size, points, walk);
 
+    float mean[2][3];
     for (int s = 0; s < sheets_found && s < 2; ++s) {
-        float mean[3];
-        for (int axis = 0; axis < 3; ++axis) mean[axis] = sheets[s].sum[axis] / sheets[s].weight;
-        cell.fields[s].value = dot3f(mean, cell.fields[s].normal);
+        for (int axis = 0; axis < 3; ++axis) mean[s][axis] = sheets[s].sum[axis] / sheets[s].weight;
+        cell.fields[s].value = dot3f(mean[s], cell.fields[s].normal);
         cell.fields[s].word = cell.word;
         cell.fields[s].occupancy = sheets[s].mask;
     }
+    if (sheets_found == 1 && cell.fields[0].value == cell.fields[0].value)  // not for a NaN value
+        field_internal::meetSecondFace(cell, second_face, mean[0]);
+    if ((cell.rules & CELL_WIDENED_SEARCH) != 0 && (cell.rules & CELL_CREASE) == 0)
+        field_internal::dropSheetsOffTheCell(cell, sheets);
 }
 
 }  // namespace SurfaceReconstruction

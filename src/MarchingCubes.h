@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "DeviceLayer.h"
 #include "Parameters.h"
 
 namespace SurfaceReconstruction {
@@ -103,9 +104,47 @@ struct CellNode_Device {
     std::int32_t point_count;     // sum of the relations' counts; -1 in a record not yet used
     std::int32_t field_flag;      // -1 no usable surface; 0, 1, 2 the number of sheets
     float init_normal[3];
+    std::uint32_t rules;          // CELL_* bits, and in bits 8-15 the CellRejection that left it without a sheet
+    std::uint32_t reserved;       // always 0
     FieldSlot fields[2];
 };
-static_assert(sizeof(CellNode_Device) == 120, "CellNode_Device has no hidden padding");
+static_assert(sizeof(CellNode_Device) == 128, "CellNode_Device has no hidden padding");
+
+// A cell with fewer points than this takes one more ring of bins into its neighbourhood.
+constexpr std::int32_t SPARSE_CELL_POINTS = 16;
+
+// What the cell building and the field computation did with a cell, in CellNode_Device::rules.
+constexpr std::uint32_t CELL_WIDENED_SEARCH = 0x1;  // a sparse cell: its search took one more ring of bins
+constexpr std::uint32_t CELL_ALL_POINTS = 0x2;      // a flagged cell whose flagged points gave no side: all points count
+constexpr std::uint32_t CELL_CREASE = 0x4;          // its value meets a second face that crosses its plane
+
+// The rule that left a cell without a sheet, in bits 8-15 of CellNode_Device::rules.
+enum CellRejection : std::uint32_t {
+    CELL_KEPT = 0,
+    CELL_FEW_POINTS = 1,        // fewer than 5 points in reach
+    CELL_NO_RELATIONS = 2,      // no relation list
+    CELL_NO_COMMON_NORMAL = 3,  // no 5 points agreeing with any of the three reference normals
+    CELL_NO_SIDE = 4,           // no side with more than 4 points, one of them near
+    CELL_FIT_ACROSS = 5,        // every side's fit lay across its reference normal
+    CELL_OFF_CENTRE = 6,        // a sparse cell whose points' centroid lies beyond one edge of it
+    CELL_REJECTION_COUNT = 7,
+};
+
+// How many cells of a run each rule of the field computation decided; a region that stays open shows
+// here why.
+struct CellRuleCounts {
+    std::uint64_t cells = 0;  // leaves with a record
+    std::uint64_t with_sheet = 0;
+    std::uint64_t rejected[CELL_REJECTION_COUNT] = {};
+    std::uint64_t widened = 0;
+    std::uint64_t all_points = 0;
+    std::uint64_t creases = 0;
+};
+
+TESSA_HD inline CellRejection cellRejection(std::uint32_t rules) { return static_cast<CellRejection>((rules >> 8) & 0xFFu); }
+TESSA_HD inline void setCellRejection(std::uint32_t& rules, CellRejection why) {
+    rules = (rules & ~0xFF00u) | (static_cast<std::uint32_t>(why) << 8);
+}
 
 // Two points, one a sheet: working array of the field computation.
 struct VoxelFieldCenter {
@@ -213,6 +252,8 @@ public:
 
     std::string getLastError() const { return m_last_error; }
     bool isInited() const { return m_inited; }
+    // What the field computation's rules decided for the cells of the run so far.
+    const CellRuleCounts& cellRuleCounts() const { return m_rule_counts; }
     float resolution() const { return m_resolution; }
     std::uint64_t rawPointsCapacity() const { return m_raw_points_capacity; }
     bool onHost() const { return m_on_host; }
@@ -259,6 +300,8 @@ private:
     bool m_bitmap_valid = false;
 
     void buildBinBitmap(const std::vector<BinsHeader>& bins_header);
+
+    CellRuleCounts m_rule_counts;
 
     // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
     void binsOfSortedPoints(std::int64_t count, std::int64_t points_offset, std::vector<BinsHeader>& bins_header);

@@ -435,6 +435,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             record.point_count += bin.point_count;
             list.push_back({bin.point_offset, bin.point_count});
         };
+        // The bin keys that the search spans, for the wider search of a sparse cell.
+        std::int32_t lo[3], hi[3];
         if (p.kind == SearchKind::Normal) {
             const int reach = searchReach(p.size, wide_search_edge);
             std::int32_t key[3];
@@ -442,6 +444,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
                     for (int k = -reach; k <= reach; ++k) take(key[0] + i, key[1] + j, key[2] + k);
+            for (int k = 0; k < 3; ++k) {
+                lo[k] = key[k] - reach;
+                hi[k] = key[k] + reach;
+            }
         } else if (p.kind == SearchKind::Coarse) {
             const float h = p.size;
             float start[3];
@@ -453,10 +459,18 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                         take(gridIndex(r * static_cast<float>(i) + start[0] + r * 0.5f, r),
                              gridIndex(r * static_cast<float>(j) + start[1] + r * 0.5f, r),
                              gridIndex(r * static_cast<float>(k) + start[2] + r * 0.5f, r));
+            for (int k = 0; k < 3; ++k) {
+                lo[k] = gridIndex(r * 0.0f + start[k] + r * 0.5f, r);
+                hi[k] = gridIndex(r * static_cast<float>(steps - 1) + start[k] + r * 0.5f, r);
+            }
         } else {
             const int reach = searchReach(p.size, wide_search_edge);
             std::int32_t base[3];
             gridKey(p.pos, r, base);
+            for (int k = 0; k < 3; ++k) {
+                lo[k] = gridIndex(static_cast<float>(-reach) * p.size + p.pos[k], r);
+                hi[k] = gridIndex(static_cast<float>(reach) * p.size + p.pos[k], r);
+            }
             bool seen[125] = {};
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
@@ -470,6 +484,18 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                             seen[slot] = true;
                         }
                         take(key[0], key[1], key[2]);
+                    }
+        }
+        // A sparse cell, most often one at the outer layer of the band of cells around the surface, takes
+        // one more ring of bins: with its few points alone it would be rejected or fit poorly, and every
+        // dual cube it is a corner of would stay open.
+        if (record.point_count < SPARSE_CELL_POINTS) {
+            record.rules |= CELL_WIDENED_SEARCH;
+            for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
+                for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y)
+                    for (std::int32_t z = lo[2] - 1; z <= hi[2] + 1; ++z) {
+                        const bool searched = x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && z >= lo[2] && z <= hi[2];
+                        if (!searched) take(x, y, z);
                     }
         }
         total_relations_size += static_cast<std::int64_t>(list.size());
@@ -573,6 +599,13 @@ void MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
         const CellNode* c = record.cell;
         const bool stores = c->data_state != 2 && c->cell_type == CELL_TYPE_LEAF && (record.field_flag == 1 || record.field_flag == 2);
         first_slot[static_cast<std::size_t>(i) + 1] = first_slot[static_cast<std::size_t>(i)] + (stores ? record.field_flag : 0);
+        if (c->cell_type != CELL_TYPE_LEAF || (record.point_count == 0 && record.relation_count == 0)) continue;  // absorbed
+        ++m_rule_counts.cells;
+        if (stores) ++m_rule_counts.with_sheet;
+        else ++m_rule_counts.rejected[cellRejection(record.rules)];
+        if (record.rules & CELL_WIDENED_SEARCH) ++m_rule_counts.widened;
+        if (record.rules & CELL_ALL_POINTS) ++m_rule_counts.all_points;
+        if (record.rules & CELL_CREASE) ++m_rule_counts.creases;
     }
     std::int32_t base = -1;
     const bool have_slots = first_slot.back() > 0 && m_field_data_pool &&

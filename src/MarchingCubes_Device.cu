@@ -169,6 +169,7 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
     }
     const int released = deInitDevice();  // a second set-up replaces the first
     if (released != 0) return released;
+    m_rule_counts = CellRuleCounts{};
     try {
         m_tmp_cell_relations_pool = std::make_shared<CellRelations_Pool>();
         const int pool_result = m_tmp_cell_relations_pool->init();

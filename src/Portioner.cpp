@@ -157,8 +157,12 @@ int Portioner::preProcessForAddScanFrame() {
         const float half = block_res * 0.5f;
         m_point_cloud_blocks.reserve(m_raw_surface_block_vec.size());
 
+        // The table grows with the block list: a wide scan has many blocks and their seam neighbours.
+        std::uint64_t buckets = PORTIONER_HASH_BUCKETS;
+        while (buckets < 2 * m_raw_surface_block_vec.size()) buckets <<= 1;
+        const std::uint64_t excess = std::max<std::uint64_t>(PORTIONER_HASH_EXCESS, m_raw_surface_block_vec.size());
         auto simple_line_hash = std::make_shared<SimpleLineHash>();
-        int result = simple_line_hash->init(PORTIONER_HASH_BUCKETS, PORTIONER_HASH_EXCESS);
+        int result = simple_line_hash->init(buckets, excess);
         if (result != 0) return result;
         m_hash_entry_size = simple_line_hash->getHashBucketSize() + simple_line_hash->getHashExcessSize();
         m_hash_mask = simple_line_hash->getHashMask();
@@ -290,6 +294,31 @@ int Portioner::finishScanFrames() {
     return deInitPartition_Device();
 }
 
+void Portioner::addSeamNeighbourBlocks() {
+    // A surface that runs along a block face, on the side of a block of its own, needs the cells of the
+    // block across the face too: the dual cubes between the two blocks' cells carry it. That block may
+    // hold no point of its own, so every neighbour of an occupied block takes part; those whose margins
+    // receive no point are dropped once the points are partitioned.
+    std::vector<RawSurfaceBlockPos> with_neighbours;
+    with_neighbours.reserve(m_raw_surface_block_vec.size() * 27);
+    for (const RawSurfaceBlockPos& pos : m_raw_surface_block_vec)
+        for (int dx = -1; dx <= 1; ++dx)
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dz = -1; dz <= 1; ++dz) with_neighbours.push_back({pos.x + dx, pos.y + dy, pos.z + dz});
+    std::sort(with_neighbours.begin(), with_neighbours.end(), RawSurfaceBlockPos_CMP_LESS());
+    with_neighbours.erase(std::unique(with_neighbours.begin(), with_neighbours.end(), RawSurfaceBlockPos_CMP_EQUAL()),
+                          with_neighbours.end());
+    m_raw_surface_block_vec.swap(with_neighbours);
+}
+
+void Portioner::dropEmptyBlocks() {
+    m_point_cloud_blocks.erase(std::remove_if(m_point_cloud_blocks.begin(), m_point_cloud_blocks.end(),
+                                              [](const std::shared_ptr<PointCloudBlock>& block) {
+                                                  return !block || !block->points || block->points->empty();
+                                              }),
+                               m_point_cloud_blocks.end());
+}
+
 void Portioner::sortBlocksBySize() {
     // The list is in position order here; a stable sort keeps that order among blocks of equal size.
     std::stable_sort(m_point_cloud_blocks.begin(), m_point_cloud_blocks.end(),
@@ -312,6 +341,7 @@ int Portioner::processWithoutModel() {
         m_last_error = "[Portioner] reOrganizeRawSurfaceBlock_Task failed!";
         return 1;
     }
+    addSeamNeighbourBlocks();
     int result = preProcessForAddScanFrame();
     if (result != 0) {
         m_last_error = "[Portioner] preProcessForAddScanFrame failed!";
@@ -327,6 +357,7 @@ int Portioner::processWithoutModel() {
     result = finishScanFrames();
     if (result != 0) return result;
     if (m_point_cloud_blocks.empty()) return 1;
+    dropEmptyBlocks();  // possibly all of them: points that the partition skips leave a run without blocks
     sortBlocksBySize();
     return 0;
 }

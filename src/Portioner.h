@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <future>
@@ -69,9 +70,14 @@ struct RawPointWithHash {
     std::uint8_t laser;
     std::uint8_t padding;  // always 0: records are compared and copied byte for byte
     std::uint16_t reserved_a;
-    std::uint16_t reserved_b;
+    std::uint32_t reserved_b;
 };
-static_assert(sizeof(RawPointWithHash) == 40, "RawPointWithHash has no hidden padding");
+// Every byte is a named field, so a record written field by field has no undefined bytes.
+static_assert(offsetof(RawPointWithHash, w) == 24 && offsetof(RawPointWithHash, hash) == 28 &&
+                  offsetof(RawPointWithHash, laser) == 32 && offsetof(RawPointWithHash, padding) == 33 &&
+                  offsetof(RawPointWithHash, reserved_a) == 34 && offsetof(RawPointWithHash, reserved_b) == 36 &&
+                  sizeof(RawPointWithHash) == 40,
+              "RawPointWithHash has no hidden padding");
 
 // Orders by `hash` as unsigned, then by every other field's bits, so that the points of a block come
 // out in one order whatever order the threads wrote them in.
@@ -200,6 +206,8 @@ private:
     int finishScanFrames();
     int processScanFrameList_Task();
     int waitForBatch();
+    void addSeamNeighbourBlocks();
+    void dropEmptyBlocks();
     void sortBlocksBySize();
     void clearAddingSlots();
     int growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_t changes);

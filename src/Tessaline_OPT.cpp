@@ -29,6 +29,18 @@ int printStepReport(ProcessStepInfo& info) {
     return 1;
 }
 
+void printCellRuleCounts(const CellRuleCounts& counts) {
+    const auto n = [](std::uint64_t v) { return static_cast<unsigned long long>(v); };
+    std::printf("[MarchingCubes] cells %llu, %llu with a surface; without one: %llu with fewer than 5 points, %llu "
+                "without relations, %llu without a common normal, %llu without a side of 5 points, %llu with fits "
+                "across their normals, %llu sparse and off their points; %llu sparse cells widened, %llu flagged "
+                "cells on all their points, %llu at a sharp edge\n",
+                n(counts.cells), n(counts.with_sheet), n(counts.rejected[CELL_FEW_POINTS]),
+                n(counts.rejected[CELL_NO_RELATIONS]), n(counts.rejected[CELL_NO_COMMON_NORMAL]),
+                n(counts.rejected[CELL_NO_SIDE]), n(counts.rejected[CELL_FIT_ACROSS]), n(counts.rejected[CELL_OFF_CENTRE]),
+                n(counts.widened), n(counts.all_points), n(counts.creases));
+}
+
 Tessaline_OPT::~Tessaline_OPT() {
     if (m_inited) deInit();
 }
@@ -408,6 +420,7 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
             block.reset();  // at most one block is held outside the Portioner's list
         }
 
+        printCellRuleCounts(m_marching_cubes->cellRuleCounts());
         reportStep(STEP_MESH, 3, 1, 1);
         result = m_marching_cubes->deInitDevice();
         if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);

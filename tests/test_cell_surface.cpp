@@ -199,6 +199,28 @@ TEST_F(DualCube, AMarkedFirstSlotBlocksTheSecondAttempt) {
     EXPECT_EQ(triangles.size(), 2u);
 }
 
+TEST_F(DualCube, ACornerWithNoAgreeingSheetTakesItsBestAboveTheFallbackBound) {
+    // Near a sharp edge neighbouring corners fit different faces. Corner 6's sheets lie across the
+    // reference (+z): the better one serves while its dot product stays above -0.2.
+    const auto withCorner6 = [this](std::initializer_list<std::pair<float, float>> corner6) {
+        for (int k = 0; k < 8; ++k) {
+            if (k == 6) continue;
+            sheets(k, {{((k >> 2) & 1) ? -0.5f : 0.5f, 1.0f}});
+        }
+        sheets(6, corner6);
+        return contour();
+    };
+    EXPECT_EQ(withCorner6({{-0.5f, 0.05f}}).size(), 2u);
+    EXPECT_EQ(withCorner6({{-0.5f, -0.19f}}).size(), 2u);
+    EXPECT_TRUE(withCorner6({{-0.5f, -0.2f}}).empty());
+    EXPECT_TRUE(withCorner6({{-0.5f, -0.9f}}).empty());
+    // Of two sheets across the reference the better one is taken: its value is the one contoured.
+    const auto two = withCorner6({{0.5f, -0.15f}, {-0.5f, 0.05f}});
+    ASSERT_EQ(two.size(), 2u);
+    for (const auto& [xyz, w] : two)
+        for (int v = 0; v < 3; ++v) EXPECT_FLOAT_EQ(xyz.xyz[3 * v + 2], 0.5f);
+}
+
 TEST_F(DualCube, AValueOfZeroIsNotNegativeAndDegenerateTrianglesAreDropped) {
     // Corner 0 at exactly 0, its neighbours negative: vertices fall on corner 0 and collapse.
     for (int k = 0; k < 8; ++k) sheets(k, {{k == 0 ? 0.0f : -1.0f, 1.0f}});

@@ -248,11 +248,14 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
 }
 
 TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
-    // Points in three blocks along x, whatever the block size (128 to 512 cells of 0.5).
+    // Points in three blocks along x, whatever the block size (128 to 512 cells of 0.5), each farther
+    // than a margin from the block faces.
     auto spread = makeFrame(3, 8);
-    spread->xyz = {{-300.0f, 2.0f, 3.0f}, {10.0f, 2.0f, 3.0f}, {300.0f, 2.0f, 3.0f}};
+    spread->xyz = {{-300.0f, 30.0f, 40.0f}, {20.0f, 30.0f, 40.0f}, {300.0f, 30.0f, 40.0f}};
     auto g = makeFrame(3, -1);
     auto h = makeFrame(2, 3);
+    for (auto& frame : {g, h})
+        for (Vec3f& p : frame->xyz) p = {p[0] + 20.0f, 30.0f, 40.0f};
     for (auto& fr : {spread, g, h}) ASSERT_EQ(engine.addScanFrame(fr), 0);
     recordSteps();
     auto mesh = std::make_shared<MultiMeshData>();

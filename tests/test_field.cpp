@@ -238,17 +238,28 @@ TEST(FineNormals, AFitAcrossTheInitialNormalIsDropped) {
 
 TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
     {
-        // The cell wants bit 8: four such points are too few, whatever the others say.
+        // The cell wants bit 8: with enough flagged points the others do not count, not even in the
+        // centroid (flagged points at z = 0, the others at z = 0.2).
+        SheetCase c;
+        c.cell.word = 0x108;
+        for (int i = 0; i < 6; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 0x108);
+        for (int i = 0; i < 6; ++i) c.addWithWord(-0.1f * i, 0.07f * i, 0.2f, 1.0f, 0x008);
+        c.runFine();
+        ASSERT_EQ(c.cell.field_flag, 1);
+        EXPECT_EQ(c.centres.sheet[0][2], 0.0f);
+        EXPECT_EQ(c.cell.rules & CELL_ALL_POINTS, 0u);
+    }
+    {
+        // Four flagged points give no side: at the border of a flagged zone the cell takes all nine
+        // rather than leave a pinhole.
         SheetCase c;
         c.cell.word = 0x108;
         for (int i = 0; i < 4; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 0x108);
-        for (int i = 0; i < 5; ++i) c.addWithWord(-0.1f * i, 0.07f * i, 0.0f, 1.0f, 0x008);
+        for (int i = 0; i < 5; ++i) c.addWithWord(-0.1f * i, 0.07f * i, 0.2f, 1.0f, 0x008);
         c.runFine();
-        EXPECT_EQ(c.cell.field_flag, 0);
-        c.cell.word = 0x008;
-        c.cell.field_flag = 0;
-        c.runFine();
-        EXPECT_EQ(c.cell.field_flag, 1);  // without the bit all nine count
+        ASSERT_EQ(c.cell.field_flag, 1);
+        EXPECT_NE(c.cell.rules & CELL_ALL_POINTS, 0u);
+        EXPECT_NEAR(c.centres.sheet[0][2], 0.2f * 5 / 9, 1e-6f);
     }
     {
         // Laser 2 only counts in cells of edge 1 or more; this cell's edge is 0.5.
@@ -322,4 +333,95 @@ TEST(FieldValues, ASheetWithoutAgreeingPointsIsNaN) {
     for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.0f, 0.0f, 1, 0, 0);  // across the sheet's normal
     c.runValues();
     EXPECT_TRUE(std::isnan(c.cell.fields[0].value));
+}
+
+// ---- sharp edges and sparse cells -------------------------------------------------------------------
+
+namespace {
+
+// A cell of edge 0.5 at the origin run through all three passes.
+struct ThreePassCase : CellCase {
+    VoxelFieldCenter centres{};
+
+    void runAll() {
+        run();
+        computeFineNormal(cell, relations.data(), 1, points.data(), params, centres);
+        computeFieldData(cell, relations.data(), 1, points.data(), params, centres);
+    }
+};
+
+}  // namespace
+
+TEST(FieldValues, AtASharpEdgeTheValueIsTheDistanceToTheSolid) {
+    {
+        // Convex: the top face z = 0.1 over x <= -0.2 (normal +z) meets the side face x = -0.2 (normal
+        // +x). The cell fits the top, but its centre lies outside the side face: the distance to the
+        // solid is -0.2 there, not the top plane's +0.1.
+        ThreePassCase c;
+        for (int i = 0; i < 60; ++i) c.add(-0.2f - 0.02f * i, -0.7f + 0.05f * (i % 29), 0.1f, 0, 0, 1);
+        for (int i = 0; i < 12; ++i) c.add(-0.2f, -0.6f + 0.1f * i, 0.1f - 0.05f - 0.1f * (i % 5), 1, 0, 0);
+        c.runAll();
+        ASSERT_EQ(c.cell.field_flag, 1);
+        EXPECT_NEAR(c.cell.fields[0].normal[2], 1.0f, 1e-4f);
+        EXPECT_NE(c.cell.rules & CELL_CREASE, 0u);
+        EXPECT_NEAR(c.cell.fields[0].value, -0.2f, 1e-5f);
+    }
+    {
+        // Concave: the floor z = -0.1 over x >= 0.2 (normal +z) meets a wall x = 0.2 rising from it
+        // (normal +x, the solid on its low side). The centre lies inside the wall's solid, 0.2 from its
+        // face, while the floor plane alone says -0.1.
+        ThreePassCase c;
+        for (int i = 0; i < 60; ++i) c.add(0.2f + 0.02f * i, -0.7f + 0.05f * (i % 29), -0.1f, 0, 0, 1);
+        for (int i = 0; i < 12; ++i) c.add(0.2f, -0.6f + 0.1f * i, -0.05f + 0.1f * (i % 5), 1, 0, 0);
+        c.runAll();
+        ASSERT_EQ(c.cell.field_flag, 1);
+        EXPECT_NE(c.cell.rules & CELL_CREASE, 0u);
+        EXPECT_NEAR(c.cell.fields[0].value, 0.2f, 1e-5f);
+    }
+    {
+        // Four points across are no face: the plane's own value stays.
+        ThreePassCase c;
+        for (int i = 0; i < 60; ++i) c.add(-0.2f - 0.02f * i, -0.7f + 0.05f * (i % 29), 0.1f, 0, 0, 1);
+        for (int i = 0; i < 4; ++i) c.add(-0.2f, -0.6f + 0.3f * i, 0.05f - 0.1f * i, 1, 0, 0);
+        c.runAll();
+        ASSERT_EQ(c.cell.field_flag, 1);
+        EXPECT_EQ(c.cell.rules & CELL_CREASE, 0u);
+        EXPECT_NEAR(c.cell.fields[0].value, 0.1f, 1e-5f);
+    }
+}
+
+TEST(FieldValues, ASparseCellKeepsItsSheetOnlyWhenItsPointsSurroundIt) {
+    // Points of the plane z = 0.05 beyond x = 0.6 only: the cell lies past the edge of the scan. Found
+    // through the wider search of a sparse cell the sheet is dropped; with the normal search kept.
+    for (const bool widened : {true, false}) {
+        ThreePassCase c;
+        if (widened) c.cell.rules = CELL_WIDENED_SEARCH;
+        for (int i = 0; i < 20; ++i) c.add(0.6f + 0.04f * i, -0.5f + 0.05f * i, 0.05f, 0, 0, 1);
+        c.runAll();
+        EXPECT_EQ(c.cell.field_flag, widened ? 0 : 1);
+        EXPECT_EQ(cellRejection(c.cell.rules), widened ? CELL_OFF_CENTRE : CELL_KEPT);
+    }
+    // The same cell with the points around it keeps the sheet, widened or not.
+    ThreePassCase around;
+    around.cell.rules = CELL_WIDENED_SEARCH;
+    for (int i = 0; i < 20; ++i) around.add(-0.8f + 0.08f * i, 0.3f * std::sin(1.7f * i), 0.05f, 0, 0, 1);
+    around.runAll();
+    ASSERT_EQ(around.cell.field_flag, 1);
+    EXPECT_NEAR(around.cell.fields[0].value, 0.05f, 1e-5f);
+}
+
+TEST(InitNormals, EachRejectionNamesItsRule) {
+    CellCase few;
+    tiltedPlane(few, 3);
+    few.run();
+    EXPECT_EQ(cellRejection(few.cell.rules), CELL_FEW_POINTS);
+
+    CellCase scattered;  // the case of TwoOfFiveAgreeingWithoutAnotherMajorityRejects
+    scattered.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
+    scattered.add(0.3f, 0.0f, 0.0f, 0, 0, 1);
+    scattered.add(0.0f, 0.3f, 0.0f, 1, 0, 0);
+    scattered.add(0.2f, 0.2f, 0.1f, 0, 1, 0);
+    scattered.add(-0.2f, 0.1f, 0.2f, 0, -1, 0);
+    scattered.run();
+    EXPECT_EQ(cellRejection(scattered.cell.rules), CELL_NO_COMMON_NORMAL);
 }

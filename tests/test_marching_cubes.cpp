@@ -279,12 +279,12 @@ protected:
 TEST_F(CellsTest, IsolatedBinMakesTwentySevenCellsAndTwoAdjacentThirtySix) {
     setUp(0.5f);
     {
-        const auto result = cells({bin(60, 60, 60, 8, 5, 0)});
+        const auto result = cells({bin(60, 60, 60, 8, 20, 0)});
         ASSERT_EQ(result->cell_node_size.load(), 27);
         EXPECT_EQ(result->relation_size.load(), 27);
         for (const CellNode_Device& record : result->cell_nodes) {
             EXPECT_FLOAT_EQ(record.half_size, 0.25f);
-            EXPECT_EQ(record.point_count, 5);
+            EXPECT_EQ(record.point_count, 20);
             EXPECT_EQ(record.relation_count, 1);
             EXPECT_EQ(record.word & 0xFF, 8u);
             EXPECT_EQ(record.cell->cell_type, CELL_TYPE_LEAF);
@@ -292,18 +292,33 @@ TEST_F(CellsTest, IsolatedBinMakesTwentySevenCellsAndTwoAdjacentThirtySix) {
         }
     }
     {
-        const auto result = cells({bin(40, 40, 40, 8, 2, 0), bin(41, 40, 40, 8, 3, 2)});
+        const auto result = cells({bin(40, 40, 40, 8, 20, 0), bin(41, 40, 40, 8, 30, 20)});
         ASSERT_EQ(result->cell_node_size.load(), 36);
         int two = 0;
         for (const CellNode_Device& record : result->cell_nodes) {
             ASSERT_TRUE(record.relation_count == 1 || record.relation_count == 2);
             two += record.relation_count == 2 ? 1 : 0;
             if (record.relation_count == 2) {
-                EXPECT_EQ(record.point_count, 5);
+                EXPECT_EQ(record.point_count, 50);
             }
+            EXPECT_EQ(record.rules & CELL_WIDENED_SEARCH, 0u);
         }
         EXPECT_EQ(two, 18);  // the cells that both bins reach
         EXPECT_EQ(result->relation_size.load(), 27 + 27);
+    }
+    {
+        // Sparse cells (below 16 points) take one more ring of bins: the bin two steps away joins the
+        // cells next to the first bin, and so do the bins of the second ring of their own searches.
+        const auto result = cells({bin(70, 70, 70, 8, 5, 0), bin(72, 70, 70, 8, 4, 5)});
+        ASSERT_EQ(result->cell_node_size.load(), 54 - 9);  // the column between them is made by both
+        for (const CellNode_Device& record : result->cell_nodes) {
+            EXPECT_NE(record.rules & CELL_WIDENED_SEARCH, 0u);
+            // Cells at keys 69 to 73; a cell reaches a bin within two keys of it.
+            const int key = static_cast<int>(std::floor(record.center[0] / 0.5f));
+            const bool both = key >= 70 && key <= 72;
+            EXPECT_EQ(record.relation_count, both ? 2 : 1) << "cell at x key " << key;
+            EXPECT_EQ(record.point_count, both ? 9 : (key < 70 ? 5 : 4)) << "cell at x key " << key;
+        }
     }
 }
 

@@ -291,8 +291,13 @@ TEST(PortionerRuns, MarginRules) {
         EXPECT_EQ(run.copiesOf({62.0f, 30.0f, 30.0f}), 2);  // at a face with a neighbour
     }
     {
+        // At a face of a neighbour with no points of its own: that block is made for its margin, so that
+        // a surface along the face is contoured across it; a block whose margin gets nothing is not made.
         PortionerRun run({frameOf({centre0, {62.0f, 30.0f, 30.0f}})});
-        EXPECT_EQ(run.copiesOf({62.0f, 30.0f, 30.0f}), 1);  // at a face without a neighbour
+        EXPECT_EQ(run.copiesOf({62.0f, 30.0f, 30.0f}), 2);
+        const auto blocks = run.blocks();
+        ASSERT_EQ(blocks.size(), 2u);
+        EXPECT_EQ(blocks.at({1, 0, 0}).size(), 1u);
     }
     {
         // Exactly half_ext from the neighbour's centre is inside; one float step farther is not.
@@ -312,25 +317,20 @@ TEST(PortionerRuns, MarginRules) {
     }
 }
 
-TEST(PortionerRuns, PointsNearTheOriginAreSkippedButMakeTheirBlock) {
+TEST(PortionerRuns, PointsNearTheOriginAreSkipped) {
     {
-        // Both near-origin points make their blocks in the first pass and are skipped in the second.
+        // Both near-origin points are skipped in the second pass: their blocks end up empty and are dropped.
         PortionerRun run({frameOf({{0.05f, 0.05f, 0.05f}, {-0.05f, 0.0f, 0.0f}, {200.0f, 200.0f, 200.0f}})});
         ASSERT_EQ(run.status, 0);
         const auto blocks = run.blocks();
-        ASSERT_EQ(blocks.size(), 3u);
-        EXPECT_TRUE(blocks.at({0, 0, 0}).empty());
-        EXPECT_TRUE(blocks.at({-1, 0, 0}).empty());
+        ASSERT_EQ(blocks.size(), 1u);
         EXPECT_EQ(blocks.at({3, 3, 3}).size(), 1u);
-        std::shared_ptr<PointCloudBlock> first, last;
-        run.portioner.getPointCloudBlock(first, 0);
-        run.portioner.getPointCloudBlock(last, 2);
-        EXPECT_EQ(first->points->size(), 1u);
-        EXPECT_TRUE(last->points->empty());  // empty blocks sort to the end
     }
     {
-        PortionerRun run({frameOf({{0.05f, 0.05f, 0.1f}})});  // strictly below 0.1 on all axes is skipped
-        EXPECT_EQ(run.copiesOf({0.05f, 0.05f, 0.1f}), 1);
+        // Strictly below 0.1 on all axes is skipped; this one is kept, in its block and in the margins of
+        // the seven others around the origin.
+        PortionerRun run({frameOf({{0.05f, 0.05f, 0.1f}})});
+        EXPECT_EQ(run.copiesOf({0.05f, 0.05f, 0.1f}), 8);
     }
 }
 

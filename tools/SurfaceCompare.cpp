@@ -29,6 +29,7 @@ public:
             total += 0.5 * std::sqrt(cx * cx + cy * cy + cz * cz);
             cumulative[t] = total;
         }
+        m_area = total;
         if (total > 0) {
             std::mt19937_64 random(12345);
             const auto uniform = [&random]() { return static_cast<double>(random() >> 11) * (1.0 / 9007199254740992.0); };
@@ -235,6 +236,7 @@ Comparison compareSurfaces(const Surface& mesh, const Surface& reference, const 
     }
     result.coverage_threshold = coverage_threshold;
     result.coverage = shareWithin(backward, coverage_threshold);
+    result.far_area = mesh.area() * (1.0 - shareWithin(forward, result.far_threshold));
     return result;
 }
 

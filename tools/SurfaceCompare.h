@@ -42,9 +42,12 @@ public:
     virtual ~Surface() = default;
     virtual float distance(const P3& p) const = 0;
     const std::vector<P3>& samples() const { return m_samples; }
+    // The area the samples stand for, in square units; 0 where it is not known.
+    double area() const { return m_area; }
 
 protected:
     std::vector<P3> m_samples;
+    double m_area = 0;
 };
 
 // A triangle mesh: `sample_count` points spread by area (deterministic).
@@ -65,6 +68,8 @@ struct Comparison {
     std::vector<double> thresholds, fscore, precision, recall;
     double coverage_threshold = 0;
     double coverage = 0;           // share of the reference within coverage_threshold of the mesh
+    double far_threshold = 0.25;
+    double far_area = 0;           // area of the mesh farther than far_threshold from the reference
 };
 
 // `thresholds` for the F-scores; the reference counts as covered where the mesh lies within

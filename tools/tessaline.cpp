@@ -131,7 +131,8 @@ void printComparison(const tessaline_tools::Comparison& c, const char* reference
     std::printf("chamfer distance %.4f %s", c.chamfer, unit);
     for (std::size_t i = 0; i < c.thresholds.size(); ++i)
         std::printf(", F-score at %g %.3f", c.thresholds[i], c.fscore[i]);
-    std::printf("\n%s covered (within %g %s): %.1f%%\n", reference, c.coverage_threshold, unit, 100.0 * c.coverage);
+    std::printf("\n%s covered (within %g %s): %.1f%%; mesh area farther than %g %s from it: %.1f %s2\n", reference,
+                c.coverage_threshold, unit, 100.0 * c.coverage, c.far_threshold, unit, c.far_area, unit);
 }
 
 std::vector<double> parseThresholds(const std::string& text) {
