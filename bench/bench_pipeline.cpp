@@ -4,6 +4,7 @@
 // file and prints a table.
 #include <malloc.h>
 #include <omp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,7 +16,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 #include "RangeScan.h"
@@ -68,7 +68,8 @@ void readDiagnostics(const std::string& path, Case& c) {
         }
         long value = 0;
         if (std::sscanf(line.c_str(), "cell_node_size: %ld", &value) == 1) c.cells += static_cast<std::size_t>(value);
-        if (std::sscanf(line.c_str(), "mc-bin_header_size: %ld", &value) == 1) c.bins += static_cast<std::size_t>(value);
+        if (std::sscanf(line.c_str(), "mc-bin_header_size: %ld", &value) == 1)
+            c.bins += static_cast<std::size_t>(value);
     }
 }
 
@@ -98,7 +99,8 @@ Case runCase(const std::string& name, tessaline_tools::Frames frames, double inp
 std::string json(const std::vector<Case>& cases, const std::string& machine, int threads, bool memory_reset) {
     std::ostringstream out;
     out << "{\n  \"machine\": \"" << machine << "\",\n  \"threads\": " << threads << ",\n  \"resolution_mm\": 0.5,\n"
-        << "  \"peak_memory\": \"" << (memory_reset ? "per case (VmHWM reset before each)" : "process peak so far") << "\",\n"
+        << "  \"peak_memory\": \"" << (memory_reset ? "per case (VmHWM reset before each)" : "process peak so far")
+        << "\",\n"
         << "  \"cases\": [\n";
     for (std::size_t i = 0; i < cases.size(); ++i) {
         const Case& c = cases[i];
@@ -112,8 +114,9 @@ std::string json(const std::vector<Case>& cases, const std::string& machine, int
             << ", \"cells\": " << c.cells << ", \"triangles\": " << c.triangles
             << ",\n     \"accuracy_mm\": {\"to_reference_median\": " << a.to_reference.median
             << ", \"to_reference_p95\": " << a.to_reference.p95 << ", \"to_reference_max\": " << a.to_reference.max
-            << ", \"from_reference_median\": " << a.from_reference.median << ", \"from_reference_p95\": " << a.from_reference.p95
-            << ", \"chamfer\": " << a.chamfer << ", \"fscore_0.1\": " << a.fscore[0] << ", \"fscore_0.5\": " << a.fscore[1]
+            << ", \"from_reference_median\": " << a.from_reference.median
+            << ", \"from_reference_p95\": " << a.from_reference.p95 << ", \"chamfer\": " << a.chamfer
+            << ", \"fscore_0.1\": " << a.fscore[0] << ", \"fscore_0.5\": " << a.fscore[1]
             << ", \"coverage_1mm\": " << a.coverage << "},\n     \"library_timers_ms\": {";
         bool first = true;
         for (const auto& step : c.step_ms) {
@@ -127,19 +130,21 @@ std::string json(const std::vector<Case>& cases, const std::string& machine, int
 }
 
 void printTable(const std::vector<Case>& cases) {
-    std::printf("| case | points | frames | process s | blocks s | fusion s | mesh s | Mpoints/s | peak MiB | blocks | "
-                "cells | triangles | median mm | p95 mm | Chamfer mm | F@0.1 | F@0.5 | covered |\n");
+    std::printf(
+        "| case | points | frames | process s | blocks s | fusion s | mesh s | Mpoints/s | peak MiB | blocks | "
+        "cells | triangles | median mm | p95 mm | Chamfer mm | F@0.1 | F@0.5 | covered |\n");
     std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     for (const Case& c : cases) {
         const auto& a = c.accuracy;
         // The library reports cell counts for blocks that ask for other cell sizes than one a bin.
         const std::string cells = c.cells > 0 ? std::to_string(c.cells) : std::string("-");
-        std::printf("| %s | %zu | %zu | %.2f | %.2f | %.2f | %.2f | %.2f | %.0f | %d | %s | %zu | %.4f | %.4f | %.4f | %.3f | "
-                    "%.3f | %.1f%% |\n",
-                    c.name.c_str(), c.points, c.frames, c.run.seconds, c.run.stage_seconds[0], c.run.stage_seconds[1],
-                    c.run.stage_seconds[2], c.run.seconds > 0 ? c.points / c.run.seconds / 1e6 : 0.0, c.peak_mib, c.run.blocks,
-                    cells.c_str(), c.triangles, a.to_reference.median, a.to_reference.p95, a.chamfer, a.fscore[0], a.fscore[1],
-                    100.0 * a.coverage);
+        std::printf(
+            "| %s | %zu | %zu | %.2f | %.2f | %.2f | %.2f | %.2f | %.0f | %d | %s | %zu | %.4f | %.4f | %.4f | %.3f | "
+            "%.3f | %.1f%% |\n",
+            c.name.c_str(), c.points, c.frames, c.run.seconds, c.run.stage_seconds[0], c.run.stage_seconds[1],
+            c.run.stage_seconds[2], c.run.seconds > 0 ? c.points / c.run.seconds / 1e6 : 0.0, c.peak_mib, c.run.blocks,
+            cells.c_str(), c.triangles, a.to_reference.median, a.to_reference.p95, a.chamfer, a.fscore[0], a.fscore[1],
+            100.0 * a.coverage);
     }
 }
 
@@ -183,12 +188,13 @@ int main(int argc, char** argv) {
         } else if (arg == "--data" && i + 1 < argc) {
             data_dir = argv[++i];
         } else if (arg == "--help") {
-            std::printf("Usage: tessaline_bench [--smoke] [--no-bunny] [--sizes 0.3,1,3,10] [--out FILE.json] [--data DIR]\n"
-                        "  --smoke     the smallest simulated scan only (0.3 million points), no bunny\n"
-                        "  --no-bunny  leave out the Stanford bunny scans\n"
-                        "  --sizes     simulated scans to run, millions of points (default 0.3,1,3,10)\n"
-                        "  --out       the JSON file (default bench-results.json)\n"
-                        "  --data      the folder holding stanford-bunny/ (default ../shared/data beside the source)\n");
+            std::printf(
+                "Usage: tessaline_bench [--smoke] [--no-bunny] [--sizes 0.3,1,3,10] [--out FILE.json] [--data DIR]\n"
+                "  --smoke     the smallest simulated scan only (0.3 million points), no bunny\n"
+                "  --no-bunny  leave out the Stanford bunny scans\n"
+                "  --sizes     simulated scans to run, millions of points (default 0.3,1,3,10)\n"
+                "  --out       the JSON file (default bench-results.json)\n"
+                "  --data      the folder holding stanford-bunny/ (default ../shared/data beside the source)\n");
             return 0;
         } else {
             std::fprintf(stderr, "tessaline_bench: unknown argument '%s' (see --help)\n", arg.c_str());
@@ -234,9 +240,10 @@ int main(int argc, char** argv) {
         std::ofstream out(out_path);
         out << json(cases, machineName(), omp_get_max_threads(), memory_reset);
         if (!out.flush()) throw std::runtime_error(out_path + ": cannot write the file");
-        std::printf("%s, %d threads, resolution 0.5 mm; accuracy against the true surface (part) or Stanford's "
-                    "reference (bunny)\n\n",
-                    machineName().c_str(), omp_get_max_threads());
+        std::printf(
+            "%s, %d threads, resolution 0.5 mm; accuracy against the true surface (part) or Stanford's "
+            "reference (bunny)\n\n",
+            machineName().c_str(), omp_get_max_threads());
         printTable(cases);
         std::printf("\nwrote %s\n", out_path.c_str());
     } catch (const std::exception& e) {

@@ -28,8 +28,8 @@ constexpr float SHEET_FALLBACK_AGREEMENT = -0.2f;
 inline std::uint32_t computeQualityWord(const std::uint64_t masks[8], float min_edge) {
     const int divisor = 2;
     const int bar = min_edge >= 0.1f ? 1 : 3;
-    constexpr std::uint64_t OCTANT_MASKS[8] = {0x330033ull,         0xcc00ccull,         0x33003300ull,
-                                               0xcc00cc00ull,       0x330033ull << 32,   0xcc00ccull << 32,
+    constexpr std::uint64_t OCTANT_MASKS[8] = {0x330033ull,         0xcc00ccull,        0x33003300ull,
+                                               0xcc00cc00ull,       0x330033ull << 32,  0xcc00ccull << 32,
                                                0x33003300ull << 32, 0xcc00cc00ull << 32};
     int n = 0;
     float s = 0.0f;
@@ -180,8 +180,10 @@ private:
     }
 
     // The winding makes the triangle face where the field is below 0.
-    void emitTriangle(const float vertices[12][3], const std::uint32_t words[12], int a, int b, int c, bool reflected) const {
-        if (coincide(vertices[a], vertices[b]) || coincide(vertices[a], vertices[c]) || coincide(vertices[b], vertices[c]))
+    void emitTriangle(const float vertices[12][3], const std::uint32_t words[12], int a, int b, int c,
+                      bool reflected) const {
+        if (coincide(vertices[a], vertices[b]) || coincide(vertices[a], vertices[c]) ||
+            coincide(vertices[b], vertices[c]))
             return;
         const int order[3] = {reflected ? a : c, b, reflected ? c : a};
         TriangleXYZ xyz;

@@ -31,7 +31,13 @@ enum : DeviceResult {
     DEVICE_ERROR_UNKNOWN = 999,
 };
 
-enum class DeviceAttribute { ComputeMode, ComputeCapabilityMajor, ComputeCapabilityMinor, MultiProcessorCount, ClockRate };
+enum class DeviceAttribute {
+    ComputeMode,
+    ComputeCapabilityMajor,
+    ComputeCapabilityMinor,
+    MultiProcessorCount,
+    ClockRate
+};
 enum class CopyKind { HostToDevice, DeviceToHost, DeviceToDevice };
 
 // Compute mode in which no thread may make the device current.
@@ -94,29 +100,29 @@ struct DeviceRuntimeSeam {
 void installDeviceRuntimeSeam(const DeviceRuntimeSeam* seam);
 
 // The standard call pattern: check, report with the given expression text, throw DeviceError.
-#define TESSA_DEVICE_CHECK(call, expression)                                             \
-    do {                                                                                  \
+#define TESSA_DEVICE_CHECK(call, expression)                                                     \
+    do {                                                                                         \
         if (!::SurfaceReconstruction::checkDeviceCall((call), (expression), __FILE__, __LINE__)) \
-            throw ::SurfaceReconstruction::DeviceError();                                 \
+            throw ::SurfaceReconstruction::DeviceError();                                        \
     } while (0)
 
 // Guarded, repeatable release: a null pointer makes no call; the pointer is nulled only after the
 // free succeeded, so a later attempt starts again at the first member still held.
-#define TESSA_DEVICE_RELEASE(ptr, expression)                                     \
-    do {                                                                           \
-        if ((ptr) != nullptr) {                                                    \
+#define TESSA_DEVICE_RELEASE(ptr, expression)                                         \
+    do {                                                                              \
+        if ((ptr) != nullptr) {                                                       \
             TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceFree(ptr), expression); \
-            (ptr) = nullptr;                                                       \
-        }                                                                          \
+            (ptr) = nullptr;                                                          \
+        }                                                                             \
     } while (0)
 
 // A device copy of one host record: allocation and upload, each checked with its expression text.
-#define TESSA_DEVICE_UPLOAD(dev, host, malloc_expression, copy_expression)                                  \
-    do {                                                                                                     \
-        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMalloc(&(dev), sizeof(host)), malloc_expression); \
-        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMemcpy((dev), &(host), sizeof(host),             \
+#define TESSA_DEVICE_UPLOAD(dev, host, malloc_expression, copy_expression)                                         \
+    do {                                                                                                           \
+        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMalloc(&(dev), sizeof(host)), malloc_expression);        \
+        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMemcpy((dev), &(host), sizeof(host),                     \
                                                                  ::SurfaceReconstruction::CopyKind::HostToDevice), \
-                           copy_expression);                                                                 \
+                           copy_expression);                                                                       \
     } while (0)
 
 // A temporary device buffer of one operation, freed on every path; release() frees it with the checked

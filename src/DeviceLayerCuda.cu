@@ -9,20 +9,28 @@ namespace backend {
 namespace {
 cudaDeviceAttr toCuda(DeviceAttribute attribute) {
     switch (attribute) {
-        case DeviceAttribute::ComputeMode: return cudaDevAttrComputeMode;
-        case DeviceAttribute::ComputeCapabilityMajor: return cudaDevAttrComputeCapabilityMajor;
-        case DeviceAttribute::ComputeCapabilityMinor: return cudaDevAttrComputeCapabilityMinor;
-        case DeviceAttribute::MultiProcessorCount: return cudaDevAttrMultiProcessorCount;
-        case DeviceAttribute::ClockRate: return cudaDevAttrClockRate;
+        case DeviceAttribute::ComputeMode:
+            return cudaDevAttrComputeMode;
+        case DeviceAttribute::ComputeCapabilityMajor:
+            return cudaDevAttrComputeCapabilityMajor;
+        case DeviceAttribute::ComputeCapabilityMinor:
+            return cudaDevAttrComputeCapabilityMinor;
+        case DeviceAttribute::MultiProcessorCount:
+            return cudaDevAttrMultiProcessorCount;
+        case DeviceAttribute::ClockRate:
+            return cudaDevAttrClockRate;
     }
     return cudaDevAttrComputeMode;
 }
 
 cudaMemcpyKind toCuda(CopyKind kind) {
     switch (kind) {
-        case CopyKind::HostToDevice: return cudaMemcpyHostToDevice;
-        case CopyKind::DeviceToHost: return cudaMemcpyDeviceToHost;
-        case CopyKind::DeviceToDevice: return cudaMemcpyDeviceToDevice;
+        case CopyKind::HostToDevice:
+            return cudaMemcpyHostToDevice;
+        case CopyKind::DeviceToHost:
+            return cudaMemcpyDeviceToHost;
+        case CopyKind::DeviceToDevice:
+            return cudaMemcpyDeviceToDevice;
     }
     return cudaMemcpyDefault;
 }
@@ -33,7 +41,9 @@ DeviceResult getAttribute(int* value, DeviceAttribute attribute, int device) {
     return cudaDeviceGetAttribute(value, toCuda(attribute), device);
 }
 DeviceResult setDevice(int device) { return cudaSetDevice(device); }
-DeviceResult memGetInfo(std::size_t* free_bytes, std::size_t* total_bytes) { return cudaMemGetInfo(free_bytes, total_bytes); }
+DeviceResult memGetInfo(std::size_t* free_bytes, std::size_t* total_bytes) {
+    return cudaMemGetInfo(free_bytes, total_bytes);
+}
 DeviceResult malloc(void** ptr, std::size_t bytes) { return cudaMalloc(ptr, bytes); }
 DeviceResult free(void* ptr) { return cudaFree(ptr); }
 DeviceResult memcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind) {

@@ -25,15 +25,23 @@ DeviceResult getCount(int* count) {
 DeviceResult getAttribute(int* value, DeviceAttribute attribute, int device) {
     if (device != 0) return DEVICE_ERROR_INVALID_DEVICE;
     switch (attribute) {
-        case DeviceAttribute::ComputeMode: *value = 0; break;
-        case DeviceAttribute::ComputeCapabilityMajor: *value = HOST_CAPABILITY; break;
-        case DeviceAttribute::ComputeCapabilityMinor: *value = HOST_CAPABILITY; break;
+        case DeviceAttribute::ComputeMode:
+            *value = 0;
+            break;
+        case DeviceAttribute::ComputeCapabilityMajor:
+            *value = HOST_CAPABILITY;
+            break;
+        case DeviceAttribute::ComputeCapabilityMinor:
+            *value = HOST_CAPABILITY;
+            break;
         case DeviceAttribute::MultiProcessorCount: {
             unsigned cores = std::thread::hardware_concurrency();
             *value = cores == 0 ? 1 : static_cast<int>(cores);
             break;
         }
-        case DeviceAttribute::ClockRate: *value = HOST_CLOCK_KHZ; break;
+        case DeviceAttribute::ClockRate:
+            *value = HOST_CLOCK_KHZ;
+            break;
     }
     return DEVICE_SUCCESS;
 }
@@ -78,23 +86,35 @@ DeviceResult getLastError() { return DEVICE_SUCCESS; }
 
 const char* errorName(DeviceResult result) {
     switch (result) {
-        case DEVICE_SUCCESS: return "cudaSuccess";
-        case DEVICE_ERROR_INVALID_VALUE: return "cudaErrorInvalidValue";
-        case DEVICE_ERROR_MEMORY_ALLOCATION: return "cudaErrorMemoryAllocation";
-        case DEVICE_ERROR_NO_DEVICE: return "cudaErrorNoDevice";
-        case DEVICE_ERROR_INVALID_DEVICE: return "cudaErrorInvalidDevice";
-        default: return "cudaErrorUnknown";
+        case DEVICE_SUCCESS:
+            return "cudaSuccess";
+        case DEVICE_ERROR_INVALID_VALUE:
+            return "cudaErrorInvalidValue";
+        case DEVICE_ERROR_MEMORY_ALLOCATION:
+            return "cudaErrorMemoryAllocation";
+        case DEVICE_ERROR_NO_DEVICE:
+            return "cudaErrorNoDevice";
+        case DEVICE_ERROR_INVALID_DEVICE:
+            return "cudaErrorInvalidDevice";
+        default:
+            return "cudaErrorUnknown";
     }
 }
 
 const char* errorString(DeviceResult result) {
     switch (result) {
-        case DEVICE_SUCCESS: return "no error";
-        case DEVICE_ERROR_INVALID_VALUE: return "invalid argument";
-        case DEVICE_ERROR_MEMORY_ALLOCATION: return "out of memory";
-        case DEVICE_ERROR_NO_DEVICE: return "no CUDA-capable device is detected";
-        case DEVICE_ERROR_INVALID_DEVICE: return "invalid device ordinal";
-        default: return "unknown error";
+        case DEVICE_SUCCESS:
+            return "no error";
+        case DEVICE_ERROR_INVALID_VALUE:
+            return "invalid argument";
+        case DEVICE_ERROR_MEMORY_ALLOCATION:
+            return "out of memory";
+        case DEVICE_ERROR_NO_DEVICE:
+            return "no CUDA-capable device is detected";
+        case DEVICE_ERROR_INVALID_DEVICE:
+            return "invalid device ordinal";
+        default:
+            return "unknown error";
     }
 }
 

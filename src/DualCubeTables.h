@@ -12,6 +12,7 @@ struct DualCubeConfiguration {
     std::uint8_t canonical_case;
 };
 
+// clang-format off
 inline constexpr DualCubeConfiguration DUAL_CUBE_CONFIGURATIONS[256] = {
     {{0, 1, 2, 3, 4, 5, 6, 7}, 0, 0},
     {{0, 1, 2, 3, 4, 5, 6, 7}, 0, 1},
@@ -270,10 +271,11 @@ inline constexpr DualCubeConfiguration DUAL_CUBE_CONFIGURATIONS[256] = {
     {{7, 6, 5, 4, 3, 2, 1, 0}, 1, 127},
     {{0, 1, 2, 3, 4, 5, 6, 7}, 0, 255},
 };
+// clang-format on
 
 // Ends of the twelve edges of the canonical cube, in the order of interpolation.
 inline constexpr std::uint8_t DUAL_CUBE_EDGES[12][2] = {{0, 1}, {2, 3}, {4, 5}, {6, 7}, {0, 2}, {1, 3},
-                                                 {4, 6}, {5, 7}, {0, 4}, {1, 5}, {2, 6}, {3, 7}};
+                                                        {4, 6}, {5, 7}, {0, 4}, {1, 5}, {2, 6}, {3, 7}};
 
 struct DualCubeCase {
     std::uint8_t canonical_case;

@@ -85,8 +85,9 @@ struct InitNormalSecondWalk {
 
 // One rough normal of the cell from a local plane fit, or field_flag -1 when the cell has no usable
 // surface. A cell whose points disagree with its first point gets a second try from two other points.
-TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
-                                       const RawPointWithHash* points, const DeviceParameters& params) {
+TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
+                                       int relation_size, const RawPointWithHash* points,
+                                       const DeviceParameters& params) {
     if (cell.field_flag < 0) {
         cell.field_flag = -1;
         return;
@@ -202,9 +203,9 @@ struct FineNormalWalk {
 // agrees with its reference becomes a sheet, filling the slots from 0. field_flag ends at 0, 1 or 2.
 // A flagged cell takes only flagged points, unless they give no side enough points: at the border of
 // a flagged zone that would leave a pinhole, so such a cell takes all its points.
-TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
-                                       const RawPointWithHash* points, const DeviceParameters& params,
-                                       VoxelFieldCenter& centres) {
+TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
+                                       int relation_size, const RawPointWithHash* points,
+                                       const DeviceParameters& params, VoxelFieldCenter& centres) {
     if (cell.field_flag < 0) return;
     const float edge = cell.half_size + cell.half_size;
     const float radius = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
@@ -326,7 +327,8 @@ struct FieldDataWalk {
             if (!counts) return;
         }
         bool inside = true;
-        for (int k = 0; k < 3; ++k) inside = inside && lo[k] <= position[k] && position[k] <= cell->center[k] + half_box;
+        for (int k = 0; k < 3; ++k)
+            inside = inside && lo[k] <= position[k] && position[k] <= cell->center[k] + half_box;
         const float* normal = cell->fields[s].normal;
         float q[3] = {p.x, p.y, p.z};
         if (project) {
@@ -375,7 +377,8 @@ TESSA_HD inline void meetSecondFace(CellNode_Device& cell, const SecondFace& fac
     const float* sheet_normal = cell.fields[0].normal;
     if (fabsf(dot3f(normal, sheet_normal)) >= 0.9f) return;
     float face_mean[3];
-    for (int k = 0; k < 3; ++k) face_mean[k] = static_cast<float>(face.moments.first[k] / static_cast<double>(face.count));
+    for (int k = 0; k < 3; ++k)
+        face_mean[k] = static_cast<float>(face.moments.first[k] / static_cast<double>(face.count));
     const float d_sheet = cell.fields[0].value;
     const float d_face = dot3f(face_mean, normal);
     const float between[3] = {sheet_mean[0] - face_mean[0], sheet_mean[1] - face_mean[1], sheet_mean[2] - face_mean[2]};
@@ -417,8 +420,8 @@ TESSA_HD inline void dropSheetsOffTheCell(CellNode_Device& cell, const SheetFiel
 // The field value of each sheet: the signed distance along its normal from the cell centre to the
 // weighted centroid of its points (negative on the side the normal points to), with the sheet's word
 // and sub-cell occupancy. A sheet without points gets 0/0, a NaN that the mesh stage filters.
-TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
-                                      const RawPointWithHash* points, const DeviceParameters& params,
+TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
+                                      int relation_size, const RawPointWithHash* points, const DeviceParameters& params,
                                       const VoxelFieldCenter& centres) {
     const int sheets_found = cell.field_flag;
     if (sheets_found < 1) return;

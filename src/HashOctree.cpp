@@ -2,8 +2,8 @@
 #include "HashOctree.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <new>
 #include <stdexcept>
 #include <type_traits>
@@ -187,7 +187,8 @@ std::uint8_t loadCellType(const CellNode& cell) { return __atomic_load_n(&cell.c
 // A branch mark never overwrites a leaf: only a cell outside any tree becomes a branch.
 void markBranch(CellNode& cell) {
     std::uint8_t expected = 0;
-    __atomic_compare_exchange_n(&cell.cell_type, &expected, CELL_TYPE_BRANCH, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    __atomic_compare_exchange_n(&cell.cell_type, &expected, CELL_TYPE_BRANCH, false, __ATOMIC_ACQ_REL,
+                                __ATOMIC_ACQUIRE);
 }
 
 CellNode* loadChild(CellNode* const& child) { return __atomic_load_n(&child, __ATOMIC_ACQUIRE); }
@@ -358,7 +359,8 @@ std::shared_ptr<HashRootCellData> HashOctree::getHashRootCell(const float pos[3]
         return nullptr;
     }
     const float S = static_cast<float>(m_block_size) * m_resolution;
-    const HashEntry* entry = m_hash_table->findHashEntry(gridIndex(pos[0], S), gridIndex(pos[1], S), gridIndex(pos[2], S));
+    const HashEntry* entry =
+        m_hash_table->findHashEntry(gridIndex(pos[0], S), gridIndex(pos[1], S), gridIndex(pos[2], S));
     if (entry == nullptr) return nullptr;
     const std::int32_t id = entry->dataId();
     if (id < 0) return nullptr;

@@ -99,7 +99,7 @@ constexpr std::uint8_t CELL_TYPE_LEAF = 3;
 inline constexpr int CHILD_INDEX_TABLE[8] = {3, 7, 0, 4, 2, 6, 1, 5};
 // Sign of each axis of child k, from the numbering above.
 inline constexpr int CHILD_SIGN[8][3] = {{1, -1, 1},  {-1, -1, 1},  {-1, 1, 1},  {1, 1, 1},
-                                  {1, -1, -1}, {-1, -1, -1}, {-1, 1, -1}, {1, 1, -1}};
+                                         {1, -1, -1}, {-1, -1, -1}, {-1, 1, -1}, {1, 1, -1}};
 
 inline int childIndex(const float point[3], const float center[3]) {
     const int a = point[0] < center[0] ? 1 : 0;
@@ -175,7 +175,8 @@ public:
     int insertBlockHash(const float pos[3], std::shared_ptr<HashRootCellData>& root);
     // Walks down from the root towards `pos`, creating missing cells, until the level of `target_half`
     // or an existing leaf; that cell becomes a leaf. 66051 when `pos` lies outside the root.
-    int insertLeafNodeForHashBlock(const HashRootCellData& root, const float pos[3], float target_half, CellNode*& leaf);
+    int insertLeafNodeForHashBlock(const HashRootCellData& root, const float pos[3], float target_half,
+                                   CellNode*& leaf);
     // The root of the block that holds `pos`, or empty.
     std::shared_ptr<HashRootCellData> getHashRootCell(const float pos[3]);
     int getHashCellList(std::shared_ptr<HashRootCellList>& list);

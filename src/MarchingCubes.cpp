@@ -168,7 +168,8 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     if (result != 0) return result;
     if (full_chain) {
         profiler.time_stop("mc-step2-3", true);
-        std::printf("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(), cells->relation_size.load());
+        std::printf("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(),
+                    cells->relation_size.load());
     }
     profiler.time_stop("mc-step2", true);
 

@@ -32,10 +32,10 @@ struct BinsHeader {
     float center[3];
     std::int32_t point_offset;  // first point of the bin in the block's sorted points
     std::int32_t point_count;
-    std::int8_t bin_sub_scale;  // the scale code; starts at 8
-    std::uint8_t bin_flags;     // OR of bits 8-15 of the points' words
-    std::uint16_t word_high;    // always 0: bin_sub_scale and bin_flags read as one word
-    std::uint64_t occupancy[8]; // one bit for each of the 8 x 8 x 8 sub-cells, by Morton code
+    std::int8_t bin_sub_scale;   // the scale code; starts at 8
+    std::uint8_t bin_flags;      // OR of bits 8-15 of the points' words
+    std::uint16_t word_high;     // always 0: bin_sub_scale and bin_flags read as one word
+    std::uint64_t occupancy[8];  // one bit for each of the 8 x 8 x 8 sub-cells, by Morton code
 };
 static_assert(sizeof(BinsHeader) == 88, "BinsHeader has no hidden padding");
 
@@ -95,17 +95,17 @@ struct CellNode;
 
 // The record of one cell in the field computation.
 struct CellNode_Device {
-    CellNode* cell;               // the octree cell; the device only carries it along
+    CellNode* cell;  // the octree cell; the device only carries it along
     float center[3];
-    float half_size;              // 0.5 in a record not yet used
-    std::uint32_t word;           // low byte the scale code of the bin that made the record, then flags
-    std::int32_t relation_offset; // first entry of the cell in the flat relation array; -1 until flattened
+    float half_size;               // 0.5 in a record not yet used
+    std::uint32_t word;            // low byte the scale code of the bin that made the record, then flags
+    std::int32_t relation_offset;  // first entry of the cell in the flat relation array; -1 until flattened
     std::int32_t relation_count;
-    std::int32_t point_count;     // sum of the relations' counts; -1 in a record not yet used
-    std::int32_t field_flag;      // -1 no usable surface; 0, 1, 2 the number of sheets
+    std::int32_t point_count;  // sum of the relations' counts; -1 in a record not yet used
+    std::int32_t field_flag;   // -1 no usable surface; 0, 1, 2 the number of sheets
     float init_normal[3];
-    std::uint32_t rules;          // CELL_* bits, and in bits 8-15 the CellRejection that left it without a sheet
-    std::uint32_t reserved;       // always 0
+    std::uint32_t rules;     // CELL_* bits, and in bits 8-15 the CellRejection that left it without a sheet
+    std::uint32_t reserved;  // always 0
     FieldSlot fields[2];
 };
 static_assert(sizeof(CellNode_Device) == 128, "CellNode_Device has no hidden padding");
@@ -115,8 +115,8 @@ constexpr std::int32_t SPARSE_CELL_POINTS = 16;
 
 // What the cell building and the field computation did with a cell, in CellNode_Device::rules.
 constexpr std::uint32_t CELL_WIDENED_SEARCH = 0x1;  // a sparse cell: its search took one more ring of bins
-constexpr std::uint32_t CELL_ALL_POINTS = 0x2;      // a flagged cell whose flagged points gave no side: all points count
-constexpr std::uint32_t CELL_CREASE = 0x4;          // its value meets a second face that crosses its plane
+constexpr std::uint32_t CELL_ALL_POINTS = 0x2;  // a flagged cell whose flagged points gave no side: all points count
+constexpr std::uint32_t CELL_CREASE = 0x4;      // its value meets a second face that crosses its plane
 
 // The rule that left a cell without a sheet, in bits 8-15 of CellNode_Device::rules.
 enum CellRejection : std::uint32_t {
@@ -141,7 +141,9 @@ struct CellRuleCounts {
     std::uint64_t creases = 0;
 };
 
-TESSA_HD inline CellRejection cellRejection(std::uint32_t rules) { return static_cast<CellRejection>((rules >> 8) & 0xFFu); }
+TESSA_HD inline CellRejection cellRejection(std::uint32_t rules) {
+    return static_cast<CellRejection>((rules >> 8) & 0xFFu);
+}
 TESSA_HD inline void setCellRejection(std::uint32_t& rules, CellRejection why) {
     rules = (rules & ~0xFF00u) | (static_cast<std::uint32_t>(why) << 8);
 }

@@ -120,7 +120,7 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
         if (m_block_loc_hash->insert(key[0], key[1], key[2], entry) != 0) continue;
         std::int32_t current = __atomic_load_n(&entry->id, __ATOMIC_RELAXED);
         while (current < i && !__atomic_compare_exchange_n(&entry->id, &current, static_cast<std::int32_t>(i), true,
-                                                            __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+                                                           __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
         }
     }
 #pragma omp parallel for schedule(static)
@@ -129,7 +129,8 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
         std::int32_t key[3];
         gridKey(bin.center, m_resolution, key);
         SimpleLineHashEntry* entry = nullptr;
-        if (m_block_loc_hash->find(key[0], key[1], key[2], entry) == 0 && entry->id == i) entry->flags = bin.bin_sub_scale;
+        if (m_block_loc_hash->find(key[0], key[1], key[2], entry) == 0 && entry->id == i)
+            entry->flags = bin.bin_sub_scale;
     }
     buildBinBitmap(bins_header);
     return 0;
@@ -160,9 +161,12 @@ void MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
     for (std::int64_t i = 0; i < count; ++i) {
         std::int32_t key[3];
         gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
-        const std::int64_t bit = ((static_cast<std::int64_t>(key[2]) - m_bitmap_min[2]) * m_bitmap_dim[1] +
-                                  (key[1] - m_bitmap_min[1])) * m_bitmap_dim[0] + (key[0] - m_bitmap_min[0]);
-        __atomic_fetch_or(&m_bin_bitmap[static_cast<std::size_t>(bit / 64)], std::uint64_t{1} << (bit % 64), __ATOMIC_RELAXED);
+        const std::int64_t bit =
+            ((static_cast<std::int64_t>(key[2]) - m_bitmap_min[2]) * m_bitmap_dim[1] + (key[1] - m_bitmap_min[1])) *
+                m_bitmap_dim[0] +
+            (key[0] - m_bitmap_min[0]);
+        __atomic_fetch_or(&m_bin_bitmap[static_cast<std::size_t>(bit / 64)], std::uint64_t{1} << (bit % 64),
+                          __ATOMIC_RELAXED);
     }
     m_bitmap_valid = true;
 }
@@ -172,7 +176,8 @@ std::int32_t MarchingCubes::findBin(std::int32_t x, std::int32_t y, std::int32_t
         const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
         const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
         const std::int64_t dz = static_cast<std::int64_t>(z) - m_bitmap_min[2];
-        if (dx < 0 || dy < 0 || dz < 0 || dx >= m_bitmap_dim[0] || dy >= m_bitmap_dim[1] || dz >= m_bitmap_dim[2]) return -1;
+        if (dx < 0 || dy < 0 || dz < 0 || dx >= m_bitmap_dim[0] || dy >= m_bitmap_dim[1] || dz >= m_bitmap_dim[2])
+            return -1;
         const std::int64_t bit = (dz * m_bitmap_dim[1] + dy) * m_bitmap_dim[0] + dx;
         if (((m_bin_bitmap[static_cast<std::size_t>(bit / 64)] >> (bit % 64)) & 1u) == 0) return -1;
     }
@@ -226,7 +231,8 @@ int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
                 std::int32_t key[3];
                 gridKey(bin.center, m_resolution, key);
                 for (int nb = 0; nb < 27; ++nb) {
-                    const std::int32_t id = findBin(key[0] + nb % 3 - 1, key[1] + (nb % 9) / 3 - 1, key[2] + nb / 9 - 1);
+                    const std::int32_t id =
+                        findBin(key[0] + nb % 3 - 1, key[1] + (nb % 9) / 3 - 1, key[2] + nb / 9 - 1);
                     if (id < 0) continue;
                     const int b = effectiveCode(bins_header[static_cast<std::size_t>(id)]);
                     if (b == a) continue;
@@ -249,8 +255,8 @@ int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
         // Widening: every bin within three of a bin that came to 4, and still has it, becomes 4.
         std::vector<std::uint8_t> widen(bins_header.size(), 0);
         for (std::int64_t i = 0; i < n; ++i)
-            widen[static_cast<std::size_t>(i)] =
-                came_to_four[static_cast<std::size_t>(i)] && bins_header[static_cast<std::size_t>(i)].bin_sub_scale == 4;
+            widen[static_cast<std::size_t>(i)] = came_to_four[static_cast<std::size_t>(i)] &&
+                                                 bins_header[static_cast<std::size_t>(i)].bin_sub_scale == 4;
 #pragma omp parallel for schedule(static)
         for (std::int64_t i = 0; i < n; ++i) {
             if (!widen[static_cast<std::size_t>(i)]) continue;
@@ -406,13 +412,14 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                             const int a = static_cast<int>(c[0]) + dx, bb = static_cast<int>(c[1]) + dy,
                                       cc = static_cast<int>(c[2]) + dz;
                             if (a >= 0 && a < per_axis && bb >= 0 && bb < per_axis && cc >= 0 && cc < per_axis) {
-                                const std::uint32_t code = mortonEncode(static_cast<std::uint32_t>(a),
-                                                                        static_cast<std::uint32_t>(bb),
-                                                                        static_cast<std::uint32_t>(cc));
+                                const std::uint32_t code =
+                                    mortonEncode(static_cast<std::uint32_t>(a), static_cast<std::uint32_t>(bb),
+                                                 static_cast<std::uint32_t>(cc));
                                 if (visited[code]) continue;
                                 visited[code] = true;
                             }
-                            const float pos[3] = {sub_center[0] + dx * e, sub_center[1] + dy * e, sub_center[2] + dz * e};
+                            const float pos[3] = {sub_center[0] + dx * e, sub_center[1] + dy * e,
+                                                  sub_center[2] + dz * e};
                             ok = visitCell(pos, e * 0.5f, word, PendingSearch{-1, SearchKind::Fine, {}, e, 0});
                         }
             }
@@ -478,7 +485,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                         const std::int32_t key[3] = {gridIndex(static_cast<float>(i) * p.size + p.pos[0], r),
                                                      gridIndex(static_cast<float>(j) * p.size + p.pos[1], r),
                                                      gridIndex(static_cast<float>(k) * p.size + p.pos[2], r)};
-                        const int slot = ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
+                        const int slot =
+                            ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
                         if (slot >= 0 && slot < 125) {
                             if (seen[slot]) continue;
                             seen[slot] = true;
@@ -494,7 +502,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
                 for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y)
                     for (std::int32_t z = lo[2] - 1; z <= hi[2] + 1; ++z) {
-                        const bool searched = x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && z >= lo[2] && z <= hi[2];
+                        const bool searched =
+                            x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && z >= lo[2] && z <= hi[2];
                         if (!searched) take(x, y, z);
                     }
         }
@@ -525,7 +534,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     for (std::int32_t i = 0; i < records; ++i) {
         const std::size_t k = pool.relations(i).size();
         const bool kept = pool.node(i).point_count >= 1 && k >= 1;
-        offsets[static_cast<std::size_t>(i) + 1] = offsets[static_cast<std::size_t>(i)] + (kept ? static_cast<std::int64_t>(k) : 0);
+        offsets[static_cast<std::size_t>(i) + 1] =
+            offsets[static_cast<std::size_t>(i)] + (kept ? static_cast<std::int64_t>(k) : 0);
     }
     if (offsets.back() != total_relations_size) {
         std::printf("[error]: relation_offset.load() != total_relations_size\n");
@@ -551,13 +561,14 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
 
 // ---- field computation on the host and the hand-over ------------------------------------------------
 
-int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& block, const std::vector<BinsHeader>& bins_header,
-                                    CellNodeAndRelations& cells) {
+int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& block,
+                                    const std::vector<BinsHeader>& bins_header, CellNodeAndRelations& cells) {
     const std::int64_t cell_node_size = cells.cell_node_size.load();
     const std::int64_t relation_size = cells.relation_size.load();
     if (bins_header.empty() || cell_node_size == 0 || relation_size == 0) return 0;
-    const std::size_t need = static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
-                             static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
+    const std::size_t need =
+        static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
+        static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
     // After the chunked bins the block's sorted points are on the host only: the device path needs them.
     if (!m_on_host && deviceMemoryAvailable(need)) return computeFiledData_Device(cells);
     std::printf("[warining]: memory lacked, computeFiledData on Host\n");
@@ -597,19 +608,24 @@ void MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
     for (std::int64_t i = 0; i < n; ++i) {
         const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];
         const CellNode* c = record.cell;
-        const bool stores = c->data_state != 2 && c->cell_type == CELL_TYPE_LEAF && (record.field_flag == 1 || record.field_flag == 2);
-        first_slot[static_cast<std::size_t>(i) + 1] = first_slot[static_cast<std::size_t>(i)] + (stores ? record.field_flag : 0);
-        if (c->cell_type != CELL_TYPE_LEAF || (record.point_count == 0 && record.relation_count == 0)) continue;  // absorbed
+        const bool stores =
+            c->data_state != 2 && c->cell_type == CELL_TYPE_LEAF && (record.field_flag == 1 || record.field_flag == 2);
+        first_slot[static_cast<std::size_t>(i) + 1] =
+            first_slot[static_cast<std::size_t>(i)] + (stores ? record.field_flag : 0);
+        if (c->cell_type != CELL_TYPE_LEAF || (record.point_count == 0 && record.relation_count == 0))
+            continue;  // absorbed
         ++m_rule_counts.cells;
-        if (stores) ++m_rule_counts.with_sheet;
-        else ++m_rule_counts.rejected[cellRejection(record.rules)];
+        if (stores)
+            ++m_rule_counts.with_sheet;
+        else
+            ++m_rule_counts.rejected[cellRejection(record.rules)];
         if (record.rules & CELL_WIDENED_SEARCH) ++m_rule_counts.widened;
         if (record.rules & CELL_ALL_POINTS) ++m_rule_counts.all_points;
         if (record.rules & CELL_CREASE) ++m_rule_counts.creases;
     }
     std::int32_t base = -1;
-    const bool have_slots = first_slot.back() > 0 && m_field_data_pool &&
-                            m_field_data_pool->allocDataIndex(base, first_slot.back()) == 0;
+    const bool have_slots =
+        first_slot.back() > 0 && m_field_data_pool && m_field_data_pool->allocDataIndex(base, first_slot.back()) == 0;
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < n; ++i) {
         const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];

@@ -181,26 +181,30 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
         // One more than the largest block, so that the strict capacity test admits that block; a device
         // without room for it gets the fallback capacity and the chunked path.
         m_raw_points_capacity = max_points + 1;
-        if (!deviceMemoryAvailable(2 * (max_points + 1) * sizeof(RawPointWithHash))) m_raw_points_capacity = n * n * 300;
+        if (!deviceMemoryAvailable(2 * (max_points + 1) * sizeof(RawPointWithHash)))
+            m_raw_points_capacity = n * n * 300;
         TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
                            "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
         TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
                            "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
         TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)),
                            "cudaMalloc(&m_logic_coordinate_dev, 3 * sizeof(float))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)) * sizeof(BinsHeader)),
-                           "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
-                           "sizeof(BinsHeader))");
+        TESSA_DEVICE_CHECK(
+            deviceMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)) * sizeof(BinsHeader)),
+            "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
+            "sizeof(BinsHeader))");
         m_bins_header_capacity = MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n));
         TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
                            "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
-        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params, "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
+                            "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
                             "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
                             "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_UPLOAD(m_portioner_params_dev, *m_portioner_params,
-                            "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
-                            "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
-                            "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_UPLOAD(
+            m_portioner_params_dev, *m_portioner_params,
+            "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
+            "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
+            "cudaMemcpyHostToDevice)");
         return 0;
     } catch (const DeviceError&) {
         m_last_error = "[MarchingCubes] initDevice try catch device error! \n";
@@ -245,20 +249,24 @@ void MarchingCubes::binsOfSortedPoints(std::int64_t count, std::int64_t points_o
     const float bin_size = m_resolution;
     // Count the runs first, so that the bin array never overflows: a block with more bins gets a
     // larger array and is not cut.
-    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)), "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
-    launchKernel(static_cast<std::size_t>(count), CountHashRunsKernel{m_raw_points_hash_dev, count, m_bins_header_size_dev});
+    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
+                       "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
+    launchKernel(static_cast<std::size_t>(count),
+                 CountHashRunsKernel{m_raw_points_hash_dev, count, m_bins_header_size_dev});
     int bins_header_size = 0;
     TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
                        "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
     if (static_cast<std::uint64_t>(bins_header_size) > m_bins_header_capacity) {
         TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");
         m_bins_header_capacity = 0;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_dev, static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader)),
-                           "cudaMalloc(&m_bins_header_dev, bins_header_size * sizeof(BinsHeader))");
+        TESSA_DEVICE_CHECK(
+            deviceMalloc(&m_bins_header_dev, static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader)),
+            "cudaMalloc(&m_bins_header_dev, bins_header_size * sizeof(BinsHeader))");
         m_bins_header_capacity = static_cast<std::uint64_t>(bins_header_size);
     }
 
-    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)), "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
+    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
+                       "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
     launchKernel(static_cast<std::size_t>(count),
                  GetBinsCenterKernel{m_raw_points_hash_dev, count, m_logic_coordinate_dev, bin_size, m_bins_header_dev,
                                      m_bins_header_size_dev, static_cast<std::int64_t>(m_bins_header_capacity),
@@ -270,10 +278,11 @@ void MarchingCubes::binsOfSortedPoints(std::int64_t count, std::int64_t points_o
                                     static_cast<std::int32_t>(points_offset)});
     const std::size_t old_size = bins_header.size();
     bins_header.resize(old_size + static_cast<std::size_t>(bins_header_size));
-    TESSA_DEVICE_CHECK(deviceMemcpy(bins_header.data() + old_size, m_bins_header_dev,
-                                    static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader), CopyKind::DeviceToHost),
-                       "cudaMemcpy(bins_header.data() + old_size, m_bins_header_dev , bins_header_size * "
-                       "sizeof(BinsHeader), cudaMemcpyDeviceToHost)");
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(bins_header.data() + old_size, m_bins_header_dev,
+                     static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader), CopyKind::DeviceToHost),
+        "cudaMemcpy(bins_header.data() + old_size, m_bins_header_dev , bins_header_size * "
+        "sizeof(BinsHeader), cudaMemcpyDeviceToHost)");
 }
 
 int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]) {
@@ -284,10 +293,12 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
                                         CopyKind::HostToDevice),
                            "cudaMemcpy(m_raw_points_hash_dev, points_hash_data , points_hash_size * "
                            "sizeof(RawPointWithHash), cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
-                           "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), "
-                           "cudaMemcpyHostToDevice)");
-        launchKernel(points.size(), ComputePointsHashValueKernel{m_raw_points_hash_dev, n, m_logic_coordinate_dev, m_resolution});
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
+            "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), "
+            "cudaMemcpyHostToDevice)");
+        launchKernel(points.size(),
+                     ComputePointsHashValueKernel{m_raw_points_hash_dev, n, m_logic_coordinate_dev, m_resolution});
         TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
         // The full comparison orders equal codes too, so the block's points come out the same every run.
         thrust::sort(thrust::device, m_raw_points_hash_dev, m_raw_points_hash_dev + n, RawPointWithHash_CMP_LESS());
@@ -319,18 +330,22 @@ int MarchingCubes::getBinsCenter_Device(PointCloudBlock& block, std::vector<Bins
 int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]) {
     std::vector<RawPointWithHash>& points = *block.points;
     const std::int64_t n = static_cast<std::int64_t>(points.size());
-    TESSA_DEVICE_CHECK(deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
-                       "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
+        "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
     for (std::int64_t done = 0; done < n;) {
         const std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
         const std::size_t bytes = static_cast<std::size_t>(c) * sizeof(RawPointWithHash);
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice),
-                           "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
-                           "cudaMemcpyHostToDevice)");
-        launchKernel(static_cast<std::size_t>(c), ComputePointsHashValueKernel{m_raw_points_hash_dev, c, m_logic_coordinate_dev, m_resolution});
-        TESSA_DEVICE_CHECK(deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost),
-                           "cudaMemcpy(points_hash_data + done, m_raw_points_hash_dev , chunk * sizeof(RawPointWithHash), "
-                           "cudaMemcpyDeviceToHost)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice),
+            "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
+            "cudaMemcpyHostToDevice)");
+        launchKernel(static_cast<std::size_t>(c),
+                     ComputePointsHashValueKernel{m_raw_points_hash_dev, c, m_logic_coordinate_dev, m_resolution});
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost),
+            "cudaMemcpy(points_hash_data + done, m_raw_points_hash_dev , chunk * sizeof(RawPointWithHash), "
+            "cudaMemcpyDeviceToHost)");
         done += c;
     }
     std::sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
@@ -341,8 +356,9 @@ int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float log
                                          std::vector<BinsHeader>& bins_header) {
     const std::vector<RawPointWithHash>& points = *block.points;
     const std::int64_t n = static_cast<std::int64_t>(points.size());
-    TESSA_DEVICE_CHECK(deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
-                       "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
+        "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
     for (std::int64_t done = 0; done < n;) {
         std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
         // Leave the run at the end of the chunk to the next chunk; a run longer than the buffer is cut.
@@ -350,10 +366,11 @@ int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float log
         std::int64_t e = c - 1;
         while (e >= 0 && chunk[e].hash == chunk[c - 1].hash) --e;
         if (e >= 1) c = e + 1;
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, chunk, static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
-                           "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_raw_points_hash_dev, chunk, static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
+                         CopyKind::HostToDevice),
+            "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
+            "cudaMemcpyHostToDevice)");
         binsOfSortedPoints(c, done, bins_header);
         done += c;
     }
@@ -366,7 +383,8 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
     const std::uint64_t n = block->points->size();
     bool done = false;
     if (n < m_raw_points_capacity && !m_on_host) {
-        done = computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
+        done =
+            computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
     }
     if (!done) {
         std::printf("[warining]: memory lacked, generateBins on Host\n");
@@ -389,10 +407,10 @@ int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* 
                                            RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
                                            VoxelFieldCenter* voxel_field_centers_dev) {
     const std::size_t n = static_cast<std::size_t>(cell_node_size);
-    launchKernel(n, ComputeInitNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev, raw_points_dev,
-                                            m_device_params_dev});
-    launchKernel(n, ComputeFineNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev, raw_points_dev,
-                                            m_device_params_dev, voxel_field_centers_dev});
+    launchKernel(n, ComputeInitNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
+                                            raw_points_dev, m_device_params_dev});
+    launchKernel(n, ComputeFineNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
+                                            raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
     launchKernel(n, ComputeFineFiledDatalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
                                                 raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
     deviceSynchronize();
@@ -420,21 +438,24 @@ int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
                            "cudaMalloc(&relations_dev, relation_size * sizeof(RelationCell2Bins_Device))");
         TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes),
                            "cudaMalloc(&voxel_field_centers_dev, cell_node_size * sizeof(VoxelFieldCenter))");
-        TESSA_DEVICE_CHECK(deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice),
-                           "cudaMemcpy(cell_nodes_dev, cell_nodes, cell_node_size * sizeof(CellNode_Device) , "
-                           "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice),
-                           "cudaMemcpy(relations_dev, relations, relation_size * sizeof(RelationCell2Bins_Device) , "
-                           "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice),
+            "cudaMemcpy(cell_nodes_dev, cell_nodes, cell_node_size * sizeof(CellNode_Device) , "
+            "cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice),
+            "cudaMemcpy(relations_dev, relations, relation_size * sizeof(RelationCell2Bins_Device) , "
+            "cudaMemcpyHostToDevice)");
         TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes),
                            "cudaMemset(voxel_field_centers_dev, 0, cell_node_size * sizeof(VoxelFieldCenter))");
         if (processMarchingCubeTask(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
                                     m_raw_points_hash_dev, voxel_field_centers_dev.ptr()) != 0) {
             throw DeviceError();
         }
-        TESSA_DEVICE_CHECK(deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost),
-                           "cudaMemcpy(cell_nodes, cell_nodes_dev, cell_node_size * sizeof(CellNode_Device) , "
-                           "cudaMemcpyDeviceToHost)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost),
+            "cudaMemcpy(cell_nodes, cell_nodes_dev, cell_node_size * sizeof(CellNode_Device) , "
+            "cudaMemcpyDeviceToHost)");
         cell_nodes_dev.release("cudaFree(cell_nodes_dev)");
         relations_dev.release("cudaFree(relations_dev)");
         voxel_field_centers_dev.release("cudaFree(voxel_field_centers_dev)");

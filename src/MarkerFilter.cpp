@@ -70,9 +70,10 @@ bool MarkerFilter::findMarker(const Vec3f& position, const Vec3f& normal, std::i
     // error threshold, marking its frame). Hits nearest first, equal distances by index.
     const float bound = std::nextafter(static_cast<float>(MARKER_SEARCH_RADIUS * MARKER_SEARCH_RADIUS), 1.0f);
     m_opted_markers_kdtree->radiusSearch(position.data(), bound, hits, nanoflann::SearchParams(32, 0.0f, true));
-    std::sort(hits.begin(), hits.end(), [](const std::pair<std::uint32_t, float>& a, const std::pair<std::uint32_t, float>& b) {
-        return a.second < b.second || (a.second == b.second && a.first < b.first);
-    });
+    std::sort(hits.begin(), hits.end(),
+              [](const std::pair<std::uint32_t, float>& a, const std::pair<std::uint32_t, float>& b) {
+                  return a.second < b.second || (a.second == b.second && a.first < b.first);
+              });
     for (const auto& hit : hits) {
         const PointXYZLNormal& p = m_opted_markers_cloud->points[hit.first];
         if (p.normal_x * normal[0] + p.normal_y * normal[1] + p.normal_z * normal[2] > 0.0f) {
@@ -128,7 +129,8 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
             for (int k = 0; k < 9; ++k) rotation[k] = static_cast<float>(frame.frame_info.rotation[k]);
             for (int k = 0; k < 3; ++k) translation[k] = static_cast<float>(frame.frame_info.translation[k]);
             // An observation without its position or normal cannot be matched; it keeps its label.
-            const std::size_t measurable = std::min({frame.marker_ids.size(), frame.marker_xyz.size(), frame.marker_nor.size()});
+            const std::size_t measurable =
+                std::min({frame.marker_ids.size(), frame.marker_xyz.size(), frame.marker_nor.size()});
             for (std::size_t j = 0; j < measurable; ++j) {
                 const Vec3f& x = frame.marker_xyz[j];
                 const Vec3f& v = frame.marker_nor[j];
@@ -177,14 +179,16 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
 #pragma omp parallel for schedule(static)
         for (long f = 0; f < count; ++f) {
             if (frames[static_cast<std::size_t>(f)] &&
-                standsOut(*frames[static_cast<std::size_t>(f)], dist[static_cast<std::size_t>(f)], FIRST_PASS_UPPER, FIRST_PASS_LOWER))
+                standsOut(*frames[static_cast<std::size_t>(f)], dist[static_cast<std::size_t>(f)], FIRST_PASS_UPPER,
+                          FIRST_PASS_LOWER))
                 bad1[static_cast<std::size_t>(f)] = 1;
         }
         std::vector<unsigned char> bad2 = bad1;
 #pragma omp parallel for schedule(static)
         for (long f = 0; f < count; ++f) {
             if (!bad1[static_cast<std::size_t>(f)]) continue;
-            for (long k = std::max(0L, f - MARKER_NEIGHBOURHOOD); k <= std::min(count - 1, f + MARKER_NEIGHBOURHOOD); ++k) {
+            for (long k = std::max(0L, f - MARKER_NEIGHBOURHOOD); k <= std::min(count - 1, f + MARKER_NEIGHBOURHOOD);
+                 ++k) {
                 const std::size_t kk = static_cast<std::size_t>(k);
                 if (frames[kk] && standsOut(*frames[kk], dist[kk], SECOND_PASS_UPPER, SECOND_PASS_LOWER)) {
 #pragma omp atomic write
@@ -202,7 +206,8 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
                 std::vector<Vec3f>().swap(frame.marker_xyz);
                 std::vector<Vec3f>().swap(frame.marker_nor);
                 passed.push_back(frames[f]);
-                largest = std::max(largest, static_cast<std::int32_t>(std::min<std::size_t>(frame.xyz.size(), INT32_MAX)));
+                largest =
+                    std::max(largest, static_cast<std::int32_t>(std::min<std::size_t>(frame.xyz.size(), INT32_MAX)));
             }
             frames[f].reset();
         }

@@ -6,10 +6,9 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <nanoflann.hpp>
 #include <string>
 #include <vector>
-
-#include <nanoflann.hpp>
 
 #include "tessaline/Tessaline.h"
 
@@ -40,8 +39,8 @@ struct PointXYZLNormalCloud {
 };
 
 // Squared Euclidean distance over x, y, z.
-using MarkerKdTree =
-    nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, PointXYZLNormalCloud>, PointXYZLNormalCloud, 3>;
+using MarkerKdTree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, PointXYZLNormalCloud>,
+                                                         PointXYZLNormalCloud, 3>;
 
 // An error at or above this is not accepted and marks the frame.
 constexpr float marker_max_dist_threshold = 0.5f;

@@ -12,7 +12,7 @@ struct DeviceParameters {
     std::uint32_t MAX_FRAME_POINTS;  // the largest frame of the run; a frame slot holds this many points
     std::uint32_t laser_block[4];
     std::uint32_t laser_word_c;
-    float laser_min_edge[8];         // a point of laser i counts in a cell only if its edge is at least this
+    float laser_min_edge[8];  // a point of laser i counts in a cell only if its edge is at least this
     float wide_search_edge;
     float gauss_weight_edge;
     float fine_box_edge;

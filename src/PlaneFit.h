@@ -13,7 +13,7 @@
 
 namespace SurfaceReconstruction {
 
-constexpr double EIGEN_EPSILON = 2.220446049250313e-16;          // zero and equality test
+constexpr double EIGEN_EPSILON = 2.220446049250313e-16;           // zero and equality test
 constexpr double EIGEN_SMALLEST_SCALE = 2.2250738585072014e-308;  // smallest normal double
 constexpr double EIGEN_ONE_THIRD = 0.3333333432674408;            // 1/3 in single precision
 constexpr double EIGEN_ROOT_THREE = 1.7320507764816284;           // sqrt(3) in single precision

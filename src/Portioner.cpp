@@ -119,10 +119,10 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
 
     m_waiting_frames.push_back(frame);
     float* cur_device_xyz_ptr = m_raw_surface_xyz_dev + 3 * m_raw_surface_point_size;
-    TESSA_DEVICE_CHECK(deviceMemcpy(cur_device_xyz_ptr, frame->xyz.data(), pt_size * 3 * sizeof(float),
-                                    CopyKind::HostToDevice),
-                       "cudaMemcpy(cur_device_xyz_ptr, points_data.xyz.data() , pt_size * 3 * sizeof(float), "
-                       "cudaMemcpyHostToDevice)");
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(cur_device_xyz_ptr, frame->xyz.data(), pt_size * 3 * sizeof(float), CopyKind::HostToDevice),
+        "cudaMemcpy(cur_device_xyz_ptr, points_data.xyz.data() , pt_size * 3 * sizeof(float), "
+        "cudaMemcpyHostToDevice)");
     m_raw_surface_point_size += static_cast<std::int64_t>(pt_size);
     m_raw_surface_frame_size += 1;
 
@@ -181,14 +181,16 @@ int Portioner::preProcessForAddScanFrame() {
 
         // Frame slots for the batches that can occur: a run of fewer frames than a batch needs fewer.
         const std::size_t frames = m_model_set ? PORTIONER_MAX_FRAME_SIZE : m_waiting_frames.size();
-        m_batch_slots = static_cast<int>(std::min<std::size_t>(PORTIONER_MAX_FRAME_SIZE, std::max<std::size_t>(frames, 1)));
+        m_batch_slots =
+            static_cast<int>(std::min<std::size_t>(PORTIONER_MAX_FRAME_SIZE, std::max<std::size_t>(frames, 1)));
         result = initPartition_Device();
         if (result != 0) return result;
 
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
-                                        m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),
-                           "cudaMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(), m_hash_entry_size "
-                           "* sizeof(SimpleLineHashEntry), cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
+                         m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),
+            "cudaMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(), m_hash_entry_size "
+            "* sizeof(SimpleLineHashEntry), cudaMemcpyHostToDevice)");
         result = simple_line_hash->deInit();
         if (result != 0) {
             m_last_error = "[Portioner] m_simple_line_hash->deInit() error!";

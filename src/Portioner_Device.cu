@@ -10,8 +10,8 @@
 #include <new>
 #include <stdexcept>
 
-#include "Portioner.h"
 #include "PointRuns.h"
+#include "Portioner.h"
 
 namespace SurfaceReconstruction {
 
@@ -83,9 +83,10 @@ struct ProcessScanFrameListKernel {
         const std::int32_t bx = gridIndex(x, block_res), by = gridIndex(y, block_res), bz = gridIndex(z, block_res);
         const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
         if (own < 0) {
-            printf("processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
-                   "block_res(%f) hash_mask(%d)\n",
-                   x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
+            printf(
+                "processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
+                "block_res(%f) hash_mask(%d)\n",
+                x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
             return;
         }
         tag(own, point);
@@ -175,12 +176,14 @@ int Portioner::initRawSurface_Device(std::uint64_t capacity) {
         TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
         TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
         m_raw_surface_capacity = 0;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_surface_xyz_dev, capacity * 3 * sizeof(float)),
-                           "cudaMalloc(&m_raw_surface_xyz_dev , PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
-                           "* 3 * sizeof(float))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_surface_block_dev, capacity * sizeof(RawSurfaceBlockPos)),
-                           "cudaMalloc(&m_raw_surface_block_dev, PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
-                           "* sizeof(RawSurfaceBlockPos))");
+        TESSA_DEVICE_CHECK(
+            deviceMalloc(&m_raw_surface_xyz_dev, capacity * 3 * sizeof(float)),
+            "cudaMalloc(&m_raw_surface_xyz_dev , PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
+            "* 3 * sizeof(float))");
+        TESSA_DEVICE_CHECK(
+            deviceMalloc(&m_raw_surface_block_dev, capacity * sizeof(RawSurfaceBlockPos)),
+            "cudaMalloc(&m_raw_surface_block_dev, PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
+            "* sizeof(RawSurfaceBlockPos))");
         m_raw_surface_capacity = capacity;
         return 0;
     } catch (const DeviceError&) {
@@ -243,19 +246,21 @@ int Portioner::initPartition_Device() {
         // Four records a slot point cover a batch unless most points sit in margins; a batch that needs
         // more grows the buffer and runs again.
         std::uint64_t raw_points = m_raw_points_capacity_request != 0 ? m_raw_points_capacity_request
-                                                                       : static_cast<std::uint64_t>(batch_points) * 4;
+                                                                      : static_cast<std::uint64_t>(batch_points) * 4;
         if (raw_points == 0) raw_points = 1;
         TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
                            "cudaMalloc(&m_raw_points_hash_dev, MAX_FRAME_POINTS * 2000 * sizeof(RawPointWithHash))");
         m_raw_points_capacity = raw_points;
         TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
                            "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)),
-                           "cudaMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData))");
+        TESSA_DEVICE_CHECK(
+            deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)),
+            "cudaMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData))");
         m_block_changes_capacity = PORTIONER_MAX_BLOCK_CHANGES;
         TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)),
                            "cudaMalloc(&m_block_changes_size_dev, sizeof(int))");
-        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params, "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
+                            "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
                             "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
                             "cudaMemcpyHostToDevice)");
         return 0;
@@ -367,7 +372,8 @@ int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz,
                            "cudaMalloc(&points_data_xyz_dev, points_size * 3 * sizeof(float))");
         TESSA_DEVICE_CHECK(
             deviceMemcpy(points_data_xyz_dev.ptr(), model_xyz.data(), n * 3 * sizeof(float), CopyKind::HostToDevice),
-            "cudaMemcpy(points_data_xyz_dev, points_data_xyz , points_size * 3 * sizeof(float), cudaMemcpyHostToDevice)");
+            "cudaMemcpy(points_data_xyz_dev, points_data_xyz , points_size * 3 * sizeof(float), "
+            "cudaMemcpyHostToDevice)");
         launchKernel(n, ComputeRawSurfaceBlockHashKernel{points_data_xyz_dev.ptr(), points_size, block_res,
                                                          raw_surface_block_dev.ptr()});
         TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
@@ -402,11 +408,11 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int), CopyKind::HostToDevice),
             "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
             "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
-                                        static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
-                           "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
+                         static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo), CopyKind::HostToDevice),
+            "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
+            "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
 
         const float half_ext = block_res * 0.5f + ext_res;
         int raw_points_hash_size = 0;
@@ -415,23 +421,22 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                                "cudaMemset(m_raw_points_hash_size_dev, 0, sizeof(int))");
             TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
                                "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
-            launchKernel(points, ProcessScanFrameListKernel{m_computing_frames_dev.xyz, m_computing_frames_dev.nor,
-                                                            m_computing_frames_dev.w, m_computing_frames_dev.frame_info,
-                                                            m_device_params_dev, max_point_size, block_res, half_ext,
-                                                            m_simple_line_hash_dev, m_hash_mask, m_raw_points_hash_dev,
-                                                            m_raw_points_hash_size_dev,
-                                                            static_cast<std::int64_t>(m_raw_points_capacity)});
-            TESSA_DEVICE_CHECK(deviceMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev, sizeof(int),
-                                            CopyKind::DeviceToHost),
-                               "cudaMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev , sizeof(int), "
-                               "cudaMemcpyDeviceToHost)");
+            launchKernel(points, ProcessScanFrameListKernel{
+                                     m_computing_frames_dev.xyz, m_computing_frames_dev.nor, m_computing_frames_dev.w,
+                                     m_computing_frames_dev.frame_info, m_device_params_dev, max_point_size, block_res,
+                                     half_ext, m_simple_line_hash_dev, m_hash_mask, m_raw_points_hash_dev,
+                                     m_raw_points_hash_size_dev, static_cast<std::int64_t>(m_raw_points_capacity)});
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                "cudaMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev , sizeof(int), "
+                "cudaMemcpyDeviceToHost)");
             if (static_cast<std::uint64_t>(raw_points_hash_size) <= m_raw_points_capacity) break;
             if (attempt > 0) throw std::runtime_error("partition output outgrew its buffer twice");
             // The batch wrote only what fitted: make room for all of it and run it again from clean counts.
             growPartitionOutput_Device(static_cast<std::uint64_t>(raw_points_hash_size), 0);
             ++m_partition_reruns;
-            launchKernel(m_hash_entry_size, ResetEntryCountsKernel{m_simple_line_hash_dev,
-                                                                   static_cast<std::int64_t>(m_hash_entry_size)});
+            launchKernel(m_hash_entry_size,
+                         ResetEntryCountsKernel{m_simple_line_hash_dev, static_cast<std::int64_t>(m_hash_entry_size)});
         }
 
         if (raw_points_hash_size > 0) {

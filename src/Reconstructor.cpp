@@ -106,7 +106,9 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         const std::shared_ptr<HashRootCellData> data = roots->get(id);
         const CellNode* root = data ? data->root_cell : nullptr;
         if (root == nullptr) {
-            std::printf("[error]\xef\xbc\x9a" "enumerate_hash (cur_cell == nullptr)! \n");
+            std::printf(
+                "[error]\xef\xbc\x9a"
+                "enumerate_hash (cur_cell == nullptr)! \n");
             continue;
         }
         try {
@@ -115,7 +117,8 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
             for (int k = 0; k < 8; ++k) {
                 float position[3];
                 for (int axis = 0; axis < 3; ++axis)
-                    position[axis] = static_cast<float>(ROOT_NEIGHBOURS[k][axis]) * block_size * m_resolution + root->center[axis];
+                    position[axis] =
+                        static_cast<float>(ROOT_NEIGHBOURS[k][axis]) * block_size * m_resolution + root->center[axis];
                 const std::shared_ptr<HashRootCellData> neighbour = m_hash_octree->getHashRootCell(position);
                 neighbours[k] = neighbour ? neighbour->root_cell : nullptr;
             }

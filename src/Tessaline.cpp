@@ -19,7 +19,9 @@ int Tessaline::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& call
     return m_opt->setProcessStepCallBack(callback);
 }
 int Tessaline::addScanFrame_ALL(const std::shared_ptr<FrameDataWithInfo>& frame) { return m_opt->addScanFrame(frame); }
-int Tessaline::addScanFrame_async(const std::shared_ptr<FrameDataWithInfo>& frame) { return m_opt->addScanFrame(frame); }
+int Tessaline::addScanFrame_async(const std::shared_ptr<FrameDataWithInfo>& frame) {
+    return m_opt->addScanFrame(frame);
+}
 int Tessaline::process(std::shared_ptr<MultiMeshData>& mesh) { return m_opt->process(mesh); }
 int Tessaline::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers) {
     return m_opt->getOptimizedMarkerErrors(markers);

@@ -31,14 +31,15 @@ int printStepReport(ProcessStepInfo& info) {
 
 void printCellRuleCounts(const CellRuleCounts& counts) {
     const auto n = [](std::uint64_t v) { return static_cast<unsigned long long>(v); };
-    std::printf("[MarchingCubes] cells %llu, %llu with a surface; without one: %llu with fewer than 5 points, %llu "
-                "without relations, %llu without a common normal, %llu without a side of 5 points, %llu with fits "
-                "across their normals, %llu sparse and off their points; %llu sparse cells widened, %llu flagged "
-                "cells on all their points, %llu at a sharp edge\n",
-                n(counts.cells), n(counts.with_sheet), n(counts.rejected[CELL_FEW_POINTS]),
-                n(counts.rejected[CELL_NO_RELATIONS]), n(counts.rejected[CELL_NO_COMMON_NORMAL]),
-                n(counts.rejected[CELL_NO_SIDE]), n(counts.rejected[CELL_FIT_ACROSS]), n(counts.rejected[CELL_OFF_CENTRE]),
-                n(counts.widened), n(counts.all_points), n(counts.creases));
+    std::printf(
+        "[MarchingCubes] cells %llu, %llu with a surface; without one: %llu with fewer than 5 points, %llu "
+        "without relations, %llu without a common normal, %llu without a side of 5 points, %llu with fits "
+        "across their normals, %llu sparse and off their points; %llu sparse cells widened, %llu flagged "
+        "cells on all their points, %llu at a sharp edge\n",
+        n(counts.cells), n(counts.with_sheet), n(counts.rejected[CELL_FEW_POINTS]),
+        n(counts.rejected[CELL_NO_RELATIONS]), n(counts.rejected[CELL_NO_COMMON_NORMAL]),
+        n(counts.rejected[CELL_NO_SIDE]), n(counts.rejected[CELL_FIT_ACROSS]), n(counts.rejected[CELL_OFF_CENTRE]),
+        n(counts.widened), n(counts.all_points), n(counts.creases));
 }
 
 Tessaline_OPT::~Tessaline_OPT() {
@@ -155,7 +156,8 @@ int Tessaline_OPT::deInit() {
 int Tessaline_OPT::setResolution(const float& resolution) {
     if (refuseBeforeInit()) return 1;
     if (!(resolution >= MIN_RESOLUTION && resolution <= MAX_RESOLUTION)) {  // NaN fails too
-        m_last_error = "[Tessaline_OPT] setResolution resolution must be between 0.001 and 100000, the former one is kept!";
+        m_last_error =
+            "[Tessaline_OPT] setResolution resolution must be between 0.001 and 100000, the former one is kept!";
         return 1;
     }
     m_resolution = resolution;
@@ -259,8 +261,17 @@ namespace {
 
 bool listedScaleCode(std::int32_t word) {
     switch (word & 0xFF) {
-        case 0: case 1: case 2: case 4: case 8: case 16: case 32: case 64: return true;
-        default: return false;
+        case 0:
+        case 1:
+        case 2:
+        case 4:
+        case 8:
+        case 16:
+        case 32:
+        case 64:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -282,8 +293,10 @@ void Tessaline_OPT::screenHeldFrames() {
         };
         std::size_t bad = 0, unlisted = 0;
         for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-            if (!usable(i)) ++bad;
-            else if (!listedScaleCode(in.w[i])) ++unlisted;
+            if (!usable(i))
+                ++bad;
+            else if (!listedScaleCode(in.w[i]))
+                ++unlisted;
         }
         if (bad == 0 && unlisted == 0) continue;
         auto copy = std::make_shared<FrameDataWithInfo>();
@@ -306,9 +319,10 @@ void Tessaline_OPT::screenHeldFrames() {
         frame = std::move(copy);
     }
     if (dropped > 0 || recoded > 0)
-        std::printf("addScanFrame: %llu points dropped (not finite, normal of length 0 or beyond the grid), %llu scale "
-                    "codes not 0-64 set to 8 \n",
-                    static_cast<unsigned long long>(dropped), static_cast<unsigned long long>(recoded));
+        std::printf(
+            "addScanFrame: %llu points dropped (not finite, normal of length 0 or beyond the grid), %llu scale "
+            "codes not 0-64 set to 8 \n",
+            static_cast<unsigned long long>(dropped), static_cast<unsigned long long>(recoded));
 }
 
 int Tessaline_OPT::filterScanFrameByMarkers() {

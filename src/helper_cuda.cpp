@@ -69,8 +69,8 @@ int gpuGetMaxGflopsDeviceId(std::string& error) {
                     "cudaDeviceGetAttribute(&multiProcessorCount, cudaDevAttrMultiProcessorCount, current_device)");
         TESSA_QUERY(deviceGetAttribute(&clock_rate, DeviceAttribute::ClockRate, device),
                     "cudaDeviceGetAttribute(&clockRate, cudaDevAttrClockRate, current_device)");
-        const std::uint64_t perf = static_cast<std::uint64_t>(multiprocessors) * static_cast<std::uint64_t>(clock_rate) *
-                                   static_cast<std::uint64_t>(cores);
+        const std::uint64_t perf = static_cast<std::uint64_t>(multiprocessors) *
+                                   static_cast<std::uint64_t>(clock_rate) * static_cast<std::uint64_t>(cores);
         if (perf > best_perf) {
             best_perf = perf;
             best_device = device;

@@ -43,11 +43,21 @@ public:
             if (attribute_result != DEVICE_SUCCESS) return attribute_result;
             const FakeDevice& d = devices.at(static_cast<std::size_t>(device));
             switch (attribute) {
-                case DeviceAttribute::ComputeMode: *value = d.compute_mode; break;
-                case DeviceAttribute::ComputeCapabilityMajor: *value = d.major; break;
-                case DeviceAttribute::ComputeCapabilityMinor: *value = d.minor; break;
-                case DeviceAttribute::MultiProcessorCount: *value = d.multiprocessors; break;
-                case DeviceAttribute::ClockRate: *value = d.clock_khz; break;
+                case DeviceAttribute::ComputeMode:
+                    *value = d.compute_mode;
+                    break;
+                case DeviceAttribute::ComputeCapabilityMajor:
+                    *value = d.major;
+                    break;
+                case DeviceAttribute::ComputeCapabilityMinor:
+                    *value = d.minor;
+                    break;
+                case DeviceAttribute::MultiProcessorCount:
+                    *value = d.multiprocessors;
+                    break;
+                case DeviceAttribute::ClockRate:
+                    *value = d.clock_khz;
+                    break;
             }
             return DEVICE_SUCCESS;
         };

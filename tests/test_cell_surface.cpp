@@ -1,7 +1,6 @@
 // Contouring of dual cubes: the tables checked for what they claim, the sheet matching, the winding,
 // and whole runs of the engine on simulated closed objects.
 #include <gtest/gtest.h>
-
 #include <omp.h>
 
 #include <algorithm>
@@ -36,7 +35,8 @@ std::vector<Symmetry> cubeSymmetries() {
             for (int k = 0; k < 8; ++k) {
                 const int bits[3] = {k & 1, (k >> 1) & 1, (k >> 2) & 1};
                 int image = 0;
-                for (int axis = 0; axis < 3; ++axis) image |= (bits[permutations[p][axis]] ^ ((flips >> axis) & 1)) << axis;
+                for (int axis = 0; axis < 3; ++axis)
+                    image |= (bits[permutations[p][axis]] ^ ((flips >> axis) & 1)) << axis;
                 s.corner[static_cast<std::size_t>(k)] = image;
             }
             const int flip_count = (flips & 1) + ((flips >> 1) & 1) + ((flips >> 2) & 1);
@@ -181,8 +181,8 @@ TEST_F(DualCube, TwoSheetsGiveTwoContourings) {
     }
     const auto triangles = contour();
     ASSERT_EQ(triangles.size(), 4u);
-    EXPECT_GT(normalOf(triangles[0].first)[2], 0.0f);   // the first contouring: slot 0 of corner 0
-    EXPECT_LT(normalOf(triangles[2].first)[2], 0.0f);   // the second: slot 1
+    EXPECT_GT(normalOf(triangles[0].first)[2], 0.0f);  // the first contouring: slot 0 of corner 0
+    EXPECT_LT(normalOf(triangles[2].first)[2], 0.0f);  // the second: slot 1
 }
 
 TEST_F(DualCube, AMarkedFirstSlotBlocksTheSecondAttempt) {
@@ -260,9 +260,11 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> sphereScan(const float centre[3]
     for (int f = 0; f < 6; ++f) frames.push_back(std::make_shared<FrameDataWithInfo>());
     for (int i = 0; i < n; ++i) {
         const double z = 1.0 - 2.0 * (i + 0.5) / n, r = std::sqrt(1.0 - z * z), a = golden * i;
-        const Vec3f normal = {static_cast<float>(r * std::cos(a)), static_cast<float>(r * std::sin(a)), static_cast<float>(z)};
+        const Vec3f normal = {static_cast<float>(r * std::cos(a)), static_cast<float>(r * std::sin(a)),
+                              static_cast<float>(z)};
         FrameDataWithInfo& frame = *frames[static_cast<std::size_t>(i % 6)];
-        frame.xyz.push_back({centre[0] + radius * normal[0], centre[1] + radius * normal[1], centre[2] + radius * normal[2]});
+        frame.xyz.push_back(
+            {centre[0] + radius * normal[0], centre[1] + radius * normal[1], centre[2] + radius * normal[2]});
         frame.nor.push_back(normal);
         frame.w.push_back(8);
     }
@@ -312,9 +314,10 @@ TEST(MeshRuns, ASphereBecomesAClosedOutwardSurfaceOnTheSphere) {
     }
     std::sort(deviation.begin(), deviation.end());
     const float median = deviation[deviation.size() / 2], p95 = deviation[deviation.size() * 95 / 100];
-    std::printf("sphere mesh: %zu triangles, vertex distance to the sphere median %.4f, 95%% %.4f, largest %.4f, "
-                "outward %.4f\n",
-                mesh->xyz.size(), median, p95, deviation.back(), static_cast<double>(outward) / mesh->xyz.size());
+    std::printf(
+        "sphere mesh: %zu triangles, vertex distance to the sphere median %.4f, 95%% %.4f, largest %.4f, "
+        "outward %.4f\n",
+        mesh->xyz.size(), median, p95, deviation.back(), static_cast<double>(outward) / mesh->xyz.size());
     // Cells of edge 0.5 on a sphere of radius 12: 0.004 median and 0.0055 largest seen.
     EXPECT_LT(median, 0.01f);
     EXPECT_LT(deviation.back(), 0.02f);
@@ -371,7 +374,8 @@ TEST(MeshRuns, ASecondRunAfterDeInitAndInitGivesTheSameMesh) {
     }
     ASSERT_GT(meshes[0]->xyz.size(), 100u);
     ASSERT_EQ(meshes[0]->xyz.size(), meshes[1]->xyz.size());
-    EXPECT_EQ(std::memcmp(meshes[0]->xyz.data(), meshes[1]->xyz.data(), meshes[0]->xyz.size() * sizeof(TriangleXYZ)), 0);
+    EXPECT_EQ(std::memcmp(meshes[0]->xyz.data(), meshes[1]->xyz.data(), meshes[0]->xyz.size() * sizeof(TriangleXYZ)),
+              0);
 }
 
 TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {

@@ -21,7 +21,8 @@ TEST(DeviceLayer, CheckReportsFailuresOnStandardErrorOnly) {
     EXPECT_FALSE(checkDeviceCall(DEVICE_ERROR_MEMORY_ALLOCATION, "cudaMalloc(&p, 16)", "src/a.cu", 42));
     const std::string err = ::testing::internal::GetCapturedStderr();
     const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(err, std::string("CUDA error at src/a.cu:42 code=2(") + deviceErrorName(2) + ") \"cudaMalloc(&p, 16)\" \n");
+    EXPECT_EQ(err,
+              std::string("CUDA error at src/a.cu:42 code=2(") + deviceErrorName(2) + ") \"cudaMalloc(&p, 16)\" \n");
     EXPECT_EQ(deviceErrorName(2), std::string("cudaErrorMemoryAllocation"));
     EXPECT_TRUE(out.empty());
 }
@@ -96,8 +97,8 @@ struct CountItemsKernel {
 }  // namespace
 
 TEST(DeviceLayer, LaunchRunsEveryItemExactlyOnce) {
-    for (std::size_t n : {std::size_t(0), std::size_t(1), std::size_t(383), std::size_t(384), std::size_t(385),
-                          std::size_t(100000)}) {
+    for (std::size_t n :
+         {std::size_t(0), std::size_t(1), std::size_t(383), std::size_t(384), std::size_t(385), std::size_t(100000)}) {
         int* slots = nullptr;
         int* counter = nullptr;
         TESSA_DEVICE_CHECK(deviceMalloc(&slots, (n + 1) * sizeof(int)), "cudaMalloc(&slots, n)");
@@ -126,6 +127,6 @@ TEST(DeviceLayer, FloatToIntSaturatesAndMapsNanToZero) {
     EXPECT_EQ(floatToIntSaturate(-3.0e9f), INT_MIN);
     EXPECT_EQ(floatToIntSaturate(-std::numeric_limits<float>::infinity()), INT_MIN);
     EXPECT_EQ(floatToIntSaturate(2147483520.0f), 2147483520);  // the largest float below 2^31
-    EXPECT_EQ(floatToIntSaturate(-2.75f), -2);                   // toward zero
+    EXPECT_EQ(floatToIntSaturate(-2.75f), -2);                 // toward zero
     EXPECT_EQ(floatToIntSaturate(2.75f), 2);
 }

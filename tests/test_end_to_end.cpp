@@ -9,14 +9,14 @@
 #include <tuple>
 
 #include "BunnyData.h"
-#include "SurfaceCompare.h"
-#include "MeshIO.h"
 #include "GridHash.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
-#include "Reconstructor.h"
+#include "MeshIO.h"
 #include "Portioner.h"
 #include "PortionerSetup.h"
+#include "Reconstructor.h"
+#include "SurfaceCompare.h"
 #include "Tessaline_OPT.h"
 
 using namespace SurfaceReconstruction;
@@ -119,7 +119,8 @@ TEST(EndToEnd, BunnyBlocksHoldEveryPointAndItsMarginCopies) {
     for (int repeat = 0; repeat < 2; ++repeat) {
         const auto frames = bunnyFrames();
         std::uint32_t largest = 0;
-        for (const auto& f : frames) largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
+        for (const auto& f : frames)
+            largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
         Portioner portioner;
         testing_support::configurePortioner(portioner, largest, block_size, resolution);
         ASSERT_EQ(portioner.init(), 0);
@@ -188,7 +189,8 @@ TEST(EndToEnd, BunnyMeshLiesOnTheReferenceSurface) {
     const auto reference_surface = tessaline_tools::meshSurface(reference, 1);
     std::vector<float> to_reference;
     for (const TriangleXYZ& t : mesh->xyz)
-        for (int v = 0; v < 3; ++v) to_reference.push_back(reference_surface->distance({t.xyz[3 * v], t.xyz[3 * v + 1], t.xyz[3 * v + 2]}));
+        for (int v = 0; v < 3; ++v)
+            to_reference.push_back(reference_surface->distance({t.xyz[3 * v], t.xyz[3 * v + 1], t.xyz[3 * v + 2]}));
     std::sort(to_reference.begin(), to_reference.end());
 
     const auto mesh_surface = tessaline_tools::meshSurface(*mesh, 1);
@@ -198,9 +200,10 @@ TEST(EndToEnd, BunnyMeshLiesOnTheReferenceSurface) {
     const float median = to_reference[to_reference.size() / 2];
     const float p95 = to_reference[to_reference.size() * 95 / 100];
     const double share = static_cast<double>(covered) / static_cast<double>(reference.vertices.size());
-    std::printf("bunny mesh: %zu triangles; distance to the reference median %.3f mm, 95%% %.3f mm; "
-                "reference within 1 mm of the mesh %.1f%%\n",
-                mesh->xyz.size(), median, p95, 100.0 * share);
+    std::printf(
+        "bunny mesh: %zu triangles; distance to the reference median %.3f mm, 95%% %.3f mm; "
+        "reference within 1 mm of the mesh %.1f%%\n",
+        mesh->xyz.size(), median, p95, 100.0 * share);
     // Seen: median 0.034 mm, 95% 0.130 mm, 98.5% of the reference covered (scan noise is about 0.1 mm).
     EXPECT_LT(median, 0.1f);
     EXPECT_LT(p95, 0.3f);

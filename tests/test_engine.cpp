@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "FakeDevices.h"
-#include "Portioner.h"
 #include "MarchingCubes.h"
+#include "Portioner.h"
 #include "Reconstructor.h"
-#include "ThreadPool.h"
 #include "Tessaline_OPT.h"
+#include "ThreadPool.h"
 #include "tessaline/Tessaline.h"
 
 using namespace SurfaceReconstruction;
@@ -131,7 +131,8 @@ TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
     info.cur_sub_step = 1;
     ::testing::internal::CaptureStdout();
     engine.stepCallback()(info);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "[info] cur step \xe7\x94\x9f\xe6\x88\x90\xe7\xbd\x91\xe6\xa0\xbc , (3 / 3) , (1 / 1) \n");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "[info] cur step \xe7\x94\x9f\xe6\x88\x90\xe7\xbd\x91\xe6\xa0\xbc , (3 / 3) , (1 / 1) \n");
     EXPECT_EQ(engine.deInit(), 0);
     EXPECT_EQ(engine.deInit(), 0);  // a second deInit is a no-op
 }
@@ -234,7 +235,8 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
     const MultiMeshData* before = mesh.get();
     std::string out;
     EXPECT_EQ(quietProcess(mesh, &out), 1);
-    EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!");
+    EXPECT_EQ(engine.getLastErrorMsg(),
+              "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!");
     EXPECT_NE(out.find("filter frame by markers (0 / 0) \n"), std::string::npos);
     EXPECT_NE(out.find(" filterScanFrameByMarkers - elapsed time : "), std::string::npos);
     EXPECT_EQ(engine.deviceParams()->MAX_FRAME_POINTS, 0u);

@@ -148,9 +148,7 @@ namespace {
 struct SheetCase : CellCase {
     VoxelFieldCenter centres{};
 
-    SheetCase() {
-        cell.init_normal[2] = 1.0f;
-    }
+    SheetCase() { cell.init_normal[2] = 1.0f; }
 
     void addWithWord(float x, float y, float z, float nz, std::int32_t w, std::uint8_t laser = 0) {
         add(x, y, z, 0.0f, 0.0f, nz);
@@ -161,7 +159,8 @@ struct SheetCase : CellCase {
     // n points on the plane z = height, spread over the cell, with normals (0, 0, nz).
     void sheet(int n, float height, float nz, float spread = 0.3f) {
         for (int i = 0; i < n; ++i)
-            add(spread * std::cos(1.3f * i), spread * std::sin(1.3f * i) * (i % 2 ? 1.0f : 0.5f), height, 0.0f, 0.0f, nz);
+            add(spread * std::cos(1.3f * i), spread * std::sin(1.3f * i) * (i % 2 ? 1.0f : 0.5f), height, 0.0f, 0.0f,
+                nz);
     }
 
     void runFine() {
@@ -299,7 +298,8 @@ TEST(FieldValues, APlaneAtAKnownOffsetGivesThatOffset) {
     // Points on z = 0.07 around a cell of edge 0.5 at the origin: the value is +0.07 (the centroid lies
     // on the side the normal points to from the centre).
     ValueCase c(0.25f, 0.07f);
-    for (int i = 0; i < 30; ++i) c.add(0.6f * std::cos(0.7f * i) * (i % 3) / 2.0f, 0.5f * std::sin(0.9f * i), 0.07f, 0, 0, 1);
+    for (int i = 0; i < 30; ++i)
+        c.add(0.6f * std::cos(0.7f * i) * (i % 3) / 2.0f, 0.5f * std::sin(0.9f * i), 0.07f, 0, 0, 1);
     c.runValues();
     EXPECT_NEAR(c.cell.fields[0].value, 0.07f, 1e-6f);
     EXPECT_EQ(c.cell.fields[0].word, 0x208u);
@@ -311,7 +311,8 @@ TEST(FieldValues, SmallCellsProjectTheirPointsOntoThePlane) {
     // Edge 0.1: the points scatter around z = -0.02 but the projection puts them on the plane through
     // the centroid, so the value is that plane's distance whatever the scatter.
     ValueCase c(0.05f, -0.02f);
-    for (int i = 0; i < 12; ++i) c.add(0.03f * (i % 4) - 0.05f, 0.02f * (i % 3), -0.02f + 0.01f * ((i % 5) - 2), 0, 0, 1);
+    for (int i = 0; i < 12; ++i)
+        c.add(0.03f * (i % 4) - 0.05f, 0.02f * (i % 3), -0.02f + 0.01f * ((i % 5) - 2), 0, 0, 1);
     c.runValues();
     EXPECT_NEAR(c.cell.fields[0].value, -0.02f, 1e-6f);
 }

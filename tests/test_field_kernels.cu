@@ -92,8 +92,9 @@ TEST(FieldKernels, NormalsOnTheDevicePathMatchTheHostPath) {
                                              static_cast<int>(relations.size()), points_dev, params_dev, centres_dev});
     TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
     std::vector<CellNode_Device> on_device(cells.size());
-    TESSA_DEVICE_CHECK(deviceMemcpy(on_device.data(), cells_dev, cells.size() * sizeof(CellNode_Device), CopyKind::DeviceToHost),
-                       "down");
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(on_device.data(), cells_dev, cells.size() * sizeof(CellNode_Device), CopyKind::DeviceToHost),
+        "down");
     for (void* p : {static_cast<void*>(cells_dev), static_cast<void*>(relations_dev), static_cast<void*>(points_dev),
                     static_cast<void*>(params_dev), static_cast<void*>(centres_dev)})
         TESSA_DEVICE_CHECK(deviceFree(p), "cudaFree(p)");
@@ -107,7 +108,8 @@ TEST(FieldKernels, NormalsOnTheDevicePathMatchTheHostPath) {
         }
         ++usable;
 #if defined(TESSALINE_CUDA)
-        for (int k = 0; k < 3; ++k) EXPECT_NEAR(on_device[i].init_normal[k], on_host[i].init_normal[k], 1e-4f) << "cell " << i;
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(on_device[i].init_normal[k], on_host[i].init_normal[k], 1e-4f) << "cell " << i;
         for (int s = 0; s < on_host[i].field_flag; ++s)
             for (int k = 0; k < 3; ++k)
                 EXPECT_NEAR(on_device[i].fields[s].normal[k], on_host[i].fields[s].normal[k], 1e-4f) << "cell " << i;

@@ -34,7 +34,7 @@ TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
     EXPECT_EQ(second, &table.slot(1024));  // the first overflow slot
     EXPECT_EQ(first->next(), 1024);
     EXPECT_EQ(second->dataId(), -1);
-    EXPECT_EQ(second->next(), 0);  // occupied, end of its chain
+    EXPECT_EQ(second->next(), 0);                                               // occupied, end of its chain
     EXPECT_EQ(table.slot((hashGridKey(0, 0, 0, 1023) + 1) % 1024).next(), -1);  // a zeroed slot is empty
     EXPECT_EQ(table.findHashEntry(other, 0, 0), second);
     EXPECT_EQ(table.findOrInsertHashEntry(0, 0, 0), first);
@@ -57,7 +57,8 @@ TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
     }
     const std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_NE(refused, nullptr);
-    EXPECT_NE(out.find("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"), std::string::npos);
+    EXPECT_NE(out.find("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"),
+              std::string::npos);
     for (int j = 0; j < 5; ++j) {
         EXPECT_EQ(table.findHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
         EXPECT_EQ(table.findOrInsertHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
@@ -75,7 +76,8 @@ TEST(HashTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < KEYS; ++i) {
                 const int key = (i * 11 + t * 5) % KEYS;
-                got[static_cast<std::size_t>(t)][static_cast<std::size_t>(key)] = table.findOrInsertHashEntry(key, 1, -key);
+                got[static_cast<std::size_t>(t)][static_cast<std::size_t>(key)] =
+                    table.findOrInsertHashEntry(key, 1, -key);
             }
         });
     }

@@ -65,8 +65,8 @@ TEST(GpuSelection, FailedQueryIsReportedAndSelectionGoesOn) {
 }
 
 TEST(GpuSelection, DeviceInitRefusesBadIndexProhibitedAndPreCudaDevices) {
-    FakeDevices fake({FakeDevice{}, FakeDevice{DEVICE_COMPUTE_MODE_PROHIBITED, 7, 5, 10, 1},
-                      FakeDevice{0, 0, 9, 10, 1}});
+    FakeDevices fake(
+        {FakeDevice{}, FakeDevice{DEVICE_COMPUTE_MODE_PROHIBITED, 7, 5, 10, 1}, FakeDevice{0, 0, 9, 10, 1}});
     std::string error;
     EXPECT_FALSE(gpuDeviceInit(3, error));
     EXPECT_EQ(error, "gpuDeviceInit() CUDA error: invalid devID.");

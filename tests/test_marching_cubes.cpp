@@ -1,7 +1,6 @@
 // The marching cubes stage's bins: Morton codes, the scale rule, sub-cell occupancy, the chunked path
 // against the whole-block path, bin arrays that must grow, and repeatability.
 #include <gtest/gtest.h>
-
 #include <omp.h>
 
 #include <cmath>
@@ -120,10 +119,11 @@ std::vector<RawPointWithHash> randomPoints(int n, unsigned seed, float lo = -5.0
 
 TEST_F(BinsTest, FlagsAndOccupancyWithTheUpperFaceClamped) {
     // The bin [10, 10.5)^3; sub-cells of 1/16. A point at the upper face of the bin is clamped to 7.
-    const auto result = bins(stage, block({point(10.0f, 10.0f, 10.0f, 8 | (1 << 8)), point(10.4999f, 10.0f, 10.0f, 8 | (4 << 8))}));
+    const auto result =
+        bins(stage, block({point(10.0f, 10.0f, 10.0f, 8 | (1 << 8)), point(10.4999f, 10.0f, 10.0f, 8 | (4 << 8))}));
     ASSERT_EQ(result.size(), 1u);
     EXPECT_EQ(result[0].bin_flags, 5);
-    EXPECT_EQ(result[0].occupancy[0], 1ull);                         // sub-cell (0, 0, 0)
+    EXPECT_EQ(result[0].occupancy[0], 1ull);  // sub-cell (0, 0, 0)
     const std::uint32_t code = mortonEncode(7, 0, 0);
     EXPECT_NE(result[0].occupancy[code / 64] & (1ull << (code % 64)), 0ull);
     int bits = 0;
@@ -501,14 +501,16 @@ std::vector<RawPointWithHash> spherePoints(float radius, float spacing) {
 TEST_F(StageRun, PlaneFieldIsTheSignedDistanceToThePlane) {
     std::vector<RawPointWithHash> points;
     for (float x = 12.0f; x < 52.0f; x += 0.2f)
-        for (float y = 12.0f; y < 52.0f; y += 0.2f) points.push_back(testing_support::scanPoint(x, y, 30.3f, 0.0f, 0.0f, 1.0f));
+        for (float y = 12.0f; y < 52.0f; y += 0.2f)
+            points.push_back(testing_support::scanPoint(x, y, 30.3f, 0.0f, 0.0f, 1.0f));
     ASSERT_EQ(runQuiet(blockOf(points)), 0) << stage.getLastError();
     const auto& cells = *stage.lastCells();
     int checked = 0;
     for (const CellNode_Device& record : cells.cell_nodes) {
         if (record.field_flag != 1) continue;
         // Away from the plane's border the value is the centre's distance below the plane.
-        if (record.center[0] < 16.0f || record.center[0] > 48.0f || record.center[1] < 16.0f || record.center[1] > 48.0f)
+        if (record.center[0] < 16.0f || record.center[0] > 48.0f || record.center[1] < 16.0f ||
+            record.center[1] > 48.0f)
             continue;
         EXPECT_NEAR(record.fields[0].value, 30.3f - record.center[2], 1e-4f);
         EXPECT_NEAR(record.fields[0].normal[2], 1.0f, 1e-5f);

@@ -92,7 +92,7 @@ TEST(MarkerFilter, StatisticsAccumulateAndUnmatchedLabelsCountAsZero) {
     ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0);
     const std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(out, "filter frame by markers (4 / 4) \n");  // counts below 10: no frame stands out
-    EXPECT_EQ(f0->marker_ids.size(), 0u);                   // passed frames lose their marker lists
+    EXPECT_EQ(f0->marker_ids.size(), 0u);                  // passed frames lose their marker lists
 
     const OptedMarker& ma = (*markers)[0];
     const OptedMarker& mb = (*markers)[1];
@@ -102,8 +102,8 @@ TEST(MarkerFilter, StatisticsAccumulateAndUnmatchedLabelsCountAsZero) {
     EXPECT_FLOAT_EQ(ma.max, 0.3f);
     const float mean = ma.mean;
     // The unmatched sighting with label 0 adds (0 - mean)^2; f2's unmatched one (label 9) is out of range.
-    const float spread = (e[0] - mean) * (e[0] - mean) + (e[1] - mean) * (e[1] - mean) +
-                         (e[2] - mean) * (e[2] - mean) + mean * mean;
+    const float spread =
+        (e[0] - mean) * (e[0] - mean) + (e[1] - mean) * (e[1] - mean) + (e[2] - mean) * (e[2] - mean) + mean * mean;
     EXPECT_FLOAT_EQ(ma.rms, std::sqrt(spread / 3));
     EXPECT_EQ(mb.count, 1);
     EXPECT_FLOAT_EQ(mb.mean, 0.2f);
@@ -183,7 +183,7 @@ TEST(MarkerFilter, NoMarkersOrNoFramesChangeNothing) {
     auto empty = markersAt({});
     ASSERT_EQ(filter.setOptimizedMarkers(empty), 0);
     std::vector<std::shared_ptr<FrameDataWithInfo>> frames = {frameSeeing({{0, {0, 0, 0}}, {3, {1, 1, 0}}}, 1),
-                                                               frameSeeing({{-2, {0, 0, 0}}}, 2)};
+                                                              frameSeeing({{-2, {0, 0, 0}}}, 2)};
     EXPECT_EQ(passedFrames(filter, frames), (std::set<std::size_t>{0, 1}));
     std::vector<std::shared_ptr<FrameDataWithInfo>> none;
     std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
@@ -222,7 +222,8 @@ TEST(MarkerFilter, SimulatedFramesWithWrongPosesAreTheOnesRejected) {
             ++rejected_good;
         }
     }
-    std::printf("simulated scan: %zu frames, %zu passed, %zu correct frames rejected\n", frames.size(), passed.size(), rejected_good);
+    std::printf("simulated scan: %zu frames, %zu passed, %zu correct frames rejected\n", frames.size(), passed.size(),
+                rejected_good);
     // Marker noise alone makes a correct frame stand out now and then (1 of 852 with this seed).
     EXPECT_LE(rejected_good, frames.size() / 100);
     std::size_t observed = 0;

@@ -1,6 +1,7 @@
 // Portioner: block sizing from resolution and device memory, the intake of the first pass and the
 // block list's accessors.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -10,8 +11,6 @@
 #include <set>
 #include <tuple>
 
-#include <omp.h>
-
 #include "FakeDevices.h"
 #include "GridHash.h"
 #include "Portioner.h"
@@ -19,8 +18,8 @@
 #include "ThreadPool.h"
 
 using namespace SurfaceReconstruction;
-using testing_support::FakeDevices;
 using testing_support::configurePortioner;
+using testing_support::FakeDevices;
 
 class PortionerIntake : public ::testing::Test {
 protected:
@@ -78,9 +77,9 @@ struct PointRecord {
 };
 
 constexpr float RES = 0.5f;
-constexpr std::uint32_t BLOCK_SIZE = 128;                  // block_res 64
+constexpr std::uint32_t BLOCK_SIZE = 128;  // block_res 64
 constexpr float BLOCK_RES = BLOCK_SIZE * RES;
-constexpr float HALF_EXT = BLOCK_RES * 0.5f + 12 * RES;    // 38
+constexpr float HALF_EXT = BLOCK_RES * 0.5f + 12 * RES;  // 38
 
 using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
 
@@ -158,7 +157,8 @@ class PortionerRun {
 public:
     explicit PortionerRun(const Frames& frames, std::uint64_t raw_points_capacity = 0) {
         std::uint32_t largest = 0;
-        for (const auto& f : frames) largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
+        for (const auto& f : frames)
+            largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
         params = configurePortioner(portioner, largest, BLOCK_SIZE, RES);
         pool = std::make_shared<ThreadPool>(2);
         portioner.setThreadPool(pool);

@@ -67,7 +67,8 @@ bool allFinite(const MultiMeshData& mesh) {
     return true;
 }
 
-std::shared_ptr<FrameDataWithInfo> frameOf(std::vector<Vec3f> xyz, std::vector<Vec3f> nor, std::vector<std::int32_t> w) {
+std::shared_ptr<FrameDataWithInfo> frameOf(std::vector<Vec3f> xyz, std::vector<Vec3f> nor,
+                                           std::vector<std::int32_t> w) {
     auto f = std::make_shared<FrameDataWithInfo>();
     f->xyz = std::move(xyz);
     f->nor = std::move(nor);
@@ -104,7 +105,7 @@ TEST(BadInput, UnusablePointsAreDroppedAndCountedAndTheRestGivesTheSameMesh) {
     ASSERT_EQ(run.status, 0) << run.error;
     EXPECT_NE(run.output.find("addScanFrame: 6 points dropped"), std::string::npos) << run.output;
     EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));  // nothing of them reaches the mesh
-    EXPECT_TRUE(std::isnan(bad->xyz[0][0]));              // the application's frame is left as it was
+    EXPECT_TRUE(std::isnan(bad->xyz[0][0]));             // the application's frame is left as it was
 
     // Unknown scale codes become one cell a bin, flags kept: the same as asking for 8.
     Frames recoded = scan(), asked8 = scan();
@@ -140,8 +141,9 @@ TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
     // A point, or a thousand on one spot, hold no surface: status 0 and (next to) no triangles.
     const std::vector<std::pair<const char*, Frames>> point_cases = {
         {"a single point", {frameOf({{1, 2, 3}}, {{0, 0, 1}}, {8})}},
-        {"all points at the origin", {frameOf(std::vector<Vec3f>(1000, Vec3f{0, 0, 0}), std::vector<Vec3f>(1000, Vec3f{0, 0, 1}),
-                                               std::vector<std::int32_t>(1000, 8))}},
+        {"all points at the origin",
+         {frameOf(std::vector<Vec3f>(1000, Vec3f{0, 0, 0}), std::vector<Vec3f>(1000, Vec3f{0, 0, 1}),
+                  std::vector<std::int32_t>(1000, 8))}},
     };
     for (const auto& c : point_cases) {
         const Session run = runSession(c.second);
@@ -152,7 +154,8 @@ TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
 }
 
 TEST(BadInput, SettingsOutOfRangeAreRefusedAndTheFormerOnesKept) {
-    for (float resolution : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+    for (float resolution :
+         {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
         std::string error;
         const Session run = runSession(scan(), [&](Tessaline& engine) {
             engine.setResolution(resolution);
@@ -221,8 +224,8 @@ TEST(RepeatedRuns, TwentySessionsKeepMemoryFlatAndGiveTheSameMesh) {
         resident.push_back(residentMiB());
     }
     // After the first runs have warmed the allocator, memory stays where it is.
-    EXPECT_LT(resident.back() - resident[2], 64.0) << "resident MiB after run 3: " << resident[2]
-                                                    << ", after run 20: " << resident.back();
+    EXPECT_LT(resident.back() - resident[2], 64.0)
+        << "resident MiB after run 3: " << resident[2] << ", after run 20: " << resident.back();
 }
 
 TEST(MemoryBounds, ADeviceWithLittleFreeMemoryFallsBackToTheHostWithTheSameMesh) {
@@ -231,7 +234,8 @@ TEST(MemoryBounds, ADeviceWithLittleFreeMemoryFallsBackToTheHostWithTheSameMesh)
     fake.free_bytes = 8u << 20;  // 8 MiB reported free
     const Session run = runSession(scan());
     ASSERT_EQ(run.status, 0) << run.error;
-    EXPECT_NE(run.output.find("[warining]: memory lacked, computeFiledData on Host\n"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("[warining]: memory lacked, computeFiledData on Host\n"), std::string::npos)
+        << run.output;
     EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));
 }
 
@@ -244,7 +248,8 @@ TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTh
     auto frame = std::make_shared<FrameDataWithInfo>();
     for (int i = 0; i < side; ++i)
         for (int j = 0; j < side; ++j) {
-            frame->xyz.push_back({0.6f + 11.6f * i / side, 0.6f + 11.6f * j / side, 6.33f + 0.002f * ((i * 7 + j * 3) % 5)});
+            frame->xyz.push_back(
+                {0.6f + 11.6f * i / side, 0.6f + 11.6f * j / side, 6.33f + 0.002f * ((i * 7 + j * 3) % 5)});
             frame->nor.push_back({0.0f, 0.0f, 1.0f});
             frame->w.push_back(8);
             if (frame->xyz.size() == 400000) {

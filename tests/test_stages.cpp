@@ -45,7 +45,8 @@ TEST(FieldDataPool, ConcurrentReservationsAreDisjointAndGrowThePool) {
         expected += run.second;
     }
     EXPECT_EQ(expected, pool.size());
-    EXPECT_EQ(pool.blockCount(), (expected + FieldDataPool::FIELD_POOL_BLOCK_SIZE) / FieldDataPool::FIELD_POOL_BLOCK_SIZE);
+    EXPECT_EQ(pool.blockCount(),
+              (expected + FieldDataPool::FIELD_POOL_BLOCK_SIZE) / FieldDataPool::FIELD_POOL_BLOCK_SIZE);
 }
 
 TEST(ReconstructorStage, MeshIsReplacedOnlyOnceOctreeAndPoolAreThere) {

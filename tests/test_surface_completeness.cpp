@@ -207,14 +207,15 @@ TEST(SurfaceCompleteness, TheRunLineCountsTheCellsOfEachRule) {
     const Scene run = reconstruct(frame);
     const std::size_t at = run.output.find("[MarchingCubes] cells ");
     ASSERT_NE(at, std::string::npos) << run.output;
-    unsigned long long cells = 0, kept = 0, few = 0, relations = 0, common = 0, side = 0, across = 0, off = 0, widened = 0,
-                       all_points = 0, edges = 0;
-    const int read = std::sscanf(run.output.c_str() + at,
-                                 "[MarchingCubes] cells %llu, %llu with a surface; without one: %llu with fewer than 5 "
-                                 "points, %llu without relations, %llu without a common normal, %llu without a side of 5 "
-                                 "points, %llu with fits across their normals, %llu sparse and off their points; %llu "
-                                 "sparse cells widened, %llu flagged cells on all their points, %llu at a sharp edge",
-                                 &cells, &kept, &few, &relations, &common, &side, &across, &off, &widened, &all_points, &edges);
+    unsigned long long cells = 0, kept = 0, few = 0, relations = 0, common = 0, side = 0, across = 0, off = 0,
+                       widened = 0, all_points = 0, edges = 0;
+    const int read =
+        std::sscanf(run.output.c_str() + at,
+                    "[MarchingCubes] cells %llu, %llu with a surface; without one: %llu with fewer than 5 "
+                    "points, %llu without relations, %llu without a common normal, %llu without a side of 5 "
+                    "points, %llu with fits across their normals, %llu sparse and off their points; %llu "
+                    "sparse cells widened, %llu flagged cells on all their points, %llu at a sharp edge",
+                    &cells, &kept, &few, &relations, &common, &side, &across, &off, &widened, &all_points, &edges);
     ASSERT_EQ(read, 11) << run.output.substr(at, 400);
     EXPECT_EQ(cells, kept + few + relations + common + side + across + off);
     EXPECT_GT(kept, cells / 2);

@@ -1,16 +1,16 @@
 // Scan and mesh files of the command-line program: PLY point clouds in every layout, malformed files,
 // welding and the three mesh formats, and the program's answers to bad input.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <iterator>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <iterator>
 
 #include "BunnyData.h"
 #include "MeshIO.h"
@@ -148,7 +148,8 @@ TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {
     const char* header_rest =
         " 1.0\nelement vertex 4\nproperty uchar red\nproperty float x\nproperty float y\nproperty double z\n"
         "element face 2\nproperty list uchar int vertex_indices\nend_header\n";
-    std::ofstream(ascii) << "ply\nformat ascii" << header_rest << "9 0 0 0\n9 1 0 0\n9 1 1 0.5\n9 0 1 0\n4 0 1 2 3\n3 0 2 1\n";
+    std::ofstream(ascii) << "ply\nformat ascii" << header_rest
+                         << "9 0 0 0\n9 1 0 0\n9 1 1 0.5\n9 0 1 0\n4 0 1 2 3\n3 0 2 1\n";
     {
         std::ofstream out(binary, std::ios::binary);
         out << "ply\nformat binary_big_endian" << header_rest;
@@ -188,7 +189,8 @@ TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {
         return std::string();
     };
     const std::string bad_index = tempPath("bad_index.ply");
-    std::ofstream(bad_index) << "ply\nformat ascii" << header_rest << "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n3 0 1 7\n3 0 1 2\n";
+    std::ofstream(bad_index) << "ply\nformat ascii" << header_rest
+                             << "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n3 0 1 7\n3 0 1 2\n";
     EXPECT_NE(meshError(bad_index).find("a vertex that does not exist"), std::string::npos);
     const std::string short_faces = tempPath("short_faces.ply");
     std::ofstream(short_faces) << "ply\nformat ascii" << header_rest << "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n3 0 1\n";
@@ -202,7 +204,8 @@ namespace {
 // Runs the command-line program; its exit status, and what it wrote on standard error.
 int runProgram(const std::string& arguments, std::string& errors) {
     const std::string err = tempPath("stderr_" + std::to_string(getpid()) + ".txt");  // one per test process
-    const int status = std::system((std::string(TESSALINE_CLI_PATH) + " " + arguments + " >/dev/null 2>" + err).c_str());
+    const int status =
+        std::system((std::string(TESSALINE_CLI_PATH) + " " + arguments + " >/dev/null 2>" + err).c_str());
     std::ifstream in(err);
     errors.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -240,9 +243,10 @@ TEST(Program, ReconstructsTheBunnyScanList) {
     const std::string output = tempPath("bunny.stl");
     const std::string reference = std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/reference/bun_zipper.ply";
     const std::string report = tempPath("bunny_report.txt");
-    const int status = std::system((std::string(TESSALINE_CLI_PATH) + " reconstruct " + testing_support::bunnyConfPath() +
-                                    " --units m --quiet -o " + output + " --reference " + reference + " >" + report +
-                                    " 2>/dev/null").c_str());
+    const int status =
+        std::system((std::string(TESSALINE_CLI_PATH) + " reconstruct " + testing_support::bunnyConfPath() +
+                     " --units m --quiet -o " + output + " --reference " + reference + " >" + report + " 2>/dev/null")
+                        .c_str());
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     std::ifstream text_in(report);
     const std::string text((std::istreambuf_iterator<char>(text_in)), std::istreambuf_iterator<char>());

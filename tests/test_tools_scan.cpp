@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <png.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <sys/wait.h>
 
 #include "MeshIO.h"
 #include "MeshRender.h"
@@ -190,14 +190,17 @@ TEST(SurfaceComparison, DistancesMatchBruteForceAndKnownOffsets) {
     std::vector<Triangle> triangles;
     for (int i = 0; i < 300; ++i) {
         const P3 a = {unit(random) * 10, unit(random) * 10, unit(random) * 2};
-        triangles.push_back({a, P3{a[0] + unit(random), a[1] + unit(random), a[2]}, P3{a[0], a[1] + unit(random), a[2] + unit(random)}});
+        triangles.push_back({a, P3{a[0] + unit(random), a[1] + unit(random), a[2]},
+                             P3{a[0], a[1] + unit(random), a[2] + unit(random)}});
     }
     const tessaline_tools::TriangleGrid grid(triangles, 0.5f);
     for (int i = 0; i < 400; ++i) {
         const float spread = i < 200 ? 12.0f : 80.0f;
-        const P3 p = {unit(random) * spread - spread / 4, unit(random) * spread - spread / 4, unit(random) * spread - spread / 4};
+        const P3 p = {unit(random) * spread - spread / 4, unit(random) * spread - spread / 4,
+                      unit(random) * spread - spread / 4};
         float best = 1e30f;
-        for (const Triangle& t : triangles) best = std::min(best, tessaline_tools::pointTriangleDistance2(p, t[0], t[1], t[2]));
+        for (const Triangle& t : triangles)
+            best = std::min(best, tessaline_tools::pointTriangleDistance2(p, t[0], t[1], t[2]));
         ASSERT_NEAR(grid.distance(p), std::sqrt(best), 1e-4f * (1.0f + std::sqrt(best)));
     }
 
@@ -258,8 +261,9 @@ TEST(Pictures, FrontAndBackFacesShowAndThePngReadsBack) {
 TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
     const std::string folder = tempPath("demo");
     const std::string out = tempPath("demo.txt");
-    const int status = std::system((std::string(TESSALINE_CLI_PATH) + " demo --points 150000 --quiet -o " + folder +
-                                    " >" + out + " 2>/dev/null").c_str());
+    const int status = std::system(
+        (std::string(TESSALINE_CLI_PATH) + " demo --points 150000 --quiet -o " + folder + " >" + out + " 2>/dev/null")
+            .c_str());
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     std::ifstream in(out);
     const std::string report((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -270,8 +274,9 @@ TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
     EXPECT_TRUE(std::ifstream(folder + "/tessaline-demo.png").good());
 
     // The mesh lies on the part: checked here with the comparison itself, through the program.
-    const int compared = std::system((std::string(TESSALINE_CLI_PATH) + " compare " + folder + "/tessaline-demo.ply part >" +
-                                      out + " 2>&1").c_str());
+    const int compared = std::system(
+        (std::string(TESSALINE_CLI_PATH) + " compare " + folder + "/tessaline-demo.ply part >" + out + " 2>&1")
+            .c_str());
     ASSERT_TRUE(WIFEXITED(compared) && WEXITSTATUS(compared) == 0);
     std::ifstream again(out);
     const std::string text((std::istreambuf_iterator<char>(again)), std::istreambuf_iterator<char>());

@@ -1,17 +1,17 @@
 // PLY reading and writing for meshes.
 #include "MeshIO.h"
 
-#include "PlyReader.h"
-
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <cctype>
 #include <map>
-#include <unordered_map>
 #include <sstream>
 #include <stdexcept>
+#include <unordered_map>
+
+#include "PlyReader.h"
 
 namespace tessaline_tools {
 
@@ -26,7 +26,8 @@ IndexedMesh readPlyMesh(const std::string& path, float scale) {
     PlyRecord record;
     for (auto& v : mesh.vertices) {
         ply.read(*vertex, record);
-        for (int k = 0; k < 3; ++k) v[k] = static_cast<float>(record.scalars[static_cast<std::size_t>(column[k])]) * scale;
+        for (int k = 0; k < 3; ++k)
+            v[k] = static_cast<float>(record.scalars[static_cast<std::size_t>(column[k])]) * scale;
     }
     const PlyElement* face = ply.find("face");
     if (face == nullptr || face < vertex) return mesh;
@@ -41,7 +42,8 @@ IndexedMesh readPlyMesh(const std::string& path, float scale) {
             if (!(c >= 0 && c < static_cast<double>(vertex->count)))
                 throw std::runtime_error(path + ": face " + std::to_string(f) + " names a vertex that does not exist");
         for (std::size_t k = 1; k + 1 < corner.size(); ++k)
-            mesh.triangles.push_back({static_cast<int>(corner[0]), static_cast<int>(corner[k]), static_cast<int>(corner[k + 1])});
+            mesh.triangles.push_back(
+                {static_cast<int>(corner[0]), static_cast<int>(corner[k]), static_cast<int>(corner[k + 1])});
     }
     return mesh;
 }

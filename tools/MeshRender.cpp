@@ -27,7 +27,8 @@ void renderView(const std::vector<Triangle>& triangles, const View& view, int si
         right[0] = 1;
         right[1] = 0;
     }
-    const double up[3] = {to_viewer[1] * right[2] - to_viewer[2] * right[1], to_viewer[2] * right[0] - to_viewer[0] * right[2],
+    const double up[3] = {to_viewer[1] * right[2] - to_viewer[2] * right[1],
+                          to_viewer[2] * right[0] - to_viewer[0] * right[2],
                           to_viewer[0] * right[1] - to_viewer[1] * right[0]};
     const auto project = [&](const P3& p, double out[3]) {
         out[0] = p[0] * right[0] + p[1] * right[1] + p[2] * right[2];
@@ -66,7 +67,8 @@ void renderView(const std::vector<Triangle>& triangles, const View& view, int si
         const double n_length = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
         if (!(n_length > 0)) continue;
         const bool front = n[0] * to_viewer[0] + n[1] * to_viewer[1] + n[2] * to_viewer[2] >= 0;
-        const double lambert = std::fabs(n[0] * light[0] + n[1] * light[1] + n[2] * light[2]) / (n_length * light_length);
+        const double lambert =
+            std::fabs(n[0] * light[0] + n[1] * light[1] + n[2] * light[2]) / (n_length * light_length);
         const double shade = 0.32 + 0.68 * lambert;
         const double base[3] = {front ? 170.0 : 235.0, front ? 190.0 : 140.0, front ? 215.0 : 60.0};
         std::uint8_t colour[3];
@@ -103,7 +105,8 @@ Image renderViews(const std::vector<Triangle>& triangles, int view_size) {
     image.rgb.assign(static_cast<std::size_t>(image.width) * image.height * 3, 255);
     const View views[4] = {{-120.0, 35.0}, {60.0, 35.0}, {-90.0, 90.0}, {-90.0, 5.0}};
 #pragma omp parallel for
-    for (int v = 0; v < 4; ++v) renderView(triangles, views[v], view_size, image, (v % 2) * view_size, (v / 2) * view_size);
+    for (int v = 0; v < 4; ++v)
+        renderView(triangles, views[v], view_size, image, (v % 2) * view_size, (v / 2) * view_size);
     return image;
 }
 

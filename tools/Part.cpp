@@ -35,7 +35,9 @@ double box2(double a, double b, double ha, double hb) {
     return std::sqrt(oa * oa + ob * ob) + std::min(std::max(qa, qb), 0.0);
 }
 
-double blockField(const Point3& p) { return box(p, {0.0, 0.0, TOP / 2}, {BLOCK_HALF[0], BLOCK_HALF[1], BLOCK_HALF[2]}); }
+double blockField(const Point3& p) {
+    return box(p, {0.0, 0.0, TOP / 2}, {BLOCK_HALF[0], BLOCK_HALF[1], BLOCK_HALF[2]});
+}
 // The hole: a cylinder reaching past both faces of the block.
 double holeField(const Point3& p) {
     return box2(std::hypot(p[0] - HOLE_X, p[1] - HOLE_Y), p[2] - TOP / 2, HOLE_R, TOP / 2 + 2.0);
@@ -61,7 +63,8 @@ void sampleRectangle(const Point3& corner, const Point3& u, const Point3& v, dou
     for (int i = 0; i < nu; ++i)
         for (int j = 0; j < nv; ++j) {
             const double a = (i + 0.5) / nu, b = (j + 0.5) / nv;
-            out.push_back({corner[0] + a * u[0] + b * v[0], corner[1] + a * u[1] + b * v[1], corner[2] + a * u[2] + b * v[2]});
+            out.push_back(
+                {corner[0] + a * u[0] + b * v[0], corner[1] + a * u[1] + b * v[1], corner[2] + a * u[2] + b * v[2]});
         }
 }
 
@@ -149,7 +152,8 @@ std::vector<std::array<float, 3>> Part::surfaceSamples(double spacing) {
         const int na = std::max(3, static_cast<int>(std::ceil(2 * PI * r / spacing)));
         for (int i = 0; i < na; ++i) {
             const double angle = 2 * PI * (i + 0.5) / na;
-            candidates.push_back({DOME_X + r * std::cos(angle), DOME_Y + r * std::sin(angle), TOP + DOME_R * std::sin(lat)});
+            candidates.push_back(
+                {DOME_X + r * std::cos(angle), DOME_Y + r * std::sin(angle), TOP + DOME_R * std::sin(lat)});
         }
     }
     // Keep the pieces of the shapes that are the part's surface, leaving out the underside.

@@ -17,10 +17,10 @@ bool propertyType(const std::string& type, int& size, char& kind) {
         const char* name;
         int size;
         char kind;
-    } TYPES[] = {{"char", 1, 'i'},  {"int8", 1, 'i'},   {"uchar", 1, 'u'},   {"uint8", 1, 'u'},   {"short", 2, 'i'},
-                 {"int16", 2, 'i'}, {"ushort", 2, 'u'}, {"uint16", 2, 'u'},  {"int", 4, 'i'},     {"int32", 4, 'i'},
-                 {"uint", 4, 'u'},  {"uint32", 4, 'u'}, {"float", 4, 'f'},   {"float32", 4, 'f'}, {"double", 8, 'f'},
-                 {"float64", 8, 'f'}};
+    } TYPES[] = {{"char", 1, 'i'},  {"int8", 1, 'i'},    {"uchar", 1, 'u'},  {"uint8", 1, 'u'},
+                 {"short", 2, 'i'}, {"int16", 2, 'i'},   {"ushort", 2, 'u'}, {"uint16", 2, 'u'},
+                 {"int", 4, 'i'},   {"int32", 4, 'i'},   {"uint", 4, 'u'},   {"uint32", 4, 'u'},
+                 {"float", 4, 'f'}, {"float32", 4, 'f'}, {"double", 8, 'f'}, {"float64", 8, 'f'}};
     for (const auto& t : TYPES) {
         if (type == t.name) {
             size = t.size;
@@ -35,7 +35,8 @@ double decode(const unsigned char* bytes, int size, char kind, bool big_endian) 
     unsigned char b[8];
     for (int i = 0; i < size; ++i) b[i] = bytes[big_endian ? size - 1 - i : i];
     switch (size) {
-        case 1: return kind == 'i' ? static_cast<double>(static_cast<std::int8_t>(b[0])) : static_cast<double>(b[0]);
+        case 1:
+            return kind == 'i' ? static_cast<double>(static_cast<std::int8_t>(b[0])) : static_cast<double>(b[0]);
         case 2: {
             std::uint16_t v;
             std::memcpy(&v, b, 2);
@@ -89,10 +90,14 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
         if (keyword == "format") {
             std::string name;
             words >> name;
-            if (name == "ascii") m_format = Format::Ascii;
-            else if (name == "binary_little_endian") m_format = Format::BinaryLittle;
-            else if (name == "binary_big_endian") m_format = Format::BinaryBig;
-            else throw std::runtime_error(path + ": unknown PLY format '" + name + "'");
+            if (name == "ascii")
+                m_format = Format::Ascii;
+            else if (name == "binary_little_endian")
+                m_format = Format::BinaryLittle;
+            else if (name == "binary_big_endian")
+                m_format = Format::BinaryBig;
+            else
+                throw std::runtime_error(path + ": unknown PLY format '" + name + "'");
             have_format = true;
         } else if (keyword == "element") {
             PlyElement element;
@@ -112,7 +117,8 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
                     throw std::runtime_error(path + ": bad list length type '" + count_type + "'");
                 p.list = true;
             }
-            if (!propertyType(type, p.size, p.kind)) throw std::runtime_error(path + ": unknown property type '" + type + "'");
+            if (!propertyType(type, p.size, p.kind))
+                throw std::runtime_error(path + ": unknown property type '" + type + "'");
             if (!(words >> p.name)) throw std::runtime_error(path + ": a property without a name");
             m_elements.back().properties.push_back(p);
         } else if (keyword == "obj_info") {
@@ -132,8 +138,8 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
         if (e.properties.empty()) continue;
         records += static_cast<double>(e.count) * (m_format == Format::Ascii ? 2.0 : 1.0);
         if (records > body + 1)
-            throw std::runtime_error(path + ": truncated data (the header promises " + std::to_string(e.count) + " " + e.name +
-                                     " records, more than the file holds)");
+            throw std::runtime_error(path + ": truncated data (the header promises " + std::to_string(e.count) + " " +
+                                     e.name + " records, more than the file holds)");
     }
 }
 

@@ -12,9 +12,9 @@ namespace tessaline_tools {
 
 struct PlyProperty {
     std::string name;
-    int size = 0;        // bytes of a value in binary files
-    char kind = 'f';     // 'i' signed, 'u' unsigned, 'f' floating
-    bool list = false;   // a list: `count_size`/`count_kind` give the type of its length
+    int size = 0;       // bytes of a value in binary files
+    char kind = 'f';    // 'i' signed, 'u' unsigned, 'f' floating
+    bool list = false;  // a list: `count_size`/`count_kind` give the type of its length
     int count_size = 0;
     char count_kind = 'u';
 };

@@ -56,20 +56,24 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
                 frame->xyz.push_back({toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)});
                 frame->nor.push_back({toFloat(p[3] / length), toFloat(p[4] / length), toFloat(p[5] / length)});
                 const double word = column[6] >= 0 ? record.scalars[static_cast<std::size_t>(column[6])] : scale_code;
-                frame->w.push_back(std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0);
+                frame->w.push_back(
+                    std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0);
             }
         } else if (element.name == "pose" && element.count == 1) {
-            const char* pose_names[13] = {"r0", "r1", "r2", "r3", "r4", "r5", "r6", "r7", "r8", "tx", "ty", "tz", "laser_id"};
+            const char* pose_names[13] = {"r0", "r1", "r2", "r3", "r4", "r5",      "r6",
+                                          "r7", "r8", "tx", "ty", "tz", "laser_id"};
             int pose_column[13];
             for (int k = 0; k < 13; ++k) {
                 pose_column[k] = scalarColumn(element, pose_names[k], path);
                 if (pose_column[k] < 0) throw std::runtime_error(path + ": the pose has no " + pose_names[k]);
             }
             ply.read(element, record);
-            for (int k = 0; k < 9; ++k) frame->frame_info.rotation[k] = record.scalars[static_cast<std::size_t>(pose_column[k])];
+            for (int k = 0; k < 9; ++k)
+                frame->frame_info.rotation[k] = record.scalars[static_cast<std::size_t>(pose_column[k])];
             for (int k = 0; k < 3; ++k)
                 frame->frame_info.translation[k] = record.scalars[static_cast<std::size_t>(pose_column[9 + k])] * scale;
-            frame->frame_info.laser_id = static_cast<std::int32_t>(record.scalars[static_cast<std::size_t>(pose_column[12])]);
+            frame->frame_info.laser_id =
+                static_cast<std::int32_t>(record.scalars[static_cast<std::size_t>(pose_column[12])]);
         } else if (element.name == "marker") {
             const char* marker_names[7] = {"id", "x", "y", "z", "nx", "ny", "nz"};
             int marker_column[7];
@@ -81,7 +85,8 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
                 ply.read(element, record);
                 const auto value = [&](int k) { return record.scalars[static_cast<std::size_t>(marker_column[k])]; };
                 frame->marker_ids.push_back(static_cast<std::int32_t>(value(0)));
-                frame->marker_xyz.push_back({toFloat(value(1) * scale), toFloat(value(2) * scale), toFloat(value(3) * scale)});
+                frame->marker_xyz.push_back(
+                    {toFloat(value(1) * scale), toFloat(value(2) * scale), toFloat(value(3) * scale)});
                 frame->marker_nor.push_back({toFloat(value(4)), toFloat(value(5)), toFloat(value(6))});
             }
         }
@@ -104,7 +109,9 @@ void writePlyPointCloud(const std::string& path, const FrameDataWithInfo& frame)
             << "element marker " << frame.marker_ids.size()
             << "\nproperty int id\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\n"
                "property float ny\nproperty float nz\nend_header\n";
-        const auto put = [&out](const void* bytes, std::size_t size) { out.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size)); };
+        const auto put = [&out](const void* bytes, std::size_t size) {
+            out.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+        };
         for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
             put(frame.xyz[i].data(), 12);
             put(frame.nor[i].data(), 12);

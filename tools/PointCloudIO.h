@@ -11,7 +11,7 @@
 namespace tessaline_tools {
 
 struct PointCloudReadInfo {
-    std::size_t dropped = 0;      // points with a NaN or infinite coordinate, or no usable normal, left out
+    std::size_t dropped = 0;       // points with a NaN or infinite coordinate, or no usable normal, left out
     bool words_from_file = false;  // the file had a `w` property
 };
 

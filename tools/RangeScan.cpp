@@ -2,8 +2,6 @@
 // neighbouring grid pixels, which face the scanner (local +z).
 #include "RangeScan.h"
 
-#include "PlyReader.h"
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "PlyReader.h"
 
 namespace tessaline_tools {
 
@@ -152,7 +152,8 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> readRangeScanSet(const std::stri
         bool finite = std::isfinite(q_length);
         for (double v : t) finite = finite && std::isfinite(v);
         if (!finite || q_length < 1e-9)
-            throw std::runtime_error("bad bmesh line in " + conf_path + " (the pose is not finite or the rotation has length 0): " + line);
+            throw std::runtime_error("bad bmesh line in " + conf_path +
+                                     " (the pose is not finite or the rotation has length 0): " + line);
         frames.push_back(readRangeImage(folder + "/" + file, t, q, options));
     }
     return frames;

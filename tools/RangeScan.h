@@ -18,8 +18,8 @@ struct RangeScanOptions {
 // One frame of one range image: points and grid normals in world coordinates, p = R(conj(q)) p_local + t.
 // Throws std::runtime_error with the file name on a file that cannot be read.
 std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo> readRangeImage(const std::string& ply_path, const double t[3],
-                                                                          const double q[4],
-                                                                          const RangeScanOptions& options);
+                                                                         const double q[4],
+                                                                         const RangeScanOptions& options);
 
 // Every `bmesh` line of the .conf file, in file order, read from the .conf file's folder.
 std::vector<std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo>> readRangeScanSet(

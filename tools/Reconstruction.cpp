@@ -72,8 +72,9 @@ RunReport runReconstruction(const Frames& frames, const RunOptions& options) {
         if (!options.progress) return 0;
         if (stage == 2 && step.total_sub_steps > 0) {
             const int done = step.cur_sub_step + 1, bar = 24 * done / step.total_sub_steps;
-            std::fprintf(stderr, "\r[%-24s] %s: block %d of %d  %.1f s   ", std::string(static_cast<std::size_t>(bar), '#').c_str(),
-                         stage_names[2], done, step.total_sub_steps, t);
+            std::fprintf(stderr, "\r[%-24s] %s: block %d of %d  %.1f s   ",
+                         std::string(static_cast<std::size_t>(bar), '#').c_str(), stage_names[2], done,
+                         step.total_sub_steps, t);
         } else {
             std::fprintf(stderr, "\r%s  %.1f s                                        ", stage_names[stage], t);
         }
@@ -81,14 +82,17 @@ RunReport runReconstruction(const Frames& frames, const RunOptions& options) {
     };
     tessaline.setProcessStepCallBack(callback);
     for (const auto& frame : frames) {
-        if (tessaline.addScanFrame_ALL(frame) != 0) throw std::runtime_error("frame refused: " + tessaline.getLastErrorMsg());
+        if (tessaline.addScanFrame_ALL(frame) != 0)
+            throw std::runtime_error("frame refused: " + tessaline.getLastErrorMsg());
     }
     report.mesh = std::make_shared<MultiMeshData>();
     int status;
     {
         std::unique_ptr<RedirectedStdout> redirect;
-        if (!options.diagnostics_path.empty()) redirect.reset(new RedirectedStdout(options.diagnostics_path));
-        else if (options.quiet) redirect.reset(new RedirectedStdout("/dev/null"));
+        if (!options.diagnostics_path.empty())
+            redirect.reset(new RedirectedStdout(options.diagnostics_path));
+        else if (options.quiet)
+            redirect.reset(new RedirectedStdout("/dev/null"));
         status = tessaline.process(report.mesh);
     }
     stage_start[4] = std::chrono::duration<double>(Clock::now() - run_start).count();

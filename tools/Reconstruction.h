@@ -24,7 +24,7 @@ struct RunReport {
     std::size_t frames = 0, points = 0;
     int blocks = 0;
     double stage_seconds[3] = {0, 0, 0};  // cutting into blocks, fusing blocks, meshing
-    double seconds = 0;                    // the whole `process`
+    double seconds = 0;                   // the whole `process`
     std::shared_ptr<SurfaceReconstruction::MultiMeshData> mesh;
 };
 

@@ -16,9 +16,9 @@ using SurfaceReconstruction::Vec3f;
 namespace {
 
 constexpr double PI = 3.14159265358979323846;
-constexpr double STANDOFF = 150.0;       // scanner to the point it aims at, millimetres
-constexpr double CAMERA_BASELINE = 70.0; // camera beside the projector, along the scanner's up axis
-constexpr double FAN_HALF_ANGLE = 0.38;  // radians: a line about 120 mm long at the standoff
+constexpr double STANDOFF = 150.0;        // scanner to the point it aims at, millimetres
+constexpr double CAMERA_BASELINE = 70.0;  // camera beside the projector, along the scanner's up axis
+constexpr double FAN_HALF_ANGLE = 0.38;   // radians: a line about 120 mm long at the standoff
 constexpr int FRAMES_A_TURN = 90;
 constexpr double MAX_RANGE = 400.0;
 
@@ -64,11 +64,13 @@ Pose poseOf(std::size_t frame, std::mt19937_64& random) {
     static const double ELEVATIONS[] = {22.0, 45.0, 70.0, 30.0, 58.0, 15.0};
     std::normal_distribution<double> wobble(0.0, 1.0);
     const std::size_t turn = frame / FRAMES_A_TURN;
-    const double azimuth = 2 * PI * static_cast<double>(frame % FRAMES_A_TURN) / FRAMES_A_TURN + 0.7 * static_cast<double>(turn);
+    const double azimuth =
+        2 * PI * static_cast<double>(frame % FRAMES_A_TURN) / FRAMES_A_TURN + 0.7 * static_cast<double>(turn);
     const double elevation = (ELEVATIONS[turn % 6] + 3.0 * wobble(random)) * PI / 180.0;
     const Point3 target = {6.0 * wobble(random), 5.0 * wobble(random), 10.0 + 2.0 * wobble(random)};
     const double range = STANDOFF + 5.0 * wobble(random);
-    const Point3 towards = {std::cos(elevation) * std::cos(azimuth), std::cos(elevation) * std::sin(azimuth), std::sin(elevation)};
+    const Point3 towards = {std::cos(elevation) * std::cos(azimuth), std::cos(elevation) * std::sin(azimuth),
+                            std::sin(elevation)};
     Pose pose;
     pose.origin = add(target, mul(towards, range));
     pose.axis[2] = unit(sub(target, pose.origin));
@@ -99,7 +101,8 @@ bool visibleFrom(const Point3& p, const Point3& n, const Point3& eye) {
     return !Part::raycast(add(p, mul(n, 1e-3)), d, length, t);
 }
 
-std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t index, const ScanSimulation& s, const std::vector<Point3>& markers) {
+std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t index, const ScanSimulation& s,
+                                             const std::vector<Point3>& markers) {
     std::mt19937_64 random(s.seed * 0x9E3779B97F4A7C15ull + index * 0xBF58476D1CE4E5B9ull + 1);
     const Pose pose = poseOf(index, random);
     std::normal_distribution<double> gauss(0.0, 1.0);
@@ -131,7 +134,8 @@ std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t index, const ScanSimula
             Point3 measured_n = unit(add(n, {0.02 * gauss(random), 0.02 * gauss(random), 0.02 * gauss(random)}));
             const bool feature = Part::nearSmallFeature(hit);
             frame->xyz.push_back({static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])});
-            frame->nor.push_back({static_cast<float>(measured_n[0]), static_cast<float>(measured_n[1]), static_cast<float>(measured_n[2])});
+            frame->nor.push_back({static_cast<float>(measured_n[0]), static_cast<float>(measured_n[1]),
+                                  static_cast<float>(measured_n[2])});
             frame->w.push_back(feature ? (16 | FEATURE_FLAG) : 8);
         }
     }
@@ -141,13 +145,17 @@ std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t index, const ScanSimula
         const double distance = std::sqrt(dot(to_scanner, to_scanner));
         if (to_scanner[2] < 0.35 * distance || -dot(unit(to_scanner), pose.axis[2]) < std::cos(0.45)) continue;
         double t;
-        if (Part::raycast(markers[m], mul(to_scanner, 1.0 / distance), distance, t)) continue;  // the part is in the way
-        const Point3 noisy = add(markers[m], {s.marker_noise * gauss(random), s.marker_noise * gauss(random), s.marker_noise * gauss(random)});
+        if (Part::raycast(markers[m], mul(to_scanner, 1.0 / distance), distance, t))
+            continue;  // the part is in the way
+        const Point3 noisy = add(markers[m], {s.marker_noise * gauss(random), s.marker_noise * gauss(random),
+                                              s.marker_noise * gauss(random)});
         const Point3 local = pose.toLocal(noisy);
         const Point3 normal_local = {pose.axis[0][2], pose.axis[1][2], pose.axis[2][2]};
         frame->marker_ids.push_back(static_cast<std::int32_t>(m));
-        frame->marker_xyz.push_back({static_cast<float>(local[0]), static_cast<float>(local[1]), static_cast<float>(local[2])});
-        frame->marker_nor.push_back({static_cast<float>(normal_local[0]), static_cast<float>(normal_local[1]), static_cast<float>(normal_local[2])});
+        frame->marker_xyz.push_back(
+            {static_cast<float>(local[0]), static_cast<float>(local[1]), static_cast<float>(local[2])});
+        frame->marker_nor.push_back({static_cast<float>(normal_local[0]), static_cast<float>(normal_local[1]),
+                                     static_cast<float>(normal_local[2])});
     }
     // The registered frame: points in world coordinates under the frame's pose, which is wrong for a
     // misregistered frame (its points then move with it).
@@ -158,7 +166,8 @@ std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t index, const ScanSimula
             const auto& v = frame->xyz[i];
             const auto& nv = frame->nor[i];
             const Point3 p = registered.toWorld(pose.toLocal({v[0], v[1], v[2]}));
-            const Point3 n = sub(registered.toWorld(pose.toLocal(add(pose.origin, {nv[0], nv[1], nv[2]}))), registered.origin);
+            const Point3 n =
+                sub(registered.toWorld(pose.toLocal(add(pose.origin, {nv[0], nv[1], nv[2]}))), registered.origin);
             frame->xyz[i] = {static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])};
             frame->nor[i] = {static_cast<float>(n[0]), static_cast<float>(n[1]), static_cast<float>(n[2])};
         }
@@ -176,14 +185,15 @@ MarkerInfos simulatedMarkers() {
     const std::vector<Point3> markers = markerPositions();
     for (std::size_t m = 0; m < markers.size(); ++m) {
         infos.ids.push_back(static_cast<std::int32_t>(m));
-        infos.xyz.push_back({static_cast<float>(markers[m][0]), static_cast<float>(markers[m][1]), static_cast<float>(markers[m][2])});
+        infos.xyz.push_back(
+            {static_cast<float>(markers[m][0]), static_cast<float>(markers[m][1]), static_cast<float>(markers[m][2])});
         infos.nor.push_back({0.0f, 0.0f, 1.0f});
     }
     return infos;
 }
 
 std::vector<std::shared_ptr<FrameDataWithInfo>> simulateScan(const ScanSimulation& settings,
-                                                            const std::function<void(std::size_t)>& progress) {
+                                                             const std::function<void(std::size_t)>& progress) {
     const std::vector<Point3> markers = markerPositions();
     std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
     std::size_t points = 0;
@@ -194,7 +204,8 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> simulateScan(const ScanSimulatio
         std::vector<std::shared_ptr<FrameDataWithInfo>> made(batch);
         const std::size_t first = frames.size();
 #pragma omp parallel for schedule(dynamic, 1)
-        for (long i = 0; i < static_cast<long>(batch); ++i) made[static_cast<std::size_t>(i)] = makeFrame(first + static_cast<std::size_t>(i), settings, markers);
+        for (long i = 0; i < static_cast<long>(batch); ++i)
+            made[static_cast<std::size_t>(i)] = makeFrame(first + static_cast<std::size_t>(i), settings, markers);
         for (auto& frame : made) {
             if (points >= settings.target_points) break;
             points += frame->xyz.size();

@@ -16,9 +16,9 @@ namespace tessaline_tools {
 struct ScanSimulation {
     std::size_t target_points = 600000;  // frames are made until the scan holds at least this many points
     std::uint64_t seed = 1;
-    int rays_per_line = 1200;   // samples along one laser line
-    double noise = 0.015;       // standard deviation of the range error, millimetres
-    double marker_noise = 0.01; // standard deviation of a measured marker position
+    int rays_per_line = 1200;    // samples along one laser line
+    double noise = 0.015;        // standard deviation of the range error, millimetres
+    double marker_noise = 0.01;  // standard deviation of a measured marker position
     // Frames whose pose is registered wrongly: their points and their pose carry a small rotation
     // (degrees, about the vertical through the part) and shift (millimetres, along x).
     std::vector<std::size_t> misregistered;

@@ -32,12 +32,15 @@ public:
         m_area = total;
         if (total > 0) {
             std::mt19937_64 random(12345);
-            const auto uniform = [&random]() { return static_cast<double>(random() >> 11) * (1.0 / 9007199254740992.0); };
+            const auto uniform = [&random]() {
+                return static_cast<double>(random() >> 11) * (1.0 / 9007199254740992.0);
+            };
             m_samples.reserve(sample_count);
             for (std::size_t i = 0; i < sample_count; ++i) {
                 const double pick = uniform() * total;
                 const std::size_t t = std::min<std::size_t>(
-                    static_cast<std::size_t>(std::upper_bound(cumulative.begin(), cumulative.end(), pick) - cumulative.begin()),
+                    static_cast<std::size_t>(std::upper_bound(cumulative.begin(), cumulative.end(), pick) -
+                                             cumulative.begin()),
                     triangles.size() - 1);
                 double a = uniform(), b = uniform();
                 if (a + b > 1) {
@@ -67,7 +70,9 @@ private:
 class PartSurface : public Surface {
 public:
     explicit PartSurface(double spacing) { m_samples = Part::surfaceSamples(spacing); }
-    float distance(const P3& p) const override { return static_cast<float>(std::fabs(Part::distance({p[0], p[1], p[2]}))); }
+    float distance(const P3& p) const override {
+        return static_cast<float>(std::fabs(Part::distance({p[0], p[1], p[2]})));
+    }
 };
 
 DistanceStats statsOf(std::vector<float> d) {
@@ -86,7 +91,8 @@ DistanceStats statsOf(std::vector<float> d) {
 std::vector<float> distances(const std::vector<P3>& points, const Surface& to) {
     std::vector<float> d(points.size());
 #pragma omp parallel for schedule(dynamic, 4096)
-    for (long i = 0; i < static_cast<long>(points.size()); ++i) d[static_cast<std::size_t>(i)] = to.distance(points[static_cast<std::size_t>(i)]);
+    for (long i = 0; i < static_cast<long>(points.size()); ++i)
+        d[static_cast<std::size_t>(i)] = to.distance(points[static_cast<std::size_t>(i)]);
     return d;
 }
 
@@ -103,7 +109,10 @@ float pointTriangleDistance2(const P3& p, const P3& a, const P3& b, const P3& c)
     // The closest point by the regions of the triangle (vertices, edges, face).
     const P3 ab = sub(b, a), ac = sub(c, a), ap = sub(p, a);
     const float d1 = dot(ab, ap), d2 = dot(ac, ap);
-    const auto dist2 = [&](const P3& q) { const P3 d = sub(p, q); return dot(d, d); };
+    const auto dist2 = [&](const P3& q) {
+        const P3 d = sub(p, q);
+        return dot(d, d);
+    };
     if (d1 <= 0 && d2 <= 0) return dist2(a);
     const P3 bp = sub(p, b);
     const float d3 = dot(ab, bp), d4 = dot(ac, bp);
@@ -131,7 +140,8 @@ float pointTriangleDistance2(const P3& p, const P3& a, const P3& b, const P3& c)
     return dist2({a[0] + ab[0] * v + ac[0] * w, a[1] + ab[1] * v + ac[1] * w, a[2] + ab[2] * v + ac[2] * w});
 }
 
-TriangleGrid::TriangleGrid(std::vector<Triangle> triangles, float cell) : m_triangles(std::move(triangles)), m_cell(cell) {
+TriangleGrid::TriangleGrid(std::vector<Triangle> triangles, float cell)
+    : m_triangles(std::move(triangles)), m_cell(cell) {
     for (int k = 0; k < 3; ++k) {
         m_lo[k] = std::numeric_limits<long>::max();
         m_hi[k] = std::numeric_limits<long>::min();
@@ -204,7 +214,8 @@ std::unique_ptr<Surface> meshSurface(const IndexedMesh& mesh, std::size_t sample
     std::vector<Triangle> triangles;
     triangles.reserve(mesh.triangles.size());
     for (const auto& t : mesh.triangles)
-        triangles.push_back({mesh.vertices[static_cast<std::size_t>(t[0])], mesh.vertices[static_cast<std::size_t>(t[1])],
+        triangles.push_back({mesh.vertices[static_cast<std::size_t>(t[0])],
+                             mesh.vertices[static_cast<std::size_t>(t[1])],
                              mesh.vertices[static_cast<std::size_t>(t[2])]});
     return meshSurface(std::move(triangles), sample_count);
 }
@@ -213,7 +224,8 @@ std::unique_ptr<Surface> meshSurface(const SurfaceReconstruction::MultiMeshData&
     std::vector<Triangle> triangles;
     triangles.reserve(soup.xyz.size());
     for (const auto& t : soup.xyz)
-        triangles.push_back({P3{t.xyz[0], t.xyz[1], t.xyz[2]}, P3{t.xyz[3], t.xyz[4], t.xyz[5]}, P3{t.xyz[6], t.xyz[7], t.xyz[8]}});
+        triangles.push_back(
+            {P3{t.xyz[0], t.xyz[1], t.xyz[2]}, P3{t.xyz[3], t.xyz[4], t.xyz[5]}, P3{t.xyz[6], t.xyz[7], t.xyz[8]}});
     return meshSurface(std::move(triangles), sample_count);
 }
 

@@ -67,9 +67,9 @@ struct Comparison {
     double chamfer = 0;            // mean of both ways' mean distances
     std::vector<double> thresholds, fscore, precision, recall;
     double coverage_threshold = 0;
-    double coverage = 0;           // share of the reference within coverage_threshold of the mesh
+    double coverage = 0;  // share of the reference within coverage_threshold of the mesh
     double far_threshold = 0.25;
-    double far_area = 0;           // area of the mesh farther than far_threshold from the reference
+    double far_area = 0;  // area of the mesh farther than far_threshold from the reference
 };
 
 // `thresholds` for the F-scores; the reference counts as covered where the mesh lies within

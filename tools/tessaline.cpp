@@ -1,6 +1,10 @@
 // tessaline: the command-line front of the library. `reconstruct` reads scan frames, runs the library
 // through its public interface, as any application does, and writes the mesh; `simulate`, `demo`,
 // `render` and `compare` make scans of the built-in part, pictures and accuracy figures.
+#include "tessaline/Tessaline.h"
+
+#include <dirent.h>
+#include <omp.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,8 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <cxxopts.hpp>
-#include <dirent.h>
-#include <omp.h>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,7 +23,6 @@
 #include "Reconstruction.h"
 #include "ScanSimulator.h"
 #include "SurfaceCompare.h"
-#include "tessaline/Tessaline.h"
 
 using SurfaceReconstruction::FrameDataWithInfo;
 
@@ -105,8 +106,8 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
             tessaline_tools::PointCloudReadInfo info;
             frames.push_back(tessaline_tools::readPlyPointCloud(file, to_mm, scale_code, info));
             if (info.dropped > 0)
-                std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n", file.c_str(),
-                             info.dropped);
+                std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n",
+                             file.c_str(), info.dropped);
         }
     }
     return frames;
@@ -119,7 +120,8 @@ void printRun(const tessaline_tools::RunReport& run, const tessaline_tools::Weld
                 welded.dropped, welded.vertices.size(), tessaline_tools::countBoundaryEdges(welded));
     std::printf("time: %s %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s (%.0f points/s); peak memory %.0f MiB\n",
                 read_label, read_seconds, run.stage_seconds[0], run.stage_seconds[1], run.stage_seconds[2],
-                run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0, tessaline_tools::peakMemoryMiB());
+                run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0,
+                tessaline_tools::peakMemoryMiB());
 }
 
 // `reference` names what was compared with: "the reference" or "the true surface".
@@ -152,7 +154,8 @@ std::vector<double> parseThresholds(const std::string& text) {
 }
 
 // The reference of a comparison: the built-in part, or a mesh file scaled to millimetres.
-std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& reference, float to_mm, std::size_t samples) {
+std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& reference, float to_mm,
+                                                        std::size_t samples) {
     if (reference == "part") return tessaline_tools::partSurface(0.15);
     return tessaline_tools::meshSurface(tessaline_tools::readPlyMesh(reference, to_mm), samples);
 }
@@ -160,14 +163,16 @@ std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& refer
 std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::IndexedMesh& mesh) {
     std::vector<tessaline_tools::Triangle> triangles;
     for (const auto& t : mesh.triangles)
-        triangles.push_back({mesh.vertices[static_cast<std::size_t>(t[0])], mesh.vertices[static_cast<std::size_t>(t[1])],
+        triangles.push_back({mesh.vertices[static_cast<std::size_t>(t[0])],
+                             mesh.vertices[static_cast<std::size_t>(t[1])],
                              mesh.vertices[static_cast<std::size_t>(t[2])]});
     return triangles;
 }
 
 std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::WeldedMesh& mesh) {
     std::vector<tessaline_tools::Triangle> triangles;
-    for (const auto& t : mesh.triangles) triangles.push_back({mesh.vertices[t[0]], mesh.vertices[t[1]], mesh.vertices[t[2]]});
+    for (const auto& t : mesh.triangles)
+        triangles.push_back({mesh.vertices[t[0]], mesh.vertices[t[1]], mesh.vertices[t[2]]});
     return triangles;
 }
 
@@ -190,8 +195,8 @@ void applyThreads(const cxxopts::ParseResult& args) {
 
 // Runs the library on `frames` (released once it has them) and welds its mesh at 1e-4 of the
 // resolution, coordinates multiplied by `scale`.
-tessaline_tools::RunReport reconstructAndWeld(tessaline_tools::Frames& frames, float resolution, bool quiet, float scale,
-                                              tessaline_tools::WeldedMesh& welded) {
+tessaline_tools::RunReport reconstructAndWeld(tessaline_tools::Frames& frames, float resolution, bool quiet,
+                                              float scale, tessaline_tools::WeldedMesh& welded) {
     tessaline_tools::RunOptions options;
     options.resolution = resolution;
     options.quiet = quiet;
@@ -217,10 +222,11 @@ int reconstruct(int argc, char** argv) {
     options.parse_positional({"inputs"});
     const cxxopts::ParseResult args = options.parse(argc, argv);
     if (args.count("help")) {
-        std::printf("%s\nExamples:\n  tessaline reconstruct scans/bun.conf --units m -o bunny.ply "
-                    "--reference reference/bun_zipper.ply\n"
-                    "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl --reference part\n",
-                    options.help().c_str());
+        std::printf(
+            "%s\nExamples:\n  tessaline reconstruct scans/bun.conf --units m -o bunny.ply "
+            "--reference reference/bun_zipper.ply\n"
+            "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl --reference part\n",
+            options.help().c_str());
         return 0;
     }
     if (!args.count("inputs")) throw std::runtime_error("no input given");
@@ -230,8 +236,8 @@ int reconstruct(int argc, char** argv) {
     const float to_mm = unitToMillimetres(args["units"].as<std::string>());
     const bool explicit_code = args.count("scale-code") > 0;
     const int scale_code = explicit_code ? args["scale-code"].as<int>() : 8;
-    if (scale_code != 1 && scale_code != 2 && scale_code != 4 && scale_code != 8 && scale_code != 16 && scale_code != 32 &&
-        scale_code != 64)
+    if (scale_code != 1 && scale_code != 2 && scale_code != 4 && scale_code != 8 && scale_code != 16 &&
+        scale_code != 32 && scale_code != 64)
         throw std::runtime_error("--scale-code must be 1, 2, 4, 8, 16, 32 or 64");
     const float resolution_mm = args["resolution"].as<float>();  // the library works in millimetres
     if (!(resolution_mm > 0.0f)) throw std::runtime_error("--resolution must be above 0");
@@ -251,12 +257,14 @@ int reconstruct(int argc, char** argv) {
     const double read_s = std::chrono::duration<double>(Clock::now() - start).count();
 
     tessaline_tools::WeldedMesh welded;
-    const tessaline_tools::RunReport run = reconstructAndWeld(frames, resolution_mm, args.count("quiet") > 0, 1.0f / to_mm, welded);
+    const tessaline_tools::RunReport run =
+        reconstructAndWeld(frames, resolution_mm, args.count("quiet") > 0, 1.0f / to_mm, welded);
     tessaline_tools::writeWeldedMesh(output, welded);
     printRun(run, welded, read_s, "reading");
     if (reference) {
         const auto mesh_surface = tessaline_tools::meshSurface(*run.mesh, 300000);
-        printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, {0.1, 0.5}, 1.0), "the reference", "mm");
+        printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, {0.1, 0.5}, 1.0), "the reference",
+                        "mm");
     }
     std::printf("wrote %s\n", output.c_str());
     return 0;
@@ -272,17 +280,21 @@ void makeFolder(const std::string& folder) {
 }
 
 int simulate(int argc, char** argv) {
-    cxxopts::Options options("tessaline simulate",
-                             "Scans the built-in part with a simulated handheld laser-line scanner and writes the frames.");
+    cxxopts::Options options(
+        "tessaline simulate",
+        "Scans the built-in part with a simulated handheld laser-line scanner and writes the frames.");
     options.add_options()("o,output", "directory for the frames (frame_00000.ply, ...) and optimized-markers.txt",
-                          cxxopts::value<std::string>())(
-        "points", "points of the whole scan", cxxopts::value<std::size_t>()->default_value("600000"))(
+                          cxxopts::value<std::string>())("points", "points of the whole scan",
+                                                         cxxopts::value<std::size_t>()->default_value("600000"))(
         "seed", "seed of the scan's random streams", cxxopts::value<std::uint64_t>()->default_value("1"))(
-        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))("h,help", "show this text");
+        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))("h,help",
+                                                                                               "show this text");
     const cxxopts::ParseResult args = options.parse(argc, argv);
     if (args.count("help")) {
-        std::printf("%s\nExample:\n  tessaline simulate -o frames/ && tessaline reconstruct frames/ -o part.ply --reference part\n",
-                    options.help().c_str());
+        std::printf(
+            "%s\nExample:\n  tessaline simulate -o frames/ && tessaline reconstruct frames/ -o part.ply --reference "
+            "part\n",
+            options.help().c_str());
         return 0;
     }
     if (!args.count("output")) throw std::runtime_error("no output directory given (-o DIR)");
@@ -313,8 +325,8 @@ int simulate(int argc, char** argv) {
 }
 
 int demo(int argc, char** argv) {
-    cxxopts::Options options("tessaline demo",
-                             "Scans the built-in part (simulated), reconstructs it, and writes the mesh and a picture.");
+    cxxopts::Options options(
+        "tessaline demo", "Scans the built-in part (simulated), reconstructs it, and writes the mesh and a picture.");
     options.add_options()("o,output", "directory for tessaline-demo.ply and tessaline-demo.png",
                           cxxopts::value<std::string>()->default_value("."))(
         "points", "points of the simulated scan", cxxopts::value<std::size_t>()->default_value("1000000"))(
@@ -340,12 +352,16 @@ int demo(int argc, char** argv) {
     const double simulate_s = std::chrono::duration<double>(Clock::now() - start).count();
 
     tessaline_tools::WeldedMesh welded;
-    const tessaline_tools::RunReport run = reconstructAndWeld(frames, resolution, args.count("quiet") > 0, 1.0f, welded);
-    const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"), picture_path = joinPath(folder, "tessaline-demo.png");
+    const tessaline_tools::RunReport run =
+        reconstructAndWeld(frames, resolution, args.count("quiet") > 0, 1.0f, welded);
+    const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"),
+                      picture_path = joinPath(folder, "tessaline-demo.png");
     tessaline_tools::writeWeldedMesh(mesh_path, welded);
     tessaline_tools::writePng(picture_path, tessaline_tools::renderViews(trianglesOf(welded), 600));
-    std::printf("\ntessaline demo: the built-in part (a block with sharp edges, a hole, a dome, a 1 mm wall and a\n"
-                "0.5 mm deep engraved ring), scanned by a simulated laser-line scanner, reconstructed at %g mm\n", resolution);
+    std::printf(
+        "\ntessaline demo: the built-in part (a block with sharp edges, a hole, a dome, a 1 mm wall and a\n"
+        "0.5 mm deep engraved ring), scanned by a simulated laser-line scanner, reconstructed at %g mm\n",
+        resolution);
     printRun(run, welded, simulate_s, "simulating");
     const auto mesh_surface = tessaline_tools::meshSurface(*run.mesh, 300000);
     const auto part = tessaline_tools::partSurface(0.15);
@@ -382,18 +398,20 @@ int compare(int argc, char** argv) {
     options.positional_help("MESH REFERENCE");
     options.add_options()("units", "length unit of both files (mm, cm, m, in); distances are reported in mm",
                           cxxopts::value<std::string>()->default_value("mm"))(
-        "threshold", "distances for the F-scores, mm, comma-separated", cxxopts::value<std::string>()->default_value("0.1,0.5"))(
+        "threshold", "distances for the F-scores, mm, comma-separated",
+        cxxopts::value<std::string>()->default_value("0.1,0.5"))(
         "coverage", "the reference counts as covered where the mesh lies this close, mm",
-        cxxopts::value<double>()->default_value("1.0"))(
-        "samples", "points sampled on each mesh", cxxopts::value<std::size_t>()->default_value("300000"))(
+        cxxopts::value<double>()->default_value("1.0"))("samples", "points sampled on each mesh",
+                                                        cxxopts::value<std::size_t>()->default_value("300000"))(
         "h,help", "show this text")("files", "MESH REFERENCE (a PLY mesh, or 'part' for the built-in part)",
                                     cxxopts::value<std::vector<std::string>>());
     options.parse_positional({"files"});
     const cxxopts::ParseResult args = options.parse(argc, argv);
     if (args.count("help")) {
-        std::printf("%s\nExamples:\n  tessaline compare bunny.ply reference/bun_zipper.ply --units m\n"
-                    "  tessaline compare tessaline-demo.ply part\n",
-                    options.help().c_str());
+        std::printf(
+            "%s\nExamples:\n  tessaline compare bunny.ply reference/bun_zipper.ply --units m\n"
+            "  tessaline compare tessaline-demo.ply part\n",
+            options.help().c_str());
         return 0;
     }
     if (!args.count("files") || args["files"].as<std::vector<std::string>>().size() != 2)
@@ -410,7 +428,8 @@ int compare(int argc, char** argv) {
     const auto reference = loadReference(files[1], to_mm, samples);
     if (reference->samples().empty()) throw std::runtime_error(files[1] + ": no triangles");
     const auto mesh_surface = tessaline_tools::meshSurface(mesh, samples);
-    printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, thresholds, coverage), "the reference", "mm");
+    printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, thresholds, coverage), "the reference",
+                    "mm");
     return 0;
 }
 

@@ -28,10 +28,10 @@ using Vec3f = std::array<float, 3>;
 
 // The per-frame record. It is copied byte for byte into the library's staging buffers.
 struct FrameInfo {
-    std::uint8_t leading[96] = {};    // the application's own; never read by the library
-    double rotation[9] = {};          // column-major: row r, column c at index 3c + r
+    std::uint8_t leading[96] = {};  // the application's own; never read by the library
+    double rotation[9] = {};        // column-major: row r, column c at index 3c + r
     double translation[3] = {};
-    std::int32_t laser_id = 0;        // 0 to 7; anything else is set to 0 when the frame is used
+    std::int32_t laser_id = 0;  // 0 to 7; anything else is set to 0 when the frame is used
 };
 
 // One scan frame, already in the common coordinate system of the scan.
@@ -52,22 +52,22 @@ struct FrameDataWithInfo {
 struct LaserInfo {
     std::uint32_t laser_word_a = 0;
     std::uint32_t laser_word_b = 0;
-    std::int32_t laser_id = 0;        // 0 to 7
-    float min_edge = 0.0f;            // a point of this laser counts in a cell of at least this edge
+    std::int32_t laser_id = 0;  // 0 to 7
+    float min_edge = 0.0f;      // a point of this laser counts in a cell of at least this edge
     std::uint32_t laser_block[4] = {};
     std::uint32_t laser_word_c = 0;
 };
 
 // The optimized markers of the whole scan.
 struct MarkerInfos {
-    std::vector<std::int32_t> ids;    // its length is the marker count; values are not read
+    std::vector<std::int32_t> ids;  // its length is the marker count; values are not read
     std::vector<Vec3f> xyz;
     std::vector<Vec3f> nor;
 };
 
 // One optimized marker with its error statistics.
 struct OptedMarker {
-    std::int32_t id = -1;             // index in the list
+    std::int32_t id = -1;  // index in the list
     Vec3f xyz = {0.0f, 0.0f, 0.0f};
     Vec3f nor = {0.0f, 0.0f, 0.0f};
     std::int32_t count = 0;

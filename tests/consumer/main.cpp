@@ -1,9 +1,9 @@
 // Checks, through the installed package alone, the texts and status codes of calls out of order.
+#include <tessaline/Tessaline.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
-
-#include <tessaline/Tessaline.h>
 
 using namespace SurfaceReconstruction;
 

@@ -40,7 +40,13 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Bytes in(data, size);
-    static const float RESOLUTIONS[8] = {0.5f, 1.0f, 2.0f, 0.25f, 0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(),
+    static const float RESOLUTIONS[8] = {0.5f,
+                                         1.0f,
+                                         2.0f,
+                                         0.25f,
+                                         0.0f,
+                                         -1.0f,
+                                         std::numeric_limits<float>::quiet_NaN(),
                                          std::numeric_limits<float>::infinity()};
     Tessaline engine;
     if (engine.init() != 0) return 0;
@@ -58,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 for (float& c : n) c = in.rawFloat();
             } else {
                 // Small steps on a plane tilted by the bytes: something with a surface.
-                const float u = static_cast<std::int8_t>(in.byte()) * 0.1f, v = static_cast<std::int8_t>(in.byte()) * 0.1f;
+                const float u = static_cast<std::int8_t>(in.byte()) * 0.1f,
+                            v = static_cast<std::int8_t>(in.byte()) * 0.1f;
                 const float tilt = static_cast<std::int8_t>(in.byte()) * 0.01f;
                 p = {u, v, tilt * u};
                 const float length = std::sqrt(1.0f + tilt * tilt);

@@ -19,7 +19,8 @@ const std::string& folder() {
         // A 2 x 2 range image with its grid, and a copy cut short.
         const std::string image =
             "ply\nformat ascii 1.0\nobj_info num_cols 2\nobj_info num_rows 2\nelement vertex 4\nproperty float x\n"
-            "property float y\nproperty float z\nelement range_grid 4\nproperty list uchar int vertex_indices\nend_header\n"
+            "property float y\nproperty float z\nelement range_grid 4\nproperty list uchar int "
+            "vertex_indices\nend_header\n"
             "0 0 0\n1 0 0\n0 1 0\n1 1 0.1\n1 0\n1 1\n1 2\n1 3\n";
         std::ofstream(dir + "/a.ply") << image;
         std::ofstream(dir + "/b.ply") << image.substr(0, image.size() - 9);
