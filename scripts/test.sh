@@ -6,4 +6,7 @@ bash scripts/deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build -j"$(nproc)"
 cd build
+# Tests run side by side, each with its own OpenMP team: idle threads that spin would take the cores
+# from the others.
+export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
 ctest --output-on-failure -j"$(nproc)"

@@ -11,9 +11,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "CellRecords.h"
 #include "DualCubeTables.h"
-#include "HashOctree.h"
-#include "MarchingCubes.h"
+#include "FieldDataPool.h"
+#include "OctreeRecords.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {

@@ -171,6 +171,15 @@ void launchKernel(std::size_t n, const Kernel& kernel) {
 #endif
 }
 
+// Runs `kernel(i)` for every i in [0, n) on the host's cores, with either backend: the twin of
+// launchKernel for data that lives in host memory, as in the fallbacks when device memory runs short.
+template <class Kernel>
+void runOnHost(std::size_t n, const Kernel& kernel) {
+    const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
+}
+
 // ---- primitives with device semantics on both sides ----------------------------------------------
 
 // Atomic add on a counter shared by the threads of one launch; returns the old value.

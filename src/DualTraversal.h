@@ -3,7 +3,7 @@
 // groups share their corner cells, so a surface passes between levels without any stitching.
 #pragma once
 
-#include "HashOctree.h"
+#include "OctreeRecords.h"
 
 namespace SurfaceReconstruction {
 

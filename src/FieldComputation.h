@@ -4,11 +4,11 @@
 
 #include <cstdint>
 
+#include "CellRecords.h"
 #include "DeviceLayer.h"
-#include "MarchingCubes.h"
 #include "Parameters.h"
 #include "PlaneFit.h"
-#include "Portioner.h"
+#include "PointRecords.h"
 
 namespace SurfaceReconstruction {
 

@@ -39,4 +39,9 @@ TESSA_HD inline std::int32_t gridIndex(float value, float cell) {
     return floatToIntSaturate(q);
 }
 
+// The grid indices of a position on all three axes.
+TESSA_HD inline void gridKey(const float position[3], float cell, std::int32_t key[3]) {
+    for (int k = 0; k < 3; ++k) key[k] = gridIndex(position[k], cell);
+}
+
 }  // namespace SurfaceReconstruction

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "ErrorLadder.h"
 #include "GridHash.h"
 #include "SpinLock.h"
 #include "tessaline/Tessaline.h"
@@ -110,13 +111,14 @@ bool CellNodePool::addBlock() {
     CellNode* block = new (std::nothrow) CellNode[m_hash_params->CELL_POOL_BLOCK_SIZE];
     if (block == nullptr) return false;
     m_blocks.push_back(block);
-    m_block_num.fetch_add(1, std::memory_order_release);
+    m_growth.blockAdded();
     return true;
 }
 
 int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
     deInit();
     m_hash_params = params;
+    m_growth.setBlockSize(static_cast<std::int64_t>(params->CELL_POOL_BLOCK_SIZE));
     m_blocks.reserve(params->CELL_POOL_MAX_BLOCKS);
     for (std::uint64_t i = 0; i < params->CELL_POOL_INIT_BLOCKS; ++i) {
         if (!addBlock()) {
@@ -124,7 +126,6 @@ int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
             return TESSALINE_OUT_OF_MEMORY;
         }
     }
-    m_cell_num = 0;
     m_inited = true;
     return 0;
 }
@@ -132,26 +133,14 @@ int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
 int CellNodePool::deInit() {
     for (CellNode* block : m_blocks) delete[] block;
     m_blocks.clear();
-    m_block_num = 0;
-    m_cell_num = 0;
+    m_growth.clear();
     m_inited = false;
     return 0;
 }
 
 int CellNodePool::allocDataIndex(std::int32_t& index) {
-    const std::int64_t block_size = static_cast<std::int64_t>(m_hash_params->CELL_POOL_BLOCK_SIZE);
-    index = m_cell_num.fetch_add(1);
-    if (index < m_block_num.load(std::memory_order_acquire) * block_size) return 0;
-
-    SpinGuard guard(m_lock);
-    while (index >= m_block_num.load(std::memory_order_acquire) * block_size) {
-        if (m_blocks.size() >= m_hash_params->CELL_POOL_MAX_BLOCKS || !addBlock()) {
-            m_cell_num.fetch_sub(1);
-            index = -1;
-            return TESSALINE_OUT_OF_MEMORY;
-        }
-    }
-    return 0;
+    return m_growth.reserve(1, index,
+                            [this] { return m_blocks.size() < m_hash_params->CELL_POOL_MAX_BLOCKS && addBlock(); });
 }
 
 CellNode* CellNodePool::cellAt(std::int32_t index) const {
@@ -182,16 +171,15 @@ std::shared_ptr<HashRootCellData> HashRootCellList::get(std::int32_t id) const {
 // ---- HashOctree ------------------------------------------------------------------------------------
 
 namespace {
-std::uint8_t loadCellType(const CellNode& cell) { return __atomic_load_n(&cell.cell_type, __ATOMIC_ACQUIRE); }
+std::uint8_t loadCellType(const CellNode& cell) { return loadAcquire(cell.cell_type); }
 
 // A branch mark never overwrites a leaf: only a cell outside any tree becomes a branch.
 void markBranch(CellNode& cell) {
     std::uint8_t expected = 0;
-    __atomic_compare_exchange_n(&cell.cell_type, &expected, CELL_TYPE_BRANCH, false, __ATOMIC_ACQ_REL,
-                                __ATOMIC_ACQUIRE);
+    compareExchangeAcqRel(cell.cell_type, expected, CELL_TYPE_BRANCH);
 }
 
-CellNode* loadChild(CellNode* const& child) { return __atomic_load_n(&child, __ATOMIC_ACQUIRE); }
+CellNode* loadChild(CellNode* const& child) { return loadAcquire(child); }
 }  // namespace
 
 HashOctree::~HashOctree() {
@@ -199,7 +187,8 @@ HashOctree::~HashOctree() {
 }
 
 int HashOctree::init(const std::shared_ptr<HashParameters>& params) {
-    try {
+    m_inited = false;
+    return runGuarded(m_last_error, {1, "BlockHashOctree: init try cath error!"}, [&]() -> int {
         if (!params) throw std::invalid_argument("no hash parameters");
         m_hash_params = params;
         m_hash_table = std::make_shared<HashTable>();
@@ -217,15 +206,11 @@ int HashOctree::init(const std::shared_ptr<HashParameters>& params) {
         m_hash_cell_list = std::make_shared<HashRootCellList>();
         m_inited = true;
         return 0;
-    } catch (...) {
-        m_inited = false;
-        m_last_error = "BlockHashOctree: init try cath error!";
-        return 1;
-    }
+    });
 }
 
 int HashOctree::deInit() {
-    try {
+    return runGuarded(m_last_error, {1, "BlockHashOctree: deInit try cath error!"}, [&]() -> int {
         m_hash_params.reset();
         m_hash_table.reset();
         if (m_cell_pool) {
@@ -239,10 +224,7 @@ int HashOctree::deInit() {
         m_hash_cell_list.reset();
         m_inited = false;
         return 0;
-    } catch (...) {
-        m_last_error = "BlockHashOctree: deInit try cath error!";
-        return 1;
-    }
+    });
 }
 
 int HashOctree::setResolution(float resolution) {
@@ -342,13 +324,13 @@ int HashOctree::insertLeafNodeForHashBlock(const HashRootCellData& root, const f
                 for (int axis = 0; axis < 3; ++axis)
                     child->center[axis] = n->center[axis] + static_cast<float>(CHILD_SIGN[k][axis]) * h * 0.5f;
                 child->parent = n;
-                __atomic_store_n(&n->children[k], child, __ATOMIC_RELEASE);  // complete before it is seen
+                storeRelease(n->children[k], child);  // complete before it is seen
                 ++n->child_count;
             }
         }
         n = child;
     }
-    __atomic_store_n(&n->cell_type, CELL_TYPE_LEAF, __ATOMIC_RELEASE);
+    storeRelease(n->cell_type, CELL_TYPE_LEAF);
     leaf = n;
     return 0;
 }

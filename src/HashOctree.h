@@ -9,6 +9,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "Atomics.h"
+#include "BlockPool.h"
+#include "OctreeRecords.h"
+
 namespace SurfaceReconstruction {
 
 // Sizes of the octree's table and cell pool; set once by the engine.
@@ -33,10 +37,10 @@ struct HashEntry {
     std::int32_t data_id_plus_one = 0;  // data_id: index into the root cell list; -1 while nothing is attached
     std::uint32_t lock = 0;             // spin lock of this entry
 
-    std::int32_t next() const { return __atomic_load_n(&next_plus_one, __ATOMIC_ACQUIRE) - 1; }
-    void setNext(std::int32_t next) { __atomic_store_n(&next_plus_one, next + 1, __ATOMIC_RELEASE); }
-    std::int32_t dataId() const { return __atomic_load_n(&data_id_plus_one, __ATOMIC_ACQUIRE) - 1; }
-    void setDataId(std::int32_t id) { __atomic_store_n(&data_id_plus_one, id + 1, __ATOMIC_RELEASE); }
+    std::int32_t next() const { return loadAcquire(next_plus_one) - 1; }
+    void setNext(std::int32_t next) { storeRelease(next_plus_one, next + 1); }
+    std::int32_t dataId() const { return loadAcquire(data_id_plus_one) - 1; }
+    void setDataId(std::int32_t id) { storeRelease(data_id_plus_one, id + 1); }
 };
 
 static_assert(std::is_trivially_destructible<HashEntry>::value, "the table frees its entries without destructors");
@@ -76,38 +80,6 @@ private:
     std::shared_ptr<HashParameters> m_hash_params;
 };
 
-// One cell of an octree. Cells live at fixed addresses for the whole run, so parents, children and
-// later stages hold raw pointers to them.
-struct CellNode {
-    std::uint32_t lock = 0;  // guards the creation of children and the attachment of data
-    float center[3] = {0.0f, 0.0f, 0.0f};
-    float half_size = 0.5f;
-    CellNode* parent = nullptr;
-    CellNode* children[8] = {};
-    std::uint8_t cell_type = 0;    // 0 not in a tree, 1 branch, 3 leaf; only ever moves upward
-    std::uint8_t data_state = 0;   // 0 nothing, 1 relation record, 2 field records
-    std::uint8_t field_count = 0;  // field records at data_id when data_state is 2
-    std::uint8_t child_count = 0;  // live children; cleared when a leaf has absorbed its subtree
-    std::int32_t data_id = -1;
-};
-
-constexpr std::uint8_t CELL_TYPE_BRANCH = 1;
-constexpr std::uint8_t CELL_TYPE_LEAF = 3;
-
-// Child numbering: z at or above the centre gives 0-3, below 4-7; within a ring the x/y quadrants.
-// Index (x below) * 4 + (y below) * 2 + (z below) into this table.
-inline constexpr int CHILD_INDEX_TABLE[8] = {3, 7, 0, 4, 2, 6, 1, 5};
-// Sign of each axis of child k, from the numbering above.
-inline constexpr int CHILD_SIGN[8][3] = {{1, -1, 1},  {-1, -1, 1},  {-1, 1, 1},  {1, 1, 1},
-                                         {1, -1, -1}, {-1, -1, -1}, {-1, 1, -1}, {1, 1, -1}};
-
-inline int childIndex(const float point[3], const float center[3]) {
-    const int a = point[0] < center[0] ? 1 : 0;
-    const int b = point[1] < center[1] ? 1 : 0;
-    const int c = point[2] < center[2] ? 1 : 0;
-    return CHILD_INDEX_TABLE[a * 4 + b * 2 + c];
-}
-
 // Cells from large blocks at fixed addresses; one atomic add a cell while a block has room.
 class CellNodePool {
 public:
@@ -124,17 +96,15 @@ public:
     CellNode* cellAt(std::int32_t index) const;
 
     bool isInited() const { return m_inited; }
-    std::int32_t blockCount() const { return m_block_num.load(); }
-    std::int32_t cellCount() const { return m_cell_num.load(); }
+    std::int32_t blockCount() const { return m_growth.blocks(); }
+    std::int32_t cellCount() const { return m_growth.size(); }
 
 private:
     bool addBlock();
 
     bool m_inited = false;
-    std::uint32_t m_lock = 0;
     std::vector<CellNode*> m_blocks;
-    std::atomic<std::int32_t> m_block_num{0};
-    std::atomic<std::int32_t> m_cell_num{0};
+    BlockPoolGrowth m_growth{1, 0};  // the block size comes with the parameters
     std::shared_ptr<HashParameters> m_hash_params;
 };
 

@@ -4,67 +4,14 @@
 #include <cstdio>
 #include <new>
 
+#include "ErrorLadder.h"
 #include "HashOctree.h"
-#include "Portioner.h"
 #include "SimpleLineHash.h"
 #include "SpinLock.h"
 #include "TimeProfiler.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
-
-// ---- FieldDataPool -------------------------------------------------------------------------------
-
-bool FieldDataPool::addBlock() {
-    FieldSlot* block = new (std::nothrow) FieldSlot[FIELD_POOL_BLOCK_SIZE];
-    if (block == nullptr) return false;
-    m_blocks.push_back(block);
-    ++m_block_num;
-    return true;
-}
-
-bool FieldDataPool::init() {
-    deInit();
-    m_blocks.reserve(FIELD_POOL_RESERVED_BLOCKS);
-    for (int i = 0; i < FIELD_POOL_INIT_BLOCKS; ++i) {
-        if (!addBlock()) {
-            deInit();  // nothing of a failed start stays allocated
-            return false;
-        }
-    }
-    m_inited = true;
-    return true;
-}
-
-void FieldDataPool::deInit() {
-    for (FieldSlot* block : m_blocks) delete[] block;
-    m_blocks.clear();
-    m_block_num = 0;
-    m_size = 0;
-    m_inited = false;
-}
-
-int FieldDataPool::allocDataIndex(std::int32_t& index, std::int32_t count) {
-    index = m_size.fetch_add(count);
-    const auto capacity = [this] { return static_cast<std::int64_t>(m_block_num) * FIELD_POOL_BLOCK_SIZE; };
-    if (static_cast<std::int64_t>(index) + count < capacity()) return 0;
-
-    SpinGuard guard(m_lock);
-    // Another thread may have grown the pool meanwhile; grow until this reservation fits.
-    while (static_cast<std::int64_t>(index) + count >= capacity()) {
-        if (m_blocks.size() >= FIELD_POOL_RESERVED_BLOCKS || !addBlock()) {
-            m_size.fetch_sub(count);
-            index = -1;
-            return TESSALINE_OUT_OF_MEMORY;
-        }
-    }
-    return 0;
-}
-
-FieldSlot* FieldDataPool::slot(std::int32_t index) const {
-    if (index < 0 || index / FIELD_POOL_BLOCK_SIZE >= m_block_num) return nullptr;
-    return &m_blocks[static_cast<std::size_t>(index / FIELD_POOL_BLOCK_SIZE)][index % FIELD_POOL_BLOCK_SIZE];
-}
 
 // ---- MarchingCubes ---------------------------------------------------------------------------------
 
@@ -93,39 +40,28 @@ int MarchingCubes::setResolution(float resolution) {
 }
 
 int MarchingCubes::init() {
-    try {
+    m_inited = false;
+    return runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
         m_block_loc_hash = std::make_shared<SimpleLineHash>();  // sized for each block when it is used
         m_inited = true;
         return 0;
-    } catch (...) {
-        m_inited = false;
-        return 1;
-    }
+    });
 }
 
 int MarchingCubes::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     m_hash_octree = octree;
     return 0;
 }
 
 int MarchingCubes::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     m_field_data_pool = pool;
     return 0;
 }
 
 int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_hash_octree) {
         m_last_error = "[MarchingCubes] process error , m_hash_octree == nullptr !";
         return 1;
@@ -194,18 +130,18 @@ void MarchingCubes::logicCoordinate(const PointCloudBlock& block, float out[3]) 
 
 int MarchingCubes::deInit() {
     if (!m_inited) return 0;
-    try {
+    const int result = runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
         if (deInitDevice() != 0) return 1;  // a run that ended early may still hold the device buffers
         if (m_block_loc_hash) {
-            const int result = m_block_loc_hash->deInit();
-            if (result != 0) {
+            const int released = m_block_loc_hash->deInit();
+            if (released != 0) {
                 m_last_error = "[MarchingCubes] m_block_loc_hash->deInit failed!";
-                return result;
+                return released;
             }
         }
-    } catch (...) {
-        return 1;
-    }
+        return 0;
+    });
+    if (result != 0) return result;
     m_block_loc_hash.reset();
     m_hash_octree.reset();
     m_field_data_pool.reset();

@@ -9,6 +9,8 @@
 #include <exception>
 #include <utility>
 
+#include "ErrorLadder.h"
+
 namespace SurfaceReconstruction {
 
 int MarkerFilter::init() {
@@ -24,15 +26,12 @@ int MarkerFilter::deInit() {
 }
 
 int MarkerFilter::setOptimizedMarkers(const std::shared_ptr<std::vector<OptedMarker>>& markers) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!markers) {
         m_last_error = "[MarkerFilter] setOptimizedMarkers markers == nullptr";
         return 1;
     }
-    try {
+    return runGuarded(m_last_error, {1, "[MarkerFilter] setOptimizedMarkers try catch error!"}, [&]() -> int {
         auto cloud = std::make_shared<PointXYZLNormalCloud>();
         cloud->points.resize(markers->size());
         for (std::size_t i = 0; i < markers->size(); ++i) {
@@ -54,11 +53,8 @@ int MarkerFilter::setOptimizedMarkers(const std::shared_ptr<std::vector<OptedMar
         m_opted_markers_kdtree = std::move(tree);
         m_opted_markers_cloud = std::move(cloud);
         m_opted_markers = markers;
-    } catch (const std::exception&) {
-        m_last_error = "[MarkerFilter] setOptimizedMarkers try catch error!";
-        return 1;
-    }
-    return 0;
+        return 0;
+    });
 }
 
 bool MarkerFilter::findMarker(const Vec3f& position, const Vec3f& normal, std::int32_t& id) const {
@@ -106,15 +102,12 @@ bool MarkerFilter::standsOut(const FrameDataWithInfo& frame, const std::vector<f
 
 int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                            std::deque<std::shared_ptr<FrameDataWithInfo>>& passed) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_opted_markers_cloud || !m_opted_markers_kdtree || !m_opted_markers) {
         m_last_error = "m_opted_markers_cloud == nullptr || m_opted_markers_kdtree == nullptr";
         return 1;
     }
-    try {
+    return runGuarded(m_last_error, {1, "[MarkerFilter] filterScanFrameByMarkers try catch error!"}, [&]() -> int {
         const std::size_t n = frames.size();
         std::vector<OptedMarker>& markers = *m_opted_markers;
         const std::int64_t m = static_cast<std::int64_t>(markers.size());
@@ -214,11 +207,8 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
         m_max_frame_points = largest;
         std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(frames);
         std::printf("filter frame by markers (%d / %d) \n", static_cast<int>(passed.size()), static_cast<int>(n));
-    } catch (const std::exception&) {
-        m_last_error = "[MarkerFilter] filterScanFrameByMarkers try catch error!";
-        return 1;
-    }
-    return 0;
+        return 0;
+    });
 }
 
 }  // namespace SurfaceReconstruction

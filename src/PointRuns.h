@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "DeviceLayer.h"
-#include "Portioner.h"
+#include "PointRecords.h"
 
 namespace SurfaceReconstruction {
 

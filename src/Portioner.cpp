@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "ErrorLadder.h"
 #include "ThreadPool.h"
 
 namespace SurfaceReconstruction {
@@ -74,7 +75,7 @@ int Portioner::init() {
 
 int Portioner::deInit() {
     if (!m_inited) return 0;
-    try {
+    return runGuarded(m_last_error, {1, "[Portioner] deInit try catch error!"}, [&]() -> int {
         if (m_task_future.valid()) m_task_future.wait();  // the worker owns the device buffers until then
         deInitRawSurface_Device();
         const int result = deInitPartition_Device();
@@ -82,19 +83,13 @@ int Portioner::deInit() {
         m_waiting_frames.clear();
         m_inited = false;
         return 0;
-    } catch (...) {
-        m_last_error = "[Portioner] deInit try catch error!";
-        return 1;
-    }
+    });
 }
 
 // ---- first pass --------------------------------------------------------------------------------------
 
 int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_task_failed || !frame) return 1;
     if (frame->frame_info.laser_id < 0 || frame->frame_info.laser_id >= 8) frame->frame_info.laser_id = 0;
     if (!frameFits(*frame)) return 1;
@@ -152,58 +147,54 @@ int Portioner::reOrganizeRawSurfaceBlock_Task() {
 // ---- between the passes ----------------------------------------------------------------------------
 
 int Portioner::preProcessForAddScanFrame() {
-    try {
-        const float block_res = blockRes();
-        const float half = block_res * 0.5f;
-        m_point_cloud_blocks.reserve(m_raw_surface_block_vec.size());
+    return runGuarded(
+        m_last_error, {TESSALINE_DEVICE_COMPUTE, "[Portioner] setRawSurfacePoints try catch device error!"},
+        {TESSALINE_DEVICE_COMPUTE, "[Portioner] setRawSurfacePoints try catch error!"}, [&]() -> int {
+            const float block_res = blockRes();
+            const float half = block_res * 0.5f;
+            m_point_cloud_blocks.reserve(m_raw_surface_block_vec.size());
 
-        // The table grows with the block list: a wide scan has many blocks and their seam neighbours.
-        std::uint64_t buckets = PORTIONER_HASH_BUCKETS;
-        while (buckets < 2 * m_raw_surface_block_vec.size()) buckets <<= 1;
-        const std::uint64_t excess = std::max<std::uint64_t>(PORTIONER_HASH_EXCESS, m_raw_surface_block_vec.size());
-        auto simple_line_hash = std::make_shared<SimpleLineHash>();
-        int result = simple_line_hash->init(buckets, excess);
-        if (result != 0) return result;
-        m_hash_entry_size = simple_line_hash->getHashBucketSize() + simple_line_hash->getHashExcessSize();
-        m_hash_mask = simple_line_hash->getHashMask();
+            // The table grows with the block list: a wide scan has many blocks and their seam neighbours.
+            std::uint64_t buckets = PORTIONER_HASH_BUCKETS;
+            while (buckets < 2 * m_raw_surface_block_vec.size()) buckets <<= 1;
+            const std::uint64_t excess = std::max<std::uint64_t>(PORTIONER_HASH_EXCESS, m_raw_surface_block_vec.size());
+            auto simple_line_hash = std::make_shared<SimpleLineHash>();
+            int result = simple_line_hash->init(buckets, excess);
+            if (result != 0) return result;
+            m_hash_entry_size = simple_line_hash->getHashBucketSize() + simple_line_hash->getHashExcessSize();
+            m_hash_mask = simple_line_hash->getHashMask();
 
-        for (const RawSurfaceBlockPos& pos : m_raw_surface_block_vec) {
-            SimpleLineHashEntry* entry = nullptr;
-            if (simple_line_hash->insert(pos, entry) != 0) return 1;
-            entry->id = static_cast<std::int32_t>(m_point_cloud_blocks.size());
-            auto block = std::make_shared<PointCloudBlock>();
-            block->center[0] = static_cast<float>(pos.x) * block_res + half;
-            block->center[1] = static_cast<float>(pos.y) * block_res + half;
-            block->center[2] = static_cast<float>(pos.z) * block_res + half;
-            block->half_size = half;
-            m_point_cloud_blocks.push_back(std::move(block));
-        }
+            for (const RawSurfaceBlockPos& pos : m_raw_surface_block_vec) {
+                SimpleLineHashEntry* entry = nullptr;
+                if (simple_line_hash->insert(pos, entry) != 0) return 1;
+                entry->id = static_cast<std::int32_t>(m_point_cloud_blocks.size());
+                auto block = std::make_shared<PointCloudBlock>();
+                block->center[0] = static_cast<float>(pos.x) * block_res + half;
+                block->center[1] = static_cast<float>(pos.y) * block_res + half;
+                block->center[2] = static_cast<float>(pos.z) * block_res + half;
+                block->half_size = half;
+                m_point_cloud_blocks.push_back(std::move(block));
+            }
 
-        // Frame slots for the batches that can occur: a run of fewer frames than a batch needs fewer.
-        const std::size_t frames = m_model_set ? PORTIONER_MAX_FRAME_SIZE : m_waiting_frames.size();
-        m_batch_slots =
-            static_cast<int>(std::min<std::size_t>(PORTIONER_MAX_FRAME_SIZE, std::max<std::size_t>(frames, 1)));
-        result = initPartition_Device();
-        if (result != 0) return result;
+            // Frame slots for the batches that can occur: a run of fewer frames than a batch needs fewer.
+            const std::size_t frames = m_model_set ? PORTIONER_MAX_FRAME_SIZE : m_waiting_frames.size();
+            m_batch_slots =
+                static_cast<int>(std::min<std::size_t>(PORTIONER_MAX_FRAME_SIZE, std::max<std::size_t>(frames, 1)));
+            result = initPartition_Device();
+            if (result != 0) return result;
 
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
-                         m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),
-            "cudaMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(), m_hash_entry_size "
-            "* sizeof(SimpleLineHashEntry), cudaMemcpyHostToDevice)");
-        result = simple_line_hash->deInit();
-        if (result != 0) {
-            m_last_error = "[Portioner] m_simple_line_hash->deInit() error!";
-            return result;
-        }
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[Portioner] setRawSurfacePoints try catch device error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        m_last_error = "[Portioner] setRawSurfacePoints try catch error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    }
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
+                             m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),
+                "cudaMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(), m_hash_entry_size "
+                "* sizeof(SimpleLineHashEntry), cudaMemcpyHostToDevice)");
+            result = simple_line_hash->deInit();
+            if (result != 0) {
+                m_last_error = "[Portioner] m_simple_line_hash->deInit() error!";
+                return result;
+            }
+            return 0;
+        });
 }
 
 // ---- second pass -----------------------------------------------------------------------------------
@@ -235,10 +226,7 @@ int Portioner::waitForBatch() {
 int Portioner::processScanFrameList_Task() { return processScanFrameList_Device(blockRes(), extRes()); }
 
 int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_task_failed || !frame || !m_adding_frames) return 1;
     if (frame->frame_info.laser_id < 0 || frame->frame_info.laser_id >= 8) frame->frame_info.laser_id = 0;
     const std::size_t pt_size = frame->xyz.size();
@@ -282,10 +270,7 @@ int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& f
 }
 
 int Portioner::finishScanFrames() {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_task_failed) return 1;
     if (waitForBatch() != 0) return 1;
     std::swap(m_adding_frames, m_computing_frames);
@@ -330,10 +315,7 @@ void Portioner::sortBlocksBySize() {
 }
 
 int Portioner::processWithoutModel() {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_task_failed) return 1;
     if (m_model_set) {
         m_last_error = "[Portioner] processWithoutModel: the blocks already come from a model!";
@@ -367,10 +349,7 @@ int Portioner::processWithoutModel() {
 // ---- the model path --------------------------------------------------------------------------------
 
 int Portioner::setSimplifiedModel(const std::vector<Vec3f>& model) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_model_set || !m_raw_surface_block_vec.empty() || m_raw_surface_point_size > 0 || !m_waiting_frames.empty()) {
         m_last_error = "[Portioner] setSimplifiedModel: the run has already begun!";
         return 1;
@@ -389,10 +368,7 @@ int Portioner::setSimplifiedModel(const std::vector<Vec3f>& model) {
 }
 
 int Portioner::processWithModel() {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_model_set) {
         m_last_error = "[Portioner] processWithModel: no model was set!";
         return 1;
@@ -407,19 +383,13 @@ int Portioner::processWithModel() {
 // ---- the block list --------------------------------------------------------------------------------
 
 int Portioner::getMaxBlockPointsSize() {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_point_cloud_blocks.empty() || !m_point_cloud_blocks.front()) return 0;
     return static_cast<int>(m_point_cloud_blocks.front()->points->size());
 }
 
 int Portioner::getPointCloudBlockCount() {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     return static_cast<int>(m_point_cloud_blocks.size());
 }
 
@@ -430,10 +400,7 @@ int Portioner::takePointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std:
 }
 
 int Portioner::getPointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (static_cast<std::uint64_t>(static_cast<std::int64_t>(index)) >= m_point_cloud_blocks.size()) {
         m_last_error = "no cur block id!";
         return 1;

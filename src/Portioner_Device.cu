@@ -10,6 +10,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "ErrorLadder.h"
 #include "PointRuns.h"
 #include "Portioner.h"
 
@@ -153,18 +154,16 @@ std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_
 // 65797, anything else 1; what was already appended to the block list stays.
 template <class Step>
 int runBlockComputation(std::string& last_error, Step step) {
-    try {
-        step();
-        return 0;
-    } catch (const DeviceError&) {
-        last_error = "[] computeModelBlockHash_Device try catch device error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (const thrust::system::system_error& e) {
-        std::printf("[Portioner] thruest error: %s !", e.what());
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    return runGuarded(last_error, {TESSALINE_DEVICE_COMPUTE, "[] computeModelBlockHash_Device try catch device error!"},
+                      {1, nullptr}, [&]() -> int {
+                          try {
+                              step();
+                              return 0;
+                          } catch (const thrust::system::system_error& e) {
+                              std::printf("[Portioner] thruest error: %s !", e.what());
+                              return static_cast<int>(TESSALINE_DEVICE_COMPUTE);
+                          }
+                      });
 }
 
 }  // namespace
@@ -172,7 +171,7 @@ int runBlockComputation(std::string& last_error, Step step) {
 // ---- buffers ---------------------------------------------------------------------------------------
 
 int Portioner::initRawSurface_Device(std::uint64_t capacity) {
-    try {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
         TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
         TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
         m_raw_surface_capacity = 0;
@@ -186,117 +185,105 @@ int Portioner::initRawSurface_Device(std::uint64_t capacity) {
             "* sizeof(RawSurfaceBlockPos))");
         m_raw_surface_capacity = capacity;
         return 0;
-    } catch (const DeviceError&) {
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 int Portioner::deInitRawSurface_Device() {
-    try {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
         TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
         TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
         m_raw_surface_capacity = 0;
         return 0;
-    } catch (const DeviceError&) {
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 int Portioner::initPartition_Device() {
-    try {
-        m_adding_frame_size = 0;
-        m_computing_frame_size = 0;
-        m_slot_points = maxFramePoints();
-        const std::size_t slot_points = m_slot_points;
-        const std::size_t slots = static_cast<std::size_t>(m_batch_slots);
-        for (std::shared_ptr<HostFrameBatch>* buffer : {&m_adding_frames, &m_computing_frames}) {
-            auto batch = std::make_shared<HostFrameBatch>();
-            batch->xyz.assign(slots * slot_points * 3, 0.0f);
-            batch->nor.assign(slots * slot_points * 3, 0.0f);
-            batch->w.assign(slots * slot_points, 0);
-            batch->frame_info.assign(slots, FrameInfo{});
-            batch->slot_points.assign(slots, 0);
-            *buffer = std::move(batch);
-        }
-    } catch (...) {
-        m_last_error = "[Portioner] setRawSurfacePoints try catch error!";
-        return TESSALINE_OUT_OF_MEMORY;
-    }
-    try {
-        const std::size_t batch_points = static_cast<std::size_t>(m_batch_slots) * m_slot_points;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)),
-                           "cudaMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)),
-                           "cudaMalloc(&m_computing_frames_dev.xyz, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
-                           "sizeof(float))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)),
-                           "cudaMalloc(&m_computing_frames_dev.nor, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
-                           "sizeof(float))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)),
-                           "cudaMalloc(&m_computing_frames_dev.w, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * "
-                           "sizeof(int))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.frame_info,
-                                        static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)),
-                           "cudaMalloc(&m_computing_frames_dev.frame_info , PORTIONER_MAX_FRAME_SIZE * "
-                           "sizeof(SurfaceReconstruction::FrameInfo))");
-        // Four records a slot point cover a batch unless most points sit in margins; a batch that needs
-        // more grows the buffer and runs again.
-        std::uint64_t raw_points = m_raw_points_capacity_request != 0 ? m_raw_points_capacity_request
-                                                                      : static_cast<std::uint64_t>(batch_points) * 4;
-        if (raw_points == 0) raw_points = 1;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
-                           "cudaMalloc(&m_raw_points_hash_dev, MAX_FRAME_POINTS * 2000 * sizeof(RawPointWithHash))");
-        m_raw_points_capacity = raw_points;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
-                           "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
-        TESSA_DEVICE_CHECK(
-            deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)),
-            "cudaMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData))");
-        m_block_changes_capacity = PORTIONER_MAX_BLOCK_CHANGES;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)),
-                           "cudaMalloc(&m_block_changes_size_dev, sizeof(int))");
-        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
-                            "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
-                            "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
-                            "cudaMemcpyHostToDevice)");
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[Portioner] setRawSurfacePoints try catch device error!";
-        return TESSALINE_PARTITION_DEVICE;
-    } catch (...) {
-        m_last_error = "[Portioner] setRawSurfacePoints try catch error!";
-        return TESSALINE_OUT_OF_MEMORY;
-    }
+    const int host_result = runGuarded(
+        m_last_error, {TESSALINE_OUT_OF_MEMORY, "[Portioner] setRawSurfacePoints try catch error!"}, [&]() -> int {
+            m_adding_frame_size = 0;
+            m_computing_frame_size = 0;
+            m_slot_points = maxFramePoints();
+            const std::size_t slot_points = m_slot_points;
+            const std::size_t slots = static_cast<std::size_t>(m_batch_slots);
+            for (std::shared_ptr<HostFrameBatch>* buffer : {&m_adding_frames, &m_computing_frames}) {
+                auto batch = std::make_shared<HostFrameBatch>();
+                batch->xyz.assign(slots * slot_points * 3, 0.0f);
+                batch->nor.assign(slots * slot_points * 3, 0.0f);
+                batch->w.assign(slots * slot_points, 0);
+                batch->frame_info.assign(slots, FrameInfo{});
+                batch->slot_points.assign(slots, 0);
+                *buffer = std::move(batch);
+            }
+            return 0;
+        });
+    if (host_result != 0) return host_result;
+    return runGuarded(
+        m_last_error, {TESSALINE_PARTITION_DEVICE, "[Portioner] setRawSurfacePoints try catch device error!"},
+        {TESSALINE_OUT_OF_MEMORY, "[Portioner] setRawSurfacePoints try catch error!"}, [&]() -> int {
+            const std::size_t batch_points = static_cast<std::size_t>(m_batch_slots) * m_slot_points;
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)),
+                               "cudaMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry))");
+            TESSA_DEVICE_CHECK(
+                deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)),
+                "cudaMalloc(&m_computing_frames_dev.xyz, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
+                "sizeof(float))");
+            TESSA_DEVICE_CHECK(
+                deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)),
+                "cudaMalloc(&m_computing_frames_dev.nor, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
+                "sizeof(float))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)),
+                               "cudaMalloc(&m_computing_frames_dev.w, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * "
+                               "sizeof(int))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.frame_info,
+                                            static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)),
+                               "cudaMalloc(&m_computing_frames_dev.frame_info , PORTIONER_MAX_FRAME_SIZE * "
+                               "sizeof(SurfaceReconstruction::FrameInfo))");
+            // Four records a slot point cover a batch unless most points sit in margins; a batch that needs
+            // more grows the buffer and runs again.
+            std::uint64_t raw_points = m_raw_points_capacity_request != 0
+                                           ? m_raw_points_capacity_request
+                                           : static_cast<std::uint64_t>(batch_points) * 4;
+            if (raw_points == 0) raw_points = 1;
+            TESSA_DEVICE_CHECK(
+                deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
+                "cudaMalloc(&m_raw_points_hash_dev, MAX_FRAME_POINTS * 2000 * sizeof(RawPointWithHash))");
+            m_raw_points_capacity = raw_points;
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
+                               "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
+            TESSA_DEVICE_CHECK(
+                deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)),
+                "cudaMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData))");
+            m_block_changes_capacity = PORTIONER_MAX_BLOCK_CHANGES;
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)),
+                               "cudaMalloc(&m_block_changes_size_dev, sizeof(int))");
+            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
+                                "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+                                "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
+                                "cudaMemcpyHostToDevice)");
+            return 0;
+        });
 }
 
 int Portioner::deInitPartition_Device() {
-    try {
-        m_adding_frames.reset();
-        m_computing_frames.reset();
-        TESSA_DEVICE_RELEASE(m_simple_line_hash_dev, "cudaFree(m_simple_line_hash_dev)");
-        TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz, "cudaFree(m_computing_frames_dev.xyz)");
-        TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor, "cudaFree(m_computing_frames_dev.nor)");
-        TESSA_DEVICE_RELEASE(m_computing_frames_dev.w, "cudaFree(m_computing_frames_dev.w)");
-        TESSA_DEVICE_RELEASE(m_computing_frames_dev.frame_info, "cudaFree(m_computing_frames_dev.frame_info)");
-        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
-        m_raw_points_capacity = 0;
-        TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
-        TESSA_DEVICE_RELEASE(m_block_changes_data_dev, "cudaFree(m_block_changes_data_dev)");
-        m_block_changes_capacity = 0;
-        TESSA_DEVICE_RELEASE(m_block_changes_size_dev, "cudaFree(m_block_changes_size_dev)");
-        TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[Portioner] process try catch device error!";
-        return TESSALINE_PARTITION_DEVICE;
-    } catch (...) {
-        m_last_error = "[Portioner] process try catch error!";
-        return 1;
-    }
+    return runGuarded(m_last_error, {TESSALINE_PARTITION_DEVICE, "[Portioner] process try catch device error!"},
+                      {1, "[Portioner] process try catch error!"}, [&]() -> int {
+                          m_adding_frames.reset();
+                          m_computing_frames.reset();
+                          TESSA_DEVICE_RELEASE(m_simple_line_hash_dev, "cudaFree(m_simple_line_hash_dev)");
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz, "cudaFree(m_computing_frames_dev.xyz)");
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor, "cudaFree(m_computing_frames_dev.nor)");
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.w, "cudaFree(m_computing_frames_dev.w)");
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.frame_info,
+                                               "cudaFree(m_computing_frames_dev.frame_info)");
+                          TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+                          m_raw_points_capacity = 0;
+                          TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
+                          TESSA_DEVICE_RELEASE(m_block_changes_data_dev, "cudaFree(m_block_changes_data_dev)");
+                          m_block_changes_capacity = 0;
+                          TESSA_DEVICE_RELEASE(m_block_changes_size_dev, "cudaFree(m_block_changes_size_dev)");
+                          TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
+                          return 0;
+                      });
 }
 
 int Portioner::growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_t changes) {
@@ -392,98 +379,99 @@ int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz,
 // ---- second pass: partition of a batch -------------------------------------------------------------
 
 int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
-    try {
-        const std::int64_t max_point_size = static_cast<std::int64_t>(m_slot_points) * m_computing_frame_size;
-        const std::size_t points = static_cast<std::size_t>(max_point_size);
-        const HostFrameBatch& batch = *m_computing_frames;
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.xyz, batch.xyz.data(), points * sizeof(float) * 3,
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_computing_frames_dev.xyz, m_computing_frames->xyz , max_point_size * "
-                           "sizeof(float) * 3, cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.nor, batch.nor.data(), points * sizeof(float) * 3,
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_computing_frames_dev.nor, m_computing_frames->nor , max_point_size * "
-                           "sizeof(float) * 3, cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int), CopyKind::HostToDevice),
-            "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
-            "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
-                         static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo), CopyKind::HostToDevice),
-            "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
-            "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
+    return runGuarded(
+        m_last_error, {1, "[Portioner] processScanFrameList_Device try catch device error!"},
+        {1, "[Portioner] processScanFrameList_Device try catch error!"}, [&]() -> int {
+            const std::int64_t max_point_size = static_cast<std::int64_t>(m_slot_points) * m_computing_frame_size;
+            const std::size_t points = static_cast<std::size_t>(max_point_size);
+            const HostFrameBatch& batch = *m_computing_frames;
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.xyz, batch.xyz.data(), points * sizeof(float) * 3,
+                                            CopyKind::HostToDevice),
+                               "cudaMemcpy(m_computing_frames_dev.xyz, m_computing_frames->xyz , max_point_size * "
+                               "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.nor, batch.nor.data(), points * sizeof(float) * 3,
+                                            CopyKind::HostToDevice),
+                               "cudaMemcpy(m_computing_frames_dev.nor, m_computing_frames->nor , max_point_size * "
+                               "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int), CopyKind::HostToDevice),
+                "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
+                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
+                             static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
+                             CopyKind::HostToDevice),
+                "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
+                "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
 
-        const float half_ext = block_res * 0.5f + ext_res;
-        int raw_points_hash_size = 0;
-        for (int attempt = 0;; ++attempt) {
-            TESSA_DEVICE_CHECK(deviceMemset(m_raw_points_hash_size_dev, 0, sizeof(int)),
-                               "cudaMemset(m_raw_points_hash_size_dev, 0, sizeof(int))");
+            const float half_ext = block_res * 0.5f + ext_res;
+            int raw_points_hash_size = 0;
+            for (int attempt = 0;; ++attempt) {
+                TESSA_DEVICE_CHECK(deviceMemset(m_raw_points_hash_size_dev, 0, sizeof(int)),
+                                   "cudaMemset(m_raw_points_hash_size_dev, 0, sizeof(int))");
+                TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
+                                   "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+                launchKernel(points,
+                             ProcessScanFrameListKernel{
+                                 m_computing_frames_dev.xyz, m_computing_frames_dev.nor, m_computing_frames_dev.w,
+                                 m_computing_frames_dev.frame_info, m_device_params_dev, max_point_size, block_res,
+                                 half_ext, m_simple_line_hash_dev, m_hash_mask, m_raw_points_hash_dev,
+                                 m_raw_points_hash_size_dev, static_cast<std::int64_t>(m_raw_points_capacity)});
+                TESSA_DEVICE_CHECK(deviceMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev, sizeof(int),
+                                                CopyKind::DeviceToHost),
+                                   "cudaMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev , sizeof(int), "
+                                   "cudaMemcpyDeviceToHost)");
+                if (static_cast<std::uint64_t>(raw_points_hash_size) <= m_raw_points_capacity) break;
+                if (attempt > 0) throw std::runtime_error("partition output outgrew its buffer twice");
+                // The batch wrote only what fitted: make room for all of it and run it again from clean counts.
+                growPartitionOutput_Device(static_cast<std::uint64_t>(raw_points_hash_size), 0);
+                ++m_partition_reruns;
+                launchKernel(m_hash_entry_size, ResetEntryCountsKernel{m_simple_line_hash_dev,
+                                                                       static_cast<std::int64_t>(m_hash_entry_size)});
+            }
+
+            if (raw_points_hash_size > 0) {
+                thrust::sort(thrust::device, m_raw_points_hash_dev, m_raw_points_hash_dev + raw_points_hash_size,
+                             RawPointWithHash_CMP_LESS());
+            }
+
+            launchKernel(static_cast<std::size_t>(raw_points_hash_size),
+                         CountHashRunsKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});
+            int changes_size = 0;
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+            growPartitionOutput_Device(0, static_cast<std::uint64_t>(changes_size));
             TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
                                "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
-            launchKernel(points, ProcessScanFrameListKernel{
-                                     m_computing_frames_dev.xyz, m_computing_frames_dev.nor, m_computing_frames_dev.w,
-                                     m_computing_frames_dev.frame_info, m_device_params_dev, max_point_size, block_res,
-                                     half_ext, m_simple_line_hash_dev, m_hash_mask, m_raw_points_hash_dev,
-                                     m_raw_points_hash_size_dev, static_cast<std::int64_t>(m_raw_points_capacity)});
+
+            launchKernel(
+                static_cast<std::size_t>(raw_points_hash_size),
+                DetectBlockChangesKernel{m_raw_points_hash_dev, m_raw_points_hash_size_dev, m_simple_line_hash_dev,
+                                         m_block_changes_data_dev, m_block_changes_size_dev});
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                "cudaMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev , sizeof(int), "
-                "cudaMemcpyDeviceToHost)");
-            if (static_cast<std::uint64_t>(raw_points_hash_size) <= m_raw_points_capacity) break;
-            if (attempt > 0) throw std::runtime_error("partition output outgrew its buffer twice");
-            // The batch wrote only what fitted: make room for all of it and run it again from clean counts.
-            growPartitionOutput_Device(static_cast<std::uint64_t>(raw_points_hash_size), 0);
-            ++m_partition_reruns;
-            launchKernel(m_hash_entry_size,
-                         ResetEntryCountsKernel{m_simple_line_hash_dev, static_cast<std::int64_t>(m_hash_entry_size)});
-        }
+                deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+            std::vector<BlockChangesData> changes_data(static_cast<std::size_t>(changes_size));
+            TESSA_DEVICE_CHECK(deviceMemcpy(changes_data.data(), m_block_changes_data_dev,
+                                            changes_data.size() * sizeof(BlockChangesData), CopyKind::DeviceToHost),
+                               "cudaMemcpy(changes_data.data(), m_block_changes_data_dev , changes_size * "
+                               "sizeof(BlockChangesData), cudaMemcpyDeviceToHost)");
 
-        if (raw_points_hash_size > 0) {
-            thrust::sort(thrust::device, m_raw_points_hash_dev, m_raw_points_hash_dev + raw_points_hash_size,
-                         RawPointWithHash_CMP_LESS());
-        }
-
-        launchKernel(static_cast<std::size_t>(raw_points_hash_size),
-                     CountHashRunsKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});
-        int changes_size = 0;
-        TESSA_DEVICE_CHECK(deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                           "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
-        growPartitionOutput_Device(0, static_cast<std::uint64_t>(changes_size));
-        TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
-                           "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
-
-        launchKernel(static_cast<std::size_t>(raw_points_hash_size),
-                     DetectBlockChangesKernel{m_raw_points_hash_dev, m_raw_points_hash_size_dev, m_simple_line_hash_dev,
-                                              m_block_changes_data_dev, m_block_changes_size_dev});
-        TESSA_DEVICE_CHECK(deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                           "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
-        std::vector<BlockChangesData> changes_data(static_cast<std::size_t>(changes_size));
-        TESSA_DEVICE_CHECK(deviceMemcpy(changes_data.data(), m_block_changes_data_dev,
-                                        changes_data.size() * sizeof(BlockChangesData), CopyKind::DeviceToHost),
-                           "cudaMemcpy(changes_data.data(), m_block_changes_data_dev , changes_size * "
-                           "sizeof(BlockChangesData), cudaMemcpyDeviceToHost)");
-
-        for (const BlockChangesData& change : changes_data) {
-            PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(change.block_id)];
-            block.flags |= change.flags;
-            std::vector<RawPointWithHash>& list = *block.points;
-            const std::size_t ori_size = list.size();
-            list.resize(ori_size + static_cast<std::size_t>(change.points_num));
-            TESSA_DEVICE_CHECK(deviceMemcpy(list.data() + ori_size, m_raw_points_hash_dev + change.offset,
-                                            static_cast<std::size_t>(change.points_num) * sizeof(RawPointWithHash),
-                                            CopyKind::DeviceToHost),
-                               "cudaMemcpy(ori_points_ptr, cur_device_ptr , changes_data[idx].points_num * "
-                               "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
-        }
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[Portioner] processScanFrameList_Device try catch device error!";
-        return 1;
-    } catch (...) {
-        m_last_error = "[Portioner] processScanFrameList_Device try catch error!";
-        return 1;
-    }
+            for (const BlockChangesData& change : changes_data) {
+                PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(change.block_id)];
+                block.flags |= change.flags;
+                std::vector<RawPointWithHash>& list = *block.points;
+                const std::size_t ori_size = list.size();
+                list.resize(ori_size + static_cast<std::size_t>(change.points_num));
+                TESSA_DEVICE_CHECK(deviceMemcpy(list.data() + ori_size, m_raw_points_hash_dev + change.offset,
+                                                static_cast<std::size_t>(change.points_num) * sizeof(RawPointWithHash),
+                                                CopyKind::DeviceToHost),
+                                   "cudaMemcpy(ori_points_ptr, cur_device_ptr , changes_data[idx].points_num * "
+                                   "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+            }
+            return 0;
+        });
 }
 
 }  // namespace SurfaceReconstruction

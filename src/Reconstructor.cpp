@@ -10,9 +10,10 @@
 
 #include "CellSurface.h"
 #include "DualTraversal.h"
+#include "ErrorLadder.h"
+#include "FieldDataPool.h"
 #include "HashOctree.h"
 #include "HostMemory.h"
-#include "MarchingCubes.h"
 
 namespace SurfaceReconstruction {
 
@@ -48,19 +49,13 @@ int Reconstructor::setResolution(const float& resolution) {
 }
 
 int Reconstructor::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     m_hash_octree = octree;
     return 0;
 }
 
 int Reconstructor::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     m_field_data_pool = pool;
     return 0;
 }
@@ -74,10 +69,7 @@ constexpr int ROOT_NEIGHBOURS[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0
 }  // namespace
 
 int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_hash_octree || !m_field_data_pool) {
         m_last_error = "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !";
         return 1;

@@ -7,14 +7,15 @@
 #include <cstring>
 #include <new>
 
+#include "Atomics.h"
 #include "SpinLock.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
 
 namespace {
-std::int32_t loadNext(const SimpleLineHashEntry& entry) { return __atomic_load_n(&entry.next, __ATOMIC_ACQUIRE); }
-void storeNext(SimpleLineHashEntry& entry, std::int32_t next) { __atomic_store_n(&entry.next, next, __ATOMIC_RELEASE); }
+std::int32_t loadNext(const SimpleLineHashEntry& entry) { return loadAcquire(entry.next); }
+void storeNext(SimpleLineHashEntry& entry, std::int32_t next) { storeRelease(entry.next, next); }
 }  // namespace
 
 SimpleLineHash::~SimpleLineHash() {
@@ -42,22 +43,18 @@ int SimpleLineHash::init(std::uint64_t bucket_size, std::uint64_t excess_size) {
         for (std::int64_t i = 0; i < total; ++i) m_locks[i] = 0;
         m_inited = true;
         return 0;
-    } catch (...) {
+    } catch (...) {  // the table keeps no last error: its callers name the failure
         m_inited = false;
         return 1;
     }
 }
 
 int SimpleLineHash::deInit() {
-    try {
-        std::vector<SimpleLineHashEntry>().swap(m_entries);
-        delete[] m_locks;
-        m_locks = nullptr;
-        m_inited = false;
-        return 0;
-    } catch (...) {
-        return 1;
-    }
+    std::vector<SimpleLineHashEntry>().swap(m_entries);
+    delete[] m_locks;
+    m_locks = nullptr;
+    m_inited = false;
+    return 0;
 }
 
 int SimpleLineHash::clear() {

@@ -4,13 +4,15 @@
 #include <cstdint>
 #include <thread>
 
+#include "Atomics.h"
+
 namespace SurfaceReconstruction {
 
 inline void spinLock(std::uint32_t& word) {
-    while (__atomic_fetch_or(&word, 1u, __ATOMIC_ACQUIRE) & 1u) std::this_thread::yield();
+    while (fetchOrAcquire(word, 1u) & 1u) std::this_thread::yield();
 }
 
-inline void spinUnlock(std::uint32_t& word) { __atomic_exchange_n(&word, 0u, __ATOMIC_RELEASE); }
+inline void spinUnlock(std::uint32_t& word) { exchangeRelease(word, 0u); }
 
 class SpinGuard {
 public:

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ErrorLadder.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
 #include "Portioner.h"
@@ -46,14 +47,9 @@ Tessaline_OPT::~Tessaline_OPT() {
     if (m_inited) deInit();
 }
 
-bool Tessaline_OPT::refuseBeforeInit() {
-    if (m_inited) return false;
-    m_last_error = "no init!";
-    return true;
-}
-
 int Tessaline_OPT::init() {
-    try {
+    m_inited = false;
+    return runGuarded(m_last_error, {1, "[Tessaline_OPT] init try catch error!"}, [&]() -> int {
         std::string error;
         const int device = gpuGetMaxGflopsDeviceId(error);
         if (device < 0 || !gpuDeviceInit(device, error)) {
@@ -108,15 +104,11 @@ int Tessaline_OPT::init() {
         m_inited = true;
         m_last_error = "no error!";
         return 0;
-    } catch (...) {
-        m_inited = false;
-        m_last_error = "[Tessaline_OPT] init try catch error!";
-        return 1;
-    }
+    });
 }
 
 int Tessaline_OPT::deInit() {
-    try {
+    return runGuarded(m_last_error, {1, "[Tessaline_OPT] deInit try catch error!"}, [&]() -> int {
         if (!m_inited) return 0;
         // A stage that an earlier, half-finished deInit already released is passed over.
         if (m_portioner) {
@@ -147,14 +139,11 @@ int Tessaline_OPT::deInit() {
         m_inited = false;
         m_last_error = "no error!";
         return 0;
-    } catch (...) {
-        m_last_error = "[Tessaline_OPT] deInit try catch error!";
-        return 1;
-    }
+    });
 }
 
 int Tessaline_OPT::setResolution(const float& resolution) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!(resolution >= MIN_RESOLUTION && resolution <= MAX_RESOLUTION)) {  // NaN fails too
         m_last_error =
             "[Tessaline_OPT] setResolution resolution must be between 0.001 and 100000, the former one is kept!";
@@ -169,7 +158,7 @@ int Tessaline_OPT::setResolution(const float& resolution) {
 }
 
 int Tessaline_OPT::setLaserInfo(const LaserInfo& info) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (info.laser_id < 0 || info.laser_id > 7) {
         m_last_error = "[Tessaline_OPT] setLaserInfo laser_id must be 0 to 7!";
         return 1;
@@ -184,13 +173,13 @@ int Tessaline_OPT::setLaserInfo(const LaserInfo& info) {
 }
 
 int Tessaline_OPT::setOptimizedMarkers(MarkerInfos& markers) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     const std::size_t count = markers.ids.size();
     if (markers.xyz.size() < count || markers.nor.size() < count) {
         m_last_error = "[Tessaline_OPT] setOptimizedMarkers xyz and nor need one entry for each id!";
         return 1;
     }
-    try {
+    return runGuarded(m_last_error, {1, "[Tessaline_OPT] setOptimizedMarkers try catch error!"}, [&]() -> int {
         auto list = std::make_shared<std::vector<OptedMarker>>(count);
         for (std::size_t i = 0; i < count; ++i) {
             OptedMarker& marker = (*list)[i];
@@ -200,14 +189,11 @@ int Tessaline_OPT::setOptimizedMarkers(MarkerInfos& markers) {
         }
         m_opted_markers = std::move(list);  // whoever shares the former list keeps it
         return 0;
-    } catch (...) {
-        m_last_error = "[Tessaline_OPT] setOptimizedMarkers try catch error!";
-        return 1;
-    }
+    });
 }
 
 int Tessaline_OPT::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     std::function<void(ProcessStepInfo&)> wrapped;
     if (callback) {
         wrapped = [callback](ProcessStepInfo& info) { callback(info); };  // its result steers nothing
@@ -217,25 +203,22 @@ int Tessaline_OPT::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& 
 }
 
 int Tessaline_OPT::setSimplifiedModel(const std::vector<Vec3f>& model) {
-    if (refuseBeforeInit()) return 1;
-    try {
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    return runGuarded(m_last_error, {1, "[Tessaline_OPT] setSimplifiedModel try catch error!"}, [&]() -> int {
         const int result = m_portioner->setSimplifiedModel(model);
         if (result != 0) m_last_error = m_portioner->getLastError();
         return result;
-    } catch (...) {
-        m_last_error = "[Tessaline_OPT] setSimplifiedModel try catch error!";
-        return 1;
-    }
+    });
 }
 
 int Tessaline_OPT::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     markers = m_opted_markers;
     return 0;
 }
 
 int Tessaline_OPT::addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_running.load()) {
         m_last_error = "[Tessaline_OPT] addScanFrame a run is in progress: frames are taken before process!";
         return 1;
@@ -248,13 +231,10 @@ int Tessaline_OPT::addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame)
         m_last_error = "[Tessaline_OPT] addScanFrame nor and w must have as many entries as xyz!";
         return 1;
     }
-    try {
+    return runGuarded(m_last_error, {1, "[Tessaline_OPT] addScanFrame try catch error!"}, [&]() -> int {
         m_held_frames.push_back(frame);
         return 0;
-    } catch (...) {
-        m_last_error = "[Tessaline_OPT] addScanFrame try catch error!";
-        return 1;
-    }
+    });
 }
 
 namespace {
@@ -354,7 +334,7 @@ void Tessaline_OPT::reportStep(const wchar_t* name, int cur_step, int cur_sub_st
 }
 
 int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
-    if (refuseBeforeInit()) return 1;
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_running.exchange(true)) {
         m_last_error = "[Tessaline_OPT] process a run is in progress already!";
         return 1;
@@ -363,7 +343,7 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
         std::atomic<bool>& flag;
         ~RunningFlag() { flag.store(false); }
     } running{m_running};
-    try {
+    return runGuarded(m_last_error, {1, "[Tessaline_OPT] process try catch error!"}, [&]() -> int {
         // A stage that fails hands its own text up; its status is returned unchanged.
         const auto exitWith = [this](const std::string& stage_error, int status) {
             m_last_error = stage_error;
@@ -448,10 +428,7 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
         if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
         profiler.time_stop("reconstructor", true);
         return 0;
-    } catch (...) {
-        m_last_error = "[Tessaline_OPT] process try catch error!";
-        return 1;
-    }
+    });
 }
 
 }  // namespace SurfaceReconstruction

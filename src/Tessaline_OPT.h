@@ -19,6 +19,7 @@ class Portioner;
 class MarchingCubes;
 class Reconstructor;
 class ThreadPool;
+struct TestAccess;
 
 // Workers of the engine's pool.
 constexpr unsigned short ENGINE_POOL_THREADS = 12;
@@ -50,13 +51,18 @@ public:
     int setLaserInfo(const LaserInfo& info);
     int setOptimizedMarkers(MarkerInfos& markers);
     int setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback);
-    // Blocks from a known point list instead of the frames; no exported operation leads here.
-    int setSimplifiedModel(const std::vector<Vec3f>& model);
-
     int addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame);
     int process(std::shared_ptr<MultiMeshData>& mesh);
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
     std::string getLastErrorMsg() const { return m_last_error; }
+
+    bool isInited() const { return m_inited; }
+
+private:
+    friend struct TestAccess;  // the tests reach the stages and the steps of a run below
+
+    // Blocks from a known point list instead of the frames; no exported operation leads here.
+    int setSimplifiedModel(const std::vector<Vec3f>& model);
 
     // The step of a run that moves the held frames to the work queue; always 0.
     int filterScanFrameByMarkers();
@@ -64,21 +70,6 @@ public:
     // application's frame stays as it is); prints what it dropped and changed.
     void screenHeldFrames();
 
-    // Read access for tests and tools.
-    bool isInited() const { return m_inited; }
-    float resolution() const { return m_resolution; }
-    std::int32_t maxFramePoints() const { return m_max_frame_points; }
-    const std::vector<std::shared_ptr<FrameDataWithInfo>>& heldFrames() const { return m_held_frames; }
-    const std::shared_ptr<DeviceParameters>& deviceParams() const { return m_device_params; }
-    const std::shared_ptr<PortionerParameters>& portionerParams() const { return m_portioner_params; }
-    const std::shared_ptr<Portioner>& portioner() const { return m_portioner; }
-    const std::shared_ptr<MarchingCubes>& marchingCubes() const { return m_marching_cubes; }
-    const std::shared_ptr<Reconstructor>& reconstructor() const { return m_reconstructor; }
-    const std::shared_ptr<ThreadPool>& threadPool() const { return m_thread_pool; }
-    const std::function<void(ProcessStepInfo&)>& stepCallback() const { return m_step_callback; }
-
-private:
-    bool refuseBeforeInit();
     void reportStep(const wchar_t* name, int cur_step, int cur_sub_step, int total_sub_steps);
 
     bool m_inited = false;

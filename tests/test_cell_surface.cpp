@@ -14,6 +14,7 @@
 
 #include "CellSurface.h"
 #include "Tessaline_OPT.h"
+#include "TestAccess.h"
 
 using namespace SurfaceReconstruction;
 
@@ -370,7 +371,7 @@ TEST(MeshRuns, ASecondRunAfterDeInitAndInitGivesTheSameMesh) {
         ASSERT_EQ(engine.process(mesh), 0);
         ::testing::internal::GetCapturedStdout();
         ASSERT_EQ(engine.deInit(), 0);
-        EXPECT_EQ(engine.reconstructor(), nullptr);  // octree and store went with it
+        EXPECT_EQ(TestAccess::reconstructor(engine), nullptr);  // octree and store went with it
     }
     ASSERT_GT(meshes[0]->xyz.size(), 100u);
     ASSERT_EQ(meshes[0]->xyz.size(), meshes[1]->xyz.size());

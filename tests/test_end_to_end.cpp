@@ -18,6 +18,7 @@
 #include "Reconstructor.h"
 #include "SurfaceCompare.h"
 #include "Tessaline_OPT.h"
+#include "TestAccess.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::bunnyConfPath;
@@ -61,7 +62,7 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
         Tessaline_OPT engine;
         ASSERT_EQ(engine.init(), 0);
         engine.setResolution(0.5f);
-        const float block_res = static_cast<float>(engine.portionerParams()->block_size) * 0.5f;
+        const float block_res = static_cast<float>(TestAccess::portionerParams(engine)->block_size) * 0.5f;
         auto frames = bunnyFrames();
         for (std::int32_t& w : frames[0]->w) w = 16;  // one scan asks for finer cells: the full chain
         std::set<std::tuple<int, int, int>> positions;
@@ -95,11 +96,11 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
         EXPECT_GT(cell_lines, 0u);
         EXPECT_EQ(bin_lines, cell_lines);  // every block of the full chain got its cells
         // The field values of every block are in the store, reachable from the octree's leaves.
-        const auto& pool = engine.reconstructor()->fieldDataPool();
+        const auto& pool = TestAccess::reconstructor(engine)->fieldDataPool();
         ASSERT_NE(pool, nullptr);
         EXPECT_GT(pool->size(), 100000);
         std::shared_ptr<HashRootCellList> roots;
-        ASSERT_EQ(engine.reconstructor()->hashOctree()->getHashCellList(roots), 0);
+        ASSERT_EQ(TestAccess::reconstructor(engine)->hashOctree()->getHashCellList(roots), 0);
         EXPECT_EQ(roots->datas_size.load(), total_sub_steps);
         EXPECT_EQ(out.find("[error]"), std::string::npos);
         stage_lines.push_back(counts);

@@ -12,6 +12,7 @@
 #include "Portioner.h"
 #include "Reconstructor.h"
 #include "Tessaline_OPT.h"
+#include "TestAccess.h"
 #include "ThreadPool.h"
 #include "tessaline/Tessaline.h"
 
@@ -114,14 +115,14 @@ TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
     ASSERT_EQ(engine.setProcessStepCallBack(cb), 0);
     ASSERT_EQ(engine.deInit(), 0);
     EXPECT_FALSE(engine.isInited());
-    EXPECT_EQ(engine.portioner(), nullptr);
-    EXPECT_EQ(engine.threadPool(), nullptr);
+    EXPECT_EQ(TestAccess::portioner(engine), nullptr);
+    EXPECT_EQ(TestAccess::threadPool(engine), nullptr);
 
     ASSERT_EQ(engine.init(), 0);
-    EXPECT_FLOAT_EQ(engine.resolution(), 0.3f);
-    EXPECT_FLOAT_EQ(engine.portioner()->resolution(), 0.5f);  // new stages start at 0.5
-    EXPECT_FLOAT_EQ(engine.marchingCubes()->resolution(), 0.5f);
-    EXPECT_FLOAT_EQ(engine.reconstructor()->resolution(), 0.5f);
+    EXPECT_FLOAT_EQ(TestAccess::resolution(engine), 0.3f);
+    EXPECT_FLOAT_EQ(TestAccess::portioner(engine)->resolution(), 0.5f);  // new stages start at 0.5
+    EXPECT_FLOAT_EQ(TestAccess::marchingCubes(engine)->resolution(), 0.5f);
+    EXPECT_FLOAT_EQ(TestAccess::reconstructor(engine)->resolution(), 0.5f);
 
     ProcessStepInfo info;
     info.step_name = L"\u751f\u6210\u7f51\u683c";
@@ -130,7 +131,7 @@ TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
     info.total_sub_steps = 1;
     info.cur_sub_step = 1;
     ::testing::internal::CaptureStdout();
-    engine.stepCallback()(info);
+    TestAccess::stepCallback(engine)(info);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(),
               "[info] cur step \xe7\x94\x9f\xe6\x88\x90\xe7\xbd\x91\xe6\xa0\xbc , (3 / 3) , (1 / 1) \n");
     EXPECT_EQ(engine.deInit(), 0);
@@ -140,16 +141,16 @@ TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
 TEST(EngineLifeCycle, InitTwiceReplacesPoolAndStages) {
     Tessaline_OPT engine;
     ASSERT_EQ(engine.init(), 0);
-    std::weak_ptr<ThreadPool> first_pool = engine.threadPool();
-    std::weak_ptr<Portioner> first_portioner = engine.portioner();
+    std::weak_ptr<ThreadPool> first_pool = TestAccess::threadPool(engine);
+    std::weak_ptr<Portioner> first_portioner = TestAccess::portioner(engine);
     ASSERT_EQ(engine.init(), 0);
     EXPECT_TRUE(first_pool.expired());  // its workers were joined during the second init
     EXPECT_TRUE(first_portioner.expired());
-    EXPECT_EQ(engine.threadPool()->threadCount(), 12u);
+    EXPECT_EQ(TestAccess::threadPool(engine)->threadCount(), 12u);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (engine.threadPool()->aliveCount() < 12 && std::chrono::steady_clock::now() < deadline)
+    while (TestAccess::threadPool(engine)->aliveCount() < 12 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(engine.threadPool()->aliveCount(), 12);
+    EXPECT_EQ(TestAccess::threadPool(engine)->aliveCount(), 12);
     EXPECT_EQ(engine.deInit(), 0);
 }
 
@@ -159,8 +160,8 @@ TEST(EngineLifeCycle, InitWithoutUsableDeviceReports65793) {
     EXPECT_EQ(engine.init(), 65793);
     EXPECT_EQ(engine.getLastErrorMsg(), "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.");
     EXPECT_FALSE(engine.isInited());
-    EXPECT_EQ(engine.deviceParams(), nullptr);  // nothing was created
-    EXPECT_EQ(engine.threadPool(), nullptr);
+    EXPECT_EQ(TestAccess::deviceParams(engine), nullptr);  // nothing was created
+    EXPECT_EQ(TestAccess::threadPool(engine), nullptr);
 }
 
 TEST_F(EngineTest, OptimizedMarkersTakeTheirIndexAsId) {
@@ -208,18 +209,18 @@ TEST_F(EngineTest, IntakeRefusesNullAndMismatchedFrames) {
     auto long_words = makeFrame(4);
     long_words->w.push_back(8);
     EXPECT_EQ(engine.addScanFrame(long_words), 1);
-    EXPECT_TRUE(engine.heldFrames().empty());
+    EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
 }
 
 TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {
     auto a = makeFrame(10), b = makeFrame(20), c = makeFrame(15);
     for (auto& f : {a, b, c}) ASSERT_EQ(engine.addScanFrame(f), 0);
     ::testing::internal::CaptureStdout();
-    EXPECT_EQ(engine.filterScanFrameByMarkers(), 0);
+    EXPECT_EQ(TestAccess::filterScanFrameByMarkers(engine), 0);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "filter frame by markers (3 / 3) \n");
-    EXPECT_EQ(engine.maxFramePoints(), 20);
-    EXPECT_EQ(engine.deviceParams()->MAX_FRAME_POINTS, 20u);
-    EXPECT_TRUE(engine.heldFrames().empty());
+    EXPECT_EQ(TestAccess::maxFramePoints(engine), 20);
+    EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 20u);
+    EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
     for (auto& f : {a, b, c}) {
         EXPECT_TRUE(f->marker_ids.empty());
         EXPECT_TRUE(f->marker_xyz.empty());
@@ -239,7 +240,7 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
               "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!");
     EXPECT_NE(out.find("filter frame by markers (0 / 0) \n"), std::string::npos);
     EXPECT_NE(out.find(" filterScanFrameByMarkers - elapsed time : "), std::string::npos);
-    EXPECT_EQ(engine.deviceParams()->MAX_FRAME_POINTS, 0u);
+    EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 0u);
     EXPECT_EQ(mesh.get(), before);
     ASSERT_EQ(steps.size(), 1u);
     EXPECT_EQ(steps[0].name, L"\u70b9\u4e91\u9884\u5904\u7406");
@@ -269,7 +270,7 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     EXPECT_EQ(spread->frame_info.laser_id, 0);  // written back through the application's pointer
     EXPECT_EQ(g->frame_info.laser_id, 0);
     EXPECT_EQ(h->frame_info.laser_id, 3);
-    EXPECT_TRUE(engine.heldFrames().empty());
+    EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
 
     // n blocks give n + 3 reports: the first step, the opening of step 2, one a block, the third step.
     const std::vector<std::pair<int, int>> expected_pairs = {{1, 1}, {0, 3}, {0, 3}, {1, 3}, {2, 3}, {1, 1}};
@@ -299,13 +300,13 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
 TEST_F(EngineTest, EmptyCallbackEndsTheRunBeforeAnyFrameIsTaken) {
     std::function<int(ProcessStepInfo&)> empty;
     ASSERT_EQ(engine.setProcessStepCallBack(empty), 0);
-    EXPECT_FALSE(static_cast<bool>(engine.stepCallback()));
+    EXPECT_FALSE(static_cast<bool>(TestAccess::stepCallback(engine)));
     ASSERT_EQ(engine.addScanFrame(makeFrame(3)), 0);
     auto mesh = std::make_shared<MultiMeshData>();
     EXPECT_EQ(quietProcess(mesh), 1);
     EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process try catch error!");
-    EXPECT_EQ(engine.heldFrames().size(), 1u);  // no frame consumed
-    EXPECT_EQ(engine.portioner()->waitingFrameCount(), 0u);
+    EXPECT_EQ(TestAccess::heldFrames(engine).size(), 1u);  // no frame consumed
+    EXPECT_EQ(TestAccess::waitingFrameCount(*TestAccess::portioner(engine)), 0u);
 }
 
 TEST_F(EngineTest, ThrowingCallbackEndsTheRun) {

@@ -12,6 +12,7 @@
 #include "MarchingCubes.h"
 #include "Morton.h"
 #include "Portioner.h"
+#include "TestAccess.h"
 #include "TestPoints.h"
 
 using namespace SurfaceReconstruction;
@@ -72,10 +73,10 @@ protected:
 
     std::vector<BinsHeader> bins(MarchingCubes& mc, const std::shared_ptr<PointCloudBlock>& b) {
         float logic[3];
-        mc.logicCoordinate(*b, logic);
+        TestAccess::logicCoordinate(mc, *b, logic);
         std::vector<BinsHeader> result;
         ::testing::internal::CaptureStdout();
-        EXPECT_EQ(mc.generateBins(b, logic, result), 0);
+        EXPECT_EQ(TestAccess::generateBins(mc, b, logic, result), 0);
         last_output = ::testing::internal::GetCapturedStdout();
         return result;
     }
@@ -162,13 +163,13 @@ TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
     const auto points = randomPoints(5000, 9);
     auto whole = block(points);
     const auto expected = bins(stage, whole);
-    EXPECT_FALSE(stage.onHost());
+    EXPECT_FALSE(TestAccess::onHost(stage));
 
     MarchingCubes small;
     setUpStage(small, 200, 152);  // room for 201 points: the block goes in chunks
     auto chunked = block(points);
     const auto actual = bins(small, chunked);
-    EXPECT_TRUE(small.onHost());
+    EXPECT_TRUE(TestAccess::onHost(small));
     EXPECT_NE(last_output.find("[warining]: memory lacked, generateBins on Host\n"), std::string::npos);
     ASSERT_EQ(actual.size(), expected.size());
     EXPECT_EQ(std::memcmp(actual.data(), expected.data(), actual.size() * sizeof(BinsHeader)), 0);
@@ -179,7 +180,7 @@ TEST_F(BinsTest, ABlockOfExactlyTheCapacityTakesTheChunkedPath) {
     MarchingCubes mc;
     setUpStage(mc, 99, 152);  // capacity 100
     const auto result = bins(mc, block(randomPoints(100, 3)));
-    EXPECT_TRUE(mc.onHost());
+    EXPECT_TRUE(TestAccess::onHost(mc));
     std::int64_t total = 0;
     for (const BinsHeader& bin : result) total += bin.point_count;
     EXPECT_EQ(total, 100);
@@ -250,8 +251,8 @@ protected:
     std::vector<int> rectifiedLine(const std::vector<int>& codes) {
         std::vector<BinsHeader> bins;
         for (std::size_t i = 0; i < codes.size(); ++i) bins.push_back(bin(static_cast<int>(i) + 10, 10, 10, codes[i]));
-        EXPECT_EQ(stage.prepareSimpleHash(bins), 0);
-        EXPECT_EQ(stage.rectifyBinLevels(bins), 0);
+        EXPECT_EQ(TestAccess::prepareSimpleHash(stage, bins), 0);
+        EXPECT_EQ(TestAccess::rectifyBinLevels(stage, bins), 0);
         std::vector<int> result;
         for (const BinsHeader& b : bins) result.push_back(b.bin_sub_scale);
         return result;
@@ -261,9 +262,9 @@ protected:
         PointCloudBlock block;
         const float half = static_cast<float>(stage_block_size()) * r * 0.5f;
         block.center[0] = block.center[1] = block.center[2] = half;
-        EXPECT_EQ(stage.prepareSimpleHash(bins), 0);
+        EXPECT_EQ(TestAccess::prepareSimpleHash(stage, bins), 0);
         std::shared_ptr<CellNodeAndRelations> result;
-        EXPECT_EQ(stage.buildOctreeAndRelations(block, bins, result), 0);
+        EXPECT_EQ(TestAccess::buildOctreeAndRelations(stage, block, bins, result), 0);
         return result;
     }
 
@@ -379,8 +380,8 @@ TEST_F(CellsTest, RecordsAndRelationsAreTheSameForAnyThreadCount) {
         setUp(0.5f);  // a fresh octree
         omp_set_num_threads(t);
         std::vector<BinsHeader> copy = bins;
-        ASSERT_EQ(stage.prepareSimpleHash(copy), 0);
-        ASSERT_EQ(stage.rectifyBinLevels(copy), 0);
+        ASSERT_EQ(TestAccess::prepareSimpleHash(stage, copy), 0);
+        ASSERT_EQ(TestAccess::rectifyBinLevels(stage, copy), 0);
         const auto result = cells(copy);
         runs.push_back(canonical(*result));
         relations.push_back(result->relations);
@@ -414,7 +415,7 @@ TEST(MarchingCubesDevice, WithoutAMemoryFigureTheFallbackCapacityIsUsed) {
     stage.setPortionerParams(std::make_shared<PortionerParameters>(PortionerParameters{128, 12, 152}));
     ASSERT_EQ(stage.init(), 0);
     ASSERT_EQ(stage.initDevice(10), 0);
-    EXPECT_EQ(stage.rawPointsCapacity(), 152u * 152u * 300u);
+    EXPECT_EQ(TestAccess::rawPointsCapacity(stage), 152u * 152u * 300u);
     EXPECT_EQ(stage.deInitDevice(), 0);
     EXPECT_EQ(stage.deInitDevice(), 0);  // nothing left: no second release
     EXPECT_EQ(stage.deInit(), 0);
@@ -444,7 +445,7 @@ protected:
         ASSERT_EQ(stage.setHashOctree(octree), 0);
         ASSERT_EQ(stage.setFieldDataPool(pool), 0);
         ASSERT_EQ(stage.initDevice(2000000), 0);
-        stage.keepLastCells(true);
+        TestAccess::keepLastCells(stage, true);
     }
 
     static std::shared_ptr<PointCloudBlock> blockOf(std::vector<RawPointWithHash> points) {
@@ -459,11 +460,11 @@ protected:
     // Steps 1 and 2 of the stage: the block's cells and relations, ready for the field computation.
     void cellsOf(const std::shared_ptr<PointCloudBlock>& block, std::shared_ptr<CellNodeAndRelations>& cells) {
         float logic[3];
-        stage.logicCoordinate(*block, logic);
+        TestAccess::logicCoordinate(stage, *block, logic);
         std::vector<BinsHeader> bins;
-        ASSERT_EQ(stage.generateBins(block, logic, bins), 0);
-        ASSERT_EQ(stage.prepareSimpleHash(bins), 0);
-        ASSERT_EQ(stage.buildOctreeAndRelations(*block, bins, cells), 0);
+        ASSERT_EQ(TestAccess::generateBins(stage, block, logic, bins), 0);
+        ASSERT_EQ(TestAccess::prepareSimpleHash(stage, bins), 0);
+        ASSERT_EQ(TestAccess::buildOctreeAndRelations(stage, *block, bins, cells), 0);
     }
 
     int runQuiet(const std::shared_ptr<PointCloudBlock>& block) {
@@ -504,7 +505,7 @@ TEST_F(StageRun, PlaneFieldIsTheSignedDistanceToThePlane) {
         for (float y = 12.0f; y < 52.0f; y += 0.2f)
             points.push_back(testing_support::scanPoint(x, y, 30.3f, 0.0f, 0.0f, 1.0f));
     ASSERT_EQ(runQuiet(blockOf(points)), 0) << stage.getLastError();
-    const auto& cells = *stage.lastCells();
+    const auto& cells = *TestAccess::lastCells(stage);
     int checked = 0;
     for (const CellNode_Device& record : cells.cell_nodes) {
         if (record.field_flag != 1) continue;
@@ -532,7 +533,7 @@ TEST_F(StageRun, PlaneFieldIsTheSignedDistanceToThePlane) {
 TEST_F(StageRun, SphereFieldMatchesTheSignedDistanceNearTheSurface) {
     const float radius = 10.0f;
     ASSERT_EQ(runQuiet(blockOf(spherePoints(radius, 0.15f))), 0) << stage.getLastError();
-    const auto& cells = *stage.lastCells();
+    const auto& cells = *TestAccess::lastCells(stage);
     std::vector<double> deviations;
     for (const CellNode_Device& record : cells.cell_nodes) {
         if (record.field_flag != 1) continue;
@@ -563,8 +564,8 @@ TEST_F(StageRun, DevicePathAndHostPathGiveTheSameField) {
     on_host.relations = cells->relations;
     on_host.cell_node_size = cells->cell_node_size.load();
     on_host.relation_size = cells->relation_size.load();
-    ASSERT_EQ(stage.computeFiledData_Device(*cells), 0);
-    ASSERT_EQ(stage.processMarchingCubeTaskOnHost(*block, on_host), 0);
+    ASSERT_EQ(TestAccess::computeFiledData_Device(stage, *cells), 0);
+    ASSERT_EQ(TestAccess::processMarchingCubeTaskOnHost(stage, *block, on_host), 0);
     ASSERT_EQ(on_host.cell_nodes.size(), cells->cell_nodes.size());
     int sheets = 0;
     for (std::size_t i = 0; i < on_host.cell_nodes.size(); ++i) {
@@ -595,7 +596,7 @@ TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAg
     std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("[warining]: memory lacked, generateBins on Host\n"), std::string::npos);
     EXPECT_NE(out.find("[warining]: memory lacked, computeFiledData on Host\n"), std::string::npos);
-    EXPECT_TRUE(small.onHost());
+    EXPECT_TRUE(TestAccess::onHost(small));
 
     ::testing::internal::CaptureStdout();
     auto fits = blockOf(spherePoints(2.0f, 0.2f));  // about 1250 points: fits
@@ -603,7 +604,7 @@ TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAg
     ASSERT_EQ(small.process(fits), 0);
     out = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.find("[warining]"), std::string::npos);
-    EXPECT_FALSE(small.onHost());
+    EXPECT_FALSE(TestAccess::onHost(small));
 }
 
 TEST_F(StageRun, AFailedAllocationInTheFieldStepFreesWhatItTook) {
@@ -614,7 +615,7 @@ TEST_F(StageRun, AFailedAllocationInTheFieldStepFreesWhatItTook) {
     testing_support::FakeDevices fake;
     fake.fail_malloc_at = 1;  // the relations: the cell array is already taken
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(stage.computeFiledData_Device(*cells), 65797);
+    EXPECT_EQ(TestAccess::computeFiledData_Device(stage, *cells), 65797);
     EXPECT_NE(::testing::internal::GetCapturedStderr().find("cudaMalloc(&relations_dev"), std::string::npos);
     EXPECT_EQ(stage.getLastError(), "cuda runtime error!");
     EXPECT_EQ(fake.malloc_calls, 2);

@@ -15,6 +15,7 @@
 #include "GridHash.h"
 #include "Portioner.h"
 #include "PortionerSetup.h"
+#include "TestAccess.h"
 #include "ThreadPool.h"
 
 using namespace SurfaceReconstruction;
@@ -44,7 +45,7 @@ TEST_F(PortionerIntake, FrameOfExactlyTheSlotSizeFitsOneMoreDoesNot) {
     EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(21, 0)), 1);
     EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(0, 0)), 0);
     EXPECT_EQ(portioner.addScanFrameWithoutModel(nullptr), 1);
-    EXPECT_EQ(portioner.waitingFrameCount(), 2u);
+    EXPECT_EQ(TestAccess::waitingFrameCount(portioner), 2u);
     EXPECT_EQ(portioner.getLastError(), "no error!");  // a refused frame leaves no text
 }
 
@@ -162,7 +163,7 @@ public:
         params = configurePortioner(portioner, largest, BLOCK_SIZE, RES);
         pool = std::make_shared<ThreadPool>(2);
         portioner.setThreadPool(pool);
-        portioner.setRawPointsCapacityForTest(raw_points_capacity);
+        TestAccess::setRawPointsCapacityForTest(portioner, raw_points_capacity);
         EXPECT_EQ(portioner.init(), 0);
         for (const auto& f : frames) EXPECT_EQ(portioner.addScanFrameWithoutModel(f), 0);
         ::testing::internal::CaptureStdout();
@@ -250,7 +251,7 @@ TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
     const auto expected = bruteForceBlocks(frames);
     PortionerRun run(frames, /*raw_points_capacity=*/16);
     ASSERT_EQ(run.status, 0) << run.portioner.getLastError();
-    EXPECT_GE(run.portioner.partitionReruns(), 1);
+    EXPECT_GE(TestAccess::partitionReruns(run.portioner), 1);
     const auto actual = run.blocks();
     ASSERT_EQ(actual.size(), expected.size());
     for (const auto& entry : expected) EXPECT_TRUE(actual.at(entry.first) == entry.second);
@@ -346,12 +347,12 @@ TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
     Portioner portioner;
     auto params = configurePortioner(portioner, 20, BLOCK_SIZE, RES);
     ASSERT_EQ(portioner.init(), 0);
-    EXPECT_EQ(portioner.rawSurfaceCapacity(), 20000u);
+    EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), 20000u);
     params->MAX_FRAME_POINTS = 30000;
     const Frames frames = randomFrames(3, 30000, 5);
     for (const auto& f : frames) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
-    EXPECT_GE(portioner.rawSurfaceCapacity(), 30000u);
-    EXPECT_GE(portioner.blockComputations(), 1);  // the buffer was emptied before it could overflow
+    EXPECT_GE(TestAccess::rawSurfaceCapacity(portioner), 30000u);
+    EXPECT_GE(TestAccess::blockComputations(portioner), 1);  // the buffer was emptied before it could overflow
     ::testing::internal::CaptureStdout();
     ASSERT_EQ(portioner.processWithoutModel(), 0);
     ::testing::internal::GetCapturedStdout();
@@ -373,7 +374,7 @@ TEST(PortionerRuns, ModelPathTakesBlocksFromTheModel) {
     EXPECT_EQ(portioner.getLastError(), "no init!");
     ASSERT_EQ(portioner.init(), 0);
     ASSERT_EQ(portioner.setSimplifiedModel({{10, 10, 10}, {20, 20, 20}, {70, 10, 10}}), 0);
-    ASSERT_EQ(portioner.rawSurfaceBlocks().size(), 2u);
+    ASSERT_EQ(TestAccess::rawSurfaceBlocks(portioner).size(), 2u);
     EXPECT_EQ(portioner.processWithoutModel(), 1);  // the two paths stay apart
 
     auto inside = frameOf({{30, 30, 30}, {100, 30, 30}});

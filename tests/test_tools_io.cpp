@@ -15,6 +15,7 @@
 #include "BunnyData.h"
 #include "MeshIO.h"
 #include "PointCloudIO.h"
+#include "ProgramPath.h"
 
 using namespace SurfaceReconstruction;
 
@@ -204,8 +205,7 @@ namespace {
 // Runs the command-line program; its exit status, and what it wrote on standard error.
 int runProgram(const std::string& arguments, std::string& errors) {
     const std::string err = tempPath("stderr_" + std::to_string(getpid()) + ".txt");  // one per test process
-    const int status =
-        std::system((std::string(TESSALINE_CLI_PATH) + " " + arguments + " >/dev/null 2>" + err).c_str());
+    const int status = std::system((testing_support::programPath() + " " + arguments + " >/dev/null 2>" + err).c_str());
     std::ifstream in(err);
     errors.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -213,6 +213,7 @@ int runProgram(const std::string& arguments, std::string& errors) {
 }  // namespace
 
 TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
+    TESSALINE_REQUIRE_PROGRAM();
     std::string errors;
     const std::string output = tempPath("never.ply");
     EXPECT_EQ(runProgram("reconstruct " + tempPath("missing.ply") + " -o " + output, errors), 1);
@@ -238,13 +239,14 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
 }
 
 TEST(Program, ReconstructsTheBunnyScanList) {
+    TESSALINE_REQUIRE_PROGRAM();
     TESSALINE_REQUIRE_BUNNY();
     std::string errors;
     const std::string output = tempPath("bunny.stl");
     const std::string reference = std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/reference/bun_zipper.ply";
     const std::string report = tempPath("bunny_report.txt");
     const int status =
-        std::system((std::string(TESSALINE_CLI_PATH) + " reconstruct " + testing_support::bunnyConfPath() +
+        std::system((testing_support::programPath() + " reconstruct " + testing_support::bunnyConfPath() +
                      " --units m --quiet -o " + output + " --reference " + reference + " >" + report + " 2>/dev/null")
                         .c_str());
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

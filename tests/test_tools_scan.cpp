@@ -17,6 +17,7 @@
 #include "MeshRender.h"
 #include "Part.h"
 #include "PointCloudIO.h"
+#include "ProgramPath.h"
 #include "ScanSimulator.h"
 #include "SurfaceCompare.h"
 
@@ -259,10 +260,11 @@ TEST(Pictures, FrontAndBackFacesShowAndThePngReadsBack) {
 }
 
 TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string folder = tempPath("demo");
     const std::string out = tempPath("demo.txt");
     const int status = std::system(
-        (std::string(TESSALINE_CLI_PATH) + " demo --points 150000 --quiet -o " + folder + " >" + out + " 2>/dev/null")
+        (testing_support::programPath() + " demo --points 150000 --quiet -o " + folder + " >" + out + " 2>/dev/null")
             .c_str());
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     std::ifstream in(out);
@@ -275,8 +277,7 @@ TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
 
     // The mesh lies on the part: checked here with the comparison itself, through the program.
     const int compared = std::system(
-        (std::string(TESSALINE_CLI_PATH) + " compare " + folder + "/tessaline-demo.ply part >" + out + " 2>&1")
-            .c_str());
+        (testing_support::programPath() + " compare " + folder + "/tessaline-demo.ply part >" + out + " 2>&1").c_str());
     ASSERT_TRUE(WIFEXITED(compared) && WEXITSTATUS(compared) == 0);
     std::ifstream again(out);
     const std::string text((std::istreambuf_iterator<char>(again)), std::istreambuf_iterator<char>());

@@ -7,11 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "FieldComputation.h"
+#include "ErrorLadder.h"
 #include "MarchingCubes.h"
 #include "Morton.h"
 #include "PointRuns.h"
-#include "Portioner.h"
 
 namespace SurfaceReconstruction {
 
@@ -112,57 +111,12 @@ struct GetBinsScaleKernel {
     }
 };
 
-// The three passes of the field computation, one logical thread a cell.
-struct ComputeInitNormalKernel {
-    int cell_node_size;
-    CellNode_Device* cell_nodes;
-    int relation_size;
-    const RelationCell2Bins_Device* relations;
-    const RawPointWithHash* points;
-    const DeviceParameters* params;
-    TESSA_HD void operator()(std::size_t i) const {
-        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
-        computeInitNormal(cell_nodes[i], relations, relation_size, points, *params);
-    }
-};
-
-struct ComputeFineNormalKernel {
-    int cell_node_size;
-    CellNode_Device* cell_nodes;
-    int relation_size;
-    const RelationCell2Bins_Device* relations;
-    const RawPointWithHash* points;
-    const DeviceParameters* params;
-    VoxelFieldCenter* centres;
-    TESSA_HD void operator()(std::size_t i) const {
-        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
-        computeFineNormal(cell_nodes[i], relations, relation_size, points, *params, centres[i]);
-    }
-};
-
-struct ComputeFineFiledDatalKernel {
-    int cell_node_size;
-    CellNode_Device* cell_nodes;
-    int relation_size;
-    const RelationCell2Bins_Device* relations;
-    const RawPointWithHash* points;
-    const DeviceParameters* params;
-    const VoxelFieldCenter* centres;
-    TESSA_HD void operator()(std::size_t i) const {
-        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
-        computeFieldData(cell_nodes[i], relations, relation_size, points, *params, centres[i]);
-    }
-};
-
 }  // namespace
 
 // ---- buffers ---------------------------------------------------------------------------------------
 
 int MarchingCubes::initDevice(std::uint64_t max_points) {
-    if (!m_inited) {
-        m_last_error = "no init!";
-        return 1;
-    }
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_device_params || !m_portioner_params) {
         m_last_error = "[MarchingCubes] initDevice try catch error! \n";
         return 1;
@@ -170,53 +124,50 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
     const int released = deInitDevice();  // a second set-up replaces the first
     if (released != 0) return released;
     m_rule_counts = CellRuleCounts{};
-    try {
-        m_tmp_cell_relations_pool = std::make_shared<CellRelations_Pool>();
-        const int pool_result = m_tmp_cell_relations_pool->init();
-        if (pool_result != 0) {
-            m_last_error = "[MarchingCubes] m_tmp_cell_device_pool->init() failed";
-            return pool_result;
-        }
-        const std::uint64_t n = m_portioner_params->block_with_ext_size;
-        // One more than the largest block, so that the strict capacity test admits that block; a device
-        // without room for it gets the fallback capacity and the chunked path.
-        m_raw_points_capacity = max_points + 1;
-        if (!deviceMemoryAvailable(2 * (max_points + 1) * sizeof(RawPointWithHash)))
-            m_raw_points_capacity = n * n * 300;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
-                           "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
-                           "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)),
-                           "cudaMalloc(&m_logic_coordinate_dev, 3 * sizeof(float))");
-        TESSA_DEVICE_CHECK(
-            deviceMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)) * sizeof(BinsHeader)),
-            "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
-            "sizeof(BinsHeader))");
-        m_bins_header_capacity = MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n));
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
-                           "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
-        TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
-                            "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
-                            "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
-                            "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_UPLOAD(
-            m_portioner_params_dev, *m_portioner_params,
-            "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
-            "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
-            "cudaMemcpyHostToDevice)");
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[MarchingCubes] initDevice try catch device error! \n";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        m_last_error = "[MarchingCubes] initDevice try catch error! \n";
-        return 1;
-    }
+    return runGuarded(
+        m_last_error, {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] initDevice try catch device error! \n"},
+        {1, "[MarchingCubes] initDevice try catch error! \n"}, [&]() -> int {
+            m_tmp_cell_relations_pool = std::make_shared<CellRelations_Pool>();
+            const int pool_result = m_tmp_cell_relations_pool->init();
+            if (pool_result != 0) {
+                m_last_error = "[MarchingCubes] m_tmp_cell_device_pool->init() failed";
+                return pool_result;
+            }
+            const std::uint64_t n = m_portioner_params->block_with_ext_size;
+            // One more than the largest block, so that the strict capacity test admits that block; a device
+            // without room for it gets the fallback capacity and the chunked path.
+            m_raw_points_capacity = max_points + 1;
+            if (!deviceMemoryAvailable(2 * (max_points + 1) * sizeof(RawPointWithHash)))
+                m_raw_points_capacity = n * n * 300;
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
+                               "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
+                               "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)),
+                               "cudaMalloc(&m_logic_coordinate_dev, 3 * sizeof(float))");
+            TESSA_DEVICE_CHECK(
+                deviceMalloc(&m_bins_header_dev,
+                             MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)) * sizeof(BinsHeader)),
+                "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
+                "sizeof(BinsHeader))");
+            m_bins_header_capacity = MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n));
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
+                               "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
+            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
+                                "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+                                "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
+                                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_UPLOAD(
+                m_portioner_params_dev, *m_portioner_params,
+                "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
+                "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
+                "cudaMemcpyHostToDevice)");
+            return 0;
+        });
 }
 
 int MarchingCubes::deInitDevice() {
-    try {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
         if (m_tmp_cell_relations_pool) {
             const int result = m_tmp_cell_relations_pool->deInit();
             if (result != 0) {
@@ -235,11 +186,7 @@ int MarchingCubes::deInitDevice() {
         TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
         TESSA_DEVICE_RELEASE(m_portioner_params_dev, "cudaFree(m_portioner_params_dev)");
         return 0;
-    } catch (const DeviceError&) {
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 // ---- bins ------------------------------------------------------------------------------------------
@@ -286,7 +233,7 @@ void MarchingCubes::binsOfSortedPoints(std::int64_t count, std::int64_t points_o
 }
 
 int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]) {
-    try {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
         std::vector<RawPointWithHash>& points = *block.points;
         const std::int64_t n = static_cast<std::int64_t>(points.size());
         TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, points.data(), points.size() * sizeof(RawPointWithHash),
@@ -307,24 +254,16 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
                            "cudaMemcpy(points_hash_data, m_raw_points_hash_dev , points_hash_size * "
                            "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
         return 0;
-    } catch (const DeviceError&) {
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        return 1;
-    }
+    });
 }
 
 int MarchingCubes::getBinsCenter_Device(PointCloudBlock& block, std::vector<BinsHeader>& bins_header) {
-    try {
-        binsOfSortedPoints(static_cast<std::int64_t>(block.points->size()), 0, bins_header);
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "[MarchingCubes] getBinsCenter_Device try catch device error! \n";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        m_last_error = "[MarchingCubes] getBinsCenter_Device try catch error! \n";
-        return 1;
-    }
+    return runGuarded(m_last_error,
+                      {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] getBinsCenter_Device try catch device error! \n"},
+                      {1, "[MarchingCubes] getBinsCenter_Device try catch error! \n"}, [&]() -> int {
+                          binsOfSortedPoints(static_cast<std::int64_t>(block.points->size()), 0, bins_header);
+                          return 0;
+                      });
 }
 
 int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]) {
@@ -399,74 +338,6 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
     std::sort(bins_header.begin(), bins_header.end(),
               [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
     return 0;
-}
-
-// ---- field computation on the device ---------------------------------------------------------------
-
-int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
-                                           RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
-                                           VoxelFieldCenter* voxel_field_centers_dev) {
-    const std::size_t n = static_cast<std::size_t>(cell_node_size);
-    launchKernel(n, ComputeInitNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
-                                            raw_points_dev, m_device_params_dev});
-    launchKernel(n, ComputeFineNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
-                                            raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
-    launchKernel(n, ComputeFineFiledDatalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
-                                                raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
-    deviceSynchronize();
-    const DeviceResult error = deviceGetLastError();
-    if (error != DEVICE_SUCCESS) {
-        std::printf("[error]: processMarchingCubeTask failed! %s \n", deviceErrorString(error));
-        return 1;
-    }
-    return 0;
-}
-
-int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
-    try {
-        const int cell_node_size = cells.cell_node_size.load();
-        const int relation_size = cells.relation_size.load();
-        ScopedDeviceBuffer<CellNode_Device> cell_nodes_dev;
-        ScopedDeviceBuffer<RelationCell2Bins_Device> relations_dev;
-        ScopedDeviceBuffer<VoxelFieldCenter> voxel_field_centers_dev;
-        const std::size_t cell_bytes = static_cast<std::size_t>(cell_node_size) * sizeof(CellNode_Device);
-        const std::size_t relation_bytes = static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
-        const std::size_t centre_bytes = static_cast<std::size_t>(cell_node_size) * sizeof(VoxelFieldCenter);
-        TESSA_DEVICE_CHECK(deviceMalloc(&cell_nodes_dev.ptr(), cell_bytes),
-                           "cudaMalloc(&cell_nodes_dev, cell_node_size * sizeof(CellNode_Device))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&relations_dev.ptr(), relation_bytes),
-                           "cudaMalloc(&relations_dev, relation_size * sizeof(RelationCell2Bins_Device))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes),
-                           "cudaMalloc(&voxel_field_centers_dev, cell_node_size * sizeof(VoxelFieldCenter))");
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice),
-            "cudaMemcpy(cell_nodes_dev, cell_nodes, cell_node_size * sizeof(CellNode_Device) , "
-            "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice),
-            "cudaMemcpy(relations_dev, relations, relation_size * sizeof(RelationCell2Bins_Device) , "
-            "cudaMemcpyHostToDevice)");
-        TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes),
-                           "cudaMemset(voxel_field_centers_dev, 0, cell_node_size * sizeof(VoxelFieldCenter))");
-        if (processMarchingCubeTask(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
-                                    m_raw_points_hash_dev, voxel_field_centers_dev.ptr()) != 0) {
-            throw DeviceError();
-        }
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost),
-            "cudaMemcpy(cell_nodes, cell_nodes_dev, cell_node_size * sizeof(CellNode_Device) , "
-            "cudaMemcpyDeviceToHost)");
-        cell_nodes_dev.release("cudaFree(cell_nodes_dev)");
-        relations_dev.release("cudaFree(relations_dev)");
-        voxel_field_centers_dev.release("cudaFree(voxel_field_centers_dev)");
-        return 0;
-    } catch (const DeviceError&) {
-        m_last_error = "cuda runtime error!";
-        return TESSALINE_DEVICE_COMPUTE;
-    } catch (...) {
-        m_last_error = "computeFiledData failed!";
-        return 1;
-    }
 }
 
 }  // namespace SurfaceReconstruction

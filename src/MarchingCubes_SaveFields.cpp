@@ -1,0 +1,58 @@
+// The hand-over of a block's finished cells: their sheets move into the field store, and each leaf of
+// the octree is left with the ids of its slots, or with none.
+#include <cstdint>
+#include <cstdio>
+#include <vector>
+
+#include "HashOctree.h"
+#include "MarchingCubes.h"
+
+namespace SurfaceReconstruction {
+
+void MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
+    const std::int64_t n = static_cast<std::int64_t>(cells.cell_nodes.size());
+    // Slots in record order, reserved at once, so that where a field lands does not depend on timing.
+    std::vector<std::int32_t> first_slot(static_cast<std::size_t>(n) + 1, 0);
+    for (std::int64_t i = 0; i < n; ++i) {
+        const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];
+        const CellNode* c = record.cell;
+        const bool stores =
+            c->data_state != 2 && c->cell_type == CELL_TYPE_LEAF && (record.field_flag == 1 || record.field_flag == 2);
+        first_slot[static_cast<std::size_t>(i) + 1] =
+            first_slot[static_cast<std::size_t>(i)] + (stores ? record.field_flag : 0);
+        if (c->cell_type != CELL_TYPE_LEAF || (record.point_count == 0 && record.relation_count == 0))
+            continue;  // absorbed
+        ++m_rule_counts.cells;
+        if (stores)
+            ++m_rule_counts.with_sheet;
+        else
+            ++m_rule_counts.rejected[cellRejection(record.rules)];
+        if (record.rules & CELL_WIDENED_SEARCH) ++m_rule_counts.widened;
+        if (record.rules & CELL_ALL_POINTS) ++m_rule_counts.all_points;
+        if (record.rules & CELL_CREASE) ++m_rule_counts.creases;
+    }
+    std::int32_t base = -1;
+    const bool have_slots =
+        first_slot.back() > 0 && m_field_data_pool && m_field_data_pool->allocDataIndex(base, first_slot.back()) == 0;
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < n; ++i) {
+        const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];
+        CellNode* c = record.cell;
+        if (c->data_state == 2 || c->cell_type != CELL_TYPE_LEAF) {
+            std::printf("[error]: cell_node repeat or is not leaf!\n");
+            continue;
+        }
+        c->data_id = -1;
+        c->data_state = 0;
+        c->field_count = 0;
+        const int count = record.field_flag;
+        if ((count != 1 && count != 2) || !have_slots) continue;  // no field, or the store is full
+        const std::int32_t slot = base + first_slot[static_cast<std::size_t>(i)];
+        for (int s = 0; s < count; ++s) *m_field_data_pool->slot(slot + s) = record.fields[s];
+        c->data_id = slot;
+        c->data_state = 2;
+        c->field_count = static_cast<std::uint8_t>(count);
+    }
+}
+
+}  // namespace SurfaceReconstruction
