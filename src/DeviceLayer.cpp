@@ -74,6 +74,11 @@ DeviceResult deviceSynchronize() {
 
 DeviceResult deviceGetLastError() { return backend::getLastError(); }
 
+bool deviceMemoryIsHostMemory() {
+    const DeviceRuntimeSeam* s = seam();
+    return s && s->memory_is_host_memory ? s->memory_is_host_memory() : backend::memoryIsHostMemory();
+}
+
 const char* deviceErrorName(DeviceResult result) { return backend::errorName(result); }
 
 const char* deviceErrorString(DeviceResult result) { return backend::errorString(result); }

@@ -75,6 +75,10 @@ DeviceResult deviceMalloc(T** ptr, std::size_t bytes) {
     return result;
 }
 
+// True where device memory is the host's own (the host backend): data already in host memory reach a
+// kernel without a copy.
+bool deviceMemoryIsHostMemory();
+
 // Free memory kept back on every test of device memory.
 constexpr std::size_t DEVICE_MEMORY_SLACK = 5242880;
 
@@ -94,6 +98,7 @@ struct DeviceRuntimeSeam {
     std::function<DeviceResult(void*, const void*, std::size_t, CopyKind)> memcpy;
     std::function<DeviceResult(void*, int, std::size_t)> memset;
     std::function<DeviceResult()> synchronize;
+    std::function<bool()> memory_is_host_memory;
 };
 
 // Installs `seam` (nullptr removes it). Not thread-safe: install before the calls it is to catch.

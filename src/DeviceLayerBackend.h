@@ -15,6 +15,7 @@ DeviceResult free(void* ptr);
 DeviceResult memcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind);
 DeviceResult memset(void* ptr, int value, std::size_t bytes);
 DeviceResult synchronize();
+bool memoryIsHostMemory();
 DeviceResult getLastError();
 const char* errorName(DeviceResult result);
 const char* errorString(DeviceResult result);

@@ -52,6 +52,8 @@ DeviceResult memcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind
 DeviceResult memset(void* ptr, int value, std::size_t bytes) { return cudaMemset(ptr, value, bytes); }
 DeviceResult synchronize() { return cudaDeviceSynchronize(); }
 DeviceResult getLastError() { return cudaGetLastError(); }
+
+bool memoryIsHostMemory() { return false; }
 const char* errorName(DeviceResult result) { return cudaGetErrorName(static_cast<cudaError_t>(result)); }
 const char* errorString(DeviceResult result) { return cudaGetErrorString(static_cast<cudaError_t>(result)); }
 

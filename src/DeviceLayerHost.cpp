@@ -84,6 +84,8 @@ DeviceResult synchronize() { return DEVICE_SUCCESS; }
 
 DeviceResult getLastError() { return DEVICE_SUCCESS; }
 
+bool memoryIsHostMemory() { return true; }
+
 const char* errorName(DeviceResult result) {
     switch (result) {
         case DEVICE_SUCCESS:

@@ -157,7 +157,7 @@ int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
             TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes),
                                "cudaMemset(voxel_field_centers_dev, 0, cell_node_size * sizeof(VoxelFieldCenter))");
             if (processMarchingCubeTask(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
-                                        m_raw_points_hash_dev, voxel_field_centers_dev.ptr()) != 0) {
+                                        m_block_points_dev, voxel_field_centers_dev.ptr()) != 0) {
                 throw DeviceError();
             }
             TESSA_DEVICE_CHECK(

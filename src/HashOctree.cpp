@@ -108,7 +108,8 @@ HashEntry* HashTable::findHashEntry(std::int32_t x, std::int32_t y, std::int32_t
 // ---- CellNodePool ----------------------------------------------------------------------------------
 
 bool CellNodePool::addBlock() {
-    CellNode* block = new (std::nothrow) CellNode[m_hash_params->CELL_POOL_BLOCK_SIZE];
+    // Storage only: a cell is made where it is handed out, so that memory follows the cells in use.
+    CellNode* block = static_cast<CellNode*>(std::malloc(sizeof(CellNode) * m_hash_params->CELL_POOL_BLOCK_SIZE));
     if (block == nullptr) return false;
     m_blocks.push_back(block);
     m_growth.blockAdded();
@@ -131,7 +132,7 @@ int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
 }
 
 int CellNodePool::deInit() {
-    for (CellNode* block : m_blocks) delete[] block;
+    for (CellNode* block : m_blocks) std::free(block);  // cells are trivially destructible
     m_blocks.clear();
     m_growth.clear();
     m_inited = false;
@@ -271,8 +272,7 @@ int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCell
                 setError("m_cell_pool alloc failed!");
                 return TESSALINE_OUT_OF_MEMORY;
             }
-            CellNode* node = m_cell_pool->cellAt(index);
-            *node = CellNode{};
+            CellNode* node = new (m_cell_pool->cellAt(index)) CellNode{};
             node->cell_type = CELL_TYPE_BRANCH;
             for (int k = 0; k < 3; ++k) node->center[k] = root_center[k];
             node->half_size = S * 0.5f;
@@ -292,6 +292,12 @@ int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCell
 
 int HashOctree::insertLeafNodeForHashBlock(const HashRootCellData& root, const float pos[3], float target_half,
                                            CellNode*& leaf) {
+    DescentPath path;  // no earlier descent: from the root
+    return insertLeafNodeAlongPath(root, pos, target_half, path, leaf);
+}
+
+int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const float pos[3], float target_half,
+                                        DescentPath& path, CellNode*& leaf) {
     if (!m_inited) {
         setError("BlockHashOctree: no init!");
         return 1;
@@ -302,9 +308,28 @@ int HashOctree::insertLeafNodeForHashBlock(const HashRootCellData& root, const f
     }
     const float upper = target_half + 0.0001f;
     const float lower = target_half * 0.5f + 0.0001f;
+    // Along the last path, while the plain descent would take the same steps: the cells there are
+    // branches already, and only the last one of the path can have become a leaf since.
+    int i = 0;
+    if (path.root == &root && path.depth > 0 && path.cells[0] == n) {
+        while (i + 1 < path.depth) {
+            const CellNode* c = path.cells[i];
+            if (c->cell_type == CELL_TYPE_LEAF) break;
+            const float h = c->half_size;
+            if (upper > h && h > lower) break;
+            if (c->children[childIndex(pos, c->center)] != path.cells[i + 1]) break;
+            ++i;
+        }
+        n = path.cells[i];
+    } else {
+        path.root = &root;
+        path.cells[0] = n;
+    }
+    path.depth = i + 1;
+    // From there on, the plain descent.
     while (loadCellType(*n) != CELL_TYPE_LEAF) {
         const float h = n->half_size;
-        if (upper > h && h > lower) break;  // the one level inside the octave of target_half
+        if (upper > h && h > lower) break;
         markBranch(*n);
         const int k = childIndex(pos, n->center);
         CellNode* child = loadChild(n->children[k]);
@@ -317,8 +342,7 @@ int HashOctree::insertLeafNodeForHashBlock(const HashRootCellData& root, const f
                     setError("m_cell_pool alloc failed!");
                     return TESSALINE_OUT_OF_MEMORY;
                 }
-                child = m_cell_pool->cellAt(index);
-                *child = CellNode{};
+                child = new (m_cell_pool->cellAt(index)) CellNode{};
                 child->half_size = h * 0.5f;
                 child->cell_type = CELL_TYPE_BRANCH;
                 for (int axis = 0; axis < 3; ++axis)
@@ -329,6 +353,11 @@ int HashOctree::insertLeafNodeForHashBlock(const HashRootCellData& root, const f
             }
         }
         n = child;
+        if (path.depth < DescentPath::MAX_DEPTH) {
+            path.cells[path.depth++] = n;
+        } else {
+            path.root = nullptr;  // deeper than a path holds: the next descent starts at the root
+        }
     }
     storeRelease(n->cell_type, CELL_TYPE_LEAF);
     leaf = n;

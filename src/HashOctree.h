@@ -44,6 +44,7 @@ struct HashEntry {
 };
 
 static_assert(std::is_trivially_destructible<HashEntry>::value, "the table frees its entries without destructors");
+static_assert(std::is_trivially_destructible<CellNode>::value, "the pool frees its cells without destructors");
 
 // The overflow counter shared by the whole table: the next free overflow slot.
 struct GlobalHashParams {
@@ -91,7 +92,8 @@ public:
     // Reserves the block list and allocates the first blocks; 66049 when they cannot be allocated.
     int init(const std::shared_ptr<HashParameters>& params);
     int deInit();
-    // Reserves one cell in the constructed state; 66049 with index -1 when no block can be added.
+    // Reserves one cell's storage, to be made with placement new; 66049 with index -1 when no block can
+    // be added.
     int allocDataIndex(std::int32_t& index);
     CellNode* cellAt(std::int32_t index) const;
 
@@ -129,6 +131,14 @@ public:
     std::int32_t capacity = CAPACITY;
 };
 
+// The cells of a walk's last descent, root first.
+struct DescentPath {
+    static constexpr int MAX_DEPTH = 64;
+    const HashRootCellData* root = nullptr;
+    CellNode* cells[MAX_DEPTH];
+    int depth = 0;
+};
+
 class HashOctree {
 public:
     HashOctree() = default;
@@ -147,6 +157,11 @@ public:
     // or an existing leaf; that cell becomes a leaf. 66051 when `pos` lies outside the root.
     int insertLeafNodeForHashBlock(const HashRootCellData& root, const float pos[3], float target_half,
                                    CellNode*& leaf);
+    // The same descent for a walk that visits neighbouring positions one after another on one thread:
+    // `path` holds the cells of the walk's last descent, and the next one takes up the way where it
+    // parts from that path instead of at the root. The cells it reaches are those of the plain descent.
+    int insertLeafNodeAlongPath(const HashRootCellData& root, const float pos[3], float target_half, DescentPath& path,
+                                CellNode*& leaf);
     // The root of the block that holds `pos`, or empty.
     std::shared_ptr<HashRootCellData> getHashRootCell(const float pos[3]);
     int getHashCellList(std::shared_ptr<HashRootCellList>& list);

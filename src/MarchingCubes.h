@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "CellRecords.h"
-#include "CellRelationsPool.h"
 #include "DeviceLayer.h"
 #include "FieldDataPool.h"
+#include "Morton.h"
 #include "Parameters.h"
 #include "PointRecords.h"
 
@@ -73,7 +73,17 @@ private:
     int buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
                                 std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations);
     // Index of the bin with this grid key, or -1.
-    std::int32_t findBin(std::int32_t x, std::int32_t y, std::int32_t z) const;
+    std::int32_t findBin(std::int32_t x, std::int32_t y, std::int32_t z) const {
+        if (!m_bitmap_valid) return findBinInTable(x, y, z);
+        const std::int64_t bit = binBit(x, y, z);
+        if (bit < 0) return -1;
+        const std::uint64_t word = m_bin_bitmap[static_cast<std::size_t>(bit >> 6)];
+        const std::uint64_t below = std::uint64_t{1} << (bit & 63);
+        if ((word & below) == 0) return -1;
+        return m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[static_cast<std::size_t>(bit >> 6)] +
+                                                      bitCount64(word & (below - 1)))];
+    }
+    std::int32_t findBinInTable(std::int32_t x, std::int32_t y, std::int32_t z) const;
 
     // The three passes of the field computation over a block's cells: on the device when its memory
     // holds the arrays and the block's points are still there, on the host otherwise.
@@ -105,6 +115,7 @@ private:
     std::shared_ptr<HashOctree> m_hash_octree;
     std::shared_ptr<FieldDataPool> m_field_data_pool;
     RawPointWithHash* m_raw_points_hash_dev = nullptr;
+    RawPointWithHash* m_block_points_dev = nullptr;  // the sorted points of the block in work, where kernels read them
     int* m_raw_points_hash_size_dev = nullptr;
     std::uint64_t m_raw_points_capacity = 0;
     float* m_logic_coordinate_dev = nullptr;
@@ -114,22 +125,36 @@ private:
     DeviceParameters* m_device_params_dev = nullptr;
     PortionerParameters* m_portioner_params_dev = nullptr;
     std::size_t m_last_bin_count = 0;
-    std::shared_ptr<CellRelations_Pool> m_tmp_cell_relations_pool;
     std::shared_ptr<CellNodeAndRelations> m_last_cells;
     bool m_keep_last_cells = false;
-    // Occupied bin keys over the bounding box of the block's bins: most searched keys hold no bin, and
-    // the bitmap answers those without touching the table.
+    // Occupied bin keys over the bounding box of the block's bins, the count of occupied keys before
+    // each word, and the bin of each occupied key in that order; a hash table where the box is too big.
     std::vector<std::uint64_t> m_bin_bitmap;
+    std::vector<std::int32_t> m_bitmap_rank;
+    std::vector<std::int32_t> m_rank_to_bin;
     std::int32_t m_bitmap_min[3] = {0, 0, 0};
-    std::int64_t m_bitmap_dim[3] = {0, 0, 0};
+    std::int64_t m_bitmap_dim[3] = {0, 0, 0};  // bricks along each axis
     bool m_bitmap_valid = false;
 
-    void buildBinBitmap(const std::vector<BinsHeader>& bins_header);
+    // The bitmap table of the bins; false (and no table) when their box is too big for it.
+    bool buildBinBitmap(const std::vector<BinsHeader>& bins_header);
+    // The bit of a key in the bitmap (bricks of 4 x 4 x 4 keys, one a word), or -1 outside its box.
+    std::int64_t binBit(std::int32_t x, std::int32_t y, std::int32_t z) const {
+        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
+        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
+        const std::int64_t dz = static_cast<std::int64_t>(z) - m_bitmap_min[2];
+        if (dx < 0 || dy < 0 || dz < 0) return -1;
+        const std::int64_t bx = dx >> 2, by = dy >> 2, bz = dz >> 2;
+        if (bx >= m_bitmap_dim[0] || by >= m_bitmap_dim[1] || bz >= m_bitmap_dim[2]) return -1;
+        const std::int64_t brick = (bz * m_bitmap_dim[1] + by) * m_bitmap_dim[0] + bx;
+        return brick * 64 + ((dz & 3) << 4) + ((dy & 3) << 2) + (dx & 3);
+    }
 
     CellRuleCounts m_rule_counts;
 
     // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
-    void binsOfSortedPoints(std::int64_t count, std::int64_t points_offset, std::vector<BinsHeader>& bins_header);
+    void binsOfSortedPoints(const RawPointWithHash* points_dev, std::int64_t count, std::int64_t points_offset,
+                            std::vector<BinsHeader>& bins_header);
 };
 
 }  // namespace SurfaceReconstruction

@@ -1,5 +1,8 @@
-// The lookup table of a block's bins: from a bin's grid key to its index, with a bitmap of the occupied
-// keys in front of it, since most keys that the searches ask for hold no bin.
+// The lookup table of a block's bins, from a bin's grid key to its index. Over the bounding box of the
+// block's bins it is a bitmap of the occupied keys with the count of set bits before each word: a key's
+// bin is found by one bit test and one population count, without hashing. A word holds a brick of
+// 4 x 4 x 4 keys, so that the keys a neighbourhood search asks for lie in a few words. Bins spread far
+// beyond a block's grid (which the partition never produces) fall back to a hash table.
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -7,11 +10,20 @@
 #include "Atomics.h"
 #include "GridHash.h"
 #include "MarchingCubes.h"
+#include "Morton.h"
 #include "SimpleLineHash.h"
 
 namespace SurfaceReconstruction {
 
+namespace {
+// Bits the bitmap may have: a block of 512 bins with its margins needs 536^3, about 154 million.
+constexpr std::int64_t BIN_BITMAP_MAX_BITS = std::int64_t{1} << 28;
+
+}  // namespace
+
 int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header) {
+    m_bitmap_valid = false;
+    if (buildBinBitmap(bins_header)) return 0;
     const std::uint64_t n = bins_header.size();
     // Sized by the block's bins, a quarter full at most; an insert takes at most one overflow slot.
     std::uint64_t buckets = 1024;
@@ -34,22 +46,12 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
         while (current < i && !compareExchangeWeakRelaxed(entry->id, current, static_cast<std::int32_t>(i))) {
         }
     }
-#pragma omp parallel for schedule(static)
-    for (std::int64_t i = 0; i < count; ++i) {
-        const BinsHeader& bin = bins_header[static_cast<std::size_t>(i)];
-        std::int32_t key[3];
-        gridKey(bin.center, m_resolution, key);
-        SimpleLineHashEntry* entry = nullptr;
-        if (m_block_loc_hash->find(key[0], key[1], key[2], entry) == 0 && entry->id == i)
-            entry->flags = bin.bin_sub_scale;
-    }
-    buildBinBitmap(bins_header);
     return 0;
 }
 
-void MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
-    m_bitmap_valid = false;
-    if (bins_header.empty()) return;
+bool MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
+    const std::int64_t count = static_cast<std::int64_t>(bins_header.size());
+    if (count == 0) return false;
     std::int32_t lo[3] = {INT32_MAX, INT32_MAX, INT32_MAX}, hi[3] = {INT32_MIN, INT32_MIN, INT32_MIN};
     for (const BinsHeader& bin : bins_header) {
         std::int32_t key[3];
@@ -59,38 +61,50 @@ void MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
             hi[k] = std::max(hi[k], key[k]);
         }
     }
-    std::int64_t bits = 1;
+    std::int64_t bits = 64;
     for (int k = 0; k < 3; ++k) {
         m_bitmap_min[k] = lo[k];
-        m_bitmap_dim[k] = static_cast<std::int64_t>(hi[k]) - lo[k] + 1;
+        m_bitmap_dim[k] = ((static_cast<std::int64_t>(hi[k]) - lo[k]) >> 2) + 1;  // bricks along the axis
         bits *= m_bitmap_dim[k];
-        if (bits > (std::int64_t{1} << 27)) return;  // bins spread far beyond the grid: the table alone answers
+        if (bits > BIN_BITMAP_MAX_BITS) return false;
     }
-    m_bin_bitmap.assign(static_cast<std::size_t>((bits + 63) / 64), 0);
-    const std::int64_t count = static_cast<std::int64_t>(bins_header.size());
+    const std::int64_t words = bits / 64;
+    m_bin_bitmap.assign(static_cast<std::size_t>(words), 0);
+    const auto bitOf = [this](const std::int32_t key[3]) { return binBit(key[0], key[1], key[2]); };
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < count; ++i) {
         std::int32_t key[3];
         gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
-        const std::int64_t bit =
-            ((static_cast<std::int64_t>(key[2]) - m_bitmap_min[2]) * m_bitmap_dim[1] + (key[1] - m_bitmap_min[1])) *
-                m_bitmap_dim[0] +
-            (key[0] - m_bitmap_min[0]);
+        const std::int64_t bit = bitOf(key);
         fetchOrRelaxed(m_bin_bitmap[static_cast<std::size_t>(bit / 64)], std::uint64_t{1} << (bit % 64));
     }
+    // The rank of a set bit is the index of its key among the occupied ones.
+    m_bitmap_rank.resize(static_cast<std::size_t>(words));
+    std::int32_t occupied = 0;
+    for (std::int64_t w = 0; w < words; ++w) {
+        m_bitmap_rank[static_cast<std::size_t>(w)] = occupied;
+        occupied += bitCount64(m_bin_bitmap[static_cast<std::size_t>(w)]);
+    }
+    // Two bins with one key come from a run cut in chunks: the later bin wins, whatever the timing.
+    m_rank_to_bin.assign(static_cast<std::size_t>(occupied), -1);
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < count; ++i) {
+        std::int32_t key[3];
+        gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
+        const std::int64_t bit = bitOf(key);
+        const std::uint64_t word = m_bin_bitmap[static_cast<std::size_t>(bit / 64)];
+        const std::int32_t rank = m_bitmap_rank[static_cast<std::size_t>(bit / 64)] +
+                                  bitCount64(word & ((std::uint64_t{1} << (bit % 64)) - 1));
+        std::int32_t& slot = m_rank_to_bin[static_cast<std::size_t>(rank)];
+        std::int32_t current = loadRelaxed(slot);
+        while (current < i && !compareExchangeWeakRelaxed(slot, current, static_cast<std::int32_t>(i))) {
+        }
+    }
     m_bitmap_valid = true;
+    return true;
 }
 
-std::int32_t MarchingCubes::findBin(std::int32_t x, std::int32_t y, std::int32_t z) const {
-    if (m_bitmap_valid) {
-        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
-        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
-        const std::int64_t dz = static_cast<std::int64_t>(z) - m_bitmap_min[2];
-        if (dx < 0 || dy < 0 || dz < 0 || dx >= m_bitmap_dim[0] || dy >= m_bitmap_dim[1] || dz >= m_bitmap_dim[2])
-            return -1;
-        const std::int64_t bit = (dz * m_bitmap_dim[1] + dy) * m_bitmap_dim[0] + dx;
-        if (((m_bin_bitmap[static_cast<std::size_t>(bit / 64)] >> (bit % 64)) & 1u) == 0) return -1;
-    }
+std::int32_t MarchingCubes::findBinInTable(std::int32_t x, std::int32_t y, std::int32_t z) const {
     SimpleLineHashEntry* entry = nullptr;
     if (m_block_loc_hash->find(x, y, z, entry) != 0) return -1;
     return entry->id;

@@ -1,9 +1,8 @@
 // Device part of the marching cubes stage: its buffers, and the bins of a block on the whole-block
 // path and on the chunked path. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
-#include <thrust/execution_policy.h>
-#include <thrust/sort.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -11,6 +10,7 @@
 #include "MarchingCubes.h"
 #include "Morton.h"
 #include "PointRuns.h"
+#include "PointSort.h"
 
 namespace SurfaceReconstruction {
 
@@ -127,30 +127,28 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
     return runGuarded(
         m_last_error, {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] initDevice try catch device error! \n"},
         {1, "[MarchingCubes] initDevice try catch error! \n"}, [&]() -> int {
-            m_tmp_cell_relations_pool = std::make_shared<CellRelations_Pool>();
-            const int pool_result = m_tmp_cell_relations_pool->init();
-            if (pool_result != 0) {
-                m_last_error = "[MarchingCubes] m_tmp_cell_device_pool->init() failed";
-                return pool_result;
-            }
             const std::uint64_t n = m_portioner_params->block_with_ext_size;
             // One more than the largest block, so that the strict capacity test admits that block; a device
             // without room for it gets the fallback capacity and the chunked path.
             m_raw_points_capacity = max_points + 1;
             if (!deviceMemoryAvailable(2 * (max_points + 1) * sizeof(RawPointWithHash)))
                 m_raw_points_capacity = n * n * 300;
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
-                               "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
+            if (!deviceMemoryIsHostMemory()) {  // on the host backend kernels read the blocks' own arrays
+                TESSA_DEVICE_CHECK(
+                    deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
+                    "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
+            }
             TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
                                "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
             TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)),
                                "cudaMalloc(&m_logic_coordinate_dev, 3 * sizeof(float))");
+            // A block has no more bins than points: the array starts at that and grows when a block needs more.
+            m_bins_header_capacity =
+                std::min<std::uint64_t>(MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)), m_raw_points_capacity);
             TESSA_DEVICE_CHECK(
-                deviceMalloc(&m_bins_header_dev,
-                             MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)) * sizeof(BinsHeader)),
+                deviceMalloc(&m_bins_header_dev, m_bins_header_capacity * sizeof(BinsHeader)),
                 "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
                 "sizeof(BinsHeader))");
-            m_bins_header_capacity = MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n));
             TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
                                "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
             TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
@@ -168,14 +166,6 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
 
 int MarchingCubes::deInitDevice() {
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
-        if (m_tmp_cell_relations_pool) {
-            const int result = m_tmp_cell_relations_pool->deInit();
-            if (result != 0) {
-                m_last_error = "[MarchingCubes] m_tmp_cell_relations_pool->deInit() failed";
-                return result;
-            }
-            m_tmp_cell_relations_pool.reset();
-        }
         TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
         m_raw_points_capacity = 0;
         TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
@@ -191,15 +181,14 @@ int MarchingCubes::deInitDevice() {
 
 // ---- bins ------------------------------------------------------------------------------------------
 
-void MarchingCubes::binsOfSortedPoints(std::int64_t count, std::int64_t points_offset,
-                                       std::vector<BinsHeader>& bins_header) {
+void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::int64_t count,
+                                       std::int64_t points_offset, std::vector<BinsHeader>& bins_header) {
     const float bin_size = m_resolution;
     // Count the runs first, so that the bin array never overflows: a block with more bins gets a
     // larger array and is not cut.
     TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
                        "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
-    launchKernel(static_cast<std::size_t>(count),
-                 CountHashRunsKernel{m_raw_points_hash_dev, count, m_bins_header_size_dev});
+    launchKernel(static_cast<std::size_t>(count), CountHashRunsKernel{points_dev, count, m_bins_header_size_dev});
     int bins_header_size = 0;
     TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
                        "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
@@ -215,13 +204,13 @@ void MarchingCubes::binsOfSortedPoints(std::int64_t count, std::int64_t points_o
     TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
                        "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
     launchKernel(static_cast<std::size_t>(count),
-                 GetBinsCenterKernel{m_raw_points_hash_dev, count, m_logic_coordinate_dev, bin_size, m_bins_header_dev,
+                 GetBinsCenterKernel{points_dev, count, m_logic_coordinate_dev, bin_size, m_bins_header_dev,
                                      m_bins_header_size_dev, static_cast<std::int64_t>(m_bins_header_capacity),
                                      static_cast<std::int32_t>(points_offset)});
     TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
                        "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
     launchKernel(static_cast<std::size_t>(bins_header_size),
-                 GetBinsScaleKernel{m_raw_points_hash_dev, count, bin_size, m_bins_header_dev, bins_header_size,
+                 GetBinsScaleKernel{points_dev, count, bin_size, m_bins_header_dev, bins_header_size,
                                     static_cast<std::int32_t>(points_offset)});
     const std::size_t old_size = bins_header.size();
     bins_header.resize(old_size + static_cast<std::size_t>(bins_header_size));
@@ -236,34 +225,42 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
         std::vector<RawPointWithHash>& points = *block.points;
         const std::int64_t n = static_cast<std::int64_t>(points.size());
-        TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, points.data(), points.size() * sizeof(RawPointWithHash),
-                                        CopyKind::HostToDevice),
-                           "cudaMemcpy(m_raw_points_hash_dev, points_hash_data , points_hash_size * "
-                           "sizeof(RawPointWithHash), cudaMemcpyHostToDevice)");
+        // Where device memory is host memory the block's own array is sorted in place; otherwise a copy
+        // goes to the device and the sorted points come back for a fall back to the host.
+        const bool shared = deviceMemoryIsHostMemory();
+        RawPointWithHash* points_dev = shared ? points.data() : m_raw_points_hash_dev;
+        if (!shared) {
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, points.data(),
+                                            points.size() * sizeof(RawPointWithHash), CopyKind::HostToDevice),
+                               "cudaMemcpy(m_raw_points_hash_dev, points_hash_data , points_hash_size * "
+                               "sizeof(RawPointWithHash), cudaMemcpyHostToDevice)");
+        }
         TESSA_DEVICE_CHECK(
             deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
             "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), "
             "cudaMemcpyHostToDevice)");
-        launchKernel(points.size(),
-                     ComputePointsHashValueKernel{m_raw_points_hash_dev, n, m_logic_coordinate_dev, m_resolution});
+        launchKernel(points.size(), ComputePointsHashValueKernel{points_dev, n, m_logic_coordinate_dev, m_resolution});
         TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
-        // The full comparison orders equal codes too, so the block's points come out the same every run.
-        thrust::sort(thrust::device, m_raw_points_hash_dev, m_raw_points_hash_dev + n, RawPointWithHash_CMP_LESS());
-        TESSA_DEVICE_CHECK(deviceMemcpy(points.data(), m_raw_points_hash_dev, points.size() * sizeof(RawPointWithHash),
-                                        CopyKind::DeviceToHost),
-                           "cudaMemcpy(points_hash_data, m_raw_points_hash_dev , points_hash_size * "
-                           "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+        // The full order settles equal codes too, so the block's points come out the same every run.
+        sortPointsFully(points_dev, n);
+        if (!shared) {
+            TESSA_DEVICE_CHECK(deviceMemcpy(points.data(), m_raw_points_hash_dev,
+                                            points.size() * sizeof(RawPointWithHash), CopyKind::DeviceToHost),
+                               "cudaMemcpy(points_hash_data, m_raw_points_hash_dev , points_hash_size * "
+                               "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+        }
+        m_block_points_dev = points_dev;
         return 0;
     });
 }
 
 int MarchingCubes::getBinsCenter_Device(PointCloudBlock& block, std::vector<BinsHeader>& bins_header) {
-    return runGuarded(m_last_error,
-                      {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] getBinsCenter_Device try catch device error! \n"},
-                      {1, "[MarchingCubes] getBinsCenter_Device try catch error! \n"}, [&]() -> int {
-                          binsOfSortedPoints(static_cast<std::int64_t>(block.points->size()), 0, bins_header);
-                          return 0;
-                      });
+    return runGuarded(
+        m_last_error, {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] getBinsCenter_Device try catch device error! \n"},
+        {1, "[MarchingCubes] getBinsCenter_Device try catch error! \n"}, [&]() -> int {
+            binsOfSortedPoints(m_block_points_dev, static_cast<std::int64_t>(block.points->size()), 0, bins_header);
+            return 0;
+        });
 }
 
 int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]) {
@@ -272,22 +269,28 @@ int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float
     TESSA_DEVICE_CHECK(
         deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
         "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+    const bool shared = deviceMemoryIsHostMemory();
     for (std::int64_t done = 0; done < n;) {
         const std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
         const std::size_t bytes = static_cast<std::size_t>(c) * sizeof(RawPointWithHash);
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice),
-            "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
-            "cudaMemcpyHostToDevice)");
+        RawPointWithHash* chunk_dev = shared ? points.data() + done : m_raw_points_hash_dev;
+        if (!shared) {
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice),
+                "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
+                "cudaMemcpyHostToDevice)");
+        }
         launchKernel(static_cast<std::size_t>(c),
-                     ComputePointsHashValueKernel{m_raw_points_hash_dev, c, m_logic_coordinate_dev, m_resolution});
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost),
-            "cudaMemcpy(points_hash_data + done, m_raw_points_hash_dev , chunk * sizeof(RawPointWithHash), "
-            "cudaMemcpyDeviceToHost)");
+                     ComputePointsHashValueKernel{chunk_dev, c, m_logic_coordinate_dev, m_resolution});
+        if (!shared) {
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost),
+                "cudaMemcpy(points_hash_data + done, m_raw_points_hash_dev , chunk * sizeof(RawPointWithHash), "
+                "cudaMemcpyDeviceToHost)");
+        }
         done += c;
     }
-    std::sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
+    sortPointsFullyOnHost(points.data(), n);
     return 0;
 }
 
@@ -305,12 +308,16 @@ int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float log
         std::int64_t e = c - 1;
         while (e >= 0 && chunk[e].hash == chunk[c - 1].hash) --e;
         if (e >= 1) c = e + 1;
-        TESSA_DEVICE_CHECK(
-            deviceMemcpy(m_raw_points_hash_dev, chunk, static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
-                         CopyKind::HostToDevice),
-            "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
-            "cudaMemcpyHostToDevice)");
-        binsOfSortedPoints(c, done, bins_header);
+        const RawPointWithHash* chunk_dev = chunk;
+        if (!deviceMemoryIsHostMemory()) {
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_raw_points_hash_dev, chunk, static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
+                             CopyKind::HostToDevice),
+                "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
+                "cudaMemcpyHostToDevice)");
+            chunk_dev = m_raw_points_hash_dev;
+        }
+        binsOfSortedPoints(chunk_dev, c, done, bins_header);
         done += c;
     }
     return 0;

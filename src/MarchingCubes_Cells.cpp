@@ -6,10 +6,18 @@
 // that shapes the tree is therefore made in bin order, and only what does not shape it runs in
 // parallel: the neighbourhood searches of the records and the flattening. The result is that of one
 // thread, on every run and for any thread count.
+//
+// The records of the block's cells go straight into the flat array, in the order they are made; the
+// searches append to one list a thread, from which the relations are copied into place.
+#include <omp.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <new>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -24,9 +32,9 @@ namespace {
 
 enum class SearchKind : std::uint8_t { Normal, Coarse, Fine };
 
-// A record whose relation list is still to be searched: where, at which size, by which search.
+// Where a record's relations are searched: at which position and size, by which search. One a record,
+// at the record's index.
 struct PendingSearch {
-    std::int32_t record;
     SearchKind kind;
     float pos[3];
     float size;  // normal and fine: the cell size; coarse: the half size h
@@ -53,34 +61,38 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         m_last_error = "[MarchingCubes] m_hash_octree->insertBlockHash failed!";
         return 1;
     }
-    CellRelations_Pool& pool = *m_tmp_cell_relations_pool;
-    pool.reset();
     const float r = m_resolution;
+    auto flat = std::make_shared<CellNodeAndRelations>();
+    std::vector<CellNode_Device>& records = flat->cell_nodes;
     std::vector<PendingSearch> pending;
     std::vector<Absorption> absorptions;
+    DescentPath path;
+    // About four cells a bin on a surface: room for that up front spares most regrowth of the arrays.
+    records.reserve(bins_header.size() * 4);
+    pending.reserve(bins_header.size() * 4);
 
     // The cell at `pos` of the wished size, its record made by the first bin that reaches it.
     const auto visitCell = [&](const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search) {
         CellNode* leaf = nullptr;
-        if (m_hash_octree->insertLeafNodeForHashBlock(*root, pos, target_half, leaf) != 0) return true;
+        if (m_hash_octree->insertLeafNodeAlongPath(*root, pos, target_half, path, leaf) != 0) return true;
         if (leaf->data_id == -1) {
-            std::int32_t index = -1;
-            if (pool.allocDataIndex(index) != 0) {
+            const std::int32_t index = static_cast<std::int32_t>(records.size());
+            try {
+                CellNode_Device record = emptyCellNodeDevice();
+                record.cell = leaf;
+                for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
+                record.half_size = leaf->half_size;
+                record.point_count = 0;
+                record.word = word;
+                records.push_back(record);
+                PendingSearch p = search;
+                for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
+                pending.push_back(p);
+            } catch (const std::bad_alloc&) {
+                if (records.size() > static_cast<std::size_t>(index)) records.pop_back();
                 m_last_error = "[MarchingCubes] tmp_cell_device_pool->allocDataIndex failed";
                 return false;
             }
-            CellNode_Device& record = pool.node(index);
-            record = emptyCellNodeDevice();
-            record.cell = leaf;
-            for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
-            record.half_size = leaf->half_size;
-            record.point_count = 0;
-            record.word = word;
-            pool.relations(index).clear();
-            PendingSearch p = search;
-            p.record = index;
-            for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
-            pending.push_back(p);
             leaf->data_id = index;
             leaf->data_state = 1;
         }
@@ -117,7 +129,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 for (int dy = -1; dy <= 1 && ok; ++dy)
                     for (int dz = -1; dz <= 1 && ok; ++dz) {
                         const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
-                        ok = visitCell(pos, r * 0.5f, word, PendingSearch{-1, SearchKind::Normal, {}, r, 0});
+                        ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
                     }
         } else if (scale < 8) {
             const std::int32_t m = 8 / scale;
@@ -130,7 +142,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                         const float pos[3] = {static_cast<float>(base[0] + dx) * e + e * 0.5f,
                                               static_cast<float>(base[1] + dy) * e + e * 0.5f,
                                               static_cast<float>(base[2] + dz) * e + e * 0.5f};
-                        ok = visitCell(pos, e * 0.5f, word, PendingSearch{-1, SearchKind::Coarse, {}, e * 0.5f, m});
+                        ok = visitCell(pos, e * 0.5f, word, PendingSearch{SearchKind::Coarse, {}, e * 0.5f, m});
                     }
         } else if (scale == 16 || scale == 32 || scale == 64) {
             const int per_axis = scale / 8;
@@ -161,27 +173,24 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                             }
                             const float pos[3] = {sub_center[0] + dx * e, sub_center[1] + dy * e,
                                                   sub_center[2] + dz * e};
-                            ok = visitCell(pos, e * 0.5f, word, PendingSearch{-1, SearchKind::Fine, {}, e, 0});
+                            ok = visitCell(pos, e * 0.5f, word, PendingSearch{SearchKind::Fine, {}, e, 0});
                         }
             }
         }
     }
 
-    // The searches: each record's list around its position, at the size of the bin that made it.
+    // The search of a record, around its position at the size of the bin that made it: `take` sees every
+    // bin found, in search order. Returns the points found and whether the search was widened.
     const float wide_search_edge = m_device_params->wide_search_edge;
-    const std::int64_t searches = static_cast<std::int64_t>(pending.size());
-    std::int64_t total_relations_size = 0;
-#pragma omp parallel for schedule(dynamic, 64) reduction(+ : total_relations_size)
-    for (std::int64_t s = 0; s < searches; ++s) {
-        const PendingSearch& p = pending[static_cast<std::size_t>(s)];
-        std::vector<RelationCell2Bins_Device>& list = pool.relations(p.record);
-        CellNode_Device& record = pool.node(p.record);
-        const auto take = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
+    const auto search = [&](const PendingSearch& p, auto&& take) {
+        std::int32_t points = 0;
+        bool widened = false;
+        const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
             const std::int32_t id = findBin(x, y, z);
             if (id < 0) return;
             const BinsHeader& bin = bins_header[static_cast<std::size_t>(id)];
-            record.point_count += bin.point_count;
-            list.push_back({bin.point_offset, bin.point_count});
+            points += bin.point_count;
+            take(bin);
         };
         // The bin keys that the search spans, for the wider search of a sparse cell.
         std::int32_t lo[3], hi[3];
@@ -191,7 +200,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             gridKey(p.pos, r, key);
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
-                    for (int k = -reach; k <= reach; ++k) take(key[0] + i, key[1] + j, key[2] + k);
+                    for (int k = -reach; k <= reach; ++k) visit(key[0] + i, key[1] + j, key[2] + k);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = key[k] - reach;
                 hi[k] = key[k] + reach;
@@ -204,9 +213,9 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (int i = 0; i < steps; ++i)
                 for (int j = 0; j < steps; ++j)
                     for (int k = 0; k < steps; ++k)
-                        take(gridIndex(r * static_cast<float>(i) + start[0] + r * 0.5f, r),
-                             gridIndex(r * static_cast<float>(j) + start[1] + r * 0.5f, r),
-                             gridIndex(r * static_cast<float>(k) + start[2] + r * 0.5f, r));
+                        visit(gridIndex(r * static_cast<float>(i) + start[0] + r * 0.5f, r),
+                              gridIndex(r * static_cast<float>(j) + start[1] + r * 0.5f, r),
+                              gridIndex(r * static_cast<float>(k) + start[2] + r * 0.5f, r));
             for (int k = 0; k < 3; ++k) {
                 lo[k] = gridIndex(r * 0.0f + start[k] + r * 0.5f, r);
                 hi[k] = gridIndex(r * static_cast<float>(steps - 1) + start[k] + r * 0.5f, r);
@@ -232,69 +241,111 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                             if (seen[slot]) continue;
                             seen[slot] = true;
                         }
-                        take(key[0], key[1], key[2]);
+                        visit(key[0], key[1], key[2]);
                     }
         }
         // A sparse cell, most often one at the outer layer of the band of cells around the surface, takes
         // one more ring of bins: with its few points alone it would be rejected or fit poorly, and every
         // dual cube it is a corner of would stay open.
-        if (record.point_count < SPARSE_CELL_POINTS) {
-            record.rules |= CELL_WIDENED_SEARCH;
+        if (points < SPARSE_CELL_POINTS) {
+            widened = true;
             for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
                 for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y)
                     for (std::int32_t z = lo[2] - 1; z <= hi[2] + 1; ++z) {
                         const bool searched =
                             x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && z >= lo[2] && z <= hi[2];
-                        if (!searched) take(x, y, z);
+                        if (!searched) visit(x, y, z);
                     }
         }
-        total_relations_size += static_cast<std::int64_t>(list.size());
+        return std::make_pair(points, widened);
+    };
+
+    // Each record's own search, once, into the list of the thread that runs it.
+    const std::int64_t n = static_cast<std::int64_t>(records.size());
+    std::vector<std::int32_t> found(static_cast<std::size_t>(n), 0);
+    std::vector<std::int64_t> found_at(static_cast<std::size_t>(n), 0);
+    std::vector<std::uint16_t> found_by(static_cast<std::size_t>(n), 0);
+    std::vector<std::vector<RelationCell2Bins_Device>> lists(static_cast<std::size_t>(omp_get_max_threads()));
+#pragma omp parallel
+    {
+        const int thread = omp_get_thread_num();
+        std::vector<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
+#pragma omp for schedule(dynamic, 64)
+        for (std::int64_t i = 0; i < n; ++i) {
+            const std::size_t start = list.size();
+            const auto result = search(pending[static_cast<std::size_t>(i)], [&list](const BinsHeader& bin) {
+                list.push_back({bin.point_offset, bin.point_count});
+            });
+            CellNode_Device& record = records[static_cast<std::size_t>(i)];
+            record.point_count += result.first;
+            if (result.second) record.rules |= CELL_WIDENED_SEARCH;
+            found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
+            found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
+            found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+        }
     }
 
-    // Absorptions, in the order they happened.
+    // Absorptions, in the order they happened: a record's relations are the searches of the records
+    // it holds, its own first unless it moved on.
+    std::unordered_map<std::int32_t, std::vector<std::int32_t>> moved_lists;
+    const auto searchesOf = [&](std::int32_t i) {
+        const auto it = moved_lists.find(i);
+        return it != moved_lists.end() ? it->second : std::vector<std::int32_t>{i};
+    };
     for (const Absorption& move : absorptions) {
-        CellNode_Device& into = pool.node(move.into);
-        CellNode_Device& from = pool.node(move.from);
+        CellNode_Device& into = records[static_cast<std::size_t>(move.into)];
+        CellNode_Device& from = records[static_cast<std::size_t>(move.from)];
         into.point_count += from.point_count;
         into.word |= from.word & 0xFFFFFF00u;
-        std::vector<RelationCell2Bins_Device>& target = pool.relations(move.into);
-        std::vector<RelationCell2Bins_Device>& source = pool.relations(move.from);
+        std::vector<std::int32_t> target = searchesOf(move.into);
+        const std::vector<std::int32_t> source = searchesOf(move.from);
         target.insert(target.end(), source.begin(), source.end());
-        source.clear();
+        moved_lists[move.into] = std::move(target);
+        moved_lists[move.from].clear();
         from.point_count = 0;
     }
 
-    // Flattening: records in pool order, each cell's relations together, in record order.
-    auto flat = std::make_shared<CellNodeAndRelations>();
-    const std::int32_t records = pool.size();
-    flat->cell_node_size = records;
-    flat->cell_nodes.resize(static_cast<std::size_t>(records));
-    flat->relation_size = static_cast<std::int32_t>(total_relations_size);
-    flat->relations.resize(static_cast<std::size_t>(total_relations_size));
-    std::vector<std::int64_t> offsets(static_cast<std::size_t>(records) + 1, 0);
-    for (std::int32_t i = 0; i < records; ++i) {
-        const std::size_t k = pool.relations(i).size();
-        const bool kept = pool.node(i).point_count >= 1 && k >= 1;
-        offsets[static_cast<std::size_t>(i) + 1] =
-            offsets[static_cast<std::size_t>(i)] + (kept ? static_cast<std::int64_t>(k) : 0);
+    // Flattening: each cell's relations together, in record order.
+    std::vector<std::int64_t> offsets(static_cast<std::size_t>(n) + 1, 0);
+    for (std::int64_t i = 0; i < n; ++i) {
+        std::int64_t k = 0;
+        const auto it = moved_lists.find(static_cast<std::int32_t>(i));
+        if (it == moved_lists.end()) {
+            k = found[static_cast<std::size_t>(i)];
+        } else {
+            for (std::int32_t s : it->second) k += found[static_cast<std::size_t>(s)];
+        }
+        const bool kept = records[static_cast<std::size_t>(i)].point_count >= 1 && k >= 1;
+        offsets[static_cast<std::size_t>(i) + 1] = offsets[static_cast<std::size_t>(i)] + (kept ? k : 0);
     }
-    if (offsets.back() != total_relations_size) {
-        std::printf("[error]: relation_offset.load() != total_relations_size\n");
+    const std::int64_t total = offsets.back();
+    if (total > INT32_MAX) {
         m_last_error = "[MarchingCubes] reOrganizeCellRelations failed!";
         return 1;
     }
-#pragma omp parallel for schedule(static)
-    for (std::int32_t i = 0; i < records; ++i) {
-        CellNode_Device& record = flat->cell_nodes[static_cast<std::size_t>(i)];
-        record = pool.node(i);
-        std::vector<RelationCell2Bins_Device>& list = pool.relations(i);
+    flat->cell_node_size = static_cast<std::int32_t>(n);
+    flat->relation_size = static_cast<std::int32_t>(total);
+    flat->relations.resize(static_cast<std::size_t>(total));
+#pragma omp parallel for schedule(dynamic, 64)
+    for (std::int64_t i = 0; i < n; ++i) {
         const std::int64_t o = offsets[static_cast<std::size_t>(i)];
-        if (record.point_count >= 1 && !list.empty()) {
-            std::copy(list.begin(), list.end(), flat->relations.begin() + o);
-            record.relation_offset = static_cast<std::int32_t>(o);
-            record.relation_count = static_cast<std::int32_t>(list.size());
+        const std::int64_t k = offsets[static_cast<std::size_t>(i) + 1] - o;
+        if (k == 0) continue;
+        CellNode_Device& record = records[static_cast<std::size_t>(i)];
+        RelationCell2Bins_Device* out = flat->relations.data() + o;
+        const auto copyFound = [&](std::int32_t s) {
+            const std::vector<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
+            const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
+            out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
+        };
+        const auto it = moved_lists.find(static_cast<std::int32_t>(i));
+        if (it == moved_lists.end()) {
+            copyFound(static_cast<std::int32_t>(i));
+        } else {
+            for (std::int32_t s : it->second) copyFound(s);
         }
-        list.clear();  // the record is recycled by the next block
+        record.relation_offset = static_cast<std::int32_t>(o);
+        record.relation_count = static_cast<std::int32_t>(k);
     }
     cell_node_and_relations = std::move(flat);
     return 0;

@@ -35,4 +35,12 @@ TESSA_HD inline void mortonDecode(std::uint32_t code, std::uint32_t& x, std::uin
     z = mortonCompact(code >> 2);
 }
 
+// The number of set bits, without depending on a population-count instruction.
+TESSA_HD inline int bitCount64(std::uint64_t v) {
+    v = v - ((v >> 1) & 0x5555555555555555ull);
+    v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
+    v = (v + (v >> 4)) & 0x0f0f0f0f0f0f0f0full;
+    return static_cast<int>((v * 0x0101010101010101ull) >> 56);
+}
+
 }  // namespace SurfaceReconstruction

@@ -175,7 +175,7 @@ private:
     bool m_model_set = false;
     int m_batches_on_worker = 0;
     int m_block_computations = 0;
-    int m_partition_reruns = 0;
+    int m_partition_growths = 0;  // batches that needed a larger output buffer
 };
 
 }  // namespace SurfaceReconstruction

@@ -1,10 +1,12 @@
 // Device part of the Portioner: the buffers of both passes, the block computation of the first pass and
 // the partition of a batch. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
 #include <thrust/execution_policy.h>
+#include <thrust/scan.h>
 #include <thrust/sort.h>
 #include <thrust/system_error.h>
 #include <thrust/unique.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <new>
@@ -12,6 +14,7 @@
 
 #include "ErrorLadder.h"
 #include "PointRuns.h"
+#include "PointSort.h"
 #include "Portioner.h"
 
 namespace SurfaceReconstruction {
@@ -33,9 +36,10 @@ struct ComputeRawSurfaceBlockHashKernel {
     }
 };
 
-// Tags each point of the batch with its own block and with each neighbour whose margin holds it. Writes
-// stop at the capacity of `raw_points`; the count goes on, so the caller sees how much was needed.
-struct ProcessScanFrameListKernel {
+// The records of one point of a batch: one for its own block and one for each neighbour whose margin
+// holds it, in that order. Counted first, then written where the counts put them, so that a batch's
+// records come out in point order whatever the threads do.
+struct PartitionPoint {
     const float* xyz;
     const float* nor;
     const std::int32_t* w;
@@ -44,54 +48,29 @@ struct ProcessScanFrameListKernel {
     std::int64_t n;
     float block_res;
     float half_ext;
-    SimpleLineHashEntry* hash_entries;
+    const SimpleLineHashEntry* hash_entries;
     std::uint64_t hash_mask;
-    RawPointWithHash* raw_points;
-    int* raw_points_size;
-    std::int64_t raw_points_capacity;
 
-    TESSA_HD void tag(std::int32_t e, const RawPointWithHash& point) const {
-        deviceAtomicAdd(&hash_entries[e].count, 1);
-        deviceAtomicOr(&hash_entries[e].flags, point.w);
-        const int slot = deviceAtomicAdd(raw_points_size, 1);
-        if (slot >= raw_points_capacity) return;
-        raw_points[slot] = point;
-        raw_points[slot].hash = e;
-    }
-
-    TESSA_HD void operator()(std::size_t i) const {
-        if (static_cast<std::int64_t>(i) >= n) return;
+    // Calls record(entry) for each record of point i; false for a point that makes none. `report` prints
+    // a point whose own block is missing from the table (which the first pass rules out).
+    template <class Record>
+    TESSA_HD bool forEachRecord(std::size_t i, Record&& record, bool report = false) const {
         const float x = xyz[3 * i], y = xyz[3 * i + 1], z = xyz[3 * i + 2];
         if (fabsf(x) < PORTIONER_ORIGIN_SKIP && fabsf(y) < PORTIONER_ORIGIN_SKIP && fabsf(z) < PORTIONER_ORIGIN_SKIP) {
-            return;  // an empty part of a frame slot, or a point that near the origin
+            return false;  // an empty part of a frame slot, or a point that near the origin
         }
-        const std::uint64_t frame = static_cast<std::uint64_t>(i) / device_params->MAX_FRAME_POINTS;
-        RawPointWithHash point;
-        point.x = x;
-        point.y = y;
-        point.z = z;
-        point.nx = nor[3 * i];
-        point.ny = nor[3 * i + 1];
-        point.nz = nor[3 * i + 2];
-        point.w = w[i];
-        point.hash = -1;
-        point.laser = static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF);
-        point.padding = 0;
-        point.reserved_a = 0;
-        point.reserved_b = 0;
-
         const std::uint32_t mask = static_cast<std::uint32_t>(hash_mask);
         const std::int32_t bx = gridIndex(x, block_res), by = gridIndex(y, block_res), bz = gridIndex(z, block_res);
         const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
         if (own < 0) {
-            printf(
-                "processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
-                "block_res(%f) hash_mask(%d)\n",
-                x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
-            return;
+            if (report)
+                printf(
+                    "processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
+                    "block_res(%f) hash_mask(%d)\n",
+                    x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
+            return false;
         }
-        tag(own, point);
-
+        record(own);
         const float half_block = block_res * 0.5f;
         for (int dx = -1; dx <= 1; ++dx) {
             for (int dy = -1; dy <= 1; ++dy) {
@@ -104,10 +83,60 @@ struct ProcessScanFrameListKernel {
                     const float cy = fmaf(static_cast<float>(ny), block_res, half_block);
                     const float cz = fmaf(static_cast<float>(nz), block_res, half_block);
                     if (fabsf(x - cx) > half_ext || fabsf(y - cy) > half_ext || fabsf(z - cz) > half_ext) continue;
-                    tag(e, point);
+                    record(e);
                 }
             }
         }
+        return true;
+    }
+};
+
+// The number of records of each point.
+struct CountPartitionRecordsKernel {
+    PartitionPoint partition;
+    std::int64_t* counts;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= partition.n) return;
+        std::int64_t count = 0;
+        partition.forEachRecord(
+            i, [&count](std::int32_t) { ++count; }, true);
+        counts[i] = count;
+    }
+};
+
+// The records of each point from its offset on, each tagged with its block's table entry; the entry
+// counts them and gathers the OR of their words.
+struct ProcessScanFrameListKernel {
+    PartitionPoint partition;
+    const std::int64_t* offsets;
+    SimpleLineHashEntry* hash_entries;
+    RawPointWithHash* raw_points;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= partition.n) return;
+        const std::uint64_t frame = static_cast<std::uint64_t>(i) / partition.device_params->MAX_FRAME_POINTS;
+        RawPointWithHash point;
+        point.x = partition.xyz[3 * i];
+        point.y = partition.xyz[3 * i + 1];
+        point.z = partition.xyz[3 * i + 2];
+        point.nx = partition.nor[3 * i];
+        point.ny = partition.nor[3 * i + 1];
+        point.nz = partition.nor[3 * i + 2];
+        point.w = partition.w[i];
+        point.hash = -1;
+        point.laser = static_cast<std::uint8_t>(partition.frame_info[frame].laser_id & 0xFF);
+        point.padding = 0;
+        point.reserved_a = 0;
+        point.reserved_b = 0;
+        std::int64_t slot = offsets[i];
+        partition.forEachRecord(i, [&](std::int32_t e) {
+            deviceAtomicAdd(&hash_entries[e].count, 1);
+            deviceAtomicOr(&hash_entries[e].flags, point.w);
+            raw_points[slot] = point;
+            raw_points[slot].hash = e;
+            ++slot;
+        });
     }
 };
 
@@ -129,16 +158,6 @@ struct DetectBlockChangesKernel {
         changes[slot].points_num = entry.count;
         changes[slot].offset = static_cast<std::int32_t>(i);
         entry.count = 0;
-    }
-};
-
-// Sets every entry's count back to 0 before a batch is run again.
-struct ResetEntryCountsKernel {
-    SimpleLineHashEntry* hash_entries;
-    std::int64_t n;
-
-    TESSA_HD void operator()(std::size_t i) const {
-        if (static_cast<std::int64_t>(i) < n) hash_entries[i].count = 0;
     }
 };
 
@@ -223,21 +242,25 @@ int Portioner::initPartition_Device() {
             const std::size_t batch_points = static_cast<std::size_t>(m_batch_slots) * m_slot_points;
             TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)),
                                "cudaMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry))");
-            TESSA_DEVICE_CHECK(
-                deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)),
-                "cudaMalloc(&m_computing_frames_dev.xyz, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
-                "sizeof(float))");
-            TESSA_DEVICE_CHECK(
-                deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)),
-                "cudaMalloc(&m_computing_frames_dev.nor, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
-                "sizeof(float))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)),
-                               "cudaMalloc(&m_computing_frames_dev.w, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * "
-                               "sizeof(int))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.frame_info,
-                                            static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)),
-                               "cudaMalloc(&m_computing_frames_dev.frame_info , PORTIONER_MAX_FRAME_SIZE * "
-                               "sizeof(SurfaceReconstruction::FrameInfo))");
+            // Where device memory is host memory the kernels read the host batch itself.
+            if (!deviceMemoryIsHostMemory()) {
+                TESSA_DEVICE_CHECK(
+                    deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)),
+                    "cudaMalloc(&m_computing_frames_dev.xyz, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
+                    "sizeof(float))");
+                TESSA_DEVICE_CHECK(
+                    deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)),
+                    "cudaMalloc(&m_computing_frames_dev.nor, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
+                    "sizeof(float))");
+                TESSA_DEVICE_CHECK(
+                    deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)),
+                    "cudaMalloc(&m_computing_frames_dev.w, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * "
+                    "sizeof(int))");
+                TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.frame_info,
+                                                static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)),
+                                   "cudaMalloc(&m_computing_frames_dev.frame_info , PORTIONER_MAX_FRAME_SIZE * "
+                                   "sizeof(SurfaceReconstruction::FrameInfo))");
+            }
             // Four records a slot point cover a batch unless most points sit in margins; a batch that needs
             // more grows the buffer and runs again.
             std::uint64_t raw_points = m_raw_points_capacity_request != 0
@@ -385,55 +408,67 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             const std::int64_t max_point_size = static_cast<std::int64_t>(m_slot_points) * m_computing_frame_size;
             const std::size_t points = static_cast<std::size_t>(max_point_size);
             const HostFrameBatch& batch = *m_computing_frames;
-            TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.xyz, batch.xyz.data(), points * sizeof(float) * 3,
-                                            CopyKind::HostToDevice),
-                               "cudaMemcpy(m_computing_frames_dev.xyz, m_computing_frames->xyz , max_point_size * "
-                               "sizeof(float) * 3, cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.nor, batch.nor.data(), points * sizeof(float) * 3,
-                                            CopyKind::HostToDevice),
-                               "cudaMemcpy(m_computing_frames_dev.nor, m_computing_frames->nor , max_point_size * "
-                               "sizeof(float) * 3, cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int), CopyKind::HostToDevice),
-                "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
-                "cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
-                             static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
-                             CopyKind::HostToDevice),
-                "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
-                "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
+            RawPointCloudBuff frames_dev{const_cast<float*>(batch.xyz.data()), const_cast<float*>(batch.nor.data()),
+                                         const_cast<std::int32_t*>(batch.w.data()),
+                                         const_cast<FrameInfo*>(batch.frame_info.data())};
+            if (!deviceMemoryIsHostMemory()) {
+                TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.xyz, batch.xyz.data(),
+                                                points * sizeof(float) * 3, CopyKind::HostToDevice),
+                                   "cudaMemcpy(m_computing_frames_dev.xyz, m_computing_frames->xyz , max_point_size * "
+                                   "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+                TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.nor, batch.nor.data(),
+                                                points * sizeof(float) * 3, CopyKind::HostToDevice),
+                                   "cudaMemcpy(m_computing_frames_dev.nor, m_computing_frames->nor , max_point_size * "
+                                   "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+                TESSA_DEVICE_CHECK(
+                    deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int),
+                                 CopyKind::HostToDevice),
+                    "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
+                    "cudaMemcpyHostToDevice)");
+                TESSA_DEVICE_CHECK(
+                    deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
+                                 static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
+                                 CopyKind::HostToDevice),
+                    "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
+                    "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
+                frames_dev = m_computing_frames_dev;
+            }
 
             const float half_ext = block_res * 0.5f + ext_res;
-            int raw_points_hash_size = 0;
-            for (int attempt = 0;; ++attempt) {
-                TESSA_DEVICE_CHECK(deviceMemset(m_raw_points_hash_size_dev, 0, sizeof(int)),
-                                   "cudaMemset(m_raw_points_hash_size_dev, 0, sizeof(int))");
-                TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
-                                   "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
-                launchKernel(points,
-                             ProcessScanFrameListKernel{
-                                 m_computing_frames_dev.xyz, m_computing_frames_dev.nor, m_computing_frames_dev.w,
-                                 m_computing_frames_dev.frame_info, m_device_params_dev, max_point_size, block_res,
-                                 half_ext, m_simple_line_hash_dev, m_hash_mask, m_raw_points_hash_dev,
-                                 m_raw_points_hash_size_dev, static_cast<std::int64_t>(m_raw_points_capacity)});
-                TESSA_DEVICE_CHECK(deviceMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev, sizeof(int),
-                                                CopyKind::DeviceToHost),
-                                   "cudaMemcpy(&raw_points_hash_size, m_raw_points_hash_size_dev , sizeof(int), "
-                                   "cudaMemcpyDeviceToHost)");
-                if (static_cast<std::uint64_t>(raw_points_hash_size) <= m_raw_points_capacity) break;
-                if (attempt > 0) throw std::runtime_error("partition output outgrew its buffer twice");
-                // The batch wrote only what fitted: make room for all of it and run it again from clean counts.
-                growPartitionOutput_Device(static_cast<std::uint64_t>(raw_points_hash_size), 0);
-                ++m_partition_reruns;
-                launchKernel(m_hash_entry_size, ResetEntryCountsKernel{m_simple_line_hash_dev,
-                                                                       static_cast<std::int64_t>(m_hash_entry_size)});
+            const PartitionPoint partition{frames_dev.xyz,         frames_dev.nor, frames_dev.w, frames_dev.frame_info,
+                                           m_device_params_dev,    max_point_size, block_res,    half_ext,
+                                           m_simple_line_hash_dev, m_hash_mask};
+            // Count the records first: the output buffer is made big enough before anything is written.
+            ScopedDeviceBuffer<std::int64_t> offsets_dev;
+            TESSA_DEVICE_CHECK(deviceMalloc(&offsets_dev.ptr(), (points + 1) * sizeof(std::int64_t)),
+                               "cudaMalloc(&offsets_dev, (max_point_size + 1) * sizeof(std::int64_t))");
+            TESSA_DEVICE_CHECK(deviceMemset(offsets_dev.ptr() + points, 0, sizeof(std::int64_t)),
+                               "cudaMemset(offsets_dev + max_point_size, 0, sizeof(std::int64_t))");
+            launchKernel(points, CountPartitionRecordsKernel{partition, offsets_dev.ptr()});
+            thrust::exclusive_scan(thrust::device, offsets_dev.ptr(), offsets_dev.ptr() + points + 1,
+                                   offsets_dev.ptr());
+            std::int64_t records = 0;
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(&records, offsets_dev.ptr() + points, sizeof(std::int64_t), CopyKind::DeviceToHost),
+                "cudaMemcpy(&records, offsets_dev + max_point_size, sizeof(std::int64_t), "
+                "cudaMemcpyDeviceToHost)");
+            if (records > INT32_MAX) throw std::runtime_error("a batch of more records than an int holds");
+            if (static_cast<std::uint64_t>(records) > m_raw_points_capacity) {
+                growPartitionOutput_Device(static_cast<std::uint64_t>(records), 0);
+                ++m_partition_growths;
             }
-
-            if (raw_points_hash_size > 0) {
-                thrust::sort(thrust::device, m_raw_points_hash_dev, m_raw_points_hash_dev + raw_points_hash_size,
-                             RawPointWithHash_CMP_LESS());
-            }
+            const int raw_points_hash_size = static_cast<int>(records);
+            launchKernel(points, ProcessScanFrameListKernel{partition, offsets_dev.ptr(), m_simple_line_hash_dev,
+                                                            m_raw_points_hash_dev});
+            offsets_dev.release("cudaFree(offsets_dev)");
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_raw_points_hash_size_dev, &raw_points_hash_size, sizeof(int), CopyKind::HostToDevice),
+                "cudaMemcpy(m_raw_points_hash_size_dev, &raw_points_hash_size, sizeof(int), "
+                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
+                               "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+            // Grouped by block, each block's records in point order.
+            sortPointsByHashStable(m_raw_points_hash_dev, raw_points_hash_size);
 
             launchKernel(static_cast<std::size_t>(raw_points_hash_size),
                          CountHashRunsKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});

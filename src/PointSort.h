@@ -1,0 +1,23 @@
+// The sorts of scan points in device memory: the full order of a block's points (by `hash`, then every
+// other field, so that the order does not depend on how threads wrote them), and the stable grouping of
+// a batch's records by block. The CUDA backend sorts with Thrust; the host backend with a parallel radix
+// sort on the 32-bit `hash`, the ties of the full order settled within each run of equal hash.
+#pragma once
+
+#include <cstdint>
+
+#include "PointRecords.h"
+
+namespace SurfaceReconstruction {
+
+// Sorts `points` (device memory) by RawPointWithHash_CMP_LESS.
+void sortPointsFully(RawPointWithHash* points, std::int64_t n);
+
+// Sorts `points` (device memory) by `hash` as unsigned, keeping the order of equal hashes.
+void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n);
+
+// The same two sorts on host memory, with either backend.
+void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n);
+void sortPointsByHashStableOnHost(RawPointWithHash* points, std::int64_t n);
+
+}  // namespace SurfaceReconstruction
