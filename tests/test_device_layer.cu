@@ -34,7 +34,7 @@ TEST(DeviceLayer, FailedCallThrowsDeviceErrorWithFixedText) {
     ::testing::internal::CaptureStderr();
     try {
         TESSA_DEVICE_CHECK(deviceMalloc(&p, 64), "cudaMalloc(&p, 64)");
-        FAIL() << "no exception";
+        ADD_FAILURE() << "no exception";
     } catch (const DeviceError& e) {
         EXPECT_STREQ(e.what(), "Device Error");
     }

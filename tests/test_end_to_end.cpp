@@ -1,28 +1,19 @@
-// Whole runs on real scans: the range scan reader, the engine's block count against a brute-force
-// count, and the Portioner's blocks on real data, repeatable.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <set>
+// Whole runs on the real scans: the range scan reader, the engine's block count against a brute-force
+// count, repeatable, and the mesh against the published reference surface.
 #include <sstream>
 #include <tuple>
 
-#include "BunnyData.h"
 #include "GridHash.h"
 #include "HashOctree.h"
-#include "MarchingCubes.h"
 #include "MeshIO.h"
-#include "Portioner.h"
-#include "PortionerSetup.h"
 #include "Reconstructor.h"
 #include "SurfaceCompare.h"
 #include "Tessaline_OPT.h"
 #include "TestAccess.h"
+#include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
-using testing_support::bunnyConfPath;
-using testing_support::bunnyFrames;
+using namespace testing_support;
 
 TEST(RangeScans, BunnySetReadsWithPosesAndGridNormals) {
     TESSALINE_REQUIRE_BUNNY();
@@ -44,8 +35,7 @@ TEST(RangeScans, BunnySetReadsWithPosesAndGridNormals) {
         }
     }
     EXPECT_EQ(points, 362272u);
-    // The bunny is about 155 x 155 x 120 mm.
-    for (int k = 0; k < 3; ++k) {
+    for (int k = 0; k < 3; ++k) {  // the bunny is about 155 x 155 x 120 mm
         EXPECT_GT(hi[k] - lo[k], 100.0f) << "axis " << k;
         EXPECT_LT(hi[k] - lo[k], 200.0f) << "axis " << k;
     }
@@ -78,10 +68,7 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
         };
         ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
         auto mesh = std::make_shared<MultiMeshData>();
-        ::testing::internal::CaptureStdout();
-        const int status = engine.process(mesh);
-        const std::string out = ::testing::internal::GetCapturedStdout();
-        ASSERT_EQ(status, 0) << engine.getLastErrorMsg();
+        const std::string out = quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
         EXPECT_EQ(total_sub_steps, static_cast<int>(positions.size()));
 
         // The stage's count lines of every block, without the timings.
@@ -89,8 +76,8 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
         std::size_t bin_lines = 0, cell_lines = 0;
         std::istringstream lines(out);
         for (std::string line; std::getline(lines, line);) {
-            if (line.rfind("mc-bin_header_size: ", 0) == 0) ++bin_lines;
-            if (line.rfind("cell_node_size: ", 0) == 0) ++cell_lines;
+            bin_lines += line.rfind("mc-bin_header_size: ", 0) == 0 ? 1 : 0;
+            cell_lines += line.rfind("cell_node_size: ", 0) == 0 ? 1 : 0;
             if (line.find("elapsed time") == std::string::npos) counts += line + "\n";
         }
         EXPECT_GT(cell_lines, 0u);
@@ -109,91 +96,19 @@ TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
     EXPECT_EQ(stage_lines[0], stage_lines[1]);
 }
 
-TEST(EndToEnd, BunnyBlocksHoldEveryPointAndItsMarginCopies) {
-    TESSALINE_REQUIRE_BUNNY();
-    const float resolution = 0.1f;
-    const std::uint32_t block_size = 256;  // blocks of 25.6 mm, margins of 1.2 mm
-    const float block_res = block_size * resolution;
-    const float half_ext = block_res * 0.5f + 12 * resolution;
-
-    std::vector<std::vector<RawPointWithHash>> runs[2];
-    for (int repeat = 0; repeat < 2; ++repeat) {
-        const auto frames = bunnyFrames();
-        std::uint32_t largest = 0;
-        for (const auto& f : frames)
-            largest = std::max<std::uint32_t>(largest, static_cast<std::uint32_t>(f->xyz.size()));
-        Portioner portioner;
-        testing_support::configurePortioner(portioner, largest, block_size, resolution);
-        ASSERT_EQ(portioner.init(), 0);
-        for (const auto& f : frames) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
-        ASSERT_EQ(portioner.processWithoutModel(), 0);
-
-        // Count the expected records of every point: its own block and each neighbour whose margin holds
-        // it; a block exists when it holds any record, its own points or only margin copies.
-        std::set<std::tuple<int, int, int>> with_records;
-        std::size_t expected_records = 0;
-        for (const auto& f : frames) {
-            for (const Vec3f& p : f->xyz) {
-                const int b[3] = {gridIndex(p[0], block_res), gridIndex(p[1], block_res), gridIndex(p[2], block_res)};
-                for (int d = 0; d < 27; ++d) {
-                    const int o[3] = {d % 3 - 1, d / 3 % 3 - 1, d / 9 - 1};
-                    bool inside = true;
-                    for (int k = 0; k < 3 && inside; ++k) {
-                        const float c = std::fma(float(b[k] + o[k]), block_res, block_res * 0.5f);
-                        inside = (o[0] == 0 && o[1] == 0 && o[2] == 0) || std::fabs(p[k] - c) <= half_ext;
-                    }
-                    if (!inside) continue;
-                    ++expected_records;
-                    with_records.insert({b[0] + o[0], b[1] + o[1], b[2] + o[2]});
-                }
-            }
-        }
-        ASSERT_EQ(portioner.getPointCloudBlockCount(), static_cast<int>(with_records.size()));
-        std::size_t records = 0;
-        for (int i = 0; i < portioner.getPointCloudBlockCount(); ++i) {
-            std::shared_ptr<PointCloudBlock> block;
-            ASSERT_EQ(portioner.getPointCloudBlock(block, i), 0);
-            for (const RawPointWithHash& p : *block->points) {
-                // Every record lies in its block's box grown by the margin.
-                ASSERT_LE(std::fabs(p.x - block->center[0]), half_ext);
-                ASSERT_LE(std::fabs(p.y - block->center[1]), half_ext);
-                ASSERT_LE(std::fabs(p.z - block->center[2]), half_ext);
-            }
-            records += block->points->size();
-            runs[repeat].push_back(*block->points);
-        }
-        EXPECT_EQ(records, expected_records);
-    }
-    ASSERT_EQ(runs[0].size(), runs[1].size());
-    for (std::size_t i = 0; i < runs[0].size(); ++i) {
-        ASSERT_EQ(runs[0][i].size(), runs[1][i].size());
-        EXPECT_EQ(std::memcmp(runs[0][i].data(), runs[1][i].data(), runs[0][i].size() * sizeof(RawPointWithHash)), 0);
-    }
-}
-
 TEST(EndToEnd, BunnyMeshLiesOnTheReferenceSurface) {
     TESSALINE_REQUIRE_BUNNY();
-    Tessaline_OPT engine;
-    ASSERT_EQ(engine.init(), 0);
-    engine.setResolution(0.5f);  // the default resolution
-    for (const auto& f : bunnyFrames()) ASSERT_EQ(engine.addScanFrame(f), 0);
-    auto mesh = std::make_shared<MultiMeshData>();
-    ::testing::internal::CaptureStdout();
-    const int status = engine.process(mesh);
-    ::testing::internal::GetCapturedStdout();
-    ASSERT_EQ(status, 0) << engine.getLastErrorMsg();
+    const auto mesh = meshOf(bunnyFrames());  // at the default resolution, 0.5
     ASSERT_GT(mesh->xyz.size(), 10000u);
     ASSERT_EQ(mesh->xyz.size(), mesh->w.size());
 
-    const auto reference = tessaline_tools::readPlyMesh(
-        std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/reference/bun_zipper.ply", 1000.0f);
+    const auto reference = tessaline_tools::readPlyMesh(bunnyPath("reference/bun_zipper.ply"), 1000.0f);
     const auto reference_surface = tessaline_tools::meshSurface(reference, 1);
     std::vector<float> to_reference;
     for (const TriangleXYZ& t : mesh->xyz)
         for (int v = 0; v < 3; ++v)
             to_reference.push_back(reference_surface->distance({t.xyz[3 * v], t.xyz[3 * v + 1], t.xyz[3 * v + 2]}));
     std::sort(to_reference.begin(), to_reference.end());
-
     const auto mesh_surface = tessaline_tools::meshSurface(*mesh, 1);
     std::size_t covered = 0;
     for (const auto& v : reference.vertices) covered += mesh_surface->distance(v) <= 1.0f ? 1 : 0;

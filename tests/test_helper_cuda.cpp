@@ -1,51 +1,41 @@
 // Device selection through a scripted runtime: the fastest device, prohibited modes, the core table,
 // the failure texts, and the bounded retry of InitGPUCUDA.
-#include <gtest/gtest.h>
-
 #include <chrono>
 
 #include "FakeDevices.h"
+#include "TestSupport.h"
 #include "helper_cuda.h"
-#include "tessaline/Tessaline.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::FakeDevice;
 using testing_support::FakeDevices;
+using testing_support::quiet;
+using testing_support::quietErr;
 
-TEST(GpuSelection, PicksLargestCoresTimesClockLowestIndexOnTies) {
-    FakeDevice slow{0, 7, 5, 20, 1000000};
-    FakeDevice fast{0, 7, 5, 40, 1000000};
-    {
-        FakeDevices fake({slow, fast, fast});
-        std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 1);
-    }
-    {
-        FakeDevices fake({fast, fast});
-        std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 0);
-    }
-    {
+TEST(GpuSelection, PicksLargestCoresTimesClockOfTheUsableDevicesLowestIndexOnTies) {
+    const FakeDevice slow{0, 7, 5, 20, 1000000}, fast{0, 7, 5, 40, 1000000}, usable{0, 7, 5, 10, 1000000};
+    const FakeDevice prohibited{DEVICE_COMPUTE_MODE_PROHIBITED, 8, 0, 100, 2000000};
+    const struct {
+        const char* name;
+        std::vector<FakeDevice> devices;
+        int id;
+    } rows[] = {
+        {"the fastest", {slow, fast, fast}, 1},
+        {"the lowest index on ties", {fast, fast}, 0},
         // 6.1 has 128 cores a multiprocessor, 7.0 only 64: fewer multiprocessors can still win.
-        FakeDevices fake({FakeDevice{0, 7, 0, 30, 1000000}, FakeDevice{0, 6, 1, 16, 1000000}});
+        {"cores a multiprocessor by capability",
+         {FakeDevice{0, 7, 0, 30, 1000000}, FakeDevice{0, 6, 1, 16, 1000000}},
+         1},
+        {"a prohibited device passed over", {prohibited, usable}, 1},
+        {"all prohibited", {prohibited, prohibited}, -1},
+    };
+    for (const auto& row : rows) {
+        FakeDevices fake(row.devices);
         std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 1);
-    }
-}
-
-TEST(GpuSelection, ProhibitedDevicesArePassedOver) {
-    FakeDevice prohibited_fast{DEVICE_COMPUTE_MODE_PROHIBITED, 8, 0, 100, 2000000};
-    FakeDevice usable{0, 7, 5, 10, 1000000};
-    {
-        FakeDevices fake({prohibited_fast, usable});
-        std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 1);
-    }
-    {
-        FakeDevices fake({prohibited_fast, prohibited_fast});
-        std::string error;
-        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), -1);
-        EXPECT_EQ(error, "gpuGetMaxGflopsDeviceId() CUDA error: all devices have compute mode prohibited.");
+        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), row.id) << row.name;
+        if (row.id < 0) {
+            EXPECT_EQ(error, "gpuGetMaxGflopsDeviceId() CUDA error: all devices have compute mode prohibited.");
+        }
     }
 }
 
@@ -53,12 +43,8 @@ TEST(GpuSelection, FailedQueryIsReportedAndSelectionGoesOn) {
     FakeDevices fake({FakeDevice{}});
     fake.attribute_result = DEVICE_ERROR_INVALID_DEVICE;
     std::string error;
-    ::testing::internal::CaptureStderr();
-    ::testing::internal::CaptureStdout();
     // Every attribute keeps its former value: mode -1, capability 0.0, no multiprocessors.
-    EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 0);
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    ::testing::internal::GetCapturedStdout();
+    const std::string err = quietErr([&] { quiet([&] { EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 0); }); });
     EXPECT_NE(err.find("code=101(cudaErrorInvalidDevice)"), std::string::npos);
     EXPECT_FALSE(gpuDeviceInit(0, error));
     EXPECT_EQ(error, "gpuDeviceInit(): GPU device does not support CUDA.");

@@ -1,15 +1,9 @@
 // The plane fit and the closed-form eigen solver, against hand-made point sets and against Eigen's
 // iterative solver as an independent reference.
-#include <gtest/gtest.h>
-
 #include <Eigen/Dense>
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-#include <random>
-#include <vector>
 
 #include "PlaneFit.h"
+#include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
 
@@ -23,45 +17,32 @@ void fit(const std::vector<std::array<float, 3>>& points, const float reference[
 
 }  // namespace
 
-TEST(PlaneFit, FlatSetGivesTheAxisTheReferenceAsksFor) {
-    std::vector<std::array<float, 3>> points;
+TEST(PlaneFit, DegenerateAndFlatSetsGiveTheAxisTheReferenceAsksFor) {
+    std::vector<std::array<float, 3>> flat;
     for (int i = -3; i <= 3; ++i)
-        for (int j = -2; j <= 2; ++j) points.push_back({0.3f * i + 0.05f * j, 0.2f * j, 0.0f});
-    float normal[3];
-    const float up[3] = {0.1f, 0.2f, 1.0f};
-    fit(points, up, normal);
-    EXPECT_NEAR(normal[0], 0.0f, 1e-6f);
-    EXPECT_NEAR(normal[1], 0.0f, 1e-6f);
-    EXPECT_NEAR(normal[2], 1.0f, 1e-6f);
-    const float down[3] = {0.0f, 0.0f, -2.0f};
-    fit(points, down, normal);
-    EXPECT_NEAR(normal[2], -1.0f, 1e-6f);
-}
-
-TEST(PlaneFit, EqualPointsGiveTheFirstAxisAndAnOrthogonalReferenceKeepsTheSign) {
+        for (int j = -2; j <= 2; ++j) flat.push_back({0.3f * i + 0.05f * j, 0.2f * j, 0.0f});
     const std::vector<std::array<float, 3>> same(5, {1.5f, -2.0f, 0.25f});
-    float normal[3];
-    const float ahead[3] = {0.5f, 0.5f, 0.5f};
-    fit(same, ahead, normal);
-    EXPECT_EQ(normal[0], 1.0f);
-    EXPECT_EQ(normal[1], 0.0f);
-    EXPECT_EQ(normal[2], 0.0f);
-    const float behind[3] = {-0.1f, 0.0f, 0.0f};
-    fit(same, behind, normal);
-    EXPECT_EQ(normal[0], -1.0f);
-    const float orthogonal[3] = {0.0f, 1.0f, 1.0f};
-    fit(same, orthogonal, normal);
-    EXPECT_EQ(normal[0], 1.0f);  // a dot product of exactly zero leaves the solver's sign
-}
-
-TEST(PlaneFit, IsotropicSetGivesTheFirstAxis) {
-    std::vector<std::array<float, 3>> points = {{1, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1}, {0, 0, -1}};
-    float normal[3];
-    const float reference[3] = {1, 0, 0};
-    fit(points, reference, normal);
-    EXPECT_EQ(normal[0], 1.0f);
-    EXPECT_EQ(normal[1], 0.0f);
-    EXPECT_EQ(normal[2], 0.0f);
+    const std::vector<std::array<float, 3>> isotropic = {{1, 0, 0},  {-1, 0, 0}, {0, 1, 0},
+                                                         {0, -1, 0}, {0, 0, 1},  {0, 0, -1}};
+    const struct {
+        const char* name;
+        const std::vector<std::array<float, 3>>& points;
+        std::array<float, 3> reference, normal;
+        float tolerance;
+    } rows[] = {
+        {"a flat set, reference up", flat, {0.1f, 0.2f, 1.0f}, {0, 0, 1}, 1e-6f},
+        {"a flat set, reference down", flat, {0.0f, 0.0f, -2.0f}, {0, 0, -1}, 1e-6f},
+        {"equal points give the first axis", same, {0.5f, 0.5f, 0.5f}, {1, 0, 0}, 0.0f},
+        {"equal points, reference behind", same, {-0.1f, 0.0f, 0.0f}, {-1, 0, 0}, 0.0f},
+        // A dot product of exactly zero leaves the solver's sign.
+        {"equal points, orthogonal reference", same, {0.0f, 1.0f, 1.0f}, {1, 0, 0}, 0.0f},
+        {"an isotropic set gives the first axis", isotropic, {1, 0, 0}, {1, 0, 0}, 0.0f},
+    };
+    for (const auto& row : rows) {
+        float normal[3];
+        fit(row.points, row.reference.data(), normal);
+        for (int k = 0; k < 3; ++k) EXPECT_NEAR(normal[k], row.normal[k], row.tolerance) << row.name << ", axis " << k;
+    }
 }
 
 TEST(PlaneFit, CollinearSetGivesAVectorOrthogonalToTheLine) {

@@ -1,62 +1,39 @@
-// Whole runs on scenes built in code where the scan has points everywhere: sharp edges, sparse points,
-// a flagged zone and block seams must give a mesh without holes, and without surface beyond the points.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <cstdio>
+// Whole runs on scenes built in code: a sphere must become a closed surface on the sphere, the same for
+// any thread count and on repeat; a thin wall two surfaces; sharp edges, sparse points, a flagged zone
+// and block seams must give a mesh without holes and without surface beyond the points.
 #include <map>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "MeshIO.h"
-#include "tessaline/Tessaline.h"
+#include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
+using namespace testing_support;
 
 namespace {
 
-using P3 = std::array<float, 3>;
-
 struct Scene {
+    std::shared_ptr<MultiMeshData> soup;
     tessaline_tools::WeldedMesh mesh;
-    std::vector<P3> boundary;  // midpoints of the edges used by one triangle
-    std::string output;        // the library's diagnostic lines
+    std::vector<Vec3f> boundary;   // midpoints of the edges used by one triangle
+    std::size_t non_manifold = 0;  // edges used by more than two
+    std::string output;            // the library's diagnostic lines
 };
 
-void addPoint(FrameDataWithInfo& frame, const P3& p, const P3& n, std::int32_t w = 8) {
-    frame.xyz.push_back(p);
-    frame.nor.push_back(n);
-    frame.w.push_back(w);
-}
-
-Scene reconstruct(const std::shared_ptr<FrameDataWithInfo>& frame, float resolution = 0.5f) {
-    Tessaline engine;
-    EXPECT_EQ(engine.init(), 0);
-    engine.setResolution(resolution);
-    EXPECT_EQ(engine.addScanFrame_ALL(frame), 0);
-    auto soup = std::make_shared<MultiMeshData>();
-    Scene run;
-    ::testing::internal::CaptureStdout();
-    const int status = engine.process(soup);
-    run.output = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(status, 0) << engine.getLastErrorMsg();
-    run.mesh = tessaline_tools::weldMesh(*soup, resolution * 1e-4f);
+Scene reconstruct(const Frames& frames, float resolution = 0.5f) {
+    const Session run = runSession(frames, resolution);
+    EXPECT_EQ(run.refused, 0);
+    EXPECT_EQ(run.status, 0) << run.error;
+    Scene scene{run.mesh, tessaline_tools::weldMesh(*run.mesh, resolution * 1e-4f), {}, 0, run.output};
     std::map<std::pair<std::uint32_t, std::uint32_t>, int> uses;
-    for (const auto& t : run.mesh.triangles)
-        for (int e = 0; e < 3; ++e) {
-            const std::uint32_t a = t[e], b = t[(e + 1) % 3];
-            uses[{std::min(a, b), std::max(a, b)}] += 1;
-        }
+    for (const auto& t : scene.mesh.triangles)
+        for (int e = 0; e < 3; ++e) uses[std::minmax(t[e], t[(e + 1) % 3])] += 1;
     for (const auto& [edge, count] : uses) {
+        scene.non_manifold += count > 2 ? 1 : 0;
         if (count != 1) continue;
-        const P3& a = run.mesh.vertices[edge.first];
-        const P3& b = run.mesh.vertices[edge.second];
-        run.boundary.push_back({(a[0] + b[0]) * 0.5f, (a[1] + b[1]) * 0.5f, (a[2] + b[2]) * 0.5f});
+        const Vec3f &a = scene.mesh.vertices[edge.first], &b = scene.mesh.vertices[edge.second];
+        scene.boundary.push_back({(a[0] + b[0]) * 0.5f, (a[1] + b[1]) * 0.5f, (a[2] + b[2]) * 0.5f});
     }
-    return run;
+    return scene;
 }
 
 // A jittered square of points on the plane z = height, with normals tilted by up to `tilt`.
@@ -74,15 +51,102 @@ std::shared_ptr<FrameDataWithInfo> squarePatch(float lo, float hi, float height,
     return frame;
 }
 
+std::int32_t flaggedDisc(float x, float y) { return std::hypot(x - 20.0f, y - 20.0f) < 5.0f ? 0x110 : 8; }
+
 // Boundary edges farther than `band` inside the square [lo, hi]^2: holes in the surface.
 std::size_t innerBoundary(const Scene& run, float lo, float hi, float band) {
     std::size_t inner = 0;
-    for (const P3& m : run.boundary)
+    for (const Vec3f& m : run.boundary)
         inner += (m[0] > lo + band && m[0] < hi - band && m[1] > lo + band && m[1] < hi - band) ? 1 : 0;
     return inner;
 }
 
 }  // namespace
+
+TEST(MeshRuns, ASphereBecomesAClosedOutwardSurfaceOnTheSphere) {
+    // Across the corner of four root blocks of 256 mm, so that seams between roots are crossed.
+    const Vec3f centre = {256.0f, 256.0f, 30.0f};
+    const float radius = 12.0f;
+    const Scene run = reconstruct(sphereScan(centre, radius, 0.25f));
+    const MultiMeshData& mesh = *run.soup;
+    ASSERT_GT(mesh.xyz.size(), 1000u);
+    ASSERT_EQ(mesh.xyz.size(), mesh.w.size());
+    std::vector<float> deviation;
+    std::size_t outward = 0;
+    for (const TriangleXYZ& t : mesh.xyz) {
+        float c[3] = {0, 0, 0};
+        for (int v = 0; v < 3; ++v) {
+            float d2 = 0;
+            for (int axis = 0; axis < 3; ++axis) {
+                const float d = t.xyz[3 * v + axis] - centre[axis];
+                d2 += d * d;
+                c[axis] += d / 3.0f;
+            }
+            deviation.push_back(std::fabs(std::sqrt(d2) - radius));
+        }
+        const auto n = triangleNormal(t);
+        outward += (n[0] * c[0] + n[1] * c[1] + n[2] * c[2]) > 0.0f ? 1 : 0;
+    }
+    std::sort(deviation.begin(), deviation.end());
+    const float median = deviation[deviation.size() / 2];
+    std::printf("sphere mesh: %zu triangles, vertex distance to the sphere median %.4f, largest %.4f\n",
+                mesh.xyz.size(), median, deviation.back());
+    // Cells of edge 0.5 on a sphere of radius 12: 0.004 median and 0.0055 largest seen.
+    EXPECT_LT(median, 0.01f);
+    EXPECT_LT(deviation.back(), 0.02f);
+    EXPECT_EQ(outward, mesh.xyz.size());
+    // Closed: with vertices welded, every edge is shared by exactly two triangles.
+    EXPECT_TRUE(run.boundary.empty()) << run.boundary.size() << " edges of one triangle";
+    EXPECT_EQ(run.non_manifold, 0u);
+}
+
+TEST(MeshRuns, SameFramesSameMeshForAnyThreadCount) {
+    const auto frames = sphereScan({40.0f, 20.0f, 30.0f}, 6.0f, 0.3f);
+    const auto one = withThreads(1, [&] { return meshOf(frames); });
+    const auto many = withThreads(manyThreads(), [&] { return meshOf(frames); });
+    ASSERT_GT(one->xyz.size(), 100u);
+    EXPECT_TRUE(sameMesh(*one, *many));
+}
+
+TEST(MeshRuns, ASecondRunAfterDeInitAndInitGivesTheSameMesh) {
+    const auto frames = sphereScan({10.0f, 10.0f, 10.0f}, 5.0f, 0.3f);
+    Tessaline engine;
+    std::shared_ptr<MultiMeshData> meshes[2];
+    for (auto& mesh : meshes) {
+        ASSERT_EQ(engine.init(), 0);
+        engine.setResolution(0.5f);
+        for (const auto& f : frames) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        mesh = std::make_shared<MultiMeshData>();
+        quiet([&] { ASSERT_EQ(engine.process(mesh), 0); });
+        ASSERT_EQ(engine.deInit(), 0);
+    }
+    ASSERT_GT(meshes[0]->xyz.size(), 100u);
+    EXPECT_TRUE(sameMesh(*meshes[0], *meshes[1]));
+}
+
+TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {
+    // A plate 0.3 thick, thinner than a cell, scanned from above (normals +z) and below (normals -z).
+    auto top = std::make_shared<FrameDataWithInfo>(), bottom = std::make_shared<FrameDataWithInfo>();
+    for (float x = 2.0f; x < 18.0f; x += 0.2f)
+        for (float y = 2.0f; y < 18.0f; y += 0.2f) {
+            addPoint(*top, {x, y, 10.15f}, {0.0f, 0.0f, 1.0f});
+            addPoint(*bottom, {x + 0.1f, y + 0.1f, 9.85f}, {0.0f, 0.0f, -1.0f});
+        }
+    const auto mesh = meshOf({top, bottom});
+    std::size_t up = 0, down = 0, interior = 0;
+    for (const TriangleXYZ& t : mesh->xyz) {
+        const float cx = (t.xyz[0] + t.xyz[3] + t.xyz[6]) / 3.0f, cy = (t.xyz[1] + t.xyz[4] + t.xyz[7]) / 3.0f;
+        if (cx < 4.0f || cx > 16.0f || cy < 4.0f || cy > 16.0f) continue;  // away from the plate's rim
+        ++interior;
+        const float nz = triangleNormal(t)[2], z = (t.xyz[2] + t.xyz[5] + t.xyz[8]) / 3.0f;
+        up += nz > 0 && std::fabs(z - 10.15f) < 0.05f ? 1 : 0;
+        down += nz < 0 && std::fabs(z - 9.85f) < 0.05f ? 1 : 0;
+    }
+    ASSERT_GT(interior, 100u);
+    EXPECT_EQ(up + down, interior);  // every triangle belongs to one of the two faces
+    EXPECT_GT(up, interior / 3);
+    EXPECT_GT(down, interior / 3);
+}
 
 TEST(SurfaceCompleteness, TheEdgesOfABoxAreClosedAndStaySharp) {
     // A 20 mm cube scanned on all six faces: twelve 90-degree edges. Each cell near an edge fits one
@@ -94,28 +158,29 @@ TEST(SurfaceCompleteness, TheEdgesOfABoxAreClosedAndStaySharp) {
         for (int side = 0; side < 2; ++side)
             for (int i = 0; i < n; ++i)
                 for (int j = 0; j < n; ++j) {
-                    P3 p, normal = {0.0f, 0.0f, 0.0f};
+                    Vec3f p, normal = {0.0f, 0.0f, 0.0f};
                     p[axis] = side ? hi : lo;
                     normal[axis] = side ? 1.0f : -1.0f;
                     p[(axis + 1) % 3] = lo + (i + 0.5f) * (hi - lo) / n;
                     p[(axis + 2) % 3] = lo + (j + 0.5f) * (hi - lo) / n;
                     addPoint(*frame, p, normal);
                 }
-    const Scene run = reconstruct(frame);
+    const Scene run = reconstruct({frame});
     ASSERT_GT(run.mesh.triangles.size(), 10000u);
 
-    const auto nearBound = [&](float v, float reach) { return std::fabs(v - lo) < reach || std::fabs(v - hi) < reach; };
-    const auto faceCount = [&](const P3& p, float reach) {
-        return int(nearBound(p[0], reach)) + int(nearBound(p[1], reach)) + int(nearBound(p[2], reach));
+    const auto faceCount = [&](const Vec3f& p, float reach) {
+        int count = 0;
+        for (float v : p) count += std::fabs(v - lo) < reach || std::fabs(v - hi) < reach ? 1 : 0;
+        return count;
     };
     // What stays open lies at the corners, where three faces meet.
-    for (const P3& m : run.boundary) EXPECT_EQ(faceCount(m, 1.5f), 3) << m[0] << " " << m[1] << " " << m[2];
+    for (const Vec3f& m : run.boundary) EXPECT_EQ(faceCount(m, 1.5f), 3) << m[0] << " " << m[1] << " " << m[2];
     EXPECT_LE(run.boundary.size(), 24u);
 
     // Along the edges, away from the corners, the mesh keeps to the box: no bulge, no rounding.
     std::size_t along_edges = 0;
     float worst = 0.0f;
-    for (const P3& v : run.mesh.vertices) {
+    for (const Vec3f& v : run.mesh.vertices) {
         if (faceCount(v, 1.0f) != 2 || faceCount(v, 2.0f) == 3) continue;
         float outside = 0.0f, inside = -1e9f;
         for (int k = 0; k < 3; ++k) {
@@ -133,13 +198,12 @@ TEST(SurfaceCompleteness, TheEdgesOfABoxAreClosedAndStaySharp) {
 TEST(SurfaceCompleteness, ASparsePlaneHasNoPinholesAndNoSkirt) {
     // 2.8 points a square millimetre, about 0.7 a bin of 0.5 mm: the cells of the outer layer of the
     // band around the surface find too few points in their own neighbourhood and take one more ring.
-    const auto frame = squarePatch(5.0f, 45.0f, 20.2f, 0.6f, 0.05f, [](float, float) { return 8; });
-    const Scene run = reconstruct(frame);
+    const Scene run = reconstruct({squarePatch(5.0f, 45.0f, 20.2f, 0.6f, 0.05f, [](float, float) { return 8; })});
     ASSERT_GT(run.mesh.triangles.size(), 10000u);
     EXPECT_EQ(innerBoundary(run, 5.0f, 45.0f, 1.0f), 0u);
     // The wider search must not carry the surface past the last points: by at most half a cell.
     float beyond = 0.0f;
-    for (const P3& v : run.mesh.vertices)
+    for (const Vec3f& v : run.mesh.vertices)
         beyond = std::max({beyond, 4.82f - v[0], v[0] - 44.98f, 4.82f - v[1], v[1] - 44.98f});
     EXPECT_LT(beyond, 0.3f);
 }
@@ -147,10 +211,7 @@ TEST(SurfaceCompleteness, ASparsePlaneHasNoPinholesAndNoSkirt) {
 TEST(SurfaceCompleteness, AFlaggedZoneHasNoPinholesAtItsBorder) {
     // A disc of points asking for finer cells and carrying the flag bit 0x100: flagged cells take only
     // flagged points, which at the disc's border leaves some without a side.
-    const auto frame = squarePatch(5.0f, 35.0f, 20.2f, 0.3f, 0.03f, [](float x, float y) {
-        return std::hypot(x - 20.0f, y - 20.0f) < 5.0f ? 0x110 : 8;
-    });
-    const Scene run = reconstruct(frame);
+    const Scene run = reconstruct({squarePatch(5.0f, 35.0f, 20.2f, 0.3f, 0.03f, flaggedDisc)});
     ASSERT_GT(run.mesh.triangles.size(), 5000u);
     EXPECT_EQ(innerBoundary(run, 5.0f, 35.0f, 1.0f), 0u);
 }
@@ -159,24 +220,22 @@ TEST(SurfaceCompleteness, PlatesNearABlockSeamKeepTheirTriangles) {
     // The plane 0 of each axis is a block seam at any block size. A plate within half a cell of it, on
     // either side, is contoured as one far from it, although the block on its other side holds none of
     // its points. One scan holds a plate across each axis, 768 mm apart (a whole number of blocks).
-    const auto plates = [](float offset) {
+    const auto trianglesOfEachPlate = [](float offset) {
         auto frame = std::make_shared<FrameDataWithInfo>();
         for (int axis = 0; axis < 3; ++axis)
             for (int i = 0; i < 120; ++i)
                 for (int j = 0; j < 120; ++j) {
-                    P3 p, normal = {0.0f, 0.0f, 0.0f};
+                    Vec3f p, normal = {0.0f, 0.0f, 0.0f};
                     p[axis] = offset;
                     normal[axis] = 1.0f;
                     p[(axis + 1) % 3] = 10.123f + 0.5f * i + 768.0f * axis;
                     p[(axis + 2) % 3] = 10.217f + 0.5f * j;
                     addPoint(*frame, p, normal);
                 }
-        return frame;
-    };
-    const auto trianglesOfEachPlate = [](const Scene& run, float offset) {
+        const Scene run = reconstruct({frame});
         std::array<std::size_t, 3> count = {0, 0, 0};
         for (const auto& t : run.mesh.triangles) {
-            P3 c = {0.0f, 0.0f, 0.0f};
+            Vec3f c = {0.0f, 0.0f, 0.0f};
             for (int v = 0; v < 3; ++v)
                 for (int k = 0; k < 3; ++k) c[k] += run.mesh.vertices[t[v]][k] / 3.0f;
             for (int axis = 0; axis < 3; ++axis) {
@@ -187,10 +246,10 @@ TEST(SurfaceCompleteness, PlatesNearABlockSeamKeepTheirTriangles) {
         }
         return count;
     };
-    const auto away = trianglesOfEachPlate(reconstruct(plates(40.3f)), 40.3f);
+    const auto away = trianglesOfEachPlate(40.3f);
     for (int axis = 0; axis < 3; ++axis) ASSERT_GT(away[axis], 25000u) << "axis " << axis;
     for (const float offset : {0.0f, 0.1f, -0.1f, -0.24f}) {
-        const auto near = trianglesOfEachPlate(reconstruct(plates(offset)), offset);
+        const auto near = trianglesOfEachPlate(offset);
         for (int axis = 0; axis < 3; ++axis)
             EXPECT_GE(near[axis], away[axis] * 98 / 100) << "axis " << axis << ", plates at " << offset;
     }
@@ -199,12 +258,10 @@ TEST(SurfaceCompleteness, PlatesNearABlockSeamKeepTheirTriangles) {
 TEST(SurfaceCompleteness, TheRunLineCountsTheCellsOfEachRule) {
     // A plane with a flagged disc and a step: the line names how many cells each rule decided, and the
     // counts add up.
-    const auto frame = squarePatch(5.0f, 35.0f, 20.2f, 0.3f, 0.03f, [](float x, float y) {
-        return std::hypot(x - 20.0f, y - 20.0f) < 5.0f ? 0x110 : 8;
-    });
+    const auto frame = squarePatch(5.0f, 35.0f, 20.2f, 0.3f, 0.03f, flaggedDisc);
     for (int i = 0; i < 100; ++i)
         for (int j = 0; j < 5; ++j) addPoint(*frame, {35.0f, 5.0f + 0.3f * i, 20.1f - 0.3f * j}, {1.0f, 0.0f, 0.0f});
-    const Scene run = reconstruct(frame);
+    const Scene run = reconstruct({frame});
     const std::size_t at = run.output.find("[MarchingCubes] cells ");
     ASSERT_NE(at, std::string::npos) << run.output;
     unsigned long long cells = 0, kept = 0, few = 0, relations = 0, common = 0, side = 0, across = 0, off = 0,
