@@ -31,17 +31,10 @@ std::shared_ptr<HashParameters> smallParams(std::uint64_t buckets, std::uint64_t
 TEST(GridHash, GridIndexIsTheFloorExceptAtExactNegativeMultiples) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const int lowest = std::numeric_limits<std::int32_t>::min(), highest = std::numeric_limits<std::int32_t>::max();
-    const std::pair<float, int> table[] = {{-256.0f, -2} /* exactly -1.0 lands one lower */,
-                                           {-128.0f, -1},
-                                           {-64.0f, -1},
-                                           {-1.0e-6f, -1},
-                                           {0.0f, 0},
-                                           {64.0f, 0},
-                                           {256.0f, 1},
-                                           {-512.0f, -3},
-                                           {nan, 0},
-                                           {1.0e30f, highest},
-                                           {-1.0e30f, lowest}};
+    // -256 is exactly -1.0 blocks: it lands one lower.
+    const std::pair<float, int> table[] = {{-256.0f, -2}, {-128.0f, -1},      {-64.0f, -1},      {-1.0e-6f, -1},
+                                           {0.0f, 0},     {64.0f, 0},         {256.0f, 1},       {-512.0f, -3},
+                                           {nan, 0},      {1.0e30f, highest}, {-1.0e30f, lowest}};
     for (const auto& [v, index] : table) EXPECT_EQ(gridIndex(v, 256.0f), index) << v;
 }
 
