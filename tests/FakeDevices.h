@@ -42,23 +42,8 @@ public:
         seam.get_attribute = [this](int* value, DeviceAttribute attribute, int device) -> DeviceResult {
             if (attribute_result != DEVICE_SUCCESS) return attribute_result;
             const FakeDevice& d = devices.at(static_cast<std::size_t>(device));
-            switch (attribute) {
-                case DeviceAttribute::ComputeMode:
-                    *value = d.compute_mode;
-                    break;
-                case DeviceAttribute::ComputeCapabilityMajor:
-                    *value = d.major;
-                    break;
-                case DeviceAttribute::ComputeCapabilityMinor:
-                    *value = d.minor;
-                    break;
-                case DeviceAttribute::MultiProcessorCount:
-                    *value = d.multiprocessors;
-                    break;
-                case DeviceAttribute::ClockRate:
-                    *value = d.clock_khz;
-                    break;
-            }
+            const int values[] = {d.compute_mode, d.major, d.minor, d.multiprocessors, d.clock_khz};  // enum order
+            *value = values[static_cast<int>(attribute)];
             return DEVICE_SUCCESS;
         };
         seam.set_device = [this](int device) -> DeviceResult {

@@ -23,7 +23,6 @@ struct TestAccess {
         return e.m_portioner_params;
     }
     static const std::shared_ptr<Portioner>& portioner(const Tessaline_OPT& e) { return e.m_portioner; }
-    static const std::shared_ptr<MarchingCubes>& marchingCubes(const Tessaline_OPT& e) { return e.m_marching_cubes; }
     static const std::shared_ptr<Reconstructor>& reconstructor(const Tessaline_OPT& e) { return e.m_reconstructor; }
     static const std::shared_ptr<ThreadPool>& threadPool(const Tessaline_OPT& e) { return e.m_thread_pool; }
     static const std::function<void(ProcessStepInfo&)>& stepCallback(const Tessaline_OPT& e) {

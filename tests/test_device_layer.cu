@@ -34,7 +34,7 @@ TEST(DeviceLayer, FailedCallThrowsDeviceErrorWithFixedText) {
     ::testing::internal::CaptureStderr();
     try {
         TESSA_DEVICE_CHECK(deviceMalloc(&p, 64), "cudaMalloc(&p, 64)");
-        FAIL() << "no exception";
+        ADD_FAILURE() << "no exception";
     } catch (const DeviceError& e) {
         EXPECT_STREQ(e.what(), "Device Error");
     }
@@ -67,21 +67,6 @@ TEST(DeviceLayer, GuardedReleaseIsRepeatableAndKeepsPointerOnFailure) {
     const int frees = fake.free_calls;
     EXPECT_NO_THROW(releaseAll());  // nothing left: no further call
     EXPECT_EQ(fake.free_calls, frees);
-}
-
-TEST(DeviceLayer, CopiesAndFillsAreSynchronousRoundTrips) {
-    std::vector<int> host(1000);
-    for (int i = 0; i < 1000; ++i) host[static_cast<std::size_t>(i)] = i * 3 - 7;
-    int* dev = nullptr;
-    TESSA_DEVICE_CHECK(deviceMalloc(&dev, host.size() * sizeof(int)), "cudaMalloc(&dev, n)");
-    TESSA_DEVICE_CHECK(deviceMemcpy(dev, host.data(), host.size() * sizeof(int), CopyKind::HostToDevice), "up");
-    std::vector<int> back(host.size(), 0);
-    TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), dev, back.size() * sizeof(int), CopyKind::DeviceToHost), "down");
-    EXPECT_EQ(back, host);
-    TESSA_DEVICE_CHECK(deviceMemset(dev, 0, host.size() * sizeof(int)), "cudaMemset(dev, 0, n)");
-    TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), dev, back.size() * sizeof(int), CopyKind::DeviceToHost), "down");
-    EXPECT_EQ(back, std::vector<int>(host.size(), 0));
-    TESSA_DEVICE_RELEASE(dev, "cudaFree(dev)");
 }
 
 namespace {

@@ -1,43 +1,30 @@
-// The engine through the exported handle: life cycle, calls out of order, settings, frame intake, step
-// reports and the exits of a run.
-#include <gtest/gtest.h>
-
+// The engine through the exported handle and its internals: life cycle, calls out of order, frame
+// intake, step reports and the exits of a run; the Reconstructor's own refusals.
 #include <chrono>
-#include <memory>
-#include <thread>
-#include <vector>
 
 #include "FakeDevices.h"
+#include "HashOctree.h"
 #include "MarchingCubes.h"
-#include "Portioner.h"
 #include "Reconstructor.h"
 #include "Tessaline_OPT.h"
 #include "TestAccess.h"
+#include "TestSupport.h"
 #include "ThreadPool.h"
-#include "tessaline/Tessaline.h"
 
 using namespace SurfaceReconstruction;
+using testing_support::quiet;
 
 namespace {
 
 std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t points, int laser_id = 0) {
     auto frame = std::make_shared<FrameDataWithInfo>();
-    for (std::size_t i = 0; i < points; ++i) {
-        frame->xyz.push_back({1.0f + static_cast<float>(i), 2.0f, 3.0f});
-        frame->nor.push_back({0.0f, 0.0f, 1.0f});
-        frame->w.push_back(8);
-    }
+    for (std::size_t i = 0; i < points; ++i) testing_support::addPoint(*frame, {1.0f + i, 2.0f, 3.0f});
     frame->frame_info.laser_id = laser_id;
     frame->marker_ids = {4, 5};
     frame->marker_xyz = {{1, 2, 3}, {4, 5, 6}};
     frame->marker_nor = {{0, 0, 1}, {0, 1, 0}};
     return frame;
 }
-
-struct RecordedStep {
-    std::wstring name;
-    int cur_step, total_steps, cur_sub, total_sub;
-};
 
 // An engine with init done and the printed lines of its calls swallowed.
 class EngineTest : public ::testing::Test {
@@ -46,16 +33,15 @@ protected:
     void TearDown() override { engine.deInit(); }
 
     int quietProcess(std::shared_ptr<MultiMeshData>& mesh, std::string* out = nullptr) {
-        ::testing::internal::CaptureStdout();
-        const int status = engine.process(mesh);
-        const std::string text = ::testing::internal::GetCapturedStdout();
+        int status = -1;
+        const std::string text = quiet([&] { status = engine.process(mesh); });
         if (out) *out = text;
         return status;
     }
 
     void recordSteps() {
         callback = [this](ProcessStepInfo& info) {
-            steps.push_back({info.step_name, info.cur_step, info.total_steps, info.cur_sub_step, info.total_sub_steps});
+            steps.push_back(info);
             return -1;  // the result steers nothing
         };
         ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
@@ -63,7 +49,7 @@ protected:
 
     Tessaline_OPT engine;
     std::function<int(ProcessStepInfo&)> callback;
-    std::vector<RecordedStep> steps;
+    std::vector<ProcessStepInfo> steps;
 };
 
 }  // namespace
@@ -117,22 +103,15 @@ TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
     EXPECT_FALSE(engine.isInited());
     EXPECT_EQ(TestAccess::portioner(engine), nullptr);
     EXPECT_EQ(TestAccess::threadPool(engine), nullptr);
+    EXPECT_EQ(TestAccess::reconstructor(engine), nullptr);  // octree and store went with it
 
     ASSERT_EQ(engine.init(), 0);
     EXPECT_FLOAT_EQ(TestAccess::resolution(engine), 0.3f);
-    EXPECT_FLOAT_EQ(TestAccess::portioner(engine)->resolution(), 0.5f);  // new stages start at 0.5
-    EXPECT_FLOAT_EQ(TestAccess::marchingCubes(engine)->resolution(), 0.5f);
-    EXPECT_FLOAT_EQ(TestAccess::reconstructor(engine)->resolution(), 0.5f);
-
     ProcessStepInfo info;
     info.step_name = L"\u751f\u6210\u7f51\u683c";
-    info.total_steps = 3;
-    info.cur_step = 3;
-    info.total_sub_steps = 1;
-    info.cur_sub_step = 1;
-    ::testing::internal::CaptureStdout();
-    TestAccess::stepCallback(engine)(info);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+    info.total_steps = info.cur_step = 3;
+    info.total_sub_steps = info.cur_sub_step = 1;
+    EXPECT_EQ(quiet([&] { TestAccess::stepCallback(engine)(info); }),
               "[info] cur step \xe7\x94\x9f\xe6\x88\x90\xe7\xbd\x91\xe6\xa0\xbc , (3 / 3) , (1 / 1) \n");
     EXPECT_EQ(engine.deInit(), 0);
     EXPECT_EQ(engine.deInit(), 0);  // a second deInit is a no-op
@@ -176,15 +155,10 @@ TEST_F(EngineTest, OptimizedMarkersTakeTheirIndexAsId) {
     ASSERT_EQ(engine.setOptimizedMarkers(markers), 0);
     ASSERT_EQ(engine.getOptimizedMarkerErrors(list), 0);
     ASSERT_EQ(list->size(), 3u);
-    for (int i = 0; i < 3; ++i) {
-        const OptedMarker& m = (*list)[static_cast<std::size_t>(i)];
-        EXPECT_EQ(m.id, i);
-        EXPECT_EQ(m.xyz, markers.xyz[static_cast<std::size_t>(i)]);
-        EXPECT_EQ(m.nor, markers.nor[static_cast<std::size_t>(i)]);
-        EXPECT_EQ(m.count, 0);
-        EXPECT_EQ(m.rms, 0.0f);
-        EXPECT_EQ(m.mean, 0.0f);
-        EXPECT_EQ(m.max, 0.0f);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ((*list)[i].id, static_cast<int>(i));
+        EXPECT_EQ((*list)[i].xyz, markers.xyz[i]);
+        EXPECT_EQ((*list)[i].nor, markers.nor[i]);
     }
 
     // A new list replaces the old one, which stays alive for whoever shares it.
@@ -215,16 +189,13 @@ TEST_F(EngineTest, IntakeRefusesNullAndMismatchedFrames) {
 TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {
     auto a = makeFrame(10), b = makeFrame(20), c = makeFrame(15);
     for (auto& f : {a, b, c}) ASSERT_EQ(engine.addScanFrame(f), 0);
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(TestAccess::filterScanFrameByMarkers(engine), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "filter frame by markers (3 / 3) \n");
+    EXPECT_EQ(quiet([&] { EXPECT_EQ(TestAccess::filterScanFrameByMarkers(engine), 0); }),
+              "filter frame by markers (3 / 3) \n");
     EXPECT_EQ(TestAccess::maxFramePoints(engine), 20);
     EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 20u);
     EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
     for (auto& f : {a, b, c}) {
-        EXPECT_TRUE(f->marker_ids.empty());
-        EXPECT_TRUE(f->marker_xyz.empty());
-        EXPECT_TRUE(f->marker_nor.empty());
+        EXPECT_TRUE(f->marker_ids.empty() && f->marker_xyz.empty() && f->marker_nor.empty());
         EXPECT_EQ(f->marker_ids.capacity(), 0u);
     }
     EXPECT_EQ(a->xyz.size(), 10u);  // the rest of the frame is untouched
@@ -243,11 +214,10 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
     EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 0u);
     EXPECT_EQ(mesh.get(), before);
     ASSERT_EQ(steps.size(), 1u);
-    EXPECT_EQ(steps[0].name, L"\u70b9\u4e91\u9884\u5904\u7406");
-    EXPECT_EQ(steps[0].cur_step, 1);
-    EXPECT_EQ(steps[0].total_steps, 3);
-    EXPECT_EQ(steps[0].cur_sub, 1);
-    EXPECT_EQ(steps[0].total_sub, 1);
+    EXPECT_EQ(steps[0].step_name, L"\u70b9\u4e91\u9884\u5904\u7406");
+    EXPECT_EQ(
+        std::vector<int>({steps[0].cur_step, steps[0].total_steps, steps[0].cur_sub_step, steps[0].total_sub_steps}),
+        std::vector<int>({1, 3, 1, 1}));
 }
 
 TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
@@ -255,8 +225,7 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     // than a margin from the block faces.
     auto spread = makeFrame(3, 8);
     spread->xyz = {{-300.0f, 30.0f, 40.0f}, {20.0f, 30.0f, 40.0f}, {300.0f, 30.0f, 40.0f}};
-    auto g = makeFrame(3, -1);
-    auto h = makeFrame(2, 3);
+    auto g = makeFrame(3, -1), h = makeFrame(2, 3);
     for (auto& frame : {g, h})
         for (Vec3f& p : frame->xyz) p = {p[0] + 20.0f, 30.0f, 40.0f};
     for (auto& fr : {spread, g, h}) ASSERT_EQ(engine.addScanFrame(fr), 0);
@@ -276,17 +245,15 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     const std::vector<std::pair<int, int>> expected_pairs = {{1, 1}, {0, 3}, {0, 3}, {1, 3}, {2, 3}, {1, 1}};
     ASSERT_EQ(steps.size(), expected_pairs.size());
     for (std::size_t i = 0; i < steps.size(); ++i) {
-        EXPECT_EQ(steps[i].cur_sub, expected_pairs[i].first) << "report " << i;
-        EXPECT_EQ(steps[i].total_sub, expected_pairs[i].second) << "report " << i;
+        EXPECT_EQ(std::make_pair(steps[i].cur_sub_step, steps[i].total_sub_steps), expected_pairs[i]) << "report " << i;
         EXPECT_EQ(steps[i].total_steps, 3);
     }
-    EXPECT_EQ(steps[1].name, L"\u878d\u5408\u6570\u636e");
-    EXPECT_EQ(steps[5].name, L"\u751f\u6210\u7f51\u683c");
+    EXPECT_EQ(steps[1].step_name, L"\u878d\u5408\u6570\u636e");
+    EXPECT_EQ(steps[5].step_name, L"\u751f\u6210\u7f51\u683c");
     EXPECT_EQ(steps[5].cur_step, 3);
     std::size_t separators = 0;
-    for (std::size_t at = out.find("==========================================\n"); at != std::string::npos;
-         at = out.find("==========================================\n", at + 1))
-        ++separators;
+    const std::string separator = "==========================================\n";
+    for (std::size_t at = out.find(separator); at != std::string::npos; at = out.find(separator, at + 1)) ++separators;
     EXPECT_EQ(separators, 3u);
     EXPECT_NE(out.find(" portioner - elapsed time : "), std::string::npos);
     EXPECT_NE(out.find(" reconstructor - elapsed time : "), std::string::npos);
@@ -297,22 +264,52 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     EXPECT_TRUE(engine.isInited());
 }
 
-TEST_F(EngineTest, EmptyCallbackEndsTheRunBeforeAnyFrameIsTaken) {
-    std::function<int(ProcessStepInfo&)> empty;
-    ASSERT_EQ(engine.setProcessStepCallBack(empty), 0);
-    EXPECT_FALSE(static_cast<bool>(TestAccess::stepCallback(engine)));
-    ASSERT_EQ(engine.addScanFrame(makeFrame(3)), 0);
-    auto mesh = std::make_shared<MultiMeshData>();
-    EXPECT_EQ(quietProcess(mesh), 1);
-    EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process try catch error!");
-    EXPECT_EQ(TestAccess::heldFrames(engine).size(), 1u);  // no frame consumed
-    EXPECT_EQ(TestAccess::waitingFrameCount(*TestAccess::portioner(engine)), 0u);
+TEST(EngineRun, AnEmptyOrThrowingCallbackEndsTheRunBeforeAnyFrameIsTaken) {
+    std::function<int(ProcessStepInfo&)> empty,
+        throwing = [](ProcessStepInfo&) -> int { throw std::runtime_error("x"); };
+    for (auto* cb : {&empty, &throwing}) {
+        Tessaline_OPT engine;
+        ASSERT_EQ(engine.init(), 0);
+        ASSERT_EQ(engine.setProcessStepCallBack(*cb), 0);
+        ASSERT_EQ(engine.addScanFrame(makeFrame(3)), 0);
+        auto mesh = std::make_shared<MultiMeshData>();
+        quiet([&] { EXPECT_EQ(engine.process(mesh), 1); });
+        EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process try catch error!");
+        EXPECT_EQ(TestAccess::heldFrames(engine).size(), 1u);  // no frame consumed
+        EXPECT_EQ(TestAccess::waitingFrameCount(*TestAccess::portioner(engine)), 0u);
+    }
 }
 
-TEST_F(EngineTest, ThrowingCallbackEndsTheRun) {
-    std::function<int(ProcessStepInfo&)> throwing = [](ProcessStepInfo&) -> int { throw std::runtime_error("x"); };
-    ASSERT_EQ(engine.setProcessStepCallBack(throwing), 0);
+TEST(ReconstructorStage, MeshIsReplacedOnlyOnceOctreeAndPoolAreThere) {
+    Reconstructor stage;
     auto mesh = std::make_shared<MultiMeshData>();
-    EXPECT_EQ(quietProcess(mesh), 1);
-    EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process try catch error!");
+    mesh->xyz.push_back(TriangleXYZ{});
+    mesh->w.push_back(TriangleW{});
+    const MultiMeshData* before = mesh.get();
+
+    EXPECT_EQ(stage.process(mesh), 1);
+    EXPECT_EQ(stage.getLastError(), "no init!");
+    EXPECT_EQ(stage.setHashOctree(std::make_shared<HashOctree>()), 1);
+    ASSERT_EQ(stage.init(), 0);
+    EXPECT_EQ(stage.process(mesh), 1);
+    EXPECT_EQ(stage.getLastError(),
+              "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !");
+    EXPECT_EQ(mesh.get(), before);
+
+    ASSERT_EQ(stage.setHashOctree(std::make_shared<HashOctree>()), 0);
+    ASSERT_EQ(stage.setFieldDataPool(std::make_shared<FieldDataPool>()), 0);
+    EXPECT_EQ(stage.process(mesh), 1);  // an octree without init has no cell list
+    EXPECT_EQ(stage.getLastError(), "Reconstructor getHashCellList failed!");
+    EXPECT_NE(mesh.get(), before);
+    EXPECT_TRUE(mesh->xyz.empty());
+
+    auto octree = std::make_shared<HashOctree>();
+    ASSERT_EQ(octree->init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 100, 1, 10})), 0);
+    ASSERT_EQ(stage.setHashOctree(octree), 0);
+    const int status = stage.process(mesh);
+    EXPECT_NE(mesh.get(), before);  // a new record on every return from here on
+    EXPECT_TRUE(mesh->xyz.empty());
+    EXPECT_EQ(mesh->xyz.size(), mesh->w.size());
+    EXPECT_EQ(status, reconstructorMemoryGuard() ? 0 : 66049);
+    EXPECT_EQ(stage.deInit(), 0);
 }

@@ -1,16 +1,17 @@
-// The per-cell passes of the field computation on hand-made cells.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <vector>
+// The per-cell passes of the field computation on hand-made cells, and the plane fit and closed-form eigen
+// solver they rest on, against hand-made point sets and against Eigen's solver as an independent reference.
+#include <Eigen/Dense>
 
 #include "FieldComputation.h"
-#include "TestPoints.h"
+#include "PlaneFit.h"
+#include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
+using testing_support::scanPoint;
 
 namespace {
+
+enum Pass { INIT = 1, FINE = 2, VALUES = 3 };
 
 // One cell at the origin with edge 0.5 (search radius 1.5) over the given points, all in one relation.
 struct CellCase {
@@ -18,50 +19,74 @@ struct CellCase {
     std::vector<RelationCell2Bins_Device> relations;
     CellNode_Device cell = emptyCellNodeDevice();
     DeviceParameters params{};
+    VoxelFieldCenter centres{};
 
-    CellCase() {
+    explicit CellCase(float half_size = 0.25f) {
         setFieldComputationEdges(params);
-        cell.half_size = 0.25f;
+        cell.half_size = half_size;
         cell.field_flag = 0;
     }
 
-    void add(float x, float y, float z, float nx, float ny, float nz) {
-        points.push_back(testing_support::scanPoint(x, y, z, nx, ny, nz));
+    void add(float x, float y, float z, float nx, float ny, float nz, std::int32_t w = 8, std::uint8_t laser = 0) {
+        points.push_back(scanPoint(x, y, z, nx, ny, nz, w));
+        points.back().laser = laser;
     }
 
-    void run() {
+    // n points on the plane z = height, spread over the cell, with normals (0, 0, nz).
+    void sheet(int n, float height, float nz) {
+        for (int i = 0; i < n; ++i)
+            add(0.3f * std::cos(1.3f * i), 0.3f * std::sin(1.3f * i) * (i % 2 ? 1.0f : 0.5f), height, 0, 0, nz);
+    }
+
+    // Points on the plane z = 0.1 x (a slight tilt) with normals +z.
+    void tiltedPlane(int n) {
+        for (int i = 0; i < n; ++i) {
+            const float x = -0.4f + 0.17f * static_cast<float>(i % 5), y = -0.3f + 0.19f * static_cast<float>(i / 5);
+            add(x, y, 0.1f * x, 0.0f, 0.0f, 1.0f);
+        }
+    }
+
+    // Runs the passes from `first` to `last`.
+    void run(Pass first = INIT, Pass last = INIT) {
         relations = {{0, static_cast<std::int32_t>(points.size())}};
         cell.relation_offset = 0;
         cell.relation_count = 1;
         cell.point_count = static_cast<std::int32_t>(points.size());
-        computeInitNormal(cell, relations.data(), static_cast<int>(relations.size()), points.data(), params);
+        if (first <= INIT && last >= INIT) computeInitNormal(cell, relations.data(), 1, points.data(), params);
+        if (first <= FINE && last >= FINE) computeFineNormal(cell, relations.data(), 1, points.data(), params, centres);
+        if (last >= VALUES) computeFieldData(cell, relations.data(), 1, points.data(), params, centres);
     }
 };
 
-// Points on the plane z = 0.1 x (a slight tilt) with normals close to +z.
-void tiltedPlane(CellCase& c, int n, float nz_sign = 1.0f) {
-    for (int i = 0; i < n; ++i) {
-        const float x = -0.4f + 0.17f * static_cast<float>(i % 5), y = -0.3f + 0.19f * static_cast<float>(i / 5);
-        c.add(x, y, 0.1f * x, 0.0f, 0.0f, nz_sign);
-    }
+// A cell whose initial normal is +z, ready for the fine normal pass.
+CellCase sheetCase() {
+    CellCase c;
+    c.cell.init_normal[2] = 1.0f;
+    return c;
+}
+
+// A cell whose fine normal pass is done: one sheet with normal +z, near centroid at the given height.
+CellCase valueCase(float half_size, float centroid_z) {
+    CellCase c(half_size);
+    c.cell.field_flag = 1;
+    c.cell.fields[0].normal[2] = 1.0f;
+    c.cell.word = 0x208;
+    c.centres.sheet[0][2] = centroid_z;
+    return c;
 }
 
 }  // namespace
 
 TEST(InitNormals, TooFewPointsOrABadRelationRejectTheCell) {
-    for (int n : {0, 4}) {
+    for (int n : {0, 3, 4, 5}) {
         CellCase c;
-        tiltedPlane(c, n);
+        c.tiltedPlane(n);
         c.run();
-        EXPECT_EQ(c.cell.field_flag, -1) << n << " points";
+        EXPECT_EQ(c.cell.field_flag, n < 5 ? -1 : 0) << n << " points";
+        EXPECT_EQ(cellRejection(c.cell.rules), n < 5 ? CELL_FEW_POINTS : CELL_KEPT) << n << " points";
     }
-    CellCase five;
-    tiltedPlane(five, 5);
-    five.run();
-    EXPECT_EQ(five.cell.field_flag, 0);
-
     CellCase bad;
-    tiltedPlane(bad, 6);
+    bad.tiltedPlane(6);
     bad.run();
     bad.cell.relation_offset = 1;  // equal to the relation count
     bad.cell.field_flag = 0;
@@ -69,7 +94,7 @@ TEST(InitNormals, TooFewPointsOrABadRelationRejectTheCell) {
     EXPECT_EQ(bad.cell.field_flag, -1);
 
     CellCase rejected;
-    tiltedPlane(rejected, 8);
+    rejected.tiltedPlane(8);
     rejected.cell.field_flag = -1;
     rejected.cell.init_normal[0] = 7.0f;
     computeInitNormal(rejected.cell, rejected.relations.data(), 0, rejected.points.data(), rejected.params);
@@ -79,7 +104,7 @@ TEST(InitNormals, TooFewPointsOrABadRelationRejectTheCell) {
 
 TEST(InitNormals, AgreeingPointsGiveThePlaneNormal) {
     CellCase c;
-    tiltedPlane(c, 20);
+    c.tiltedPlane(20);
     c.run();
     ASSERT_EQ(c.cell.field_flag, 0);
     // The plane z = 0.1 x has the normal (-0.1, 0, 1) / |..|, turned towards the first point's +z.
@@ -89,147 +114,101 @@ TEST(InitNormals, AgreeingPointsGiveThePlaneNormal) {
     EXPECT_NEAR(c.cell.init_normal[2], 1.0f / len, 1e-5f);
 }
 
-TEST(InitNormals, ThreeOfFiveAgreeingIsEnoughAndTheFitRunsOnThem) {
-    CellCase c;
-    c.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
-    c.add(0.3f, 0.0f, 0.0f, 0, 0, 1);
-    c.add(0.0f, 0.3f, 0.0f, 0, 0, 1);
-    c.add(0.2f, 0.2f, 0.9f, 1, 0, 0);  // disagreeing points, off the plane
-    c.add(-0.2f, 0.1f, -0.7f, 1, 0, 0);
-    c.run();
-    ASSERT_EQ(c.cell.field_flag, 0);
-    EXPECT_NEAR(c.cell.init_normal[2], 1.0f, 1e-6f);  // the three agreeing points span z = 0
-}
-
-TEST(InitNormals, TwoOfFiveAgreeingWithoutAnotherMajorityRejects) {
-    CellCase c;
-    c.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
-    c.add(0.3f, 0.0f, 0.0f, 0, 0, 1);
-    c.add(0.0f, 0.3f, 0.0f, 1, 0, 0);  // reference 1: point 2
-    c.add(0.2f, 0.2f, 0.1f, 0, 1, 0);
-    c.add(-0.2f, 0.1f, 0.2f, 0, -1, 0);  // reference 2: point 4
-    c.run();
-    EXPECT_EQ(c.cell.field_flag, -1);
-}
-
-TEST(InitNormals, SecondWalkTakesTheLargerSetAndItsOrientation) {
+TEST(InitNormals, AMajorityOfAgreeingPointsDecidesTheCell) {
+    using Points = std::vector<std::array<float, 6>>;  // position, normal
     // The first point faces away from all others: fewer than half agree with it. Reference 1 (point 5
     // of 10) and reference 2 (point 9) both face -z; equal counts favour set 1 and its orientation.
-    CellCase c;
-    c.add(0.0f, 0.0f, 0.0f, 1, 0, 0);
-    for (int i = 1; i < 10; ++i) c.add(-0.4f + 0.1f * i, 0.05f * static_cast<float>(i % 3), 0.0f, 0, 0, -1);
-    c.run();
-    ASSERT_EQ(c.cell.field_flag, 0);
-    EXPECT_NEAR(c.cell.init_normal[2], -1.0f, 1e-6f);  // turned to reference 1, not reference 0
-}
-
-TEST(InitNormals, APointExactlyAtTheRadiusCountsOnlyInTheSecondWalk) {
-    // Radius 1.5. Point 2 (reference 1) faces +x; the three others agree with the first point but lie
-    // at the radius. The first walk leaves them out (1 of 5 agree), the second takes them into set 2,
-    // which with 4 points is too small: the cell is rejected. Just inside the radius, the first walk
-    // would have taken them and fitted the plane.
-    for (const float r : {1.5f, 1.49f}) {
+    Points second_walk = {{0, 0, 0, 1, 0, 0}};
+    for (int i = 1; i < 10; ++i) second_walk.push_back({-0.4f + 0.1f * i, 0.05f * (i % 3), 0, 0, 0, -1});
+    // Radius 1.5. Point 2 (reference 1) faces +x; the three others agree with the first point but lie at
+    // the radius. The first walk leaves them out (1 of 5 agree), the second takes them into set 2, which
+    // with 4 points is too small. Just inside the radius the first walk takes them and fits the plane.
+    const auto atRadius = [](float r) {
+        return Points{
+            {0, 0, 0, 0, 0, 1}, {0.1f, 0, 0, 1, 0, 0}, {r, 0, 0, 0, 0, 1}, {-r, 0, 0, 0, 0, 1}, {0, r, 0, 0, 0, 1}};
+    };
+    const struct {
+        const char* name;
+        int flag;
+        float nz;  // of the initial normal, when kept
+        CellRejection rule;
+        Points points;
+    } rows[] = {
+        {"three of five agree: the fit runs on them, which span z = 0",
+         0,
+         1.0f,
+         CELL_KEPT,
+         {{0, 0, 0, 0, 0, 1},
+          {0.3f, 0, 0, 0, 0, 1},
+          {0, 0.3f, 0, 0, 0, 1},
+          {0.2f, 0.2f, 0.9f, 1, 0, 0},
+          {-0.2f, 0.1f, -0.7f, 1, 0, 0}}},
+        {"two of five agree, and no other majority",
+         -1,
+         0.0f,
+         CELL_NO_COMMON_NORMAL,
+         {{0, 0, 0, 0, 0, 1},
+          {0.3f, 0, 0, 0, 0, 1},
+          {0, 0.3f, 0, 1, 0, 0},
+          {0.2f, 0.2f, 0.1f, 0, 1, 0},
+          {-0.2f, 0.1f, 0.2f, 0, -1, 0}}},
+        {"the second walk takes the larger set and its orientation", 0, -1.0f, CELL_KEPT, second_walk},
+        {"points exactly at the radius count only in the second walk", -1, 0.0f, CELL_NO_COMMON_NORMAL, atRadius(1.5f)},
+        {"points just inside the radius count in the first walk", 0, 1.0f, CELL_KEPT, atRadius(1.49f)},
+    };
+    for (const auto& row : rows) {
         CellCase c;
-        c.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
-        c.add(0.1f, 0.0f, 0.0f, 1, 0, 0);
-        c.add(r, 0.0f, 0.0f, 0, 0, 1);
-        c.add(-r, 0.0f, 0.0f, 0, 0, 1);
-        c.add(0.0f, r, 0.0f, 0, 0, 1);
+        for (const auto& p : row.points) c.add(p[0], p[1], p[2], p[3], p[4], p[5]);
         c.run();
-        EXPECT_EQ(c.cell.field_flag, r == 1.5f ? -1 : 0) << "points at " << r;
+        ASSERT_EQ(c.cell.field_flag, row.flag) << row.name;
+        if (row.flag == 0) {
+            EXPECT_NEAR(c.cell.init_normal[2], row.nz, 1e-6f) << row.name;
+        }
+        EXPECT_EQ(cellRejection(c.cell.rules), row.rule) << row.name;
     }
 }
 
-// ---- fine normals ----------------------------------------------------------------------------------
-
-namespace {
-
-// A cell with its initial normal +z, ready for the fine normal pass.
-struct SheetCase : CellCase {
-    VoxelFieldCenter centres{};
-
-    SheetCase() { cell.init_normal[2] = 1.0f; }
-
-    void addWithWord(float x, float y, float z, float nz, std::int32_t w, std::uint8_t laser = 0) {
-        add(x, y, z, 0.0f, 0.0f, nz);
-        points.back().w = w;
-        points.back().laser = laser;
+TEST(FineNormals, EachSideOfFivePointsMakesASheetFrontFirst) {
+    struct Row {
+        int front, back;            // points on z = 0.05 facing +z, on z = -0.05 facing -z
+        std::vector<float> sheets;  // the normal's z of each slot, front first
+    };
+    const Row rows[] = {{4, 0, {}}, {5, 0, {1.0f}}, {0, 7, {-1.0f}}, {6, 6, {1.0f, -1.0f}}};
+    for (const Row& row : rows) {
+        CellCase c = sheetCase();
+        c.sheet(row.front, 0.05f, 1.0f);
+        c.sheet(row.back, -0.05f, -1.0f);
+        c.run(FINE, FINE);
+        const std::string name = std::to_string(row.front) + " front, " + std::to_string(row.back) + " back";
+        ASSERT_EQ(c.cell.field_flag, static_cast<int>(row.sheets.size())) << name;
+        for (std::size_t s = 0; s < row.sheets.size(); ++s) {
+            EXPECT_NEAR(c.cell.fields[s].normal[2], row.sheets[s], 1e-6f) << name;
+            EXPECT_NEAR(c.centres.sheet[s][2], 0.05f * row.sheets[s], 1e-6f) << name;  // the near points' centroid
+        }
+        EXPECT_EQ(c.cell.init_normal[2], row.back >= 5 ? -1.0f : 1.0f) << name;  // negated for a back sheet
     }
-
-    // n points on the plane z = height, spread over the cell, with normals (0, 0, nz).
-    void sheet(int n, float height, float nz, float spread = 0.3f) {
-        for (int i = 0; i < n; ++i)
-            add(spread * std::cos(1.3f * i), spread * std::sin(1.3f * i) * (i % 2 ? 1.0f : 0.5f), height, 0.0f, 0.0f,
-                nz);
-    }
-
-    void runFine() {
-        relations = {{0, static_cast<std::int32_t>(points.size())}};
-        cell.relation_offset = 0;
-        cell.relation_count = 1;
-        cell.point_count = static_cast<std::int32_t>(points.size());
-        computeFineNormal(cell, relations.data(), 1, points.data(), params, centres);
-    }
-};
-
-}  // namespace
-
-TEST(FineNormals, FiveFrontPointsMakeASheetFourDoNot) {
-    SheetCase four;
-    four.sheet(4, 0.1f, 1.0f);
-    four.runFine();
-    EXPECT_EQ(four.cell.field_flag, 0);
-
-    SheetCase five;
-    five.sheet(5, 0.1f, 1.0f);
-    five.runFine();
-    ASSERT_EQ(five.cell.field_flag, 1);
-    EXPECT_NEAR(five.cell.fields[0].normal[2], 1.0f, 1e-6f);
-    EXPECT_NEAR(five.centres.sheet[0][2], 0.1f, 1e-6f);  // the centroid of the near points
-
-    SheetCase rejected;
+    CellCase rejected = sheetCase();
     rejected.sheet(8, 0.1f, 1.0f);
     rejected.cell.field_flag = -1;
-    rejected.runFine();
+    rejected.run(FINE, FINE);
     EXPECT_EQ(rejected.cell.field_flag, -1);
     EXPECT_EQ(rejected.cell.fields[0].normal[2], 0.0f);
 }
 
-TEST(FineNormals, AWallSeenFromBothSidesGivesTwoSheets) {
-    SheetCase c;
-    c.sheet(6, 0.05f, 1.0f);
-    c.sheet(6, -0.05f, -1.0f);
-    c.runFine();
-    ASSERT_EQ(c.cell.field_flag, 2);
-    EXPECT_NEAR(c.cell.fields[0].normal[2], 1.0f, 1e-6f);  // slot 0 the front
-    EXPECT_NEAR(c.cell.fields[1].normal[2], -1.0f, 1e-6f);
-    EXPECT_NEAR(c.centres.sheet[0][2], 0.05f, 1e-6f);
-    EXPECT_NEAR(c.centres.sheet[1][2], -0.05f, 1e-6f);
-    EXPECT_EQ(c.cell.init_normal[2], -1.0f);  // negated for the back sheet
-}
-
-TEST(FineNormals, ALoneBackSheetLandsInSlotZero) {
-    SheetCase c;
-    c.sheet(7, 0.0f, -1.0f);
-    c.runFine();
-    ASSERT_EQ(c.cell.field_flag, 1);
-    EXPECT_NEAR(c.cell.fields[0].normal[2], -1.0f, 1e-6f);
-}
-
 TEST(FineNormals, FarPointsOfASmallCellGiveNoCentroidAndNoSheet) {
     // Edge 0.1: search factor 7 (reach 0.7), near radius 0.4. Points at 0.5 count for the fit only.
-    SheetCase c;
+    CellCase c = sheetCase();
     c.cell.half_size = 0.05f;
     for (int i = 0; i < 6; ++i) c.add(0.5f * std::cos(1.0f * i), 0.5f * std::sin(1.0f * i), 0.0f, 0, 0, 1);
-    c.runFine();
+    c.run(FINE, FINE);
     EXPECT_EQ(c.cell.field_flag, 0);
 }
 
 TEST(FineNormals, AFitAcrossTheInitialNormalIsDropped) {
     // Points on the plane x = 0 whose normals say +z: the fitted normal is x, across the initial normal.
-    SheetCase c;
+    CellCase c = sheetCase();
     for (int i = 0; i < 8; ++i) c.add(0.0f, 0.05f * i - 0.2f, 0.03f * (i % 3) - 0.03f, 0, 0, 1);
-    c.runFine();
+    c.run(FINE, FINE);
     EXPECT_EQ(c.cell.field_flag, 0);
     EXPECT_EQ(c.centres.sheet[0][0], 0.0f);
     EXPECT_EQ(c.centres.sheet[0][2], 0.0f);
@@ -239,11 +218,11 @@ TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
     {
         // The cell wants bit 8: with enough flagged points the others do not count, not even in the
         // centroid (flagged points at z = 0, the others at z = 0.2).
-        SheetCase c;
+        CellCase c = sheetCase();
         c.cell.word = 0x108;
-        for (int i = 0; i < 6; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 0x108);
-        for (int i = 0; i < 6; ++i) c.addWithWord(-0.1f * i, 0.07f * i, 0.2f, 1.0f, 0x008);
-        c.runFine();
+        for (int i = 0; i < 6; ++i) c.add(0.1f * i, 0.05f * i * i, 0.0f, 0, 0, 1, 0x108);
+        for (int i = 0; i < 6; ++i) c.add(-0.1f * i, 0.07f * i, 0.2f, 0, 0, 1, 0x008);
+        c.run(FINE, FINE);
         ASSERT_EQ(c.cell.field_flag, 1);
         EXPECT_EQ(c.centres.sheet[0][2], 0.0f);
         EXPECT_EQ(c.cell.rules & CELL_ALL_POINTS, 0u);
@@ -251,56 +230,32 @@ TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
     {
         // Four flagged points give no side: at the border of a flagged zone the cell takes all nine
         // rather than leave a pinhole.
-        SheetCase c;
+        CellCase c = sheetCase();
         c.cell.word = 0x108;
-        for (int i = 0; i < 4; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 0x108);
-        for (int i = 0; i < 5; ++i) c.addWithWord(-0.1f * i, 0.07f * i, 0.2f, 1.0f, 0x008);
-        c.runFine();
+        for (int i = 0; i < 4; ++i) c.add(0.1f * i, 0.05f * i * i, 0.0f, 0, 0, 1, 0x108);
+        for (int i = 0; i < 5; ++i) c.add(-0.1f * i, 0.07f * i, 0.2f, 0, 0, 1, 0x008);
+        c.run(FINE, FINE);
         ASSERT_EQ(c.cell.field_flag, 1);
         EXPECT_NE(c.cell.rules & CELL_ALL_POINTS, 0u);
         EXPECT_NEAR(c.centres.sheet[0][2], 0.2f * 5 / 9, 1e-6f);
     }
     {
         // Laser 2 only counts in cells of edge 1 or more; this cell's edge is 0.5.
-        SheetCase c;
+        CellCase c = sheetCase();
         c.params.laser_min_edge[2] = 1.0f;
-        for (int i = 0; i < 6; ++i) c.addWithWord(0.1f * i, 0.05f * i * i, 0.0f, 1.0f, 8, 2);
-        c.runFine();
+        for (int i = 0; i < 6; ++i) c.add(0.1f * i, 0.05f * i * i, 0.0f, 0, 0, 1, 8, 2);
+        c.run(FINE, FINE);
         EXPECT_EQ(c.cell.field_flag, 0);
     }
 }
 
-// ---- field values ----------------------------------------------------------------------------------
-
-namespace {
-
-// A cell whose fine normal pass is done: one sheet with normal +z, near centroid at the given height.
-struct ValueCase : SheetCase {
-    ValueCase(float half_size, float centroid_z) {
-        cell.half_size = half_size;
-        cell.field_flag = 1;
-        cell.fields[0].normal[2] = 1.0f;
-        cell.word = 0x208;
-        centres.sheet[0][2] = centroid_z;
-    }
-    void runValues() {
-        relations = {{0, static_cast<std::int32_t>(points.size())}};
-        cell.relation_offset = 0;
-        cell.relation_count = 1;
-        cell.point_count = static_cast<std::int32_t>(points.size());
-        computeFieldData(cell, relations.data(), 1, points.data(), params, centres);
-    }
-};
-
-}  // namespace
-
 TEST(FieldValues, APlaneAtAKnownOffsetGivesThatOffset) {
     // Points on z = 0.07 around a cell of edge 0.5 at the origin: the value is +0.07 (the centroid lies
     // on the side the normal points to from the centre).
-    ValueCase c(0.25f, 0.07f);
+    CellCase c = valueCase(0.25f, 0.07f);
     for (int i = 0; i < 30; ++i)
         c.add(0.6f * std::cos(0.7f * i) * (i % 3) / 2.0f, 0.5f * std::sin(0.9f * i), 0.07f, 0, 0, 1);
-    c.runValues();
+    c.run(VALUES, VALUES);
     EXPECT_NEAR(c.cell.fields[0].value, 0.07f, 1e-6f);
     EXPECT_EQ(c.cell.fields[0].word, 0x208u);
     EXPECT_NE(c.cell.fields[0].occupancy, 0u);
@@ -310,84 +265,61 @@ TEST(FieldValues, APlaneAtAKnownOffsetGivesThatOffset) {
 TEST(FieldValues, SmallCellsProjectTheirPointsOntoThePlane) {
     // Edge 0.1: the points scatter around z = -0.02 but the projection puts them on the plane through
     // the centroid, so the value is that plane's distance whatever the scatter.
-    ValueCase c(0.05f, -0.02f);
+    CellCase c = valueCase(0.05f, -0.02f);
     for (int i = 0; i < 12; ++i)
         c.add(0.03f * (i % 4) - 0.05f, 0.02f * (i % 3), -0.02f + 0.01f * ((i % 5) - 2), 0, 0, 1);
-    c.runValues();
+    c.run(VALUES, VALUES);
     EXPECT_NEAR(c.cell.fields[0].value, -0.02f, 1e-6f);
 }
 
 TEST(FieldValues, RejectedAndEmptyCellsKeepTheirSlots) {
     for (int flag : {-1, 0}) {
-        ValueCase c(0.25f, 0.0f);
+        CellCase c = valueCase(0.25f, 0.0f);
         c.cell.field_flag = flag;
         c.add(0.0f, 0.0f, 0.1f, 0, 0, 1);
-        c.runValues();
-        EXPECT_EQ(c.cell.fields[0].value, 0.0f);
-        EXPECT_EQ(c.cell.fields[0].occupancy, 0u);
-        EXPECT_EQ(c.cell.fields[0].word, 0u);
+        c.run(VALUES, VALUES);
+        EXPECT_EQ(c.cell.fields[0].value, 0.0f) << flag;
+        EXPECT_EQ(c.cell.fields[0].occupancy, 0u) << flag;
+        EXPECT_EQ(c.cell.fields[0].word, 0u) << flag;
     }
 }
 
 TEST(FieldValues, ASheetWithoutAgreeingPointsIsNaN) {
-    ValueCase c(0.25f, 0.0f);
+    CellCase c = valueCase(0.25f, 0.0f);
     for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.0f, 0.0f, 1, 0, 0);  // across the sheet's normal
-    c.runValues();
+    c.run(VALUES, VALUES);
     EXPECT_TRUE(std::isnan(c.cell.fields[0].value));
 }
 
-// ---- sharp edges and sparse cells -------------------------------------------------------------------
-
-namespace {
-
-// A cell of edge 0.5 at the origin run through all three passes.
-struct ThreePassCase : CellCase {
-    VoxelFieldCenter centres{};
-
-    void runAll() {
-        run();
-        computeFineNormal(cell, relations.data(), 1, points.data(), params, centres);
-        computeFieldData(cell, relations.data(), 1, points.data(), params, centres);
-    }
-};
-
-}  // namespace
-
 TEST(FieldValues, AtASharpEdgeTheValueIsTheDistanceToTheSolid) {
-    {
-        // Convex: the top face z = 0.1 over x <= -0.2 (normal +z) meets the side face x = -0.2 (normal
-        // +x). The cell fits the top, but its centre lies outside the side face: the distance to the
-        // solid is -0.2 there, not the top plane's +0.1.
-        ThreePassCase c;
-        for (int i = 0; i < 60; ++i) c.add(-0.2f - 0.02f * i, -0.7f + 0.05f * (i % 29), 0.1f, 0, 0, 1);
-        for (int i = 0; i < 12; ++i) c.add(-0.2f, -0.6f + 0.1f * i, 0.1f - 0.05f - 0.1f * (i % 5), 1, 0, 0);
-        c.runAll();
-        ASSERT_EQ(c.cell.field_flag, 1);
-        EXPECT_NEAR(c.cell.fields[0].normal[2], 1.0f, 1e-4f);
-        EXPECT_NE(c.cell.rules & CELL_CREASE, 0u);
-        EXPECT_NEAR(c.cell.fields[0].value, -0.2f, 1e-5f);
-    }
-    {
-        // Concave: the floor z = -0.1 over x >= 0.2 (normal +z) meets a wall x = 0.2 rising from it
-        // (normal +x, the solid on its low side). The centre lies inside the wall's solid, 0.2 from its
-        // face, while the floor plane alone says -0.1.
-        ThreePassCase c;
-        for (int i = 0; i < 60; ++i) c.add(0.2f + 0.02f * i, -0.7f + 0.05f * (i % 29), -0.1f, 0, 0, 1);
-        for (int i = 0; i < 12; ++i) c.add(0.2f, -0.6f + 0.1f * i, -0.05f + 0.1f * (i % 5), 1, 0, 0);
-        c.runAll();
-        ASSERT_EQ(c.cell.field_flag, 1);
-        EXPECT_NE(c.cell.rules & CELL_CREASE, 0u);
-        EXPECT_NEAR(c.cell.fields[0].value, 0.2f, 1e-5f);
-    }
-    {
+    struct Row {
+        const char* name;
+        float top_x, top_z, dir;  // a face z = top_z over x from top_x in direction dir, normal +z
+        int side_points;          // on the face x = top_x, normal +x
+        float spacing, side_z0, side_step, value;
+        bool crease;
+    };
+    const Row rows[] = {
+        // The cell fits the top, but its centre lies outside the side face: the distance to the solid is
+        // -0.2 there, not the top plane's +0.1.
+        {"convex", -0.2f, 0.1f, -1.0f, 12, 0.1f, 0.05f, -0.1f, -0.2f, true},
+        // The floor meets a wall rising from it (the solid on the wall's low side): the centre lies inside
+        // the wall's solid, 0.2 from its face, while the floor plane alone says -0.1.
+        {"concave", 0.2f, -0.1f, 1.0f, 12, 0.1f, -0.05f, 0.1f, 0.2f, true},
         // Four points across are no face: the plane's own value stays.
-        ThreePassCase c;
-        for (int i = 0; i < 60; ++i) c.add(-0.2f - 0.02f * i, -0.7f + 0.05f * (i % 29), 0.1f, 0, 0, 1);
-        for (int i = 0; i < 4; ++i) c.add(-0.2f, -0.6f + 0.3f * i, 0.05f - 0.1f * i, 1, 0, 0);
-        c.runAll();
-        ASSERT_EQ(c.cell.field_flag, 1);
-        EXPECT_EQ(c.cell.rules & CELL_CREASE, 0u);
-        EXPECT_NEAR(c.cell.fields[0].value, 0.1f, 1e-5f);
+        {"four points across", -0.2f, 0.1f, -1.0f, 4, 0.3f, 0.05f, -0.1f, 0.1f, false},
+    };
+    for (const Row& row : rows) {
+        CellCase c;
+        for (int i = 0; i < 60; ++i)
+            c.add(row.top_x + row.dir * 0.02f * i, -0.7f + 0.05f * (i % 29), row.top_z, 0, 0, 1);
+        for (int i = 0; i < row.side_points; ++i)
+            c.add(row.top_x, -0.6f + row.spacing * i, row.side_z0 + row.side_step * (i % 5), 1, 0, 0);
+        c.run(INIT, VALUES);
+        ASSERT_EQ(c.cell.field_flag, 1) << row.name;
+        EXPECT_NEAR(c.cell.fields[0].normal[2], 1.0f, 1e-4f) << row.name;
+        EXPECT_EQ((c.cell.rules & CELL_CREASE) != 0, row.crease) << row.name;
+        EXPECT_NEAR(c.cell.fields[0].value, row.value, 1e-5f) << row.name;
     }
 }
 
@@ -395,34 +327,143 @@ TEST(FieldValues, ASparseCellKeepsItsSheetOnlyWhenItsPointsSurroundIt) {
     // Points of the plane z = 0.05 beyond x = 0.6 only: the cell lies past the edge of the scan. Found
     // through the wider search of a sparse cell the sheet is dropped; with the normal search kept.
     for (const bool widened : {true, false}) {
-        ThreePassCase c;
+        CellCase c;
         if (widened) c.cell.rules = CELL_WIDENED_SEARCH;
         for (int i = 0; i < 20; ++i) c.add(0.6f + 0.04f * i, -0.5f + 0.05f * i, 0.05f, 0, 0, 1);
-        c.runAll();
+        c.run(INIT, VALUES);
         EXPECT_EQ(c.cell.field_flag, widened ? 0 : 1);
         EXPECT_EQ(cellRejection(c.cell.rules), widened ? CELL_OFF_CENTRE : CELL_KEPT);
     }
     // The same cell with the points around it keeps the sheet, widened or not.
-    ThreePassCase around;
+    CellCase around;
     around.cell.rules = CELL_WIDENED_SEARCH;
     for (int i = 0; i < 20; ++i) around.add(-0.8f + 0.08f * i, 0.3f * std::sin(1.7f * i), 0.05f, 0, 0, 1);
-    around.runAll();
+    around.run(INIT, VALUES);
     ASSERT_EQ(around.cell.field_flag, 1);
     EXPECT_NEAR(around.cell.fields[0].value, 0.05f, 1e-5f);
 }
 
-TEST(InitNormals, EachRejectionNamesItsRule) {
-    CellCase few;
-    tiltedPlane(few, 3);
-    few.run();
-    EXPECT_EQ(cellRejection(few.cell.rules), CELL_FEW_POINTS);
+namespace {
 
-    CellCase scattered;  // the case of TwoOfFiveAgreeingWithoutAnotherMajorityRejects
-    scattered.add(0.0f, 0.0f, 0.0f, 0, 0, 1);
-    scattered.add(0.3f, 0.0f, 0.0f, 0, 0, 1);
-    scattered.add(0.0f, 0.3f, 0.0f, 1, 0, 0);
-    scattered.add(0.2f, 0.2f, 0.1f, 0, 1, 0);
-    scattered.add(-0.2f, 0.1f, 0.2f, 0, -1, 0);
-    scattered.run();
-    EXPECT_EQ(cellRejection(scattered.cell.rules), CELL_NO_COMMON_NORMAL);
+void fit(const std::vector<std::array<float, 3>>& points, const float reference[3], float normal[3]) {
+    MomentSums sums{};
+    for (const auto& p : points) accumulateCovariance(p.data(), sums);
+    fitPlaneNormal(sums, static_cast<int>(points.size()), reference, normal);
+}
+
+}  // namespace
+
+TEST(PlaneFit, DegenerateAndFlatSetsGiveTheAxisTheReferenceAsksFor) {
+    std::vector<std::array<float, 3>> flat;
+    for (int i = -3; i <= 3; ++i)
+        for (int j = -2; j <= 2; ++j) flat.push_back({0.3f * i + 0.05f * j, 0.2f * j, 0.0f});
+    const std::vector<std::array<float, 3>> same(5, {1.5f, -2.0f, 0.25f});
+    const std::vector<std::array<float, 3>> isotropic = {{1, 0, 0},  {-1, 0, 0}, {0, 1, 0},
+                                                         {0, -1, 0}, {0, 0, 1},  {0, 0, -1}};
+    const struct {
+        const char* name;
+        const std::vector<std::array<float, 3>>& points;
+        std::array<float, 3> reference, normal;
+        float tolerance;
+    } rows[] = {
+        {"a flat set, reference up", flat, {0.1f, 0.2f, 1.0f}, {0, 0, 1}, 1e-6f},
+        {"a flat set, reference down", flat, {0.0f, 0.0f, -2.0f}, {0, 0, -1}, 1e-6f},
+        {"equal points give the first axis", same, {0.5f, 0.5f, 0.5f}, {1, 0, 0}, 0.0f},
+        {"equal points, reference behind", same, {-0.1f, 0.0f, 0.0f}, {-1, 0, 0}, 0.0f},
+        // A dot product of exactly zero leaves the solver's sign.
+        {"equal points, orthogonal reference", same, {0.0f, 1.0f, 1.0f}, {1, 0, 0}, 0.0f},
+        {"an isotropic set gives the first axis", isotropic, {1, 0, 0}, {1, 0, 0}, 0.0f},
+    };
+    for (const auto& row : rows) {
+        float normal[3];
+        fit(row.points, row.reference.data(), normal);
+        for (int k = 0; k < 3; ++k) EXPECT_NEAR(normal[k], row.normal[k], row.tolerance) << row.name << ", axis " << k;
+    }
+}
+
+TEST(PlaneFit, CollinearSetGivesAVectorOrthogonalToTheLine) {
+    std::vector<std::array<float, 3>> points;
+    const float dir[3] = {0.6f, 0.0f, 0.8f};
+    for (int i = -4; i <= 4; ++i) points.push_back({dir[0] * i, dir[1] * i, dir[2] * i});
+    float normal[3];
+    const float reference[3] = {0, 1, 0};
+    fit(points, reference, normal);
+    EXPECT_NEAR(normal[0] * dir[0] + normal[1] * dir[1] + normal[2] * dir[2], 0.0f, 1e-5f);
+    EXPECT_NEAR(normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2], 1.0f, 1e-5f);
+}
+
+TEST(PlaneFit, OrthogonalUnitSwitchesFormNearTheZAxis) {
+    double out[3];
+    const double near_z[3] = {1e-6, -1e-6, 1.0};  // within 1e-5 of |z|
+    orthogonalUnit(near_z, out);
+    EXPECT_EQ(out[0], 0.0);
+    EXPECT_NEAR(out[1], -1.0, 1e-9);
+    EXPECT_NEAR(out[2], -1e-6, 1e-9);
+    const double outside[3] = {2e-5, 0.0, 1.0};
+    orthogonalUnit(outside, out);
+    EXPECT_EQ(out[2], 0.0);
+    EXPECT_NEAR(out[1], 1.0, 1e-9);
+    for (const double* v : {near_z, outside}) {
+        orthogonalUnit(v, out);
+        EXPECT_NEAR(out[0] * v[0] + out[1] * v[1] + out[2] * v[2], 0.0, 1e-12);
+    }
+}
+
+// The solver serves covariance matrices: symmetric and positive semi-definite.
+TEST(EigenSolver, AgreesWithAnIterativeReferenceOnRandomCovariances) {
+    std::mt19937 rng(17);
+    std::uniform_real_distribution<double> entry(-3.0, 3.0);
+    std::uniform_real_distribution<double> scale_exp(-6.0, 6.0);
+    int compared_vectors = 0;
+    double worst = 0.0;
+    for (int trial = 0; trial < 2000; ++trial) {
+        const double scale = std::pow(10.0, scale_exp(rng));
+        Eigen::Matrix3d reference = Eigen::Matrix3d::Zero();
+        for (int sample = 0; sample < 3 + trial % 5; ++sample) {
+            const Eigen::Vector3d v(entry(rng), entry(rng), entry(rng) * (trial % 3 == 0 ? 0.01 : 1.0));
+            reference += v * v.transpose() * scale;
+        }
+        double matrix[9];
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) matrix[3 * i + j] = reference(i, j);
+        double vectors[3][3], values[3];
+        solveSymmetricEigen3(matrix, vectors, values);
+
+        const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(reference);
+        const Eigen::Vector3d expected = solver.eigenvalues();
+        const double norm = reference.cwiseAbs().maxCoeff();
+        // The root formula runs its angle in single precision: values agree to 5e-5 of the largest entry (1.5e-5 seen).
+        for (int k = 0; k < 3; ++k) {
+            worst = std::max(worst, std::fabs(values[k] - expected(k)) / norm);
+            ASSERT_NEAR(values[k], expected(k), 5e-5 * norm) << "trial " << trial;
+        }
+        ASSERT_LE(values[0], values[1]);
+        ASSERT_LE(values[1], values[2]);
+
+        // The vector of the smallest value, where it is well separated from the next.
+        if (expected(1) - expected(0) > 1e-2 * norm) {
+            const Eigen::Vector3d v(vectors[0][0], vectors[0][1], vectors[0][2]);
+            EXPECT_NEAR(v.norm(), 1.0, 1e-9);
+            EXPECT_GT(std::fabs(v.dot(solver.eigenvectors().col(0))), 1.0 - 1e-6) << "trial " << trial;
+            ++compared_vectors;
+        }
+    }
+    EXPECT_GT(compared_vectors, 1000);
+    std::printf("largest eigenvalue deviation: %.3g of the largest entry\n", worst);
+}
+
+TEST(EigenSolver, ZeroAndSingularMatrices) {
+    double vectors[3][3], values[3];
+    const double zero[9] = {};
+    solveSymmetricEigen3(zero, vectors, values);
+    EXPECT_EQ(values[0], 0.0);
+    EXPECT_EQ(values[2], 0.0);
+    EXPECT_EQ(vectors[0][0], 1.0);
+    // Rank one: a zero root, and the quadratic rule for the others.
+    const double rank_one[9] = {4, 2, 0, 2, 1, 0, 0, 0, 0};
+    solveSymmetricEigen3(rank_one, vectors, values);
+    EXPECT_NEAR(values[0], 0.0, 1e-12);
+    EXPECT_NEAR(values[1], 0.0, 1e-12);
+    EXPECT_NEAR(values[2], 5.0, 1e-9);
+    EXPECT_NEAR(vectors[2][0] * 1 + vectors[2][1] * 0.5, std::sqrt(1.25) * (vectors[2][0] > 0 ? 1 : -1), 1e-6);
 }

@@ -1,28 +1,19 @@
 // The marker filter: matching, statistics, the limits of both passes and, end to end, simulated frames
 // with wrongly registered poses.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <set>
-
 #include "MarkerFilter.h"
 #include "ScanSimulator.h"
+#include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
+using testing_support::quiet;
 
 namespace {
 
 // Markers facing up at the given positions.
 std::shared_ptr<std::vector<OptedMarker>> markersAt(const std::vector<Vec3f>& positions) {
     auto list = std::make_shared<std::vector<OptedMarker>>();
-    for (std::size_t i = 0; i < positions.size(); ++i) {
-        OptedMarker m;
-        m.id = static_cast<std::int32_t>(i);
-        m.xyz = positions[i];
-        m.nor = {0.0f, 0.0f, 1.0f};
-        list->push_back(m);
-    }
+    for (std::size_t i = 0; i < positions.size(); ++i)
+        list->push_back({static_cast<std::int32_t>(i), positions[i], {0.0f, 0.0f, 1.0f}});
     return list;
 }
 
@@ -32,11 +23,8 @@ struct Sighting {
     Vec3f position;
 };
 std::shared_ptr<FrameDataWithInfo> frameSeeing(const std::vector<Sighting>& sightings, std::size_t points = 10) {
-    auto frame = std::make_shared<FrameDataWithInfo>();
+    auto frame = testing_support::frameOf(std::vector<Vec3f>(points, Vec3f{0, 0, 0}));
     for (int k = 0; k < 3; ++k) frame->frame_info.rotation[4 * k] = 1.0;
-    frame->xyz.assign(points, Vec3f{0, 0, 0});
-    frame->nor.assign(points, Vec3f{0, 0, 1});
-    frame->w.assign(points, 8);
     for (const Sighting& s : sightings) {
         frame->marker_ids.push_back(s.label);
         frame->marker_xyz.push_back(s.position);
@@ -51,9 +39,7 @@ Vec3f shifted(const Vec3f& p, float dx, float dy = 0.0f) { return {p[0] + dx, p[
 // i + 1 points).
 std::set<std::size_t> passedFrames(MarkerFilter& filter, std::vector<std::shared_ptr<FrameDataWithInfo>> frames) {
     std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0) << filter.getLastErrorMsg();
-    ::testing::internal::GetCapturedStdout();
+    quiet([&] { EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0) << filter.getLastErrorMsg(); });
     EXPECT_TRUE(frames.empty());
     std::set<std::size_t> indices;
     for (const auto& f : passed) {
@@ -88,11 +74,10 @@ TEST(MarkerFilter, StatisticsAccumulateAndUnmatchedLabelsCountAsZero) {
     auto f3 = frameSeeing({{9, shifted(a, -0.3f)}});
     frames = {f0, f1, f2, f3};
     f3->marker_nor[0] = {0, 0, 1};
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0);
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "filter frame by markers (4 / 4) \n");  // counts below 10: no frame stands out
-    EXPECT_EQ(f0->marker_ids.size(), 0u);                  // passed frames lose their marker lists
+    // Counts below 10: no frame stands out.
+    EXPECT_EQ(quiet([&] { ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0); }),
+              "filter frame by markers (4 / 4) \n");
+    EXPECT_EQ(f0->marker_ids.size(), 0u);  // passed frames lose their marker lists
 
     const OptedMarker& ma = (*markers)[0];
     const OptedMarker& mb = (*markers)[1];
@@ -112,9 +97,7 @@ TEST(MarkerFilter, StatisticsAccumulateAndUnmatchedLabelsCountAsZero) {
     // A second run on the same list starts from the first run's values: the old mean acts as a sum.
     const float mean1 = ma.mean, rms1 = ma.rms;
     frames = {frameSeeing({{0, shifted(a, 0.2f)}})};
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0);
-    ::testing::internal::GetCapturedStdout();
+    quiet([&] { ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0); });
     EXPECT_EQ(ma.count, 4);
     const float mean2 = (mean1 + 0.2f) / 4;
     EXPECT_FLOAT_EQ(ma.mean, mean2);
@@ -187,9 +170,8 @@ TEST(MarkerFilter, NoMarkersOrNoFramesChangeNothing) {
     EXPECT_EQ(passedFrames(filter, frames), (std::set<std::size_t>{0, 1}));
     std::vector<std::shared_ptr<FrameDataWithInfo>> none;
     std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(filter.filterScanFrameByMarkers(none, passed), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "filter frame by markers (0 / 0) \n");
+    EXPECT_EQ(quiet([&] { EXPECT_EQ(filter.filterScanFrameByMarkers(none, passed), 0); }),
+              "filter frame by markers (0 / 0) \n");
 }
 
 TEST(MarkerFilter, SimulatedFramesWithWrongPosesAreTheOnesRejected) {
@@ -207,9 +189,7 @@ TEST(MarkerFilter, SimulatedFramesWithWrongPosesAreTheOnesRejected) {
     ASSERT_EQ(filter.setOptimizedMarkers(markers), 0);
     std::vector<std::shared_ptr<FrameDataWithInfo>> input = frames;
     std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(filter.filterScanFrameByMarkers(input, passed), 0);
-    ::testing::internal::GetCapturedStdout();
+    quiet([&] { ASSERT_EQ(filter.filterScanFrameByMarkers(input, passed), 0); });
     std::set<const FrameDataWithInfo*> kept;
     for (const auto& f : passed) kept.insert(f.get());
     std::size_t rejected_good = 0;

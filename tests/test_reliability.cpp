@@ -1,24 +1,13 @@
 // What a scanner application can throw at the library: unusable points, degenerate scans, settings
 // out of range, calls during a run; twenty runs in one process; a device with little memory.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <limits>
-#include <string>
-
 #include "FakeDevices.h"
 #include "ScanSimulator.h"
-#include "tessaline/Tessaline.h"
+#include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
+using namespace testing_support;
 
 namespace {
-
-using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
 
 const Frames& scan() {
     static const Frames frames = [] {
@@ -30,55 +19,19 @@ const Frames& scan() {
     return frames;
 }
 
-struct Session {
-    int status = -1;
-    std::string output;  // the library's diagnostic lines
-    std::string error;
-    std::shared_ptr<MultiMeshData> mesh = std::make_shared<MultiMeshData>();
-};
-
-// One whole session; `before` can change settings after init.
-Session runSession(const Frames& frames, const std::function<void(Tessaline&)>& before = nullptr) {
-    Session run;
-    Tessaline engine;
-    ::testing::internal::CaptureStdout();
-    if (engine.init() == 0) {
-        engine.setResolution(0.5f);
-        if (before) before(engine);
-        for (const auto& f : frames) engine.addScanFrame_ALL(f);
-        run.status = engine.process(run.mesh);
-        run.error = engine.getLastErrorMsg();
-        engine.deInit();
-    }
-    run.output = ::testing::internal::GetCapturedStdout();
-    return run;
-}
-
-bool sameMesh(const MultiMeshData& a, const MultiMeshData& b) {
-    return a.xyz.size() == b.xyz.size() && a.w.size() == b.w.size() &&
-           std::memcmp(a.xyz.data(), b.xyz.data(), a.xyz.size() * sizeof(TriangleXYZ)) == 0 &&
-           std::memcmp(a.w.data(), b.w.data(), a.w.size() * sizeof(TriangleW)) == 0;
-}
-
-bool allFinite(const MultiMeshData& mesh) {
-    for (const TriangleXYZ& t : mesh.xyz)
-        for (float c : t.xyz)
-            if (!std::isfinite(c)) return false;
-    return true;
-}
-
-std::shared_ptr<FrameDataWithInfo> frameOf(std::vector<Vec3f> xyz, std::vector<Vec3f> nor,
-                                           std::vector<std::int32_t> w) {
-    auto f = std::make_shared<FrameDataWithInfo>();
-    f->xyz = std::move(xyz);
-    f->nor = std::move(nor);
-    f->w = std::move(w);
-    return f;
-}
-
 const Session& cleanRun() {
     static const Session run = runSession(scan());
     return run;
+}
+
+// The scan with frame copies that `change` may alter.
+Frames changedScan(const std::function<void(std::size_t, FrameDataWithInfo&)>& change) {
+    Frames frames;
+    for (std::size_t f = 0; f < scan().size(); ++f) {
+        frames.push_back(std::make_shared<FrameDataWithInfo>(*scan()[f]));
+        change(f, *frames.back());
+    }
+    return frames;
 }
 
 double residentMiB() {
@@ -98,7 +51,7 @@ TEST(BadInput, UnusablePointsAreDroppedAndCountedAndTheRestGivesTheSameMesh) {
     // Six unusable points in a frame of their own: NaN and infinite positions and normals, a normal of
     // length 0, and a position far beyond the grid.
     auto bad = frameOf({{nan, 0, 0}, {0, inf, 0}, {1, 1, 1}, {1, 1, 1}, {1, 1, 1}, {1e12f, 0, 0}},
-                       {{0, 0, 1}, {0, 0, 1}, {nan, 0, 1}, {0, -inf, 0}, {0, 0, 0}, {0, 0, 1}}, {8, 8, 8, 8, 8, 8});
+                       {{0, 0, 1}, {0, 0, 1}, {nan, 0, 1}, {0, -inf, 0}, {0, 0, 0}, {0, 0, 1}});
     Frames frames = scan();
     frames.insert(frames.begin() + 3, bad);
     const Session run = runSession(frames);
@@ -108,17 +61,16 @@ TEST(BadInput, UnusablePointsAreDroppedAndCountedAndTheRestGivesTheSameMesh) {
     EXPECT_TRUE(std::isnan(bad->xyz[0][0]));             // the application's frame is left as it was
 
     // Unknown scale codes become one cell a bin, flags kept: the same as asking for 8.
-    Frames recoded = scan(), asked8 = scan();
-    recoded[1] = std::make_shared<FrameDataWithInfo>(*recoded[1]);
-    asked8[1] = std::make_shared<FrameDataWithInfo>(*asked8[1]);
-    for (std::size_t i = 0; i < recoded[1]->w.size(); ++i) {
-        recoded[1]->w[i] = (i % 2 ? 3 : 200) | 0x200;
-        asked8[1]->w[i] = 8 | 0x200;
-    }
-    const Session a = runSession(recoded), b = runSession(asked8);
+    const auto recode = [](std::int32_t odd, std::int32_t even) {
+        return changedScan([=](std::size_t f, FrameDataWithInfo& frame) {
+            if (f != 1) return;
+            for (std::size_t i = 0; i < frame.w.size(); ++i) frame.w[i] = (i % 2 ? odd : even) | 0x200;
+        });
+    };
+    const Session a = runSession(recode(3, 200)), b = runSession(recode(8, 8));
     ASSERT_EQ(a.status, 0) << a.error;
     EXPECT_NE(a.output.find("0 points dropped (not finite, normal of length 0 or beyond the grid), " +
-                            std::to_string(recoded[1]->w.size()) + " scale codes not 0-64 set to 8"),
+                            std::to_string(scan()[1]->w.size()) + " scale codes not 0-64 set to 8"),
               std::string::npos)
         << a.output;
     EXPECT_TRUE(sameMesh(*a.mesh, *b.mesh));
@@ -128,9 +80,8 @@ TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
     // Without a usable point the run ends with status 1 and says why.
     const std::vector<std::pair<const char*, Frames>> empty_cases = {
         {"no frames", {}},
-        {"an empty frame", {frameOf({}, {}, {})}},
-        {"only unusable points",
-         {frameOf({{std::numeric_limits<float>::quiet_NaN(), 0, 0}, {3e38f, 0, 0}}, {{0, 0, 1}, {0, 0, 1}}, {8, 8})}},
+        {"an empty frame", {frameOf({})}},
+        {"only unusable points", {frameOf({{std::numeric_limits<float>::quiet_NaN(), 0, 0}, {3e38f, 0, 0}})}},
     };
     for (const auto& c : empty_cases) {
         const Session run = runSession(c.second);
@@ -140,16 +91,15 @@ TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
     }
     // A point, or a thousand on one spot, hold no surface: status 0 and (next to) no triangles.
     const std::vector<std::pair<const char*, Frames>> point_cases = {
-        {"a single point", {frameOf({{1, 2, 3}}, {{0, 0, 1}}, {8})}},
-        {"all points at the origin",
-         {frameOf(std::vector<Vec3f>(1000, Vec3f{0, 0, 0}), std::vector<Vec3f>(1000, Vec3f{0, 0, 1}),
-                  std::vector<std::int32_t>(1000, 8))}},
+        {"a single point", {frameOf({{1, 2, 3}})}},
+        {"all points at the origin", {frameOf(std::vector<Vec3f>(1000, Vec3f{0, 0, 0}))}},
     };
     for (const auto& c : point_cases) {
         const Session run = runSession(c.second);
         EXPECT_EQ(run.status, 0) << c.first << ": " << run.error;
         EXPECT_LT(run.mesh->xyz.size(), 64u) << c.first;
-        EXPECT_TRUE(allFinite(*run.mesh)) << c.first;
+        for (const TriangleXYZ& t : run.mesh->xyz)
+            EXPECT_TRUE(std::all_of(t.xyz, t.xyz + 9, [](float v) { return std::isfinite(v); })) << c.first;
     }
 }
 
@@ -157,7 +107,7 @@ TEST(BadInput, SettingsOutOfRangeAreRefusedAndTheFormerOnesKept) {
     for (float resolution :
          {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
         std::string error;
-        const Session run = runSession(scan(), [&](Tessaline& engine) {
+        const Session run = runSession(scan(), 0.5f, [&](Tessaline& engine) {
             engine.setResolution(resolution);
             error = engine.getLastErrorMsg();
         });
@@ -166,14 +116,10 @@ TEST(BadInput, SettingsOutOfRangeAreRefusedAndTheFormerOnesKept) {
         EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh)) << resolution;  // run at the former 0.5
     }
     // A laser id outside 0-7 is read as 0; a scan of one laser gives the same mesh either way.
-    Frames odd = scan(), zero = scan();
-    for (std::size_t f = 0; f < odd.size(); ++f) {
-        odd[f] = std::make_shared<FrameDataWithInfo>(*odd[f]);
-        zero[f] = std::make_shared<FrameDataWithInfo>(*zero[f]);
-        odd[f]->frame_info.laser_id = f % 2 ? 99 : -5;
-        zero[f]->frame_info.laser_id = 0;
-    }
-    const Session a = runSession(odd), b = runSession(zero);
+    const Session a = runSession(
+        changedScan([](std::size_t f, FrameDataWithInfo& frame) { frame.frame_info.laser_id = f % 2 ? 99 : -5; }));
+    const Session b =
+        runSession(changedScan([](std::size_t, FrameDataWithInfo& frame) { frame.frame_info.laser_id = 0; }));
     ASSERT_EQ(a.status, 0) << a.error;
     EXPECT_TRUE(sameMesh(*a.mesh, *b.mesh));
 }
@@ -195,10 +141,7 @@ TEST(BadInput, FramesAddedDuringARunAreRefusedAndLaterChangesAreScreened) {
     };
     engine.setProcessStepCallBack(callback);
     auto mesh = std::make_shared<MultiMeshData>();
-    ::testing::internal::CaptureStdout();
-    const int status = engine.process(mesh);
-    ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(status, 0) << engine.getLastErrorMsg();
+    quiet([&] { EXPECT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
     EXPECT_EQ(added, 1);
     EXPECT_NE(added_error.find("a run is in progress"), std::string::npos) << added_error;
     EXPECT_EQ(nested, 1);
@@ -209,7 +152,7 @@ TEST(BadInput, FramesAddedDuringARunAreRefusedAndLaterChangesAreScreened) {
     auto spoiled = std::make_shared<FrameDataWithInfo>(*scan()[0]);
     Frames frames = scan();
     frames[0] = spoiled;
-    const Session run = runSession(frames, [&](Tessaline&) { spoiled->nor[5] = {0, 0, 0}; });
+    const Session run = runSession(frames, 0.5f, [&](Tessaline&) { spoiled->nor[5] = {0, 0, 0}; });
     ASSERT_EQ(run.status, 0) << run.error;
     EXPECT_NE(run.output.find("addScanFrame: 1 points dropped"), std::string::npos) << run.output;
 }
@@ -230,7 +173,7 @@ TEST(RepeatedRuns, TwentySessionsKeepMemoryFlatAndGiveTheSameMesh) {
 
 TEST(MemoryBounds, ADeviceWithLittleFreeMemoryFallsBackToTheHostWithTheSameMesh) {
     ASSERT_EQ(cleanRun().status, 0);
-    testing_support::FakeDevices fake;
+    FakeDevices fake;
     fake.free_bytes = 8u << 20;  // 8 MiB reported free
     const Session run = runSession(scan());
     ASSERT_EQ(run.status, 0) << run.error;
@@ -248,10 +191,8 @@ TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTh
     auto frame = std::make_shared<FrameDataWithInfo>();
     for (int i = 0; i < side; ++i)
         for (int j = 0; j < side; ++j) {
-            frame->xyz.push_back(
-                {0.6f + 11.6f * i / side, 0.6f + 11.6f * j / side, 6.33f + 0.002f * ((i * 7 + j * 3) % 5)});
-            frame->nor.push_back({0.0f, 0.0f, 1.0f});
-            frame->w.push_back(8);
+            addPoint(*frame,
+                     {0.6f + 11.6f * i / side, 0.6f + 11.6f * j / side, 6.33f + 0.002f * ((i * 7 + j * 3) % 5)});
             if (frame->xyz.size() == 400000) {
                 frames.push_back(frame);
                 frame = std::make_shared<FrameDataWithInfo>();
@@ -260,10 +201,10 @@ TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTh
     frames.push_back(frame);
 
     const auto runWith = [&](std::size_t free_bytes) {
-        testing_support::FakeDevices fake;
+        FakeDevices fake;
         fake.total_bytes = 4ull << 30;
         fake.free_bytes = free_bytes;
-        return runSession(frames, [](Tessaline& engine) { engine.setResolution(0.1f); });
+        return runSession(frames, 0.1f);
     };
     const Session bounded = runWith(64u << 20);
     ASSERT_EQ(bounded.status, 0) << bounded.error;

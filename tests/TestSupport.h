@@ -1,0 +1,192 @@
+// What the test files share: points and frames built in code, whole sessions through the public
+// handle, captured output, thread counts, and where the real scans and the program are.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Portioner.h"
+#include "RangeScan.h"
+#include "tessaline/Tessaline.h"
+
+namespace SurfaceReconstruction {
+namespace testing_support {
+
+using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
+
+// What `f` printed on standard output, kept off the test's own.
+template <class F>
+std::string quiet(F&& f) {
+    ::testing::internal::CaptureStdout();
+    f();
+    return ::testing::internal::GetCapturedStdout();
+}
+
+template <class F>
+std::string quietErr(F&& f) {
+    ::testing::internal::CaptureStderr();
+    f();
+    return ::testing::internal::GetCapturedStderr();
+}
+
+// What `f` returns when it runs with `threads` OpenMP threads; the former count is restored.
+template <class F>
+auto withThreads(int threads, F&& f) {
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(threads);
+    auto result = f();
+    omp_set_num_threads(before);
+    return result;
+}
+
+inline int manyThreads() { return std::max(2, omp_get_max_threads()); }
+
+// Runs f(0) to f(n - 1) on n threads at once.
+template <class F>
+void onThreads(int n, F f) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) threads.emplace_back(f, t);
+    for (auto& thread : threads) thread.join();
+}
+
+// A scan point as the stages receive it: position, normal and word, the rest zero.
+inline RawPointWithHash scanPoint(float x, float y, float z, float nx, float ny, float nz, std::int32_t w = 8) {
+    RawPointWithHash p{};
+    p.x = x, p.y = y, p.z = z, p.nx = nx, p.ny = ny, p.nz = nz, p.w = w;
+    return p;
+}
+
+inline void addPoint(FrameDataWithInfo& frame, const Vec3f& p, const Vec3f& n = {0, 0, 1}, std::int32_t w = 8) {
+    frame.xyz.push_back(p);
+    frame.nor.push_back(n);
+    frame.w.push_back(w);
+}
+
+// A frame of these points; normals +z and words 8 where none are given.
+inline std::shared_ptr<FrameDataWithInfo> frameOf(std::vector<Vec3f> xyz, std::vector<Vec3f> nor = {},
+                                                  std::vector<std::int32_t> w = {}) {
+    auto f = std::make_shared<FrameDataWithInfo>();
+    if (nor.empty()) nor.assign(xyz.size(), Vec3f{0, 0, 1});
+    if (w.empty()) w.assign(xyz.size(), 8);
+    f->xyz = std::move(xyz), f->nor = std::move(nor), f->w = std::move(w);
+    return f;
+}
+
+// A Fibonacci lattice on a sphere: nearly even spacing, outward normals; point i goes to frame i % frames.
+inline Frames sphereScan(const Vec3f& centre, float radius, float spacing, int frames = 6) {
+    Frames result;
+    for (int f = 0; f < frames; ++f) result.push_back(std::make_shared<FrameDataWithInfo>());
+    const int n = static_cast<int>(4.0f * 3.14159265f * radius * radius / (spacing * spacing));
+    const double golden = 3.14159265358979 * (3.0 - std::sqrt(5.0));
+    for (int i = 0; i < n; ++i) {
+        const double z = 1.0 - 2.0 * (i + 0.5) / n, r = std::sqrt(1.0 - z * z), a = golden * i;
+        const Vec3f nor = {static_cast<float>(r * std::cos(a)), static_cast<float>(r * std::sin(a)),
+                           static_cast<float>(z)};
+        addPoint(*result[static_cast<std::size_t>(i % frames)],
+                 {centre[0] + radius * nor[0], centre[1] + radius * nor[1], centre[2] + radius * nor[2]}, nor);
+    }
+    return result;
+}
+
+inline std::array<float, 3> triangleNormal(const TriangleXYZ& t) {
+    const float u[3] = {t.xyz[3] - t.xyz[0], t.xyz[4] - t.xyz[1], t.xyz[5] - t.xyz[2]};
+    const float v[3] = {t.xyz[6] - t.xyz[0], t.xyz[7] - t.xyz[1], t.xyz[8] - t.xyz[2]};
+    return {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+}
+
+inline bool sameMesh(const MultiMeshData& a, const MultiMeshData& b) {
+    return a.xyz.size() == b.xyz.size() && a.w.size() == b.w.size() &&
+           std::memcmp(a.xyz.data(), b.xyz.data(), a.xyz.size() * sizeof(TriangleXYZ)) == 0 &&
+           std::memcmp(a.w.data(), b.w.data(), a.w.size() * sizeof(TriangleW)) == 0;
+}
+
+// One whole session through the public handle; `before` runs after init and the resolution.
+struct Session {
+    int status = -1;
+    int refused = 0;     // frames that addScanFrame_ALL refused
+    std::string output;  // the library's diagnostic lines
+    std::string error;
+    std::shared_ptr<MultiMeshData> mesh = std::make_shared<MultiMeshData>();
+};
+
+inline Session runSession(const Frames& frames, float resolution = 0.5f,
+                          const std::function<void(Tessaline&)>& before = nullptr) {
+    Session run;
+    run.output = quiet([&] {
+        Tessaline engine;
+        if (engine.init() != 0) return;
+        engine.setResolution(resolution);
+        if (before) before(engine);
+        for (const auto& f : frames) run.refused += engine.addScanFrame_ALL(f) != 0 ? 1 : 0;
+        run.status = engine.process(run.mesh);
+        run.error = engine.getLastErrorMsg();
+        engine.deInit();
+    });
+    return run;
+}
+
+// The mesh of a session that must succeed.
+inline std::shared_ptr<MultiMeshData> meshOf(const Frames& frames, float resolution = 0.5f) {
+    const Session run = runSession(frames, resolution);
+    EXPECT_EQ(run.refused, 0);
+    EXPECT_EQ(run.status, 0) << run.error;
+    return run.mesh;
+}
+
+// A Portioner over its own parameter records, set up the way the engine does it.
+inline std::shared_ptr<DeviceParameters> configurePortioner(Portioner& portioner, std::uint32_t max_frame_points,
+                                                            std::uint32_t block_size, float resolution) {
+    auto params = std::make_shared<DeviceParameters>();
+    std::memset(params.get(), 0, sizeof(DeviceParameters));
+    params->MAX_FRAME_POINTS = max_frame_points;
+    portioner.setDeviceParams(params);
+    portioner.setPortionerParams(
+        std::make_shared<PortionerParameters>(PortionerParameters{block_size, 12, block_size + 24}));
+    portioner.setResolution(resolution);
+    return params;
+}
+
+inline std::string tempPath(const std::string& name) { return ::testing::TempDir() + "tessaline_" + name; }
+
+// The real bunny scans beside the repository, in millimetres; tests that need them skip without them.
+inline std::string bunnyPath(const std::string& file) {
+    return std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/" + file;
+}
+inline std::string bunnyConfPath() { return bunnyPath("scans/bun.conf"); }
+
+// Every scan of the set, read once for the whole test program; each call hands out fresh copies.
+inline Frames bunnyFrames() {
+    static const Frames frames = tessaline_tools::readRangeScanSet(bunnyConfPath());
+    Frames copies;
+    for (const auto& f : frames) copies.push_back(std::make_shared<FrameDataWithInfo>(*f));
+    return copies;
+}
+
+#define TESSALINE_REQUIRE_BUNNY()                                                         \
+    if (!std::ifstream(::SurfaceReconstruction::testing_support::bunnyConfPath()).good()) \
+    GTEST_SKIP() << "no scans at " << ::SurfaceReconstruction::testing_support::bunnyConfPath()
+
+// The command-line program, in builds that make it; the tests of the program skip without it.
+#if defined(TESSALINE_CLI_PATH)
+inline std::string programPath() { return TESSALINE_CLI_PATH; }
+#define TESSALINE_REQUIRE_PROGRAM() static_cast<void>(0)
+#else
+inline std::string programPath() { return std::string(); }
+#define TESSALINE_REQUIRE_PROGRAM() GTEST_SKIP() << "the tessaline program is not built (TESSALINE_BUILD_TOOLS=OFF)"
+#endif
+
+}  // namespace testing_support
+}  // namespace SurfaceReconstruction

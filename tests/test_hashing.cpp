@@ -1,0 +1,374 @@
+// The grid hash, the SimpleLineHash and the octree's hash table: chains into the overflow area,
+// concurrent find-or-insert and exhaustion; the pools of cells and field slots grown from many threads;
+// the octree's roots and descents.
+#include <limits>
+
+#include "FieldDataPool.h"
+#include "GridHash.h"
+#include "HashOctree.h"
+#include "SimpleLineHash.h"
+#include "TestSupport.h"
+
+using namespace SurfaceReconstruction;
+using testing_support::onThreads;
+using testing_support::quiet;
+
+namespace {
+
+// The first x > `after` whose key (x, 0, 0) shares the slot of (0, 0, 0) under `mask`.
+int collidingX(std::uint32_t mask, int after = 0) {
+    int x = after + 1;
+    while (hashGridKey(x, 0, 0, mask) != hashGridKey(0, 0, 0, mask)) ++x;
+    return x;
+}
+
+std::shared_ptr<HashParameters> smallParams(std::uint64_t buckets, std::uint64_t excess) {
+    return std::make_shared<HashParameters>(HashParameters{buckets, buckets - 1, excess, 500000, 4, 10000});
+}
+
+}  // namespace
+
+TEST(GridHash, GridIndexIsTheFloorExceptAtExactNegativeMultiples) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const int lowest = std::numeric_limits<std::int32_t>::min(), highest = std::numeric_limits<std::int32_t>::max();
+    // -256 is exactly -1.0 blocks: it lands one lower.
+    const std::pair<float, int> table[] = {{-256.0f, -2}, {-128.0f, -1},      {-64.0f, -1},      {-1.0e-6f, -1},
+                                           {0.0f, 0},     {64.0f, 0},         {256.0f, 1},       {-512.0f, -3},
+                                           {nan, 0},      {1.0e30f, highest}, {-1.0e30f, lowest}};
+    for (const auto& [v, index] : table) EXPECT_EQ(gridIndex(v, 256.0f), index) << v;
+}
+
+TEST(SimpleLineHash, InsertFindAndRepeatedInsert) {
+    SimpleLineHash table;
+    SimpleLineHashEntry* entry = nullptr;
+    EXPECT_EQ(table.insert(1, 2, 3, entry), 1);  // before init
+    EXPECT_EQ(table.clear(), 1);
+    ASSERT_EQ(table.init(32768, 20000), 0);
+    EXPECT_EQ(table.getHashMask(), 32767u);
+
+    EXPECT_EQ(table.find(0, 0, 0, entry), 1);  // an empty slot also holds a zero key
+    ASSERT_EQ(table.insert(0, 0, 0, entry), 0);
+    EXPECT_EQ(entry, table.getHashEntriesPtr() + hashGridKey(0, 0, 0, 32767));
+    entry->id = 42;
+    SimpleLineHashEntry *again = nullptr, *found = nullptr;
+    ASSERT_EQ(table.insert(0, 0, 0, again), 0);
+    EXPECT_EQ(again, entry);
+    EXPECT_EQ(again->id, 42);  // what the caller stored stays
+    ASSERT_EQ(table.find(0, 0, 0, found), 0);
+    EXPECT_EQ(found, entry);
+    EXPECT_EQ(table.find(5, 5, 5, found), 1);
+    EXPECT_EQ(found, nullptr);
+}
+
+TEST(SimpleLineHash, CollisionGoesToTheFirstExcessEntryAndExhausts) {
+    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
+    SimpleLineHash table;
+    ASSERT_EQ(table.init(1024, 1), 0);
+    SimpleLineHashEntry *first = nullptr, *second = nullptr, *found = nullptr;
+    ASSERT_EQ(table.insert(0, 0, 0, first), 0);
+    ASSERT_EQ(table.insert(x1, 0, 0, second), 0);
+    EXPECT_EQ(second - table.getHashEntriesPtr(), 1024);
+    EXPECT_EQ(first->next, 1024);
+    ASSERT_EQ(table.find(x1, 0, 0, found), 0);
+    EXPECT_EQ(found, second);
+
+    // The excess area is full now: a third key of the slot fails with the message.
+    SimpleLineHashEntry* third = second;
+    EXPECT_EQ(quiet([&] { EXPECT_EQ(table.insert(x2, 0, 0, third), 1); }),
+              "---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
+    EXPECT_EQ(third, nullptr);
+    ASSERT_EQ(table.insert(x1, 0, 0, found), 0);  // existing keys still work
+    EXPECT_EQ(found, second);
+
+    SimpleLineHash no_excess;
+    ASSERT_EQ(no_excess.init(1024, 0), 0);
+    ASSERT_EQ(no_excess.insert(0, 0, 0, first), 0);
+    EXPECT_FALSE(quiet([&] { EXPECT_EQ(no_excess.insert(x1, 0, 0, second), 1); }).empty());
+}
+
+TEST(SimpleLineHash, ConcurrentInsertsAgreeOnOneEntryPerKey) {
+    SimpleLineHash table;
+    ASSERT_EQ(table.init(256, 20000), 0);  // few buckets: long chains, many races at chain ends
+    constexpr int THREADS = 8, KEYS = 3000;
+    std::vector<std::vector<SimpleLineHashEntry*>> got(THREADS, std::vector<SimpleLineHashEntry*>(KEYS));
+    onThreads(THREADS, [&](int t) {
+        for (int k = 0; k < KEYS; ++k) {
+            const int key = (k * 7 + t * 13) % KEYS;  // every thread inserts every key, in its own order
+            ASSERT_EQ(table.insert(key, -key, key / 3, got[t][key]), 0);
+        }
+    });
+    std::set<SimpleLineHashEntry*> distinct;
+    for (int k = 0; k < KEYS; ++k) {
+        SimpleLineHashEntry *e = got[0][k], *found = nullptr;
+        for (int t = 1; t < THREADS; ++t) ASSERT_EQ(got[t][k], e);
+        EXPECT_EQ(e->x, k);
+        EXPECT_EQ(e->y, -k);
+        ASSERT_EQ(table.find(k, -k, k / 3, found), 0);
+        EXPECT_EQ(found, e);
+        distinct.insert(e);
+    }
+    EXPECT_EQ(distinct.size(), static_cast<std::size_t>(KEYS));
+}
+
+TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
+    HashTable table;
+    auto global = std::make_shared<GlobalHashParams>();
+    ASSERT_EQ(table.init(smallParams(1024, 4), global), 0);
+    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1024);
+    EXPECT_EQ(table.findHashEntry(0, 0, 0), nullptr);
+
+    const int other = collidingX(1023);
+    HashEntry* first = table.findOrInsertHashEntry(0, 0, 0);
+    HashEntry* second = table.findOrInsertHashEntry(other, 0, 0);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(first, &table.slot(hashGridKey(0, 0, 0, 1023)));
+    EXPECT_EQ(second, &table.slot(1024));  // the first overflow slot
+    EXPECT_EQ(first->next(), 1024);
+    EXPECT_EQ(second->dataId(), -1);
+    EXPECT_EQ(second->next(), 0);                                               // occupied, end of its chain
+    EXPECT_EQ(table.slot((hashGridKey(0, 0, 0, 1023) + 1) % 1024).next(), -1);  // a zeroed slot is empty
+    EXPECT_EQ(table.findHashEntry(other, 0, 0), second);
+    EXPECT_EQ(table.findOrInsertHashEntry(0, 0, 0), first);
+    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);
+}
+
+TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
+    HashTable table;
+    ASSERT_EQ(table.init(smallParams(2, 3), std::make_shared<GlobalHashParams>()), 0);  // almost every key chains
+    std::vector<HashEntry*> entries;
+    for (int k = 0; k < 5; ++k) entries.push_back(table.findOrInsertHashEntry(k, k, k));
+    for (HashEntry* e : entries) ASSERT_NE(e, nullptr);
+    bool refused = false;
+    const std::string out = quiet([&] {
+        for (int k = 5; k < 20 && !refused; ++k) refused = table.findOrInsertHashEntry(k, k, k) == nullptr;
+    });
+    EXPECT_TRUE(refused);
+    EXPECT_NE(out.find("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"),
+              std::string::npos);
+    for (int j = 0; j < 5; ++j) {
+        EXPECT_EQ(table.findHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
+        EXPECT_EQ(table.findOrInsertHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
+    }
+}
+
+TEST(HashTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
+    HashTable table;
+    auto global = std::make_shared<GlobalHashParams>();
+    ASSERT_EQ(table.init(smallParams(64, 5000), global), 0);
+    constexpr int THREADS = 8, KEYS = 2000;
+    std::vector<std::vector<HashEntry*>> got(THREADS, std::vector<HashEntry*>(KEYS));
+    onThreads(THREADS, [&](int t) {
+        for (int i = 0; i < KEYS; ++i) {
+            const int key = (i * 11 + t * 5) % KEYS;
+            got[t][key] = table.findOrInsertHashEntry(key, 1, -key);
+        }
+    });
+    std::set<HashEntry*> distinct;
+    for (int key = 0; key < KEYS; ++key) {
+        HashEntry* e = got[0][key];
+        ASSERT_NE(e, nullptr);
+        for (int t = 1; t < THREADS; ++t) ASSERT_EQ(got[t][key], e);
+        EXPECT_EQ(table.findHashEntry(key, 1, -key), e);
+        distinct.insert(e);
+    }
+    EXPECT_EQ(distinct.size(), static_cast<std::size_t>(KEYS));
+    // Exactly one overflow slot was taken for each key that did not get a bucket slot.
+    std::size_t in_overflow = 0;
+    for (HashEntry* e : distinct) in_overflow += (e - &table.slot(0)) >= 64 ? 1 : 0;
+    EXPECT_EQ(static_cast<std::size_t>(global->cur_ExcessHash_Index.load() - 64), in_overflow);
+}
+
+TEST(CellNodePool, CrossingTheBlockBoundaryFromManyThreadsAddsOneBlockEach) {
+    CellNodePool pool;
+    ASSERT_EQ(pool.init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 1000, 2, 50})), 0);
+    EXPECT_EQ(pool.blockCount(), 2);
+    constexpr int THREADS = 8, PER_THREAD = 2500;  // 20000 cells: 20 blocks of 1000
+    std::vector<std::vector<std::int32_t>> got(THREADS);
+    onThreads(THREADS, [&](int t) {
+        for (int i = 0; i < PER_THREAD; ++i) {
+            std::int32_t index = -1;
+            ASSERT_EQ(pool.allocDataIndex(index), 0);
+            new (pool.cellAt(index)) CellNode{};  // the address is usable at once
+            pool.cellAt(index)->data_id = index;
+            got[t].push_back(index);
+        }
+    });
+    std::set<std::int32_t> all;
+    for (const auto& list : got) all.insert(list.begin(), list.end());
+    EXPECT_EQ(all.size(), static_cast<std::size_t>(THREADS * PER_THREAD));
+    EXPECT_EQ(*all.rbegin(), THREADS * PER_THREAD - 1);
+    EXPECT_EQ(pool.blockCount(), 20);
+    for (std::int32_t i : all) ASSERT_EQ(pool.cellAt(i)->data_id, i);
+}
+
+TEST(CellNodePool, FailedGrowthGivesTheReservationBack) {
+    CellNodePool pool;
+    ASSERT_EQ(pool.init(std::make_shared<HashParameters>(HashParameters{64, 63, 8, 4, 1, 1})), 0);  // one block
+    std::int32_t index = -1;
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(pool.allocDataIndex(index), 0);
+    EXPECT_EQ(pool.allocDataIndex(index), 66049);
+    EXPECT_EQ(index, -1);
+    EXPECT_EQ(pool.cellCount(), 4);
+    EXPECT_EQ(pool.deInit(), 0);
+    EXPECT_EQ(pool.blockCount(), 0);
+}
+
+TEST(FieldDataPool, ConcurrentReservationsAreDisjointAndGrowThePool) {
+    FieldDataPool pool;
+    ASSERT_TRUE(pool.init());
+    constexpr int THREADS = 8, PER_THREAD = 150000;  // 2.4 million slots: beyond the first four blocks
+    std::vector<std::vector<std::pair<std::int32_t, std::int32_t>>> got(THREADS);
+    onThreads(THREADS, [&](int t) {
+        for (int i = 0; i < PER_THREAD; ++i) {
+            std::int32_t index = -1;
+            const std::int32_t count = 1 + (i & 1);
+            ASSERT_EQ(pool.allocDataIndex(index, count), 0);
+            got[t].emplace_back(index, count);
+            FieldSlot* s = pool.slot(index + count - 1);  // the last slot of the run must exist
+            ASSERT_NE(s, nullptr);
+            s->value = static_cast<float>(t);
+        }
+    });
+    std::vector<std::pair<std::int32_t, std::int32_t>> runs;
+    for (const auto& list : got) runs.insert(runs.end(), list.begin(), list.end());
+    std::sort(runs.begin(), runs.end());
+    std::int32_t expected = 0;
+    for (const auto& run : runs) {
+        ASSERT_EQ(run.first, expected);  // no gap, no overlap
+        expected += run.second;
+    }
+    EXPECT_EQ(expected, pool.size());
+    EXPECT_EQ(pool.blockCount(),
+              (expected + FieldDataPool::FIELD_POOL_BLOCK_SIZE) / FieldDataPool::FIELD_POOL_BLOCK_SIZE);
+}
+
+namespace {
+
+// An octree over small tables: resolution 0.5, blocks of 256 bins, so roots of edge 128.
+class SmallOctree : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(octree.init(std::make_shared<HashParameters>(HashParameters{1024, 1023, 64, 10000, 2, 1000})), 0);
+        octree.setResolution(0.5f);
+        octree.setBlockSize(256);
+    }
+    std::shared_ptr<HashRootCellData> root(float x, float y, float z) {
+        const float p[3] = {x, y, z};
+        std::shared_ptr<HashRootCellData> result;
+        EXPECT_EQ(octree.insertBlockHash(p, result), 0);
+        return result;
+    }
+    HashOctree octree;
+};
+
+int countCells(const CellNode* n) {
+    int count = 1;
+    for (const CellNode* child : n->children) count += child ? countCells(child) : 0;
+    return count;
+}
+
+}  // namespace
+
+TEST_F(SmallOctree, OneRootPerBlockWithItsGeometry) {
+    const auto a = root(10.3f, -0.2f, 130.0f);
+    EXPECT_EQ(root(120.0f, -100.0f, 250.0f), a);  // same block of edge 128
+    std::shared_ptr<HashRootCellList> list;
+    ASSERT_EQ(octree.getHashCellList(list), 0);
+    EXPECT_EQ(list->datas_size.load(), 1);
+    const CellNode& cell = *a->root_cell;
+    EXPECT_FLOAT_EQ(cell.center[0], 64.0f);
+    EXPECT_FLOAT_EQ(cell.center[1], -64.0f);
+    EXPECT_FLOAT_EQ(cell.center[2], 192.0f);
+    EXPECT_FLOAT_EQ(cell.half_size, 64.0f);
+    EXPECT_EQ(cell.cell_type, CELL_TYPE_BRANCH);
+    const float p[3] = {10.3f, -0.2f, 130.0f}, elsewhere[3] = {-500.0f, 0.0f, 0.0f};
+    EXPECT_EQ(octree.getHashRootCell(p), a);
+    EXPECT_EQ(octree.getHashRootCell(elsewhere), nullptr);
+}
+
+TEST_F(SmallOctree, DescentStopsAtTheOctaveOfTheTarget) {
+    const float p[3] = {10.3f, 20.1f, 30.7f};
+    const auto r = root(p[0], p[1], p[2]);
+    CellNode* leaf = nullptr;
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, p, 0.25f, leaf), 0);  // a bin: level 8
+    EXPECT_FLOAT_EQ(leaf->half_size, 0.25f);
+    EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+    for (int k = 0; k < 3; ++k) EXPECT_LE(std::fabs(p[k] - leaf->center[k]), leaf->half_size);
+    EXPECT_EQ(countCells(r->root_cell), 9);  // root and one cell on each of eight levels
+    int depth = 0;
+    for (const CellNode* n = leaf; n->parent; n = n->parent, ++depth) {
+        EXPECT_EQ(n->parent->cell_type, CELL_TYPE_BRANCH);
+        EXPECT_FLOAT_EQ(n->parent->half_size, n->half_size * 2.0f);
+    }
+    EXPECT_EQ(depth, 8);
+
+    // A finer request inside the leaf returns the leaf and creates nothing.
+    CellNode* finer = nullptr;
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, p, 0.03125f, finer), 0);
+    EXPECT_EQ(finer, leaf);
+    EXPECT_EQ(countCells(r->root_cell), 9);
+
+    // The root's own half size returns the root as a leaf.
+    const float q[3] = {-50.0f, 0.0f, 0.0f};
+    const auto other = root(q[0], q[1], q[2]);
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*other, q, 64.0f, leaf), 0);
+    EXPECT_EQ(leaf, other->root_cell);
+    EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+}
+
+TEST_F(SmallOctree, PointsOutsideTheRootAreRefusedAndTheFaceIsInside) {
+    const auto r = root(1.0f, 1.0f, 1.0f);  // centre (64, 64, 64), half 64
+    CellNode* leaf = nullptr;
+    const float outside[3] = {128.5f, 1.0f, 1.0f}, face[3] = {128.0f, 1.0f, 1.0f};
+    EXPECT_EQ(octree.insertLeafNodeForHashBlock(*r, outside, 0.25f, leaf), 66051);
+    EXPECT_EQ(countCells(r->root_cell), 1);
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, face, 0.25f, leaf), 0);
+    EXPECT_FLOAT_EQ(leaf->center[0], 127.75f);  // the + side at every split ends at the face
+}
+
+TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
+    const float base[3] = {3.0f, 5.0f, 7.0f};
+    const auto r = root(base[0], base[1], base[2]);
+    constexpr int THREADS = 8;
+    std::vector<std::vector<CellNode*>> leaves(THREADS);
+    onThreads(THREADS, [&](int t) {
+        for (int i = 0; i < 400; ++i) {
+            const float p[3] = {base[0] + (i % 20) * 0.5f, base[1] + (i / 20) * 0.5f, base[2]};
+            CellNode* leaf = nullptr;
+            ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, p, 0.25f, leaf), 0);
+            leaves[t].push_back(leaf);
+        }
+    });
+    for (int t = 1; t < THREADS; ++t) EXPECT_EQ(leaves[t], leaves[0]);
+    std::set<CellNode*> distinct(leaves[0].begin(), leaves[0].end());
+    EXPECT_EQ(distinct.size(), 400u);
+    // Every child pointer is counted once, and every returned leaf stayed a leaf.
+    std::vector<const CellNode*> stack{r->root_cell};
+    while (!stack.empty()) {
+        const CellNode* n = stack.back();
+        stack.pop_back();
+        int children = 0;
+        for (const CellNode* child : n->children)
+            if (child) ++children, stack.push_back(child);
+        EXPECT_EQ(n->child_count, children);
+    }
+    for (CellNode* leaf : distinct) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+}
+
+TEST_F(SmallOctree, ConcurrentRootCreationGivesOneRootPerBlock) {
+    constexpr int THREADS = 8;
+    std::vector<std::vector<std::shared_ptr<HashRootCellData>>> got(THREADS);
+    onThreads(THREADS, [&](int t) {
+        for (int i = 0; i < 64; ++i) {
+            const int b = (i + t) % 64;  // 64 blocks of edge 128 in a 4 x 4 x 4 cube
+            got[t].push_back(root((b % 4) * 128.0f + 1.0f, (b / 4 % 4) * 128.0f + 2.0f, (b / 16) * 128.0f + 3.0f));
+        }
+    });
+    std::shared_ptr<HashRootCellList> list;
+    ASSERT_EQ(octree.getHashCellList(list), 0);
+    EXPECT_EQ(list->datas_size.load(), 64);
+    // Thread t asked for block (i + t) % 64 at step i; thread 0 asked for it at step (i + t) % 64.
+    for (int t = 1; t < THREADS; ++t)
+        for (int i = 0; i < 64; ++i) EXPECT_EQ(got[t][i], got[0][(i + t) % 64]) << "thread " << t << ", step " << i;
+}

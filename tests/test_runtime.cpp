@@ -1,0 +1,221 @@
+// The runtime around the stages: the ThreadPool (sizes, order, exceptions through the future, the stepped
+// shutdown), TimeProfiler, the UTF-8 form of step names, and device selection through a scripted
+// runtime (the fastest device, prohibited modes, the failure texts, the bounded retry of InitGPUCUDA).
+#include <atomic>
+#include <chrono>
+
+#include "FakeDevices.h"
+#include "TestSupport.h"
+#include "ThreadPool.h"
+#include "TimeProfiler.h"
+#include "helper_cuda.h"
+
+using namespace SurfaceReconstruction;
+using namespace testing_support;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+long long msSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+}  // namespace
+
+TEST(ThreadPool, SizeIsCappedAtTwenty) {
+    EXPECT_EQ(ThreadPool(12).threadCount(), 12u);
+    EXPECT_EQ(ThreadPool(30).threadCount(), 20u);
+    EXPECT_EQ(ThreadPool(0).threadCount(), 0u);
+}
+
+TEST(ThreadPool, OneWorkerRunsTasksInCommitOrder) {
+    std::vector<int> order;
+    std::vector<std::future<int>> results;
+    {
+        ThreadPool pool(1);
+        for (int i = 0; i < 50; ++i) {
+            results.push_back(pool.commit([&order, i] {
+                order.push_back(i);  // a single worker: no two tasks overlap
+                return i * 2;
+            }));
+        }
+        for (int i = 0; i < 50; ++i) EXPECT_EQ(results[static_cast<std::size_t>(i)].get(), i * 2);
+    }
+    ASSERT_EQ(order.size(), 50u);
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+}
+
+TEST(ThreadPool, ExceptionOfATaskComesOutOfGet) {
+    ThreadPool pool(2);
+    std::future<int> failing = pool.commit([]() -> int { throw std::runtime_error("task failed"); });
+    std::future<int> fine = pool.commit([] { return 7; });
+    try {
+        failing.get();
+        ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "task failed");
+    }
+    EXPECT_EQ(fine.get(), 7);  // the worker survived
+}
+
+TEST(ThreadPool, PoolWithoutWorkersNeverRunsAndBreaksThePromise) {
+    std::atomic<bool> ran{false};
+    std::future<int> result;
+    {
+        ThreadPool pool(0);
+        result = pool.commit([&ran] {
+            ran = true;
+            return 1;
+        });
+        EXPECT_EQ(result.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    }
+    EXPECT_FALSE(ran);
+    try {
+        result.get();
+        ADD_FAILURE() << "a dropped task must report a broken promise";
+    } catch (const std::future_error& e) {
+        EXPECT_EQ(e.code(), std::future_errc::broken_promise);
+    }
+}
+
+TEST(ThreadPool, ShutdownMovesInStepsOfTwoHundredMilliseconds) {
+    auto start = Clock::now();
+    { ThreadPool idle(4); }
+    const long long idle_ms = msSince(start);
+    EXPECT_GE(idle_ms, 200);
+    EXPECT_LT(idle_ms, 2000);
+
+    std::atomic<bool> finished{false}, started{false};
+    auto pool = std::make_unique<ThreadPool>(2);
+    pool->commit([&] {
+        started = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        finished = true;
+        return 0;
+    });
+    while (!started) std::this_thread::yield();
+    start = Clock::now();
+    pool.reset();
+    const long long busy_ms = msSince(start);
+    EXPECT_TRUE(finished);    // the destructor waited for the running task
+    EXPECT_GE(busy_ms, 400);  // the next 200 ms step after the task's end
+}
+
+TEST(TimeProfiler, StopWithoutStartPrintsTheErrorLineAndEntersNothing) {
+    TimeProfiler profiler;
+    EXPECT_EQ(quiet([&] {
+                  EXPECT_EQ(profiler.time_stop("x", true), 0.0);
+                  EXPECT_EQ(profiler.time_stop("x", false), 0.0);  // still unknown: nothing was entered
+              }),
+              " time_stop error ( can not find x ) ! \n time_stop error ( can not find x ) ! \n");
+}
+
+TEST(TimeProfiler, SpanRunsFromTheLastStartAndPrintsWhenAsked) {
+    TimeProfiler profiler;
+    profiler.time_start("span");
+    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    profiler.time_start("span");  // restart
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    double first = 0, second = 0;
+    const std::string out = quiet([&] { first = profiler.time_stop("span", true); });
+    EXPECT_GE(first, 19.0);
+    EXPECT_LT(first, 120.0);
+    EXPECT_EQ(out.rfind(" span - elapsed time : ", 0), 0u);
+    EXPECT_EQ(out.substr(out.size() - 5), " ms \n");
+    // A further stop measures from the same start.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(quiet([&] { second = profiler.time_stop("span", false); }).empty());
+    EXPECT_GT(second, first);
+}
+
+TEST(StepNames, WideTextBecomesUtf8) {
+    const std::pair<std::wstring, std::string> table[] = {
+        {L"abc", "abc"},
+        {L"\u878d\u5408\u6570\u636e", "\xe8\x9e\x8d\xe5\x90\x88\xe6\x95\xb0\xe6\x8d\xae"},
+        {L"\u00e9", "\xc3\xa9"},
+        {std::wstring(1, static_cast<wchar_t>(0x1F600)), "\xf0\x9f\x98\x80"},
+        {std::wstring(1, static_cast<wchar_t>(0xD800)), "\xef\xbf\xbd"},  // a lone surrogate
+    };
+    for (const auto& [wide, utf8] : table) EXPECT_EQ(toUtf8(wide), utf8) << utf8;
+}
+
+TEST(GpuSelection, PicksLargestCoresTimesClockOfTheUsableDevicesLowestIndexOnTies) {
+    const FakeDevice slow{0, 7, 5, 20, 1000000}, fast{0, 7, 5, 40, 1000000}, usable{0, 7, 5, 10, 1000000};
+    const FakeDevice prohibited{DEVICE_COMPUTE_MODE_PROHIBITED, 8, 0, 100, 2000000};
+    const struct {
+        const char* name;
+        std::vector<FakeDevice> devices;
+        int id;
+    } rows[] = {
+        {"the fastest", {slow, fast, fast}, 1},
+        {"the lowest index on ties", {fast, fast}, 0},
+        // 6.1 has 128 cores a multiprocessor, 7.0 only 64: fewer multiprocessors can still win.
+        {"cores a multiprocessor by capability",
+         {FakeDevice{0, 7, 0, 30, 1000000}, FakeDevice{0, 6, 1, 16, 1000000}},
+         1},
+        {"a prohibited device passed over", {prohibited, usable}, 1},
+        {"all prohibited", {prohibited, prohibited}, -1},
+    };
+    for (const auto& row : rows) {
+        FakeDevices fake(row.devices);
+        std::string error;
+        EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), row.id) << row.name;
+        if (row.id < 0) {
+            EXPECT_EQ(error, "gpuGetMaxGflopsDeviceId() CUDA error: all devices have compute mode prohibited.");
+        }
+    }
+}
+
+TEST(GpuSelection, FailedQueryIsReportedAndSelectionGoesOn) {
+    FakeDevices fake({FakeDevice{}});
+    fake.attribute_result = DEVICE_ERROR_INVALID_DEVICE;
+    std::string error;
+    // Every attribute keeps its former value: mode -1, capability 0.0, no multiprocessors.
+    const std::string err = quietErr([&] { quiet([&] { EXPECT_EQ(gpuGetMaxGflopsDeviceId(error), 0); }); });
+    EXPECT_NE(err.find("code=101(cudaErrorInvalidDevice)"), std::string::npos);
+    EXPECT_FALSE(gpuDeviceInit(0, error));
+    EXPECT_EQ(error, "gpuDeviceInit(): GPU device does not support CUDA.");
+}
+
+TEST(GpuSelection, DeviceInitRefusesBadIndexProhibitedAndPreCudaDevices) {
+    FakeDevices fake(
+        {FakeDevice{}, FakeDevice{DEVICE_COMPUTE_MODE_PROHIBITED, 7, 5, 10, 1}, FakeDevice{0, 0, 9, 10, 1}});
+    std::string error;
+    EXPECT_FALSE(gpuDeviceInit(3, error));
+    EXPECT_EQ(error, "gpuDeviceInit() CUDA error: invalid devID.");
+    EXPECT_FALSE(gpuDeviceInit(1, error));
+    EXPECT_EQ(error, "Error: device is running in <Compute Mode Prohibited>, no threads can use cudaSetDevice().");
+    EXPECT_FALSE(gpuDeviceInit(2, error));
+    EXPECT_EQ(error, "gpuDeviceInit(): GPU device does not support CUDA.");
+    EXPECT_EQ(fake.set_device_calls, 0);
+    EXPECT_TRUE(gpuDeviceInit(0, error));
+    EXPECT_EQ(fake.last_set_device, 0);
+}
+
+TEST(GpuSelection, InitGpuRetriesThreeTimesThenGivesUp) {
+    FakeDevices fake(std::vector<FakeDevice>{});
+    std::string message;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(InitGPUCUDA(message), 65793);
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(message, "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.");
+    EXPECT_GE(ms, 300);  // a 100 ms pause after each of the three failures
+}
+
+TEST(GpuSelection, InitGpuSelectsTheBestDevice) {
+    FakeDevices fake({FakeDevice{0, 7, 5, 10, 1000000}, FakeDevice{0, 7, 5, 80, 1000000}});
+    std::string message;
+    EXPECT_EQ(InitGPUCUDA(message), 0);
+    EXPECT_EQ(message, "sucess");
+    EXPECT_EQ(fake.last_set_device, 1);
+}
+
+#if !defined(TESSALINE_CUDA)
+TEST(GpuSelection, HostBackendPresentsOneUsableDevice) {
+    int count = 0;
+    ASSERT_EQ(deviceGetCount(&count), DEVICE_SUCCESS);
+    EXPECT_EQ(count, 1);
+    std::string message;
+    EXPECT_EQ(InitGPUCUDA(message), 0);
+    EXPECT_EQ(message, "sucess");
+}
+#endif

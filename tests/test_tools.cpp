@@ -1,0 +1,463 @@
+// The command-line program and what it rests on: PLY point clouds in every layout and malformed ones,
+// welding and the mesh formats, the built-in part, the scanner simulation, surface comparison, pictures,
+// and the program's answers to good and bad input.
+#include <png.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <iterator>
+
+#include "MeshIO.h"
+#include "MeshRender.h"
+#include "Part.h"
+#include "PointCloudIO.h"
+#include "ScanSimulator.h"
+#include "SurfaceCompare.h"
+#include "TestSupport.h"
+
+using namespace SurfaceReconstruction;
+using namespace testing_support;
+using tessaline_tools::P3;
+using tessaline_tools::Part;
+using tessaline_tools::Triangle;
+
+namespace {
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string writeFile(const std::string& name, const std::string& text) {
+    const std::string path = tempPath(name);
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+// The text of the error that reading `path` throws, empty when none.
+template <class Read>
+std::string errorOf(Read read) {
+    try {
+        read();
+    } catch (const std::runtime_error& e) {
+        return std::string(e.what());
+    }
+    return std::string();
+}
+
+template <class T>
+void put(std::ostream& out, T value, bool big_endian) {
+    unsigned char bytes[sizeof(T)];
+    std::memcpy(bytes, &value, sizeof(T));
+    if (big_endian) std::reverse(bytes, bytes + sizeof(T));
+    out.write(reinterpret_cast<const char*>(bytes), sizeof(T));
+}
+
+// A binary PLY of three points with the given byte order, properties in the order nz, x, ny, y, nx, z
+// as doubles, plus an unused uchar.
+void writeBinaryPly(const std::string& path, bool big_endian, bool truncate = false) {
+    std::ofstream out(path, std::ios::binary);
+    out << "ply\nformat " << (big_endian ? "binary_big_endian" : "binary_little_endian") << " 1.0\n"
+        << "element vertex 3\nproperty double nz\nproperty double x\nproperty double ny\n"
+        << "property double y\nproperty double nx\nproperty uchar quality\nproperty double z\nend_header\n";
+    for (int i = 0; i < (truncate ? 2 : 3); ++i) {
+        for (double v : {1.0, 10.0 + i, 0.0, 20.0 + i, 0.0}) put(out, v, big_endian);
+        out.put(7);
+        put(out, 30.0 + i, big_endian);
+    }
+}
+
+const char* const XYZ_HEADER =
+    "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+    "property float z\n";
+
+// Runs the command-line program: its exit status and what it wrote on standard output and error.
+struct ProgramRun {
+    int status;
+    std::string out, err;
+};
+ProgramRun runProgram(const std::string& arguments) {
+    const std::string base = tempPath("program_" + std::to_string(getpid()));  // one per test process
+    const int status = std::system((programPath() + " " + arguments + " >" + base + ".out 2>" + base + ".err").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(base + ".out"), readFile(base + ".err")};
+}
+
+// The median (and 95%) of the distance line that `compare` and `reconstruct --reference` print.
+bool distances(const std::string& text, double& median, double& p95) {
+    const std::size_t at = text.find("distance to the reference:");
+    return at != std::string::npos &&
+           std::sscanf(text.c_str() + at, "distance to the reference: median %lf, 95%% %lf", &median, &p95) == 2;
+}
+
+}  // namespace
+
+TEST(PointCloudFiles, AsciiAndBothBinaryOrdersInAnyPropertyOrder) {
+    const std::string ascii = writeFile(
+        "ascii.ply",
+        "ply\r\nformat ascii 1.0\ncomment made by hand\nelement vertex 3\nproperty float x\nproperty float y\n"
+        "property float z\nproperty float nx\nproperty float ny\nproperty float nz\nelement face 0\n"
+        "property list uchar int vertex_indices\nend_header\n10 20 30 0 0 2\n11 21 31 0 0 1\n12 22 32 0 0 0.5\n");
+    writeBinaryPly(tempPath("little.ply"), false);
+    writeBinaryPly(tempPath("big.ply"), true);
+    tessaline_tools::PointCloudReadInfo info;
+    for (const auto& [path, scale] : {std::pair<std::string, float>{ascii, 1.0f},  // normals normalised
+                                      {tempPath("little.ply"), 1000.0f},
+                                      {tempPath("big.ply"), 1000.0f}}) {
+        const auto frame = tessaline_tools::readPlyPointCloud(path, scale, 16, info);
+        ASSERT_EQ(frame->xyz.size(), 3u) << path;
+        for (std::size_t i = 0; i < 3; ++i) {
+            const Vec3f expected = {(10.0f + i) * scale, (20.0f + i) * scale, (30.0f + i) * scale};
+            for (int k = 0; k < 3; ++k) EXPECT_FLOAT_EQ(frame->xyz[i][k], expected[k]) << path;
+            EXPECT_FLOAT_EQ(frame->nor[i][2], 1.0f) << path;
+            EXPECT_EQ(frame->w[i], 16) << path;
+        }
+    }
+    EXPECT_EQ(info.dropped, 0u);
+}
+
+TEST(PointCloudFiles, MalformedFilesGiveOneClearError) {
+    writeBinaryPly(tempPath("truncated.ply"), false, true);
+    const std::pair<std::string, const char*> cases[] = {
+        {tempPath("missing.ply"), "cannot open"},
+        {writeFile("not.ply", "solid cube\n"), "not a PLY file"},
+        {writeFile("nonormals.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n"), "no normals"},
+        {tempPath("truncated.ply"), "truncated"},
+        {writeFile("noend.ply", "ply\nformat ascii 1.0\nelement vertex 1\n"), "end_header"},
+    };
+    for (const auto& [path, expected] : cases) {
+        tessaline_tools::PointCloudReadInfo info;
+        const std::string error = errorOf([&] { tessaline_tools::readPlyPointCloud(path, 1.0f, 8, info); });
+        EXPECT_NE(error.find(expected), std::string::npos) << path << ": " << error;
+        EXPECT_NE(error.find(path), std::string::npos) << error;  // the file is named
+    }
+}
+
+TEST(PointCloudFiles, NaNPointsAreLeftOutAndCounted) {
+    const std::string path =
+        writeFile("nan.ply",
+                  "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
+                  "property float nx\nproperty float ny\nproperty float nz\nend_header\n"
+                  "1 2 3 0 0 1\nnan 2 3 0 0 1\n4 5 6 0 0 0\n");
+    tessaline_tools::PointCloudReadInfo info;
+    const auto frame = tessaline_tools::readPlyPointCloud(path, 1.0f, 8, info);
+    EXPECT_EQ(frame->xyz.size(), 1u);
+    EXPECT_EQ(info.dropped, 2u);  // the NaN and the point without a normal
+    EXPECT_EQ(frame->xyz.size(), frame->w.size());
+}
+
+TEST(MeshFiles, WeldingSharesVerticesAndDropsDegenerateTriangles) {
+    MultiMeshData soup;
+    const TriangleXYZ a = {{0, 0, 0, 1, 0, 0, 0, 1, 0}};
+    const TriangleXYZ b = {{1, 0, 0, 1, 1, 0, 0, 1.00000001f, 0}};  // shares an edge, within the tolerance
+    const TriangleXYZ flat = {{2, 2, 2, 2, 2, 2.00000001f, 3, 3, 3}};
+    soup.xyz = {a, b, flat};
+    soup.w = {TriangleW{{1, 2, 3}}, TriangleW{{4, 5, 6}}, TriangleW{{7, 8, 9}}};
+    const auto welded = tessaline_tools::weldMesh(soup, 1e-4f, 10.0f);
+    EXPECT_EQ(welded.vertices.size(), 6u);  // 4 of the pair, 2 of the collapsed triangle
+    EXPECT_EQ(welded.triangles.size(), 2u);
+    EXPECT_EQ(welded.dropped, 1u);
+    EXPECT_EQ(tessaline_tools::countBoundaryEdges(welded), 4u);
+    EXPECT_FLOAT_EQ(welded.vertices[1][0], 10.0f);  // scaled on the way
+
+    for (const std::string ext : {"ply", "obj", "stl"}) {
+        const std::string path = tempPath("mesh." + ext);
+        tessaline_tools::writeWeldedMesh(path, welded);
+        std::ifstream in(path, std::ios::binary | std::ios::ate);
+        ASSERT_TRUE(in.good()) << ext;
+        if (ext == "stl") {
+            EXPECT_EQ(static_cast<long>(in.tellg()), 84 + 50 * 2);
+        }
+        EXPECT_FALSE(std::ifstream(path + ".partial").good());
+    }
+    EXPECT_THROW(tessaline_tools::writeWeldedMesh(tempPath("mesh.xyz"), welded), std::runtime_error);
+    EXPECT_FALSE(std::ifstream(tempPath("mesh.xyz")).good());
+}
+
+TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {
+    // One quad and one triangle over four vertices, with an extra vertex property before x.
+    const std::string header_rest =
+        " 1.0\nelement vertex 4\nproperty uchar red\nproperty float x\nproperty float y\nproperty double z\n"
+        "element face 2\nproperty list uchar int vertex_indices\nend_header\n";
+    const std::string ascii =
+        writeFile("quad_ascii.ply",
+                  "ply\nformat ascii" + header_rest + "9 0 0 0\n9 1 0 0\n9 1 1 0.5\n9 0 1 0\n4 0 1 2 3\n3 0 2 1\n");
+    const std::string binary = tempPath("quad_binary.ply");
+    {
+        std::ofstream out(binary, std::ios::binary);
+        out << "ply\nformat binary_big_endian" << header_rest;
+        const float xy[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+        for (int v = 0; v < 4; ++v) {
+            out.put(9);
+            put(out, xy[v][0], true), put(out, xy[v][1], true), put(out, v == 2 ? 0.5 : 0.0, true);
+        }
+        for (const std::vector<std::int32_t>& face : {std::vector<std::int32_t>{0, 1, 2, 3}, {0, 2, 1}}) {
+            out.put(static_cast<char>(face.size()));
+            for (std::int32_t k : face) put(out, k, true);
+        }
+    }
+    const auto a = tessaline_tools::readPlyMesh(ascii, 2.0f);
+    const auto b = tessaline_tools::readPlyMesh(binary, 2.0f);
+    ASSERT_EQ(a.triangles.size(), 3u);  // the quad fanned into two
+    EXPECT_EQ(a.triangles, b.triangles);
+    EXPECT_EQ(a.vertices, b.vertices);
+    EXPECT_FLOAT_EQ(b.vertices[2][2], 1.0f);
+
+    const std::string square = "ply\nformat ascii" + header_rest + "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n";
+    const std::pair<std::string, const char*> cases[] = {
+        {square + "3 0 1 7\n3 0 1 2\n", "a vertex that does not exist"},
+        {square + "3 0 1\n", "truncated data (face"},
+        {"ply\nformat ascii" + header_rest + "9 0 0 zero\n", "'zero' is not a number"},
+    };
+    for (const auto& [text, expected] : cases) {
+        const std::string error = errorOf([&] { tessaline_tools::readPlyMesh(writeFile("bad_mesh.ply", text)); });
+        EXPECT_NE(error.find(expected), std::string::npos) << error;
+    }
+}
+
+TEST(PartShape, SamplesLieOnTheSurfaceAndRaysFindIt) {
+    const auto samples = Part::surfaceSamples(0.5);
+    ASSERT_GT(samples.size(), 10000u);
+    float lowest = 1e9f;
+    for (const auto& s : samples) {
+        ASSERT_LE(std::fabs(Part::distance({s[0], s[1], s[2]})), 1e-5) << s[0] << " " << s[1] << " " << s[2];
+        lowest = std::min(lowest, s[2]);
+    }
+    EXPECT_GT(lowest, 0.0f);  // the underside on the table is not part of the scanned surface
+    // Halving the spacing quadruples the samples: they are spread by area.
+    const double ratio = static_cast<double>(Part::surfaceSamples(0.25).size()) / static_cast<double>(samples.size());
+    EXPECT_NEAR(ratio, 4.0, 0.15);
+
+    // Straight down onto the top face, into the hole, and past the part.
+    double t = 0;
+    ASSERT_TRUE(Part::raycast({-25.0, 15.0, 100.0}, {0.0, 0.0, -1.0}, 500.0, t));
+    EXPECT_NEAR(t, 88.0, 1e-5);
+    EXPECT_NEAR(Part::normal({-25.0, 15.0, 12.0})[2], 1.0, 1e-6);
+    EXPECT_FALSE(Part::raycast({17.0, -8.0, 100.0}, {0.0, 0.0, -1.0}, 500.0, t));  // through the hole: no floor
+    EXPECT_FALSE(Part::raycast({100.0, 100.0, 100.0}, {0.0, 0.0, 1.0}, 500.0, t));
+}
+
+TEST(ScanSimulation, FramesAreRealisticAndTheSameForAnyThreadCount) {
+    tessaline_tools::ScanSimulation settings;
+    settings.target_points = 60000;
+    settings.rays_per_line = 400;
+    const auto one = withThreads(1, [&] { return tessaline_tools::simulateScan(settings); });
+    const auto two = withThreads(2, [&] { return tessaline_tools::simulateScan(settings); });
+    ASSERT_EQ(one.size(), two.size());
+    const MarkerInfos truth = tessaline_tools::simulatedMarkers();
+    std::size_t points = 0, flagged = 0, fine = 0, lasers[2] = {0, 0}, markers = 0;
+    std::vector<double> deviation;
+    for (std::size_t f = 0; f < one.size(); ++f) {
+        const FrameDataWithInfo& a = *one[f];
+        ASSERT_EQ(a.xyz, two[f]->xyz);
+        ASSERT_EQ(a.w, two[f]->w);
+        ASSERT_EQ(a.marker_xyz, two[f]->marker_xyz);
+        ASSERT_EQ(a.xyz.size(), a.nor.size());
+        ASSERT_EQ(a.xyz.size(), a.w.size());
+        points += a.xyz.size();
+        ++lasers[a.frame_info.laser_id];
+        const double* t = a.frame_info.translation;
+        for (std::size_t i = 0; i < a.xyz.size(); ++i) {
+            const auto &p = a.xyz[i], &n = a.nor[i];
+            deviation.push_back(std::fabs(Part::distance({p[0], p[1], p[2]})));
+            // Normals face the scanner that saw the point.
+            EXPECT_GT(n[0] * (t[0] - p[0]) + n[1] * (t[1] - p[1]) + n[2] * (t[2] - p[2]), 0.0);
+            flagged += (a.w[i] & tessaline_tools::FEATURE_FLAG) != 0 ? 1 : 0;
+            fine += (a.w[i] & 0xFF) == 16 ? 1 : 0;
+        }
+        // Markers seen, measured in the scanner's frame: the pose takes them back onto the table.
+        for (std::size_t m = 0; m < a.marker_ids.size(); ++m, ++markers) {
+            const auto& local = a.marker_xyz[m];
+            const auto& expected = truth.xyz[static_cast<std::size_t>(a.marker_ids[m])];
+            for (int r = 0; r < 3; ++r) {
+                const double world = a.frame_info.rotation[r] * local[0] + a.frame_info.rotation[3 + r] * local[1] +
+                                     a.frame_info.rotation[6 + r] * local[2] + t[r];
+                EXPECT_NEAR(world, r < 2 ? expected[r] : 0.0, 0.08);
+            }
+        }
+    }
+    EXPECT_GE(points, settings.target_points);
+    EXPECT_LT(points - one.back()->xyz.size(), settings.target_points);  // the scan stops once it has enough
+    std::sort(deviation.begin(), deviation.end());
+    EXPECT_LT(deviation[deviation.size() / 2], 0.03);  // range noise of 0.015 mm
+    EXPECT_LT(deviation.back(), 0.5);
+    EXPECT_GT(flagged, points / 50);  // near the small features: flagged and asking for finer cells
+    EXPECT_EQ(flagged, fine);
+    EXPECT_GT(lasers[0], 0u);
+    EXPECT_GT(lasers[1], 0u);
+    EXPECT_GT(markers, one.size());  // a few markers in most frames
+
+    // A frame written to PLY reads back exactly: points, words, pose, laser and markers.
+    const std::string path = tempPath("frame.ply");
+    tessaline_tools::writePlyPointCloud(path, *one[3]);
+    tessaline_tools::PointCloudReadInfo info;
+    const auto back = tessaline_tools::readPlyPointCloud(path, 1.0f, 8, info);
+    EXPECT_TRUE(info.words_from_file);
+    EXPECT_EQ(back->xyz, one[3]->xyz);
+    EXPECT_EQ(back->w, one[3]->w);
+    EXPECT_EQ(back->marker_ids, one[3]->marker_ids);
+    EXPECT_EQ(back->marker_xyz, one[3]->marker_xyz);
+    EXPECT_EQ(0, std::memcmp(&back->frame_info.rotation, &one[3]->frame_info.rotation, sizeof(double) * 12));
+    EXPECT_EQ(back->frame_info.laser_id, one[3]->frame_info.laser_id);
+}
+
+namespace {
+
+// A square of side `size` in the plane z = height, two triangles, facing +z.
+std::vector<Triangle> square(float height, float size = 1.0f) {
+    return {{P3{0, 0, height}, P3{size, 0, height}, P3{size, 1, height}},
+            {P3{0, 0, height}, P3{size, 1, height}, P3{0, 1, height}}};
+}
+
+// The closed box [0,1]^3 as twelve triangles, faces outward (or inward when `inside_out`).
+std::vector<Triangle> cube(bool inside_out) {
+    std::vector<Triangle> triangles;
+    for (int axis = 0; axis < 3; ++axis)
+        for (int side = 0; side < 2; ++side) {
+            const int a = (axis + 1) % 3, b = (axis + 2) % 3;
+            P3 c[4];
+            for (int k = 0; k < 4; ++k) {
+                c[k][axis] = static_cast<float>(side);
+                c[k][a] = (k == 1 || k == 2) ? 1.0f : 0.0f;
+                c[k][b] = (k >= 2) ? 1.0f : 0.0f;
+            }
+            // (a, b) counter-clockwise seen from +axis is outward on side 1.
+            const bool flip = (side == 0) != inside_out;
+            triangles.push_back({c[0], c[flip ? 2 : 1], c[flip ? 1 : 2]});
+            triangles.push_back({c[0], c[flip ? 3 : 2], c[flip ? 2 : 3]});
+        }
+    return triangles;
+}
+
+}  // namespace
+
+TEST(SurfaceComparison, DistancesMatchBruteForceAndKnownOffsets) {
+    // The grid search against every triangle, near and far (far points need the growing search).
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    std::vector<Triangle> triangles;
+    for (int i = 0; i < 300; ++i) {
+        const P3 a = {unit(random) * 10, unit(random) * 10, unit(random) * 2};
+        triangles.push_back({a, P3{a[0] + unit(random), a[1] + unit(random), a[2]},
+                             P3{a[0], a[1] + unit(random), a[2] + unit(random)}});
+    }
+    const tessaline_tools::TriangleGrid grid(triangles, 0.5f);
+    for (int i = 0; i < 400; ++i) {
+        const float spread = i < 200 ? 12.0f : 80.0f;
+        const P3 p = {unit(random) * spread - spread / 4, unit(random) * spread - spread / 4,
+                      unit(random) * spread - spread / 4};
+        float best = 1e30f;
+        for (const Triangle& t : triangles)
+            best = std::min(best, tessaline_tools::pointTriangleDistance2(p, t[0], t[1], t[2]));
+        ASSERT_NEAR(grid.distance(p), std::sqrt(best), 1e-4f * (1.0f + std::sqrt(best)));
+    }
+
+    // A square against itself lifted by 0.3: every distance is 0.3 both ways.
+    const auto c = tessaline_tools::compareSurfaces(*tessaline_tools::meshSurface(square(0.3f), 5000),
+                                                    *tessaline_tools::meshSurface(square(0.0f), 5000), {0.1, 0.5}, 1.0);
+    EXPECT_NEAR(c.to_reference.median, 0.3, 1e-5);
+    EXPECT_NEAR(c.from_reference.max, 0.3, 1e-5);
+    EXPECT_NEAR(c.chamfer, 0.3, 1e-5);
+    EXPECT_EQ(c.fscore[0], 0.0);
+    EXPECT_EQ(c.fscore[1], 1.0);
+    EXPECT_EQ(c.coverage, 1.0);
+    // Half the reference missing from the mesh: precision stays, recall and coverage halve.
+    const auto d =
+        tessaline_tools::compareSurfaces(*tessaline_tools::meshSurface(square(0.0f), 20000),
+                                         *tessaline_tools::meshSurface(square(0.0f, 2.0f), 20000), {0.1}, 0.5);
+    EXPECT_EQ(d.precision[0], 1.0);
+    EXPECT_NEAR(d.recall[0], 0.5 + 0.1 / 2, 0.02);  // the band within 0.1 of the edge counts too
+    EXPECT_NEAR(d.coverage, 0.75, 0.02);
+    EXPECT_NEAR(d.from_reference.max, 1.0, 1e-3);
+}
+
+TEST(Pictures, FrontAndBackFacesShowAndThePngReadsBack) {
+    int colours[2][2] = {{0, 0}, {0, 0}};  // [inside_out][orange]
+    for (bool inside_out : {false, true}) {
+        const tessaline_tools::Image image = tessaline_tools::renderViews(cube(inside_out), 64);
+        ASSERT_EQ(image.width, 128);
+        for (std::size_t i = 0; i < image.rgb.size(); i += 3) {
+            const bool background = image.rgb[i] == 255 && image.rgb[i + 1] == 255 && image.rgb[i + 2] == 255;
+            if (!background) ++colours[inside_out][image.rgb[i] > image.rgb[i + 2] ? 1 : 0];
+        }
+    }
+    EXPECT_GT(colours[0][0], 4 * 64 * 64 / 4);  // every view shows the cube
+    // Seen from outside: front faces; inside out: back faces (a few pixels of faces seen edge-on aside).
+    EXPECT_LT(colours[0][1], colours[0][0] / 100);
+    EXPECT_LT(colours[1][0], colours[1][1] / 100);
+    EXPECT_NEAR(colours[1][1], colours[0][0], colours[0][0] / 100);
+
+    const tessaline_tools::Image image = tessaline_tools::renderViews(cube(false), 32);
+    const std::string path = tempPath("cube.png");
+    tessaline_tools::writePng(path, image);
+    png_image read;
+    std::memset(&read, 0, sizeof(read));
+    read.version = PNG_IMAGE_VERSION;
+    ASSERT_TRUE(png_image_begin_read_from_file(&read, path.c_str()));
+    read.format = PNG_FORMAT_RGB;
+    std::vector<std::uint8_t> pixels(PNG_IMAGE_SIZE(read));
+    ASSERT_TRUE(png_image_finish_read(&read, nullptr, pixels.data(), 0, nullptr));
+    EXPECT_EQ(static_cast<int>(read.width), image.width);
+    EXPECT_EQ(pixels, image.rgb);
+    EXPECT_THROW(tessaline_tools::writePng("/no/such/folder/x.png", image), std::runtime_error);
+}
+
+TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string missing = tempPath("missing.ply"), never = tempPath("never.ply");
+    const std::string cloud = writeFile("cloud_only.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n");
+    const struct {
+        std::string arguments;
+        int status;
+        const char* error;
+    } cases[] = {
+        {"reconstruct " + missing + " -o " + never, 1, "missing.ply: cannot open the file"},
+        {"reconstruct " + cloud + " -o out.xyz", 1, "unknown mesh format"},
+        {"reconstruct x.ply -o y.ply --units furlong", 1, "unknown unit"},
+        {"reconstruct x.ply -o y.ply --scale-code 3", 1, ""},
+        {"frobnicate", 2, ""},
+        {"compare " + missing + " part", 1, "missing.ply: cannot open the file"},
+        {"compare " + cloud + " part", 1, "no triangles"},  // a point cloud: no faces
+        {"render " + cloud + " -o " + tempPath("never.png"), 1, ""},
+        {"simulate", 1, "no output directory"},
+    };
+    for (const auto& c : cases) {
+        const ProgramRun run = runProgram(c.arguments);
+        EXPECT_EQ(run.status, c.status) << c.arguments;
+        EXPECT_NE(run.err.find(c.error), std::string::npos) << c.arguments << ": " << run.err;
+    }
+    EXPECT_FALSE(std::ifstream(never).good());
+    EXPECT_FALSE(std::ifstream(tempPath("never.png")).good());
+}
+
+TEST(Program, ReconstructsTheBunnyScanList) {
+    TESSALINE_REQUIRE_PROGRAM();
+    TESSALINE_REQUIRE_BUNNY();
+    const std::string output = tempPath("bunny.stl");
+    const ProgramRun run = runProgram("reconstruct " + bunnyConfPath() + " --units m --quiet -o " + output +
+                                      " --reference " + bunnyPath("reference/bun_zipper.ply"));
+    ASSERT_EQ(run.status, 0) << run.err;
+    double median = -1, p95 = -1;
+    ASSERT_TRUE(distances(run.out, median, p95)) << run.out;
+    EXPECT_LT(median, 0.1);  // millimetres
+    std::ifstream in(output, std::ios::binary | std::ios::ate);
+    EXPECT_GT(static_cast<long>(in.tellg()), 84 + 50 * 100000);  // hundreds of thousands of triangles
+}
+
+TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string folder = tempPath("demo");
+    const ProgramRun demo = runProgram("demo --points 150000 --quiet -o " + folder);
+    ASSERT_EQ(demo.status, 0) << demo.err;
+    EXPECT_NE(demo.out.find("distance to the true surface:"), std::string::npos) << demo.out;
+    EXPECT_NE(demo.out.find("F-score at 0.1"), std::string::npos) << demo.out;
+    EXPECT_GT(tessaline_tools::readPlyMesh(folder + "/tessaline-demo.ply").triangles.size(), 20000u);
+    EXPECT_TRUE(std::ifstream(folder + "/tessaline-demo.png").good());
+
+    // The mesh lies on the part: checked here with the comparison itself, through the program.
+    const ProgramRun compared = runProgram("compare " + folder + "/tessaline-demo.ply part");
+    ASSERT_EQ(compared.status, 0) << compared.err;
+    double median = -1, p95 = -1;
+    ASSERT_TRUE(distances(compared.out + compared.err, median, p95)) << compared.out;
+    EXPECT_LT(median, 0.05);
+    EXPECT_LT(p95, 0.25);
+}
