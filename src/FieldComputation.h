@@ -233,9 +233,17 @@ TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell
 }
 
 // The weight of a point at distance d from a sheet's foot point: a bell whose width is measured in cell
-// edges and narrows as the cell holds more points; 1 for cells outside the Gaussian range.
-TESSA_HD inline float computeNeighbourWeight(float d, float edge, int point_count, float gauss_weight_edge) {
-    if (edge < gauss_weight_edge || edge >= 3.99f) return 1.0f;
+// edges and narrows as the cell holds more points; 1 for cells outside the Gaussian range. What depends
+// on the cell alone is settled once a cell.
+struct NeighbourWeight {
+    bool gaussian;
+    float a;      // the negative coefficient of the table
+    float denom;  // edge * (edge * 3)
+};
+
+TESSA_HD inline NeighbourWeight neighbourWeightOf(float edge, int point_count, float gauss_weight_edge) {
+    NeighbourWeight nw{false, 0.0f, 1.0f};
+    if (edge < gauss_weight_edge || edge >= 3.99f) return nw;
     const float table[5][7] = {{-3, -6, -8, -12, -10, -8, -6},
                                {-4, -7, -9, -15, -11, -9, -7},
                                {-5, -8, -10, -18, -12, -10, -8},
@@ -259,10 +267,20 @@ TESSA_HD inline float computeNeighbourWeight(float d, float edge, int point_coun
     } else if (static_cast<double>(edge) >= 0.29) {
         column = 6;
     } else {
-        return 1.0f;
+        return nw;
     }
-    const float a = table[row][column];
-    return expf(((d * a) * d) / (edge * (edge * 3.0f)));
+    nw.gaussian = true;
+    nw.a = table[row][column];
+    nw.denom = edge * (edge * 3.0f);
+    return nw;
+}
+
+TESSA_HD inline float neighbourWeight(const NeighbourWeight& nw, float d) {
+    return nw.gaussian ? expf(((d * nw.a) * d) / nw.denom) : 1.0f;
+}
+
+TESSA_HD inline float computeNeighbourWeight(float d, float edge, int point_count, float gauss_weight_edge) {
+    return neighbourWeight(neighbourWeightOf(edge, point_count, gauss_weight_edge), d);
 }
 
 namespace field_internal {
@@ -299,7 +317,8 @@ struct FieldDataWalk {
     float foot[2][3];
     SheetField* sheets;
     SecondFace* second_face;  // null unless the cell has one sheet
-    bool skirt_test;          // a sparse cell: gather the unfiltered centroid of each sheet
+    NeighbourWeight weight;
+    bool skirt_test;  // a sparse cell: gather the unfiltered centroid of each sheet
 
     TESSA_HD void operator()(const RawPointWithHash& p) const {
         const bool counts = pointCountsInCell(*cell, *params, edge, p);
@@ -320,7 +339,7 @@ struct FieldDataWalk {
         }
         const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
         const float d = sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]);
-        const float w = computeNeighbourWeight(d, edge, cell->point_count, params->gauss_weight_edge);
+        const float w = neighbourWeight(weight, d);
         if (skirt_test) {
             for (int k = 0; k < 3; ++k) sheets[s].reach_sum[k] += o[k] * w;
             sheets[s].reach_weight += w;
@@ -432,6 +451,7 @@ TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2
     walk.params = &params;
     walk.centres = &centres;
     walk.edge = edge;
+    walk.weight = neighbourWeightOf(edge, cell.point_count, params.gauss_weight_edge);
     for (int s = 0; s < sheets_found && s < 2; ++s) {
         const float* n = cell.fields[s].normal;
         const float m[3] = {centres.sheet[s][0] - cell.center[0], centres.sheet[s][1] - cell.center[1],

@@ -21,7 +21,7 @@ constexpr double EIGEN_COLLINEAR = 9.999999747378752e-06;         // 1e-5 in sin
 
 // Running sums of one plane fit; the count is held by the caller.
 struct MomentSums {
-    double second[9];  // row-major sums of o_i * o_j
+    double second[9];  // row-major sums of o_i * o_j; the walk adds the upper triangle (0, 1, 2, 4, 5, 8) only
     double first[3];   // sums of o_i
 };
 
@@ -31,11 +31,8 @@ TESSA_HD inline void accumulateCovariance(const float offset[3], MomentSums& sum
     sums.second[0] += xx;
     sums.second[1] += xy;
     sums.second[2] += xz;
-    sums.second[3] += xy;
     sums.second[4] += yy;
     sums.second[5] += yz;
-    sums.second[6] += xz;
-    sums.second[7] += yz;
     sums.second[8] += zz;
     sums.first[0] += x;
     sums.first[1] += y;
@@ -199,6 +196,9 @@ TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const flo
     const double n = static_cast<double>(count);
     double second[9], mean[3];
     for (int i = 0; i < 9; ++i) second[i] = sums.second[i] / n;
+    second[3] = second[1];  // the lower triangle mirrors the upper one that the walk summed
+    second[6] = second[2];
+    second[7] = second[5];
     for (int i = 0; i < 3; ++i) mean[i] = sums.first[i] / n;
     double covariance[9];
     for (int i = 0; i < 3; ++i)

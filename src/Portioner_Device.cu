@@ -77,12 +77,13 @@ struct PartitionPoint {
                 for (int dz = -1; dz <= 1; ++dz) {
                     if (dx == 0 && dy == 0 && dz == 0) continue;
                     const std::int32_t nx = bx + dx, ny = by + dy, nz = bz + dz;
-                    const std::int32_t e = findLineHashEntry(hash_entries, mask, nx, ny, nz);
-                    if (e < 0) continue;  // no block behind this side
+                    // The margin first: most points lie far from every face and need no table lookup.
                     const float cx = fmaf(static_cast<float>(nx), block_res, half_block);
                     const float cy = fmaf(static_cast<float>(ny), block_res, half_block);
                     const float cz = fmaf(static_cast<float>(nz), block_res, half_block);
                     if (fabsf(x - cx) > half_ext || fabsf(y - cy) > half_ext || fabsf(z - cz) > half_ext) continue;
+                    const std::int32_t e = findLineHashEntry(hash_entries, mask, nx, ny, nz);
+                    if (e < 0) continue;  // no block behind this side
                     record(e);
                 }
             }
