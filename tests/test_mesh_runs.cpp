@@ -22,7 +22,7 @@ namespace {
 
 struct Scene {
     std::shared_ptr<MultiMeshData> soup;
-    tessaline_tools::WeldedMesh mesh;
+    IndexedMesh mesh;
     std::vector<Vec3f> boundary;   // midpoints of the edges used by one triangle
     std::size_t non_manifold = 0;  // edges used by more than two
     std::string output;            // the library's diagnostic lines
@@ -32,7 +32,8 @@ Scene reconstruct(const Frames& frames, float resolution = 0.5f) {
     const Session run = runSession(frames, resolution);
     EXPECT_EQ(run.refused, 0);
     EXPECT_EQ(run.status, 0) << run.error;
-    Scene scene{run.mesh, tessaline_tools::weldMesh(*run.mesh, resolution * 1e-4f), {}, 0, run.output};
+    Scene scene{run.mesh, {}, {}, 0, run.output};
+    EXPECT_EQ(weldMesh(*run.mesh, resolution * 1e-4f, scene.mesh), 0);
     std::map<std::pair<std::uint32_t, std::uint32_t>, int> uses;
     for (const auto& t : scene.mesh.triangles)
         for (int e = 0; e < 3; ++e) uses[std::minmax(t[e], t[(e + 1) % 3])] += 1;

@@ -10,6 +10,7 @@
 #include "MeshIO.h"
 #include "MeshRender.h"
 #include "Part.h"
+#include "PlyReader.h"
 #include "PointCloudIO.h"
 #include "ScanSimulator.h"
 #include "SurfaceCompare.h"
@@ -145,32 +146,75 @@ TEST(PointCloudFiles, NaNPointsAreLeftOutAndCounted) {
     EXPECT_EQ(frame->xyz.size(), frame->w.size());
 }
 
-TEST(MeshFiles, WeldingSharesVerticesAndDropsDegenerateTriangles) {
-    MultiMeshData soup;
-    const TriangleXYZ a = {{0, 0, 0, 1, 0, 0, 0, 1, 0}};
-    const TriangleXYZ b = {{1, 0, 0, 1, 1, 0, 0, 1.00000001f, 0}};  // shares an edge, within the tolerance
-    const TriangleXYZ flat = {{2, 2, 2, 2, 2, 2.00000001f, 3, 3, 3}};
-    soup.xyz = {a, b, flat};
-    soup.w = {TriangleW{{1, 2, 3}}, TriangleW{{4, 5, 6}}, TriangleW{{7, 8, 9}}};
-    const auto welded = tessaline_tools::weldMesh(soup, 1e-4f, 10.0f);
-    EXPECT_EQ(welded.vertices.size(), 6u);  // 4 of the pair, 2 of the collapsed triangle
-    EXPECT_EQ(welded.triangles.size(), 2u);
-    EXPECT_EQ(welded.dropped, 1u);
-    EXPECT_EQ(tessaline_tools::countBoundaryEdges(welded), 4u);
-    EXPECT_FLOAT_EQ(welded.vertices[1][0], 10.0f);  // scaled on the way
-
-    for (const std::string ext : {"ply", "obj", "stl"}) {
-        const std::string path = tempPath("mesh." + ext);
-        tessaline_tools::writeWeldedMesh(path, welded);
-        std::ifstream in(path, std::ios::binary | std::ios::ate);
-        ASSERT_TRUE(in.good()) << ext;
-        if (ext == "stl") {
-            EXPECT_EQ(static_cast<long>(in.tellg()), 84 + 50 * 2);
-        }
+TEST(MeshFiles, EveryFormatWrittenReadsBackTheSameSurface) {
+    // A tetrahedron with words and normals: each format must give back its four corners and four faces.
+    IndexedMesh mesh;
+    mesh.vertices = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, 2}};
+    mesh.triangles = {{{0, 2, 1}}, {{0, 1, 3}}, {{0, 3, 2}}, {{1, 2, 3}}};
+    mesh.words = {0xffff0110u, 0x77770008u, 16u, 0u};
+    ASSERT_EQ(computeVertexNormals(mesh), 0);
+    for (const char* ext : {"ply", "obj", "stl", "PLY"}) {
+        const std::string path = tempPath(std::string("tetra.") + ext);
+        tessaline_tools::writeMesh(path, mesh);
         EXPECT_FALSE(std::ifstream(path + ".partial").good());
+        const IndexedMesh back = tessaline_tools::readMesh(path, 0.5f);
+        ASSERT_EQ(back.triangles.size(), 4u) << ext;
+        for (std::size_t t = 0; t < 4; ++t)
+            for (int k = 0; k < 3; ++k)
+                for (int axis = 0; axis < 3; ++axis)
+                    EXPECT_FLOAT_EQ(back.vertices[back.triangles[t][k]][axis],
+                                    0.5f * mesh.vertices[mesh.triangles[t][k]][axis])
+                        << ext;
     }
-    EXPECT_THROW(tessaline_tools::writeWeldedMesh(tempPath("mesh.xyz"), welded), std::runtime_error);
+    EXPECT_THROW(tessaline_tools::writeMesh(tempPath("mesh.xyz"), mesh), std::runtime_error);
     EXPECT_FALSE(std::ifstream(tempPath("mesh.xyz")).good());
+    EXPECT_THROW(tessaline_tools::readMesh(tempPath("mesh.xyz")), std::runtime_error);
+}
+
+TEST(MeshFiles, PlyWordsAreWrittenWholeAndSplitIntoNamedFields) {
+    IndexedMesh mesh;
+    mesh.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+    mesh.triangles = {{{0, 1, 2}}};
+    mesh.words = {0xffff0110u, 0x77770008u, 0x00000040u};
+    mesh.normals = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}};
+    const std::string path = tempPath("words.ply");
+    tessaline_tools::writeMesh(path, mesh);
+    tessaline_tools::PlyReader ply(path);
+    const tessaline_tools::PlyElement* vertex = ply.find("vertex");
+    ASSERT_NE(vertex, nullptr);
+    const char* names[] = {"nx", "ny", "nz", "word", "scale_code", "flags", "quality"};
+    int column[7];
+    for (int k = 0; k < 7; ++k) {
+        column[k] = vertex->find(names[k]);
+        ASSERT_GE(column[k], 0) << names[k];
+    }
+    EXPECT_EQ(vertex->properties[static_cast<std::size_t>(column[3])].kind, 'i');  // signed: readers that refuse uint
+    // word, scale code, flags, quality byte, by hand from the words above
+    const double expected[3][4] = {{-65264.0, 0x10, 0x01, 0xff}, {0x77770008, 0x08, 0x00, 0x77}, {0x40, 0x40, 0, 0}};
+    tessaline_tools::PlyRecord record;
+    for (int v = 0; v < 3; ++v) {
+        ply.read(*vertex, record);
+        EXPECT_EQ(record.scalars[static_cast<std::size_t>(column[2])], 1.0);
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(record.scalars[static_cast<std::size_t>(column[3 + k])], expected[v][k]);
+    }
+}
+
+TEST(MeshFiles, ObjAndStlVariantsOtherToolsWrite) {
+    // OBJ: texture and normal references, a negative index, a quad; STL: the ASCII form.
+    const std::string obj = tempPath("variants.obj"), stl = tempPath("variants.stl");
+    std::ofstream(obj) << "# made by hand\no quad\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvt 0 0\nvn 0 0 1\n"
+                          "f 1/1/1 2/1/1 3/1/1 4/1/1\nf -4//1 -2//1 -1//1\n";
+    const IndexedMesh quad = tessaline_tools::readMesh(obj);
+    ASSERT_EQ(quad.vertices.size(), 4u);
+    const std::vector<std::array<std::uint32_t, 3>> fanned = {{{0, 1, 2}}, {{0, 2, 3}}, {{0, 2, 3}}};
+    EXPECT_EQ(quad.triangles, fanned);
+    std::ofstream(stl) << "solid hand\n facet normal 0 0 1\n  outer loop\n   vertex 0 0 0\n   vertex 1 0 0\n"
+                          "   vertex 0 1 0\n  endloop\n endfacet\nendsolid hand\n";
+    const IndexedMesh triangle = tessaline_tools::readMesh(stl, 10.0f);
+    ASSERT_EQ(triangle.triangles.size(), 1u);
+    EXPECT_FLOAT_EQ(triangle.vertices[1][0], 10.0f);
+    std::ofstream(obj) << "v 0 0 0\nf 1 2 3\n";
+    EXPECT_THROW(tessaline_tools::readMesh(obj), std::runtime_error);  // names vertices that do not exist
 }
 
 TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {

@@ -1,15 +1,15 @@
-// PLY reading and writing for meshes.
+// Mesh files: PLY, OBJ and STL read, finished meshes written with their words and normals.
 #include "MeshIO.h"
 
 #include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
-#include <map>
 #include <sstream>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "PlyReader.h"
 
@@ -42,8 +42,8 @@ IndexedMesh readPlyMesh(const std::string& path, float scale) {
             if (!(c >= 0 && c < static_cast<double>(vertex->count)))
                 throw std::runtime_error(path + ": face " + std::to_string(f) + " names a vertex that does not exist");
         for (std::size_t k = 1; k + 1 < corner.size(); ++k)
-            mesh.triangles.push_back(
-                {static_cast<int>(corner[0]), static_cast<int>(corner[k]), static_cast<int>(corner[k + 1])});
+            mesh.triangles.push_back({static_cast<std::uint32_t>(corner[0]), static_cast<std::uint32_t>(corner[k]),
+                                      static_cast<std::uint32_t>(corner[k + 1])});
     }
     return mesh;
 }
@@ -74,12 +74,6 @@ void writePlyMesh(const std::string& path, const SurfaceReconstruction::MultiMes
 
 namespace {
 
-struct GridKeyHash {
-    std::size_t operator()(const std::array<long long, 3>& k) const {
-        return static_cast<std::size_t>(k[0] * 73856093LL ^ k[1] * 19349663LL ^ k[2] * 83492791LL);
-    }
-};
-
 std::string extensionOf(const std::string& path) {
     const std::size_t dot = path.find_last_of('.');
     std::string ext = dot == std::string::npos ? std::string() : path.substr(dot + 1);
@@ -87,36 +81,155 @@ std::string extensionOf(const std::string& path) {
     return ext;
 }
 
-void writeBinaryPly(std::ofstream& out, const WeldedMesh& mesh) {
-    out << "ply\nformat binary_little_endian 1.0\ncomment tessaline mesh\nelement vertex " << mesh.vertices.size()
-        << "\nproperty float x\nproperty float y\nproperty float z\nproperty uint word\nelement face "
-        << mesh.triangles.size() << "\nproperty list uchar uint vertex_indices\nend_header\n";
+// Reads an OBJ vertex reference ("7", "7/2", "7//3", "-1/2/3") against `count` vertices so far.
+std::uint32_t objIndex(const std::string& token, std::size_t count, const std::string& path, long line) {
+    char* end = nullptr;
+    const long value = std::strtol(token.c_str(), &end, 10);
+    const bool number = end != token.c_str() && (*end == '\0' || *end == '/');
+    const long index = value < 0 ? static_cast<long>(count) + value : value - 1;
+    if (!number || value == 0 || index < 0 || index >= static_cast<long>(count))
+        throw std::runtime_error(path + ": line " + std::to_string(line) + ": '" + token +
+                                 "' names a vertex that does not exist");
+    return static_cast<std::uint32_t>(index);
+}
+
+IndexedMesh readObj(const std::string& path, float scale) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error(path + ": cannot open the file");
+    IndexedMesh mesh;
+    std::string text;
+    long line = 0;
+    while (std::getline(in, text)) {
+        ++line;
+        std::istringstream words(text);
+        std::string kind;
+        words >> kind;
+        if (kind == "v") {
+            double p[3];
+            if (!(words >> p[0] >> p[1] >> p[2]))
+                throw std::runtime_error(path + ": line " + std::to_string(line) + ": a vertex needs x, y and z");
+            mesh.vertices.push_back(
+                {static_cast<float>(p[0]) * scale, static_cast<float>(p[1]) * scale, static_cast<float>(p[2]) * scale});
+        } else if (kind == "f") {
+            std::vector<std::uint32_t> corners;
+            std::string token;
+            while (words >> token) corners.push_back(objIndex(token, mesh.vertices.size(), path, line));
+            if (corners.size() < 3)
+                throw std::runtime_error(path + ": line " + std::to_string(line) + ": a face needs three vertices");
+            for (std::size_t k = 1; k + 1 < corners.size(); ++k)
+                mesh.triangles.push_back({corners[0], corners[k], corners[k + 1]});
+        }
+    }
+    return mesh;
+}
+
+IndexedMesh readStl(const std::string& path, float scale) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) throw std::runtime_error(path + ": cannot open the file");
+    const std::streamoff size = in.tellg();
+    in.seekg(0);
+    IndexedMesh mesh;
+    const auto addCorner = [&](const float p[3]) {
+        mesh.vertices.push_back({p[0] * scale, p[1] * scale, p[2] * scale});
+    };
+    char header[84] = {};
+    if (size >= 84 && in.read(header, 84)) {
+        std::uint32_t count;
+        std::memcpy(&count, header + 80, 4);
+        if (size == 84 + 50 * static_cast<std::streamoff>(count)) {  // binary: the size says so exactly
+            char record[50];
+            for (std::uint32_t t = 0; t < count; ++t) {
+                if (!in.read(record, 50)) throw std::runtime_error(path + ": truncated data");
+                float p[9];
+                std::memcpy(p, record + 12, 36);
+                const std::uint32_t first = static_cast<std::uint32_t>(mesh.vertices.size());
+                for (int v = 0; v < 3; ++v) addCorner(p + 3 * v);
+                mesh.triangles.push_back({first, first + 1, first + 2});
+            }
+            return mesh;
+        }
+    }
+    in.clear();
+    in.seekg(0);
+    std::string word;
+    if (!(in >> word) || word != "solid") throw std::runtime_error(path + ": not an STL file");
+    std::string text;
+    std::vector<float> corners;
+    while (in >> word) {
+        if (word != "vertex") continue;
+        float p[3];
+        if (!(in >> p[0] >> p[1] >> p[2])) throw std::runtime_error(path + ": a vertex needs x, y and z");
+        corners.insert(corners.end(), p, p + 3);
+    }
+    if (corners.size() % 9 != 0) throw std::runtime_error(path + ": a facet without three vertices");
+    for (std::size_t i = 0; i < corners.size(); i += 9) {
+        const std::uint32_t first = static_cast<std::uint32_t>(mesh.vertices.size());
+        for (int v = 0; v < 3; ++v) addCorner(&corners[i + 3 * static_cast<std::size_t>(v)]);
+        mesh.triangles.push_back({first, first + 1, first + 2});
+    }
+    return mesh;
+}
+
+template <class T>
+void put(std::ofstream& out, const T& value) {
+    out.write(reinterpret_cast<const char*>(&value), sizeof(T));
+}
+
+void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh) {
+    const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
+    const bool words = mesh.words.size() == mesh.vertices.size() && !mesh.vertices.empty();
+    out << "ply\nformat binary_little_endian 1.0\ncomment tessaline mesh\n";
+    if (words)
+        out << "comment word: bits 0-7 scale codes, 8-15 flags, 16-31 quality (four equal nibbles); "
+               "scale_code, flags and quality repeat its low three bytes\n";
+    out << "element vertex " << mesh.vertices.size() << "\nproperty float x\nproperty float y\nproperty float z\n";
+    if (normals) out << "property float nx\nproperty float ny\nproperty float nz\n";
+    if (words) out << "property int word\nproperty uchar scale_code\nproperty uchar flags\nproperty uchar quality\n";
+    out << "element face " << mesh.triangles.size() << "\nproperty list uchar uint vertex_indices\nend_header\n";
     for (std::size_t i = 0; i < mesh.vertices.size(); ++i) {
         out.write(reinterpret_cast<const char*>(mesh.vertices[i].data()), 3 * sizeof(float));
-        out.write(reinterpret_cast<const char*>(&mesh.words[i]), sizeof(std::uint32_t));
+        if (normals) out.write(reinterpret_cast<const char*>(mesh.normals[i].data()), 3 * sizeof(float));
+        if (words) {
+            const std::uint32_t w = mesh.words[i];
+            put(out, static_cast<std::int32_t>(w));
+            put(out, static_cast<std::uint8_t>(w & 0xFF));
+            put(out, static_cast<std::uint8_t>((w >> 8) & 0xFF));
+            put(out, static_cast<std::uint8_t>((w >> 16) & 0xFF));
+        }
     }
     for (const auto& t : mesh.triangles) {
-        const unsigned char three = 3;
-        out.write(reinterpret_cast<const char*>(&three), 1);
+        put(out, static_cast<std::uint8_t>(3));
         out.write(reinterpret_cast<const char*>(t.data()), 3 * sizeof(std::uint32_t));
     }
 }
 
-void writeObj(std::ofstream& out, const WeldedMesh& mesh) {
+void writeObj(std::ofstream& out, const IndexedMesh& mesh) {
+    const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
     out << "# tessaline mesh\n";
-    char line[128];
+    char line[160];
     for (const auto& v : mesh.vertices) {
         std::snprintf(line, sizeof(line), "v %.9g %.9g %.9g\n", v[0], v[1], v[2]);
         out << line;
     }
-    for (const auto& t : mesh.triangles) out << "f " << t[0] + 1 << ' ' << t[1] + 1 << ' ' << t[2] + 1 << '\n';
+    if (normals) {
+        for (const auto& n : mesh.normals) {
+            std::snprintf(line, sizeof(line), "vn %.7g %.7g %.7g\n", n[0], n[1], n[2]);
+            out << line;
+        }
+    }
+    for (const auto& t : mesh.triangles) {
+        if (normals)
+            out << "f " << t[0] + 1 << "//" << t[0] + 1 << ' ' << t[1] + 1 << "//" << t[1] + 1 << ' ' << t[2] + 1
+                << "//" << t[2] + 1 << '\n';
+        else
+            out << "f " << t[0] + 1 << ' ' << t[1] + 1 << ' ' << t[2] + 1 << '\n';
+    }
 }
 
-void writeStl(std::ofstream& out, const WeldedMesh& mesh) {
+void writeStl(std::ofstream& out, const IndexedMesh& mesh) {
     char header[80] = "tessaline mesh";
     out.write(header, 80);
-    const std::uint32_t count = static_cast<std::uint32_t>(mesh.triangles.size());
-    out.write(reinterpret_cast<const char*>(&count), 4);
+    put(out, static_cast<std::uint32_t>(mesh.triangles.size()));
     for (const auto& t : mesh.triangles) {
         const auto& a = mesh.vertices[t[0]];
         const auto& b = mesh.vertices[t[1]];
@@ -131,58 +244,33 @@ void writeStl(std::ofstream& out, const WeldedMesh& mesh) {
         out.write(reinterpret_cast<const char*>(a.data()), 12);
         out.write(reinterpret_cast<const char*>(b.data()), 12);
         out.write(reinterpret_cast<const char*>(c.data()), 12);
-        const std::uint16_t attributes = 0;
-        out.write(reinterpret_cast<const char*>(&attributes), 2);
+        put(out, static_cast<std::uint16_t>(0));
     }
 }
 
 }  // namespace
 
-WeldedMesh weldMesh(const SurfaceReconstruction::MultiMeshData& soup, float tolerance, float scale) {
-    WeldedMesh mesh;
-    std::unordered_map<std::array<long long, 3>, std::uint32_t, GridKeyHash> index;
-    index.reserve(soup.xyz.size() * 2);
-    for (std::size_t t = 0; t < soup.xyz.size(); ++t) {
-        std::array<std::uint32_t, 3> corners;
-        for (int v = 0; v < 3; ++v) {
-            const float* p = &soup.xyz[t].xyz[3 * v];
-            const std::array<long long, 3> key = {std::llround(p[0] / tolerance), std::llround(p[1] / tolerance),
-                                                  std::llround(p[2] / tolerance)};
-            auto found = index.find(key);
-            if (found == index.end()) {
-                found = index.emplace(key, static_cast<std::uint32_t>(mesh.vertices.size())).first;
-                mesh.vertices.push_back({p[0] * scale, p[1] * scale, p[2] * scale});
-                mesh.words.push_back(soup.w[t].w[v]);
-            }
-            corners[static_cast<std::size_t>(v)] = found->second;
-        }
-        if (corners[0] == corners[1] || corners[0] == corners[2] || corners[1] == corners[2]) {
-            ++mesh.dropped;
-            continue;
-        }
-        mesh.triangles.push_back(corners);
-    }
-    return mesh;
-}
-
-std::size_t countBoundaryEdges(const WeldedMesh& mesh) {
-    std::map<std::pair<std::uint32_t, std::uint32_t>, int> uses;
-    for (const auto& t : mesh.triangles) {
-        for (int e = 0; e < 3; ++e) {
-            std::uint32_t a = t[static_cast<std::size_t>(e)], b = t[static_cast<std::size_t>((e + 1) % 3)];
-            if (b < a) std::swap(a, b);
-            ++uses[{a, b}];
-        }
-    }
-    std::size_t boundary = 0;
-    for (const auto& entry : uses) boundary += entry.second == 1 ? 1 : 0;
-    return boundary;
-}
-
-void writeWeldedMesh(const std::string& path, const WeldedMesh& mesh) {
+IndexedMesh readMesh(const std::string& path, float scale) {
     const std::string ext = extensionOf(path);
-    if (ext != "ply" && ext != "obj" && ext != "stl")
-        throw std::runtime_error(path + ": unknown mesh format (use .ply, .obj or .stl)");
+    if (ext == "ply") return readPlyMesh(path, scale);
+    if (ext == "obj") return readObj(path, scale);
+    if (ext == "stl") return readStl(path, scale);
+    throw std::runtime_error(path + ": unknown mesh format (use .ply, .obj or .stl)");
+}
+
+bool isMeshFileName(const std::string& path) {
+    const std::string ext = extensionOf(path);
+    return ext == "ply" || ext == "obj" || ext == "stl";
+}
+
+void scaleMesh(IndexedMesh& mesh, float scale) {
+    for (auto& v : mesh.vertices)
+        for (float& x : v) x *= scale;
+}
+
+void writeMesh(const std::string& path, const IndexedMesh& mesh) {
+    const std::string ext = extensionOf(path);
+    if (!isMeshFileName(path)) throw std::runtime_error(path + ": unknown mesh format (use .ply, .obj or .stl)");
     const std::string partial = path + ".partial";
     {
         std::ofstream out(partial, std::ios::binary);
@@ -190,7 +278,7 @@ void writeWeldedMesh(const std::string& path, const WeldedMesh& mesh) {
         if (ext == "ply") writeBinaryPly(out, mesh);
         if (ext == "obj") writeObj(out, mesh);
         if (ext == "stl") writeStl(out, mesh);
-        if (!out) {
+        if (!out.flush()) {
             out.close();
             std::remove(partial.c_str());
             throw std::runtime_error(path + ": writing failed");

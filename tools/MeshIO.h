@@ -1,45 +1,40 @@
-// Triangle meshes in and out: PLY meshes with shared vertices (as reference surfaces are published),
-// the library's triangle soup welded and written as PLY, OBJ or STL.
+// Triangle meshes in and out: the formats the program writes (PLY, OBJ, STL) read back for pictures and
+// comparisons, PLY meshes with shared vertices as reference surfaces are published, and finished meshes
+// written with their vertex words and normals.
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <string>
-#include <vector>
 
 #include "tessaline/Tessaline.h"
+#include "tessaline/TessalineMesh.h"
 
 namespace tessaline_tools {
 
-struct IndexedMesh {
-    std::vector<std::array<float, 3>> vertices;
-    std::vector<std::array<int, 3>> triangles;
-};
+using SurfaceReconstruction::IndexedMesh;
 
-// A PLY mesh (ASCII or binary): vertices x, y, z scaled by `scale`; faces of three or more vertices
-// fanned into triangles. Throws std::runtime_error naming the file and the problem.
+// A mesh file by its extension: .ply (ASCII or binary; faces of three or more vertices fanned into
+// triangles), .obj (v and f lines, any of the f forms i, i/t, i//n, i/t/n, negative indices counting back;
+// polygons fanned), .stl (binary or ASCII; each triangle keeps its own three vertices). Vertices are scaled
+// by `scale`; words and normals are not read. Throws std::runtime_error naming the file and the problem.
+IndexedMesh readMesh(const std::string& path, float scale = 1.0f);
 IndexedMesh readPlyMesh(const std::string& path, float scale = 1.0f);
 
-// Writes `mesh` as a binary little-endian PLY: three vertices a triangle, each with its 32-bit word.
-// Throws std::runtime_error when the file cannot be written.
+// Writes the library's triangle soup as a binary little-endian PLY: three vertices a triangle, each with its
+// 32-bit word. Throws std::runtime_error when the file cannot be written.
 void writePlyMesh(const std::string& path, const SurfaceReconstruction::MultiMeshData& mesh);
 
-// A triangle soup welded into shared vertices: vertices closer than the tolerance on every axis (on a
-// grid of that size) become one, and triangles that lose a corner that way are dropped.
-struct WeldedMesh {
-    std::vector<std::array<float, 3>> vertices;
-    std::vector<std::uint32_t> words;  // the word of the first triangle corner that made the vertex
-    std::vector<std::array<std::uint32_t, 3>> triangles;
-    std::size_t dropped = 0;  // degenerate triangles left out
-};
+// True for the extensions writeMesh knows: .ply, .obj, .stl (any case).
+bool isMeshFileName(const std::string& path);
 
-// `scale` multiplies every coordinate on the way (for writing in another unit).
-WeldedMesh weldMesh(const SurfaceReconstruction::MultiMeshData& soup, float tolerance, float scale = 1.0f);
-// Edges used by exactly one triangle: the rim of an open surface.
-std::size_t countBoundaryEdges(const WeldedMesh& mesh);
+// Multiplies every vertex position by `scale` (normals stay as they are).
+void scaleMesh(IndexedMesh& mesh, float scale);
 
-// Writes by the file's extension: .ply (binary, with the word of each vertex), .obj or .stl (binary).
-// The file appears only when complete. Throws std::runtime_error naming the file.
-void writeWeldedMesh(const std::string& path, const WeldedMesh& mesh);
+// Writes by the file's extension. .ply: binary little endian; per vertex x, y, z, then nx, ny, nz when the
+// mesh has normals, then when it has words `int word` (all 32 bits, read as signed) and the same word split
+// into `uchar scale_code` (bits 0-7), `uchar flags` (bits 8-15) and `uchar quality` (bits 16-23); faces as
+// `list uchar uint vertex_indices`. .obj: v and, with normals, vn lines, faces as f i//i. .stl: binary,
+// facet normals from the triangles. The file appears only when complete. Throws std::runtime_error naming
+// the file.
+void writeMesh(const std::string& path, const IndexedMesh& mesh);
 
 }  // namespace tessaline_tools

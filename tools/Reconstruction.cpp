@@ -20,7 +20,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Sends standard output (the library's diagnostic lines) to a file while it lives.
+// Sends standard output (the library's diagnostic lines) to a file, or to standard error, while it lives.
 class RedirectedStdout {
 public:
     explicit RedirectedStdout(const std::string& path) {
@@ -30,6 +30,12 @@ public:
         m_saved = dup(STDOUT_FILENO);
         dup2(fd, STDOUT_FILENO);
         close(fd);
+    }
+    RedirectedStdout() {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        m_saved = dup(STDOUT_FILENO);
+        dup2(STDERR_FILENO, STDOUT_FILENO);
     }
     ~RedirectedStdout() {
         std::fflush(stdout);
@@ -93,6 +99,8 @@ RunReport runReconstruction(const Frames& frames, const RunOptions& options) {
             redirect.reset(new RedirectedStdout(options.diagnostics_path));
         else if (options.quiet)
             redirect.reset(new RedirectedStdout("/dev/null"));
+        else if (options.to_stderr)
+            redirect.reset(new RedirectedStdout());
         status = tessaline.process(report.mesh);
     }
     stage_start[4] = std::chrono::duration<double>(Clock::now() - run_start).count();

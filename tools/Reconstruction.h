@@ -15,7 +15,8 @@ using Frames = std::vector<std::shared_ptr<SurfaceReconstruction::FrameDataWithI
 struct RunOptions {
     float resolution = 0.5f;  // millimetres
     bool quiet = false;       // keep the library's diagnostic lines off standard output
-    bool progress = true;     // a progress line on standard error
+    bool to_stderr = false;   // (when not quiet) send the library's diagnostic lines to standard error
+    bool progress = true;     // a progress line on standard error (meant for a terminal)
     // When set, the library's diagnostic lines go to this file instead (for the benchmarks to read).
     std::string diagnostics_path;
 };

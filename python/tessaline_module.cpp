@@ -1,0 +1,427 @@
+// The Python module `tessaline`: numpy frames in, one finished mesh out, through the library's public
+// interface and its mesh library. The frames are copied out of numpy first; the run itself happens with
+// the GIL released, and the step callback takes it back for each call.
+#include <fcntl.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "tessaline/Tessaline.h"
+#include "tessaline/TessalineMesh.h"
+
+namespace py = pybind11;
+using namespace SurfaceReconstruction;
+
+namespace {
+
+using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
+
+// A status and the library's last-error text, raised in Python as tessaline.Error.
+class Error : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Thrown from the step callback to end a run when the Python callable raised (or Ctrl-C was pressed):
+// the engine catches every exception inside process and returns 1.
+struct StopRun {};
+
+// Millimetres in one unit of the caller's points: "mm", "cm", "m", "in" or a number.
+float millimetresPerUnit(const py::object& unit) {
+    if (py::isinstance<py::str>(unit)) {
+        const std::string name = unit.cast<std::string>();
+        if (name == "mm") return 1.0f;
+        if (name == "cm") return 10.0f;
+        if (name == "m") return 1000.0f;
+        if (name == "in") return 25.4f;
+        throw py::value_error("unit must be 'mm', 'cm', 'm', 'in' or the millimetres in one unit, not '" + name + "'");
+    }
+    const double value = unit.cast<double>();
+    if (!(value > 0.0) || !std::isfinite(value)) throw py::value_error("unit must be a positive number of millimetres");
+    return static_cast<float>(value);
+}
+
+std::string describe(const py::array& a) {
+    std::string shape = "(";
+    for (py::ssize_t d = 0; d < a.ndim(); ++d) shape += (d ? ", " : "") + std::to_string(a.shape(d));
+    if (a.ndim() == 1) shape += ",";
+    return py::str(a.dtype()).cast<std::string>() + " of shape " + shape + ")";
+}
+
+py::array asArray(py::handle value, const std::string& what) {
+    py::array array = py::reinterpret_steal<py::array>(
+        py::detail::npy_api::get().PyArray_FromAny_(value.ptr(), nullptr, 0, 0, 0, nullptr));
+    if (!array) {
+        PyErr_Clear();
+        throw py::type_error(what + " must be a numpy array (or something numpy can turn into one)");
+    }
+    return array;
+}
+
+std::vector<Vec3f> readVectors(py::handle value, const std::string& what, float scale) {
+    const py::array array = asArray(value, what);
+    if (array.dtype().kind() != 'f')
+        throw py::type_error(what + " must be a float array of shape (N, 3), not " + describe(array));
+    if (array.ndim() != 2 || array.shape(1) != 3)
+        throw py::value_error(what + " must have the shape (N, 3), not " + describe(array));
+    const auto floats = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(array);
+    std::vector<Vec3f> out(static_cast<std::size_t>(floats.shape(0)));
+    const float* data = floats.data();
+    for (std::size_t i = 0; i < out.size(); ++i)
+        out[i] = {data[3 * i] * scale, data[3 * i + 1] * scale, data[3 * i + 2] * scale};
+    return out;
+}
+
+std::vector<std::int32_t> readWords(py::handle value, const std::string& what, std::size_t count) {
+    const py::array array = asArray(value, what);
+    const char kind = array.dtype().kind();
+    if (kind != 'i' && kind != 'u')
+        throw py::type_error(what + " must be an integer array of shape (N,), not " + describe(array));
+    if (array.ndim() != 1 || static_cast<std::size_t>(array.shape(0)) != count)
+        throw py::value_error(what + " must have the shape (" + std::to_string(count) + ",), one word a point, not " +
+                              describe(array));
+    std::vector<std::int32_t> out(count);
+    if (kind == 'u') {
+        const auto values = py::array_t<std::uint64_t, py::array::c_style | py::array::forcecast>::ensure(array);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (values.data()[i] > 0xFFFFFFFFull) throw py::value_error(what + ": a word does not fit in 32 bits");
+            out[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(values.data()[i]));
+        }
+    } else {
+        const auto values = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>::ensure(array);
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::int64_t v = values.data()[i];
+            if (v < INT32_MIN || v > 0xFFFFFFFFll) throw py::value_error(what + ": a word does not fit in 32 bits");
+            out[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(v));
+        }
+    }
+    return out;
+}
+
+// One frame: a dict with "points", "normals" and optionally "words"; a tuple (points, normals[, words]);
+// or an object with `points` and `normals` attributes (an Open3D point cloud).
+std::shared_ptr<FrameDataWithInfo> readFrame(py::handle item, std::size_t index, float scale) {
+    const std::string name = "frame " + std::to_string(index);
+    py::object points, normals, words = py::none();
+    if (py::isinstance<py::dict>(item)) {
+        const py::dict d = py::reinterpret_borrow<py::dict>(item);
+        for (auto entry : d) {
+            const std::string key = py::str(entry.first).cast<std::string>();
+            if (key != "points" && key != "normals" && key != "words")
+                throw py::key_error(name + ": unknown key '" + key + "' (use points, normals, words)");
+        }
+        if (!d.contains("points") || !d.contains("normals"))
+            throw py::key_error(name + ": a frame needs 'points' and 'normals'");
+        points = d["points"];
+        normals = d["normals"];
+        if (d.contains("words")) words = d["words"];
+    } else if (py::isinstance<py::tuple>(item) || py::isinstance<py::list>(item)) {
+        const py::sequence s = py::reinterpret_borrow<py::sequence>(item);
+        if (s.size() != 2 && s.size() != 3)
+            throw py::type_error(name + ": a frame is (points, normals) or (points, normals, words), not " +
+                                 std::to_string(s.size()) + " items");
+        points = s[0];
+        normals = s[1];
+        if (s.size() == 3) words = s[2];
+    } else if (py::hasattr(item, "points") && py::hasattr(item, "normals")) {
+        points = item.attr("points");
+        normals = item.attr("normals");
+    } else {
+        throw py::type_error(name +
+                             ": a frame is a dict with 'points' and 'normals', a tuple (points, normals[, words]) "
+                             "or a point cloud with points and normals, not " +
+                             py::str(py::type::handle_of(item)).cast<std::string>());
+    }
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    frame->xyz = readVectors(points, name + " points", scale);
+    frame->nor = readVectors(normals, name + " normals", 1.0f);
+    if (frame->nor.size() != frame->xyz.size())
+        throw py::value_error(name + ": " + std::to_string(frame->xyz.size()) + " points but " +
+                              std::to_string(frame->nor.size()) + " normals");
+    if (words.is_none())
+        frame->w.assign(frame->xyz.size(), 8);  // one cell a resolution, no flags
+    else
+        frame->w = readWords(words, name + " words", frame->xyz.size());
+    return frame;
+}
+
+Frames readFrames(const py::object& frames, float scale) {
+    if (py::isinstance<py::dict>(frames) || py::isinstance<py::array>(frames))
+        throw py::type_error("frames must be a list of frames; to pass one frame, wrap it in a list");
+    if (!py::isinstance<py::sequence>(frames) && !py::isinstance<py::iterable>(frames))
+        throw py::type_error("frames must be a list of frames");
+    Frames out;
+    std::size_t index = 0;
+    for (py::handle item : frames) {
+        if (py::isinstance<py::array>(item))
+            throw py::type_error("frame " + std::to_string(index) +
+                                 " is an array: a frame is (points, normals[, words]) or a dict; to pass one frame, "
+                                 "wrap it in a list");
+        out.push_back(readFrame(item, index++, scale));
+    }
+    return out;
+}
+
+// Standard output (the library's diagnostic lines) sent to /dev/null while it lives.
+class SilencedStdout {
+public:
+    SilencedStdout() {
+        std::fflush(stdout);
+        const int null = open("/dev/null", O_WRONLY);
+        if (null < 0) return;
+        m_saved = dup(STDOUT_FILENO);
+        if (m_saved >= 0) dup2(null, STDOUT_FILENO);
+        close(null);
+    }
+    ~SilencedStdout() {
+        std::fflush(stdout);
+        if (m_saved >= 0) {
+            dup2(m_saved, STDOUT_FILENO);
+            close(m_saved);
+        }
+    }
+    SilencedStdout(const SilencedStdout&) = delete;
+    SilencedStdout& operator=(const SilencedStdout&) = delete;
+
+private:
+    int m_saved = -1;
+};
+
+struct Mesh {
+    py::array vertices, triangles, words, normals;
+    float resolution = 0.0f;                // millimetres
+    py::object point_spacing = py::none();  // (median, even) in millimetres, when the resolution was chosen from it
+};
+
+struct StepCall {
+    py::object callable;                         // None: the callback only checks for Ctrl-C
+    std::optional<py::error_already_set> error;  // what the callable raised
+};
+
+Mesh toPython(const IndexedMesh& mesh, float scale) {
+    Mesh out;
+    const py::ssize_t v = static_cast<py::ssize_t>(mesh.vertices.size());
+    const py::ssize_t t = static_cast<py::ssize_t>(mesh.triangles.size());
+    py::array_t<float> vertices({v, py::ssize_t(3)}), normals({v, py::ssize_t(3)});
+    py::array_t<std::int32_t> triangles({t, py::ssize_t(3)});
+    py::array_t<std::uint32_t> words(v);
+    float* vp = vertices.mutable_data();
+    float* np_ = normals.mutable_data();
+    for (py::ssize_t i = 0; i < v; ++i) {
+        for (int k = 0; k < 3; ++k) {
+            vp[3 * i + k] = mesh.vertices[static_cast<std::size_t>(i)][k] / scale;
+            np_[3 * i + k] = mesh.normals.empty() ? 0.0f : mesh.normals[static_cast<std::size_t>(i)][k];
+        }
+        words.mutable_data()[i] = mesh.words[static_cast<std::size_t>(i)];
+    }
+    std::int32_t* tp = triangles.mutable_data();
+    for (py::ssize_t i = 0; i < t; ++i)
+        for (int k = 0; k < 3; ++k)
+            tp[3 * i + k] = static_cast<std::int32_t>(mesh.triangles[static_cast<std::size_t>(i)][k]);
+    out.vertices = vertices;
+    out.normals = normals;
+    out.triangles = triangles;
+    out.words = words;
+    return out;
+}
+
+void warn(const std::string& text) {
+    if (PyErr_WarnEx(PyExc_RuntimeWarning, text.c_str(), 2) != 0) throw py::error_already_set();
+}
+
+std::string millimetres(double value) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.3g mm", value);
+    return text;
+}
+
+Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, const py::object& unit,
+                 const py::object& step_callback, std::size_t min_piece, std::size_t fill_holes, bool verbose) {
+    const float scale = millimetresPerUnit(unit);
+    if (!step_callback.is_none() && !PyCallable_Check(step_callback.ptr()))
+        throw py::type_error("step_callback must be callable (it receives a StepInfo)");
+    const bool automatic = py::isinstance<py::str>(resolution_in);
+    if (automatic && resolution_in.cast<std::string>() != "auto")
+        throw py::value_error("resolution must be a number of millimetres or 'auto'");
+    if (!automatic && !PyNumber_Check(resolution_in.ptr()))
+        throw py::type_error("resolution must be a number of millimetres or 'auto'");
+    float resolution = automatic ? 0.0f : resolution_in.cast<float>();
+    Frames frames = readFrames(frames_in, scale);
+
+    PointSpacing spacing;
+    bool measured = false;
+    if (automatic) {
+        int status;
+        {
+            py::gil_scoped_release released;
+            status = measurePointSpacing(frames, spacing);
+        }
+        if (status != 0) throw Error("measuring the point spacing failed with status " + std::to_string(status));
+        measured = true;
+        resolution = resolutionForSpacing(spacing);
+        if (!(resolution > 0.0f)) {
+            resolution = 0.5f;
+            warn("the point spacing cannot be measured (fewer than two distinct points): resolution 0.5 mm");
+        }
+    }
+
+    Tessaline engine;
+    if (engine.init() != 0) throw Error("no usable compute device: " + engine.getLastErrorMsg());
+    engine.setResolution(resolution);
+    if (engine.getLastErrorMsg() != "no error!") {  // the exported setter returns nothing
+        const std::string text = engine.getLastErrorMsg();
+        engine.deInit();
+        throw py::value_error(text);
+    }
+    StepCall call{step_callback, std::nullopt};
+    engine.setProcessStepCallBack([&call](ProcessStepInfo& info) {
+        py::gil_scoped_acquire gil;
+        try {
+            if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+            if (!call.callable.is_none()) call.callable(info);
+        } catch (py::error_already_set& e) {
+            call.error = std::move(e);
+            throw StopRun();
+        }
+        return 0;
+    });
+    for (const auto& frame : frames) {
+        if (engine.addScanFrame_ALL(frame) != 0) {
+            const std::string text = engine.getLastErrorMsg();
+            engine.deInit();
+            throw Error("frame refused: " + text);
+        }
+    }
+
+    int status, mesh_status = 0;
+    std::string last_error;
+    IndexedMesh mesh;
+    double expected = 0.0;
+    {
+        py::gil_scoped_release released;
+        auto soup = std::make_shared<MultiMeshData>();
+        {
+            std::optional<SilencedStdout> silence;
+            if (!verbose) silence.emplace();
+            status = engine.process(soup);
+        }
+        last_error = engine.getLastErrorMsg();
+        engine.deInit();
+        if (status == 0) {
+            mesh_status = weldMesh(*soup, resolution * 1e-4f, mesh);
+            soup.reset();
+            if (mesh_status == 0) mesh_status = removeSmallPieces(mesh, min_piece);
+            if (mesh_status == 0) mesh_status = fillSmallHoles(mesh, fill_holes);
+            if (mesh_status == 0 && !measured) measured = measurePointSpacing(frames, spacing) == 0;
+            expected = expectedTriangles(frames, spacing, resolution);
+        }
+        frames.clear();
+    }
+    if (call.error) throw *call.error;
+    if (status != 0) throw Error("reconstruction failed with status " + std::to_string(status) + ": " + last_error);
+    if (mesh_status != 0) throw Error("finishing the mesh failed with status " + std::to_string(mesh_status));
+    const float suggested = resolutionForSpacing(spacing);
+    const std::string advice = suggested > 0.0f ? "; resolution='auto' would take " + millimetres(suggested) : "";
+    if (mesh.triangles.empty())
+        warn("the mesh is empty: at " + millimetres(resolution) + " no cell holds enough points (points " +
+             millimetres(spacing.median) + " apart)" + advice);
+    else if (static_cast<double>(mesh.triangles.size()) < expected / 4.0)
+        warn("the mesh has " + std::to_string(mesh.triangles.size()) + " triangles where points " +
+             millimetres(spacing.median) + " apart should give about " + std::to_string(std::llround(expected)) +
+             ": the resolution " + millimetres(resolution) + " is too fine for them" + advice);
+    Mesh out = toPython(mesh, scale);
+    out.resolution = resolution;
+    if (automatic && spacing.median > 0.0f) out.point_spacing = py::make_tuple(spacing.median, spacing.density);
+    return out;
+}
+
+// The spacing of the frames' points, in their own unit: (median to the nearest point, even spacing as dense).
+py::tuple pointSpacing(const py::object& frames_in) {
+    Frames frames = readFrames(frames_in, 1.0f);
+    PointSpacing spacing;
+    int status;
+    {
+        py::gil_scoped_release released;
+        status = measurePointSpacing(frames, spacing);
+    }
+    if (status != 0) throw Error("measuring the point spacing failed with status " + std::to_string(status));
+    return py::make_tuple(spacing.median, spacing.density);
+}
+
+}  // namespace
+
+namespace {
+
+const char* const RECONSTRUCT_DOC = R"(Fuses scan frames into one mesh.
+
+frames: a list of frames, each a dict {"points": P, "normals": N, "words": W} (words optional), a tuple
+    (P, N) or (P, N, W), or a point cloud with points and normals attributes (Open3D's). P and N are float
+    arrays of shape (n, 3) in the common coordinate system of the scan, N pointing out of the surface; W an
+    integer array of shape (n,): bits 0-7 the scale code (8 when absent), bits 8-15 flags. The arrays are
+    copied; nothing is kept after the call.
+resolution: the edge of the finest cells in millimetres, or "auto": 1.5 times the spacing of an even
+    sampling as dense as the points.
+unit: the unit of the points: "mm" (default), "cm", "m", "in" or the millimetres in one unit. The mesh comes
+    back in it.
+step_callback: called with a StepInfo before each step of the run, on the calling thread; an exception it
+    raises ends the run and is raised here. Ctrl-C ends a run the same way.
+min_piece: remove pieces of fewer triangles than this. fill_holes: close holes of at most this many edges.
+verbose: let the library's diagnostic lines through to standard output (by default they are silenced,
+    which silences the whole process's standard output for the length of the run).
+
+Returns a Mesh. Raises tessaline.Error (a RuntimeError) with the library's text when the run fails,
+TypeError or ValueError for frames it cannot use; warns (RuntimeWarning) when the mesh is empty or far
+smaller than the points suggest. The GIL is released during the run.)";
+
+}  // namespace
+
+PYBIND11_MODULE(tessaline, m) {
+    m.doc() =
+        "Tessaline: registered laser-scan frames in, one triangle mesh out.\n\n"
+        "    mesh = tessaline.reconstruct([(points, normals)], resolution='auto')\n\n"
+        "points and normals are float arrays of shape (N, 3); the result has numpy vertices, triangles,\n"
+        "words and normals.";
+    m.attr("__version__") = TESSALINE_VERSION_STRING;
+    m.attr("backend") = TESSALINE_BACKEND;
+    m.attr("RESOLUTION_PER_SPACING") = RESOLUTION_PER_SPACING;
+    py::register_exception<Error>(m, "Error", PyExc_RuntimeError);
+
+    py::class_<ProcessStepInfo>(m, "StepInfo", "One step of a run, as the step callback receives it.")
+        .def_property_readonly("step_name", [](const ProcessStepInfo& s) { return s.step_name; })
+        .def_readonly("cur_step", &ProcessStepInfo::cur_step)
+        .def_readonly("total_steps", &ProcessStepInfo::total_steps)
+        .def_readonly("cur_sub_step", &ProcessStepInfo::cur_sub_step)
+        .def_readonly("total_sub_steps", &ProcessStepInfo::total_sub_steps)
+        .def("__repr__", [](const ProcessStepInfo& s) {
+            return "StepInfo(step " + std::to_string(s.cur_step) + " of " + std::to_string(s.total_steps) + ", part " +
+                   std::to_string(s.cur_sub_step) + " of " + std::to_string(s.total_sub_steps) + ")";
+        });
+
+    py::class_<Mesh>(m, "Mesh", "A finished mesh: welded vertices with their words and normals.")
+        .def_readonly("vertices", &Mesh::vertices, "float32 (V, 3), in the unit of the frames")
+        .def_readonly("triangles", &Mesh::triangles, "int32 (T, 3), vertex indices, counter-clockwise from the front")
+        .def_readonly("words", &Mesh::words, "uint32 (V,): bits 0-7 scale codes, 8-15 flags, 16-31 quality")
+        .def_readonly("normals", &Mesh::normals, "float32 (V, 3), unit area-weighted vertex normals")
+        .def_readonly("resolution", &Mesh::resolution, "the finest cell edge of the run, millimetres")
+        .def_readonly("point_spacing", &Mesh::point_spacing,
+                      "('auto' only) the points' median spacing to the nearest point and the even spacing as dense, mm")
+        .def("__repr__", [](const Mesh& mesh) {
+            return "Mesh(" + std::to_string(mesh.vertices.shape(0)) + " vertices, " +
+                   std::to_string(mesh.triangles.shape(0)) + " triangles)";
+        });
+
+    m.def("reconstruct", &reconstruct, py::arg("frames"), py::arg("resolution") = "auto", py::kw_only(),
+          py::arg("unit") = "mm", py::arg("step_callback") = py::none(), py::arg("min_piece") = 0,
+          py::arg("fill_holes") = 0, py::arg("verbose") = false, RECONSTRUCT_DOC);
+    m.def("point_spacing", &pointSpacing, py::arg("frames"),
+          "(median, even): the median distance from a point to its nearest neighbour at another position, and\n"
+          "the spacing of an even sampling as dense as the points, over all frames together, in the unit of\n"
+          "the points; (0.0, 0.0) with fewer than two distinct points.");
+}

@@ -1,0 +1,270 @@
+"""The Python module on shapes whose answer is known, its errors, its callback, and the files of the
+program as Open3D and meshio read them."""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import threading
+
+import numpy as np
+import pytest
+
+import tessaline
+
+HERE = pathlib.Path(__file__).resolve().parent
+DATA = pathlib.Path(os.environ.get("TESSALINE_TEST_DATA_DIR", HERE.parents[1].parent / "shared" / "data"))
+CLI = os.environ.get("TESSALINE_CLI")
+STEP_NAMES = ["点云预处理", "融合数据", "生成网格"]  # screening and blocks, fusion, the mesh
+
+
+def sphere(n=20000, radius=30.0, centre=(100.0, 100.0, 100.0), cap=None):
+    """A Fibonacci lattice on a sphere: points evenly spread, normals outward; without the top above `cap`."""
+    i = np.arange(n) + 0.5
+    phi, theta = np.arccos(1 - 2 * i / n), np.pi * (1 + 5**0.5) * i
+    normals = np.stack([np.cos(theta) * np.sin(phi), np.sin(theta) * np.sin(phi), np.cos(phi)], axis=1)
+    if cap is not None:
+        normals = normals[radius * normals[:, 2] <= cap]
+    return np.asarray(centre) + radius * normals, normals
+
+
+def boundary_edges(triangles):
+    edges = np.sort(np.concatenate([triangles[:, [0, 1]], triangles[:, [1, 2]], triangles[:, [2, 0]]]), axis=1)
+    _, counts = np.unique(edges, axis=0, return_counts=True)
+    return int((counts == 1).sum())
+
+
+def test_a_sphere_gives_a_closed_mesh_on_the_sphere_facing_out():
+    points, normals = sphere()
+    mesh = tessaline.reconstruct([(points.astype(np.float32), normals.astype(np.float32))])
+    assert mesh.vertices.dtype == np.float32 and mesh.vertices.shape[1] == 3
+    assert mesh.triangles.dtype == np.int32 and mesh.triangles.shape[1] == 3
+    assert mesh.words.dtype == np.uint32 and mesh.words.shape == (len(mesh.vertices),)
+    assert mesh.normals.shape == mesh.vertices.shape
+    assert len(mesh.triangles) > 10000
+    assert boundary_edges(mesh.triangles) == 0
+    offset = mesh.vertices - 100.0
+    radii = np.linalg.norm(offset, axis=1)
+    assert np.abs(radii - 30.0).max() < 0.05 * mesh.resolution
+    np.testing.assert_allclose(np.linalg.norm(mesh.normals, axis=1), 1.0, atol=1e-5)
+    assert (np.einsum("ij,ij->i", mesh.normals, offset / radii[:, None]) > 0.9).all()
+    v = mesh.vertices[mesh.triangles]
+    facing = np.einsum("ij,ij->i", np.cross(v[:, 1] - v[:, 0], v[:, 2] - v[:, 0]), v.mean(axis=1) - 100.0)
+    assert (facing > 0).all()  # counter-clockwise seen from outside
+    # 'auto': 1.5 times the even spacing of 20000 points over the sphere's area.
+    even = np.sqrt(4 * np.pi * 30.0**2 / 20000)
+    assert mesh.resolution == pytest.approx(1.5 * even, rel=0.05)
+    assert mesh.point_spacing[1] == pytest.approx(even, rel=0.05)
+
+
+def test_frames_in_metres_come_back_in_metres():
+    points, normals = sphere(n=8000)
+    mesh = tessaline.reconstruct([{"points": points / 1000.0, "normals": normals}], unit="m", resolution=1.0)
+    assert mesh.resolution == 1.0  # millimetres, whatever the unit
+    assert np.abs(np.linalg.norm(mesh.vertices - 0.1, axis=1) - 0.03).max() < 5e-5
+
+
+class _Cloud:  # what an Open3D point cloud offers
+    def __init__(self, points, normals):
+        self.points, self.normals = points, normals
+
+
+@pytest.mark.parametrize(
+    "frames, error, text",
+    [
+        ([(np.zeros((5, 3), np.int64), np.ones((5, 3)))], TypeError, "frame 0 points must be a float array"),
+        ([(np.zeros((5, 2)), np.ones((5, 2)))], ValueError, "must have the shape (N, 3)"),
+        ([(np.ones((5, 3)), np.ones((4, 3)))], ValueError, "5 points but 4 normals"),
+        ([(np.ones((5, 3)), np.ones((5, 3)), np.ones(5))], TypeError, "words must be an integer array"),
+        ([(np.ones((5, 3)), np.ones((5, 3)), np.ones(4, np.int32))], ValueError, "one word a point"),
+        ([(np.ones((5, 3)), np.ones((5, 3)), np.full(5, 2**33))], ValueError, "does not fit in 32 bits"),
+        ([{"points": np.ones((5, 3))}], KeyError, "needs 'points' and 'normals'"),
+        ([{"points": np.ones((5, 3)), "normals": np.ones((5, 3)), "colours": 1}], KeyError, "unknown key"),
+        ((np.ones((5, 3)), np.ones((5, 3))), TypeError, "wrap it in a list"),
+        ({"points": np.ones((5, 3)), "normals": np.ones((5, 3))}, TypeError, "wrap it in a list"),
+        ([(np.ones((5, 3)),)], TypeError, "(points, normals)"),
+        ([42], TypeError, "a frame is a dict"),
+        ([("abc", np.ones((5, 3)))], TypeError, "must be a float array"),
+    ],
+)
+def test_frames_it_cannot_use_are_refused_with_a_clear_text(frames, error, text):
+    with pytest.raises(error) as caught:
+        tessaline.reconstruct(frames, resolution=0.5)
+    assert text in str(caught.value)
+
+
+@pytest.mark.parametrize(
+    "kwargs, error, text",
+    [
+        ({"resolution": 0.0}, ValueError, "setResolution resolution must be between 0.001 and 100000"),
+        ({"resolution": 1e9}, ValueError, "setResolution resolution must be between 0.001 and 100000"),
+        ({"resolution": "fine"}, ValueError, "or 'auto'"),
+        ({"resolution": None}, TypeError, "or 'auto'"),
+        ({"unit": "furlong"}, ValueError, "unit must be"),
+        ({"step_callback": 3}, TypeError, "must be callable"),
+    ],
+)
+def test_settings_it_cannot_use_are_refused(kwargs, error, text):
+    points, normals = sphere(n=500)
+    with pytest.raises(error, match=None) as caught:
+        tessaline.reconstruct([(points, normals)], **kwargs)
+    assert text in str(caught.value)
+
+
+def test_a_failed_run_raises_the_library_text():
+    nowhere = np.full((10, 3), np.nan)
+    with pytest.raises(tessaline.Error) as caught:
+        tessaline.reconstruct([(nowhere, np.ones((10, 3)))], resolution=0.5)
+    assert isinstance(caught.value, RuntimeError)
+    assert "status 1" in str(caught.value)
+    assert "no usable points: no frames, or every point was dropped!" in str(caught.value)
+
+
+def test_the_step_callback_sees_every_step_by_name_in_order():
+    steps = []
+    points, normals = sphere(n=5000)
+    tessaline.reconstruct([(points, normals)], step_callback=steps.append)
+    names = [s.step_name for s in steps]
+    assert names[0] == STEP_NAMES[0] and names[-1] == STEP_NAMES[2]
+    assert set(names[1:-1]) == {STEP_NAMES[1]}
+    assert [s.cur_step for s in steps] == sorted(s.cur_step for s in steps)
+    assert all(s.total_steps == 3 for s in steps)
+    blocks = steps[1].total_sub_steps
+    assert [s.cur_sub_step for s in steps[2:-1]] == list(range(blocks))
+
+
+def test_an_exception_in_the_callback_ends_the_run_and_is_raised():
+    calls = []
+
+    def stop(step):
+        calls.append(step.cur_step)
+        raise KeyError("stop at the first step")
+
+    points, normals = sphere(n=5000)
+    with pytest.raises(KeyError, match="stop at the first step"):
+        tessaline.reconstruct([(points, normals)], step_callback=stop)
+    assert calls == [1]  # nothing after the step that raised
+    assert len(tessaline.reconstruct([(points, normals)]).triangles) > 0  # and the next run works
+
+
+def test_the_gil_is_released_while_the_library_fuses():
+    # A thread counts while the run goes on; between the callback of the first block and that of the mesh
+    # step the library runs without the GIL, so the count moves on.
+    counter, seen, done = [0], [], threading.Event()
+
+    def count():
+        while not done.is_set():
+            counter[0] += 1
+
+    def step(info):
+        if info.cur_step in (2, 3):
+            seen.append((info.cur_step, counter[0]))
+
+    worker = threading.Thread(target=count)
+    worker.start()
+    try:
+        points, normals = sphere(n=40000)
+        tessaline.reconstruct([(points, normals)], step_callback=step)
+    finally:
+        done.set()
+        worker.join()
+    assert seen[-1][0] == 3 and seen[-2][0] == 2
+    assert seen[-1][1] > seen[-2][1]
+
+
+@pytest.mark.parametrize("word, low, flags", [(16, 16, 0), (0x110, 16, 0x01), (8, 8, 0), (np.uint32(0x0408), 8, 0x04)])
+def test_words_reach_the_mesh(word, low, flags):
+    points, normals = sphere(n=20000)
+    words = np.full(len(points), word, dtype=np.uint32)
+    mesh = tessaline.reconstruct([(points, normals, words)], resolution=2.0)
+    assert len(mesh.words) > 0
+    assert set(np.unique(mesh.words & 0xFF)) == {low}  # every cell of a vertex asks for the same code
+    assert set(np.unique((mesh.words >> 8) & 0xFF)) == {flags}
+
+
+def test_small_pieces_and_holes_are_finished():
+    cut, cut_normals = sphere(n=20000, cap=28.0)
+    bit, bit_normals = sphere(n=560, radius=5.0, centre=(200.0, 100.0, 100.0))
+    frames = [(cut, cut_normals), {"points": bit, "normals": bit_normals}]
+    plain = tessaline.reconstruct(frames)
+    assert boundary_edges(plain.triangles) > 20
+    finished = tessaline.reconstruct(frames, min_piece=2000, fill_holes=1000)
+    assert boundary_edges(finished.triangles) == 0
+    assert np.linalg.norm(finished.vertices - (100.0, 100.0, 100.0), axis=1).max() < 31.0  # the bit is gone
+
+
+def test_too_few_points_for_the_resolution_warn():
+    points, normals = sphere(n=300)
+    with pytest.warns(RuntimeWarning, match="the mesh is empty.*resolution='auto' would take"):
+        mesh = tessaline.reconstruct([(points, normals)], resolution=0.5)
+    assert mesh.vertices.shape == (0, 3) and mesh.triangles.shape == (0, 3)
+
+
+def test_a_point_cloud_object_is_a_frame_and_spacing_is_measured():
+    points, normals = sphere(n=4000)
+    median, even = tessaline.point_spacing([_Cloud(points, normals)])
+    assert even == pytest.approx(np.sqrt(4 * np.pi * 900 / 4000), rel=0.05)
+    assert 0 < median <= even * 1.1
+    assert len(tessaline.reconstruct([_Cloud(points, normals)]).triangles) > 0
+
+
+def test_the_example_runs():
+    result = subprocess.run([sys.executable, str(HERE.parent / "example.py")], capture_output=True, text=True,
+                            env=dict(os.environ), check=False)
+    assert result.returncode == 0, result.stderr
+    assert "triangles" in result.stdout and "steps reported: [1, 2, 3]" in result.stdout
+
+
+def _cli(*args):
+    if not CLI:
+        pytest.skip("the tessaline program was not built")
+    return subprocess.run([CLI, *map(str, args)], capture_output=True, text=True, check=False)
+
+
+def test_open3d_and_meshio_read_the_words_and_normals_of_the_program_s_files(tmp_path):
+    o3d = pytest.importorskip("open3d")
+    points, normals = sphere(n=8000)
+    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
+    cloud.normals = o3d.utility.Vector3dVector(normals)
+    source = tmp_path / "cloud.ply"
+    assert o3d.io.write_point_cloud(str(source), cloud)
+    words = tmp_path / "words.ply"
+    result = _cli("reconstruct", source, "-o", words, "--resolution", "1.5")
+    assert result.returncode == 0, result.stderr
+    read = o3d.t.io.read_point_cloud(str(words))
+    word = read.point["word"].numpy().ravel().view(np.uint32)
+    assert (word & 0xFF == 8).all()
+    np.testing.assert_array_equal(read.point["scale_code"].numpy().ravel(), word & 0xFF)
+    np.testing.assert_array_equal(read.point["flags"].numpy().ravel(), (word >> 8) & 0xFF)
+    np.testing.assert_array_equal(read.point["quality"].numpy().ravel(), (word >> 16) & 0xFF)
+    legacy = o3d.io.read_triangle_mesh(str(words))
+    assert legacy.has_vertex_normals() and len(legacy.triangles) > 1000
+    obj = tmp_path / "normals.obj"
+    assert _cli("reconstruct", source, "-o", obj, "--resolution", "1.5").returncode == 0
+    assert o3d.io.read_triangle_mesh(str(obj)).has_vertex_normals()
+    meshio = pytest.importorskip("meshio")
+    m = meshio.read(str(words))
+    assert len(m.points) == len(word)
+    np.testing.assert_array_equal(np.asarray(m.point_data["word"]).view(np.uint32), word)
+
+
+def test_an_open3d_cloud_of_the_bunny_at_1_mm_gives_a_full_mesh(tmp_path):
+    o3d = pytest.importorskip("open3d")
+    reference = DATA / "stanford-bunny" / "reference" / "bun_zipper.ply"
+    if not reference.is_file():
+        pytest.skip(f"no {reference}")
+    surface = o3d.io.read_triangle_mesh(str(reference))
+    surface.compute_vertex_normals()
+    o3d.utility.random.seed(1)
+    cloud = surface.sample_points_poisson_disk(35000)  # about 1.0 mm apart
+    source = tmp_path / "bunny.ply"
+    assert o3d.io.write_point_cloud(str(source), cloud)
+    out = tmp_path / "bunny_mesh.ply"
+    result = _cli("reconstruct", source, "--units", "m", "-o", out, "--json", "--reference", reference)
+    assert result.returncode == 0, result.stderr
+    summary = json.loads(result.stdout)
+    assert summary["point_spacing_mm"] == pytest.approx(1.0, abs=0.1)
+    assert summary["resolution_auto"] and summary["warnings"] == []
+    assert summary["comparison"]["coverage"] > 0.995
+    assert summary["comparison"]["to_reference"]["median_mm"] < 0.1
+    assert summary["pieces"] < 10

@@ -1,0 +1,442 @@
+// The mesh library beside the engine, on meshes whose answer is known by hand: welding a soup, vertex
+// normals, removing small pieces, filling small holes, and the point spacing that chooses a resolution.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <set>
+
+#include "tessaline/TessalineMesh.h"
+
+using namespace SurfaceReconstruction;
+
+namespace {
+
+using Tri = std::array<std::uint32_t, 3>;
+
+// The soup of an indexed mesh: every triangle with its own corners, all words `word`.
+MultiMeshData soupOf(const std::vector<Vec3f>& vertices, const std::vector<Tri>& triangles, std::uint32_t word = 8) {
+    MultiMeshData soup;
+    for (const Tri& t : triangles) {
+        TriangleXYZ xyz;
+        for (int v = 0; v < 3; ++v)
+            for (int k = 0; k < 3; ++k) xyz.xyz[3 * v + k] = vertices[t[v]][k];
+        soup.xyz.push_back(xyz);
+        soup.w.push_back(TriangleW{{word, word, word}});
+    }
+    return soup;
+}
+
+// The octahedron with corners on the axes at distance 1 from `c`, faces counter-clockwise from outside.
+IndexedMesh octahedron(Vec3f c = {0, 0, 0}) {
+    IndexedMesh mesh;
+    mesh.vertices = {{c[0] + 1, c[1], c[2]}, {c[0] - 1, c[1], c[2]}, {c[0], c[1] + 1, c[2]},
+                     {c[0], c[1] - 1, c[2]}, {c[0], c[1], c[2] + 1}, {c[0], c[1], c[2] - 1}};
+    mesh.triangles = {{0, 2, 4}, {2, 1, 4}, {1, 3, 4}, {3, 0, 4}, {2, 0, 5}, {1, 2, 5}, {3, 1, 5}, {0, 3, 5}};
+    mesh.words.assign(6, 8);
+    return mesh;
+}
+
+// The unit cube [0,1]^3, two triangles a face, counter-clockwise from outside.
+IndexedMesh cube() {
+    IndexedMesh mesh;
+    for (int i = 0; i < 8; ++i) mesh.vertices.push_back({float(i & 1), float((i >> 1) & 1), float((i >> 2) & 1)});
+    mesh.triangles = {{0, 2, 3}, {0, 3, 1}, {4, 5, 7}, {4, 7, 6}, {0, 1, 5}, {0, 5, 4},
+                      {2, 6, 7}, {2, 7, 3}, {0, 4, 6}, {0, 6, 2}, {1, 3, 7}, {1, 7, 5}};
+    mesh.words.assign(8, 8);
+    return mesh;
+}
+
+// A flat n x n grid of unit squares in the plane z = 0, each split into two triangles facing +z.
+IndexedMesh grid(int n) {
+    IndexedMesh mesh;
+    for (int y = 0; y <= n; ++y)
+        for (int x = 0; x <= n; ++x) mesh.vertices.push_back({float(x), float(y), 0.0f});
+    const auto at = [n](int x, int y) { return static_cast<std::uint32_t>(y * (n + 1) + x); };
+    for (int y = 0; y < n; ++y)
+        for (int x = 0; x < n; ++x) {
+            mesh.triangles.push_back({at(x, y), at(x + 1, y), at(x + 1, y + 1)});
+            mesh.triangles.push_back({at(x, y), at(x + 1, y + 1), at(x, y + 1)});
+        }
+    mesh.words.assign(mesh.vertices.size(), 8);
+    return mesh;
+}
+
+MeshStatistics statisticsOf(const IndexedMesh& mesh) {
+    MeshStatistics s;
+    EXPECT_EQ(describeMesh(mesh, s), 0);
+    return s;
+}
+
+// Every directed edge used at most once: neighbouring triangles face the same side.
+bool consistentlyOriented(const IndexedMesh& mesh) {
+    std::set<std::pair<std::uint32_t, std::uint32_t>> directed;
+    for (const Tri& t : mesh.triangles)
+        for (int e = 0; e < 3; ++e)
+            if (!directed.insert({t[e], t[(e + 1) % 3]}).second) return false;
+    return true;
+}
+
+void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-6f) {
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(a[k], b[k], tolerance) << k;
+}
+
+}  // namespace
+
+TEST(Weld, ACubeSoupBecomesEightSharedVerticesEvenAcrossRoundingBoundaries) {
+    const IndexedMesh reference = cube();
+    MultiMeshData soup = soupOf(reference.vertices, reference.triangles);
+    // Copies of one corner that differ by less than the tolerance but fall on both sides of a multiple of it:
+    // they must still meet.
+    const float tolerance = 1e-5f;
+    soup.xyz[0].xyz[0] = 0.9999f * tolerance;  // corner 0 of the first triangle, at (0, 0, 0)
+    soup.xyz[1].xyz[0] = 1.0001f * tolerance;  // the same corner in the second triangle
+    soup.xyz[4].xyz[1] = -0.9f * tolerance;
+    IndexedMesh mesh;
+    std::size_t degenerate = 99;
+    ASSERT_EQ(weldMesh(soup, tolerance, mesh, &degenerate), 0);
+    EXPECT_EQ(degenerate, 0u);
+    const MeshStatistics s = statisticsOf(mesh);
+    EXPECT_EQ(s.vertices, 8u);
+    EXPECT_EQ(s.triangles, 12u);
+    EXPECT_EQ(s.boundary_edges, 0u);
+    EXPECT_EQ(s.boundary_loops, 0u);
+    EXPECT_EQ(s.pieces, 1u);
+    EXPECT_NEAR(s.area, 6.0, 1e-4);
+    EXPECT_TRUE(consistentlyOriented(mesh));
+    // Numbered in the order of first use; the first corner gives the position.
+    EXPECT_EQ(mesh.triangles[0], (Tri{0, 1, 2}));
+    EXPECT_FLOAT_EQ(mesh.vertices[0][0], 0.9999f * tolerance);
+}
+
+TEST(Weld, WordsAreTheOrOfEveryCornerAndCollapsedOrBrokenTrianglesAreDropped) {
+    // Two triangles sharing the edge (1,0,0)-(0,1,0); a third collapses (two corners within the tolerance);
+    // a fourth has a NaN corner.
+    MultiMeshData soup;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    soup.xyz = {TriangleXYZ{{0, 0, 0, 1, 0, 0, 0, 1, 0}}, TriangleXYZ{{1, 0, 0, 1, 1, 0, 0, 1, 0}},
+                TriangleXYZ{{5, 5, 5, 5, 5, 5.00001f, 6, 6, 6}}, TriangleXYZ{{nan, 0, 0, 7, 0, 0, 7, 1, 0}}};
+    soup.w = {TriangleW{{0x0008, 0x0108, 0x77770010}}, TriangleW{{0xffff0008, 0x1, 0x0208}}, TriangleW{{1, 2, 3}},
+              TriangleW{{4, 5, 6}}};
+    IndexedMesh mesh;
+    std::size_t degenerate = 0;
+    ASSERT_EQ(weldMesh(soup, 1e-4f, mesh, &degenerate), 0);
+    EXPECT_EQ(degenerate, 2u);
+    ASSERT_EQ(mesh.vertices.size(), 4u);  // only vertices that kept triangles use
+    ASSERT_EQ(mesh.triangles.size(), 2u);
+    const std::vector<std::uint32_t> words = {0x0008, 0x0108 | 0xffff0008, 0x77770010 | 0x0208, 0x1};
+    EXPECT_EQ(mesh.words, words);
+    EXPECT_EQ(mesh.triangles[1], (Tri{1, 3, 2}));
+    EXPECT_EQ(statisticsOf(mesh).boundary_edges, 4u);
+
+    // Corners twice the tolerance apart stay apart.
+    soup.xyz = {TriangleXYZ{{0, 0, 0, 1, 0, 0, 0, 1, 0}}, TriangleXYZ{{2e-4f, 0, 0, 1, 1, 0, 0, 1, 0}}};
+    soup.w.resize(2);
+    ASSERT_EQ(weldMesh(soup, 1e-4f, mesh), 0);
+    EXPECT_EQ(mesh.vertices.size(), 5u);
+}
+
+TEST(Weld, RefusesWhatItCannotWeld) {
+    MultiMeshData soup = soupOf(cube().vertices, cube().triangles);
+    IndexedMesh mesh = cube();
+    for (float tolerance :
+         {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+        EXPECT_EQ(weldMesh(soup, tolerance, mesh), 1) << tolerance;
+        EXPECT_TRUE(mesh.vertices.empty() && mesh.triangles.empty());
+    }
+    soup.w.pop_back();
+    EXPECT_EQ(weldMesh(soup, 1e-4f, mesh), 1);
+}
+
+TEST(Normals, AreAreaWeightedUnitVectorsOnTheFrontSide) {
+    // Each corner of an octahedron meets four equal faces: its normal is its own direction.
+    IndexedMesh mesh = octahedron({3, 4, 5});
+    ASSERT_EQ(computeVertexNormals(mesh), 0);
+    for (std::size_t v = 0; v < 6; ++v) {
+        const Vec3f direction = {mesh.vertices[v][0] - 3, mesh.vertices[v][1] - 4, mesh.vertices[v][2] - 5};
+        expectNear(mesh.normals[v], direction);
+    }
+    // A corner shared by a triangle of area 2 facing +z and one of area 1 facing +x: (1, 0, 2) / sqrt(5).
+    IndexedMesh corner;
+    corner.vertices = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 1, 0}, {0, 0, 2}, {5, 5, 5}};
+    corner.triangles = {{0, 1, 2}, {0, 3, 4}};
+    ASSERT_EQ(computeVertexNormals(corner), 0);
+    expectNear(corner.normals[0], {1.0f / std::sqrt(5.0f), 0.0f, 2.0f / std::sqrt(5.0f)});
+    expectNear(corner.normals[5], {0, 0, 0});  // no triangle uses it
+    // Indices past the vertices are refused.
+    corner.triangles.push_back({0, 1, 6});
+    EXPECT_EQ(computeVertexNormals(corner), 1);
+}
+
+TEST(Pieces, OnlyPiecesBelowTheSizeGo) {
+    // An octahedron (8 triangles), a cube (12), a lone triangle (1) and a bow tie of two triangles that
+    // share one vertex (one piece of 2).
+    IndexedMesh mesh = octahedron();
+    const auto append = [&mesh](const IndexedMesh& part) {
+        const std::uint32_t base = static_cast<std::uint32_t>(mesh.vertices.size());
+        mesh.vertices.insert(mesh.vertices.end(), part.vertices.begin(), part.vertices.end());
+        mesh.words.insert(mesh.words.end(), part.words.begin(), part.words.end());
+        for (Tri t : part.triangles) mesh.triangles.push_back({t[0] + base, t[1] + base, t[2] + base});
+    };
+    IndexedMesh moved = cube();
+    for (Vec3f& v : moved.vertices) v[0] += 10;
+    append(moved);
+    IndexedMesh lone;
+    lone.vertices = {{20, 0, 0}, {21, 0, 0}, {20, 1, 0}};
+    lone.triangles = {{0, 1, 2}};
+    lone.words.assign(3, 8);
+    append(lone);
+    IndexedMesh bow;
+    bow.vertices = {{30, 0, 0}, {31, 0, 0}, {31, 1, 0}, {29, 0, 0}, {29, -1, 0}};
+    bow.triangles = {{0, 1, 2}, {0, 3, 4}};
+    bow.words.assign(5, 8);
+    append(bow);
+    ASSERT_EQ(computeVertexNormals(mesh), 0);
+    ASSERT_EQ(statisticsOf(mesh).pieces, 4u);
+
+    const struct {
+        std::size_t min_triangles, removed, pieces_left, vertices_left;
+    } cases[] = {{0, 0, 4, 22}, {1, 0, 4, 22}, {2, 1, 3, 19}, {3, 3, 2, 14}, {9, 11, 1, 8}, {13, 23, 0, 0}};
+    for (const auto& c : cases) {
+        IndexedMesh edited = mesh;
+        std::size_t removed = 99;
+        ASSERT_EQ(removeSmallPieces(edited, c.min_triangles, &removed), 0);
+        EXPECT_EQ(removed, c.removed) << c.min_triangles;
+        const MeshStatistics s = statisticsOf(edited);
+        EXPECT_EQ(s.pieces, c.pieces_left) << c.min_triangles;
+        EXPECT_EQ(s.vertices, c.vertices_left) << c.min_triangles;
+        ASSERT_EQ(edited.words.size(), edited.vertices.size());
+        ASSERT_EQ(edited.normals.size(), edited.vertices.size());
+        // What stays is the same triangles, in the same order, over the same positions.
+        std::size_t kept = 0;
+        for (const Tri& t : mesh.triangles) {
+            if (kept == edited.triangles.size()) break;
+            const Tri& e = edited.triangles[kept];
+            if (mesh.vertices[t[0]] == edited.vertices[e[0]] && mesh.vertices[t[1]] == edited.vertices[e[1]] &&
+                mesh.vertices[t[2]] == edited.vertices[e[2]]) {
+                EXPECT_EQ(mesh.normals[t[0]], edited.normals[e[0]]);
+                ++kept;
+            }
+        }
+        EXPECT_EQ(kept, edited.triangles.size()) << c.min_triangles;
+    }
+}
+
+TEST(Holes, LoopsUpToTheLimitCloseFacingTheirNeighbours) {
+    struct Case {
+        const char* name;
+        IndexedMesh mesh;
+        std::vector<std::size_t> removed;  // triangles taken out to make the hole
+        std::size_t loop_edges;
+        double area;  // of the whole surface once closed
+    };
+    IndexedMesh flat = grid(6);
+    std::vector<std::size_t> middle;  // the 2 x 2 squares in the middle: a hole of 8 edges
+    for (int y = 2; y < 4; ++y)
+        for (int x = 2; x < 4; ++x) {
+            middle.push_back(static_cast<std::size_t>(2 * (y * 6 + x)));
+            middle.push_back(static_cast<std::size_t>(2 * (y * 6 + x) + 1));
+        }
+    const Case cases[] = {{"octahedron without a face", octahedron(), {3}, 3, 8 * std::sqrt(3.0) / 2},
+                          {"cube without a face", cube(), {0, 1}, 4, 6.0},
+                          {"grid without its middle", flat, middle, 8, 36.0}};
+    for (const Case& c : cases) {
+        IndexedMesh mesh = c.mesh;
+        std::vector<Tri> kept;
+        for (std::size_t t = 0; t < mesh.triangles.size(); ++t)
+            if (std::find(c.removed.begin(), c.removed.end(), t) == c.removed.end()) kept.push_back(mesh.triangles[t]);
+        mesh.triangles = kept;
+        ASSERT_EQ(computeVertexNormals(mesh), 0);
+        const MeshStatistics open = statisticsOf(mesh);
+        const std::size_t outer = c.mesh.triangles.size() == flat.triangles.size() ? 24 : 0;  // the grid's rim
+        ASSERT_EQ(open.boundary_edges, c.loop_edges + outer) << c.name;
+
+        std::size_t filled = 99;
+        IndexedMesh unchanged = mesh;
+        ASSERT_EQ(fillSmallHoles(unchanged, c.loop_edges - 1, &filled), 0);
+        EXPECT_EQ(filled, 0u) << c.name;
+        EXPECT_EQ(unchanged.triangles.size(), mesh.triangles.size()) << c.name;
+
+        ASSERT_EQ(fillSmallHoles(mesh, c.loop_edges, &filled), 0);
+        EXPECT_EQ(filled, 1u) << c.name;
+        const MeshStatistics closed = statisticsOf(mesh);
+        EXPECT_EQ(closed.boundary_edges, outer) << c.name;
+        EXPECT_EQ(closed.vertices, open.vertices) << c.name;  // short loops need no new vertex
+        // A loop of n edges spanned between its own vertices takes n - 2 triangles.
+        EXPECT_EQ(closed.triangles, open.triangles + c.loop_edges - 2) << c.name;
+        EXPECT_NEAR(closed.area, c.area, 1e-5) << c.name;  // least area: a flat hole's own area
+        EXPECT_TRUE(consistentlyOriented(mesh)) << c.name;
+        IndexedMesh expected = mesh;
+        ASSERT_EQ(computeVertexNormals(expected), 0);
+        EXPECT_EQ(mesh.normals, expected.normals) << c.name;  // kept up to date
+    }
+}
+
+TEST(Holes, ALongLoopGetsAFanAroundItsCentroid) {
+    // A flat ring between a 100-gon of radius 1 and one of radius 2 around (5, 5, 0): the inner loop has 100
+    // edges, the outer one too.
+    IndexedMesh ring;
+    const int n = 100;
+    for (int i = 0; i < n; ++i) {
+        const double a = 2 * M_PI * i / n;
+        ring.vertices.push_back({float(5 + std::cos(a)), float(5 + std::sin(a)), 0.0f});
+        ring.vertices.push_back({float(5 + 2 * std::cos(a)), float(5 + 2 * std::sin(a)), 0.0f});
+    }
+    for (std::uint32_t i = 0; i < n; ++i) {
+        const std::uint32_t j = (i + 1) % n;
+        ring.triangles.push_back({2 * i, 2 * i + 1, 2 * j + 1});
+        ring.triangles.push_back({2 * i, 2 * j + 1, 2 * j});
+    }
+    ring.words.assign(ring.vertices.size(), 0x0108);
+    ASSERT_EQ(statisticsOf(ring).boundary_loops, 2u);
+    std::size_t filled = 0;
+    IndexedMesh disc = ring;
+    ASSERT_EQ(fillSmallHoles(disc, 100, &filled), 0);
+    EXPECT_EQ(filled, 2u);
+    const MeshStatistics s = statisticsOf(disc);
+    EXPECT_EQ(s.boundary_edges, 0u);
+    EXPECT_EQ(s.vertices, ring.vertices.size() + 2);  // one centroid a loop
+    EXPECT_EQ(s.triangles, ring.triangles.size() + 2 * n);
+    EXPECT_TRUE(consistentlyOriented(disc));
+    for (std::size_t hub : {2 * n, 2 * n + 1}) {
+        expectNear(disc.vertices[hub], {5, 5, 0}, 1e-5f);
+        EXPECT_EQ(disc.words[hub], 0u);
+    }
+    // The ring and the inner fan cover the 100-gon of radius 2; the outer fan (facing down) covers it again.
+    const double polygon = 0.5 * n * 4 * std::sin(2 * M_PI / n);
+    EXPECT_NEAR(s.area, 2 * polygon, 1e-3);
+}
+
+TEST(Holes, NothingToFillAndBadMeshes) {
+    IndexedMesh closed = octahedron();
+    std::size_t filled = 99;
+    EXPECT_EQ(fillSmallHoles(closed, 1000, &filled), 0);
+    EXPECT_EQ(filled, 0u);
+    EXPECT_EQ(closed.triangles.size(), 8u);
+    IndexedMesh bad = octahedron();
+    bad.words.pop_back();  // words, when present, need one a vertex
+    EXPECT_EQ(fillSmallHoles(bad, 10), 1);
+    EXPECT_EQ(removeSmallPieces(bad, 10), 1);
+    MeshStatistics s;
+    EXPECT_EQ(describeMesh(bad, s), 1);
+}
+
+namespace {
+
+// A square lattice of n x n points `step` apart in the plane z = 100, normals +z, all with word `word`.
+std::shared_ptr<FrameDataWithInfo> lattice(int n, float step, std::int32_t word = 8, int copies = 1) {
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (int c = 0; c < copies; ++c)
+        for (int y = 0; y < n; ++y)
+            for (int x = 0; x < n; ++x) {
+                frame->xyz.push_back({x * step, y * step, 100.0f});
+                frame->nor.push_back({0, 0, 1});
+                frame->w.push_back(word);
+            }
+    return frame;
+}
+
+}  // namespace
+
+TEST(Spacing, ASquareLatticeGivesItsStepAndTheEvenSpacingOfItsDensity) {
+    // On a square lattice the nearest point lies one step away; the 64th nearest (counting 4, 4, 4, 8, 4,
+    // 4, 8, 8, 4, 8, 4 points at 1, sqrt2, 2, sqrt5, sqrt8, 3, sqrt10, sqrt13, 4, sqrt17, sqrt18) at
+    // sqrt20 steps, so the even spacing is sqrt20 sqrt(pi / 64) steps. With every point twice, the 64th is
+    // the 32nd other position: sqrt10 steps.
+    const float step = 0.7f;
+    const struct {
+        int copies;
+        double even_in_steps;
+    } cases[] = {{1, std::sqrt(20.0) * std::sqrt(M_PI / 64)}, {2, std::sqrt(10.0) * std::sqrt(M_PI / 64)}};
+    for (const auto& c : cases) {
+        PointSpacing spacing;
+        ASSERT_EQ(measurePointSpacing({lattice(100, step, 8, c.copies)}, spacing, 1000000), 0);
+        EXPECT_NEAR(spacing.median, step, 1e-4) << c.copies;
+        EXPECT_NEAR(spacing.density, step * c.even_in_steps, 1e-4) << c.copies;
+        EXPECT_EQ(spacing.points, 10000u * c.copies);
+        EXPECT_EQ(spacing.measured, 10000u * c.copies);
+        EXPECT_EQ(spacing.scale_code, 8);
+    }
+    // Measuring every third point spreads over the lattice alike.
+    PointSpacing sampled;
+    ASSERT_EQ(measurePointSpacing({lattice(100, step)}, sampled, 3334), 0);
+    EXPECT_EQ(sampled.measured, 3334u);
+    EXPECT_NEAR(sampled.median, step, 1e-4);
+}
+
+TEST(Spacing, OnlyUsablePointsCountAndTooFewGiveZero) {
+    auto frame = lattice(3, 1.0f);
+    frame->xyz[0] = {std::numeric_limits<float>::quiet_NaN(), 0, 100};
+    frame->nor[1] = {0, 0, 0};
+    frame->xyz[2] = {0.05f, -0.05f, 0.0f};  // at the origin: the engine skips it
+    PointSpacing spacing;
+    ASSERT_EQ(measurePointSpacing({frame, nullptr}, spacing), 0);
+    EXPECT_EQ(spacing.points, 6u);
+    EXPECT_FLOAT_EQ(spacing.median, 1.0f);
+    const struct {
+        std::shared_ptr<FrameDataWithInfo> frame;
+    } too_few[] = {{lattice(1, 1.0f)}, {lattice(1, 1.0f, 8, 5)}, {std::make_shared<FrameDataWithInfo>()}};
+    for (const auto& c : too_few) {
+        ASSERT_EQ(measurePointSpacing({c.frame}, spacing), 0);
+        EXPECT_EQ(spacing.median, 0.0f);
+        EXPECT_EQ(spacing.density, 0.0f);
+        EXPECT_EQ(resolutionForSpacing(spacing), 0.0f);
+    }
+    EXPECT_EQ(measurePointSpacing({frame}, spacing, 0), 1);
+}
+
+TEST(Spacing, TheResolutionSizesTheCellsTheFinestTenthOfThePointsAskFor) {
+    // 30 % of the points ask for code 16, 5 % for 64: the tenth of the finest asks for 16.
+    const struct {
+        std::vector<std::pair<int, std::int32_t>> points;  // count, word
+        int code;
+    } cases[] = {{{{70, 8}, {30, 0x110}}, 16},
+                 {{{95, 8}, {5, 64}}, 8},
+                 {{{85, 8}, {10, 64}, {5, 32}}, 64},
+                 {{{100, 4}}, 4},
+                 {{{50, 0}, {50, 3}}, 8}};  // no wish and an unlisted code both count as 8
+    for (const auto& c : cases) {
+        auto frame = std::make_shared<FrameDataWithInfo>();
+        float x = 1;
+        for (const auto& [count, word] : c.points)
+            for (int i = 0; i < count; ++i) {
+                frame->xyz.push_back({x++, 0, 0});
+                frame->nor.push_back({0, 0, 1});
+                frame->w.push_back(word);
+            }
+        PointSpacing spacing;
+        ASSERT_EQ(measurePointSpacing({frame}, spacing), 0);
+        EXPECT_EQ(spacing.scale_code, c.code);
+    }
+    const struct {
+        float density;
+        int code;
+        float resolution;
+    } rules[] = {{1.0f, 8, 1.5f},
+                 {1.0f, 16, 3.0f},
+                 {2.0f, 4, 1.5f},
+                 {1e-6f, 8, 0.001f},
+                 {1e9f, 8, 100000.0f},
+                 {0.0f, 8, 0.0f},
+                 {std::numeric_limits<float>::quiet_NaN(), 8, 0.0f}};
+    for (const auto& r : rules) {
+        PointSpacing spacing;
+        spacing.density = r.density;
+        spacing.scale_code = r.code;
+        EXPECT_FLOAT_EQ(resolutionForSpacing(spacing), r.resolution) << r.density << " " << r.code;
+    }
+}
+
+TEST(Spacing, ExpectedTrianglesCountEachPointsSurfaceInItsOwnCells) {
+    // 100 points of code 8 and 50 of code 16 (cells half the size, four times as many a surface).
+    auto frame = lattice(10, 1.0f);
+    auto fine = lattice(5, 1.0f, 0x110, 2);
+    PointSpacing spacing;
+    spacing.density = 0.5f;
+    const double per_point = 2.8 * 0.25 / (2.0 * 2.0);  // 2.8 triangles a cell edge squared, cells of 2
+    EXPECT_NEAR(expectedTriangles({frame, fine}, spacing, 2.0f), per_point * (100 + 4 * 50), 1e-9);
+    spacing.density = 0.0f;
+    EXPECT_EQ(expectedTriangles({frame}, spacing, 2.0f), 0.0);
+}
