@@ -13,6 +13,7 @@
 #include <string>
 
 #include "PointCloudIO.h"
+#include "TestSupport.h"
 #include "tessaline/Tessaline.h"
 
 using namespace SurfaceReconstruction;
@@ -42,7 +43,7 @@ struct Result {
 Result run(const std::string& arguments) {
     const std::string out = tempPath("stdout.txt"), err = tempPath("stderr.txt");
     const int status =
-        std::system((std::string(TESSALINE_CLI_PATH) + " " + arguments + " >" + out + " 2>" + err).c_str());
+        std::system((testing_support::programPath() + " " + arguments + " >" + out + " 2>" + err).c_str());
     Result r;
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     r.out = readFile(out);
@@ -79,6 +80,7 @@ std::string sphereFile(const std::string& name, int n, float r, float scale = 1.
 }  // namespace
 
 TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
+    TESSALINE_REQUIRE_PROGRAM();
     const float radius = 30.0f;
     const int n = 20000;
     const double even = std::sqrt(4 * M_PI * radius * radius / n);  // 0.75 mm
@@ -109,6 +111,7 @@ TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
 }
 
 TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string input = sphereFile("lines.ply", 3000, 20.0f), output = tempPath("lines.ply");
     const Result plain = run("reconstruct " + input + " -o " + output);
     ASSERT_EQ(plain.status, 0) << plain.err;
@@ -126,6 +129,7 @@ TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
 }
 
 TEST(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
+    TESSALINE_REQUIRE_PROGRAM();
     // 2000 points 2.4 mm apart: at 1 mm a few cells hold enough points, at 0.5 mm none does.
     const std::string input = sphereFile("sparse.ply", 2000, 30.0f);
     const std::string small = tempPath("small.ply"), empty = tempPath("empty.ply");
@@ -147,6 +151,7 @@ TEST(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
 }
 
 TEST(Program, AnOutputThatCannotBeWrittenFailsBeforeTheRun) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string input = sphereFile("unwritable.ply", 3000, 20.0f);
     const struct {
         std::string output, error;
@@ -163,6 +168,7 @@ TEST(Program, AnOutputThatCannotBeWrittenFailsBeforeTheRun) {
 }
 
 TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
+    TESSALINE_REQUIRE_PROGRAM();
     // A sphere of radius 30 with its top cut off (a round hole) and, 100 mm away, a closed sphere of radius 5
     // as dense: two pieces, one hole.
     FrameDataWithInfo frame;
@@ -200,6 +206,7 @@ TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
 }
 
 TEST(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string input = sphereFile("formats.ply", 8000, 20.0f);
     for (const char* ext : {".ply", ".obj", ".stl"}) {
         const std::string mesh = tempPath(std::string("formats") + ext);
@@ -218,6 +225,7 @@ TEST(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
 }
 
 TEST(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
+    TESSALINE_REQUIRE_PROGRAM();
     const Result version = run("--version");
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out,
