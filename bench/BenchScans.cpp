@@ -87,9 +87,9 @@ Frames floorScan() {
     Frames frames;
     for (int strip = 0; strip < FLOOR_ROWS / FLOOR_STRIP_ROWS; ++strip) {
         const double y0 = strip * FLOOR_STRIP_ROWS * dy;
-        auto frame = newFrame({static_cast<float>(FLOOR_SIZE / 2), static_cast<float>(y0 + FLOOR_STRIP_ROWS * dy / 2),
-                               300.0f},
-                              static_cast<std::size_t>(FLOOR_COLUMNS) * FLOOR_STRIP_ROWS);
+        auto frame =
+            newFrame({static_cast<float>(FLOOR_SIZE / 2), static_cast<float>(y0 + FLOOR_STRIP_ROWS * dy / 2), 300.0f},
+                     static_cast<std::size_t>(FLOOR_COLUMNS) * FLOOR_STRIP_ROWS);
         // Back and forth: even strips run along +x, odd ones along -x; the laser line spans the strip.
         for (int c = 0; c < FLOOR_COLUMNS; ++c) {
             const int column = strip % 2 == 0 ? c : FLOOR_COLUMNS - 1 - c;
@@ -117,8 +117,8 @@ Frames patchesScan() {
     Frames frames;
     for (const Patch& p : patches()) {
         const P3 centre = patchPoint(p, 0, 0);
-        auto frame = newFrame({centre[0], centre[1], centre[2] + 150.0f},
-                              static_cast<std::size_t>(PATCH_COLUMNS) * PATCH_ROWS);
+        auto frame =
+            newFrame({centre[0], centre[1], centre[2] + 150.0f}, static_cast<std::size_t>(PATCH_COLUMNS) * PATCH_ROWS);
         const Vec3f normal = {static_cast<float>(p.n[0]), static_cast<float>(p.n[1]), static_cast<float>(p.n[2])};
         for (int r = 0; r < PATCH_ROWS; ++r)
             for (int c = 0; c < PATCH_COLUMNS; ++c) {

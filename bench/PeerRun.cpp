@@ -113,7 +113,7 @@ PeerResult runPeer(const std::string& self, const std::string& program, const st
     PeerResult result;
     long maxrss_kib = 0;
     if (exitStatus(status) != 0 || std::sscanf(answer.c_str(), "peer-child status %d seconds %lf maxrss_kib %ld",
-                                                &result.status, &result.seconds, &maxrss_kib) != 3)
+                                               &result.status, &result.seconds, &maxrss_kib) != 3)
         throw std::runtime_error("the peer's launcher failed (" + self + " --peer-child)");
     result.peak_mib = maxrss_kib / 1024.0;
     result.ran = result.status == 0;
