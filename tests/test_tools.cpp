@@ -146,6 +146,43 @@ TEST(PointCloudFiles, NaNPointsAreLeftOutAndCounted) {
     EXPECT_EQ(frame->xyz.size(), frame->w.size());
 }
 
+TEST(PointCloudFiles, FramesWrittenAsOnePointListReadBackInOrder) {
+    // 70,000 points in frames of different sizes (one empty): more than the writer's buffer holds, and
+    // not a whole number of buffers, so the last part of the file is written after the loop.
+    std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+    std::vector<Vec3f> xyz, nor;
+    for (std::size_t size : {30001u, 0u, 39999u}) {
+        auto frame = std::make_shared<FrameDataWithInfo>();
+        for (std::size_t i = 0; i < size; ++i) {
+            const float t = static_cast<float>(xyz.size());
+            frame->xyz.push_back({t * 0.25f, -t, 1000.0f + t * 0.5f});
+            Vec3f n = {0.0f, 0.0f, 0.0f};
+            n[xyz.size() % 3] = xyz.size() % 2 ? 1.0f : -1.0f;
+            frame->nor.push_back(n);
+            frame->w.push_back(77);  // words are not written
+            xyz.push_back(frame->xyz.back());
+            nor.push_back(n);
+        }
+        frames.push_back(frame);
+    }
+    const std::string path = tempPath("points.ply");
+    tessaline_tools::writePlyPoints(path, frames);
+    EXPECT_FALSE(std::ifstream(path + ".partial").good());
+    tessaline_tools::PointCloudReadInfo info;
+    const auto back = tessaline_tools::readPlyPointCloud(path, 1.0f, 8, info);
+    ASSERT_EQ(back->xyz.size(), 70000u);
+    EXPECT_EQ(info.dropped, 0u);
+    EXPECT_FALSE(info.words_from_file);
+    std::size_t wrong = 0;
+    for (std::size_t i = 0; i < xyz.size(); ++i) wrong += back->xyz[i] != xyz[i] || back->nor[i] != nor[i];
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(readFile(path).size(), readFile(path).find("end_header\n") + 11 + 70000u * 24);
+
+    const std::string nowhere = tempPath("no-such-folder") + "/points.ply";
+    const std::string error = errorOf([&] { tessaline_tools::writePlyPoints(nowhere, frames); });
+    EXPECT_NE(error.find(nowhere), std::string::npos) << error;
+}
+
 TEST(MeshFiles, EveryFormatWrittenReadsBackTheSameSurface) {
     // A tetrahedron with words and normals: each format must give back its four corners and four faces.
     IndexedMesh mesh;

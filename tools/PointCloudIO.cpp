@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
+#include <vector>
 
 #include "PlyReader.h"
 
@@ -131,6 +132,42 @@ void writePlyPointCloud(const std::string& path, const FrameDataWithInfo& frame)
         }
     }
     if (std::rename(partial.c_str(), path.c_str()) != 0) {
+        std::remove(partial.c_str());
+        throw std::runtime_error(path + ": cannot write the file");
+    }
+}
+
+void writePlyPoints(const std::string& path, const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames) {
+    std::size_t count = 0;
+    for (const auto& frame : frames) count += frame->xyz.size();
+    const std::string partial = path + ".partial";
+    std::FILE* out = std::fopen(partial.c_str(), "wb");
+    if (out == nullptr) throw std::runtime_error(path + ": cannot write the file");
+    const std::string header =
+        "ply\nformat binary_little_endian 1.0\ncomment the points of all frames\nelement vertex " +
+        std::to_string(count) +
+        "\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\n"
+        "property float ny\nproperty float nz\nend_header\n";
+    bool good = std::fwrite(header.data(), 1, header.size(), out) == header.size();
+    // Points go out a megabyte at a time; the last, partly filled buffer is written after the loop.
+    std::vector<char> buffer;
+    buffer.reserve(1 << 20);
+    const auto flush = [&] {
+        good = good && std::fwrite(buffer.data(), 1, buffer.size(), out) == buffer.size();
+        buffer.clear();
+    };
+    for (const auto& frame : frames) {
+        for (std::size_t i = 0; i < frame->xyz.size(); ++i) {
+            if (buffer.size() + 24 > buffer.capacity()) flush();
+            const char* xyz = reinterpret_cast<const char*>(frame->xyz[i].data());
+            const char* nor = reinterpret_cast<const char*>(frame->nor[i].data());
+            buffer.insert(buffer.end(), xyz, xyz + 12);
+            buffer.insert(buffer.end(), nor, nor + 12);
+        }
+    }
+    flush();
+    good = std::fclose(out) == 0 && good;
+    if (!good || std::rename(partial.c_str(), path.c_str()) != 0) {
         std::remove(partial.c_str());
         throw std::runtime_error(path + ": cannot write the file");
     }

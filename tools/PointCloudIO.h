@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tessaline/Tessaline.h"
 
@@ -25,5 +26,11 @@ std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo> readPlyPointCloud(cons
 
 // Writes `frame` in the layout that readPlyPointCloud reads back exactly (binary little endian).
 void writePlyPointCloud(const std::string& path, const SurfaceReconstruction::FrameDataWithInfo& frame);
+
+// Writes the points of all `frames`, frame after frame, as one binary little-endian PLY point list with
+// float x, y, z, nx, ny, nz (no words, poses or markers): the input other reconstruction programs read.
+// The file appears only when complete. Throws std::runtime_error naming the file.
+void writePlyPoints(const std::string& path,
+                    const std::vector<std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo>>& frames);
 
 }  // namespace tessaline_tools
