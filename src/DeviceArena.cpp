@@ -4,6 +4,8 @@
 // outside one, a read or write of device memory by host code stops the program with SIGSEGV at the
 // faulting instruction. A table of the allocations checks each copy's direction and bounds, each fill's
 // bounds, each free and each launch's pointer fields, as a device would fail them.
+#include "DeviceArena.h"
+
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -13,8 +15,6 @@
 #include <iterator>
 #include <map>
 #include <mutex>
-
-#include "DeviceArena.h"
 
 namespace SurfaceReconstruction {
 

@@ -73,7 +73,14 @@ DeviceResult deviceMemset(void* ptr, int value, std::size_t bytes) { return back
 
 DeviceResult deviceSynchronize() { return backend::synchronize(); }
 
-DeviceResult deviceGetLastError() { return backend::getLastError(); }
+DeviceResult deviceGetLastError() {
+    const DeviceRuntimeSeam* s = seam();
+    if (s && s->last_error) {
+        const DeviceResult injected = s->last_error();
+        if (injected != DEVICE_SUCCESS) return injected;
+    }
+    return backend::getLastError();
+}
 
 bool deviceMemoryIsHostMemory() { return backend::memoryIsHostMemory(); }
 

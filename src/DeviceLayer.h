@@ -40,6 +40,7 @@ enum : DeviceResult {
     DEVICE_ERROR_NO_DEVICE = 100,
     DEVICE_ERROR_INVALID_DEVICE = 101,
     DEVICE_ERROR_ILLEGAL_ADDRESS = 700,
+    DEVICE_ERROR_LAUNCH_FAILURE = 719,
     DEVICE_ERROR_UNKNOWN = 999,
 };
 
@@ -101,8 +102,8 @@ bool deviceMemoryAvailable(std::size_t bytes);
 // Test seam: a hook that is set replaces the backend's query of the same name, to play devices,
 // attributes, compute modes and memory figures on any machine. Memory itself always comes from the
 // backend: `malloc_result` and `free_result` are asked before the backend's call, and a result other
-// than success is the call's result, the backend not called (an injected failure). Only tests install
-// a seam.
+// than success is the call's result, the backend not called (an injected failure); `last_error` is
+// asked the same way before the backend's error of the last launch. Only tests install a seam.
 struct DeviceRuntimeSeam {
     std::function<DeviceResult(int*)> get_count;
     std::function<DeviceResult(int*, DeviceAttribute, int)> get_attribute;
@@ -110,6 +111,7 @@ struct DeviceRuntimeSeam {
     std::function<DeviceResult(std::size_t*, std::size_t*)> mem_get_info;
     std::function<DeviceResult(std::size_t)> malloc_result;
     std::function<DeviceResult(void*)> free_result;
+    std::function<DeviceResult()> last_error;
 };
 
 // Installs `seam` (nullptr removes it). Not thread-safe: install before the calls it is to catch.

@@ -113,6 +113,8 @@ const char* errorName(DeviceResult result) {
             return "cudaErrorInvalidDevice";
         case DEVICE_ERROR_ILLEGAL_ADDRESS:
             return "cudaErrorIllegalAddress";
+        case DEVICE_ERROR_LAUNCH_FAILURE:
+            return "cudaErrorLaunchFailure";
         default:
             return "cudaErrorUnknown";
     }
@@ -132,6 +134,8 @@ const char* errorString(DeviceResult result) {
             return "invalid device ordinal";
         case DEVICE_ERROR_ILLEGAL_ADDRESS:
             return "an illegal memory access was encountered";
+        case DEVICE_ERROR_LAUNCH_FAILURE:
+            return "unspecified launch failure";
         default:
             return "unknown error";
     }

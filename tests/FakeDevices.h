@@ -33,6 +33,8 @@ public:
     int free_calls = 0;
     int fail_malloc_at = -1;  // 0-based number of the cudaMalloc that fails
     int fail_free_at = -1;
+    int launch_checks = 0;    // calls of cudaGetLastError, one after each launch
+    int fail_launch_at = -1;  // 0-based number of the check that reports a launch that did not start
 
     explicit FakeDevices(std::vector<FakeDevice> list = {FakeDevice{}}) : devices(std::move(list)) {
         seam.get_count = [this](int* count) -> DeviceResult {
@@ -63,6 +65,9 @@ public:
         };
         seam.free_result = [this](void*) -> DeviceResult {
             return free_calls++ == fail_free_at ? DEVICE_ERROR_INVALID_VALUE : DEVICE_SUCCESS;
+        };
+        seam.last_error = [this]() -> DeviceResult {
+            return launch_checks++ == fail_launch_at ? DEVICE_ERROR_LAUNCH_FAILURE : DEVICE_SUCCESS;
         };
         installDeviceRuntimeSeam(&seam);
     }

@@ -340,3 +340,25 @@ TEST(PortionerRuns, FailedDeviceAllocationIsReportedWithItsStatus) {
     EXPECT_EQ(portioner.getLastError(), "[Portioner] init try catch error!");
     EXPECT_FALSE(portioner.isInited());
 }
+
+TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
+    const Frames frames = randomFrames(12, 400, 11);
+    int launches = 0;
+    {
+        FakeDevices fake;
+        PortionerRun clean(frames);
+        ASSERT_EQ(clean.status, 0);
+        launches = fake.launch_checks;
+    }
+    ASSERT_GE(launches, 5);  // block positions, then counts, records, runs and changes of each batch
+    for (int k = 0; k < launches; ++k) {
+        FakeDevices fake;
+        fake.fail_launch_at = k;
+        std::string err;
+        std::unique_ptr<PortionerRun> run;
+        err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
+        EXPECT_NE(run->status, 0) << "launch " << k;
+        EXPECT_NE(err.find("code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\""), std::string::npos)
+            << "launch " << k << ": " << err;
+    }
+}
