@@ -362,3 +362,29 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
             << "launch " << k << ": " << err;
     }
 }
+
+TEST(PortionerRuns, RawSurfaceBufferIsSizedByTheFreeDeviceMemory) {
+    // 24 bytes a point (xyz and block position), at most a quarter of what is free, at least one slot.
+    struct Case {
+        const char* what;
+        std::uint32_t slot;
+        bool figure_known;
+        std::size_t free_bytes;
+        std::uint64_t expected;
+    };
+    const Case cases[] = {
+        {"plenty free: 1000 slots", 20, true, 64ull << 30, 20u * 1000u},
+        {"6 GiB free: a quarter of it", 400000, true, 6ull << 30, (6ull << 30) / 4 / 24},
+        {"1 MiB free: one slot", 400000, true, 1u << 20, 400000},
+        {"no figure: 1000 slots", 40000, false, 0, 40000ull * 1000},
+    };
+    for (const Case& c : cases) {
+        FakeDevices fake;
+        fake.mem_info_fails = !c.figure_known;
+        fake.free_bytes = c.free_bytes;
+        Portioner portioner;
+        configurePortioner(portioner, c.slot, 128, 0.5f);
+        ASSERT_EQ(portioner.init(), 0) << c.what;
+        EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), c.expected) << c.what;
+    }
+}
