@@ -17,9 +17,8 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
     const RawPointWithHash* points = block.points->data();
     const DeviceParameters* params = m_device_params.get();
     CellNode_Device* nodes = cells.cell_nodes.data();
-    runOnHost(static_cast<std::size_t>(n), [&](std::size_t i) {
-        computeInitNormal(nodes[i], relations, relation_size, points, *params);
-    });
+    runOnHost(static_cast<std::size_t>(n),
+              [&](std::size_t i) { computeInitNormal(nodes[i], relations, relation_size, points, *params); });
 
     VoxelFieldCenter* centres = new (std::nothrow) VoxelFieldCenter[static_cast<std::size_t>(n)]();
     if (centres == nullptr) {
