@@ -49,35 +49,40 @@ DeviceResult deviceMemGetInfo(std::size_t* free_bytes, std::size_t* total_bytes)
 
 DeviceResult deviceMalloc(void** ptr, std::size_t bytes) {
     const DeviceRuntimeSeam* s = seam();
-    return s && s->malloc ? s->malloc(ptr, bytes) : backend::malloc(ptr, bytes);
+    if (s && s->malloc_result) {
+        const DeviceResult injected = s->malloc_result(bytes);
+        if (injected != DEVICE_SUCCESS) return injected;
+    }
+    return backend::malloc(ptr, bytes);
 }
 
 DeviceResult deviceFree(void* ptr) {
     const DeviceRuntimeSeam* s = seam();
-    return s && s->free ? s->free(ptr) : backend::free(ptr);
+    if (s && s->free_result) {
+        const DeviceResult injected = s->free_result(ptr);
+        if (injected != DEVICE_SUCCESS) return injected;
+    }
+    return backend::free(ptr);
 }
 
 DeviceResult deviceMemcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind) {
-    const DeviceRuntimeSeam* s = seam();
-    return s && s->memcpy ? s->memcpy(dst, src, bytes, kind) : backend::memcpy(dst, src, bytes, kind);
+    return backend::memcpy(dst, src, bytes, kind);
 }
 
-DeviceResult deviceMemset(void* ptr, int value, std::size_t bytes) {
+DeviceResult deviceMemset(void* ptr, int value, std::size_t bytes) { return backend::memset(ptr, value, bytes); }
+
+DeviceResult deviceSynchronize() { return backend::synchronize(); }
+
+DeviceResult deviceGetLastError() {
     const DeviceRuntimeSeam* s = seam();
-    return s && s->memset ? s->memset(ptr, value, bytes) : backend::memset(ptr, value, bytes);
+    if (s && s->last_error) {
+        const DeviceResult injected = s->last_error();
+        if (injected != DEVICE_SUCCESS) return injected;
+    }
+    return backend::getLastError();
 }
 
-DeviceResult deviceSynchronize() {
-    const DeviceRuntimeSeam* s = seam();
-    return s && s->synchronize ? s->synchronize() : backend::synchronize();
-}
-
-DeviceResult deviceGetLastError() { return backend::getLastError(); }
-
-bool deviceMemoryIsHostMemory() {
-    const DeviceRuntimeSeam* s = seam();
-    return s && s->memory_is_host_memory ? s->memory_is_host_memory() : backend::memoryIsHostMemory();
-}
+bool deviceMemoryIsHostMemory() { return backend::memoryIsHostMemory(); }
 
 const char* deviceErrorName(DeviceResult result) { return backend::errorName(result); }
 

@@ -9,12 +9,23 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
 
 #if defined(__CUDACC__)
 #define TESSA_HD __host__ __device__
 #define TESSA_KERNEL_LAUNCH_CUDA 1
+// The most threads a block of a kernel has: the compiler keeps registers and stack within what lets
+// blocks of that size launch.
+#define TESSA_LAUNCH_BOUNDS(threads) __launch_bounds__(threads)
 #else
 #define TESSA_HD
+#define TESSA_LAUNCH_BOUNDS(threads)
+#endif
+
+#if defined(TESSALINE_GUARDED_DEVICE) && defined(TESSALINE_CUDA)
+#error "the guarded device arena is a mode of the host backend"
 #endif
 
 namespace SurfaceReconstruction {
@@ -28,6 +39,8 @@ enum : DeviceResult {
     DEVICE_ERROR_MEMORY_ALLOCATION = 2,
     DEVICE_ERROR_NO_DEVICE = 100,
     DEVICE_ERROR_INVALID_DEVICE = 101,
+    DEVICE_ERROR_ILLEGAL_ADDRESS = 700,
+    DEVICE_ERROR_LAUNCH_FAILURE = 719,
     DEVICE_ERROR_UNKNOWN = 999,
 };
 
@@ -86,19 +99,19 @@ constexpr std::size_t DEVICE_MEMORY_SLACK = 5242880;
 // free size cannot be read it does not.
 bool deviceMemoryAvailable(std::size_t bytes);
 
-// Test seam: a hook that is set replaces the backend's operation of the same name. Only tests install
-// one, to play devices, attributes, compute modes and failures on a machine without a GPU.
+// Test seam: a hook that is set replaces the backend's query of the same name, to play devices,
+// attributes, compute modes and memory figures on any machine. Memory itself always comes from the
+// backend: `malloc_result` and `free_result` are asked before the backend's call, and a result other
+// than success is the call's result, the backend not called (an injected failure); `last_error` is
+// asked the same way before the backend's error of the last launch. Only tests install a seam.
 struct DeviceRuntimeSeam {
     std::function<DeviceResult(int*)> get_count;
     std::function<DeviceResult(int*, DeviceAttribute, int)> get_attribute;
     std::function<DeviceResult(int)> set_device;
     std::function<DeviceResult(std::size_t*, std::size_t*)> mem_get_info;
-    std::function<DeviceResult(void**, std::size_t)> malloc;
-    std::function<DeviceResult(void*)> free;
-    std::function<DeviceResult(void*, const void*, std::size_t, CopyKind)> memcpy;
-    std::function<DeviceResult(void*, int, std::size_t)> memset;
-    std::function<DeviceResult()> synchronize;
-    std::function<bool()> memory_is_host_memory;
+    std::function<DeviceResult(std::size_t)> malloc_result;
+    std::function<DeviceResult(void*)> free_result;
+    std::function<DeviceResult()> last_error;
 };
 
 // Installs `seam` (nullptr removes it). Not thread-safe: install before the calls it is to catch.
@@ -148,32 +161,165 @@ private:
     T* m_ptr = nullptr;
 };
 
+// ---- device scopes -------------------------------------------------------------------------------
+
+// Marks code that stands for the device: a kernel, a device copy or fill, a device sort. In the guarded
+// build device memory is open to the host only while such a scope is; elsewhere the scope is empty.
+// Scopes nest and may be held by several threads at once: memory closes when the last one ends.
+#if defined(TESSALINE_GUARDED_DEVICE)
+void enterDeviceScope();
+void leaveDeviceScope();
+class DeviceScope {
+public:
+    DeviceScope() { enterDeviceScope(); }
+    ~DeviceScope() { leaveDeviceScope(); }
+    DeviceScope(const DeviceScope&) = delete;
+    DeviceScope& operator=(const DeviceScope&) = delete;
+};
+#else
+class DeviceScope {
+public:
+    DeviceScope() {}
+    DeviceScope(const DeviceScope&) = delete;
+    DeviceScope& operator=(const DeviceScope&) = delete;
+};
+#endif
+
+#if defined(TESSALINE_GUARDED_DEVICE)
+// The guarded arena's table of allocations.
+namespace guarded {
+
+// True when [p, p + bytes) lies within one device allocation; a pointer one past the end counts with
+// bytes 0.
+bool inDeviceMemory(const void* p, std::size_t bytes);
+
+// A launch that cannot start: the report on standard error, the error kept for deviceGetLastError.
+void failLaunch(const char* kernel, int field, const void* pointer);
+
+// Reads the fields of a kernel record, a plain aggregate, without naming them: the number of fields is
+// the most initialisers the record takes, and a structured binding of that size hands them out.
+struct AnyField {
+    template <class T>
+    operator T() const;
+};
+
+template <class T, class Sequence, class = void>
+struct TakesInitialisers : std::false_type {};
+template <class T, std::size_t... I>
+struct TakesInitialisers<T, std::index_sequence<I...>, std::void_t<decltype(T{(void(I), AnyField{})...})>>
+    : std::true_type {};
+
+template <class T, std::size_t N = 0>
+constexpr std::size_t fieldCount() {
+    if constexpr (N < 16 && TakesInitialisers<T, std::make_index_sequence<N + 1>>::value)
+        return fieldCount<T, N + 1>();
+    else
+        return N;
+}
+
+template <class F, class... Fields>
+void visitFields(F& f, const Fields&... fields) {
+    (f(fields), ...);
+}
+
+#define TESSA_GUARDED_FIELDS(N, ...)        \
+    else if constexpr (count == N) {        \
+        const auto& [__VA_ARGS__] = record; \
+        visitFields(f, __VA_ARGS__);        \
+    }
+
+template <class Record, class F>
+void forEachField(const Record& record, F& f) {
+    constexpr std::size_t count = fieldCount<Record>();
+    static_assert(count > 0 && count < 16, "a kernel record is a plain struct of at most 15 public fields");
+    if constexpr (count == 0) {
+    }
+    TESSA_GUARDED_FIELDS(1, a)
+    TESSA_GUARDED_FIELDS(2, a, b)
+    TESSA_GUARDED_FIELDS(3, a, b, c)
+    TESSA_GUARDED_FIELDS(4, a, b, c, d)
+    TESSA_GUARDED_FIELDS(5, a, b, c, d, e)
+    TESSA_GUARDED_FIELDS(6, a, b, c, d, e, g)
+    TESSA_GUARDED_FIELDS(7, a, b, c, d, e, g, h)
+    TESSA_GUARDED_FIELDS(8, a, b, c, d, e, g, h, i)
+    TESSA_GUARDED_FIELDS(9, a, b, c, d, e, g, h, i, j)
+    TESSA_GUARDED_FIELDS(10, a, b, c, d, e, g, h, i, j, k)
+    TESSA_GUARDED_FIELDS(11, a, b, c, d, e, g, h, i, j, k, l)
+    TESSA_GUARDED_FIELDS(12, a, b, c, d, e, g, h, i, j, k, l, m)
+    TESSA_GUARDED_FIELDS(13, a, b, c, d, e, g, h, i, j, k, l, m, o)
+    TESSA_GUARDED_FIELDS(14, a, b, c, d, e, g, h, i, j, k, l, m, o, p)
+    TESSA_GUARDED_FIELDS(15, a, b, c, d, e, g, h, i, j, k, l, m, o, p, q)
+}
+#undef TESSA_GUARDED_FIELDS
+
+// Every pointer of a kernel record, nested records included, must point into device memory.
+struct PointerCheck {
+    const char* kernel;
+    int field = 0;
+    bool ok = true;
+    template <class Field>
+    void operator()(const Field& value) {
+        if constexpr (std::is_pointer_v<Field>) {
+            if (ok && !inDeviceMemory(value, 0)) {
+                failLaunch(kernel, field, value);
+                ok = false;
+            }
+            ++field;
+        } else if constexpr (std::is_class_v<Field> && std::is_aggregate_v<Field>) {
+            forEachField(value, *this);
+        } else {
+            ++field;
+        }
+    }
+};
+
+template <class Kernel>
+bool kernelPointersInDeviceMemory(const Kernel& kernel) {
+    static_assert(std::is_class_v<Kernel> && std::is_aggregate_v<Kernel>,
+                  "a kernel is a plain struct whose fields the launch can check");
+    PointerCheck check{typeid(Kernel).name()};
+    forEachField(kernel, check);
+    return check.ok;
+}
+
+}  // namespace guarded
+#endif
+
 // ---- kernel launch -------------------------------------------------------------------------------
 
 constexpr unsigned KERNEL_THREADS_PER_BLOCK = 384;
 
 #if defined(TESSA_KERNEL_LAUNCH_CUDA)
 template <class Kernel>
-__global__ void runKernelItems(std::size_t n, Kernel kernel) {
+__global__ void TESSA_LAUNCH_BOUNDS(KERNEL_THREADS_PER_BLOCK) runKernelItems(std::size_t n, Kernel kernel) {
     std::size_t i = static_cast<std::size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
     if (i < n) kernel(i);
 }
 #endif
 
 // Runs `kernel(i)` for every i in [0, n): one logical thread an item, (n + 383) / 384 blocks of 384
-// threads on the device, an OpenMP loop on the host. The launch itself is not checked; a failure shows
-// at the next checked call. Pass kernels by value: they are copied to the device.
+// threads on the device, an OpenMP loop on the host. A launch that does not start (too many blocks,
+// too few resources, a kernel the device has no code for; in the guarded build a pointer field outside
+// device memory) is reported and throws DeviceError; faults while the kernel runs show at the next
+// checked call. Pass kernels by value: they are copied to the device.
 template <class Kernel>
 void launchKernel(std::size_t n, const Kernel& kernel) {
+    if (n == 0) return;  // a grid of 0 blocks does nothing
 #if defined(TESSA_KERNEL_LAUNCH_CUDA)
     const std::size_t blocks = (n + KERNEL_THREADS_PER_BLOCK - 1) / KERNEL_THREADS_PER_BLOCK;
-    if (blocks == 0) return;  // a grid of 0 blocks does nothing
     runKernelItems<<<static_cast<unsigned>(blocks), KERNEL_THREADS_PER_BLOCK>>>(n, kernel);
 #else
-    const std::int64_t count = static_cast<std::int64_t>(n);
-#pragma omp parallel for schedule(static)
-    for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
+#if defined(TESSALINE_GUARDED_DEVICE)
+    if (guarded::kernelPointersInDeviceMemory(kernel))
 #endif
+    {
+        const DeviceScope scope;
+        const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(static)
+        for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
+    }
+#endif
+    TESSA_DEVICE_CHECK(deviceGetLastError(), "cudaGetLastError()");
 }
 
 // Runs `kernel(i)` for every i in [0, n) on the host's cores, with either backend: the twin of

@@ -1,9 +1,11 @@
 // Host backend of the device layer: one device, the host itself. Copies and fills are plain memory
-// operations and complete before they return, as the CUDA runtime's synchronous calls do.
+// operations and complete before they return, as the CUDA runtime's synchronous calls do. In the guarded
+// build memory comes from the guarded arena instead, which the host reaches through copies alone.
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 
+#include "DeviceArena.h"
 #include "DeviceLayerBackend.h"
 #include "HostMemory.h"
 
@@ -56,6 +58,16 @@ DeviceResult memGetInfo(std::size_t* free_bytes, std::size_t* total_bytes) {
     return DEVICE_SUCCESS;
 }
 
+#if defined(TESSALINE_GUARDED_DEVICE)
+DeviceResult malloc(void** ptr, std::size_t bytes) { return arena_backend::malloc(ptr, bytes); }
+DeviceResult free(void* ptr) { return arena_backend::free(ptr); }
+DeviceResult memcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind) {
+    return arena_backend::memcpy(dst, src, bytes, kind);
+}
+DeviceResult memset(void* ptr, int value, std::size_t bytes) { return arena_backend::memset(ptr, value, bytes); }
+DeviceResult getLastError() { return arena_backend::takeLastError(); }
+bool memoryIsHostMemory() { return false; }
+#else
 DeviceResult malloc(void** ptr, std::size_t bytes) {
     *ptr = std::malloc(bytes == 0 ? 1 : bytes);
     return *ptr == nullptr ? DEVICE_ERROR_MEMORY_ALLOCATION : DEVICE_SUCCESS;
@@ -80,11 +92,12 @@ DeviceResult memset(void* ptr, int value, std::size_t bytes) {
     return DEVICE_SUCCESS;
 }
 
-DeviceResult synchronize() { return DEVICE_SUCCESS; }
-
 DeviceResult getLastError() { return DEVICE_SUCCESS; }
 
 bool memoryIsHostMemory() { return true; }
+#endif
+
+DeviceResult synchronize() { return DEVICE_SUCCESS; }
 
 const char* errorName(DeviceResult result) {
     switch (result) {
@@ -98,6 +111,10 @@ const char* errorName(DeviceResult result) {
             return "cudaErrorNoDevice";
         case DEVICE_ERROR_INVALID_DEVICE:
             return "cudaErrorInvalidDevice";
+        case DEVICE_ERROR_ILLEGAL_ADDRESS:
+            return "cudaErrorIllegalAddress";
+        case DEVICE_ERROR_LAUNCH_FAILURE:
+            return "cudaErrorLaunchFailure";
         default:
             return "cudaErrorUnknown";
     }
@@ -115,6 +132,10 @@ const char* errorString(DeviceResult result) {
             return "no CUDA-capable device is detected";
         case DEVICE_ERROR_INVALID_DEVICE:
             return "invalid device ordinal";
+        case DEVICE_ERROR_ILLEGAL_ADDRESS:
+            return "an illegal memory access was encountered";
+        case DEVICE_ERROR_LAUNCH_FAILURE:
+            return "unspecified launch failure";
         default:
             return "unknown error";
     }

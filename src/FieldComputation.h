@@ -11,6 +11,10 @@
 #include "PointRecords.h"
 
 namespace SurfaceReconstruction {
+// Each translation unit has its own copy of these functions: kernel files may be built with other
+// floating-point options than the host's (contracted multiply-adds on a device), and one shared inline
+// definition would hand one unit's arithmetic to the other.
+namespace {
 
 // The multiple of a cell's edge that bounds its neighbourhood.
 TESSA_HD inline int fieldSearchFactor(float edge, float wide_search_edge) {
@@ -491,4 +495,5 @@ TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2
         field_internal::dropSheetsOffTheCell(cell, sheets);
 }
 
+}  // namespace
 }  // namespace SurfaceReconstruction

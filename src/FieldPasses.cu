@@ -1,9 +1,9 @@
-// The drivers of the field computation: the three passes over the cells of a block, launched on the
-// device, or run by the host's cores when device memory runs short. Both drivers run the same per-cell
-// functions (FieldComputation.h). Compiled by nvcc for the CUDA backend and as C++ for the host backend.
+// The device driver of the field computation: the three passes over the cells of a block, launched on
+// the device, or run by the host's cores (FieldPassesHost.cpp) when device memory runs short. Both
+// drivers run the same per-cell functions (FieldComputation.h), each translation unit its own copy.
+// Compiled by nvcc for the CUDA backend and as C++ for the host backend.
 #include <cstdio>
 #include <memory>
-#include <new>
 #include <vector>
 
 #include "ErrorLadder.h"
@@ -56,16 +56,6 @@ struct computeFineFiledDatalKernel {
     }
 };
 
-// The host driver's second loop: both later passes of one cell in one iteration.
-struct FineNormalThenFieldData {
-    computeFineNormalKernel fine_normal;
-    computeFineFiledDatalKernel field_data;
-    TESSA_HD void operator()(std::size_t i) const {
-        fine_normal(i);
-        field_data(i);
-    }
-};
-
 }  // namespace
 
 // The device computes the block when its memory holds the cells, relations and centres and the block's
@@ -83,29 +73,6 @@ int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& bloc
     std::printf("[warining]: memory lacked, computeFiledData on Host\n");
     m_on_host = true;
     return processMarchingCubeTaskOnHost(*block, cells);
-}
-
-// The host driver: the same passes over host memory, the first as one loop and the two others in a
-// second loop that runs both for a cell in one iteration.
-int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells) {
-    const int n = static_cast<int>(cells.cell_nodes.size());
-    const int relation_size = static_cast<int>(cells.relations.size());
-    const RelationCell2Bins_Device* relations = cells.relations.data();
-    const RawPointWithHash* points = block.points->data();
-    const DeviceParameters* params = m_device_params.get();
-    CellNode_Device* nodes = cells.cell_nodes.data();
-    runOnHost(static_cast<std::size_t>(n), computeInitNormalKernel{n, nodes, relation_size, relations, points, params});
-
-    VoxelFieldCenter* centres = new (std::nothrow) VoxelFieldCenter[static_cast<std::size_t>(n)]();
-    if (centres == nullptr) {
-        m_last_error = "voxel_field_centers alloc failed.";
-        return TESSALINE_OUT_OF_MEMORY;
-    }
-    runOnHost(static_cast<std::size_t>(n),
-              FineNormalThenFieldData{{n, nodes, relation_size, relations, points, params, centres},
-                                      {n, nodes, relation_size, relations, points, params, centres}});
-    delete[] centres;
-    return 0;
 }
 
 // The device driver: three launches back to back on the default stream, checked once at the end.

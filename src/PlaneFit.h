@@ -12,6 +12,10 @@
 #include "DeviceLayer.h"
 
 namespace SurfaceReconstruction {
+// Each translation unit has its own copy of these functions: kernel files may be built with other
+// floating-point options than the host's (contracted multiply-adds on a device), and one shared inline
+// definition would hand one unit's arithmetic to the other.
+namespace {
 
 constexpr double EIGEN_EPSILON = 2.220446049250313e-16;           // zero and equality test
 constexpr double EIGEN_SMALLEST_SCALE = 2.2250738585072014e-308;  // smallest normal double
@@ -212,4 +216,5 @@ TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const flo
     }
 }
 
+}  // namespace
 }  // namespace SurfaceReconstruction

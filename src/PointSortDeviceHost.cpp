@@ -1,10 +1,17 @@
-// The point sorts of the host backend, whose device memory is host memory.
+// The point sorts of the host backend: the host sorts, inside a device scope, since the points are in
+// device memory.
 #include "PointSort.h"
 
 namespace SurfaceReconstruction {
 
-void sortPointsFully(RawPointWithHash* points, std::int64_t n) { sortPointsFullyOnHost(points, n); }
+void sortPointsFully(RawPointWithHash* points, std::int64_t n) {
+    const DeviceScope scope;
+    sortPointsFullyOnHost(points, n);
+}
 
-void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n) { sortPointsByHashStableOnHost(points, n); }
+void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n) {
+    const DeviceScope scope;
+    sortPointsByHashStableOnHost(points, n);
+}
 
 }  // namespace SurfaceReconstruction

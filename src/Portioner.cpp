@@ -63,7 +63,9 @@ std::uint32_t Portioner::maxFramePoints() const { return m_device_params ? m_dev
 bool Portioner::frameFits(const FrameDataWithInfo& frame) const { return frame.xyz.size() <= maxFramePoints(); }
 
 int Portioner::init() {
-    const int result = initRawSurface_Device(PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(maxFramePoints()));
+    std::size_t free_bytes = 0, total_bytes = 0;
+    const bool known = deviceMemGetInfo(&free_bytes, &total_bytes) == DEVICE_SUCCESS;
+    const int result = initRawSurface_Device(PORTIONER_RAW_SURFACE_CAPACITY(maxFramePoints(), known, free_bytes));
     if (result != 0) {
         m_inited = false;
         m_last_error = "[Portioner] init try catch error!";

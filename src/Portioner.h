@@ -44,6 +44,20 @@ inline std::uint64_t PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(std::uint32_t max_fra
     return static_cast<std::uint64_t>(max_frame_points == 0 ? 30000u : max_frame_points) * PORTIONER_RAW_SURFACE_FRAMES;
 }
 
+// Points of the raw surface buffer on a device with `free_bytes` free (`known` false where the figure
+// could not be read): at most the quarter of free memory, so that the partition and the marching cubes
+// stage keep the rest, and never below one frame slot; where the figure is unknown, the full size.
+// Fewer points only make the block computation run more often: the block list is the same.
+inline std::uint64_t PORTIONER_RAW_SURFACE_CAPACITY(std::uint32_t max_frame_points, bool known,
+                                                    std::uint64_t free_bytes) {
+    const std::uint64_t full = PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(max_frame_points);
+    if (!known) return full;
+    const std::uint64_t slot = max_frame_points == 0 ? 30000u : max_frame_points;
+    const std::uint64_t point_bytes = 3 * sizeof(float) + 3 * sizeof(std::int32_t);  // xyz and block position
+    const std::uint64_t fits = free_bytes / 4 / point_bytes;
+    return fits < slot ? slot : (fits < full ? fits : full);
+}
+
 // One block's share of a batch.
 struct BlockChangesData {
     std::int32_t block_id;    // index into the block list

@@ -165,6 +165,7 @@ struct DetectBlockChangesKernel {
 // Sorts a block position list on the device and removes repeats; returns the new length.
 std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_t n) {
     if (n <= 0) return 0;
+    const DeviceScope scope;
     thrust::sort(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_LESS());
     RawSurfaceBlockPos* end = thrust::unique(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_EQUAL());
     return end - positions;
@@ -446,8 +447,11 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             TESSA_DEVICE_CHECK(deviceMemset(offsets_dev.ptr() + points, 0, sizeof(std::int64_t)),
                                "cudaMemset(offsets_dev + max_point_size, 0, sizeof(std::int64_t))");
             launchKernel(points, CountPartitionRecordsKernel{partition, offsets_dev.ptr()});
-            thrust::exclusive_scan(thrust::device, offsets_dev.ptr(), offsets_dev.ptr() + points + 1,
-                                   offsets_dev.ptr());
+            {
+                const DeviceScope scope;
+                thrust::exclusive_scan(thrust::device, offsets_dev.ptr(), offsets_dev.ptr() + points + 1,
+                                       offsets_dev.ptr());
+            }
             std::int64_t records = 0;
             TESSA_DEVICE_CHECK(
                 deviceMemcpy(&records, offsets_dev.ptr() + points, sizeof(std::int64_t), CopyKind::DeviceToHost),

@@ -1,7 +1,8 @@
-// A scripted device runtime for tests: devices with chosen attributes, and calls that fail on demand.
+// A scripted device runtime for tests: devices with chosen attributes and memory figures, and
+// allocations and frees that fail on demand. Memory itself comes from the real backend, so copies,
+// fills and launches on it behave as on the device the build runs on.
 #pragma once
 
-#include <cstdlib>
 #include <vector>
 
 #include "DeviceLayer.h"
@@ -32,6 +33,8 @@ public:
     int free_calls = 0;
     int fail_malloc_at = -1;  // 0-based number of the cudaMalloc that fails
     int fail_free_at = -1;
+    int launch_checks = 0;    // calls of cudaGetLastError, one after each launch
+    int fail_launch_at = -1;  // 0-based number of the check that reports a launch that did not start
 
     explicit FakeDevices(std::vector<FakeDevice> list = {FakeDevice{}}) : devices(std::move(list)) {
         seam.get_count = [this](int* count) -> DeviceResult {
@@ -57,15 +60,14 @@ public:
             *total_out = total_bytes;
             return DEVICE_SUCCESS;
         };
-        seam.malloc = [this](void** ptr, std::size_t bytes) -> DeviceResult {
-            if (malloc_calls++ == fail_malloc_at) return DEVICE_ERROR_MEMORY_ALLOCATION;
-            *ptr = std::malloc(bytes == 0 ? 1 : bytes);
-            return DEVICE_SUCCESS;
+        seam.malloc_result = [this](std::size_t) -> DeviceResult {
+            return malloc_calls++ == fail_malloc_at ? DEVICE_ERROR_MEMORY_ALLOCATION : DEVICE_SUCCESS;
         };
-        seam.free = [this](void* ptr) -> DeviceResult {
-            if (free_calls++ == fail_free_at) return DEVICE_ERROR_INVALID_VALUE;
-            std::free(ptr);
-            return DEVICE_SUCCESS;
+        seam.free_result = [this](void*) -> DeviceResult {
+            return free_calls++ == fail_free_at ? DEVICE_ERROR_INVALID_VALUE : DEVICE_SUCCESS;
+        };
+        seam.last_error = [this]() -> DeviceResult {
+            return launch_checks++ == fail_launch_at ? DEVICE_ERROR_LAUNCH_FAILURE : DEVICE_SUCCESS;
         };
         installDeviceRuntimeSeam(&seam);
     }

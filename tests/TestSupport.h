@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <random>
 #include <set>
@@ -111,6 +113,43 @@ inline bool sameMesh(const MultiMeshData& a, const MultiMeshData& b) {
     return a.xyz.size() == b.xyz.size() && a.w.size() == b.w.size() &&
            std::memcmp(a.xyz.data(), b.xyz.data(), a.xyz.size() * sizeof(TriangleXYZ)) == 0 &&
            std::memcmp(a.w.data(), b.w.data(), a.w.size() * sizeof(TriangleW)) == 0;
+}
+
+// Where kernels may compute otherwise than the host (a CUDA device contracts multiply-adds and has its
+// own expf and sinf; the fused multiply-add build imitates that on the host), the device path and the
+// host fallback agree to a tolerance only: the same triangles with the same words, vertex coordinates
+// within MESH_DEVICE_TOLERANCE, and cells with the same sheets, rules and words, field values and
+// normals within FIELD_DEVICE_TOLERANCE (scan units; the differences are a few units in the last place).
+// Block partition, bins and cells do not depend on it and stay byte for byte.
+#if defined(TESSALINE_CUDA) || defined(TESSALINE_FUSED_KERNELS)
+constexpr bool KERNELS_MAY_DIFFER_FROM_HOST = true;
+#else
+constexpr bool KERNELS_MAY_DIFFER_FROM_HOST = false;
+#endif
+constexpr float MESH_DEVICE_TOLERANCE = 1e-4f;
+constexpr float FIELD_DEVICE_TOLERANCE = 1e-5f;
+
+// The largest difference of matching vertex coordinates of two meshes whose triangle counts and words
+// agree; infinity where they do not.
+inline float meshDeviation(const MultiMeshData& a, const MultiMeshData& b) {
+    if (a.xyz.size() != b.xyz.size() || a.w.size() != b.w.size() ||
+        std::memcmp(a.w.data(), b.w.data(), a.w.size() * sizeof(TriangleW)) != 0)
+        return std::numeric_limits<float>::infinity();
+    float largest = 0.0f;
+    for (std::size_t t = 0; t < a.xyz.size(); ++t)
+        for (int k = 0; k < 9; ++k) largest = std::max(largest, std::fabs(a.xyz[t].xyz[k] - b.xyz[t].xyz[k]));
+    return largest;
+}
+
+// The meshes of the device path and the host fallback: identical, or within the tolerance where kernels
+// may differ from the host.
+inline ::testing::AssertionResult deviceAndHostMeshesAgree(const MultiMeshData& device, const MultiMeshData& host) {
+    if (sameMesh(device, host)) return ::testing::AssertionSuccess();
+    const float deviation = meshDeviation(device, host);
+    std::printf("device path and host fallback: meshes differ by %g\n", static_cast<double>(deviation));
+    if (KERNELS_MAY_DIFFER_FROM_HOST && deviation <= MESH_DEVICE_TOLERANCE) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "meshes differ by " << deviation << " (" << device.xyz.size() << " and "
+                                         << host.xyz.size() << " triangles)";
 }
 
 // One whole session through the public handle; `before` runs after init and the resolution.

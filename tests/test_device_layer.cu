@@ -14,6 +14,24 @@
 using namespace SurfaceReconstruction;
 using testing_support::FakeDevices;
 
+#if defined(TESSALINE_CUDA)
+namespace {
+// Every test of the CUDA build runs the library on the device: where the machine has none, the suite
+// skips rather than fails.
+class RequireDevice : public ::testing::Environment {
+public:
+    void SetUp() override {
+        int count = 0;
+        if (deviceGetCount(&count) != DEVICE_SUCCESS || count == 0) {
+            deviceGetLastError();  // the failed query leaves its error behind
+            GTEST_SKIP() << "no CUDA device: the tests of the CUDA build skip";
+        }
+    }
+};
+::testing::Environment* const g_require_device = ::testing::AddGlobalTestEnvironment(new RequireDevice);
+}  // namespace
+#endif
+
 TEST(DeviceLayer, CheckReportsFailuresOnStandardErrorOnly) {
     ::testing::internal::CaptureStderr();
     ::testing::internal::CaptureStdout();

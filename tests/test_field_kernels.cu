@@ -10,7 +10,9 @@
 
 using namespace SurfaceReconstruction;
 
-namespace {
+// A named namespace: nvcc's generated launch stubs cannot tell a file's unnamed namespace from the one
+// of the per-cell functions' header once SurfaceReconstruction is used.
+namespace field_kernels_test {
 
 // Initial and fine normals of each cell, as the device runs them.
 struct NormalsKernel {
@@ -36,7 +38,9 @@ T* upload(const std::vector<T>& host) {
     return dev;
 }
 
-}  // namespace
+}  // namespace field_kernels_test
+
+using namespace field_kernels_test;
 
 TEST(FieldKernels, NormalsOnTheDevicePathMatchTheHostPath) {
     // Random cells over a noisy wavy surface, some with few points, some facing both ways.

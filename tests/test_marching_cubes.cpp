@@ -407,17 +407,34 @@ TEST_F(StageRun, DevicePathAndHostPathGiveTheSameField) {
     ASSERT_EQ(TestAccess::processMarchingCubeTaskOnHost(stage, *b, on_host), 0);
     ASSERT_EQ(on_host.cell_nodes.size(), on_device->cell_nodes.size());
     int sheets = 0;
+    float largest = 0.0f;  // the largest difference of a field value or normal component
+    const auto near = [&largest](float a, float b) {
+        largest = std::max(largest, std::fabs(a - b));
+        return std::fabs(a - b) <= FIELD_DEVICE_TOLERANCE;
+    };
     for (std::size_t i = 0; i < on_host.cell_nodes.size(); ++i) {
         const CellNode_Device& d = on_device->cell_nodes[i];
         const CellNode_Device& h = on_host.cell_nodes[i];
         ASSERT_EQ(d.field_flag, h.field_flag) << "cell " << i;
         sheets += std::max(0, d.field_flag);
-#if defined(TESSALINE_CUDA)
-        for (int s = 0; s < d.field_flag; ++s) EXPECT_NEAR(d.fields[s].value, h.fields[s].value, 1e-4f) << "cell " << i;
-#else
-        EXPECT_EQ(std::memcmp(&d, &h, sizeof(CellNode_Device)), 0) << "cell " << i;
-#endif
+        if (!KERNELS_MAY_DIFFER_FROM_HOST) {
+            EXPECT_EQ(std::memcmp(&d, &h, sizeof(CellNode_Device)), 0) << "cell " << i;
+            continue;
+        }
+        // The arithmetic may differ in the last bits; what it decides may not.
+        EXPECT_EQ(d.rules, h.rules) << "cell " << i;
+        EXPECT_EQ(d.word, h.word) << "cell " << i;
+        for (int k = 0; k < 3; ++k) EXPECT_TRUE(near(d.init_normal[k], h.init_normal[k])) << "cell " << i;
+        for (int s = 0; s < d.field_flag; ++s) {
+            EXPECT_TRUE(near(d.fields[s].value, h.fields[s].value)) << "cell " << i << " sheet " << s;
+            for (int k = 0; k < 3; ++k)
+                EXPECT_TRUE(near(d.fields[s].normal[k], h.fields[s].normal[k])) << "cell " << i << " sheet " << s;
+            EXPECT_EQ(d.fields[s].word, h.fields[s].word) << "cell " << i;
+            EXPECT_EQ(d.fields[s].occupancy, h.fields[s].occupancy) << "cell " << i;
+        }
     }
+    if (KERNELS_MAY_DIFFER_FROM_HOST)
+        std::printf("device path and host path: fields differ by at most %g\n", static_cast<double>(largest));
     EXPECT_GT(sheets, 1000);
 }
 

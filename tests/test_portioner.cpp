@@ -340,3 +340,51 @@ TEST(PortionerRuns, FailedDeviceAllocationIsReportedWithItsStatus) {
     EXPECT_EQ(portioner.getLastError(), "[Portioner] init try catch error!");
     EXPECT_FALSE(portioner.isInited());
 }
+
+TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
+    const Frames frames = randomFrames(12, 400, 11);
+    int launches = 0;
+    {
+        FakeDevices fake;
+        PortionerRun clean(frames);
+        ASSERT_EQ(clean.status, 0);
+        launches = fake.launch_checks;
+    }
+    ASSERT_GE(launches, 5);  // block positions, then counts, records, runs and changes of each batch
+    for (int k = 0; k < launches; ++k) {
+        FakeDevices fake;
+        fake.fail_launch_at = k;
+        std::string err;
+        std::unique_ptr<PortionerRun> run;
+        err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
+        EXPECT_NE(run->status, 0) << "launch " << k;
+        EXPECT_NE(err.find("code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\""), std::string::npos)
+            << "launch " << k << ": " << err;
+    }
+}
+
+TEST(PortionerRuns, RawSurfaceBufferIsSizedByTheFreeDeviceMemory) {
+    // 24 bytes a point (xyz and block position), at most a quarter of what is free, at least one slot.
+    struct Case {
+        const char* what;
+        std::uint32_t slot;
+        bool figure_known;
+        std::size_t free_bytes;
+        std::uint64_t expected;
+    };
+    const Case cases[] = {
+        {"plenty free: 1000 slots", 20, true, 64ull << 30, 20u * 1000u},
+        {"6 GiB free: a quarter of it", 400000, true, 6ull << 30, (6ull << 30) / 4 / 24},
+        {"1 MiB free: one slot", 400000, true, 1u << 20, 400000},
+        {"no figure: 1000 slots", 40000, false, 0, 40000ull * 1000},
+    };
+    for (const Case& c : cases) {
+        FakeDevices fake;
+        fake.mem_info_fails = !c.figure_known;
+        fake.free_bytes = c.free_bytes;
+        Portioner portioner;
+        configurePortioner(portioner, c.slot, 128, 0.5f);
+        ASSERT_EQ(portioner.init(), 0) << c.what;
+        EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), c.expected) << c.what;
+    }
+}

@@ -1,0 +1,36 @@
+// The host driver of the field computation, for blocks whose cells do not fit in device memory: the
+// passes over host memory on the host's cores. Kept apart from the kernels' file, so that it is built
+// as host code whatever the kernels are built as (the fused multiply-add job builds them differently).
+#include <new>
+
+#include "FieldComputation.h"
+#include "MarchingCubes.h"
+
+namespace SurfaceReconstruction {
+
+// The host driver: the same passes over host memory, the first as one loop and the two others in a
+// second loop that runs both for a cell in one iteration.
+int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells) {
+    const int n = static_cast<int>(cells.cell_nodes.size());
+    const int relation_size = static_cast<int>(cells.relations.size());
+    const RelationCell2Bins_Device* relations = cells.relations.data();
+    const RawPointWithHash* points = block.points->data();
+    const DeviceParameters* params = m_device_params.get();
+    CellNode_Device* nodes = cells.cell_nodes.data();
+    runOnHost(static_cast<std::size_t>(n),
+              [&](std::size_t i) { computeInitNormal(nodes[i], relations, relation_size, points, *params); });
+
+    VoxelFieldCenter* centres = new (std::nothrow) VoxelFieldCenter[static_cast<std::size_t>(n)]();
+    if (centres == nullptr) {
+        m_last_error = "voxel_field_centers alloc failed.";
+        return TESSALINE_OUT_OF_MEMORY;
+    }
+    runOnHost(static_cast<std::size_t>(n), [&](std::size_t i) {
+        computeFineNormal(nodes[i], relations, relation_size, points, *params, centres[i]);
+        computeFieldData(nodes[i], relations, relation_size, points, *params, centres[i]);
+    });
+    delete[] centres;
+    return 0;
+}
+
+}  // namespace SurfaceReconstruction
