@@ -1,6 +1,9 @@
 // The library in a real application: engines that share frames and run at once, calls made during a
 // run from the step callback, from another thread and through a copy of the handle, settings that would
 // ask for absurd work, and runs that give no triangles.
+#include <filesystem>
+
+#include "HostMemory.h"
 #include "ScanSimulator.h"
 #include "TestSupport.h"
 
@@ -240,4 +243,97 @@ TEST(AbsurdSettings, AHugeFrameLeavesTheEngineUsableForTheNextInit) {
         EXPECT_TRUE(sameMesh(*mesh, *cleanRun().mesh));
         ASSERT_EQ(engine.deInit(), 0);
     }
+}
+
+namespace {
+
+// A /proc and /sys of the test's own, for as long as it lives: meminfo with `available_mib` and the
+// cgroup files given (path below the root, content).
+struct FakeHostMemory {
+    std::string root;
+    FakeHostMemory(const std::string& name, std::uint64_t available_mib,
+                   const std::vector<std::pair<std::string, std::string>>& files) {
+        root = tempPath("host_" + name);
+        std::filesystem::remove_all(root);
+        const auto write = [&](const std::string& path, const std::string& text) {
+            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
+            std::ofstream(root + path) << text;
+        };
+        write("/proc/meminfo", "MemTotal:       67108864 kB\nMemFree:        1000 kB\nMemAvailable:   " +
+                                   std::to_string(available_mib * 1024) + " kB\nSwapFree:       0 kB\n");
+        for (const auto& f : files) write(f.first, f.second);
+        setHostMemoryRoot(root);
+    }
+    ~FakeHostMemory() {
+        setHostMemoryRoot("");
+        std::filesystem::remove_all(root);
+    }
+};
+
+}  // namespace
+
+TEST(MemoryGuard, TheUsableMemoryIsTheLeastOfAvailableAndWhatTheCgroupAllows) {
+    const std::uint64_t MiB = 1 << 20;
+    struct Case {
+        const char* name;
+        std::vector<std::pair<std::string, std::string>> files;
+        std::uint64_t usable_mib;
+    };
+    const std::vector<Case> cases = {
+        {"no cgroup files", {}, 32768},
+        {"version 2, own group",
+         {{"/proc/self/cgroup", "0::/app\n"},
+          {"/sys/fs/cgroup/app/memory.max", "104857600\n"},
+          {"/sys/fs/cgroup/app/memory.current", "10485760\n"}},
+         90},
+        {"version 2, mount root inside a container",
+         {{"/proc/self/cgroup", "0::/elsewhere\n"},
+          {"/sys/fs/cgroup/memory.max", "209715200\n"},
+          {"/sys/fs/cgroup/memory.current", "0\n"}},
+         200},
+        {"version 2 without a limit", {{"/proc/self/cgroup", "0::/\n"}, {"/sys/fs/cgroup/memory.max", "max\n"}}, 32768},
+        {"version 1",
+         {{"/proc/self/cgroup", "4:memory:/job\n0::/\n"},
+          {"/sys/fs/cgroup/memory/job/memory.limit_in_bytes", "314572800\n"},
+          {"/sys/fs/cgroup/memory/job/memory.usage_in_bytes", "104857600\n"}},
+         200},
+        {"version 1 without a limit",
+         {{"/proc/self/cgroup", "4:memory:/\n"},
+          {"/sys/fs/cgroup/memory/memory.limit_in_bytes", "9223372036854771712\n"}},
+         32768},
+        {"use beyond the limit",
+         {{"/sys/fs/cgroup/memory.max", "1000\n"}, {"/sys/fs/cgroup/memory.current", "5000\n"}},
+         0},
+    };
+    for (const Case& c : cases) {
+        FakeHostMemory fake(std::to_string(&c - cases.data()), 32768, c.files);
+        HostMemoryInfo info;
+        ASSERT_TRUE(readHostMemory(info)) << c.name;
+        EXPECT_EQ(usableHostBytes(info) / MiB, c.usable_mib) << c.name;
+        EXPECT_LE(info.available_bytes, usableHostBytes(info) + info.swap_free_bytes) << c.name;
+    }
+}
+
+TEST(MemoryGuard, TooLittleMemoryFailsWithATextNamingItAndTheNextGoodRunClearsIt) {
+    const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
+    Session starved, fed;
+    {
+        // Plenty reported by the kernel, but the cgroup allows 100 MiB: less than the guard's reserve.
+        FakeHostMemory fake("starved", 32768,
+                            {{"/sys/fs/cgroup/memory.max", "104857600\n"}, {"/sys/fs/cgroup/memory.current", "0\n"}});
+        starved = runSession(small);
+    }
+    EXPECT_EQ(starved.status, 66049);
+    EXPECT_NE(starved.error.find("memory guard: the process may use 100 MiB more"), std::string::npos) << starved.error;
+    EXPECT_NE(starved.output.find(starved.error), std::string::npos);
+    {
+        // 1 GiB is enough for this scan; the fixed 2.5 GiB of old would have refused it.
+        FakeHostMemory fake("fed", 1024, {});
+        fed = runSession(small, 0.5f, [](Tessaline& engine) {
+            engine.setResolution(-1.0f);  // a failure before the run: its text must not outlive a good run
+        });
+    }
+    ASSERT_EQ(fed.status, 0) << fed.error;
+    EXPECT_GT(fed.mesh->xyz.size(), 100u);
+    EXPECT_EQ(fed.error, "no error!");
 }
