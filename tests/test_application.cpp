@@ -337,3 +337,27 @@ TEST(MemoryGuard, TooLittleMemoryFailsWithATextNamingItAndTheNextGoodRunClearsIt
     EXPECT_GT(fed.mesh->xyz.size(), 100u);
     EXPECT_EQ(fed.error, "no error!");
 }
+
+TEST(Geometry, APlaneThroughTheOriginIsClosedThere) {
+    // Points a hair from the origin count (only (0, 0, 0) itself is a null point): a dense plane through
+    // the origin at a fine resolution has triangles over the origin, as it has over any other spot.
+    std::vector<Vec3f> plane;
+    for (int i = -100; i <= 100; ++i)
+        for (int j = -100; j <= 100; ++j) plane.push_back({i * 0.01f + 0.003f, j * 0.01f + 0.003f, 0.0f});
+    const auto covers = [](const MultiMeshData& mesh, float x, float y) {
+        for (const TriangleXYZ& t : mesh.xyz) {
+            const float* v = t.xyz;
+            const auto side = [&](int a, int b) {
+                return (v[3 * b] - v[3 * a]) * (y - v[3 * a + 1]) - (v[3 * b + 1] - v[3 * a + 1]) * (x - v[3 * a]);
+            };
+            const float s0 = side(0, 1), s1 = side(1, 2), s2 = side(2, 0);
+            if ((s0 >= 0 && s1 >= 0 && s2 >= 0) || (s0 <= 0 && s1 <= 0 && s2 <= 0)) return true;
+        }
+        return false;
+    };
+    const Session run = runSession({frameOf(plane)}, 0.02f);
+    ASSERT_EQ(run.status, 0) << run.error;
+    ASSERT_GT(run.mesh->xyz.size(), 100u);
+    for (const auto& spot : std::vector<std::array<float, 2>>{{0.0f, 0.0f}, {0.05f, -0.05f}, {0.5f, 0.5f}})
+        EXPECT_TRUE(covers(*run.mesh, spot[0], spot[1])) << spot[0] << ", " << spot[1];
+}
