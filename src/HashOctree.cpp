@@ -1,6 +1,7 @@
 // HashOctree: life cycle and geometry settings.
 #include "HashOctree.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -306,8 +307,9 @@ int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const floa
     for (int k = 0; k < 3; ++k) {
         if (std::fabs(pos[k] - n->center[k]) > n->half_size) return TESSALINE_OUTSIDE_CELL;
     }
-    const float upper = target_half + 0.0001f;
-    const float lower = target_half * 0.5f + 0.0001f;
+    // The descent stops at the first cell below this bound: one of the target size. The margin is
+    // absolute for small cells and relative for large ones, where adding 0.0001 no longer changes a float.
+    const float upper = std::max(target_half + 0.0001f, target_half * (1.0f + 1.0f / 4096.0f));
     // Along the last path, while the plain descent would take the same steps: the cells there are
     // branches already, and only the last one of the path can have become a leaf since.
     int i = 0;
@@ -315,8 +317,7 @@ int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const floa
         while (i + 1 < path.depth) {
             const CellNode* c = path.cells[i];
             if (c->cell_type == CELL_TYPE_LEAF) break;
-            const float h = c->half_size;
-            if (upper > h && h > lower) break;
+            if (upper > c->half_size) break;
             if (c->children[childIndex(pos, c->center)] != path.cells[i + 1]) break;
             ++i;
         }
@@ -329,7 +330,8 @@ int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const floa
     // From there on, the plain descent.
     while (loadCellType(*n) != CELL_TYPE_LEAF) {
         const float h = n->half_size;
-        if (upper > h && h > lower) break;
+        // At the target size, or already below it when the root itself is no larger: never deeper.
+        if (upper > h) break;
         markBranch(*n);
         const int k = childIndex(pos, n->center);
         CellNode* child = loadChild(n->children[k]);

@@ -80,13 +80,13 @@ bool MarkerFilter::findMarker(const Vec3f& position, const Vec3f& normal, std::i
     return false;
 }
 
-bool MarkerFilter::standsOut(const FrameDataWithInfo& frame, const std::vector<float>& dist, double upper,
+bool MarkerFilter::standsOut(const std::vector<std::int32_t>& labels, const std::vector<float>& dist, double upper,
                              double lower) const {
     const std::vector<OptedMarker>& markers = *m_opted_markers;
     const std::int64_t m = static_cast<std::int64_t>(markers.size());
     int hits = 0;
     for (std::size_t j = 0; j < dist.size(); ++j) {
-        const std::int32_t i = frame.marker_ids[j];
+        const std::int32_t i = labels[j];
         if (i < 0 || i >= m) continue;
         if (dist[j] >= marker_max_dist_threshold) return true;
         const OptedMarker& marker = markers[static_cast<std::size_t>(i)];
@@ -112,12 +112,15 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
         std::vector<OptedMarker>& markers = *m_opted_markers;
         const std::int64_t m = static_cast<std::int64_t>(markers.size());
         std::vector<std::vector<float>> dist(n);
+        // The labels found for the observations, in a list of the filter's own: the frames are read only.
+        std::vector<std::vector<std::int32_t>> labels(n);
 
         // Measuring, frame by frame in order.
         for (std::size_t f = 0; f < n; ++f) {
             if (!frames[f]) continue;
-            FrameDataWithInfo& frame = *frames[f];
+            const FrameDataWithInfo& frame = *frames[f];
             dist[f].assign(frame.marker_ids.size(), 0.0f);
+            labels[f] = frame.marker_ids;
             float rotation[9], translation[3];
             for (int k = 0; k < 9; ++k) rotation[k] = static_cast<float>(frame.frame_info.rotation[k]);
             for (int k = 0; k < 3; ++k) translation[k] = static_cast<float>(frame.frame_info.translation[k]);
@@ -134,7 +137,7 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
                 }
                 std::int32_t id = -1;
                 if (!findMarker(p, q, id)) continue;
-                frame.marker_ids[j] = id;
+                labels[f][j] = id;
                 OptedMarker& marker = markers[static_cast<std::size_t>(id)];
                 const float dx = p[0] - marker.xyz[0], dy = p[1] - marker.xyz[1], dz = p[2] - marker.xyz[2];
                 const float e = std::sqrt(dx * dx + dy * dy + dz * dz);
@@ -155,7 +158,7 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
         for (std::size_t f = 0; f < n; ++f) {
             if (!frames[f]) continue;
             for (std::size_t j = 0; j < dist[f].size(); ++j) {
-                const std::int32_t i = frames[f]->marker_ids[j];
+                const std::int32_t i = labels[f][j];
                 if (i < 0 || i >= m || !(dist[f][j] < marker_max_dist_threshold)) continue;
                 OptedMarker& marker = markers[static_cast<std::size_t>(i)];
                 const float d = dist[f][j] - marker.mean;
@@ -172,7 +175,7 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
 #pragma omp parallel for schedule(static)
         for (long f = 0; f < count; ++f) {
             if (frames[static_cast<std::size_t>(f)] &&
-                standsOut(*frames[static_cast<std::size_t>(f)], dist[static_cast<std::size_t>(f)], FIRST_PASS_UPPER,
+                standsOut(labels[static_cast<std::size_t>(f)], dist[static_cast<std::size_t>(f)], FIRST_PASS_UPPER,
                           FIRST_PASS_LOWER))
                 bad1[static_cast<std::size_t>(f)] = 1;
         }
@@ -183,21 +186,18 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
             for (long k = std::max(0L, f - MARKER_NEIGHBOURHOOD); k <= std::min(count - 1, f + MARKER_NEIGHBOURHOOD);
                  ++k) {
                 const std::size_t kk = static_cast<std::size_t>(k);
-                if (frames[kk] && standsOut(*frames[kk], dist[kk], SECOND_PASS_UPPER, SECOND_PASS_LOWER)) {
+                if (frames[kk] && standsOut(labels[kk], dist[kk], SECOND_PASS_UPPER, SECOND_PASS_LOWER)) {
 #pragma omp atomic write
                     bad2[kk] = 1;
                 }
             }
         }
 
-        // Result: passing frames go on without their marker lists; rejected ones are dropped.
+        // Result: passing frames go on as they are (the application's, never changed); rejected ones are dropped.
         std::int32_t largest = 0;
         for (std::size_t f = 0; f < n; ++f) {
             if (frames[f] && !bad2[f]) {
-                FrameDataWithInfo& frame = *frames[f];
-                std::vector<std::int32_t>().swap(frame.marker_ids);
-                std::vector<Vec3f>().swap(frame.marker_xyz);
-                std::vector<Vec3f>().swap(frame.marker_nor);
+                const FrameDataWithInfo& frame = *frames[f];
                 passed.push_back(frames[f]);
                 largest =
                     std::max(largest, static_cast<std::int32_t>(std::min<std::size_t>(frame.xyz.size(), INT32_MAX)));

@@ -67,9 +67,10 @@ public:
     std::int32_t maxFramePoints() const { return m_max_frame_points; }
 
 private:
-    // Whether frame `frame` stands out: an error of the threshold or more, one above `upper` rms over the
-    // mean, or MARKER_SOFT_HITS above `lower`.
-    bool standsOut(const FrameDataWithInfo& frame, const std::vector<float>& dist, double upper, double lower) const;
+    // Whether a frame with these marker labels stands out: an error of the threshold or more, one above `upper` rms
+    // over the mean, or MARKER_SOFT_HITS above `lower`.
+    bool standsOut(const std::vector<std::int32_t>& labels, const std::vector<float>& dist, double upper,
+                   double lower) const;
 
     bool m_inited = false;
     std::string m_last_error = "no error!";

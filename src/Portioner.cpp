@@ -93,7 +93,6 @@ int Portioner::deInit() {
 int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
     if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_task_failed || !frame) return 1;
-    if (frame->frame_info.laser_id < 0 || frame->frame_info.laser_id >= 8) frame->frame_info.laser_id = 0;
     if (!frameFits(*frame)) return 1;
     const std::uint64_t pt_size = frame->xyz.size();
 
@@ -230,7 +229,6 @@ int Portioner::processScanFrameList_Task() { return processScanFrameList_Device(
 int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
     if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (m_task_failed || !frame || !m_adding_frames) return 1;
-    if (frame->frame_info.laser_id < 0 || frame->frame_info.laser_id >= 8) frame->frame_info.laser_id = 0;
     const std::size_t pt_size = frame->xyz.size();
     if (pt_size > m_slot_points || m_adding_frame_size >= m_batch_slots) return 1;
 
@@ -243,6 +241,9 @@ int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& f
         std::memcpy(batch.w.data() + start, frame->w.data(), pt_size * sizeof(std::int32_t));
     }
     batch.frame_info[slot] = frame->frame_info;
+    // A laser id outside 0 to 7 is read as 0, in the batch's copy: the application's frame is left as it is.
+    std::int32_t& laser_id = batch.frame_info[slot].laser_id;
+    if (laser_id < 0 || laser_id >= 8) laser_id = 0;
     batch.slot_points[slot] = static_cast<std::uint32_t>(pt_size);
     ++m_adding_frame_size;
     if (m_adding_frame_size < PORTIONER_MAX_FRAME_SIZE) return 0;

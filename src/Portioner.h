@@ -36,8 +36,9 @@ constexpr int PORTIONER_MAX_BLOCK_CHANGES = 10000;
 // Size of the table from block position to block.
 constexpr std::uint64_t PORTIONER_HASH_BUCKETS = 32768;
 constexpr std::uint64_t PORTIONER_HASH_EXCESS = 20000;
-// Points a frame must stay away from the origin on some axis to count: closer on all three is an empty slot.
-constexpr float PORTIONER_ORIGIN_SKIP = 0.1f;
+// A point exactly at the origin is no point: the empty rest of a frame slot, or a scanner's null return.
+// Any other point counts, however near the origin it lies.
+TESSA_HD inline bool isNullPoint(float x, float y, float z) { return x == 0.0f && y == 0.0f && z == 0.0f; }
 
 // Points the raw surface buffer holds: 1000 frames of the slot size (30000 points where that is 0).
 inline std::uint64_t PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(std::uint32_t max_frame_points) {

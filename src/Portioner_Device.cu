@@ -56,9 +56,7 @@ struct PartitionPoint {
     template <class Record>
     TESSA_HD bool forEachRecord(std::size_t i, Record&& record, bool report = false) const {
         const float x = xyz[3 * i], y = xyz[3 * i + 1], z = xyz[3 * i + 2];
-        if (fabsf(x) < PORTIONER_ORIGIN_SKIP && fabsf(y) < PORTIONER_ORIGIN_SKIP && fabsf(z) < PORTIONER_ORIGIN_SKIP) {
-            return false;  // an empty part of a frame slot, or a point that near the origin
-        }
+        if (isNullPoint(x, y, z)) return false;  // an empty part of a frame slot, or a null return
         const std::uint32_t mask = static_cast<std::uint32_t>(hash_mask);
         const std::int32_t bx = gridIndex(x, block_res), by = gridIndex(y, block_res), bz = gridIndex(z, block_res);
         const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);

@@ -3,6 +3,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -17,12 +18,18 @@
 
 namespace SurfaceReconstruction {
 
-bool reconstructorMemoryGuard() {
+bool reconstructorMemoryGuard(std::uint64_t need, std::uint64_t* usable) {
     HostMemoryInfo info;
-    if (!readHostMemory(info)) return false;
-    const double left = static_cast<double>(info.available_bytes + info.swap_free_bytes);
-    return static_cast<float>(left) * (1.0f / (1024.0f * 1024.0f * 1024.0f)) >= RECONSTRUCTOR_MIN_FREE_GIB;
+    if (!readHostMemory(info)) {
+        if (usable != nullptr) *usable = 0;
+        return false;
+    }
+    const std::uint64_t left = usableHostBytes(info);
+    if (usable != nullptr) *usable = left;
+    return left >= need;
 }
+
+bool reconstructorMemoryGuard() { return reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES); }
 
 Reconstructor::~Reconstructor() {
     if (m_inited) deInit();
@@ -83,6 +90,13 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         return 1;
     }
 
+    // The memory the mesh will need, from the field slots the run filled, must be there before the walk;
+    // during it, the reserve.
+    const std::uint64_t fields = static_cast<std::uint64_t>(std::max<std::int32_t>(0, m_field_data_pool->size()));
+    const std::uint64_t need = RECONSTRUCTOR_RESERVE_BYTES + fields * RECONSTRUCTOR_BYTES_PER_FIELD;
+    std::uint64_t usable = 0;
+    if (!reconstructorMemoryGuard(need, &usable)) return refuseForMemory(usable, need);
+
     const std::int32_t n = roots->datas_size.load();
     const float block_size = m_portioner_params ? static_cast<float>(m_portioner_params->block_size) : 0.0f;
     TriangleSink sink{&is_ok, &parts};
@@ -128,9 +142,20 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
             is_ok = 0;
         }
     }
-    if (!reconstructorMemoryGuard() || is_ok.load() == 0) {
+    if (is_ok.load() == 0) {
         std::printf("is_ok = false!\n");
+        if (!reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES, &usable))
+            return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES);
+        m_last_error = "[Reconstructor] process the mesh walk failed: memory ran out while triangles were made!";
         return TESSALINE_OUT_OF_MEMORY;
+    }
+    // The merge copies every part once more.
+    std::uint64_t part_bytes = 0;
+    for (const MultiMeshData& part : parts)
+        part_bytes += part.xyz.size() * sizeof(TriangleXYZ) + part.w.size() * sizeof(TriangleW);
+    if (!reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES + part_bytes, &usable)) {
+        std::printf("is_ok = false!\n");
+        return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES + part_bytes);
     }
 
     // The workers' parts in thread order; each part goes as soon as it is copied.
@@ -143,6 +168,17 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     mesh->xyz.shrink_to_fit();
     mesh->w.shrink_to_fit();
     return 0;
+}
+
+int Reconstructor::refuseForMemory(std::uint64_t usable, std::uint64_t need) {
+    char text[256];
+    std::snprintf(text, sizeof(text),
+                  "[Reconstructor] process memory guard: the process may use %llu MiB more, the mesh needs %llu "
+                  "MiB!",
+                  static_cast<unsigned long long>(usable >> 20), static_cast<unsigned long long>(need >> 20));
+    m_last_error = text;
+    std::printf("%s\n", text);
+    return TESSALINE_OUT_OF_MEMORY;
 }
 
 int Reconstructor::deInit() {

@@ -13,11 +13,16 @@ namespace SurfaceReconstruction {
 class HashOctree;
 class FieldDataPool;
 
-// Commit space the mesh stage keeps free: it stops when less than this is left.
-constexpr double RECONSTRUCTOR_MIN_FREE_GIB = 2.5;
+// Memory the mesh stage keeps free beyond what its triangles need: it stops when less is left.
+constexpr std::uint64_t RECONSTRUCTOR_RESERVE_BYTES = 256ull << 20;
+// What the mesh of one field slot is allowed for: two triangles of 48 bytes, held twice while the
+// workers' parts are merged.
+constexpr std::uint64_t RECONSTRUCTOR_BYTES_PER_FIELD = 2 * 48 * 2;
 
-// True while the host has at least RECONSTRUCTOR_MIN_FREE_GIB of memory left (available memory plus
-// free swap); false when the figure cannot be read.
+// True while the process may still use at least `need` bytes (available memory and free swap, within
+// its memory cgroup's limit); false when the figures cannot be read. `usable` gets the figure.
+bool reconstructorMemoryGuard(std::uint64_t need, std::uint64_t* usable = nullptr);
+// The same against the reserve alone.
 bool reconstructorMemoryGuard();
 
 class Reconstructor {
@@ -43,6 +48,9 @@ public:
     const std::shared_ptr<HashOctree>& hashOctree() const { return m_hash_octree; }
 
 private:
+    // Status 66049 with a last error naming what the process may still use and what the mesh needs.
+    int refuseForMemory(std::uint64_t usable, std::uint64_t need);
+
     bool m_inited = false;
     std::string m_last_error = "no error!";
     float m_resolution = 0.5f;

@@ -43,197 +43,299 @@ void printCellRuleCounts(const CellRuleCounts& counts) {
         n(counts.widened), n(counts.all_points), n(counts.creases));
 }
 
+std::string emptyMeshReason(const CellRuleCounts& counts, std::uint64_t points, float resolution) {
+    static const char* const RULES[CELL_REJECTION_COUNT] = {
+        "",
+        "fewer than 5 points in reach",
+        "no relations",
+        "no 5 points agreeing on a normal",
+        "no side of 5 points",
+        "fits across their normals",
+        "sparse and off their points",
+    };
+    char text[512];
+    const auto n = [](std::uint64_t v) { return static_cast<unsigned long long>(v); };
+    if (counts.cells == 0) {
+        std::snprintf(text, sizeof(text),
+                      "[Tessaline_OPT] process %llu points gave no triangles: no cell was made of them", n(points));
+    } else if (counts.with_sheet == 0) {
+        int top = 1;
+        for (int r = 2; r < static_cast<int>(CELL_REJECTION_COUNT); ++r)
+            if (counts.rejected[r] > counts.rejected[top]) top = r;
+        std::snprintf(text, sizeof(text),
+                      "[Tessaline_OPT] process %llu points gave no triangles: every one of the %llu cells was "
+                      "rejected, %llu of them for %s%s",
+                      n(points), n(counts.cells), n(counts.rejected[top]), RULES[top],
+                      top == CELL_FEW_POINTS ? " (the points are too sparse for the resolution)" : "");
+    } else {
+        std::snprintf(text, sizeof(text),
+                      "[Tessaline_OPT] process %llu points gave no triangles: %llu of %llu cells hold a surface "
+                      "but no two of them meet (the scan is too sparse or too small for the resolution %g)",
+                      n(points), n(counts.with_sheet), n(counts.cells), static_cast<double>(resolution));
+    }
+    return text;
+}
+
 Tessaline_OPT::~Tessaline_OPT() {
     if (m_inited) deInit();
 }
 
+template <class Body>
+int Tessaline_OPT::exclusively(Holder holder, const char* operation, Body&& body) {
+    int current = HELD_BY_NONE;
+    if (!m_holder.compare_exchange_strong(current, holder)) {
+        setLastError(std::string("[Tessaline_OPT] ") + operation +
+                     (current == HELD_BY_RUN ? " refused: a run is in progress!"
+                                             : " refused: another call is changing the engine!"));
+        return 1;
+    }
+    struct Release {
+        std::atomic<int>& holder;
+        ~Release() { holder.store(HELD_BY_NONE); }
+    } release{m_holder};
+    std::string error = getLastErrorMsg();
+    int result = 1;
+    try {
+        result = body(error);
+    } catch (...) {  // the bodies guard themselves; this only keeps the engine's state sound
+        result = 1;
+    }
+    setLastError(error);
+    return result;
+}
+
+void Tessaline_OPT::setLastError(const std::string& text) {
+    std::lock_guard<std::mutex> lock(m_error_lock);
+    m_last_error = text;
+}
+
+std::string Tessaline_OPT::getLastErrorMsg() const {
+    std::lock_guard<std::mutex> lock(m_error_lock);
+    return m_last_error;
+}
+
 int Tessaline_OPT::init() {
-    m_inited = false;
-    return runGuarded(m_last_error, {1, "[Tessaline_OPT] init try catch error!"}, [&]() -> int {
-        std::string error;
-        const int device = gpuGetMaxGflopsDeviceId(error);
-        if (device < 0 || !gpuDeviceInit(device, error)) {
-            m_last_error = error;
-            return TESSALINE_NO_DEVICE;
-        }
+    return exclusively(HELD_BY_CALL, "init", [&](std::string& last_error) {
+        m_inited = false;
+        return runGuarded(last_error, {1, "[Tessaline_OPT] init try catch error!"}, [&]() -> int {
+            std::string error;
+            const int device = gpuGetMaxGflopsDeviceId(error);
+            if (device < 0 || !gpuDeviceInit(device, error)) {
+                last_error = error;
+                return TESSALINE_NO_DEVICE;
+            }
 
-        if (!m_device_params) {
-            m_device_params = std::make_shared<DeviceParameters>();
-            std::memset(m_device_params.get(), 0, sizeof(DeviceParameters));
-        }
-        setFieldComputationEdges(*m_device_params);
-        m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(m_max_frame_points);
+            if (!m_device_params) {
+                m_device_params = std::make_shared<DeviceParameters>();
+                std::memset(m_device_params.get(), 0, sizeof(DeviceParameters));
+            }
+            setFieldComputationEdges(*m_device_params);
+            // Every set-up starts from the default frame size: the largest frame of a former run only
+            // sized that run, and a huge one must not make the Portioner's buffers fail for good.
+            m_max_frame_points = DEFAULT_MAX_FRAME_POINTS;
+            m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(m_max_frame_points);
 
-        if (!m_portioner_params) m_portioner_params = std::make_shared<PortionerParameters>();
-        computeBlockSizing(*m_portioner_params, m_resolution);
+            if (!m_portioner_params) m_portioner_params = std::make_shared<PortionerParameters>();
+            computeBlockSizing(*m_portioner_params, m_resolution);
 
-        // Destroying the former pool stops and joins its workers before the new stages exist.
-        m_thread_pool.reset();
-        m_thread_pool = std::make_shared<ThreadPool>(ENGINE_POOL_THREADS);
-        m_step_callback = [](ProcessStepInfo& info) { printStepReport(info); };
+            // Destroying the former pool stops and joins its workers before the new stages exist.
+            m_thread_pool.reset();
+            m_thread_pool = std::make_shared<ThreadPool>(ENGINE_POOL_THREADS);
+            m_step_callback = [](ProcessStepInfo& info) { printStepReport(info); };
 
-        m_portioner = std::make_shared<Portioner>();
-        m_portioner->setDeviceParams(m_device_params);
-        m_portioner->setPortionerParams(m_portioner_params);
-        m_portioner->setThreadPool(m_thread_pool);
-        int result = m_portioner->init();
-        if (result != 0) {
-            m_last_error = m_portioner->getLastError();
-            return result;
-        }
+            m_portioner = std::make_shared<Portioner>();
+            m_portioner->setDeviceParams(m_device_params);
+            m_portioner->setPortionerParams(m_portioner_params);
+            m_portioner->setThreadPool(m_thread_pool);
+            int result = m_portioner->init();
+            if (result != 0) {
+                last_error = m_portioner->getLastError();
+                return result;
+            }
 
-        m_marching_cubes = std::make_shared<MarchingCubes>();
-        m_marching_cubes->setDeviceParams(m_device_params);
-        m_marching_cubes->setPortionerParams(m_portioner_params);
-        m_marching_cubes->setThreadPool(m_thread_pool);
-        result = m_marching_cubes->init();
-        if (result != 0) {
-            m_last_error = m_marching_cubes->getLastError();
-            return result;
-        }
+            m_marching_cubes = std::make_shared<MarchingCubes>();
+            m_marching_cubes->setDeviceParams(m_device_params);
+            m_marching_cubes->setPortionerParams(m_portioner_params);
+            m_marching_cubes->setThreadPool(m_thread_pool);
+            result = m_marching_cubes->init();
+            if (result != 0) {
+                last_error = m_marching_cubes->getLastError();
+                return result;
+            }
 
-        m_reconstructor = std::make_shared<Reconstructor>();
-        m_reconstructor->setPortionerParameters(m_portioner_params);
-        m_reconstructor->setDeviceParameters(m_device_params);
-        result = m_reconstructor->init();
-        if (result != 0) {
-            m_last_error = m_reconstructor->getLastError();
-            return result;
-        }
+            m_reconstructor = std::make_shared<Reconstructor>();
+            m_reconstructor->setPortionerParameters(m_portioner_params);
+            m_reconstructor->setDeviceParameters(m_device_params);
+            result = m_reconstructor->init();
+            if (result != 0) {
+                last_error = m_reconstructor->getLastError();
+                return result;
+            }
 
-        m_inited = true;
-        m_last_error = "no error!";
-        return 0;
+            m_inited = true;
+            m_stages_spent = false;
+            last_error = "no error!";
+            return 0;
+        });
     });
 }
 
 int Tessaline_OPT::deInit() {
-    return runGuarded(m_last_error, {1, "[Tessaline_OPT] deInit try catch error!"}, [&]() -> int {
-        if (!m_inited) return 0;
-        // A stage that an earlier, half-finished deInit already released is passed over.
-        if (m_portioner) {
-            const int result = m_portioner->deInit();
-            if (result != 0) {
-                m_last_error = m_portioner->getLastError();
-                return result;
+    return exclusively(HELD_BY_CALL, "deInit", [&](std::string& last_error) {
+        return runGuarded(last_error, {1, "[Tessaline_OPT] deInit try catch error!"}, [&]() -> int {
+            if (!m_inited) return 0;
+            // A stage that an earlier, half-finished deInit already released is passed over.
+            if (m_portioner) {
+                const int result = m_portioner->deInit();
+                if (result != 0) {
+                    last_error = m_portioner->getLastError();
+                    return result;
+                }
+                m_portioner.reset();
             }
-            m_portioner.reset();
-        }
-        if (m_marching_cubes) {
-            const int result = m_marching_cubes->deInit();
-            if (result != 0) {
-                m_last_error = m_marching_cubes->getLastError();
-                return result;
+            if (m_marching_cubes) {
+                const int result = m_marching_cubes->deInit();
+                if (result != 0) {
+                    last_error = m_marching_cubes->getLastError();
+                    return result;
+                }
+                m_marching_cubes.reset();
             }
-            m_marching_cubes.reset();
-        }
-        if (m_reconstructor) {
-            const int result = m_reconstructor->deInit();
-            if (result != 0) {
-                m_last_error = m_reconstructor->getLastError();
-                return result;
+            if (m_reconstructor) {
+                const int result = m_reconstructor->deInit();
+                if (result != 0) {
+                    last_error = m_reconstructor->getLastError();
+                    return result;
+                }
+                m_reconstructor.reset();
             }
-            m_reconstructor.reset();
-        }
-        m_thread_pool.reset();
-        m_inited = false;
-        m_last_error = "no error!";
-        return 0;
+            m_thread_pool.reset();
+            m_inited = false;
+            last_error = "no error!";
+            return 0;
+        });
     });
 }
 
 int Tessaline_OPT::setResolution(const float& resolution) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    if (!(resolution >= MIN_RESOLUTION && resolution <= MAX_RESOLUTION)) {  // NaN fails too
-        m_last_error =
-            "[Tessaline_OPT] setResolution resolution must be between 0.001 and 100000, the former one is kept!";
-        return 1;
-    }
-    m_resolution = resolution;
-    if (m_portioner) m_portioner->setResolution(m_resolution);
-    if (m_marching_cubes) m_marching_cubes->setResolution(m_resolution);
-    if (m_reconstructor) m_reconstructor->setResolution(m_resolution);
-    computeBlockSizing(*m_portioner_params, m_resolution);
-    return 0;
+    const float value = resolution;  // the caller's variable may change while we wait for nothing
+    return exclusively(HELD_BY_CALL, "setResolution", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (!(value >= MIN_RESOLUTION && value <= MAX_RESOLUTION)) {  // NaN fails too
+            last_error =
+                "[Tessaline_OPT] setResolution resolution must be between 0.001 and 100000, the former one is "
+                "kept!";
+            return 1;
+        }
+        m_resolution = value;
+        if (m_portioner) m_portioner->setResolution(m_resolution);
+        if (m_marching_cubes) m_marching_cubes->setResolution(m_resolution);
+        if (m_reconstructor) m_reconstructor->setResolution(m_resolution);
+        computeBlockSizing(*m_portioner_params, m_resolution);
+        return 0;
+    });
 }
 
 int Tessaline_OPT::setLaserInfo(const LaserInfo& info) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    if (info.laser_id < 0 || info.laser_id > 7) {
-        m_last_error = "[Tessaline_OPT] setLaserInfo laser_id must be 0 to 7!";
-        return 1;
-    }
-    DeviceParameters& params = *m_device_params;
-    params.laser_word_a = info.laser_word_a;
-    params.laser_word_b = info.laser_word_b;
-    params.laser_min_edge[info.laser_id] = info.min_edge;
-    std::memcpy(params.laser_block, info.laser_block, sizeof(params.laser_block));
-    params.laser_word_c = info.laser_word_c;
-    return 0;
+    return exclusively(HELD_BY_CALL, "setLaserInfo", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (info.laser_id < 0 || info.laser_id > 7) {
+            last_error = "[Tessaline_OPT] setLaserInfo laser_id must be 0 to 7!";
+            return 1;
+        }
+        if (!std::isfinite(info.min_edge) || info.min_edge < 0.0f) {
+            last_error =
+                "[Tessaline_OPT] setLaserInfo min_edge must be a finite length of 0 or more, the former "
+                "one is kept!";
+            return 1;
+        }
+        DeviceParameters& params = *m_device_params;
+        params.laser_word_a = info.laser_word_a;
+        params.laser_word_b = info.laser_word_b;
+        params.laser_min_edge[info.laser_id] = info.min_edge;
+        std::memcpy(params.laser_block, info.laser_block, sizeof(params.laser_block));
+        params.laser_word_c = info.laser_word_c;
+        return 0;
+    });
 }
 
 int Tessaline_OPT::setOptimizedMarkers(MarkerInfos& markers) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    const std::size_t count = markers.ids.size();
-    if (markers.xyz.size() < count || markers.nor.size() < count) {
-        m_last_error = "[Tessaline_OPT] setOptimizedMarkers xyz and nor need one entry for each id!";
-        return 1;
-    }
-    return runGuarded(m_last_error, {1, "[Tessaline_OPT] setOptimizedMarkers try catch error!"}, [&]() -> int {
-        auto list = std::make_shared<std::vector<OptedMarker>>(count);
-        for (std::size_t i = 0; i < count; ++i) {
-            OptedMarker& marker = (*list)[i];
-            marker.id = static_cast<std::int32_t>(i);
-            marker.xyz = markers.xyz[i];
-            marker.nor = markers.nor[i];
+    return exclusively(HELD_BY_CALL, "setOptimizedMarkers", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        const std::size_t count = markers.ids.size();
+        if (markers.xyz.size() < count || markers.nor.size() < count) {
+            last_error = "[Tessaline_OPT] setOptimizedMarkers xyz and nor need one entry for each id!";
+            return 1;
         }
-        m_opted_markers = std::move(list);  // whoever shares the former list keeps it
-        return 0;
+        return runGuarded(last_error, {1, "[Tessaline_OPT] setOptimizedMarkers try catch error!"}, [&]() -> int {
+            auto list = std::make_shared<std::vector<OptedMarker>>(count);
+            for (std::size_t i = 0; i < count; ++i) {
+                OptedMarker& marker = (*list)[i];
+                marker.id = static_cast<std::int32_t>(i);
+                marker.xyz = markers.xyz[i];
+                marker.nor = markers.nor[i];
+            }
+            m_opted_markers = std::move(list);  // whoever shares the former list keeps it
+            return 0;
+        });
     });
 }
 
 int Tessaline_OPT::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    std::function<void(ProcessStepInfo&)> wrapped;
-    if (callback) {
-        wrapped = [callback](ProcessStepInfo& info) { callback(info); };  // its result steers nothing
-    }
-    m_step_callback.swap(wrapped);
-    return 0;
+    return exclusively(HELD_BY_CALL, "setProcessStepCallBack", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        std::function<void(ProcessStepInfo&)> wrapped;
+        if (callback) {
+            wrapped = [callback](ProcessStepInfo& info) { callback(info); };  // its result steers nothing
+        }
+        m_step_callback.swap(wrapped);
+        return 0;
+    });
 }
 
 int Tessaline_OPT::setSimplifiedModel(const std::vector<Vec3f>& model) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    return runGuarded(m_last_error, {1, "[Tessaline_OPT] setSimplifiedModel try catch error!"}, [&]() -> int {
-        const int result = m_portioner->setSimplifiedModel(model);
-        if (result != 0) m_last_error = m_portioner->getLastError();
-        return result;
+    return exclusively(HELD_BY_CALL, "setSimplifiedModel", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        return runGuarded(last_error, {1, "[Tessaline_OPT] setSimplifiedModel try catch error!"}, [&]() -> int {
+            const int result = m_portioner->setSimplifiedModel(model);
+            if (result != 0) last_error = m_portioner->getLastError();
+            return result;
+        });
     });
 }
 
 int Tessaline_OPT::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    markers = m_opted_markers;
-    return 0;
+    // A run changes neither the markers nor the set-up: during one this is a plain read.
+    if (m_holder.load() == HELD_BY_RUN) {
+        if (!m_inited) {
+            setLastError("no init!");
+            return 1;
+        }
+        markers = m_opted_markers;
+        return 0;
+    }
+    return exclusively(HELD_BY_CALL, "getOptimizedMarkerErrors", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        markers = m_opted_markers;
+        return 0;
+    });
 }
 
 int Tessaline_OPT::addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    if (m_running.load()) {
-        m_last_error = "[Tessaline_OPT] addScanFrame a run is in progress: frames are taken before process!";
-        return 1;
-    }
-    if (!frame) {
-        m_last_error = "[Tessaline_OPT] addScanFrame frame is null!";
-        return 1;
-    }
-    if (frame->nor.size() != frame->xyz.size() || frame->w.size() != frame->xyz.size()) {
-        m_last_error = "[Tessaline_OPT] addScanFrame nor and w must have as many entries as xyz!";
-        return 1;
-    }
-    return runGuarded(m_last_error, {1, "[Tessaline_OPT] addScanFrame try catch error!"}, [&]() -> int {
-        m_held_frames.push_back(frame);
-        return 0;
+    return exclusively(HELD_BY_CALL, "addScanFrame", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (!frame) {
+            last_error = "[Tessaline_OPT] addScanFrame frame is null!";
+            return 1;
+        }
+        if (frame->nor.size() != frame->xyz.size() || frame->w.size() != frame->xyz.size()) {
+            last_error = "[Tessaline_OPT] addScanFrame nor and w must have as many entries as xyz!";
+            return 1;
+        }
+        return runGuarded(last_error, {1, "[Tessaline_OPT] addScanFrame try catch error!"}, [&]() -> int {
+            m_held_frames.push_back(frame);
+            return 0;
+        });
     });
 }
 
@@ -308,10 +410,9 @@ void Tessaline_OPT::screenHeldFrames() {
 int Tessaline_OPT::filterScanFrameByMarkers() {
     const std::size_t n = m_held_frames.size();
     std::size_t largest = 0;
+    // The frames are the application's (another engine may read them at the same time): their marker
+    // lists stay as they are, the run reads no further than the points.
     for (std::shared_ptr<FrameDataWithInfo>& frame : m_held_frames) {
-        std::vector<std::int32_t>().swap(frame->marker_ids);
-        std::vector<Vec3f>().swap(frame->marker_xyz);
-        std::vector<Vec3f>().swap(frame->marker_nor);
         m_frame_queue.push_back(frame);
         if (frame->xyz.size() > largest) largest = frame->xyz.size();
         frame.reset();
@@ -334,101 +435,113 @@ void Tessaline_OPT::reportStep(const wchar_t* name, int cur_step, int cur_sub_st
 }
 
 int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
-    if (m_running.exchange(true)) {
-        m_last_error = "[Tessaline_OPT] process a run is in progress already!";
-        return 1;
-    }
-    struct RunningFlag {
-        std::atomic<bool>& flag;
-        ~RunningFlag() { flag.store(false); }
-    } running{m_running};
-    return runGuarded(m_last_error, {1, "[Tessaline_OPT] process try catch error!"}, [&]() -> int {
-        // A stage that fails hands its own text up; its status is returned unchanged.
-        const auto exitWith = [this](const std::string& stage_error, int status) {
-            m_last_error = stage_error;
-            return status;
-        };
-
-        TimeProfiler profiler;
-        reportStep(STEP_PREPROCESS, 1, 1, 1);
-        profiler.time_start("portioner");
-        screenHeldFrames();
-        std::uint64_t usable_points = 0;
-        for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
-        profiler.time_start("filterScanFrameByMarkers");
-        int result = filterScanFrameByMarkers();
-        if (result != 0) {
-            m_last_error = "filterScanFrameByMarkers error";
-            return result;
+    return exclusively(HELD_BY_RUN, "process", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (m_stages_spent) {
+            last_error =
+                "[Tessaline_OPT] process refused: the former run ended its stages, deInit and init come before "
+                "the next one (the frames added since are kept)!";
+            return 1;
         }
-        profiler.time_stop("filterScanFrameByMarkers", true);
-
-        while (!m_frame_queue.empty()) {
-            std::shared_ptr<FrameDataWithInfo> frame = m_frame_queue.front();
-            m_frame_queue.pop_front();
-            m_portioner->addScanFrameWithoutModel(frame);  // a refused frame just takes no part
-        }
-
-        result = m_portioner->processWithoutModel();
-        if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!")
-            return exitWith("[Tessaline_OPT] process no usable points: no frames, or every point was dropped!", result);
-        if (result != 0) return exitWith(m_portioner->getLastError(), result);
-        const int max_block_points = m_portioner->getMaxBlockPointsSize();
-
-        auto hash_params = std::make_shared<HashParameters>(defaultHashParameters());
-        auto octree = std::make_shared<HashOctree>();
-        result = octree->init(hash_params);
-        if (result != 0) return exitWith(octree->getLastError(), result);
-        octree->setResolution(m_resolution);
-        octree->setBlockSize(static_cast<std::int32_t>(m_portioner_params->block_size));
-        m_marching_cubes->setHashOctree(octree);
-        m_reconstructor->setHashOctree(octree);
-
-        auto field_data_pool = std::make_shared<FieldDataPool>();
-        if (!field_data_pool->init()) {
-            m_last_error = "[Tessaline_OPT] process field_data_pool->init failed!";
-            return TESSALINE_OUT_OF_MEMORY;
-        }
-        m_marching_cubes->setFieldDataPool(field_data_pool);
-        m_reconstructor->setFieldDataPool(field_data_pool);
-
-        result = m_marching_cubes->initDevice(static_cast<std::uint64_t>(max_block_points));
-        if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
-        profiler.time_stop("portioner", true);
-
-        const int block_count = m_portioner->getPointCloudBlockCount();
-        reportStep(STEP_FUSION, 2, 0, block_count);
-        for (int i = 0; i < block_count; ++i) {
-            reportStep(STEP_FUSION, 2, i, block_count);
-            std::printf("==========================================\n");
-            profiler.time_start("marching_cubes");
-            std::shared_ptr<PointCloudBlock> block;
-            if (m_portioner->takePointCloudBlock(block, i) != 0) continue;
-            if (!block || !block->points || block->points->empty()) {
-                std::printf("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
-                continue;
-            }
-            // A block that fails is left out of the mesh; the run goes on.
-            if (m_marching_cubes->process(block) == 0) profiler.time_stop("marching_cubes", true);
-            block.reset();  // at most one block is held outside the Portioner's list
-        }
-
-        printCellRuleCounts(m_marching_cubes->cellRuleCounts());
-        reportStep(STEP_MESH, 3, 1, 1);
-        result = m_marching_cubes->deInitDevice();
-        if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
-        result = m_marching_cubes->deInit();
-        if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
-        result = m_portioner->deInit();
-        if (result != 0) return exitWith(m_portioner->getLastError(), result);
-
-        profiler.time_start("reconstructor");
-        result = m_reconstructor->process(mesh);
-        if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
-        profiler.time_stop("reconstructor", true);
-        return 0;
+        return runGuarded(last_error, {1, "[Tessaline_OPT] process try catch error!"},
+                          [&]() -> int { return runStages(mesh, last_error); });
     });
+}
+
+int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error) {
+    // A stage that fails hands its own text up; its status is returned unchanged.
+    const auto exitWith = [&last_error](const std::string& stage_error, int status) {
+        last_error = stage_error;
+        return status;
+    };
+
+    TimeProfiler profiler;
+    reportStep(STEP_PREPROCESS, 1, 1, 1);
+    profiler.time_start("portioner");
+    screenHeldFrames();
+    std::uint64_t usable_points = 0;
+    for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
+    profiler.time_start("filterScanFrameByMarkers");
+    int result = filterScanFrameByMarkers();
+    if (result != 0) {
+        last_error = "filterScanFrameByMarkers error";
+        return result;
+    }
+    profiler.time_stop("filterScanFrameByMarkers", true);
+
+    // From here on the stages belong to this run.
+    m_stages_spent = true;
+    while (!m_frame_queue.empty()) {
+        std::shared_ptr<FrameDataWithInfo> frame = m_frame_queue.front();
+        m_frame_queue.pop_front();
+        m_portioner->addScanFrameWithoutModel(frame);  // a refused frame just takes no part
+    }
+
+    result = m_portioner->processWithoutModel();
+    if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!")
+        return exitWith("[Tessaline_OPT] process no usable points: no frames, or every point was dropped!", result);
+    if (result != 0) return exitWith(m_portioner->getLastError(), result);
+    const int max_block_points = m_portioner->getMaxBlockPointsSize();
+
+    auto hash_params = std::make_shared<HashParameters>(defaultHashParameters());
+    auto octree = std::make_shared<HashOctree>();
+    result = octree->init(hash_params);
+    if (result != 0) return exitWith(octree->getLastError(), result);
+    octree->setResolution(m_resolution);
+    octree->setBlockSize(static_cast<std::int32_t>(m_portioner_params->block_size));
+    m_marching_cubes->setHashOctree(octree);
+    m_reconstructor->setHashOctree(octree);
+
+    auto field_data_pool = std::make_shared<FieldDataPool>();
+    if (!field_data_pool->init()) {
+        last_error = "[Tessaline_OPT] process field_data_pool->init failed!";
+        return static_cast<int>(TESSALINE_OUT_OF_MEMORY);
+    }
+    m_marching_cubes->setFieldDataPool(field_data_pool);
+    m_reconstructor->setFieldDataPool(field_data_pool);
+
+    result = m_marching_cubes->initDevice(static_cast<std::uint64_t>(max_block_points));
+    if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
+    profiler.time_stop("portioner", true);
+
+    const int block_count = m_portioner->getPointCloudBlockCount();
+    reportStep(STEP_FUSION, 2, 0, block_count);
+    for (int i = 0; i < block_count; ++i) {
+        reportStep(STEP_FUSION, 2, i, block_count);
+        std::printf("==========================================\n");
+        profiler.time_start("marching_cubes");
+        std::shared_ptr<PointCloudBlock> block;
+        if (m_portioner->takePointCloudBlock(block, i) != 0) continue;
+        if (!block || !block->points || block->points->empty()) {
+            std::printf("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
+            continue;
+        }
+        // A block that fails is left out of the mesh; the run goes on.
+        if (m_marching_cubes->process(block) == 0) profiler.time_stop("marching_cubes", true);
+        block.reset();  // at most one block is held outside the Portioner's list
+    }
+
+    const CellRuleCounts counts = m_marching_cubes->cellRuleCounts();
+    printCellRuleCounts(counts);
+    reportStep(STEP_MESH, 3, 1, 1);
+    result = m_marching_cubes->deInitDevice();
+    if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
+    result = m_marching_cubes->deInit();
+    if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
+    result = m_portioner->deInit();
+    if (result != 0) return exitWith(m_portioner->getLastError(), result);
+
+    profiler.time_start("reconstructor");
+    result = m_reconstructor->process(mesh);
+    if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
+    profiler.time_stop("reconstructor", true);
+
+    last_error = "no error!";
+    if (mesh && mesh->xyz.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
+        last_error = emptyMeshReason(counts, usable_points, m_resolution);
+        std::printf("%s\n", last_error.c_str());
+    }
+    return 0;
 }
 
 }  // namespace SurfaceReconstruction

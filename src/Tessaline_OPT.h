@@ -7,9 +7,11 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "CellRecords.h"
 #include "Parameters.h"
 #include "tessaline/Tessaline.h"
 
@@ -34,6 +36,12 @@ extern const wchar_t* const STEP_PREPROCESS;  // "点云预处理"
 extern const wchar_t* const STEP_FUSION;      // "融合数据"
 extern const wchar_t* const STEP_MESH;        // "生成网格"
 
+// A run of at least this many usable points that gives no triangle says why.
+constexpr std::uint64_t EMPTY_MESH_NOTICE_POINTS = 1000;
+
+// Why a run of `points` usable points gave no triangle, from the cells' rule counts.
+std::string emptyMeshReason(const CellRuleCounts& counts, std::uint64_t points, float resolution);
+
 // The step report that init installs: one line on standard output.
 int printStepReport(ProcessStepInfo& info);
 
@@ -54,7 +62,7 @@ public:
     int addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame);
     int process(std::shared_ptr<MultiMeshData>& mesh);
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
-    std::string getLastErrorMsg() const { return m_last_error; }
+    std::string getLastErrorMsg() const;
 
     bool isInited() const { return m_inited; }
 
@@ -66,14 +74,28 @@ private:
 
     // The step of a run that moves the held frames to the work queue; always 0.
     int filterScanFrameByMarkers();
+    // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
+    int runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error);
     // Replaces every held frame that has points the run cannot use by a copy without them (the
     // application's frame stays as it is); prints what it dropped and changed.
     void screenHeldFrames();
 
     void reportStep(const wchar_t* name, int cur_step, int cur_sub_step, int total_sub_steps);
 
+    // What holds the engine: nothing, a run, or another operation that changes it.
+    enum Holder : int { HELD_BY_NONE = 0, HELD_BY_RUN = 1, HELD_BY_CALL = 2 };
+    // Runs body(error) as the only operation that changes the engine, `error` starting as the last
+    // error and becoming it afterwards. While a run or another such operation holds the engine the call
+    // is refused with status 1 and a text naming `operation` and the holder.
+    template <class Body>
+    int exclusively(Holder holder, const char* operation, Body&& body);
+    void setLastError(const std::string& text);
+
     bool m_inited = false;
-    std::atomic<bool> m_running{false};  // a process call is under way
+    std::atomic<int> m_holder{HELD_BY_NONE};
+    // The stages of a run end with it: the next run needs deInit and init first.
+    bool m_stages_spent = false;
+    mutable std::mutex m_error_lock;  // the last error is read from any thread, also during a run
     std::string m_last_error = "no error!";
     float m_resolution = 0.5f;
     std::shared_ptr<DeviceParameters> m_device_params;

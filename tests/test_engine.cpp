@@ -240,11 +240,12 @@ TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {
     EXPECT_EQ(TestAccess::maxFramePoints(engine), 20);
     EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 20u);
     EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
-    for (auto& f : {a, b, c}) {
-        EXPECT_TRUE(f->marker_ids.empty() && f->marker_xyz.empty() && f->marker_nor.empty());
-        EXPECT_EQ(f->marker_ids.capacity(), 0u);
+    for (auto& f : {a, b, c}) {  // the application's frames keep their markers: the library writes to none
+        EXPECT_EQ(f->marker_ids, (std::vector<std::int32_t>{4, 5}));
+        EXPECT_EQ(f->marker_xyz.size(), 2u);
+        EXPECT_EQ(f->marker_nor.size(), 2u);
     }
-    EXPECT_EQ(a->xyz.size(), 10u);  // the rest of the frame is untouched
+    EXPECT_EQ(a->xyz.size(), 10u);
 }
 
 TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
@@ -282,8 +283,8 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     ASSERT_EQ(quietProcess(mesh, &out), 0) << engine.getLastErrorMsg();
     EXPECT_NE(mesh.get(), before);
     EXPECT_EQ(mesh->xyz.size(), mesh->w.size());
-    EXPECT_EQ(spread->frame_info.laser_id, 0);  // written back through the application's pointer
-    EXPECT_EQ(g->frame_info.laser_id, 0);
+    EXPECT_EQ(spread->frame_info.laser_id, 8);  // read as 0, never written back to the application's frame
+    EXPECT_EQ(g->frame_info.laser_id, -1);
     EXPECT_EQ(h->frame_info.laser_id, 3);
     EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
 
@@ -304,10 +305,15 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     EXPECT_NE(out.find(" portioner - elapsed time : "), std::string::npos);
     EXPECT_NE(out.find(" reconstructor - elapsed time : "), std::string::npos);
 
-    // The run ended the life of the Portioner: a second run fails there.
+    // The run ended the life of its stages: a second one is refused before it takes a frame.
+    auto later = makeFrame(3);
+    ASSERT_EQ(engine.addScanFrame(later), 0);
     EXPECT_EQ(quietProcess(mesh), 1);
-    EXPECT_EQ(engine.getLastErrorMsg(), "no init!");
+    EXPECT_NE(engine.getLastErrorMsg().find("deInit and init come before the next one"), std::string::npos)
+        << engine.getLastErrorMsg();
     EXPECT_TRUE(engine.isInited());
+    ASSERT_EQ(TestAccess::heldFrames(engine).size(), 1u);  // the frame added since is kept
+    EXPECT_EQ(TestAccess::heldFrames(engine)[0], later);
 }
 
 TEST(EngineRun, AnEmptyOrThrowingCallbackEndsTheRunBeforeAnyFrameIsTaken) {

@@ -39,12 +39,16 @@ Vec3f shifted(const Vec3f& p, float dx, float dy = 0.0f) { return {p[0] + dx, p[
 // i + 1 points).
 std::set<std::size_t> passedFrames(MarkerFilter& filter, std::vector<std::shared_ptr<FrameDataWithInfo>> frames) {
     std::deque<std::shared_ptr<FrameDataWithInfo>> passed;
+    std::vector<std::vector<std::int32_t>> labels_before;
+    for (const auto& f : frames) labels_before.push_back(f->marker_ids);
     quiet([&] { EXPECT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0) << filter.getLastErrorMsg(); });
     EXPECT_TRUE(frames.empty());
     std::set<std::size_t> indices;
     for (const auto& f : passed) {
         indices.insert(f->xyz.size() - 1);
-        EXPECT_TRUE(f->marker_ids.empty() && f->marker_xyz.empty() && f->marker_nor.empty());
+        // The frames pass as they were: the filter writes to none of them.
+        EXPECT_EQ(f->marker_ids, labels_before[f->xyz.size() - 1]);
+        EXPECT_EQ(f->marker_xyz.size(), f->marker_ids.size());
     }
     return indices;
 }
@@ -77,7 +81,8 @@ TEST(MarkerFilter, StatisticsAccumulateAndUnmatchedLabelsCountAsZero) {
     // Counts below 10: no frame stands out.
     EXPECT_EQ(quiet([&] { ASSERT_EQ(filter.filterScanFrameByMarkers(frames, passed), 0); }),
               "filter frame by markers (4 / 4) \n");
-    EXPECT_EQ(f0->marker_ids.size(), 0u);  // passed frames lose their marker lists
+    EXPECT_EQ(f0->marker_ids, (std::vector<std::int32_t>{7, 7}));  // passed frames keep their lists and labels
+    EXPECT_EQ(f3->marker_nor[0], (Vec3f{0, 0, 1}));
 
     const OptedMarker& ma = (*markers)[0];
     const OptedMarker& mb = (*markers)[1];

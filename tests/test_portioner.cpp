@@ -33,12 +33,12 @@ TEST_F(PortionerIntake, FrameOfExactlyTheSlotSizeFitsOneMoreDoesNot) {
     EXPECT_EQ(portioner.getLastError(), "no error!");  // a refused frame leaves no text
 }
 
-TEST_F(PortionerIntake, LaserIdOutsideZeroToSevenIsWrittenBackAsZero) {
+TEST_F(PortionerIntake, LaserIdOutsideZeroToSevenIsLeftAsItIsInTheApplicationsFrame) {
     for (int id : {-1, 0, 7, 8, 1000}) {
         auto f = frame(2);
         f->frame_info.laser_id = id;
         ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
-        EXPECT_EQ(f->frame_info.laser_id, (id >= 0 && id <= 7) ? id : 0) << "laser_id " << id;
+        EXPECT_EQ(f->frame_info.laser_id, id) << "laser_id " << id;
     }
 }
 
@@ -85,16 +85,15 @@ Frames randomFrames(int count, int max_points, unsigned seed) {
     return frames;
 }
 
-// What every block must hold, by the rules alone: each point, unless within 0.1 of the origin on every
-// axis, in its own block and in each neighbour whose box, grown by the margin, holds it; a block exists
-// when it holds a record.
+// What every block must hold, by the rules alone: each point, unless exactly at the origin, in its own block and in
+// each neighbour whose box, grown by the margin, holds it; a block exists when it holds a record.
 Blocks bruteForceBlocks(const Frames& frames, const Grid& g = {}) {
     Blocks blocks;
     for (const auto& f : frames) {
         const int laser = (f->frame_info.laser_id >= 0 && f->frame_info.laser_id < 8) ? f->frame_info.laser_id : 0;
         for (std::size_t i = 0; i < f->xyz.size(); ++i) {
             const Vec3f& p = f->xyz[i];
-            if (std::fabs(p[0]) < 0.1f && std::fabs(p[1]) < 0.1f && std::fabs(p[2]) < 0.1f) continue;
+            if (p[0] == 0.0f && p[1] == 0.0f && p[2] == 0.0f) continue;
             const PointRecord r{p[0], p[1], p[2], f->nor[i][0], f->nor[i][1], f->nor[i][2], f->w[i], laser};
             const int b[3] = {g.index(p[0]), g.index(p[1]), g.index(p[2])};
             for (int d = 0; d < 27; ++d) {
@@ -267,8 +266,9 @@ TEST(PortionerRuns, MarginRules) {
         {"exactly half_ext from the neighbour's centre", {centre0, centre_x, {inside, 30.0f, 30.0f}}, 2},
         {"one float step farther", {centre0, centre_x, {outside, 30.0f, 30.0f}}, 1},
         {"a corner with all neighbours", corner, 8},
-        // Only points strictly below 0.1 from the origin on all axes are skipped.
+        // Only points exactly at the origin are skipped: one beside it is kept with its neighbours.
         {"beside the origin, kept", {{0.05f, 0.05f, 0.1f}}, 8},
+        {"a hair from the origin, kept", {{0.0f, 1e-6f, 0.0f}}, 8},
     };
     for (const Row& row : rows) {
         PortionerRun run({frameOf(row.points)});
@@ -280,9 +280,9 @@ TEST(PortionerRuns, MarginRules) {
     EXPECT_EQ(blocks.at({1, 0, 0}).size(), 1u);  // a block whose margin gets nothing is not made
 }
 
-TEST(PortionerRuns, PointsNearTheOriginAreSkipped) {
+TEST(PortionerRuns, PointsExactlyAtTheOriginAreSkipped) {
     // Both are skipped in the second pass: their blocks end up empty and are dropped.
-    PortionerRun run({frameOf({{0.05f, 0.05f, 0.05f}, {-0.05f, 0.0f, 0.0f}, {200.0f, 200.0f, 200.0f}})});
+    PortionerRun run({frameOf({{0.0f, 0.0f, 0.0f}, {-0.0f, 0.0f, -0.0f}, {200.0f, 200.0f, 200.0f}})});
     ASSERT_EQ(run.status, 0);
     const auto blocks = run.blocks();
     ASSERT_EQ(blocks.size(), 1u);

@@ -1,0 +1,363 @@
+// The library in a real application: engines that share frames and run at once, calls made during a
+// run from the step callback, from another thread and through a copy of the handle, settings that would
+// ask for absurd work, and runs that give no triangles.
+#include <filesystem>
+
+#include "HostMemory.h"
+#include "ScanSimulator.h"
+#include "TestSupport.h"
+
+using namespace SurfaceReconstruction;
+using namespace testing_support;
+
+namespace {
+
+// A simulated scan whose frames carry markers and, in every third frame, a laser id outside 0 to 7.
+const Frames& scan() {
+    static const Frames frames = [] {
+        tessaline_tools::ScanSimulation settings;
+        settings.target_points = 40000;
+        settings.rays_per_line = 300;
+        Frames made = tessaline_tools::simulateScan(settings);
+        for (std::size_t f = 0; f < made.size(); f += 3) made[f]->frame_info.laser_id = f % 2 ? 99 : -5;
+        return made;
+    }();
+    return frames;
+}
+
+const Session& cleanRun() {
+    static const Session run = runSession(scan());
+    return run;
+}
+
+// Everything an application put into a frame, to see that the library changed nothing of it.
+struct FrameContents {
+    std::vector<Vec3f> xyz, nor, marker_xyz, marker_nor;
+    std::vector<std::int32_t> w, marker_ids;
+    std::vector<unsigned char> info;
+    explicit FrameContents(const FrameDataWithInfo& f)
+        : xyz(f.xyz),
+          nor(f.nor),
+          marker_xyz(f.marker_xyz),
+          marker_nor(f.marker_nor),
+          w(f.w),
+          marker_ids(f.marker_ids),
+          info(reinterpret_cast<const unsigned char*>(&f.frame_info),
+               reinterpret_cast<const unsigned char*>(&f.frame_info) + sizeof(FrameInfo)) {}
+    bool operator==(const FrameContents& o) const {
+        return xyz == o.xyz && nor == o.nor && marker_xyz == o.marker_xyz && marker_nor == o.marker_nor && w == o.w &&
+               marker_ids == o.marker_ids && info == o.info;
+    }
+};
+
+std::vector<FrameContents> contentsOf(const Frames& frames) {
+    std::vector<FrameContents> result;
+    for (const auto& f : frames) result.emplace_back(*f);
+    return result;
+}
+
+// A session without capturing the output, for runs on several threads at once (the caller captures).
+Session runUncaptured(const Frames& frames, float resolution = 0.5f) {
+    Session run;
+    Tessaline engine;
+    if (engine.init() != 0) return run;
+    engine.setResolution(resolution);
+    for (const auto& f : frames) run.refused += engine.addScanFrame_ALL(f) != 0 ? 1 : 0;
+    run.status = engine.process(run.mesh);
+    run.error = engine.getLastErrorMsg();
+    engine.deInit();
+    return run;
+}
+
+bool inProgress(const std::string& error) { return error.find("a run is in progress") != std::string::npos; }
+
+}  // namespace
+
+TEST(SharedFrames, TwoEnginesOnTwoThreadsReadTheSameFramesAndEachGivesTheMeshOfARunAlone) {
+    ASSERT_EQ(cleanRun().status, 0) << cleanRun().error;
+    ASSERT_GT(cleanRun().mesh->xyz.size(), 1000u);
+    std::size_t with_markers = 0;
+    for (const auto& f : scan()) with_markers += f->marker_ids.empty() ? 0 : 1;
+    ASSERT_GT(with_markers, 0u);  // the frames carry markers: the lists that were once emptied
+    const std::vector<FrameContents> before = contentsOf(scan());
+
+    Session runs[2];
+    quiet([&] { onThreads(2, [&](int t) { runs[t] = runUncaptured(scan()); }); });
+    for (const Session& run : runs) {
+        ASSERT_EQ(run.status, 0) << run.error;
+        EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));
+    }
+    EXPECT_TRUE(contentsOf(scan()) == before);  // markers, laser ids, points: all as the application left them
+}
+
+TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefusedAndTheRunIsUnharmed) {
+    const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
+    const Session alone = runSession(small);
+    ASSERT_EQ(alone.status, 0) << alone.error;
+    ASSERT_GT(alone.mesh->xyz.size(), 100u);
+    MarkerInfos markers;
+    markers.ids = {1};
+    markers.xyz = {{1, 2, 3}};
+    markers.nor = {{0, 0, 1}};
+    LaserInfo laser{};
+    laser.min_edge = 1.0f;
+    const std::vector<std::pair<const char*, std::function<int(Tessaline&)>>> calls = {
+        {"init", [](Tessaline& e) { return e.init(); }},
+        {"deInit", [](Tessaline& e) { return e.deInit(); }},
+        {"setResolution",
+         [](Tessaline& e) {
+             e.setResolution(5000.0f);
+             return inProgress(e.getLastErrorMsg()) ? 1 : 0;
+         }},
+        {"setLaserInfo", [&](Tessaline& e) { return e.setLaserInfo(laser); }},
+        {"setOptimizedMarkers", [&](Tessaline& e) { return e.setOptimizedMarkers(markers); }},
+        {"setProcessStepCallBack",
+         [](Tessaline& e) {
+             std::function<int(ProcessStepInfo&)> other = [](ProcessStepInfo&) { return 0; };
+             return e.setProcessStepCallBack(other);
+         }},
+        {"addScanFrame_ALL", [](Tessaline& e) { return e.addScanFrame_ALL(scan()[0]); }},
+        {"addScanFrame_async", [](Tessaline& e) { return e.addScanFrame_async(scan()[0]); }},
+        {"process",
+         [](Tessaline& e) {
+             auto other = std::make_shared<MultiMeshData>();
+             return e.process(other);
+         }},
+    };
+    enum Caller { FROM_CALLBACK, THROUGH_A_COPY, FROM_ANOTHER_THREAD };
+    for (Caller caller : {FROM_CALLBACK, THROUGH_A_COPY, FROM_ANOTHER_THREAD}) {
+        for (const auto& call : calls) {
+            SCOPED_TRACE(std::string(call.first) + " caller " + std::to_string(caller));
+            Tessaline engine;
+            ASSERT_EQ(engine.init(), 0);
+            for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+            std::vector<int> results;
+            std::vector<std::string> errors;
+            int reads = 0;
+            std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& step) {
+                // Once in each main step, the first time it is reported.
+                if (static_cast<int>(results.size()) >= step.cur_step) return 0;
+                const auto attempt = [&](Tessaline& handle) {
+                    results.push_back(call.second(handle));
+                    errors.push_back(handle.getLastErrorMsg());
+                    std::shared_ptr<std::vector<OptedMarker>> opted;
+                    reads += handle.getOptimizedMarkerErrors(opted) == 0 ? 1 : 0;  // a read goes through
+                };
+                if (caller == FROM_CALLBACK) {
+                    attempt(engine);
+                } else if (caller == THROUGH_A_COPY) {
+                    Tessaline copy(engine);
+                    attempt(copy);
+                } else {
+                    std::thread other([&] { attempt(engine); });
+                    other.join();
+                }
+                return 0;
+            };
+            ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
+            auto mesh = std::make_shared<MultiMeshData>();
+            int status = -1;
+            quiet([&] { status = engine.process(mesh); });
+            ASSERT_EQ(status, 0) << engine.getLastErrorMsg();
+            EXPECT_EQ(engine.getLastErrorMsg(), "no error!");  // a run that succeeds clears the last error
+            ASSERT_EQ(results.size(), 3u);
+            for (std::size_t i = 0; i < results.size(); ++i) {
+                EXPECT_EQ(results[i], 1) << "step " << i + 1;
+                EXPECT_TRUE(inProgress(errors[i])) << "step " << i + 1 << ": " << errors[i];
+            }
+            EXPECT_EQ(reads, 3);
+            EXPECT_TRUE(sameMesh(*mesh, *alone.mesh));  // nothing of the refused calls reached the run
+            // The engine is sound afterwards: the way back to a second run works.
+            ASSERT_EQ(engine.deInit(), 0);
+            ASSERT_EQ(engine.init(), 0);
+        }
+    }
+}
+
+TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
+    // A sphere of radius 150 at resolution 5000 (cells of half edge 2048 and more) once subdivided
+    // without end; now the descent stops at the cell size.
+    const Frames sphere = sphereScan({10, 20, 30}, 150.0f, 2.0f);
+    for (float resolution : {5000.0f, 20000.0f, 100000.0f}) {
+        const Session run = runSession(sphere, resolution);
+        ASSERT_EQ(run.status, 0) << resolution << ": " << run.error;
+        EXPECT_LT(run.mesh->xyz.size(), 64u) << resolution;  // a few cells larger than the scan at most
+        for (const TriangleXYZ& t : run.mesh->xyz)
+            EXPECT_TRUE(std::all_of(t.xyz, t.xyz + 9, [](float v) { return std::isfinite(v); })) << resolution;
+        if (run.mesh->xyz.empty()) {
+            EXPECT_NE(run.error.find("gave no triangles"), std::string::npos) << resolution << ": " << run.error;
+            EXPECT_NE(run.output.find(run.error), std::string::npos) << resolution;  // and in one diagnostic line
+        }
+    }
+    // Points too sparse for the resolution: the reason names the rule that rejected the cells.
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> coord(-500.0f, 500.0f);
+    std::vector<Vec3f> scattered;
+    for (int i = 0; i < 5000; ++i) scattered.push_back({coord(rng), coord(rng), coord(rng)});
+    const Session sparse = runSession({frameOf(scattered)});
+    ASSERT_EQ(sparse.status, 0) << sparse.error;
+    EXPECT_TRUE(sparse.mesh->xyz.empty());
+    EXPECT_NE(sparse.error.find("5000 points gave no triangles"), std::string::npos) << sparse.error;
+    EXPECT_NE(sparse.error.find("too sparse for the resolution"), std::string::npos) << sparse.error;
+}
+
+TEST(AbsurdSettings, NonFiniteOrNegativeLaserLimitsAreRefusedAndTheFormerOnesKept) {
+    ASSERT_EQ(cleanRun().status, 0) << cleanRun().error;
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    for (float min_edge : {nan, inf, -inf, -1.0f}) {
+        int result = -1;
+        std::string error;
+        const Session run = runSession(scan(), 0.5f, [&](Tessaline& engine) {
+            LaserInfo info{};
+            info.laser_id = 0;
+            info.min_edge = min_edge;
+            result = engine.setLaserInfo(info);
+            error = engine.getLastErrorMsg();
+        });
+        EXPECT_EQ(result, 1) << min_edge;
+        EXPECT_NE(error.find("min_edge must be a finite length"), std::string::npos) << min_edge << ": " << error;
+        ASSERT_EQ(run.status, 0) << run.error;
+        EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh)) << min_edge;  // as without the call
+    }
+}
+
+TEST(AbsurdSettings, AHugeFrameLeavesTheEngineUsableForTheNextInit) {
+    // One frame of 2.56 million points: the run sizes its slots for it, and the next init starts from
+    // the default frame size again instead of asking for a thousand such frames.
+    const int side = 1600;
+    std::vector<Vec3f> plane;
+    plane.reserve(static_cast<std::size_t>(side) * side);
+    for (int i = 0; i < side; ++i)
+        for (int j = 0; j < side; ++j) plane.push_back({i * 0.25f + 1.0f, j * 0.25f + 1.0f, 5.0f});
+    Tessaline engine;
+    ASSERT_EQ(engine.init(), 0);
+    ASSERT_EQ(engine.addScanFrame_ALL(frameOf(std::move(plane))), 0);
+    auto mesh = std::make_shared<MultiMeshData>();
+    quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
+    EXPECT_GT(mesh->xyz.size(), 100000u);
+    ASSERT_EQ(engine.deInit(), 0);
+    for (int again = 0; again < 2; ++again) {
+        ASSERT_EQ(engine.init(), 0) << engine.getLastErrorMsg();
+        for (const auto& f : scan()) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
+        EXPECT_TRUE(sameMesh(*mesh, *cleanRun().mesh));
+        ASSERT_EQ(engine.deInit(), 0);
+    }
+}
+
+namespace {
+
+// A /proc and /sys of the test's own, for as long as it lives: meminfo with `available_mib` and the
+// cgroup files given (path below the root, content).
+struct FakeHostMemory {
+    std::string root;
+    FakeHostMemory(const std::string& name, std::uint64_t available_mib,
+                   const std::vector<std::pair<std::string, std::string>>& files) {
+        root = tempPath("host_" + name);
+        std::filesystem::remove_all(root);
+        const auto write = [&](const std::string& path, const std::string& text) {
+            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
+            std::ofstream(root + path) << text;
+        };
+        write("/proc/meminfo", "MemTotal:       67108864 kB\nMemFree:        1000 kB\nMemAvailable:   " +
+                                   std::to_string(available_mib * 1024) + " kB\nSwapFree:       0 kB\n");
+        for (const auto& f : files) write(f.first, f.second);
+        setHostMemoryRoot(root);
+    }
+    ~FakeHostMemory() {
+        setHostMemoryRoot("");
+        std::filesystem::remove_all(root);
+    }
+};
+
+}  // namespace
+
+TEST(MemoryGuard, TheUsableMemoryIsTheLeastOfAvailableAndWhatTheCgroupAllows) {
+    const std::uint64_t MiB = 1 << 20;
+    struct Case {
+        const char* name;
+        std::vector<std::pair<std::string, std::string>> files;
+        std::uint64_t usable_mib;
+    };
+    const std::vector<Case> cases = {
+        {"no cgroup files", {}, 32768},
+        {"version 2, own group",
+         {{"/proc/self/cgroup", "0::/app\n"},
+          {"/sys/fs/cgroup/app/memory.max", "104857600\n"},
+          {"/sys/fs/cgroup/app/memory.current", "10485760\n"}},
+         90},
+        {"version 2, mount root inside a container",
+         {{"/proc/self/cgroup", "0::/elsewhere\n"},
+          {"/sys/fs/cgroup/memory.max", "209715200\n"},
+          {"/sys/fs/cgroup/memory.current", "0\n"}},
+         200},
+        {"version 2 without a limit", {{"/proc/self/cgroup", "0::/\n"}, {"/sys/fs/cgroup/memory.max", "max\n"}}, 32768},
+        {"version 1",
+         {{"/proc/self/cgroup", "4:memory:/job\n0::/\n"},
+          {"/sys/fs/cgroup/memory/job/memory.limit_in_bytes", "314572800\n"},
+          {"/sys/fs/cgroup/memory/job/memory.usage_in_bytes", "104857600\n"}},
+         200},
+        {"version 1 without a limit",
+         {{"/proc/self/cgroup", "4:memory:/\n"},
+          {"/sys/fs/cgroup/memory/memory.limit_in_bytes", "9223372036854771712\n"}},
+         32768},
+        {"use beyond the limit",
+         {{"/sys/fs/cgroup/memory.max", "1000\n"}, {"/sys/fs/cgroup/memory.current", "5000\n"}},
+         0},
+    };
+    for (const Case& c : cases) {
+        FakeHostMemory fake(std::to_string(&c - cases.data()), 32768, c.files);
+        HostMemoryInfo info;
+        ASSERT_TRUE(readHostMemory(info)) << c.name;
+        EXPECT_EQ(usableHostBytes(info) / MiB, c.usable_mib) << c.name;
+        EXPECT_LE(info.available_bytes, usableHostBytes(info) + info.swap_free_bytes) << c.name;
+    }
+}
+
+TEST(MemoryGuard, TooLittleMemoryFailsWithATextNamingItAndTheNextGoodRunClearsIt) {
+    const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
+    Session starved, fed;
+    {
+        // Plenty reported by the kernel, but the cgroup allows 100 MiB: less than the guard's reserve.
+        FakeHostMemory fake("starved", 32768,
+                            {{"/sys/fs/cgroup/memory.max", "104857600\n"}, {"/sys/fs/cgroup/memory.current", "0\n"}});
+        starved = runSession(small);
+    }
+    EXPECT_EQ(starved.status, 66049);
+    EXPECT_NE(starved.error.find("memory guard: the process may use 100 MiB more"), std::string::npos) << starved.error;
+    EXPECT_NE(starved.output.find(starved.error), std::string::npos);
+    {
+        // 1 GiB is enough for this scan; the fixed 2.5 GiB of old would have refused it.
+        FakeHostMemory fake("fed", 1024, {});
+        fed = runSession(small, 0.5f, [](Tessaline& engine) {
+            engine.setResolution(-1.0f);  // a failure before the run: its text must not outlive a good run
+        });
+    }
+    ASSERT_EQ(fed.status, 0) << fed.error;
+    EXPECT_GT(fed.mesh->xyz.size(), 100u);
+    EXPECT_EQ(fed.error, "no error!");
+}
+
+TEST(Geometry, APlaneThroughTheOriginIsClosedThere) {
+    // Points a hair from the origin count (only (0, 0, 0) itself is a null point): a dense plane through
+    // the origin at a fine resolution has triangles over the origin, as it has over any other spot.
+    std::vector<Vec3f> plane;
+    for (int i = -100; i <= 100; ++i)
+        for (int j = -100; j <= 100; ++j) plane.push_back({i * 0.01f + 0.003f, j * 0.01f + 0.003f, 0.0f});
+    const auto covers = [](const MultiMeshData& mesh, float x, float y) {
+        for (const TriangleXYZ& t : mesh.xyz) {
+            const float* v = t.xyz;
+            const auto side = [&](int a, int b) {
+                return (v[3 * b] - v[3 * a]) * (y - v[3 * a + 1]) - (v[3 * b + 1] - v[3 * a + 1]) * (x - v[3 * a]);
+            };
+            const float s0 = side(0, 1), s1 = side(1, 2), s2 = side(2, 0);
+            if ((s0 >= 0 && s1 >= 0 && s2 >= 0) || (s0 <= 0 && s1 <= 0 && s2 <= 0)) return true;
+        }
+        return false;
+    };
+    const Session run = runSession({frameOf(plane)}, 0.02f);
+    ASSERT_EQ(run.status, 0) << run.error;
+    ASSERT_GT(run.mesh->xyz.size(), 100u);
+    for (const auto& spot : std::vector<std::array<float, 2>>{{0.0f, 0.0f}, {0.05f, -0.05f}, {0.5f, 0.5f}})
+        EXPECT_TRUE(covers(*run.mesh, spot[0], spot[1])) << spot[0] << ", " << spot[1];
+}
