@@ -24,6 +24,18 @@
 #include "RangeScan.h"
 #include "tessaline/Tessaline.h"
 
+// Whether AddressSanitizer or ThreadSanitizer is built in: they reserve terabytes of address space.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TESSALINE_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TESSALINE_TEST_SANITIZED 1
+#endif
+#endif
+#ifndef TESSALINE_TEST_SANITIZED
+#define TESSALINE_TEST_SANITIZED 0
+#endif
+
 namespace SurfaceReconstruction {
 namespace testing_support {
 

@@ -79,7 +79,9 @@ struct ProgramRun {
 };
 ProgramRun runProgram(const std::string& arguments) {
     const std::string base = tempPath("program_" + std::to_string(getpid()));  // one per test process
-    const int status = std::system((programPath() + " " + arguments + " >" + base + ".out 2>" + base + ".err").c_str());
+    // Under a time limit: an input that makes the program hang fails the test instead of stalling it.
+    const int status = std::system(
+        ("timeout 300 " + programPath() + " " + arguments + " >" + base + ".out 2>" + base + ".err").c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(base + ".out"), readFile(base + ".err")};
 }
 
@@ -431,6 +433,16 @@ TEST(SurfaceComparison, DistancesMatchBruteForceAndKnownOffsets) {
             best = std::min(best, tessaline_tools::pointTriangleDistance2(p, t[0], t[1], t[2]));
         ASSERT_NEAR(grid.distance(p), std::sqrt(best), 1e-4f * (1.0f + std::sqrt(best)));
     }
+    // A triangle over far more cells than the others, and points a million cells away: the large one is
+    // kept apart and the far points are measured against every triangle, not walked to shell by shell.
+    triangles.push_back({P3{0, 0, -5}, P3{4000, 0, -5}, P3{0, 4000, -5}});
+    const tessaline_tools::TriangleGrid wide(triangles, 0.5f);
+    for (const P3& p : {P3{5, 5, -4}, P3{3000, 500, 0}, P3{5e5f, -5e5f, 2e5f}, P3{-1e6f, 3, 1}}) {
+        float best = 1e30f;
+        for (const Triangle& t : triangles)
+            best = std::min(best, tessaline_tools::pointTriangleDistance2(p, t[0], t[1], t[2]));
+        ASSERT_NEAR(wide.distance(p), std::sqrt(best), 1e-4f * (1.0f + std::sqrt(best)));
+    }
 
     // A square against itself lifted by 0.3: every distance is 0.3 both ways.
     const auto c = tessaline_tools::compareSurfaces(*tessaline_tools::meshSurface(square(0.3f), 5000),
@@ -486,6 +498,40 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     TESSALINE_REQUIRE_PROGRAM();
     const std::string missing = tempPath("missing.ply"), never = tempPath("never.ply");
     const std::string cloud = writeFile("cloud_only.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n");
+    const std::string normals = "property float nx\nproperty float ny\nproperty float nz\n";
+    const std::string frame = writeFile("frame.ply", std::string(XYZ_HEADER) + normals + "end_header\n1 2 3 0 0 1\n");
+    // Numbers that name a laser or a marker, far beyond an int.
+    const std::string pose =
+        writeFile("pose.ply", std::string(XYZ_HEADER) + normals + "element pose 1\n" +
+                                  "property double r0\nproperty double r1\nproperty double r2\nproperty double r3\n"
+                                  "property double r4\nproperty double r5\nproperty double r6\nproperty double r7\n"
+                                  "property double r8\nproperty double tx\nproperty double ty\nproperty double tz\n"
+                                  "property float laser_id\nend_header\n1 2 3 0 0 1\n1 0 0 0 1 0 0 0 1 0 0 0 1e20\n");
+    const std::string marker =
+        writeFile("marker.ply", std::string(XYZ_HEADER) + normals + "element marker 1\nproperty float id\n" +
+                                    "property float x\nproperty float y\nproperty float z\n" + normals +
+                                    "end_header\n1 2 3 0 0 1\n1e30 0 0 0 0 0 1\n");
+    // 2^40 records without properties take no bytes: the file looks whole, and skipping them never ends.
+    const std::string empty_records = writeFile(
+        "empty_records.ply", "ply\nformat binary_little_endian 1.0\nelement junk 1099511627776\n" +
+                                 std::string(XYZ_HEADER).substr(21) + normals + "end_header\n" + std::string(24, '\0'));
+    // A range image whose rows x cols overflows a long to the size of its small grid.
+    std::string grid =
+        "ply\nformat ascii 1.0\nobj_info num_cols 16\nobj_info num_rows 1152921504606846977\n"
+        "element vertex 1\nproperty float x\nproperty float y\nproperty float z\n"
+        "element range_grid 16\nproperty list uchar int vertex_indices\nend_header\n0 0 0\n";
+    for (int i = 0; i < 16; ++i) grid += "1 0\n";
+    const std::string grid_ply = writeFile("grid.ply", grid);
+    const std::string grid_conf =
+        writeFile("grid.conf", "bmesh " + grid_ply.substr(grid_ply.rfind('/') + 1) + " 0 0 0 0 0 0 1\n");
+    // Meshes that no distance can be measured on: a vertex at 1e38, no triangle with an area.
+    const std::string triangle_header =
+        "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\n"
+        "property float y\nproperty float z\nelement face 1\n"
+        "property list uchar int vertex_indices\nend_header\n";
+    const std::string triangle = writeFile("triangle.ply", triangle_header + "0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n");
+    const std::string far = writeFile("far.ply", triangle_header + "0 0 0\n1e38 0 0\n0 1 0\n3 0 1 2\n");
+    const std::string flat = writeFile("flat.ply", triangle_header + "0 0 0\n1 0 0\n2 0 0\n3 0 1 2\n");
     const struct {
         std::string arguments;
         int status;
@@ -500,6 +546,19 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
         {"compare " + cloud + " part", 1, "no triangles"},  // a point cloud: no faces
         {"render " + cloud + " -o " + tempPath("never.png"), 1, ""},
         {"simulate", 1, "no output directory"},
+        {"reconstruct " + frame + " -o " + never + " --threads 100000", 1, "--threads must be 0"},
+        {"reconstruct " + frame + " -o " + never + " --threads -1", 1, "--threads must be 0"},
+        {"reconstruct " + frame + " -o " + never + " --resolution 1e-9", 1, "from 0.001 to 100000"},
+        {"reconstruct " + frame + " -o " + never + " --resolution 1e9", 1, "from 0.001 to 100000"},
+        {"demo -o " + tempPath("never_demo") + " --resolution 1e9", 1, "from 0.001 to 100000"},
+        {"reconstruct " + pose + " -o " + never, 1, "laser_id 1e+20 is not a whole number"},
+        {"reconstruct " + marker + " -o " + never, 1, "marker id 1e+30 is not a whole number"},
+        {"reconstruct " + empty_records + " -o " + never, 1, "records but no properties"},
+        {"reconstruct " + grid_conf + " -o " + never, 3, "the mesh is empty"},  // read, not crashed
+        {"compare " + triangle + " " + cloud, 1, "no triangles"},               // a point cloud as reference
+        {"compare " + far + " " + triangle, 1, "beyond 1e12 mm"},
+        {"compare " + triangle + " " + far, 1, "beyond 1e12 mm"},
+        {"compare " + flat + " " + triangle, 1, "no triangle has an area"},
     };
     for (const auto& c : cases) {
         const ProgramRun run = runProgram(c.arguments);
@@ -508,6 +567,7 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     }
     EXPECT_FALSE(std::ifstream(never).good());
     EXPECT_FALSE(std::ifstream(tempPath("never.png")).good());
+    EXPECT_FALSE(std::ifstream(tempPath("never_demo")).good());
 }
 
 TEST(Program, ReconstructsTheBunnyScanList) {

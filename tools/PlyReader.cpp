@@ -135,7 +135,13 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
     const double body = static_cast<double>(info.st_size) - static_cast<double>(m_in.tellg());
     double records = 0;
     for (const PlyElement& e : m_elements) {
-        if (e.properties.empty()) continue;
+        // Records without properties take no bytes at all: skipping 2^40 of them would never end.
+        if (e.properties.empty()) {
+            if (e.count > 0)
+                throw std::runtime_error(path + ": the element " + e.name + " has " + std::to_string(e.count) +
+                                         " records but no properties");
+            continue;
+        }
         records += static_cast<double>(e.count) * (m_format == Format::Ascii ? 2.0 : 1.0);
         if (records > body + 1)
             throw std::runtime_error(path + ": truncated data (the header promises " + std::to_string(e.count) + " " +

@@ -25,6 +25,16 @@ int scalarColumn(const PlyElement& element, const char* name, const std::string&
 
 float toFloat(double value) { return static_cast<float>(value); }
 
+// A number that names something (a laser, a marker): a whole number that an int holds, or the file is refused.
+std::int32_t identifier(double value, const std::string& path, const char* what) {
+    if (!(value >= -2147483648.0 && value <= 2147483647.0) || value != std::floor(value)) {
+        char text[64];
+        std::snprintf(text, sizeof(text), "%.17g", value);
+        throw std::runtime_error(path + ": " + what + " " + text + " is not a whole number in the range of an int");
+    }
+    return static_cast<std::int32_t>(value);
+}
+
 }  // namespace
 
 std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale, int scale_code,
@@ -74,7 +84,7 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
             for (int k = 0; k < 3; ++k)
                 frame->frame_info.translation[k] = record.scalars[static_cast<std::size_t>(pose_column[9 + k])] * scale;
             frame->frame_info.laser_id =
-                static_cast<std::int32_t>(record.scalars[static_cast<std::size_t>(pose_column[12])]);
+                identifier(record.scalars[static_cast<std::size_t>(pose_column[12])], path, "the pose's laser_id");
         } else if (element.name == "marker") {
             const char* marker_names[7] = {"id", "x", "y", "z", "nx", "ny", "nz"};
             int marker_column[7];
@@ -85,7 +95,7 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
             for (long m = 0; m < element.count; ++m) {
                 ply.read(element, record);
                 const auto value = [&](int k) { return record.scalars[static_cast<std::size_t>(marker_column[k])]; };
-                frame->marker_ids.push_back(static_cast<std::int32_t>(value(0)));
+                frame->marker_ids.push_back(identifier(value(0), path, "a marker id"));
                 frame->marker_xyz.push_back(
                     {toFloat(value(1) * scale), toFloat(value(2) * scale), toFloat(value(3) * scale)});
                 frame->marker_nor.push_back({toFloat(value(4)), toFloat(value(5)), toFloat(value(6))});

@@ -80,8 +80,9 @@ std::shared_ptr<FrameDataWithInfo> readRangeImage(const std::string& ply_path, c
     }
     std::vector<long> pixel;  // vertex index of each grid pixel, -1 where none
     // The grid is used when it follows the vertices and matches the image size named in the header.
-    if (grid != nullptr && grid > vertex && rows > 0 && cols > 0 && grid->count == rows * cols &&
-        !grid->properties.empty() && grid->properties[0].list) {
+    // rows x cols is compared without forming the product, which a damaged header could overflow.
+    if (grid != nullptr && grid > vertex && rows > 0 && cols > 0 && rows <= grid->count / cols &&
+        grid->count == rows * cols && !grid->properties.empty() && grid->properties[0].list) {
         pixel.assign(static_cast<std::size_t>(grid->count), -1);
         for (long i = 0; i < grid->count; ++i) {
             ply.read(*grid, record);

@@ -12,6 +12,9 @@ namespace tessaline_tools {
 
 namespace {
 
+constexpr double LARGE_TRIANGLE_CELLS = 4096;  // a triangle over more grid cells is kept apart
+constexpr long MAX_SHELLS = 64;                // shells a distance query walks before it measures every triangle
+
 P3 sub(const P3& a, const P3& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
 float dot(const P3& a, const P3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
@@ -155,6 +158,11 @@ TriangleGrid::TriangleGrid(std::vector<Triangle> triangles, float cell)
             m_lo[k] = std::min(m_lo[k], lo[k]);
             m_hi[k] = std::max(m_hi[k], hi[k]);
         }
+        const double span = double(hi[0] - lo[0] + 1) * double(hi[1] - lo[1] + 1) * double(hi[2] - lo[2] + 1);
+        if (span > LARGE_TRIANGLE_CELLS) {
+            m_large.push_back(static_cast<std::uint32_t>(t));
+            continue;
+        }
         for (long x = lo[0]; x <= hi[0]; ++x)
             for (long y = lo[1]; y <= hi[1]; ++y)
                 for (long z = lo[2]; z <= hi[2]; ++z) m_cells[key(x, y, z)].push_back(static_cast<std::uint32_t>(t));
@@ -177,8 +185,16 @@ float TriangleGrid::distance(const P3& p) const {
     const long c[3] = {index(p[0]), index(p[1]), index(p[2])};
     // Shell r holds the cells at Chebyshev distance r; after it, every unsearched triangle lies at
     // least r cells away. The search ends there, or where the shells have passed the whole grid.
-    long reach = 0;
-    for (int k = 0; k < 3; ++k) reach = std::max({reach, std::labs(c[k] - m_lo[k]), std::labs(c[k] - m_hi[k])});
+    // Shells nearer than the grid's box are empty: the search starts at the box.
+    long reach = 0, first = 0;
+    for (int k = 0; k < 3; ++k) {
+        reach = std::max({reach, std::labs(c[k] - m_lo[k]), std::labs(c[k] - m_hi[k])});
+        first = std::max({first, m_lo[k] - c[k], c[k] - m_hi[k]});
+    }
+    for (std::uint32_t t : m_large) {
+        const Triangle& tri = m_triangles[t];
+        best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
+    }
     const auto visit = [&](long x, long y, long z) {
         auto found = m_cells.find(key(x, y, z));
         if (found == m_cells.end()) return;
@@ -187,7 +203,14 @@ float TriangleGrid::distance(const P3& p) const {
             best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
         }
     };
-    for (long r = 0; r <= reach; ++r) {
+    for (long r = first; r <= reach; ++r) {
+        // A point far from a grid of large or scattered triangles could walk shells almost without end:
+        // past a bounded walk every triangle is measured instead.
+        if (r - first > MAX_SHELLS) {
+            for (const Triangle& tri : m_triangles)
+                best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
+            break;
+        }
         const long x0 = std::max(c[0] - r, m_lo[0]), x1 = std::min(c[0] + r, m_hi[0]);
         const long y0 = std::max(c[1] - r, m_lo[1]), y1 = std::min(c[1] + r, m_hi[1]);
         const long z0 = std::max(c[2] - r, m_lo[2]), z1 = std::min(c[2] + r, m_hi[2]);

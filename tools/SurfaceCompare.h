@@ -34,6 +34,7 @@ private:
     float m_cell;
     long m_lo[3] = {0, 0, 0}, m_hi[3] = {0, 0, 0};
     std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> m_cells;
+    std::vector<std::uint32_t> m_large;  // triangles over too many cells to list in each: searched by every query
 };
 
 // A surface to compare: samples spread evenly over it, and the distance of any point to it.

@@ -191,11 +191,31 @@ std::vector<double> parseThresholds(const std::string& text) {
     return values;
 }
 
+// A mesh to compare, scaled to millimetres: triangles with area, at coordinates whose squared distances
+// a float still holds (1e12 mm is a million kilometres).
+tessaline_tools::IndexedMesh readComparedMesh(const std::string& path, float to_mm) {
+    constexpr float FARTHEST = 1e12f;
+    tessaline_tools::IndexedMesh mesh = tessaline_tools::readMesh(path, to_mm);
+    for (const auto& v : mesh.vertices)
+        for (float c : v)
+            if (!(std::fabs(c) <= FARTHEST))
+                throw std::runtime_error(path + ": a vertex beyond 1e12 mm from the origin, or not a finite number");
+    if (mesh.triangles.empty())
+        throw std::runtime_error(path + ": no triangles (a point cloud cannot be compared; give a mesh)");
+    return mesh;
+}
+
+std::unique_ptr<tessaline_tools::Surface> comparedSurface(const std::string& path, float to_mm, std::size_t samples) {
+    auto surface = tessaline_tools::meshSurface(readComparedMesh(path, to_mm), samples);
+    if (surface->samples().empty()) throw std::runtime_error(path + ": no triangle has an area");
+    return surface;
+}
+
 // The reference of a comparison: the built-in part, or a mesh file scaled to millimetres.
 std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& reference, float to_mm,
                                                         std::size_t samples) {
     if (reference == "part") return tessaline_tools::partSurface(0.15);
-    return tessaline_tools::meshSurface(tessaline_tools::readMesh(reference, to_mm), samples);
+    return comparedSurface(reference, to_mm, samples);
 }
 
 std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::IndexedMesh& mesh) {
@@ -225,10 +245,23 @@ void checkWritable(const std::string& output) {
     }
 }
 
+// More threads than the machine has processors only adds switching; a count far beyond that could not
+// even be started.
 void applyThreads(const cxxopts::ParseResult& args) {
     const int threads = args["threads"].as<int>();
-    if (threads < 0) throw std::runtime_error("--threads must be 0 or more");
+    const int processors = std::max(1, omp_get_num_procs());
+    if (threads < 0 || threads > processors)
+        throw std::runtime_error("--threads must be 0 (all processors) or at most " + std::to_string(processors) +
+                                 ", the processors of this machine, not " + std::to_string(threads));
     if (threads > 0) omp_set_num_threads(threads);
+}
+
+// The library takes a finest cell edge (millimetres here) from 0.001 to 100000 and keeps its former one
+// when given another: the program refuses such a value before any work.
+void checkResolution(double value, const std::string& text) {
+    if (!(value >= 0.001 && value <= 100000.0))
+        throw std::runtime_error("--resolution must be 'auto' or a number of millimetres from 0.001 to 100000, not '" +
+                                 text + "'");
 }
 
 // What becomes of the library's triangle soup on its way to a file.
@@ -270,8 +303,8 @@ bool parseResolution(const std::string& text, float& resolution) {
     if (text == "auto") return true;
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !(value > 0.0) || !std::isfinite(value))
-        throw std::runtime_error("--resolution must be 'auto' or a number of millimetres above 0, not '" + text + "'");
+    if (text.empty() || *end != '\0') checkResolution(std::nan(""), text);
+    checkResolution(value, text);
     resolution = static_cast<float>(value);
     return false;
 }
@@ -587,7 +620,9 @@ int demo(int argc, char** argv) {
         return 0;
     }
     const float resolution = args["resolution"].as<float>();
-    if (!(resolution > 0.0f)) throw std::runtime_error("--resolution must be above 0");
+    char resolution_text[32];
+    std::snprintf(resolution_text, sizeof(resolution_text), "%g", resolution);
+    checkResolution(resolution, resolution_text);
     applyThreads(args);
     const std::string folder = args["output"].as<std::string>();
     makeFolder(folder);
@@ -680,11 +715,8 @@ int compare(int argc, char** argv) {
     const double coverage = args["coverage"].as<double>();
     if (!(coverage > 0)) throw std::runtime_error("--coverage must be above 0");
     const auto thresholds = parseThresholds(args["threshold"].as<std::string>());
-    const tessaline_tools::IndexedMesh mesh = tessaline_tools::readMesh(files[0], to_mm);
-    if (mesh.triangles.empty()) throw std::runtime_error(files[0] + ": no triangles");
+    const auto mesh_surface = comparedSurface(files[0], to_mm, samples);
     const auto reference = loadReference(files[1], to_mm, samples);
-    if (reference->samples().empty()) throw std::runtime_error(files[1] + ": no triangles");
-    const auto mesh_surface = tessaline_tools::meshSurface(mesh, samples);
     printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *reference, thresholds, coverage), "the reference",
                     "mm");
     return 0;

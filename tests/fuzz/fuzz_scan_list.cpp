@@ -1,4 +1,4 @@
-// Fuzz target: any bytes as a .conf scan list beside a valid range image and a damaged one. The reader
+// Fuzz target: any bytes as a .conf scan list beside a valid range image and two damaged ones. The reader
 // may refuse a list with std::runtime_error; anything else is a finding.
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +24,11 @@ const std::string& folder() {
             "0 0 0\n1 0 0\n0 1 0\n1 1 0.1\n1 0\n1 1\n1 2\n1 3\n";
         std::ofstream(dir + "/a.ply") << image;
         std::ofstream(dir + "/b.ply") << image.substr(0, image.size() - 9);
+        // A grid whose rows x cols overflows a long to the size of its 4 records.
+        std::string overflow = image;
+        overflow.replace(overflow.find("num_cols 2"), 10, "num_cols 4");
+        overflow.replace(overflow.find("num_rows 2"), 10, "num_rows 4611686018427387905");  // 4 (2^62 + 1)
+        std::ofstream(dir + "/c.ply") << overflow;
         return dir;
     }();
     return path;
