@@ -10,9 +10,11 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -77,10 +79,39 @@ struct RawPointCloudBuff {
 
 // The same slots on the host, with the point count of each filled slot, so that refilling the buffer
 // clears only what the former batch wrote.
+// Zeroed storage whose pages the system maps only when written: a frame slot sized for the largest frame
+// costs memory only for the points a frame puts in it, and the empty rest reads as null points.
+template <class T>
+class ZeroedArray {
+public:
+    ZeroedArray() = default;
+    ~ZeroedArray() { std::free(m_data); }
+    ZeroedArray(const ZeroedArray&) = delete;
+    ZeroedArray& operator=(const ZeroedArray&) = delete;
+    // Throws std::bad_alloc where the storage cannot be had.
+    void assignZeroed(std::size_t n) {
+        std::free(m_data);
+        m_data = nullptr;
+        m_size = 0;
+        if (n == 0) return;
+        m_data = static_cast<T*>(std::calloc(n, sizeof(T)));
+        if (m_data == nullptr) throw std::bad_alloc();
+        m_size = n;
+    }
+    T* data() { return m_data; }
+    const T* data() const { return m_data; }
+    T* begin() { return m_data; }
+    std::size_t size() const { return m_size; }
+
+private:
+    T* m_data = nullptr;
+    std::size_t m_size = 0;
+};
+
 struct HostFrameBatch {
-    std::vector<float> xyz;
-    std::vector<float> nor;
-    std::vector<std::int32_t> w;
+    ZeroedArray<float> xyz;
+    ZeroedArray<float> nor;
+    ZeroedArray<std::int32_t> w;
     std::vector<FrameInfo> frame_info;
     std::vector<std::uint32_t> slot_points;
 };

@@ -226,9 +226,9 @@ int Portioner::initPartition_Device() {
             const std::size_t slots = static_cast<std::size_t>(m_batch_slots);
             for (std::shared_ptr<HostFrameBatch>* buffer : {&m_adding_frames, &m_computing_frames}) {
                 auto batch = std::make_shared<HostFrameBatch>();
-                batch->xyz.assign(slots * slot_points * 3, 0.0f);
-                batch->nor.assign(slots * slot_points * 3, 0.0f);
-                batch->w.assign(slots * slot_points, 0);
+                batch->xyz.assignZeroed(slots * slot_points * 3);
+                batch->nor.assignZeroed(slots * slot_points * 3);
+                batch->w.assignZeroed(slots * slot_points);
                 batch->frame_info.assign(slots, FrameInfo{});
                 batch->slot_points.assign(slots, 0);
                 *buffer = std::move(batch);
