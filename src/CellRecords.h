@@ -19,7 +19,7 @@ struct BinsHeader {
     std::int32_t point_count;
     std::int8_t bin_sub_scale;   // the scale code; starts at 8
     std::uint8_t bin_flags;      // OR of bits 8-15 of the points' words
-    std::uint16_t word_high;     // always 0: bin_sub_scale and bin_flags read as one word
+    std::uint16_t word_high;     // OR of bits 16-31 of the points' words: flag bits as well
     std::uint64_t occupancy[8];  // one bit for each of the 8 x 8 x 8 sub-cells, by Morton code
 };
 static_assert(sizeof(BinsHeader) == 88, "BinsHeader has no hidden padding");

@@ -153,7 +153,7 @@ public:
             group |= s[j]->word;
             masks[j] = s[j]->occupancy;
         }
-        group &= 0xff00u;
+        group &= 0xffffff00u;  // every flag bit; the quality word joins bits 16-31 below
         const std::uint32_t quality = computeQualityWord(masks, min_edge);
         float vertices[12][3];
         std::uint32_t words[12];

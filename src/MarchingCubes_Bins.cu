@@ -92,12 +92,15 @@ struct GetBinsScaleKernel {
         bin.point_count = 0;
         bin.bin_sub_scale = 8;
         bin.bin_flags = 0;
+        bin.word_high = 0;
         std::int64_t j = bin.point_offset - points_offset;
         const std::int32_t h = points[j].hash;
         for (; j < points_size && points[j].hash == h; ++j) {
             const RawPointWithHash& p = points[j];
             bin.point_count += 1;
             bin.bin_flags = static_cast<std::uint8_t>(bin.bin_flags | ((p.w >> 8) & 255));
+            bin.word_high =
+                static_cast<std::uint16_t>(bin.word_high | ((static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu));
             bin.bin_sub_scale = combineScale(bin.bin_sub_scale, static_cast<std::int8_t>(p.w & 255));
             const float position[3] = {p.x, p.y, p.z};
             std::uint32_t c[3];

@@ -122,7 +122,9 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             std::printf("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
             scale = 8;  // its points are not lost: the bin counts as one of the default scale
         }
-        const std::uint32_t word = static_cast<std::uint32_t>(scale) | (static_cast<std::uint32_t>(bin.bin_flags) << 8);
+        const std::uint32_t word = static_cast<std::uint32_t>(scale) |
+                                   (static_cast<std::uint32_t>(bin.bin_flags) << 8) |
+                                   (static_cast<std::uint32_t>(bin.word_high) << 16);
         bool ok = true;
         if (scale == 8) {
             for (int dx = -1; dx <= 1 && ok; ++dx)

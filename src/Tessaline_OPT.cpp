@@ -1,6 +1,7 @@
 // The engine: set-up and tear-down of the stages, frame intake and the run.
 #include "Tessaline_OPT.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -359,9 +360,41 @@ bool listedScaleCode(std::int32_t word) {
 
 }  // namespace
 
+void Tessaline_OPT::chooseRunOrigin() {
+    for (double& o : m_run_origin) o = 0.0;
+    double low[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, high[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+    for (const auto& frame : m_held_frames)
+        for (const Vec3f& p : frame->xyz) {
+            if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
+            for (int k = 0; k < 3; ++k) {
+                low[k] = std::min(low[k], static_cast<double>(p[k]));
+                high[k] = std::max(high[k], static_cast<double>(p[k]));
+            }
+        }
+    // Within this distance of the origin a float position resolves a 64th of the finest cell (an eighth of
+    // the resolution) or better, and the positions stay as given: the mesh of such a scan is unchanged.
+    const double near = RUN_ORIGIN_NEAR_RESOLUTIONS * static_cast<double>(m_resolution);
+    const double block = static_cast<double>(m_portioner_params->block_size) * static_cast<double>(m_resolution);
+    for (int k = 0; k < 3; ++k) {
+        if (!(low[k] <= high[k]) || std::max(std::fabs(low[k]), std::fabs(high[k])) <= near) continue;
+        // A whole number of blocks: the grid of blocks, bins and cells stays the grid of the origin.
+        m_run_origin[k] = std::round((low[k] + high[k]) * 0.5 / block) * block;
+    }
+}
+
+bool Tessaline_OPT::hasRunOrigin() const {
+    return m_run_origin[0] != 0.0 || m_run_origin[1] != 0.0 || m_run_origin[2] != 0.0;
+}
+
 void Tessaline_OPT::screenHeldFrames() {
-    // Beyond this distance from the origin a position's finest grid index (an eighth of the resolution)
-    // comes near the end of a 32-bit integer.
+    chooseRunOrigin();
+    const bool shifted = hasRunOrigin();
+    const double origin[3] = {m_run_origin[0], m_run_origin[1], m_run_origin[2]};
+    const auto relative = [&](const Vec3f& p, int k) {
+        return shifted ? static_cast<float>(static_cast<double>(p[k]) - origin[k]) : p[k];
+    };
+    // Beyond this distance from the run's origin a position's finest grid index (an eighth of the
+    // resolution) comes near the end of a 32-bit integer.
     const double limit = static_cast<double>(1u << 30) * (m_resolution / 8.0);
     std::uint64_t dropped = 0, recoded = 0;
     for (std::shared_ptr<FrameDataWithInfo>& frame : m_held_frames) {
@@ -370,7 +403,7 @@ void Tessaline_OPT::screenHeldFrames() {
             const Vec3f& p = in.xyz[i];
             const Vec3f& n = in.nor[i];
             for (int k = 0; k < 3; ++k)
-                if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(p[k]) > limit) return false;
+                if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(relative(p, k)) > limit) return false;
             return n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f;
         };
         std::size_t bad = 0, unlisted = 0;
@@ -380,7 +413,7 @@ void Tessaline_OPT::screenHeldFrames() {
             else if (!listedScaleCode(in.w[i]))
                 ++unlisted;
         }
-        if (bad == 0 && unlisted == 0) continue;
+        if (bad == 0 && unlisted == 0 && !shifted) continue;
         auto copy = std::make_shared<FrameDataWithInfo>();
         copy->frame_info = in.frame_info;
         copy->marker_ids = in.marker_ids;
@@ -391,7 +424,7 @@ void Tessaline_OPT::screenHeldFrames() {
         copy->w.reserve(in.xyz.size() - bad);
         for (std::size_t i = 0; i < in.xyz.size(); ++i) {
             if (!usable(i)) continue;
-            copy->xyz.push_back(in.xyz[i]);
+            copy->xyz.push_back({relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)});
             copy->nor.push_back(in.nor[i]);
             // An unknown size wish becomes one cell a bin; the flags stay.
             copy->w.push_back(listedScaleCode(in.w[i]) ? in.w[i] : ((in.w[i] & ~0xFF) | 8));
@@ -535,6 +568,13 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     result = m_reconstructor->process(mesh);
     if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
     profiler.time_stop("reconstructor", true);
+
+    if (mesh && hasRunOrigin()) {
+        // Back to the application's coordinates, in double so that only the final rounding remains.
+        for (TriangleXYZ& t : mesh->xyz)
+            for (int v = 0; v < 9; ++v)
+                t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
+    }
 
     last_error = "no error!";
     if (mesh && mesh->xyz.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {

@@ -38,6 +38,8 @@ extern const wchar_t* const STEP_MESH;        // "生成网格"
 
 // A run of at least this many usable points that gives no triangle says why.
 constexpr std::uint64_t EMPTY_MESH_NOTICE_POINTS = 1000;
+// A scan that reaches farther than this many resolutions from the origin is measured from a run origin.
+constexpr double RUN_ORIGIN_NEAR_RESOLUTIONS = 16384.0;
 
 // Why a run of `points` usable points gave no triangle, from the cells' rule counts.
 std::string emptyMeshReason(const CellRuleCounts& counts, std::uint64_t points, float resolution);
@@ -79,6 +81,8 @@ private:
     // Replaces every held frame that has points the run cannot use by a copy without them (the
     // application's frame stays as it is); prints what it dropped and changed.
     void screenHeldFrames();
+    void chooseRunOrigin();
+    bool hasRunOrigin() const;
 
     void reportStep(const wchar_t* name, int cur_step, int cur_sub_step, int total_sub_steps);
 
@@ -98,6 +102,9 @@ private:
     mutable std::mutex m_error_lock;  // the last error is read from any thread, also during a run
     std::string m_last_error = "no error!";
     float m_resolution = 0.5f;
+    // Where the run's positions are measured from: 0 for a scan near the origin, otherwise a point of
+    // the block grid near the scan's centre, so that far coordinates keep the precision of near ones.
+    double m_run_origin[3] = {0.0, 0.0, 0.0};
     std::shared_ptr<DeviceParameters> m_device_params;
     std::shared_ptr<PortionerParameters> m_portioner_params;
     std::vector<std::shared_ptr<FrameDataWithInfo>> m_held_frames;
