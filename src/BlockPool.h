@@ -42,6 +42,10 @@ public:
     std::int32_t blocks() const { return m_blocks.load(std::memory_order_acquire); }
     // Reservations start again from 0; the blocks stay.
     void reset() { m_size = 0; }
+    // Gives back every reservation from `size` on; the blocks stay. Only while no one reserves.
+    void truncate(std::int32_t size) {
+        if (size >= 0 && size < m_size.load()) m_size = size;
+    }
     // No reservation and no block.
     void clear() {
         m_size = 0;

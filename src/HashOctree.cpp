@@ -380,6 +380,20 @@ std::shared_ptr<HashRootCellData> HashOctree::getHashRootCell(const float pos[3]
     return m_hash_cell_list->get(id);
 }
 
+bool HashOctree::dropTreeSince(std::int32_t mark, const float block_center[3]) {
+    if (!m_inited || mark < 0 || mark >= m_cell_pool->cellCount()) return false;
+    const std::shared_ptr<HashRootCellData> root = getHashRootCell(block_center);
+    CellNode* first = m_cell_pool->cellAt(mark);
+    if (!root || root->root_cell != first) return false;  // a root of before: other cells may hang below it
+    for (CellNode*& child : first->children) child = nullptr;
+    first->child_count = 0;
+    first->data_id = -1;
+    first->data_state = 0;
+    first->field_count = 0;
+    m_cell_pool->truncate(mark + 1);
+    return true;
+}
+
 int HashOctree::getHashCellList(std::shared_ptr<HashRootCellList>& list) {
     if (!m_inited) {
         setError("BlockHashOctree: no init!");

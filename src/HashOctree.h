@@ -96,6 +96,7 @@ public:
     // be added.
     int allocDataIndex(std::int32_t& index);
     CellNode* cellAt(std::int32_t index) const;
+    void truncate(std::int32_t size) { m_growth.truncate(size); }
 
     bool isInited() const { return m_inited; }
     std::int32_t blockCount() const { return m_growth.blocks(); }
@@ -166,6 +167,10 @@ public:
     std::shared_ptr<HashRootCellData> getHashRootCell(const float pos[3]);
     int getHashCellList(std::shared_ptr<HashRootCellList>& list);
     CellNodePool* cellPool() const { return m_cell_pool.get(); }
+    // Drops the cells made since the pool held `mark` cells, when they all hang below the root made
+    // first after the mark (one block's tree): the root stays, bare, and the pool takes the cells back.
+    // Gives false and changes nothing otherwise.
+    bool dropTreeSince(std::int32_t mark, const float block_center[3]);
 
     std::string getLastError() const;
     bool isInited() const { return m_inited; }

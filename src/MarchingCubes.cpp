@@ -6,6 +6,7 @@
 
 #include "ErrorLadder.h"
 #include "HashOctree.h"
+#include "HostMemory.h"
 #include "SimpleLineHash.h"
 #include "SpinLock.h"
 #include "TimeProfiler.h"
@@ -80,8 +81,38 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     if (result != 0) return result;
     m_last_bin_count = bins_header.size();
     if (bins_header.empty()) return 0;
+    // The block's cells must fit in what the process may still use, beside the reserve that the mesh
+    // stage keeps; a block that asks for more is left out rather than taking the process down.
+    const std::uint64_t wanted = blockWorkingSetBytes(block->points->size(), bins_header.size());
+    HostMemoryInfo memory;
+    if (readHostMemory(memory)) {
+        const std::uint64_t usable = usableHostBytes(memory);
+        if (wanted + BLOCK_MEMORY_RESERVE_BYTES > usable) {
+            char text[256];
+            std::snprintf(text, sizeof(text),
+                          "[MarchingCubes] the block's cells want about %llu MiB, the process may use %llu MiB "
+                          "beside a reserve of %llu MiB",
+                          static_cast<unsigned long long>(wanted >> 20), static_cast<unsigned long long>(usable >> 20),
+                          static_cast<unsigned long long>(BLOCK_MEMORY_RESERVE_BYTES >> 20));
+            m_last_error = text;
+            return TESSALINE_OUT_OF_MEMORY;
+        }
+    }
     profiler.time_stop("mc-step1", true);
     if (full_chain) std::printf("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
+
+    // A block that ends without a sheet, or fails, keeps none of its cells: its tree goes back to the
+    // pool, so that the cells in memory follow the surface, not the area scanned.
+    const std::int32_t cell_mark = m_hash_octree->cellPool()->cellCount();
+    struct DropUnused {
+        MarchingCubes& stage;
+        const PointCloudBlock& block;
+        std::int32_t mark;
+        bool keep = false;
+        ~DropUnused() {
+            if (!keep && !stage.m_keep_last_cells) stage.m_hash_octree->dropTreeSince(mark, block.center);
+        }
+    } drop_unused{*this, *block, cell_mark};
 
     profiler.time_start("mc-step2");
     if (full_chain) profiler.time_start("mc-step2-1");
@@ -115,7 +146,7 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     profiler.time_stop("mc-step3", true);
 
     profiler.time_start("mc-step4");
-    saveFieldData(*cells);
+    drop_unused.keep = saveFieldData(*cells) > 0;
     profiler.time_stop("mc-step4", true);
     if (m_keep_last_cells) m_last_cells = cells;
     return 0;

@@ -28,6 +28,15 @@ constexpr std::size_t MC_MEMORY_MARGIN = 0x500000;
 // Bins that the device array holds for a block of n bins along an edge (margins included).
 inline std::uint64_t MC_MAX_BINS_HEADER(std::uint32_t n) { return 20ull * n * n; }
 
+// What the cells of a block cost at most, by its points and bins: the sorted points twice, the bins, and
+// a band of cells around each bin with octree node, record and relations.
+constexpr std::uint64_t BLOCK_CELLS_PER_BIN = 8;
+constexpr std::uint64_t BLOCK_BYTES_PER_CELL = 320;
+constexpr std::uint64_t BLOCK_MEMORY_RESERVE_BYTES = 256ull << 20;
+inline std::uint64_t blockWorkingSetBytes(std::uint64_t points, std::uint64_t bins) {
+    return points * 2 * sizeof(RawPointWithHash) + bins * (88 + BLOCK_CELLS_PER_BIN * BLOCK_BYTES_PER_CELL);
+}
+
 class MarchingCubes {
 public:
     MarchingCubes() = default;
@@ -95,7 +104,8 @@ private:
                                 VoxelFieldCenter* voxel_field_centers_dev);
     int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells);
     // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
-    void saveFieldData(const CellNodeAndRelations& cells);
+    // Gives the number of sheets stored.
+    std::int64_t saveFieldData(const CellNodeAndRelations& cells);
 
     // The four steps behind generateBins: the whole block on the device, or in chunks.
     int computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]);

@@ -9,7 +9,7 @@
 
 namespace SurfaceReconstruction {
 
-void MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
+std::int64_t MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
     const std::int64_t n = static_cast<std::int64_t>(cells.cell_nodes.size());
     // Slots in record order, reserved at once, so that where a field lands does not depend on timing.
     std::vector<std::int32_t> first_slot(static_cast<std::size_t>(n) + 1, 0);
@@ -53,6 +53,7 @@ void MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
         c->data_state = 2;
         c->field_count = static_cast<std::uint8_t>(count);
     }
+    return have_slots ? first_slot.back() : 0;
 }
 
 }  // namespace SurfaceReconstruction

@@ -538,6 +538,9 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     profiler.time_stop("portioner", true);
 
     const int block_count = m_portioner->getPointCloudBlockCount();
+    int left_out_blocks = 0, left_out_status = 0;
+    std::uint64_t left_out_points = 0;
+    std::string first_left_out;
     reportStep(STEP_FUSION, 2, 0, block_count);
     for (int i = 0; i < block_count; ++i) {
         reportStep(STEP_FUSION, 2, i, block_count);
@@ -549,8 +552,26 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
             std::printf("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
             continue;
         }
-        // A block that fails is left out of the mesh; the run goes on.
-        if (m_marching_cubes->process(block) == 0) profiler.time_stop("marching_cubes", true);
+        // A block that fails is left out of the mesh; the run goes on, and says so at its end.
+        const int block_result = m_marching_cubes->process(block);
+        if (block_result == 0) {
+            profiler.time_stop("marching_cubes", true);
+        } else {
+            char text[512];
+            std::snprintf(text, sizeof(text), "block %d at (%g, %g, %g) with %llu points: %s", i,
+                          static_cast<double>(block->center[0]) + m_run_origin[0],
+                          static_cast<double>(block->center[1]) + m_run_origin[1],
+                          static_cast<double>(block->center[2]) + m_run_origin[2],
+                          static_cast<unsigned long long>(block->points->size()),
+                          m_marching_cubes->getLastError().c_str());
+            std::printf("[Tessaline_OPT] process left out %s\n", text);
+            if (left_out_blocks == 0) {
+                left_out_status = block_result;
+                first_left_out = text;
+            }
+            ++left_out_blocks;
+            left_out_points += block->points->size();
+        }
         block.reset();  // at most one block is held outside the Portioner's list
     }
 
@@ -577,6 +598,18 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     }
 
     last_error = "no error!";
+    if (left_out_blocks > 0) {
+        // The mesh holds the rest of the scan; the status says that it is not all of it.
+        char text[768];
+        std::snprintf(text, sizeof(text),
+                      "[Tessaline_OPT] process left out part of the scan: %d of %d blocks (%llu points, margins "
+                      "included); the mesh holds the rest. First: %s",
+                      left_out_blocks, block_count, static_cast<unsigned long long>(left_out_points),
+                      first_left_out.c_str());
+        last_error = text;
+        std::printf("%s\n", text);
+        return left_out_status;
+    }
     if (mesh && mesh->xyz.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
         last_error = emptyMeshReason(counts, usable_points, m_resolution);
         std::printf("%s\n", last_error.c_str());

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "HostMemory.h"
+#include "MarchingCubes.h"
 #include "ScanSimulator.h"
 #include "TestSupport.h"
 
@@ -199,6 +200,21 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
     EXPECT_TRUE(sparse.mesh->xyz.empty());
     EXPECT_NE(sparse.error.find("5000 points gave no triangles"), std::string::npos) << sparse.error;
     EXPECT_NE(sparse.error.find("too sparse for the resolution"), std::string::npos) << sparse.error;
+    // A floor scanned in strips, its points 5 mm by 6.7 mm apart: flat and even, yet far too sparse for
+    // cells of 0.5 mm. The run says so once, in the last error and in one line.
+    Frames floor;
+    for (int strip = 0; strip < 10; ++strip) {
+        std::vector<Vec3f> rows;
+        for (int r = 0; r < 10; ++r)
+            for (int c = 0; c < 200; ++c) rows.push_back({c * 5.0f + 0.5f, (strip * 10 + r) * 6.7f + 0.5f, 3.0f});
+        floor.push_back(frameOf(rows));
+    }
+    const Session flat = runSession(floor);
+    ASSERT_EQ(flat.status, 0) << flat.error;
+    EXPECT_TRUE(flat.mesh->xyz.empty());
+    EXPECT_NE(flat.error.find("20000 points gave no triangles"), std::string::npos) << flat.error;
+    EXPECT_NE(flat.error.find("too sparse for the resolution"), std::string::npos) << flat.error;
+    EXPECT_NE(flat.output.find(flat.error + "\n"), std::string::npos);
 }
 
 TEST(AbsurdSettings, NonFiniteOrNegativeLaserLimitsAreRefusedAndTheFormerOnesKept) {
@@ -439,4 +455,49 @@ TEST(Geometry, FlagBitsAboveTheFlagByteReachTheTrianglesOfTheirCells) {
     }
     EXPECT_GT(inside, 1000u);
     EXPECT_GT(outside, 1000u);
+}
+
+TEST(MemoryGuard, ABlockBeyondWhatTheProcessMayUseIsLeftOutAndTheRunSaysSo) {
+    // A sphere, and far from it a dense plane that fills one block: with the cgroup allowing a little
+    // more than the reserve, the plane's block cannot have its cells; the sphere's block can.
+    const Frames sphere = sphereScan({300, 300, 300}, 10.0f, 0.4f);
+    std::vector<Vec3f> plane;
+    for (int i = 0; i < 400; ++i)
+        for (int j = 0; j < 400; ++j) plane.push_back({20.0f + i * 0.25f, 20.0f + j * 0.25f, 64.0f});
+    Frames both = sphere;
+    both.push_back(frameOf(plane));
+    const std::uint64_t plane_points = plane.size();
+    const std::uint64_t plane_wants = blockWorkingSetBytes(plane_points, plane_points / 4) >> 20;
+    const std::uint64_t sphere_points = [&] {
+        std::uint64_t n = 0;
+        for (const auto& f : sphere) n += f->xyz.size();
+        return n;
+    }();
+    const std::uint64_t limit_mib = (BLOCK_MEMORY_RESERVE_BYTES >> 20) + plane_wants / 2;
+    ASSERT_LT(blockWorkingSetBytes(sphere_points, sphere_points) >> 20, plane_wants / 2);
+
+    const Session alone = runSession(sphere);
+    ASSERT_EQ(alone.status, 0) << alone.error;
+    ASSERT_GT(alone.mesh->xyz.size(), 1000u);
+    Session starved;
+    {
+        FakeHostMemory fake("left_out", 32768,
+                            {{"/sys/fs/cgroup/memory.max", std::to_string(limit_mib << 20) + "\n"},
+                             {"/sys/fs/cgroup/memory.current", "0\n"}});
+        starved = runSession(both);
+    }
+    EXPECT_EQ(starved.status, 66049) << starved.error;
+    EXPECT_NE(starved.error.find("left out part of the scan: 1 of"), std::string::npos) << starved.error;
+    EXPECT_NE(starved.error.find("with " + std::to_string(plane_points) + " points"), std::string::npos)
+        << starved.error;
+    EXPECT_NE(starved.error.find("may use " + std::to_string(limit_mib) + " MiB"), std::string::npos) << starved.error;
+    EXPECT_NE(starved.output.find("[Tessaline_OPT] process left out block"), std::string::npos) << starved.output;
+    // The rest of the scan is there: the sphere's triangles, as in a run of the sphere alone.
+    EXPECT_EQ(starved.mesh->xyz.size(), alone.mesh->xyz.size());
+    for (const TriangleXYZ& t : starved.mesh->xyz) EXPECT_GT(t.xyz[0], 250.0f);
+
+    // With room for it the plane's block is there too, and the run is whole.
+    const Session fed = runSession(both);
+    ASSERT_EQ(fed.status, 0) << fed.error;
+    EXPECT_GT(fed.mesh->xyz.size(), alone.mesh->xyz.size() + 10000);
 }
