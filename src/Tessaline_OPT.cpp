@@ -362,23 +362,32 @@ bool listedScaleCode(std::int32_t word) {
 
 void Tessaline_OPT::chooseRunOrigin() {
     for (double& o : m_run_origin) o = 0.0;
-    double low[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, high[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+    // The median of an even sample of the finite points: a few stray points far away do not move it.
+    std::uint64_t total = 0;
+    for (const auto& frame : m_held_frames) total += frame->xyz.size();
+    const std::uint64_t stride = std::max<std::uint64_t>(1, total / RUN_ORIGIN_SAMPLES);
+    std::vector<double> sample[3];
+    std::uint64_t index = 0;
     for (const auto& frame : m_held_frames)
         for (const Vec3f& p : frame->xyz) {
+            if (index++ % stride != 0) continue;
             if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
-            for (int k = 0; k < 3; ++k) {
-                low[k] = std::min(low[k], static_cast<double>(p[k]));
-                high[k] = std::max(high[k], static_cast<double>(p[k]));
-            }
+            for (int k = 0; k < 3; ++k) sample[k].push_back(static_cast<double>(p[k]));
         }
+    if (sample[0].empty()) return;
     // Within this distance of the origin a float position resolves a 64th of the finest cell (an eighth of
     // the resolution) or better, and the positions stay as given: the mesh of such a scan is unchanged.
     const double near = RUN_ORIGIN_NEAR_RESOLUTIONS * static_cast<double>(m_resolution);
     const double block = static_cast<double>(m_portioner_params->block_size) * static_cast<double>(m_resolution);
     for (int k = 0; k < 3; ++k) {
-        if (!(low[k] <= high[k]) || std::max(std::fabs(low[k]), std::fabs(high[k])) <= near) continue;
+        std::vector<double>& v = sample[k];
+        std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
+        const double middle = v[v.size() / 2];
+        // Beyond the grid's own reach no origin is taken: such points stay beyond it and are dropped.
+        const double grid = static_cast<double>(1u << 30) * (static_cast<double>(m_resolution) / 8.0);
+        if (std::fabs(middle) <= near || std::fabs(middle) > grid) continue;
         // A whole number of blocks: the grid of blocks, bins and cells stays the grid of the origin.
-        m_run_origin[k] = std::round((low[k] + high[k]) * 0.5 / block) * block;
+        m_run_origin[k] = std::round(middle / block) * block;
     }
 }
 

@@ -40,6 +40,7 @@ extern const wchar_t* const STEP_MESH;        // "生成网格"
 constexpr std::uint64_t EMPTY_MESH_NOTICE_POINTS = 1000;
 // A scan that reaches farther than this many resolutions from the origin is measured from a run origin.
 constexpr double RUN_ORIGIN_NEAR_RESOLUTIONS = 16384.0;
+constexpr std::uint64_t RUN_ORIGIN_SAMPLES = 4096;
 
 // Why a run of `points` usable points gave no triangle, from the cells' rule counts.
 std::string emptyMeshReason(const CellRuleCounts& counts, std::uint64_t points, float resolution);
