@@ -47,9 +47,12 @@ struct Absorption {
     std::int32_t from;
 };
 
+constexpr int MAX_FINE_REACH = 5;     // the largest reach of searchReach
+constexpr int MAX_COARSE_STEPS = 64;  // 3 x the largest ratio of a coarse cell to a bin (8 / 1), with room
+
 int searchReach(float size, float wide_search_edge) {
     if (size >= wide_search_edge) return 1;
-    return size > 0.05f ? 3 : 5;
+    return size > 0.05f ? 3 : MAX_FINE_REACH;
 }
 
 }  // namespace
@@ -210,12 +213,15 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             float start[3];
             for (int k = 0; k < 3; ++k) start[k] = p.pos[k] - h - 2 * h;
             const int steps = 3 * p.m;
+            if (steps > MAX_COARSE_STEPS) return std::make_pair(points, widened);
+            // Each axis's keys once: the key on one axis does not depend on the steps along the others.
+            std::int32_t keys[3][MAX_COARSE_STEPS];
+            for (int axis = 0; axis < 3; ++axis)
+                for (int i = 0; i < steps; ++i)
+                    keys[axis][i] = gridIndex(r * static_cast<float>(i) + start[axis] + r * 0.5f, r);
             for (int i = 0; i < steps; ++i)
                 for (int j = 0; j < steps; ++j)
-                    for (int k = 0; k < steps; ++k)
-                        visit(gridIndex(r * static_cast<float>(i) + start[0] + r * 0.5f, r),
-                              gridIndex(r * static_cast<float>(j) + start[1] + r * 0.5f, r),
-                              gridIndex(r * static_cast<float>(k) + start[2] + r * 0.5f, r));
+                    for (int k = 0; k < steps; ++k) visit(keys[0][i], keys[1][j], keys[2][k]);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = gridIndex(r * 0.0f + start[k] + r * 0.5f, r);
                 hi[k] = gridIndex(r * static_cast<float>(steps - 1) + start[k] + r * 0.5f, r);
@@ -228,13 +234,16 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 lo[k] = gridIndex(static_cast<float>(-reach) * p.size + p.pos[k], r);
                 hi[k] = gridIndex(static_cast<float>(reach) * p.size + p.pos[k], r);
             }
+            // Each axis's keys once, as for the coarse search.
+            std::int32_t keys[3][2 * MAX_FINE_REACH + 1];
+            for (int axis = 0; axis < 3; ++axis)
+                for (int i = -reach; i <= reach; ++i)
+                    keys[axis][i + reach] = gridIndex(static_cast<float>(i) * p.size + p.pos[axis], r);
             bool seen[125] = {};
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
                     for (int k = -reach; k <= reach; ++k) {
-                        const std::int32_t key[3] = {gridIndex(static_cast<float>(i) * p.size + p.pos[0], r),
-                                                     gridIndex(static_cast<float>(j) * p.size + p.pos[1], r),
-                                                     gridIndex(static_cast<float>(k) * p.size + p.pos[2], r)};
+                        const std::int32_t key[3] = {keys[0][i + reach], keys[1][j + reach], keys[2][k + reach]};
                         const int slot =
                             ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
                         if (slot >= 0 && slot < 125) {
