@@ -2,6 +2,7 @@
 // one logical thread a cell, writing only to its own cell.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "CellRecords.h"
@@ -15,6 +16,18 @@ namespace SurfaceReconstruction {
 // floating-point options than the host's (contracted multiply-adds on a device), and one shared inline
 // definition would hand one unit's arithmetic to the other.
 namespace {
+
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+// Runs `kernel(i)` for every cell i in [0, n) on the host's cores, in small chunks handed out as the
+// threads come free: cells differ by orders of magnitude in their points, and equal shares of the cells
+// leave one core idle while the other walks the dense ones.
+template <class Kernel>
+void launchCellKernelOnHost(std::size_t n, const Kernel& kernel) {
+    const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(dynamic, 32)
+    for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
+}
+#endif
 
 // The multiple of a cell's edge that bounds its neighbourhood.
 TESSA_HD inline int fieldSearchFactor(float edge, float wide_search_edge) {
