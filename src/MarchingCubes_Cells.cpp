@@ -239,19 +239,49 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (int axis = 0; axis < 3; ++axis)
                 for (int i = -reach; i <= reach; ++i)
                     keys[axis][i + reach] = gridIndex(static_cast<float>(i) * p.size + p.pos[axis], r);
+            // The keys of one axis rise with the step, so each distinct key is a run of equal ones. When
+            // every key triple has its slot, a repeated key only meets a slot already seen: the distinct
+            // keys alone, in the same order, make the same visits.
+            std::int32_t distinct[3][2 * MAX_FINE_REACH + 1];
+            int distinct_count[3] = {0, 0, 0};
+            bool rising = true;
+            for (int axis = 0; axis < 3; ++axis)
+                for (int i = 0; i <= 2 * reach; ++i) {
+                    int& c = distinct_count[axis];
+                    if (c > 0 && keys[axis][i] == distinct[axis][c - 1]) continue;
+                    if (c > 0 && keys[axis][i] < distinct[axis][c - 1]) rising = false;
+                    distinct[axis][c++] = keys[axis][i];
+                }
+            const auto slotOf = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
+                return ((z - base[2]) * 3 + (y - base[1])) * 3 + (x - base[0]) + 13 * reach;
+            };
+            const int lowest_slot = slotOf(distinct[0][0], distinct[1][0], distinct[2][0]);
+            const int highest_slot = slotOf(distinct[0][distinct_count[0] - 1], distinct[1][distinct_count[1] - 1],
+                                            distinct[2][distinct_count[2] - 1]);
             bool seen[125] = {};
-            for (int i = -reach; i <= reach; ++i)
-                for (int j = -reach; j <= reach; ++j)
-                    for (int k = -reach; k <= reach; ++k) {
-                        const std::int32_t key[3] = {keys[0][i + reach], keys[1][j + reach], keys[2][k + reach]};
-                        const int slot =
-                            ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
-                        if (slot >= 0 && slot < 125) {
+            if (rising && lowest_slot >= 0 && highest_slot < 125) {
+                for (int i = 0; i < distinct_count[0]; ++i)
+                    for (int j = 0; j < distinct_count[1]; ++j)
+                        for (int k = 0; k < distinct_count[2]; ++k) {
+                            const int slot = slotOf(distinct[0][i], distinct[1][j], distinct[2][k]);
                             if (seen[slot]) continue;
                             seen[slot] = true;
+                            visit(distinct[0][i], distinct[1][j], distinct[2][k]);
                         }
-                        visit(key[0], key[1], key[2]);
-                    }
+            } else {
+                for (int i = -reach; i <= reach; ++i)
+                    for (int j = -reach; j <= reach; ++j)
+                        for (int k = -reach; k <= reach; ++k) {
+                            const std::int32_t key[3] = {keys[0][i + reach], keys[1][j + reach], keys[2][k + reach]};
+                            const int slot =
+                                ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
+                            if (slot >= 0 && slot < 125) {
+                                if (seen[slot]) continue;
+                                seen[slot] = true;
+                            }
+                            visit(key[0], key[1], key[2]);
+                        }
+            }
         }
         // A sparse cell, most often one at the outer layer of the band of cells around the surface, takes
         // one more ring of bins: with its few points alone it would be rejected or fit poorly, and every
