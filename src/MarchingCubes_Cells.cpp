@@ -118,7 +118,83 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         return true;
     };
 
-    for (std::size_t b = 0; b < bins_header.size(); ++b) {
+    // A block whose bins all ask for the default scale makes cells of one size only, one at each bin key
+    // and next to one, and no cell absorbs another: which bin makes a cell's record is then the first bin
+    // in bin order with the cell in its 3 x 3 x 3 neighbourhood, found for all cells at once on all cores.
+    // Only those first visits walk the tree, in the order the walk over all bins would make them; the
+    // others would find the record made.
+    const std::int64_t bin_count = static_cast<std::int64_t>(bins_header.size());
+    std::vector<std::uint32_t> first_visits;  // per bin, bit t: its t-th neighbour cell is a first visit
+    bool one_scale = bin_count > 0;
+#pragma omp parallel for schedule(static) reduction(&& : one_scale)
+    for (std::int64_t b = 0; b < bin_count; ++b)
+        one_scale = one_scale && static_cast<std::uint8_t>(bins_header[static_cast<std::size_t>(b)].bin_sub_scale) == 8;
+    if (one_scale) {
+        first_visits.assign(static_cast<std::size_t>(bin_count), 0u);
+        bool keys_agree = true;  // each cell's key is its bin's key plus the offset
+#pragma omp parallel for schedule(static) reduction(&& : keys_agree)
+        for (std::int64_t b = 0; b < bin_count; ++b) {
+            const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+            std::int32_t own[3];
+            gridKey(bin.center, r, own);
+            if (findBin(own[0], own[1], own[2]) != b) keys_agree = false;
+            // The bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index; a cell's
+            // first visitor is the smallest index of the 3 x 3 x 3 keys around the cell, taken axis by axis.
+            std::uint32_t ids[5][5][5];  // [x][y][z]
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 5; ++y)
+                    for (int z = 0; z < 5; ++z)
+                        ids[x][y][z] =
+                            static_cast<std::uint32_t>(findBin(own[0] + x - 2, own[1] + y - 2, own[2] + z - 2));
+            std::uint32_t along_z[5][5][3], along_y[5][3][3];
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 5; ++y)
+                    for (int z = 0; z < 3; ++z)
+                        along_z[x][y][z] = std::min({ids[x][y][z], ids[x][y][z + 1], ids[x][y][z + 2]});
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 3; ++y)
+                    for (int z = 0; z < 3; ++z)
+                        along_y[x][y][z] = std::min({along_z[x][y][z], along_z[x][y + 1][z], along_z[x][y + 2][z]});
+            std::uint32_t mask = 0;
+            int t = 0;
+            for (int dx = -1; dx <= 1; ++dx)
+                for (int dy = -1; dy <= 1; ++dy)
+                    for (int dz = -1; dz <= 1; ++dz, ++t) {
+                        const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
+                        std::int32_t key[3];
+                        gridKey(pos, r, key);
+                        if (key[0] != own[0] + dx || key[1] != own[1] + dy || key[2] != own[2] + dz) keys_agree = false;
+                        const int x = dx + 1, y = dy + 1, z = dz + 1;
+                        const std::uint32_t first =
+                            std::min({along_y[x][y][z], along_y[x + 1][y][z], along_y[x + 2][y][z]});
+                        if (first == static_cast<std::uint32_t>(b)) mask |= std::uint32_t{1} << t;
+                    }
+            first_visits[static_cast<std::size_t>(b)] = mask;
+        }
+        if (!keys_agree) first_visits.clear();
+    }
+    if (!first_visits.empty()) {
+        std::size_t cells = 0;
+        for (const std::uint32_t mask : first_visits) cells += static_cast<std::size_t>(bitCount64(mask));
+        records.reserve(cells);
+        pending.reserve(cells);
+    }
+
+    for (std::size_t b = 0; b < bins_header.size() && !first_visits.empty(); ++b) {
+        const BinsHeader& bin = bins_header[b];
+        const std::uint32_t word = 8u | (static_cast<std::uint32_t>(bin.bin_flags) << 8);
+        int t = 0;
+        bool ok = true;
+        for (int dx = -1; dx <= 1 && ok; ++dx)
+            for (int dy = -1; dy <= 1 && ok; ++dy)
+                for (int dz = -1; dz <= 1 && ok; ++dz, ++t) {
+                    if (((first_visits[b] >> t) & 1u) == 0) continue;
+                    const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
+                    ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
+                }
+    }
+
+    for (std::size_t b = 0; b < bins_header.size() && first_visits.empty(); ++b) {
         const BinsHeader& bin = bins_header[b];
         std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
         if (scale == static_cast<std::uint8_t>(SUB_SCALE_NANE)) {
