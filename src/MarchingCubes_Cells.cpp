@@ -261,16 +261,47 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     // The search of a record, around its position at the size of the bin that made it: `take` sees every
     // bin found, in search order. Returns the points found and whether the search was widened.
     const float wide_search_edge = m_device_params->wide_search_edge;
+    // What a search takes of a bin, apart from the large headers, which it would otherwise pull through
+    // the cache for two numbers.
+    std::vector<RelationCell2Bins_Device> runs(bins_header.size());
+#pragma omp parallel for schedule(static)
+    for (std::int64_t b = 0; b < bin_count; ++b)
+        runs[static_cast<std::size_t>(b)] = {bins_header[static_cast<std::size_t>(b)].point_offset,
+                                             bins_header[static_cast<std::size_t>(b)].point_count};
+    // findBin for the keys (x, y, z) to (x, y, z + n - 1), in that order: the part of the bit's place
+    // that x and y give is found once for the row.
+    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
+        if (!m_bitmap_valid) {
+            for (int k = 0; k < n; ++k) take(findBin(x, y, z + k));
+            return;
+        }
+        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
+        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
+        if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
+        const std::int64_t column = (dy >> 2) * m_bitmap_dim[0] + (dx >> 2);
+        const std::int64_t layer = m_bitmap_dim[1] * m_bitmap_dim[0];
+        const std::int64_t low = ((dy & 3) << 2) + (dx & 3);
+        for (int k = 0; k < n; ++k) {
+            const std::int64_t dz = static_cast<std::int64_t>(z) + k - m_bitmap_min[2];
+            if (dz < 0 || (dz >> 2) >= m_bitmap_dim[2]) continue;
+            const std::int64_t word_index = (dz >> 2) * layer + column;
+            const std::uint64_t word = m_bin_bitmap[static_cast<std::size_t>(word_index)];
+            const std::uint64_t below = std::uint64_t{1} << (((dz & 3) << 4) + low);
+            if ((word & below) == 0) continue;
+            take(m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[static_cast<std::size_t>(word_index)] +
+                                                        bitCount64(word & (below - 1)))]);
+        }
+    };
     const auto search = [&](const PendingSearch& p, auto&& take) {
         std::int32_t points = 0;
         bool widened = false;
-        const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
-            const std::int32_t id = findBin(x, y, z);
+        const auto found = [&](std::int32_t id) {
             if (id < 0) return;
-            const BinsHeader& bin = bins_header[static_cast<std::size_t>(id)];
-            points += bin.point_count;
-            take(bin);
+            const RelationCell2Bins_Device& run = runs[static_cast<std::size_t>(id)];
+            points += run.count;
+            take(run);
         };
+        const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) { found(findBin(x, y, z)); };
         // The bin keys that the search spans, for the wider search of a sparse cell.
         std::int32_t lo[3], hi[3];
         if (p.kind == SearchKind::Normal) {
@@ -279,7 +310,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             gridKey(p.pos, r, key);
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
-                    for (int k = -reach; k <= reach; ++k) visit(key[0] + i, key[1] + j, key[2] + k);
+                    visitRow(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1, found);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = key[k] - reach;
                 hi[k] = key[k] + reach;
@@ -364,13 +395,16 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         // dual cube it is a corner of would stay open.
         if (points < SPARSE_CELL_POINTS) {
             widened = true;
+            // Row by row along z: a row through the searched box takes its two ends only.
             for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
-                for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y)
-                    for (std::int32_t z = lo[2] - 1; z <= hi[2] + 1; ++z) {
-                        const bool searched =
-                            x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && z >= lo[2] && z <= hi[2];
-                        if (!searched) visit(x, y, z);
+                for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y) {
+                    if (x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && lo[2] <= hi[2]) {
+                        visitRow(x, y, lo[2] - 1, 1, found);
+                        visitRow(x, y, hi[2] + 1, 1, found);
+                    } else {
+                        visitRow(x, y, lo[2] - 1, hi[2] - lo[2] + 3, found);
                     }
+                }
         }
         return std::make_pair(points, widened);
     };
@@ -388,9 +422,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
 #pragma omp for schedule(dynamic, 64)
         for (std::int64_t i = 0; i < n; ++i) {
             const std::size_t start = list.size();
-            const auto result = search(pending[static_cast<std::size_t>(i)], [&list](const BinsHeader& bin) {
-                list.push_back({bin.point_offset, bin.point_count});
-            });
+            const auto result = search(pending[static_cast<std::size_t>(i)],
+                                       [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
             CellNode_Device& record = records[static_cast<std::size_t>(i)];
             record.point_count += result.first;
             if (result.second) record.rules |= CELL_WIDENED_SEARCH;
