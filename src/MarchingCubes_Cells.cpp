@@ -280,16 +280,23 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
         const std::int64_t column = (dy >> 2) * m_bitmap_dim[0] + (dx >> 2);
         const std::int64_t layer = m_bitmap_dim[1] * m_bitmap_dim[0];
-        const std::int64_t low = ((dy & 3) << 2) + (dx & 3);
-        for (int k = 0; k < n; ++k) {
-            const std::int64_t dz = static_cast<std::int64_t>(z) + k - m_bitmap_min[2];
-            if (dz < 0 || (dz >> 2) >= m_bitmap_dim[2]) continue;
-            const std::int64_t word_index = (dz >> 2) * layer + column;
-            const std::uint64_t word = m_bin_bitmap[static_cast<std::size_t>(word_index)];
-            const std::uint64_t below = std::uint64_t{1} << (((dz & 3) << 4) + low);
-            if ((word & below) == 0) continue;
-            take(m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[static_cast<std::size_t>(word_index)] +
-                                                        bitCount64(word & (below - 1)))]);
+        const int low = static_cast<int>(((dy & 3) << 2) + (dx & 3));
+        // The row's keys within the bitmap, then brick by brick along z: the row holds 4 bits of a
+        // brick's word, 16 apart, and only the bins there are looked at, in rising z.
+        const std::int64_t first = std::max<std::int64_t>(static_cast<std::int64_t>(z) - m_bitmap_min[2], 0);
+        const std::int64_t last =
+            std::min<std::int64_t>(static_cast<std::int64_t>(z) + n - 1 - m_bitmap_min[2], m_bitmap_dim[2] * 4 - 1);
+        for (std::int64_t brick = first >> 2; brick <= last >> 2; ++brick) {
+            std::uint64_t row = 0;
+            for (std::int64_t q = std::max(first, brick * 4); q <= std::min(last, brick * 4 + 3); ++q)
+                row |= std::uint64_t{1} << (low + 16 * (q & 3));
+            const std::size_t word_index = static_cast<std::size_t>(brick * layer + column);
+            const std::uint64_t word = m_bin_bitmap[word_index];
+            for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
+                const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
+                take(m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[word_index] +
+                                                            bitCount64(word & (below - 1)))]);
+            }
         }
     };
     const auto search = [&](const PendingSearch& p, auto&& take) {
