@@ -118,6 +118,43 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         return true;
     };
 
+    // The bins of the keys (x, y, z) to (x, y, z + n - 1), in that order: take(bin index, k) for the
+    // bin at z + k. The part of the bit's place that x and y give is found once for the row.
+    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
+        if (!m_bitmap_valid) {
+            for (int k = 0; k < n; ++k) {
+                const std::int32_t id = findBin(x, y, z + k);
+                if (id >= 0) take(id, k);
+            }
+            return;
+        }
+        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
+        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
+        if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
+        const std::int64_t column = (dy >> 2) * m_bitmap_dim[0] + (dx >> 2);
+        const std::int64_t layer = m_bitmap_dim[1] * m_bitmap_dim[0];
+        const int low = static_cast<int>(((dy & 3) << 2) + (dx & 3));
+        // The row's keys within the bitmap, then brick by brick along z: the row holds 4 bits of a
+        // brick's word, 16 apart, and only the bins there are looked at, in rising z.
+        const std::int64_t first = std::max<std::int64_t>(static_cast<std::int64_t>(z) - m_bitmap_min[2], 0);
+        const std::int64_t last =
+            std::min<std::int64_t>(static_cast<std::int64_t>(z) + n - 1 - m_bitmap_min[2], m_bitmap_dim[2] * 4 - 1);
+        for (std::int64_t brick = first >> 2; brick <= last >> 2; ++brick) {
+            std::uint64_t row = 0;
+            for (std::int64_t q = std::max(first, brick * 4); q <= std::min(last, brick * 4 + 3); ++q)
+                row |= std::uint64_t{1} << (low + 16 * (q & 3));
+            const std::size_t word_index = static_cast<std::size_t>(brick * layer + column);
+            const std::uint64_t word = m_bin_bitmap[word_index];
+            for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
+                const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
+                const int q = (__builtin_ctzll(below) - low) >> 4;
+                take(
+                    m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[word_index] + bitCount64(word & (below - 1)))],
+                    static_cast<int>(brick * 4 + q - (static_cast<std::int64_t>(z) - m_bitmap_min[2])));
+            }
+        }
+    };
+
     // A block whose bins all ask for the default scale makes cells of one size only, one at each bin key
     // and next to one, and no cell absorbs another: which bin makes a cell's record is then the first bin
     // in bin order with the cell in its 3 x 3 x 3 neighbourhood, found for all cells at once on all cores.
@@ -142,10 +179,12 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             // first visitor is the smallest index of the 3 x 3 x 3 keys around the cell, taken axis by axis.
             std::uint32_t ids[5][5][5];  // [x][y][z]
             for (int x = 0; x < 5; ++x)
-                for (int y = 0; y < 5; ++y)
-                    for (int z = 0; z < 5; ++z)
-                        ids[x][y][z] =
-                            static_cast<std::uint32_t>(findBin(own[0] + x - 2, own[1] + y - 2, own[2] + z - 2));
+                for (int y = 0; y < 5; ++y) {
+                    std::uint32_t* row = ids[x][y];
+                    for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
+                    visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
+                             [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
+                }
             std::uint32_t along_z[5][5][3], along_y[5][3][3];
             for (int x = 0; x < 5; ++x)
                 for (int y = 0; y < 5; ++y)
@@ -268,37 +307,6 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     for (std::int64_t b = 0; b < bin_count; ++b)
         runs[static_cast<std::size_t>(b)] = {bins_header[static_cast<std::size_t>(b)].point_offset,
                                              bins_header[static_cast<std::size_t>(b)].point_count};
-    // findBin for the keys (x, y, z) to (x, y, z + n - 1), in that order: the part of the bit's place
-    // that x and y give is found once for the row.
-    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
-        if (!m_bitmap_valid) {
-            for (int k = 0; k < n; ++k) take(findBin(x, y, z + k));
-            return;
-        }
-        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
-        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
-        if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
-        const std::int64_t column = (dy >> 2) * m_bitmap_dim[0] + (dx >> 2);
-        const std::int64_t layer = m_bitmap_dim[1] * m_bitmap_dim[0];
-        const int low = static_cast<int>(((dy & 3) << 2) + (dx & 3));
-        // The row's keys within the bitmap, then brick by brick along z: the row holds 4 bits of a
-        // brick's word, 16 apart, and only the bins there are looked at, in rising z.
-        const std::int64_t first = std::max<std::int64_t>(static_cast<std::int64_t>(z) - m_bitmap_min[2], 0);
-        const std::int64_t last =
-            std::min<std::int64_t>(static_cast<std::int64_t>(z) + n - 1 - m_bitmap_min[2], m_bitmap_dim[2] * 4 - 1);
-        for (std::int64_t brick = first >> 2; brick <= last >> 2; ++brick) {
-            std::uint64_t row = 0;
-            for (std::int64_t q = std::max(first, brick * 4); q <= std::min(last, brick * 4 + 3); ++q)
-                row |= std::uint64_t{1} << (low + 16 * (q & 3));
-            const std::size_t word_index = static_cast<std::size_t>(brick * layer + column);
-            const std::uint64_t word = m_bin_bitmap[word_index];
-            for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
-                const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
-                take(m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[word_index] +
-                                                            bitCount64(word & (below - 1)))]);
-            }
-        }
-    };
     const auto search = [&](const PendingSearch& p, auto&& take) {
         std::int32_t points = 0;
         bool widened = false;
@@ -309,6 +317,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             take(run);
         };
         const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) { found(findBin(x, y, z)); };
+        const auto found_in_row = [&](std::int32_t id, int) { found(id); };
         // The bin keys that the search spans, for the wider search of a sparse cell.
         std::int32_t lo[3], hi[3];
         if (p.kind == SearchKind::Normal) {
@@ -317,7 +326,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             gridKey(p.pos, r, key);
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
-                    visitRow(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1, found);
+                    visitRow(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1, found_in_row);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = key[k] - reach;
                 hi[k] = key[k] + reach;
@@ -406,10 +415,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
                 for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y) {
                     if (x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && lo[2] <= hi[2]) {
-                        visitRow(x, y, lo[2] - 1, 1, found);
-                        visitRow(x, y, hi[2] + 1, 1, found);
+                        visitRow(x, y, lo[2] - 1, 1, found_in_row);
+                        visitRow(x, y, hi[2] + 1, 1, found_in_row);
                     } else {
-                        visitRow(x, y, lo[2] - 1, hi[2] - lo[2] + 3, found);
+                        visitRow(x, y, lo[2] - 1, hi[2] - lo[2] + 3, found_in_row);
                     }
                 }
         }
