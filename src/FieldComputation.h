@@ -386,9 +386,11 @@ struct FieldDataWalk {
             if (counts && second_face != nullptr && dot0 > -0.5f) addToSecondFace(n, o);
             return;
         }
-        const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
-        const float d = sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]);
-        const float w = neighbourWeight(weight, d);
+        float w = 1.0f;  // the distance to the foot point counts only in a Gaussian weight
+        if (weight.gaussian) {
+            const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
+            w = neighbourWeight(weight, sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]));
+        }
         if (skirt_test) {
             for (int k = 0; k < 3; ++k) sheets[s].reach_sum[k] += o[k] * w;
             sheets[s].reach_weight += w;
