@@ -2,6 +2,7 @@
 // one logical thread a cell, writing only to its own cell.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "CellRecords.h"
@@ -16,6 +17,18 @@ namespace SurfaceReconstruction {
 // definition would hand one unit's arithmetic to the other.
 namespace {
 
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+// Runs `kernel(i)` for every cell i in [0, n) on the host's cores, in small chunks handed out as the
+// threads come free: cells differ by orders of magnitude in their points, and equal shares of the cells
+// leave one core idle while the other walks the dense ones.
+template <class Kernel>
+void launchCellKernelOnHost(std::size_t n, const Kernel& kernel) {
+    const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(dynamic, 32)
+    for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
+}
+#endif
+
 // The multiple of a cell's edge that bounds its neighbourhood.
 TESSA_HD inline int fieldSearchFactor(float edge, float wide_search_edge) {
     if (edge >= wide_search_edge) return 3;
@@ -23,6 +36,38 @@ TESSA_HD inline int fieldSearchFactor(float edge, float wide_search_edge) {
 }
 
 TESSA_HD inline float dot3f(const float a[3], const float b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+// A walk compares the length sqrtf(s) of a point's offset with a limit for every point. The root is
+// correctly rounded and does not fall as s grows, so each such comparison is one of s with a bound
+// found once a cell; these give the bounds, and the comparisons come out as with the root, NaN included.
+
+// The largest s whose root is at most `limit`: sqrtf(s) <= limit exactly when s <= the result.
+TESSA_HD inline float squareWithRootAtMost(float limit) {
+    if (!(limit == limit)) return limit;  // no s compares with a NaN
+    if (limit < 0.0f) return -1.0f;       // no length is below a negative limit
+    if (limit > 3.0e38f) return limit;    // beyond every finite root: every finite s, and an infinite one
+    float t = static_cast<float>(static_cast<double>(limit) * static_cast<double>(limit));
+    if (t > 3.4028234663852886e38f) t = 3.4028234663852886e38f;
+    while (t > 0.0f && sqrtf(t) > limit) t = nextafterf(t, 0.0f);
+    while (t < 3.4028234663852886e38f && !(sqrtf(nextafterf(t, 3.4028234663852886e38f)) > limit))
+        t = nextafterf(t, 3.4028234663852886e38f);
+    return t;
+}
+
+// The smallest s whose root is at least `limit`: sqrtf(s) < limit exactly when s < the result.
+TESSA_HD inline float squareWithRootAtLeast(float limit) {
+    if (!(limit == limit)) return limit;
+    if (limit <= 0.0f) return 0.0f;            // every length is at least a limit of 0 or below
+    if (limit > 3.0e38f) return limit * 2.0f;  // infinite: only an infinite s has such a root
+    float t = static_cast<float>(static_cast<double>(limit) * static_cast<double>(limit));
+    if (t > 3.4028234663852886e38f) t = 3.4028234663852886e38f;
+    while (t > 0.0f && !(sqrtf(nextafterf(t, 0.0f)) < limit)) t = nextafterf(t, 0.0f);
+    while (t < 3.4028234663852886e38f && sqrtf(t) < limit) t = nextafterf(t, 3.4028234663852886e38f);
+    if (sqrtf(t) < limit) t = t * 2.0f;  // even the largest finite s falls short: only an infinite one
+    return t;
+}
+
+TESSA_HD inline float squaredLength3f(const float o[3]) { return o[0] * o[0] + o[1] * o[1] + o[2] * o[2]; }
 
 // Calls visit(point) for every point the cell's relations reach, in relation order; a relation list
 // that would run past the relation array stops at its end.
@@ -41,7 +86,7 @@ namespace field_internal {
 // inside the radius, and the references of points point_count / 2 and point_count - 1.
 struct InitNormalFirstWalk {
     const CellNode_Device* cell;
-    float radius;
+    float inside_square;  // squareWithRootAtLeast(radius): strictly inside the radius below it
     float (*reference)[3];
     MomentSums* set0;
     int* count0;
@@ -49,9 +94,8 @@ struct InitNormalFirstWalk {
     TESSA_HD void operator()(const RawPointWithHash& p) {
         ++g;
         const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        const float d = sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]);
         const float n[3] = {p.nx, p.ny, p.nz};
-        if (dot3f(n, reference[0]) > 0.35f && d < radius) {
+        if (dot3f(n, reference[0]) > 0.35f && squaredLength3f(o) < inside_square) {
             accumulateCovariance(o, *set0);
             ++*count0;
         }
@@ -67,14 +111,13 @@ struct InitNormalFirstWalk {
 // Second walk: the points within the radius, the radius included, that agree with references 1 and 2.
 struct InitNormalSecondWalk {
     const CellNode_Device* cell;
-    float radius;
+    float reach_square;  // squareWithRootAtMost(radius): within the radius up to it
     const float (*reference)[3];
     MomentSums* sets;
     int* counts;
     TESSA_HD void operator()(const RawPointWithHash& p) {
         const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        const float d = sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]);
-        if (d > radius) return;
+        if (squaredLength3f(o) > reach_square) return;
         const float n[3] = {p.nx, p.ny, p.nz};
         for (int k = 1; k <= 2; ++k) {
             if (dot3f(n, reference[k]) > 0.35f) {
@@ -108,14 +151,15 @@ TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell
     MomentSums sets[3] = {};
     int counts[3] = {0, 0, 0};
 
-    field_internal::InitNormalFirstWalk first_walk{&cell, radius, reference, &sets[0], &counts[0], 0};
+    field_internal::InitNormalFirstWalk first_walk{
+        &cell, squareWithRootAtLeast(radius), reference, &sets[0], &counts[0], 0};
     walkCellPoints(cell, relations, relation_size, points, first_walk);
     if (static_cast<float>(counts[0]) / static_cast<float>(cell.point_count) >= 0.5f) {
         fitPlaneNormal(sets[0], counts[0], reference[0], cell.init_normal);
         return;
     }
 
-    field_internal::InitNormalSecondWalk second_walk{&cell, radius, reference, sets, counts};
+    field_internal::InitNormalSecondWalk second_walk{&cell, squareWithRootAtMost(radius), reference, sets, counts};
     walkCellPoints(cell, relations, relation_size, points, second_walk);
     int chosen = 0;
     if (counts[1] >= counts[0] && counts[1] >= counts[2]) {
@@ -176,20 +220,20 @@ struct FineNormalWalk {
     const CellNode_Device* cell;
     const DeviceParameters* params;
     float edge;
-    float radius;
-    float near_radius;
+    float reach_square;  // squareWithRootAtMost(radius)
+    float near_square;   // squareWithRootAtLeast(near radius)
     SheetSums* front;
     SheetSums* back;
     TESSA_HD void operator()(const RawPointWithHash& p) const {
         if (!pointCountsInCell(*cell, *params, edge, p)) return;
         const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        const float d = sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]);
-        if (d > radius) return;
+        const float square = squaredLength3f(o);
+        if (square > reach_square) return;
         const float n[3] = {p.nx, p.ny, p.nz};
         const float dot = dot3f(cell->init_normal, n);
         SheetSums* side = dot > 0.15f ? front : (dot < -0.15f ? back : nullptr);
         if (side == nullptr) return;
-        if (d < near_radius) {
+        if (square < near_square) {
             side->position_sum[0] += p.x;
             side->position_sum[1] += p.y;
             side->position_sum[2] += p.z;
@@ -215,7 +259,8 @@ TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell
     const float radius = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
     const float near_radius = edge * 4.0f;
     field_internal::SheetSums front = {}, back = {};
-    const field_internal::FineNormalWalk walk{&cell, &params, edge, radius, near_radius, &front, &back};
+    const field_internal::FineNormalWalk walk{
+        &cell, &params, edge, squareWithRootAtMost(radius), squareWithRootAtLeast(near_radius), &front, &back};
     walkCellPoints(cell, relations, relation_size, points, walk);
     if ((cell.word & 0x100u) != 0 && !field_internal::sideUsable(front) && !field_internal::sideUsable(back)) {
         cell.rules |= CELL_ALL_POINTS;
@@ -313,7 +358,7 @@ struct FieldDataWalk {
     const DeviceParameters* params;
     const VoxelFieldCenter* centres;
     float edge;
-    float radius;
+    float reach_square;  // squareWithRootAtMost(radius)
     float half_box;
     float lo[3];
     float sub_cell;
@@ -329,7 +374,7 @@ struct FieldDataWalk {
         if (!counts && !skirt_test) return;
         const float position[3] = {p.x, p.y, p.z};
         const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        if (sqrtf(o[0] * o[0] + o[1] * o[1] + o[2] * o[2]) > radius) return;
+        if (squaredLength3f(o) > reach_square) return;
         const float n[3] = {p.nx, p.ny, p.nz};
         int s;
         const float dot0 = dot3f(n, cell->fields[0].normal);
@@ -341,9 +386,11 @@ struct FieldDataWalk {
             if (counts && second_face != nullptr && dot0 > -0.5f) addToSecondFace(n, o);
             return;
         }
-        const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
-        const float d = sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]);
-        const float w = neighbourWeight(weight, d);
+        float w = 1.0f;  // the distance to the foot point counts only in a Gaussian weight
+        if (weight.gaussian) {
+            const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
+            w = neighbourWeight(weight, sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]));
+        }
         if (skirt_test) {
             for (int k = 0; k < 3; ++k) sheets[s].reach_sum[k] += o[k] * w;
             sheets[s].reach_weight += w;
@@ -472,7 +519,7 @@ TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2
         walk.half_box = box_edge * 0.5f;
         k = 4;
     }
-    walk.radius = edge * static_cast<float>(k);
+    walk.reach_square = squareWithRootAtMost(edge * static_cast<float>(k));
     for (int axis = 0; axis < 3; ++axis) walk.lo[axis] = cell.center[axis] - walk.half_box;
     walk.sub_cell = box_edge * 0.25f;
     field_internal::SheetField sheets[2] = {};

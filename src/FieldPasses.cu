@@ -56,6 +56,27 @@ struct computeFineFiledDatalKernel {
     }
 };
 
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+// On the host the three passes of a cell run one after the other in one item: each pass writes only its
+// own cell, so the order across cells does not matter, and the second and third walks find the cell's
+// neighbourhood still in the cache.
+struct computeCellFieldKernel {
+    int cell_node_size;
+    CellNode_Device* cell_nodes;
+    int relation_size;
+    const RelationCell2Bins_Device* relations;
+    const RawPointWithHash* points;
+    const DeviceParameters* params;
+    VoxelFieldCenter* centres;
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= cell_node_size) return;
+        computeInitNormal(cell_nodes[i], relations, relation_size, points, *params);
+        computeFineNormal(cell_nodes[i], relations, relation_size, points, *params, centres[i]);
+        computeFieldData(cell_nodes[i], relations, relation_size, points, *params, centres[i]);
+    }
+};
+#endif
+
 }  // namespace
 
 // The device computes the block when its memory holds the cells, relations and centres and the block's
@@ -80,12 +101,24 @@ int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* 
                                            RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
                                            VoxelFieldCenter* voxel_field_centers_dev) {
     const std::size_t n = static_cast<std::size_t>(cell_node_size);
+#if defined(TESSA_KERNEL_LAUNCH_CUDA)
     launchKernel(n, computeInitNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
                                             raw_points_dev, m_device_params_dev});
     launchKernel(n, computeFineNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
                                             raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
     launchKernel(n, computeFineFiledDatalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
                                                 raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
+#else
+    const computeCellFieldKernel kernel{cell_node_size, cell_nodes_dev,      relation_size,          relations_dev,
+                                        raw_points_dev, m_device_params_dev, voxel_field_centers_dev};
+#if defined(TESSALINE_GUARDED_DEVICE)
+    if (guarded::kernelPointersInDeviceMemory(kernel))
+#endif
+    {
+        const DeviceScope scope;
+        if (n > 0) launchCellKernelOnHost(n, kernel);
+    }
+#endif
     deviceSynchronize();
     const DeviceResult error = deviceGetLastError();
     if (error != DEVICE_SUCCESS) {

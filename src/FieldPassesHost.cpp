@@ -8,8 +8,8 @@
 
 namespace SurfaceReconstruction {
 
-// The host driver: the same passes over host memory, the first as one loop and the two others in a
-// second loop that runs both for a cell in one iteration.
+// The host driver: the same passes over host memory, all three for a cell in one iteration (each writes
+// only its own cell), the cells handed out in small chunks to balance the cores.
 int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells) {
     const int n = static_cast<int>(cells.cell_nodes.size());
     const int relation_size = static_cast<int>(cells.relations.size());
@@ -17,15 +17,13 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
     const RawPointWithHash* points = block.points->data();
     const DeviceParameters* params = m_device_params.get();
     CellNode_Device* nodes = cells.cell_nodes.data();
-    runOnHost(static_cast<std::size_t>(n),
-              [&](std::size_t i) { computeInitNormal(nodes[i], relations, relation_size, points, *params); });
-
     VoxelFieldCenter* centres = new (std::nothrow) VoxelFieldCenter[static_cast<std::size_t>(n)]();
     if (centres == nullptr) {
         m_last_error = "voxel_field_centers alloc failed.";
         return TESSALINE_OUT_OF_MEMORY;
     }
-    runOnHost(static_cast<std::size_t>(n), [&](std::size_t i) {
+    launchCellKernelOnHost(static_cast<std::size_t>(n), [&](std::size_t i) {
+        computeInitNormal(nodes[i], relations, relation_size, points, *params);
         computeFineNormal(nodes[i], relations, relation_size, points, *params, centres[i]);
         computeFieldData(nodes[i], relations, relation_size, points, *params, centres[i]);
     });

@@ -47,9 +47,12 @@ struct Absorption {
     std::int32_t from;
 };
 
+constexpr int MAX_FINE_REACH = 5;     // the largest reach of searchReach
+constexpr int MAX_COARSE_STEPS = 64;  // 3 x the largest ratio of a coarse cell to a bin (8 / 1), with room
+
 int searchReach(float size, float wide_search_edge) {
     if (size >= wide_search_edge) return 1;
-    return size > 0.05f ? 3 : 5;
+    return size > 0.05f ? 3 : MAX_FINE_REACH;
 }
 
 }  // namespace
@@ -115,7 +118,122 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         return true;
     };
 
-    for (std::size_t b = 0; b < bins_header.size(); ++b) {
+    // The bins of the keys (x, y, z) to (x, y, z + n - 1), in that order: take(bin index, k) for the
+    // bin at z + k. The part of the bit's place that x and y give is found once for the row.
+    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
+        if (!m_bitmap_valid) {
+            for (int k = 0; k < n; ++k) {
+                const std::int32_t id = findBin(x, y, z + k);
+                if (id >= 0) take(id, k);
+            }
+            return;
+        }
+        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
+        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
+        if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
+        const std::int64_t column = (dy >> 2) * m_bitmap_dim[0] + (dx >> 2);
+        const std::int64_t layer = m_bitmap_dim[1] * m_bitmap_dim[0];
+        const int low = static_cast<int>(((dy & 3) << 2) + (dx & 3));
+        // The row's keys within the bitmap, then brick by brick along z: the row holds 4 bits of a
+        // brick's word, 16 apart, and only the bins there are looked at, in rising z.
+        const std::int64_t first = std::max<std::int64_t>(static_cast<std::int64_t>(z) - m_bitmap_min[2], 0);
+        const std::int64_t last =
+            std::min<std::int64_t>(static_cast<std::int64_t>(z) + n - 1 - m_bitmap_min[2], m_bitmap_dim[2] * 4 - 1);
+        for (std::int64_t brick = first >> 2; brick <= last >> 2; ++brick) {
+            std::uint64_t row = 0;
+            for (std::int64_t q = std::max(first, brick * 4); q <= std::min(last, brick * 4 + 3); ++q)
+                row |= std::uint64_t{1} << (low + 16 * (q & 3));
+            const std::size_t word_index = static_cast<std::size_t>(brick * layer + column);
+            const std::uint64_t word = m_bin_bitmap[word_index];
+            for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
+                const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
+                const int q = (__builtin_ctzll(below) - low) >> 4;
+                take(
+                    m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[word_index] + bitCount64(word & (below - 1)))],
+                    static_cast<int>(brick * 4 + q - (static_cast<std::int64_t>(z) - m_bitmap_min[2])));
+            }
+        }
+    };
+
+    // A block whose bins all ask for the default scale makes cells of one size only, one at each bin key
+    // and next to one, and no cell absorbs another: which bin makes a cell's record is then the first bin
+    // in bin order with the cell in its 3 x 3 x 3 neighbourhood, found for all cells at once on all cores.
+    // Only those first visits walk the tree, in the order the walk over all bins would make them; the
+    // others would find the record made.
+    const std::int64_t bin_count = static_cast<std::int64_t>(bins_header.size());
+    std::vector<std::uint32_t> first_visits;  // per bin, bit t: its t-th neighbour cell is a first visit
+    bool one_scale = bin_count > 0;
+#pragma omp parallel for schedule(static) reduction(&& : one_scale)
+    for (std::int64_t b = 0; b < bin_count; ++b)
+        one_scale = one_scale && static_cast<std::uint8_t>(bins_header[static_cast<std::size_t>(b)].bin_sub_scale) == 8;
+    if (one_scale) {
+        first_visits.assign(static_cast<std::size_t>(bin_count), 0u);
+        bool keys_agree = true;  // each cell's key is its bin's key plus the offset
+#pragma omp parallel for schedule(static) reduction(&& : keys_agree)
+        for (std::int64_t b = 0; b < bin_count; ++b) {
+            const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+            std::int32_t own[3];
+            gridKey(bin.center, r, own);
+            if (findBin(own[0], own[1], own[2]) != b) keys_agree = false;
+            // The bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index; a cell's
+            // first visitor is the smallest index of the 3 x 3 x 3 keys around the cell, taken axis by axis.
+            std::uint32_t ids[5][5][5];  // [x][y][z]
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 5; ++y) {
+                    std::uint32_t* row = ids[x][y];
+                    for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
+                    visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
+                             [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
+                }
+            std::uint32_t along_z[5][5][3], along_y[5][3][3];
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 5; ++y)
+                    for (int z = 0; z < 3; ++z)
+                        along_z[x][y][z] = std::min({ids[x][y][z], ids[x][y][z + 1], ids[x][y][z + 2]});
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 3; ++y)
+                    for (int z = 0; z < 3; ++z)
+                        along_y[x][y][z] = std::min({along_z[x][y][z], along_z[x][y + 1][z], along_z[x][y + 2][z]});
+            std::uint32_t mask = 0;
+            int t = 0;
+            for (int dx = -1; dx <= 1; ++dx)
+                for (int dy = -1; dy <= 1; ++dy)
+                    for (int dz = -1; dz <= 1; ++dz, ++t) {
+                        const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
+                        std::int32_t key[3];
+                        gridKey(pos, r, key);
+                        if (key[0] != own[0] + dx || key[1] != own[1] + dy || key[2] != own[2] + dz) keys_agree = false;
+                        const int x = dx + 1, y = dy + 1, z = dz + 1;
+                        const std::uint32_t first =
+                            std::min({along_y[x][y][z], along_y[x + 1][y][z], along_y[x + 2][y][z]});
+                        if (first == static_cast<std::uint32_t>(b)) mask |= std::uint32_t{1} << t;
+                    }
+            first_visits[static_cast<std::size_t>(b)] = mask;
+        }
+        if (!keys_agree) first_visits.clear();
+    }
+    if (!first_visits.empty()) {
+        std::size_t cells = 0;
+        for (const std::uint32_t mask : first_visits) cells += static_cast<std::size_t>(bitCount64(mask));
+        records.reserve(cells);
+        pending.reserve(cells);
+    }
+
+    for (std::size_t b = 0; b < bins_header.size() && !first_visits.empty(); ++b) {
+        const BinsHeader& bin = bins_header[b];
+        const std::uint32_t word = 8u | (static_cast<std::uint32_t>(bin.bin_flags) << 8);
+        int t = 0;
+        bool ok = true;
+        for (int dx = -1; dx <= 1 && ok; ++dx)
+            for (int dy = -1; dy <= 1 && ok; ++dy)
+                for (int dz = -1; dz <= 1 && ok; ++dz, ++t) {
+                    if (((first_visits[b] >> t) & 1u) == 0) continue;
+                    const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
+                    ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
+                }
+    }
+
+    for (std::size_t b = 0; b < bins_header.size() && first_visits.empty(); ++b) {
         const BinsHeader& bin = bins_header[b];
         std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
         if (scale == static_cast<std::uint8_t>(SUB_SCALE_NANE)) {
@@ -184,16 +302,24 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     // The search of a record, around its position at the size of the bin that made it: `take` sees every
     // bin found, in search order. Returns the points found and whether the search was widened.
     const float wide_search_edge = m_device_params->wide_search_edge;
+    // What a search takes of a bin, apart from the large headers, which it would otherwise pull through
+    // the cache for two numbers.
+    std::vector<RelationCell2Bins_Device> runs(bins_header.size());
+#pragma omp parallel for schedule(static)
+    for (std::int64_t b = 0; b < bin_count; ++b)
+        runs[static_cast<std::size_t>(b)] = {bins_header[static_cast<std::size_t>(b)].point_offset,
+                                             bins_header[static_cast<std::size_t>(b)].point_count};
     const auto search = [&](const PendingSearch& p, auto&& take) {
         std::int32_t points = 0;
         bool widened = false;
-        const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
-            const std::int32_t id = findBin(x, y, z);
+        const auto found = [&](std::int32_t id) {
             if (id < 0) return;
-            const BinsHeader& bin = bins_header[static_cast<std::size_t>(id)];
-            points += bin.point_count;
-            take(bin);
+            const RelationCell2Bins_Device& run = runs[static_cast<std::size_t>(id)];
+            points += run.count;
+            take(run);
         };
+        const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) { found(findBin(x, y, z)); };
+        const auto found_in_row = [&](std::int32_t id, int) { found(id); };
         // The bin keys that the search spans, for the wider search of a sparse cell.
         std::int32_t lo[3], hi[3];
         if (p.kind == SearchKind::Normal) {
@@ -202,7 +328,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             gridKey(p.pos, r, key);
             for (int i = -reach; i <= reach; ++i)
                 for (int j = -reach; j <= reach; ++j)
-                    for (int k = -reach; k <= reach; ++k) visit(key[0] + i, key[1] + j, key[2] + k);
+                    visitRow(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1, found_in_row);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = key[k] - reach;
                 hi[k] = key[k] + reach;
@@ -212,12 +338,15 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             float start[3];
             for (int k = 0; k < 3; ++k) start[k] = p.pos[k] - h - 2 * h;
             const int steps = 3 * p.m;
+            if (steps > MAX_COARSE_STEPS) return std::make_pair(points, widened);
+            // Each axis's keys once: the key on one axis does not depend on the steps along the others.
+            std::int32_t keys[3][MAX_COARSE_STEPS];
+            for (int axis = 0; axis < 3; ++axis)
+                for (int i = 0; i < steps; ++i)
+                    keys[axis][i] = gridIndex(r * static_cast<float>(i) + start[axis] + r * 0.5f, r);
             for (int i = 0; i < steps; ++i)
                 for (int j = 0; j < steps; ++j)
-                    for (int k = 0; k < steps; ++k)
-                        visit(gridIndex(r * static_cast<float>(i) + start[0] + r * 0.5f, r),
-                              gridIndex(r * static_cast<float>(j) + start[1] + r * 0.5f, r),
-                              gridIndex(r * static_cast<float>(k) + start[2] + r * 0.5f, r));
+                    for (int k = 0; k < steps; ++k) visit(keys[0][i], keys[1][j], keys[2][k]);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = gridIndex(r * 0.0f + start[k] + r * 0.5f, r);
                 hi[k] = gridIndex(r * static_cast<float>(steps - 1) + start[k] + r * 0.5f, r);
@@ -230,34 +359,70 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 lo[k] = gridIndex(static_cast<float>(-reach) * p.size + p.pos[k], r);
                 hi[k] = gridIndex(static_cast<float>(reach) * p.size + p.pos[k], r);
             }
+            // Each axis's keys once, as for the coarse search.
+            std::int32_t keys[3][2 * MAX_FINE_REACH + 1];
+            for (int axis = 0; axis < 3; ++axis)
+                for (int i = -reach; i <= reach; ++i)
+                    keys[axis][i + reach] = gridIndex(static_cast<float>(i) * p.size + p.pos[axis], r);
+            // The keys of one axis rise with the step, so each distinct key is a run of equal ones. When
+            // every key triple has its slot, a repeated key only meets a slot already seen: the distinct
+            // keys alone, in the same order, make the same visits.
+            std::int32_t distinct[3][2 * MAX_FINE_REACH + 1];
+            int distinct_count[3] = {0, 0, 0};
+            bool rising = true;
+            for (int axis = 0; axis < 3; ++axis)
+                for (int i = 0; i <= 2 * reach; ++i) {
+                    int& c = distinct_count[axis];
+                    if (c > 0 && keys[axis][i] == distinct[axis][c - 1]) continue;
+                    if (c > 0 && keys[axis][i] < distinct[axis][c - 1]) rising = false;
+                    distinct[axis][c++] = keys[axis][i];
+                }
+            const auto slotOf = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
+                return ((z - base[2]) * 3 + (y - base[1])) * 3 + (x - base[0]) + 13 * reach;
+            };
+            const int lowest_slot = slotOf(distinct[0][0], distinct[1][0], distinct[2][0]);
+            const int highest_slot = slotOf(distinct[0][distinct_count[0] - 1], distinct[1][distinct_count[1] - 1],
+                                            distinct[2][distinct_count[2] - 1]);
             bool seen[125] = {};
-            for (int i = -reach; i <= reach; ++i)
-                for (int j = -reach; j <= reach; ++j)
-                    for (int k = -reach; k <= reach; ++k) {
-                        const std::int32_t key[3] = {gridIndex(static_cast<float>(i) * p.size + p.pos[0], r),
-                                                     gridIndex(static_cast<float>(j) * p.size + p.pos[1], r),
-                                                     gridIndex(static_cast<float>(k) * p.size + p.pos[2], r)};
-                        const int slot =
-                            ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
-                        if (slot >= 0 && slot < 125) {
+            if (rising && lowest_slot >= 0 && highest_slot < 125) {
+                for (int i = 0; i < distinct_count[0]; ++i)
+                    for (int j = 0; j < distinct_count[1]; ++j)
+                        for (int k = 0; k < distinct_count[2]; ++k) {
+                            const int slot = slotOf(distinct[0][i], distinct[1][j], distinct[2][k]);
                             if (seen[slot]) continue;
                             seen[slot] = true;
+                            visit(distinct[0][i], distinct[1][j], distinct[2][k]);
                         }
-                        visit(key[0], key[1], key[2]);
-                    }
+            } else {
+                for (int i = -reach; i <= reach; ++i)
+                    for (int j = -reach; j <= reach; ++j)
+                        for (int k = -reach; k <= reach; ++k) {
+                            const std::int32_t key[3] = {keys[0][i + reach], keys[1][j + reach], keys[2][k + reach]};
+                            const int slot =
+                                ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
+                            if (slot >= 0 && slot < 125) {
+                                if (seen[slot]) continue;
+                                seen[slot] = true;
+                            }
+                            visit(key[0], key[1], key[2]);
+                        }
+            }
         }
         // A sparse cell, most often one at the outer layer of the band of cells around the surface, takes
         // one more ring of bins: with its few points alone it would be rejected or fit poorly, and every
         // dual cube it is a corner of would stay open.
         if (points < SPARSE_CELL_POINTS) {
             widened = true;
+            // Row by row along z: a row through the searched box takes its two ends only.
             for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
-                for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y)
-                    for (std::int32_t z = lo[2] - 1; z <= hi[2] + 1; ++z) {
-                        const bool searched =
-                            x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && z >= lo[2] && z <= hi[2];
-                        if (!searched) visit(x, y, z);
+                for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y) {
+                    if (x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && lo[2] <= hi[2]) {
+                        visitRow(x, y, lo[2] - 1, 1, found_in_row);
+                        visitRow(x, y, hi[2] + 1, 1, found_in_row);
+                    } else {
+                        visitRow(x, y, lo[2] - 1, hi[2] - lo[2] + 3, found_in_row);
                     }
+                }
         }
         return std::make_pair(points, widened);
     };
@@ -275,9 +440,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
 #pragma omp for schedule(dynamic, 64)
         for (std::int64_t i = 0; i < n; ++i) {
             const std::size_t start = list.size();
-            const auto result = search(pending[static_cast<std::size_t>(i)], [&list](const BinsHeader& bin) {
-                list.push_back({bin.point_offset, bin.point_count});
-            });
+            const auto result = search(pending[static_cast<std::size_t>(i)],
+                                       [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
             CellNode_Device& record = records[static_cast<std::size_t>(i)];
             record.point_count += result.first;
             if (result.second) record.rules |= CELL_WIDENED_SEARCH;

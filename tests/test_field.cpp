@@ -1,6 +1,10 @@
 // The per-cell passes of the field computation on hand-made cells, and the plane fit and closed-form eigen
 // solver they rest on, against hand-made point sets and against Eigen's solver as an independent reference.
 #include <Eigen/Dense>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
 
 #include "FieldComputation.h"
 #include "PlaneFit.h"
@@ -352,6 +356,56 @@ void fit(const std::vector<std::array<float, 3>>& points, const float reference[
 }
 
 }  // namespace
+
+// The walks compare squared offsets with bounds instead of roots with radii: every comparison must come
+// out as the root's would, at the bounds themselves, at their neighbouring floats and at random lengths.
+TEST(RadiusBounds, SquaredComparisonsDecideAsTheRootComparisonsDo) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> exponent(-20.0f, 20.0f);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float max = std::numeric_limits<float>::max();
+    std::vector<float> limits = {0.0f,
+                                 -0.0f,
+                                 -1.0f,
+                                 1.0f,
+                                 0.1f,
+                                 0.7f,
+                                 1.4f,
+                                 2.5e19f,
+                                 1.0e30f,
+                                 max,
+                                 inf,
+                                 nan,
+                                 std::numeric_limits<float>::denorm_min()};
+    for (int i = 0; i < 3000; ++i) limits.push_back(std::pow(2.0f, exponent(rng)) * (1.0f + unit(rng)));
+    int compared = 0;
+    for (const float limit : limits) {
+        const float at_most = squareWithRootAtMost(limit);
+        const float at_least = squareWithRootAtLeast(limit);
+        std::vector<float> squares = {0.0f, max, inf, nan, limit * limit};
+        for (const float bound : {at_most, at_least}) {
+            if (!(bound == bound)) continue;
+            float below = bound, above = bound;
+            for (int step = 0; step < 3; ++step) {
+                squares.push_back(below);
+                squares.push_back(above);
+                below = std::nextafter(below, -inf);
+                above = std::nextafter(above, inf);
+            }
+        }
+        for (int i = 0; i < 20; ++i) squares.push_back(limit * limit * 2.0f * unit(rng));
+        for (const float square : squares) {
+            if (square < 0.0f) continue;  // a sum of squares is never negative
+            const float root = std::sqrt(square);
+            ASSERT_EQ(root > limit, square > at_most) << "limit " << limit << " square " << square;
+            ASSERT_EQ(root < limit, square < at_least) << "limit " << limit << " square " << square;
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 3000 * 20);
+}
 
 TEST(PlaneFit, DegenerateAndFlatSetsGiveTheAxisTheReferenceAsksFor) {
     std::vector<std::array<float, 3>> flat;

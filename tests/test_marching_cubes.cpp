@@ -1,5 +1,13 @@
 // The marching cubes stage: Morton codes, bins and their occupancy, the chunked path against the whole
 // block, cells and relations, thread counts, and the field of the whole stage on simulated surfaces.
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <random>
+#include <set>
+#include <tuple>
+#include <vector>
+
 #include "FakeDevices.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
@@ -324,6 +332,71 @@ TEST_F(CellsTest, RecordsAndRelationsAreTheSameForAnyThreadCount) {
                               relations[0].size() * sizeof(RelationCell2Bins_Device)),
                   0);
     }
+}
+
+// A block whose bins all ask for the default scale finds its cells' first visitors all at once; a block
+// with one other code walks every bin in order. The same bins must give the same records either way, and
+// the records must follow the order of first visits in bin order, each with its first visitor's word.
+TEST_F(CellsTest, OneScaleBlocksMakeTheRecordsOfTheBinOrderWalk) {
+    std::mt19937 rng(8);
+    std::uniform_int_distribution<int> pos(30, 45), flags(0, 3);
+    std::vector<BinsHeader> bins;
+    std::set<std::tuple<int, int, int>> keys;
+    int offset = 0;
+    while (bins.size() < 300) {
+        const int x = pos(rng), y = pos(rng), z = 40 + static_cast<int>(bins.size() % 4);
+        if (!keys.insert({x, y, z}).second) continue;
+        BinsHeader b = bin(x, y, z, 8, 1 + static_cast<int>(bins.size() % 40), offset);
+        b.bin_flags = static_cast<std::uint8_t>(flags(rng));
+        offset += b.point_count;
+        bins.push_back(b);
+    }
+    // The walk over all bins in order, as a model: each key's first visitor makes its record.
+    std::map<std::tuple<int, int, int>, std::uint32_t> made;
+    std::vector<std::tuple<int, int, int>> order;
+    for (const BinsHeader& b : bins) {
+        const int k[3] = {static_cast<int>(std::floor(b.center[0] / 0.5f)),
+                          static_cast<int>(std::floor(b.center[1] / 0.5f)),
+                          static_cast<int>(std::floor(b.center[2] / 0.5f))};
+        for (int dx = -1; dx <= 1; ++dx)
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dz = -1; dz <= 1; ++dz) {
+                    const std::tuple<int, int, int> key{k[0] + dx, k[1] + dy, k[2] + dz};
+                    if (made.count(key) != 0) continue;
+                    made[key] = 8u | (static_cast<std::uint32_t>(b.bin_flags) << 8);
+                    order.push_back(key);
+                }
+    }
+    const auto one_scale = cells(bins);
+    ASSERT_EQ(one_scale->cell_node_size.load(), static_cast<std::int32_t>(order.size()));
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        const CellNode_Device& record = one_scale->cell_nodes[i];
+        const std::tuple<int, int, int> key{static_cast<int>(std::floor(record.center[0] / 0.5f)),
+                                            static_cast<int>(std::floor(record.center[1] / 0.5f)),
+                                            static_cast<int>(std::floor(record.center[2] / 0.5f))};
+        ASSERT_EQ(key, order[i]) << "record " << i;
+        EXPECT_EQ(record.word, made[key]) << "record " << i;
+    }
+
+    // The same bins and one far bin of code 16 at the end: its cells come last and reach none of the others.
+    std::vector<CellNode_Device> first = one_scale->cell_nodes;
+    std::vector<RelationCell2Bins_Device> first_relations = one_scale->relations;
+    setUpStage(stage, 1000);  // a fresh octree
+    BinsHeader far = bin(90, 90, 90, 16, 3, offset);
+    far.occupancy[0] = 1;
+    bins.push_back(far);
+    const auto mixed = cells(bins);
+    ASSERT_GT(mixed->cell_node_size.load(), static_cast<std::int32_t>(first.size()));
+    for (std::size_t i = 0; i < first.size(); ++i) {
+        CellNode_Device a = first[i], b = mixed->cell_nodes[i];
+        a.cell = nullptr;  // addresses differ between trees
+        b.cell = nullptr;
+        ASSERT_EQ(std::memcmp(&a, &b, sizeof(CellNode_Device)), 0) << "record " << i;
+    }
+    ASSERT_GE(mixed->relations.size(), first_relations.size());
+    EXPECT_EQ(std::memcmp(mixed->relations.data(), first_relations.data(),
+                          first_relations.size() * sizeof(RelationCell2Bins_Device)),
+              0);
 }
 
 TEST_F(CellsTest, ScaleCodeZeroIsReportedAndCountsAsEight) {
