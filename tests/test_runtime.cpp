@@ -204,14 +204,3 @@ TEST(GpuSelection, InitGpuSelectsTheBestDeviceOrRetriesThreeTimesThenGivesUp) {
     EXPECT_EQ(message, "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.");
     EXPECT_GE(msSince(start), 300);  // a 100 ms pause after each of the three failures
 }
-
-#if !defined(TESSALINE_CUDA)
-TEST(GpuSelection, HostBackendPresentsOneUsableDevice) {
-    int count = 0;
-    ASSERT_EQ(deviceGetCount(&count), DEVICE_SUCCESS);
-    EXPECT_EQ(count, 1);
-    std::string message;
-    EXPECT_EQ(InitGPUCUDA(message), 0);
-    EXPECT_EQ(message, "sucess");
-}
-#endif
