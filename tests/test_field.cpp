@@ -435,31 +435,21 @@ TEST(PlaneFit, DegenerateAndFlatSetsGiveTheAxisTheReferenceAsksFor) {
     }
 }
 
-TEST(PlaneFit, CollinearSetGivesAVectorOrthogonalToTheLine) {
+TEST(PlaneFit, CollinearSetsAndAxesGiveAUnitVectorOrthogonalToThem) {
     std::vector<std::array<float, 3>> points;
-    const float dir[3] = {0.6f, 0.0f, 0.8f};
+    const float dir[3] = {0.6f, 0.0f, 0.8f}, reference[3] = {0, 1, 0};
     for (int i = -4; i <= 4; ++i) points.push_back({dir[0] * i, dir[1] * i, dir[2] * i});
     float normal[3];
-    const float reference[3] = {0, 1, 0};
     fit(points, reference, normal);
     EXPECT_NEAR(normal[0] * dir[0] + normal[1] * dir[1] + normal[2] * dir[2], 0.0f, 1e-5f);
     EXPECT_NEAR(normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2], 1.0f, 1e-5f);
-}
-
-TEST(PlaneFit, OrthogonalUnitSwitchesFormNearTheZAxis) {
-    double out[3];
-    const double near_z[3] = {1e-6, -1e-6, 1.0};  // within 1e-5 of |z|
-    orthogonalUnit(near_z, out);
-    EXPECT_EQ(out[0], 0.0);
-    EXPECT_NEAR(out[1], -1.0, 1e-9);
-    EXPECT_NEAR(out[2], -1e-6, 1e-9);
-    const double outside[3] = {2e-5, 0.0, 1.0};
-    orthogonalUnit(outside, out);
-    EXPECT_EQ(out[2], 0.0);
-    EXPECT_NEAR(out[1], 1.0, 1e-9);
-    for (const double* v : {near_z, outside}) {
+    // The helper behind it, on both sides of the switch of its form near the z axis and on the axis.
+    const double vectors[][3] = {{0, 0, 1}, {0, 0, -1}, {1e-6, -1e-6, 1.0}, {2e-5, 0.0, 1.0}, {0.3, -0.4, 0}};
+    for (const auto& v : vectors) {
+        double out[3];
         orthogonalUnit(v, out);
-        EXPECT_NEAR(out[0] * v[0] + out[1] * v[1] + out[2] * v[2], 0.0, 1e-12);
+        EXPECT_NEAR(out[0] * v[0] + out[1] * v[1] + out[2] * v[2], 0.0, 1e-12) << v[0] << " " << v[1];
+        EXPECT_NEAR(out[0] * out[0] + out[1] * out[1] + out[2] * out[2], 1.0, 1e-12) << v[0] << " " << v[1];
     }
 }
 

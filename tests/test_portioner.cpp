@@ -33,15 +33,6 @@ TEST_F(PortionerIntake, FrameOfExactlyTheSlotSizeFitsOneMoreDoesNot) {
     EXPECT_EQ(portioner.getLastError(), "no error!");  // a refused frame leaves no text
 }
 
-TEST_F(PortionerIntake, LaserIdOutsideZeroToSevenIsLeftAsItIsInTheApplicationsFrame) {
-    for (int id : {-1, 0, 7, 8, 1000}) {
-        auto f = frame(2);
-        f->frame_info.laser_id = id;
-        ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
-        EXPECT_EQ(f->frame_info.laser_id, id) << "laser_id " << id;
-    }
-}
-
 namespace {
 
 using BlockKey = std::tuple<int, int, int>;
