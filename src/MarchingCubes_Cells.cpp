@@ -55,6 +55,12 @@ int searchReach(float size, float wide_search_edge) {
     return size > 0.05f ? 3 : MAX_FINE_REACH;
 }
 
+// The word of the cells a bin makes: the scale, the flag byte of its points and their bits 16-31.
+std::uint32_t cellWord(const BinsHeader& bin, std::uint8_t scale) {
+    return static_cast<std::uint32_t>(scale) | (static_cast<std::uint32_t>(bin.bin_flags) << 8) |
+           (static_cast<std::uint32_t>(bin.word_high) << 16);
+}
+
 }  // namespace
 
 int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
@@ -221,7 +227,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
 
     for (std::size_t b = 0; b < bins_header.size() && !first_visits.empty(); ++b) {
         const BinsHeader& bin = bins_header[b];
-        const std::uint32_t word = 8u | (static_cast<std::uint32_t>(bin.bin_flags) << 8);
+        const std::uint32_t word = cellWord(bin, 8);
         int t = 0;
         bool ok = true;
         for (int dx = -1; dx <= 1 && ok; ++dx)
@@ -240,9 +246,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             std::printf("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
             scale = 8;  // its points are not lost: the bin counts as one of the default scale
         }
-        const std::uint32_t word = static_cast<std::uint32_t>(scale) |
-                                   (static_cast<std::uint32_t>(bin.bin_flags) << 8) |
-                                   (static_cast<std::uint32_t>(bin.word_high) << 16);
+        const std::uint32_t word = cellWord(bin, scale);
         bool ok = true;
         if (scale == 8) {
             for (int dx = -1; dx <= 1 && ok; ++dx)

@@ -226,5 +226,7 @@ TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTh
     // run of points is cut, its points come in another order and sums differ in the last bits.
     const bool identical = sameMesh(*bounded.mesh, *unbounded.mesh);
     std::printf("chunked and device paths: %s\n", identical ? "identical meshes" : "meshes differ");
-    if (!identical) EXPECT_LT(meshDeviation(*bounded.mesh, *unbounded.mesh), 1e-3f);
+    if (!identical) {
+        EXPECT_LT(meshDeviation(*bounded.mesh, *unbounded.mesh), 1e-3f);
+    }
 }
