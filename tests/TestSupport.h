@@ -22,6 +22,7 @@
 
 #include "Portioner.h"
 #include "RangeScan.h"
+#include "ScanSimulator.h"
 #include "tessaline/Tessaline.h"
 
 // Whether AddressSanitizer or ThreadSanitizer is built in: they reserve terabytes of address space.
@@ -115,6 +116,25 @@ inline Frames sphereScan(const Vec3f& centre, float radius, float spacing, int f
     return result;
 }
 
+// A simulated scan of the built-in part: at least `points` points, `rays` samples along a laser line.
+inline Frames simulatedScan(std::size_t points, int rays, std::vector<std::size_t> misregistered = {}) {
+    tessaline_tools::ScanSimulation settings;
+    settings.target_points = points;
+    settings.rays_per_line = rays;
+    settings.misregistered = std::move(misregistered);
+    return tessaline_tools::simulateScan(settings);
+}
+
+// Copies of the frames, each of which `change` may alter.
+inline Frames changedCopies(const Frames& frames, const std::function<void(std::size_t, FrameDataWithInfo&)>& change) {
+    Frames copies;
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        copies.push_back(std::make_shared<FrameDataWithInfo>(*frames[f]));
+        change(f, *copies.back());
+    }
+    return copies;
+}
+
 inline std::array<float, 3> triangleNormal(const TriangleXYZ& t) {
     const float u[3] = {t.xyz[3] - t.xyz[0], t.xyz[4] - t.xyz[1], t.xyz[5] - t.xyz[2]};
     const float v[3] = {t.xyz[6] - t.xyz[0], t.xyz[7] - t.xyz[1], t.xyz[8] - t.xyz[2]};
@@ -164,6 +184,12 @@ inline ::testing::AssertionResult deviceAndHostMeshesAgree(const MultiMeshData& 
                                          << host.xyz.size() << " triangles)";
 }
 
+// Whether `text` holds `part`; on failure the whole text is shown.
+inline ::testing::AssertionResult contains(const std::string& text, const std::string& part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "\"" << part << "\" not in: " << text;
+}
+
 // One whole session through the public handle; `before` runs after init and the resolution.
 struct Session {
     int status = -1;
@@ -173,19 +199,41 @@ struct Session {
     std::shared_ptr<MultiMeshData> mesh = std::make_shared<MultiMeshData>();
 };
 
+// The session with the library's lines left on standard output, for runs on several threads at once.
+inline Session runUncaptured(const Frames& frames, float resolution = 0.5f,
+                             const std::function<void(Tessaline&)>& before = nullptr) {
+    Session run;
+    Tessaline engine;
+    if (engine.init() != 0) return run;
+    engine.setResolution(resolution);
+    if (before) before(engine);
+    for (const auto& f : frames) run.refused += engine.addScanFrame_ALL(f) != 0 ? 1 : 0;
+    run.status = engine.process(run.mesh);
+    run.error = engine.getLastErrorMsg();
+    engine.deInit();
+    return run;
+}
+
 inline Session runSession(const Frames& frames, float resolution = 0.5f,
                           const std::function<void(Tessaline&)>& before = nullptr) {
     Session run;
-    run.output = quiet([&] {
-        Tessaline engine;
-        if (engine.init() != 0) return;
-        engine.setResolution(resolution);
-        if (before) before(engine);
-        for (const auto& f : frames) run.refused += engine.addScanFrame_ALL(f) != 0 ? 1 : 0;
-        run.status = engine.process(run.mesh);
-        run.error = engine.getLastErrorMsg();
-        engine.deInit();
+    const std::string output = quiet([&] { run = runUncaptured(frames, resolution, before); });
+    run.output = output;
+    return run;
+}
+
+// A simulated scan of about 40,000 points, made once for the whole test program and only read: its frames
+// carry markers and, in every third frame, a laser id outside 0 to 7 (read as 0).
+inline const Frames& smallScan() {
+    static const Frames frames = changedCopies(simulatedScan(40000, 300), [](std::size_t f, FrameDataWithInfo& frame) {
+        if (f % 3 == 0) frame.frame_info.laser_id = f % 2 ? 99 : -5;
     });
+    return frames;
+}
+
+// The session of that scan at the default resolution: what other runs of it must give.
+inline const Session& smallScanRun() {
+    static const Session run = runSession(smallScan());
     return run;
 }
 

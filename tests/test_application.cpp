@@ -13,61 +13,16 @@ using namespace testing_support;
 
 namespace {
 
-// A simulated scan whose frames carry markers and, in every third frame, a laser id outside 0 to 7.
-const Frames& scan() {
-    static const Frames frames = [] {
-        tessaline_tools::ScanSimulation settings;
-        settings.target_points = 40000;
-        settings.rays_per_line = 300;
-        Frames made = tessaline_tools::simulateScan(settings);
-        for (std::size_t f = 0; f < made.size(); f += 3) made[f]->frame_info.laser_id = f % 2 ? 99 : -5;
-        return made;
-    }();
-    return frames;
-}
-
-const Session& cleanRun() {
-    static const Session run = runSession(scan());
-    return run;
-}
-
-// Everything an application put into a frame, to see that the library changed nothing of it.
-struct FrameContents {
-    std::vector<Vec3f> xyz, nor, marker_xyz, marker_nor;
-    std::vector<std::int32_t> w, marker_ids;
-    std::vector<unsigned char> info;
-    explicit FrameContents(const FrameDataWithInfo& f)
-        : xyz(f.xyz),
-          nor(f.nor),
-          marker_xyz(f.marker_xyz),
-          marker_nor(f.marker_nor),
-          w(f.w),
-          marker_ids(f.marker_ids),
-          info(reinterpret_cast<const unsigned char*>(&f.frame_info),
-               reinterpret_cast<const unsigned char*>(&f.frame_info) + sizeof(FrameInfo)) {}
-    bool operator==(const FrameContents& o) const {
-        return xyz == o.xyz && nor == o.nor && marker_xyz == o.marker_xyz && marker_nor == o.marker_nor && w == o.w &&
-               marker_ids == o.marker_ids && info == o.info;
+// Whether the library left everything an application put into the frames as it was.
+bool sameContents(const Frames& a, const Frames& b) {
+    for (std::size_t f = 0; f < a.size(); ++f) {
+        const FrameDataWithInfo &x = *a[f], &y = *b[f];
+        if (x.xyz != y.xyz || x.nor != y.nor || x.w != y.w || x.marker_ids != y.marker_ids ||
+            x.marker_xyz != y.marker_xyz || x.marker_nor != y.marker_nor ||
+            std::memcmp(&x.frame_info, &y.frame_info, sizeof(FrameInfo)) != 0)
+            return false;
     }
-};
-
-std::vector<FrameContents> contentsOf(const Frames& frames) {
-    std::vector<FrameContents> result;
-    for (const auto& f : frames) result.emplace_back(*f);
-    return result;
-}
-
-// A session without capturing the output, for runs on several threads at once (the caller captures).
-Session runUncaptured(const Frames& frames, float resolution = 0.5f) {
-    Session run;
-    Tessaline engine;
-    if (engine.init() != 0) return run;
-    engine.setResolution(resolution);
-    for (const auto& f : frames) run.refused += engine.addScanFrame_ALL(f) != 0 ? 1 : 0;
-    run.status = engine.process(run.mesh);
-    run.error = engine.getLastErrorMsg();
-    engine.deInit();
-    return run;
+    return a.size() == b.size();
 }
 
 bool inProgress(const std::string& error) { return error.find("a run is in progress") != std::string::npos; }
@@ -75,20 +30,20 @@ bool inProgress(const std::string& error) { return error.find("a run is in progr
 }  // namespace
 
 TEST(SharedFrames, TwoEnginesOnTwoThreadsReadTheSameFramesAndEachGivesTheMeshOfARunAlone) {
-    ASSERT_EQ(cleanRun().status, 0) << cleanRun().error;
-    ASSERT_GT(cleanRun().mesh->xyz.size(), 1000u);
+    ASSERT_EQ(smallScanRun().status, 0) << smallScanRun().error;
+    ASSERT_GT(smallScanRun().mesh->xyz.size(), 1000u);
     std::size_t with_markers = 0;
-    for (const auto& f : scan()) with_markers += f->marker_ids.empty() ? 0 : 1;
+    for (const auto& f : smallScan()) with_markers += f->marker_ids.empty() ? 0 : 1;
     ASSERT_GT(with_markers, 0u);  // the frames carry markers: the lists that were once emptied
-    const std::vector<FrameContents> before = contentsOf(scan());
+    const Frames before = changedCopies(smallScan(), [](std::size_t, FrameDataWithInfo&) {});
 
     Session runs[2];
-    quiet([&] { onThreads(2, [&](int t) { runs[t] = runUncaptured(scan()); }); });
+    quiet([&] { onThreads(2, [&](int t) { runs[t] = runUncaptured(smallScan()); }); });
     for (const Session& run : runs) {
         ASSERT_EQ(run.status, 0) << run.error;
-        EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));
+        EXPECT_TRUE(sameMesh(*run.mesh, *smallScanRun().mesh));
     }
-    EXPECT_TRUE(contentsOf(scan()) == before);  // markers, laser ids, points: all as the application left them
+    EXPECT_TRUE(sameContents(smallScan(), before));  // markers, laser ids, points: all as the application left them
 }
 
 TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefusedAndTheRunIsUnharmed) {
@@ -117,8 +72,8 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
              std::function<int(ProcessStepInfo&)> other = [](ProcessStepInfo&) { return 0; };
              return e.setProcessStepCallBack(other);
          }},
-        {"addScanFrame_ALL", [](Tessaline& e) { return e.addScanFrame_ALL(scan()[0]); }},
-        {"addScanFrame_async", [](Tessaline& e) { return e.addScanFrame_async(scan()[0]); }},
+        {"addScanFrame_ALL", [](Tessaline& e) { return e.addScanFrame_ALL(smallScan()[0]); }},
+        {"addScanFrame_async", [](Tessaline& e) { return e.addScanFrame_async(smallScan()[0]); }},
         {"process",
          [](Tessaline& e) {
              auto other = std::make_shared<MultiMeshData>();
@@ -186,8 +141,8 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
         for (const TriangleXYZ& t : run.mesh->xyz)
             EXPECT_TRUE(std::all_of(t.xyz, t.xyz + 9, [](float v) { return std::isfinite(v); })) << resolution;
         if (run.mesh->xyz.empty()) {
-            EXPECT_NE(run.error.find("gave no triangles"), std::string::npos) << resolution << ": " << run.error;
-            EXPECT_NE(run.output.find(run.error), std::string::npos) << resolution;  // and in one diagnostic line
+            EXPECT_TRUE(contains(run.error, "gave no triangles")) << resolution;
+            EXPECT_TRUE(contains(run.output, run.error)) << resolution;  // and in one diagnostic line
         }
     }
     // Points too sparse for the resolution: the reason names the rule that rejected the cells.
@@ -198,8 +153,8 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
     const Session sparse = runSession({frameOf(scattered)});
     ASSERT_EQ(sparse.status, 0) << sparse.error;
     EXPECT_TRUE(sparse.mesh->xyz.empty());
-    EXPECT_NE(sparse.error.find("5000 points gave no triangles"), std::string::npos) << sparse.error;
-    EXPECT_NE(sparse.error.find("too sparse for the resolution"), std::string::npos) << sparse.error;
+    EXPECT_TRUE(contains(sparse.error, "5000 points gave no triangles"));
+    EXPECT_TRUE(contains(sparse.error, "too sparse for the resolution"));
     // A floor scanned in strips, its points 5 mm by 6.7 mm apart: flat and even, yet far too sparse for
     // cells of 0.5 mm. The run says so once, in the last error and in one line.
     Frames floor;
@@ -212,29 +167,9 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
     const Session flat = runSession(floor);
     ASSERT_EQ(flat.status, 0) << flat.error;
     EXPECT_TRUE(flat.mesh->xyz.empty());
-    EXPECT_NE(flat.error.find("20000 points gave no triangles"), std::string::npos) << flat.error;
-    EXPECT_NE(flat.error.find("too sparse for the resolution"), std::string::npos) << flat.error;
-    EXPECT_NE(flat.output.find(flat.error + "\n"), std::string::npos);
-}
-
-TEST(AbsurdSettings, NonFiniteOrNegativeLaserLimitsAreRefusedAndTheFormerOnesKept) {
-    ASSERT_EQ(cleanRun().status, 0) << cleanRun().error;
-    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
-    for (float min_edge : {nan, inf, -inf, -1.0f}) {
-        int result = -1;
-        std::string error;
-        const Session run = runSession(scan(), 0.5f, [&](Tessaline& engine) {
-            LaserInfo info{};
-            info.laser_id = 0;
-            info.min_edge = min_edge;
-            result = engine.setLaserInfo(info);
-            error = engine.getLastErrorMsg();
-        });
-        EXPECT_EQ(result, 1) << min_edge;
-        EXPECT_NE(error.find("min_edge must be a finite length"), std::string::npos) << min_edge << ": " << error;
-        ASSERT_EQ(run.status, 0) << run.error;
-        EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh)) << min_edge;  // as without the call
-    }
+    EXPECT_TRUE(contains(flat.error, "20000 points gave no triangles"));
+    EXPECT_TRUE(contains(flat.error, "too sparse for the resolution"));
+    EXPECT_TRUE(contains(flat.output, flat.error + "\n"));
 }
 
 TEST(AbsurdSettings, AHugeFrameLeavesTheEngineUsableForTheNextInit) {
@@ -254,9 +189,9 @@ TEST(AbsurdSettings, AHugeFrameLeavesTheEngineUsableForTheNextInit) {
     ASSERT_EQ(engine.deInit(), 0);
     for (int again = 0; again < 2; ++again) {
         ASSERT_EQ(engine.init(), 0) << engine.getLastErrorMsg();
-        for (const auto& f : scan()) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        for (const auto& f : smallScan()) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
         quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
-        EXPECT_TRUE(sameMesh(*mesh, *cleanRun().mesh));
+        EXPECT_TRUE(sameMesh(*mesh, *smallScanRun().mesh));
         ASSERT_EQ(engine.deInit(), 0);
     }
 }
@@ -340,8 +275,8 @@ TEST(MemoryGuard, TooLittleMemoryFailsWithATextNamingItAndTheNextGoodRunClearsIt
         starved = runSession(small);
     }
     EXPECT_EQ(starved.status, 66049);
-    EXPECT_NE(starved.error.find("memory guard: the process may use 100 MiB more"), std::string::npos) << starved.error;
-    EXPECT_NE(starved.output.find(starved.error), std::string::npos);
+    EXPECT_TRUE(contains(starved.error, "memory guard: the process may use 100 MiB more"));
+    EXPECT_TRUE(contains(starved.output, starved.error));
     {
         // 1 GiB is enough for this scan; the fixed 2.5 GiB of old would have refused it.
         FakeHostMemory fake("fed", 1024, {});
@@ -487,11 +422,10 @@ TEST(MemoryGuard, ABlockBeyondWhatTheProcessMayUseIsLeftOutAndTheRunSaysSo) {
         starved = runSession(both);
     }
     EXPECT_EQ(starved.status, 66049) << starved.error;
-    EXPECT_NE(starved.error.find("left out part of the scan: 1 of"), std::string::npos) << starved.error;
-    EXPECT_NE(starved.error.find("with " + std::to_string(plane_points) + " points"), std::string::npos)
-        << starved.error;
-    EXPECT_NE(starved.error.find("may use " + std::to_string(limit_mib) + " MiB"), std::string::npos) << starved.error;
-    EXPECT_NE(starved.output.find("[Tessaline_OPT] process left out block"), std::string::npos) << starved.output;
+    EXPECT_TRUE(contains(starved.error, "left out part of the scan: 1 of"));
+    EXPECT_TRUE(contains(starved.error, "with " + std::to_string(plane_points) + " points"));
+    EXPECT_TRUE(contains(starved.error, "may use " + std::to_string(limit_mib) + " MiB"));
+    EXPECT_TRUE(contains(starved.output, "[Tessaline_OPT] process left out block"));
     // The rest of the scan is there: the sphere's triangles, as in a run of the sphere alone.
     EXPECT_EQ(starved.mesh->xyz.size(), alone.mesh->xyz.size());
     for (const TriangleXYZ& t : starved.mesh->xyz) EXPECT_GT(t.xyz[0], 250.0f);

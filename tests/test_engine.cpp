@@ -12,7 +12,7 @@
 #include "ThreadPool.h"
 
 using namespace SurfaceReconstruction;
-using testing_support::quiet;
+using namespace testing_support;
 
 namespace {
 
@@ -209,11 +209,11 @@ TEST_F(EngineTest, OptimizedMarkersTakeTheirIndexAsId) {
 
 TEST_F(EngineTest, IntakeRefusesNullAndMismatchedFrames) {
     EXPECT_EQ(engine.addScanFrame(nullptr), 1);
-    EXPECT_NE(engine.getLastErrorMsg().find("null"), std::string::npos);
+    EXPECT_TRUE(contains(engine.getLastErrorMsg(), "null"));
     auto short_normals = makeFrame(4);
     short_normals->nor.pop_back();
     EXPECT_EQ(engine.addScanFrame(short_normals), 1);
-    EXPECT_NE(engine.getLastErrorMsg().find("xyz"), std::string::npos);
+    EXPECT_TRUE(contains(engine.getLastErrorMsg(), "xyz"));
     auto long_words = makeFrame(4);
     long_words->w.push_back(8);
     EXPECT_EQ(engine.addScanFrame(long_words), 1);
@@ -238,8 +238,8 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
     EXPECT_EQ(quietProcess(mesh, &out), 1);
     EXPECT_EQ(engine.getLastErrorMsg(),
               "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!");
-    EXPECT_NE(out.find("filter frame by markers (0 / 0) \n"), std::string::npos);
-    EXPECT_NE(out.find(" filterScanFrameByMarkers - elapsed time : "), std::string::npos);
+    EXPECT_TRUE(contains(out, "filter frame by markers (0 / 0) \n"));
+    EXPECT_TRUE(contains(out, " filterScanFrameByMarkers - elapsed time : "));
     EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 0u);
     EXPECT_EQ(mesh.get(), before);
     ASSERT_EQ(steps.size(), 1u);
@@ -284,15 +284,14 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     const std::string separator = "==========================================\n";
     for (std::size_t at = out.find(separator); at != std::string::npos; at = out.find(separator, at + 1)) ++separators;
     EXPECT_EQ(separators, 3u);
-    EXPECT_NE(out.find(" portioner - elapsed time : "), std::string::npos);
-    EXPECT_NE(out.find(" reconstructor - elapsed time : "), std::string::npos);
+    EXPECT_TRUE(contains(out, " portioner - elapsed time : "));
+    EXPECT_TRUE(contains(out, " reconstructor - elapsed time : "));
 
     // The run ended the life of its stages: a second one is refused before it takes a frame.
     auto later = makeFrame(3);
     ASSERT_EQ(engine.addScanFrame(later), 0);
     EXPECT_EQ(quietProcess(mesh), 1);
-    EXPECT_NE(engine.getLastErrorMsg().find("deInit and init come before the next one"), std::string::npos)
-        << engine.getLastErrorMsg();
+    EXPECT_TRUE(contains(engine.getLastErrorMsg(), "deInit and init come before the next one"));
     EXPECT_TRUE(engine.isInited());
     ASSERT_EQ(TestAccess::heldFrames(engine).size(), 1u);  // the frame added since is kept
     EXPECT_EQ(TestAccess::heldFrames(engine)[0], later);

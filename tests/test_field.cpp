@@ -131,6 +131,16 @@ TEST(InitNormals, AMajorityOfAgreeingPointsDecidesTheCell) {
         return Points{
             {0, 0, 0, 0, 0, 1}, {0.1f, 0, 0, 1, 0, 0}, {r, 0, 0, 0, 0, 1}, {-r, 0, 0, 0, 0, 1}, {0, r, 0, 0, 0, 1}};
     };
+    const Points three_agree = {{0, 0, 0, 0, 0, 1},
+                                {0.3f, 0, 0, 0, 0, 1},
+                                {0, 0.3f, 0, 0, 0, 1},
+                                {0.2f, 0.2f, 0.9f, 1, 0, 0},
+                                {-0.2f, 0.1f, -0.7f, 1, 0, 0}};
+    const Points two_agree = {{0, 0, 0, 0, 0, 1},
+                              {0.3f, 0, 0, 0, 0, 1},
+                              {0, 0.3f, 0, 1, 0, 0},
+                              {0.2f, 0.2f, 0.1f, 0, 1, 0},
+                              {-0.2f, 0.1f, 0.2f, 0, -1, 0}};
     const struct {
         const char* name;
         int flag;
@@ -138,24 +148,8 @@ TEST(InitNormals, AMajorityOfAgreeingPointsDecidesTheCell) {
         CellRejection rule;
         Points points;
     } rows[] = {
-        {"three of five agree: the fit runs on them, which span z = 0",
-         0,
-         1.0f,
-         CELL_KEPT,
-         {{0, 0, 0, 0, 0, 1},
-          {0.3f, 0, 0, 0, 0, 1},
-          {0, 0.3f, 0, 0, 0, 1},
-          {0.2f, 0.2f, 0.9f, 1, 0, 0},
-          {-0.2f, 0.1f, -0.7f, 1, 0, 0}}},
-        {"two of five agree, and no other majority",
-         -1,
-         0.0f,
-         CELL_NO_COMMON_NORMAL,
-         {{0, 0, 0, 0, 0, 1},
-          {0.3f, 0, 0, 0, 0, 1},
-          {0, 0.3f, 0, 1, 0, 0},
-          {0.2f, 0.2f, 0.1f, 0, 1, 0},
-          {-0.2f, 0.1f, 0.2f, 0, -1, 0}}},
+        {"three of five agree: the fit runs on them, which span z = 0", 0, 1.0f, CELL_KEPT, three_agree},
+        {"two of five agree, and no other majority", -1, 0.0f, CELL_NO_COMMON_NORMAL, two_agree},
         {"the second walk takes the larger set and its orientation", 0, -1.0f, CELL_KEPT, second_walk},
         {"points exactly at the radius count only in the second walk", -1, 0.0f, CELL_NO_COMMON_NORMAL, atRadius(1.5f)},
         {"points just inside the radius count in the first walk", 0, 1.0f, CELL_KEPT, atRadius(1.49f)},
@@ -199,23 +193,20 @@ TEST(FineNormals, EachSideOfFivePointsMakesASheetFrontFirst) {
     EXPECT_EQ(rejected.cell.fields[0].normal[2], 0.0f);
 }
 
-TEST(FineNormals, FarPointsOfASmallCellGiveNoCentroidAndNoSheet) {
+TEST(FineNormals, FarPointsOrAFitAcrossTheInitialNormalGiveNoSheet) {
     // Edge 0.1: search factor 7 (reach 0.7), near radius 0.4. Points at 0.5 count for the fit only.
-    CellCase c = sheetCase();
-    c.cell.half_size = 0.05f;
-    for (int i = 0; i < 6; ++i) c.add(0.5f * std::cos(1.0f * i), 0.5f * std::sin(1.0f * i), 0.0f, 0, 0, 1);
-    c.run(FINE, FINE);
-    EXPECT_EQ(c.cell.field_flag, 0);
-}
-
-TEST(FineNormals, AFitAcrossTheInitialNormalIsDropped) {
+    CellCase far = sheetCase();
+    far.cell.half_size = 0.05f;
+    for (int i = 0; i < 6; ++i) far.add(0.5f * std::cos(1.0f * i), 0.5f * std::sin(1.0f * i), 0.0f, 0, 0, 1);
     // Points on the plane x = 0 whose normals say +z: the fitted normal is x, across the initial normal.
-    CellCase c = sheetCase();
-    for (int i = 0; i < 8; ++i) c.add(0.0f, 0.05f * i - 0.2f, 0.03f * (i % 3) - 0.03f, 0, 0, 1);
-    c.run(FINE, FINE);
-    EXPECT_EQ(c.cell.field_flag, 0);
-    EXPECT_EQ(c.centres.sheet[0][0], 0.0f);
-    EXPECT_EQ(c.centres.sheet[0][2], 0.0f);
+    CellCase across = sheetCase();
+    for (int i = 0; i < 8; ++i) across.add(0.0f, 0.05f * i - 0.2f, 0.03f * (i % 3) - 0.03f, 0, 0, 1);
+    for (CellCase* c : {&far, &across}) {
+        c->run(FINE, FINE);
+        EXPECT_EQ(c->cell.field_flag, 0);
+        EXPECT_EQ(c->centres.sheet[0][0], 0.0f);
+        EXPECT_EQ(c->centres.sheet[0][2], 0.0f);
+    }
 }
 
 TEST(FineNormals, WordBitEightAndLaserLimitsFilterPoints) {
@@ -276,7 +267,7 @@ TEST(FieldValues, SmallCellsProjectTheirPointsOntoThePlane) {
     EXPECT_NEAR(c.cell.fields[0].value, -0.02f, 1e-6f);
 }
 
-TEST(FieldValues, RejectedAndEmptyCellsKeepTheirSlots) {
+TEST(FieldValues, RejectedAndEmptyCellsKeepTheirSlotsAndASheetWithoutAgreeingPointsIsNaN) {
     for (int flag : {-1, 0}) {
         CellCase c = valueCase(0.25f, 0.0f);
         c.cell.field_flag = flag;
@@ -286,9 +277,6 @@ TEST(FieldValues, RejectedAndEmptyCellsKeepTheirSlots) {
         EXPECT_EQ(c.cell.fields[0].occupancy, 0u) << flag;
         EXPECT_EQ(c.cell.fields[0].word, 0u) << flag;
     }
-}
-
-TEST(FieldValues, ASheetWithoutAgreeingPointsIsNaN) {
     CellCase c = valueCase(0.25f, 0.0f);
     for (int i = 0; i < 6; ++i) c.add(0.05f * i, 0.0f, 0.0f, 1, 0, 0);  // across the sheet's normal
     c.run(VALUES, VALUES);
@@ -366,19 +354,8 @@ TEST(RadiusBounds, SquaredComparisonsDecideAsTheRootComparisonsDo) {
     const float inf = std::numeric_limits<float>::infinity();
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float max = std::numeric_limits<float>::max();
-    std::vector<float> limits = {0.0f,
-                                 -0.0f,
-                                 -1.0f,
-                                 1.0f,
-                                 0.1f,
-                                 0.7f,
-                                 1.4f,
-                                 2.5e19f,
-                                 1.0e30f,
-                                 max,
-                                 inf,
-                                 nan,
-                                 std::numeric_limits<float>::denorm_min()};
+    const float tiny = std::numeric_limits<float>::denorm_min();
+    std::vector<float> limits = {0.0f, -0.0f, -1.0f, 1.0f, 0.1f, 0.7f, 1.4f, 2.5e19f, 1.0e30f, max, inf, nan, tiny};
     for (int i = 0; i < 3000; ++i) limits.push_back(std::pow(2.0f, exponent(rng)) * (1.0f + unit(rng)));
     int compared = 0;
     for (const float limit : limits) {

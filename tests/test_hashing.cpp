@@ -10,8 +10,7 @@
 #include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
-using testing_support::onThreads;
-using testing_support::quiet;
+using namespace testing_support;
 
 namespace {
 
@@ -24,6 +23,23 @@ int collidingX(std::uint32_t mask, int after = 0) {
 
 std::shared_ptr<HashParameters> smallParams(std::uint64_t buckets, std::uint64_t excess) {
     return std::make_shared<HashParameters>(HashParameters{buckets, buckets - 1, excess, 500000, 4, 10000});
+}
+
+// Each of `threads` threads asks `get` for every key of 0 to keys - 1, each thread in its own order: all
+// must get the same entry for a key, and a different one for each key. The entries, by key.
+template <class Entry, class Get>
+std::vector<Entry*> oneEntryPerKeyFromThreads(int threads, int keys, Get get) {
+    std::vector<std::vector<Entry*>> got(threads, std::vector<Entry*>(keys));
+    onThreads(threads, [&](int t) {
+        for (int i = 0; i < keys; ++i) {
+            const int key = (i * 7 + t * 13) % keys;  // 7 and `keys` share no factor: every key once
+            got[t][key] = get(key);
+        }
+    });
+    for (int t = 1; t < threads; ++t) EXPECT_TRUE(got[t] == got[0]) << "thread " << t;
+    EXPECT_EQ(std::count(got[0].begin(), got[0].end(), nullptr), 0);
+    EXPECT_EQ(std::set<Entry*>(got[0].begin(), got[0].end()).size(), static_cast<std::size_t>(keys));
+    return got[0];
 }
 
 }  // namespace
@@ -89,25 +105,18 @@ TEST(SimpleLineHash, CollisionGoesToTheFirstExcessEntryAndExhausts) {
 TEST(SimpleLineHash, ConcurrentInsertsAgreeOnOneEntryPerKey) {
     SimpleLineHash table;
     ASSERT_EQ(table.init(256, 20000), 0);  // few buckets: long chains, many races at chain ends
-    constexpr int THREADS = 8, KEYS = 3000;
-    std::vector<std::vector<SimpleLineHashEntry*>> got(THREADS, std::vector<SimpleLineHashEntry*>(KEYS));
-    onThreads(THREADS, [&](int t) {
-        for (int k = 0; k < KEYS; ++k) {
-            const int key = (k * 7 + t * 13) % KEYS;  // every thread inserts every key, in its own order
-            ASSERT_EQ(table.insert(key, -key, key / 3, got[t][key]), 0);
-        }
+    const auto entries = oneEntryPerKeyFromThreads<SimpleLineHashEntry>(8, 3000, [&](int key) {
+        SimpleLineHashEntry* e = nullptr;
+        return table.insert(key, -key, key / 3, e) == 0 ? e : nullptr;
     });
-    std::set<SimpleLineHashEntry*> distinct;
-    for (int k = 0; k < KEYS; ++k) {
-        SimpleLineHashEntry *e = got[0][k], *found = nullptr;
-        for (int t = 1; t < THREADS; ++t) ASSERT_EQ(got[t][k], e);
+    for (int k = 0; k < 3000; ++k) {
+        SimpleLineHashEntry *e = entries[k], *found = nullptr;
+        ASSERT_NE(e, nullptr);
         EXPECT_EQ(e->x, k);
         EXPECT_EQ(e->y, -k);
         ASSERT_EQ(table.find(k, -k, k / 3, found), 0);
         EXPECT_EQ(found, e);
-        distinct.insert(e);
     }
-    EXPECT_EQ(distinct.size(), static_cast<std::size_t>(KEYS));
 }
 
 TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
@@ -144,8 +153,7 @@ TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
         for (int k = 5; k < 20 && !refused; ++k) refused = table.findOrInsertHashEntry(k, k, k) == nullptr;
     });
     EXPECT_TRUE(refused);
-    EXPECT_NE(out.find("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"),
-              std::string::npos);
+    EXPECT_TRUE(contains(out, "---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"));
     for (int j = 0; j < 5; ++j) {
         EXPECT_EQ(table.findHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
         EXPECT_EQ(table.findOrInsertHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
@@ -156,26 +164,14 @@ TEST(HashTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
     HashTable table;
     auto global = std::make_shared<GlobalHashParams>();
     ASSERT_EQ(table.init(smallParams(64, 5000), global), 0);
-    constexpr int THREADS = 8, KEYS = 2000;
-    std::vector<std::vector<HashEntry*>> got(THREADS, std::vector<HashEntry*>(KEYS));
-    onThreads(THREADS, [&](int t) {
-        for (int i = 0; i < KEYS; ++i) {
-            const int key = (i * 11 + t * 5) % KEYS;
-            got[t][key] = table.findOrInsertHashEntry(key, 1, -key);
-        }
-    });
-    std::set<HashEntry*> distinct;
-    for (int key = 0; key < KEYS; ++key) {
-        HashEntry* e = got[0][key];
-        ASSERT_NE(e, nullptr);
-        for (int t = 1; t < THREADS; ++t) ASSERT_EQ(got[t][key], e);
-        EXPECT_EQ(table.findHashEntry(key, 1, -key), e);
-        distinct.insert(e);
-    }
-    EXPECT_EQ(distinct.size(), static_cast<std::size_t>(KEYS));
-    // Exactly one overflow slot was taken for each key that did not get a bucket slot.
+    const auto entries = oneEntryPerKeyFromThreads<HashEntry>(
+        8, 2000, [&](int key) { return table.findOrInsertHashEntry(key, 1, -key); });
     std::size_t in_overflow = 0;
-    for (HashEntry* e : distinct) in_overflow += (e - &table.slot(0)) >= 64 ? 1 : 0;
+    for (int key = 0; key < 2000; ++key) {
+        EXPECT_EQ(table.findHashEntry(key, 1, -key), entries[key]);
+        in_overflow += (entries[key] - &table.slot(0)) >= 64 ? 1 : 0;
+    }
+    // Exactly one overflow slot was taken for each key that did not get a bucket slot.
     EXPECT_EQ(static_cast<std::size_t>(global->cur_ExcessHash_Index.load() - 64), in_overflow);
 }
 

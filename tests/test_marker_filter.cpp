@@ -180,11 +180,8 @@ TEST(MarkerFilter, NoMarkersOrNoFramesChangeNothing) {
 }
 
 TEST(MarkerFilter, SimulatedFramesWithWrongPosesAreTheOnesRejected) {
-    tessaline_tools::ScanSimulation settings;
-    settings.target_points = 200000;
-    settings.rays_per_line = 150;  // small frames, many of them
-    settings.misregistered = {40, 41, 97, 150};
-    const auto frames = tessaline_tools::simulateScan(settings);
+    const std::vector<std::size_t> misregistered = {40, 41, 97, 150};
+    const auto frames = testing_support::simulatedScan(200000, 150, misregistered);  // small frames, many of them
     ASSERT_GT(frames.size(), 160u);
     const MarkerInfos truth = tessaline_tools::simulatedMarkers();
     auto markers = markersAt(truth.xyz);
@@ -199,7 +196,7 @@ TEST(MarkerFilter, SimulatedFramesWithWrongPosesAreTheOnesRejected) {
     for (const auto& f : passed) kept.insert(f.get());
     std::size_t rejected_good = 0;
     for (std::size_t f = 0; f < frames.size(); ++f) {
-        const bool wrong = std::count(settings.misregistered.begin(), settings.misregistered.end(), f) > 0;
+        const bool wrong = std::count(misregistered.begin(), misregistered.end(), f) > 0;
         const bool was_kept = kept.count(frames[f].get()) > 0;
         if (wrong) {
             EXPECT_FALSE(was_kept) << "misregistered frame " << f << " passed";

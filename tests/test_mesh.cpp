@@ -375,11 +375,8 @@ TEST(Spacing, OnlyUsablePointsCountAndTooFewGiveZero) {
     ASSERT_EQ(measurePointSpacing({frame, nullptr}, spacing), 0);
     EXPECT_EQ(spacing.points, 6u);
     EXPECT_FLOAT_EQ(spacing.median, 1.0f);
-    const struct {
-        std::shared_ptr<FrameDataWithInfo> frame;
-    } too_few[] = {{lattice(1, 1.0f)}, {lattice(1, 1.0f, 8, 5)}, {std::make_shared<FrameDataWithInfo>()}};
-    for (const auto& c : too_few) {
-        ASSERT_EQ(measurePointSpacing({c.frame}, spacing), 0);
+    for (const auto& too_few : {lattice(1, 1.0f), lattice(1, 1.0f, 8, 5), std::make_shared<FrameDataWithInfo>()}) {
+        ASSERT_EQ(measurePointSpacing({too_few}, spacing), 0);
         EXPECT_EQ(spacing.median, 0.0f);
         EXPECT_EQ(spacing.density, 0.0f);
         EXPECT_EQ(resolutionForSpacing(spacing), 0.0f);

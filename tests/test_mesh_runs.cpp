@@ -1,5 +1,5 @@
 // Whole runs. On scenes built in code: a sphere must become a closed surface on the sphere, the same for
-// any thread count and on repeat; a thin wall two surfaces; sharp edges, sparse points, a flagged zone
+// any thread count; a thin wall two surfaces; sharp edges, sparse points, a flagged zone
 // and block seams must give a mesh without holes and without surface beyond the points. On the real
 // scans: the reader, the engine's block count against a brute-force count, and the reference surface.
 #include <map>
@@ -116,22 +116,6 @@ TEST(MeshRuns, SameFramesSameMeshForAnyThreadCount) {
     const auto many = withThreads(manyThreads(), [&] { return meshOf(frames); });
     ASSERT_GT(one->xyz.size(), 100u);
     EXPECT_TRUE(sameMesh(*one, *many));
-}
-
-TEST(MeshRuns, ASecondRunAfterDeInitAndInitGivesTheSameMesh) {
-    const auto frames = sphereScan({10.0f, 10.0f, 10.0f}, 5.0f, 0.3f);
-    Tessaline engine;
-    std::shared_ptr<MultiMeshData> meshes[2];
-    for (auto& mesh : meshes) {
-        ASSERT_EQ(engine.init(), 0);
-        engine.setResolution(0.5f);
-        for (const auto& f : frames) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
-        mesh = std::make_shared<MultiMeshData>();
-        quiet([&] { ASSERT_EQ(engine.process(mesh), 0); });
-        ASSERT_EQ(engine.deInit(), 0);
-    }
-    ASSERT_GT(meshes[0]->xyz.size(), 100u);
-    EXPECT_TRUE(sameMesh(*meshes[0], *meshes[1]));
 }
 
 TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {

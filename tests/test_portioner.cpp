@@ -12,27 +12,6 @@
 using namespace SurfaceReconstruction;
 using namespace testing_support;
 
-class PortionerIntake : public ::testing::Test {
-protected:
-    void SetUp() override {
-        configurePortioner(portioner, 20, 256, 0.5f);
-        ASSERT_EQ(portioner.init(), 0);
-    }
-    static std::shared_ptr<FrameDataWithInfo> frame(std::size_t n) {
-        return frameOf(std::vector<Vec3f>(n, Vec3f{1, 2, 3}));
-    }
-    Portioner portioner;
-};
-
-TEST_F(PortionerIntake, FrameOfExactlyTheSlotSizeFitsOneMoreDoesNot) {
-    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(20)), 0);
-    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(21)), 1);
-    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(0)), 0);
-    EXPECT_EQ(portioner.addScanFrameWithoutModel(nullptr), 1);
-    EXPECT_EQ(TestAccess::waitingFrameCount(portioner), 2u);
-    EXPECT_EQ(portioner.getLastError(), "no error!");  // a refused frame leaves no text
-}
-
 namespace {
 
 using BlockKey = std::tuple<int, int, int>;
@@ -271,6 +250,19 @@ TEST(PortionerRuns, MarginRules) {
     EXPECT_EQ(blocks.at({1, 0, 0}).size(), 1u);  // a block whose margin gets nothing is not made
 }
 
+TEST(PortionerRuns, FrameOfExactlyTheSlotSizeFitsOneMoreDoesNot) {
+    Portioner portioner;
+    configurePortioner(portioner, 20, 256, 0.5f);
+    ASSERT_EQ(portioner.init(), 0);
+    const auto frame = [](std::size_t n) { return frameOf(std::vector<Vec3f>(n, Vec3f{1, 2, 3})); };
+    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(20)), 0);
+    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(21)), 1);
+    EXPECT_EQ(portioner.addScanFrameWithoutModel(frame(0)), 0);
+    EXPECT_EQ(portioner.addScanFrameWithoutModel(nullptr), 1);
+    EXPECT_EQ(TestAccess::waitingFrameCount(portioner), 2u);
+    EXPECT_EQ(portioner.getLastError(), "no error!");  // a refused frame leaves no text
+}
+
 TEST(PortionerRuns, PointsExactlyAtTheOriginAreSkipped) {
     // Both are skipped in the second pass: their blocks end up empty and are dropped.
     PortionerRun run({frameOf({{0.0f, 0.0f, 0.0f}, {-0.0f, 0.0f, -0.0f}, {200.0f, 200.0f, 200.0f}})});
@@ -317,7 +309,7 @@ TEST(PortionerRuns, ModelPathTakesBlocksFromTheModel) {
     ASSERT_EQ(portioner.addScanFrameWithModel(frameOf({{30, 30, 30}, {100, 30, 30}})), 0);
     ASSERT_EQ(portioner.addScanFrameWithModel(frameOf({{-30, 30, 30}})), 0);  // no block of the model holds it
     const std::string out = quiet([&] { ASSERT_EQ(portioner.processWithModel(), 0); });
-    EXPECT_NE(out.find("processScanFrameListKernel: cur_hash_entry == nullptr"), std::string::npos);
+    EXPECT_TRUE(contains(out, "processScanFrameListKernel: cur_hash_entry == nullptr"));
     EXPECT_EQ(totalPoints(portioner), 2u);  // (30,30,30) and (100,30,30), each in its own block only
 }
 
@@ -327,7 +319,7 @@ TEST(PortionerRuns, FailedDeviceAllocationIsReportedWithItsStatus) {
     Portioner portioner;
     configurePortioner(portioner, 0, 128, 0.5f);
     const std::string err = quietErr([&] { EXPECT_EQ(portioner.init(), 1); });
-    EXPECT_NE(err.find("cudaMalloc(&m_raw_surface_xyz_dev"), std::string::npos);
+    EXPECT_TRUE(contains(err, "cudaMalloc(&m_raw_surface_xyz_dev"));
     EXPECT_EQ(portioner.getLastError(), "[Portioner] init try catch error!");
     EXPECT_FALSE(portioner.isInited());
 }
@@ -349,8 +341,7 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
         std::unique_ptr<PortionerRun> run;
         err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
         EXPECT_NE(run->status, 0) << "launch " << k;
-        EXPECT_NE(err.find("code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\""), std::string::npos)
-            << "launch " << k << ": " << err;
+        EXPECT_TRUE(contains(err, "code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\"")) << "launch " << k;
     }
 }
 

@@ -3,38 +3,12 @@
 #include <sys/resource.h>
 
 #include "FakeDevices.h"
-#include "ScanSimulator.h"
 #include "TestSupport.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
 
 namespace {
-
-const Frames& scan() {
-    static const Frames frames = [] {
-        tessaline_tools::ScanSimulation settings;
-        settings.target_points = 40000;
-        settings.rays_per_line = 300;
-        return tessaline_tools::simulateScan(settings);
-    }();
-    return frames;
-}
-
-const Session& cleanRun() {
-    static const Session run = runSession(scan());
-    return run;
-}
-
-// The scan with frame copies that `change` may alter.
-Frames changedScan(const std::function<void(std::size_t, FrameDataWithInfo&)>& change) {
-    Frames frames;
-    for (std::size_t f = 0; f < scan().size(); ++f) {
-        frames.push_back(std::make_shared<FrameDataWithInfo>(*scan()[f]));
-        change(f, *frames.back());
-    }
-    return frames;
-}
 
 // A figure of /proc/self/status ("VmRSS:", "VmPeak:"), in MiB; 0 where it is missing.
 double statusMiB(const std::string& key) {
@@ -48,34 +22,32 @@ double statusMiB(const std::string& key) {
 }  // namespace
 
 TEST(BadInput, UnusablePointsAreDroppedAndCountedAndTheRestGivesTheSameMesh) {
-    ASSERT_EQ(cleanRun().status, 0) << cleanRun().error;
-    ASSERT_GT(cleanRun().mesh->xyz.size(), 1000u);
+    ASSERT_EQ(smallScanRun().status, 0) << smallScanRun().error;
+    ASSERT_GT(smallScanRun().mesh->xyz.size(), 1000u);
     const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
     // Six unusable points in a frame of their own: NaN and infinite positions and normals, a normal of
     // length 0, and a position far beyond the grid.
     auto bad = frameOf({{nan, 0, 0}, {0, inf, 0}, {1, 1, 1}, {1, 1, 1}, {1, 1, 1}, {1e12f, 0, 0}},
                        {{0, 0, 1}, {0, 0, 1}, {nan, 0, 1}, {0, -inf, 0}, {0, 0, 0}, {0, 0, 1}});
-    Frames frames = scan();
+    Frames frames = smallScan();
     frames.insert(frames.begin() + 3, bad);
     const Session run = runSession(frames);
     ASSERT_EQ(run.status, 0) << run.error;
-    EXPECT_NE(run.output.find("addScanFrame: 6 points dropped"), std::string::npos) << run.output;
-    EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh));  // nothing of them reaches the mesh
-    EXPECT_TRUE(std::isnan(bad->xyz[0][0]));             // the application's frame is left as it was
+    EXPECT_TRUE(contains(run.output, "addScanFrame: 6 points dropped"));
+    EXPECT_TRUE(sameMesh(*run.mesh, *smallScanRun().mesh));  // nothing of them reaches the mesh
+    EXPECT_TRUE(std::isnan(bad->xyz[0][0]));                 // the application's frame is left as it was
 
     // Unknown scale codes become one cell a bin, flags kept: the same as asking for 8.
     const auto recode = [](std::int32_t odd, std::int32_t even) {
-        return changedScan([=](std::size_t f, FrameDataWithInfo& frame) {
+        return changedCopies(smallScan(), [=](std::size_t f, FrameDataWithInfo& frame) {
             if (f != 1) return;
             for (std::size_t i = 0; i < frame.w.size(); ++i) frame.w[i] = (i % 2 ? odd : even) | 0x200;
         });
     };
     const Session a = runSession(recode(3, 200)), b = runSession(recode(8, 8));
     ASSERT_EQ(a.status, 0) << a.error;
-    EXPECT_NE(a.output.find("0 points dropped (not finite, normal of length 0 or beyond the grid), " +
-                            std::to_string(scan()[1]->w.size()) + " scale codes not 0-64 set to 8"),
-              std::string::npos)
-        << a.output;
+    EXPECT_TRUE(contains(a.output, "0 points dropped (not finite, normal of length 0 or beyond the grid), " +
+                                       std::to_string(smallScan()[1]->w.size()) + " scale codes not 0-64 set to 8"));
     EXPECT_TRUE(sameMesh(*a.mesh, *b.mesh));
 }
 
@@ -88,7 +60,7 @@ TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
     for (const auto& c : empty_cases) {
         const Session run = runSession(c.second);
         EXPECT_EQ(run.status, 1) << c.first;
-        EXPECT_NE(run.error.find("no usable points"), std::string::npos) << c.first << ": " << run.error;
+        EXPECT_TRUE(contains(run.error, "no usable points")) << c.first;
         EXPECT_TRUE(run.mesh->xyz.empty()) << c.first;
     }
     // A point, or a thousand on one spot, hold no surface: status 0 and (next to) no triangles.
@@ -106,33 +78,50 @@ TEST(BadInput, DegenerateScansEndWithAStatusAndNoCrash) {
 }
 
 TEST(BadInput, SettingsOutOfRangeAreRefusedAndTheFormerOnesKept) {
-    for (float resolution :
-         {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+    // A resolution that is not a positive length, a laser limit that is not a finite length of 0 or more:
+    // the call is refused with its reason, and the run goes on at the former settings.
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    const struct {
+        bool laser;
+        float value;
+    } rows[] = {{false, 0.0f}, {false, -1.0f}, {false, nan}, {false, inf},
+                {true, nan},   {true, inf},    {true, -inf}, {true, -1.0f}};
+    for (const auto& row : rows) {
+        int result = 1;
         std::string error;
-        const Session run = runSession(scan(), 0.5f, [&](Tessaline& engine) {
-            engine.setResolution(resolution);
+        const Session run = runSession(smallScan(), 0.5f, [&](Tessaline& engine) {
+            if (row.laser) {
+                LaserInfo info{};
+                info.laser_id = 0;
+                info.min_edge = row.value;
+                result = engine.setLaserInfo(info);
+            } else {
+                engine.setResolution(row.value);
+            }
             error = engine.getLastErrorMsg();
         });
-        EXPECT_NE(error.find("resolution must be between"), std::string::npos) << resolution;
+        SCOPED_TRACE((row.laser ? "min_edge " : "resolution ") + std::to_string(row.value));
+        EXPECT_EQ(result, 1);
+        EXPECT_TRUE(contains(error, row.laser ? "min_edge must be a finite length" : "resolution must be between"));
         ASSERT_EQ(run.status, 0) << run.error;
-        EXPECT_TRUE(sameMesh(*run.mesh, *cleanRun().mesh)) << resolution;  // run at the former 0.5
+        EXPECT_TRUE(sameMesh(*run.mesh, *smallScanRun().mesh));  // as without the call
     }
     // A laser id outside 0-7 is read as 0; a scan of one laser gives the same mesh either way.
-    const Session a = runSession(
-        changedScan([](std::size_t f, FrameDataWithInfo& frame) { frame.frame_info.laser_id = f % 2 ? 99 : -5; }));
-    const Session b =
-        runSession(changedScan([](std::size_t, FrameDataWithInfo& frame) { frame.frame_info.laser_id = 0; }));
+    const Session a = runSession(changedCopies(
+        smallScan(), [](std::size_t f, FrameDataWithInfo& frame) { frame.frame_info.laser_id = f % 2 ? 99 : -5; }));
+    const Session b = runSession(
+        changedCopies(smallScan(), [](std::size_t, FrameDataWithInfo& frame) { frame.frame_info.laser_id = 0; }));
     ASSERT_EQ(a.status, 0) << a.error;
     EXPECT_TRUE(sameMesh(*a.mesh, *b.mesh));
 }
 
 TEST(BadInput, AFrameSpoiledBetweenAddAndProcessIsScreenedAsItIsThen) {
-    auto spoiled = std::make_shared<FrameDataWithInfo>(*scan()[0]);
-    Frames frames = scan();
+    auto spoiled = std::make_shared<FrameDataWithInfo>(*smallScan()[0]);
+    Frames frames = smallScan();
     frames[0] = spoiled;
     const Session run = runSession(frames, 0.5f, [&](Tessaline&) { spoiled->nor[5] = {0, 0, 0}; });
     ASSERT_EQ(run.status, 0) << run.error;
-    EXPECT_NE(run.output.find("addScanFrame: 1 points dropped"), std::string::npos) << run.output;
+    EXPECT_TRUE(contains(run.output, "addScanFrame: 1 points dropped"));
 }
 
 TEST(Soak, TwentyRunsOfDifferentSizesUnderAnAddressSpaceLimitKeepMemoryFlatAndMeshesIdentical) {
@@ -141,10 +130,7 @@ TEST(Soak, TwentyRunsOfDifferentSizesUnderAnAddressSpaceLimitKeepMemoryFlatAndMe
     std::vector<Frames> scans;
     std::vector<std::shared_ptr<MultiMeshData>> alone;
     for (std::size_t points : {15000, 40000, 90000, 160000}) {
-        tessaline_tools::ScanSimulation settings;
-        settings.target_points = points;
-        settings.rays_per_line = 300;
-        scans.push_back(tessaline_tools::simulateScan(settings));
+        scans.push_back(simulatedScan(points, 300));
         const Session run = runSession(scans.back());
         ASSERT_EQ(run.status, 0) << points << " points: " << run.error;
         ASSERT_GT(run.mesh->xyz.size(), 0u);
@@ -180,14 +166,13 @@ TEST(Soak, TwentyRunsOfDifferentSizesUnderAnAddressSpaceLimitKeepMemoryFlatAndMe
 }
 
 TEST(MemoryBounds, ADeviceWithLittleFreeMemoryFallsBackToTheHostWithTheSameMesh) {
-    ASSERT_EQ(cleanRun().status, 0);
+    ASSERT_EQ(smallScanRun().status, 0);
     FakeDevices fake;
     fake.free_bytes = 8u << 20;  // 8 MiB reported free
-    const Session run = runSession(scan());
+    const Session run = runSession(smallScan());
     ASSERT_EQ(run.status, 0) << run.error;
-    EXPECT_NE(run.output.find("[warining]: memory lacked, computeFiledData on Host\n"), std::string::npos)
-        << run.output;
-    EXPECT_TRUE(deviceAndHostMeshesAgree(*cleanRun().mesh, *run.mesh));
+    EXPECT_TRUE(contains(run.output, "[warining]: memory lacked, computeFiledData on Host\n"));
+    EXPECT_TRUE(deviceAndHostMeshesAgree(*smallScanRun().mesh, *run.mesh));
 }
 
 TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTheDeviceRun) {
@@ -216,8 +201,8 @@ TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTh
     };
     const Session bounded = runWith(64u << 20);
     ASSERT_EQ(bounded.status, 0) << bounded.error;
-    EXPECT_NE(bounded.output.find("[warining]: memory lacked, generateBins on Host\n"), std::string::npos);
-    EXPECT_NE(bounded.output.find("[warining]: memory lacked, computeFiledData on Host\n"), std::string::npos);
+    EXPECT_TRUE(contains(bounded.output, "[warining]: memory lacked, generateBins on Host\n"));
+    EXPECT_TRUE(contains(bounded.output, "[warining]: memory lacked, computeFiledData on Host\n"));
     const Session unbounded = runWith(3ull << 30);
     ASSERT_EQ(unbounded.status, 0) << unbounded.error;
     EXPECT_EQ(unbounded.output.find("[warining]"), std::string::npos);

@@ -1,10 +1,14 @@
 // The command-line program and what it rests on: PLY point clouds in every layout and malformed ones,
 // welding and the mesh formats, the built-in part, the scanner simulation, surface comparison, pictures,
-// and the program's answers to good and bad input.
+// and the program's answers to good and bad input; then the program as a user meets it: the resolution
+// chosen from the points, warnings for a mesh too small for its points, a clean standard output (library
+// lines only with --verbose, --json), finishing options, and every format it writes read back.
 #include <png.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <iterator>
 
 #include "MeshIO.h"
@@ -130,8 +134,8 @@ TEST(PointCloudFiles, MalformedFilesGiveOneClearError) {
     for (const auto& [path, expected] : cases) {
         tessaline_tools::PointCloudReadInfo info;
         const std::string error = errorOf([&] { tessaline_tools::readPlyPointCloud(path, 1.0f, 8, info); });
-        EXPECT_NE(error.find(expected), std::string::npos) << path << ": " << error;
-        EXPECT_NE(error.find(path), std::string::npos) << error;  // the file is named
+        EXPECT_TRUE(contains(error, expected)) << path;
+        EXPECT_TRUE(contains(error, path));  // the file is named
     }
 }
 
@@ -182,7 +186,7 @@ TEST(PointCloudFiles, FramesWrittenAsOnePointListReadBackInOrder) {
 
     const std::string nowhere = tempPath("no-such-folder") + "/points.ply";
     const std::string error = errorOf([&] { tessaline_tools::writePlyPoints(nowhere, frames); });
-    EXPECT_NE(error.find(nowhere), std::string::npos) << error;
+    EXPECT_TRUE(contains(error, nowhere));
 }
 
 TEST(MeshFiles, EveryFormatWrittenReadsBackTheSameSurface) {
@@ -293,7 +297,7 @@ TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {
     };
     for (const auto& [text, expected] : cases) {
         const std::string error = errorOf([&] { tessaline_tools::readPlyMesh(writeFile("bad_mesh.ply", text)); });
-        EXPECT_NE(error.find(expected), std::string::npos) << error;
+        EXPECT_TRUE(contains(error, expected));
     }
 }
 
@@ -559,11 +563,19 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
         {"compare " + far + " " + triangle, 1, "beyond 1e12 mm"},
         {"compare " + triangle + " " + far, 1, "beyond 1e12 mm"},
         {"compare " + flat + " " + triangle, 1, "no triangle has an area"},
+        // An output that cannot be written fails before the run.
+        {"reconstruct " + frame + " -o " + tempPath("no_such_folder") + "/mesh.ply", 1, "cannot write the file"},
+        {"reconstruct " + frame + " -o " + ::testing::TempDir(), 1, "unknown mesh format"},
+        {"reconstruct " + frame + " -o " + tempPath("folder.ply"), 1, "is a directory"},
     };
+    mkdir(tempPath("folder.ply").c_str(), 0755);
     for (const auto& c : cases) {
         const ProgramRun run = runProgram(c.arguments);
         EXPECT_EQ(run.status, c.status) << c.arguments;
-        EXPECT_NE(run.err.find(c.error), std::string::npos) << c.arguments << ": " << run.err;
+        EXPECT_TRUE(contains(run.err, c.error)) << c.arguments;
+        if (c.status != 3) {  // refused before any run: no summary
+            EXPECT_TRUE(run.out.empty()) << c.arguments << ": " << run.out;
+        }
     }
     EXPECT_FALSE(std::ifstream(never).good());
     EXPECT_FALSE(std::ifstream(tempPath("never.png")).good());
@@ -589,8 +601,8 @@ TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
     const std::string folder = tempPath("demo");
     const ProgramRun demo = runProgram("demo --points 150000 --quiet -o " + folder);
     ASSERT_EQ(demo.status, 0) << demo.err;
-    EXPECT_NE(demo.out.find("distance to the true surface:"), std::string::npos) << demo.out;
-    EXPECT_NE(demo.out.find("F-score at 0.1"), std::string::npos) << demo.out;
+    EXPECT_TRUE(contains(demo.out, "distance to the true surface:"));
+    EXPECT_TRUE(contains(demo.out, "F-score at 0.1"));
     EXPECT_GT(tessaline_tools::readPlyMesh(folder + "/tessaline-demo.ply").triangles.size(), 20000u);
     EXPECT_TRUE(std::ifstream(folder + "/tessaline-demo.png").good());
 
@@ -601,4 +613,181 @@ TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
     ASSERT_TRUE(distances(compared.out + compared.err, median, p95)) << compared.out;
     EXPECT_LT(median, 0.05);
     EXPECT_LT(p95, 0.25);
+}
+
+namespace {
+
+// A path of this test process's own: the program's tests below run beside each other.
+std::string programTemp(const std::string& name) {
+    return tempPath("program_" + std::to_string(getpid()) + "_" + name);
+}
+
+// The number after "key": in a JSON text, or NaN.
+double jsonNumber(const std::string& json, const std::string& key) {
+    const std::size_t at = json.find("\"" + key + "\": ");
+    if (at == std::string::npos) return std::nan("");
+    return std::strtod(json.c_str() + at + key.size() + 4, nullptr);
+}
+
+// `n` points spread evenly over a sphere of radius `r` around (100, 100, 100) (a Fibonacci lattice),
+// normals outward, in millimetres times `scale`; points with z above `cap` (relative to the centre) left
+// out. Its even spacing is close to sqrt(4 pi r^2 / n).
+std::string sphereFile(const std::string& name, int n, float r, float scale = 1.0f, float cap = 1e9f) {
+    FrameDataWithInfo frame;
+    for (int i = 0; i < n; ++i) {
+        const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1.0 + std::sqrt(5.0)) * (i + 0.5);
+        const Vec3f v = {float(std::cos(theta) * std::sin(phi)), float(std::sin(theta) * std::sin(phi)),
+                         float(std::cos(phi))};
+        if (r * v[2] > cap) continue;
+        frame.xyz.push_back({(100 + r * v[0]) * scale, (100 + r * v[1]) * scale, (100 + r * v[2]) * scale});
+        frame.nor.push_back(v);
+        frame.w.push_back(8);
+    }
+    const std::string path = programTemp(name);
+    tessaline_tools::writePlyPointCloud(path, frame);
+    return path;
+}
+
+}  // namespace
+
+TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const float radius = 30.0f;
+    const int n = 20000;
+    const double even = std::sqrt(4 * M_PI * radius * radius / n);  // 0.75 mm
+    const struct {
+        const char* name;
+        float scale;
+        const char* units;
+    } cases[] = {{"sphere_mm.ply", 1.0f, "mm"}, {"sphere_m.ply", 0.001f, "m"}};
+    for (const auto& c : cases) {
+        const std::string input = sphereFile(c.name, n, radius, c.scale), output = programTemp("sphere.ply");
+        const ProgramRun r = runProgram("reconstruct " + input + " --units " + c.units + " -o " + output + " --json");
+        ASSERT_EQ(r.status, 0) << r.err;
+        ASSERT_FALSE(r.out.empty());
+        EXPECT_EQ(r.out.front(), '{');
+        EXPECT_EQ(r.out.substr(r.out.size() - 2), "}\n");  // one JSON object, nothing else
+        EXPECT_NEAR(jsonNumber(r.out, "resolution_mm"), 1.5 * even, 0.05 * even) << c.units;
+        EXPECT_TRUE(contains(r.out, "\"resolution_auto\": true"));
+        EXPECT_EQ(jsonNumber(r.out, "boundary_edges"), 0.0) << c.units;  // a closed sphere
+        EXPECT_GT(jsonNumber(r.out, "triangles"), 10000.0);
+        EXPECT_EQ(r.err.find('\r'), std::string::npos);  // no progress bar into a file
+        EXPECT_TRUE(std::filesystem::exists(output));
+    }
+    // Without --json the summary names the spacing and the choice.
+    const ProgramRun text =
+        runProgram("reconstruct " + sphereFile("sphere.ply", n, radius) + " -o " + programTemp("s.obj"));
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_TRUE(contains(text.out, "resolution auto: "));
+    EXPECT_TRUE(contains(text.out, "point spacing: median "));
+}
+
+TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string input = sphereFile("lines.ply", 3000, 20.0f), output = programTemp("lines.ply");
+    const ProgramRun plain = runProgram("reconstruct " + input + " -o " + output);
+    ASSERT_EQ(plain.status, 0) << plain.err;
+    const ProgramRun verbose = runProgram("reconstruct " + input + " -o " + output + " --verbose");
+    ASSERT_EQ(verbose.status, 0) << verbose.err;
+    const ProgramRun verbose_json = runProgram("reconstruct " + input + " -o " + output + " --verbose --json");
+    ASSERT_EQ(verbose_json.status, 0) << verbose_json.err;
+    const char* library_line = "[MarchingCubes] cells ";
+    EXPECT_EQ(plain.out.find(library_line), std::string::npos);
+    EXPECT_EQ(plain.err.find(library_line), std::string::npos);
+    EXPECT_TRUE(contains(verbose.out, library_line));
+    EXPECT_EQ(verbose_json.out.find(library_line), std::string::npos);  // kept out of the JSON
+    EXPECT_TRUE(contains(verbose_json.err, library_line));
+    EXPECT_EQ(verbose_json.out.front(), '{');
+}
+
+TEST(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
+    TESSALINE_REQUIRE_PROGRAM();
+    // 2000 points 2.4 mm apart: at 1 mm a few cells hold enough points, at 0.5 mm none does.
+    const std::string input = sphereFile("sparse.ply", 2000, 30.0f);
+    const std::string small = programTemp("small.ply"), empty = programTemp("empty.ply");
+    const ProgramRun few = runProgram("reconstruct " + input + " --resolution 1 -o " + small);
+    EXPECT_EQ(few.status, 0);
+    EXPECT_TRUE(contains(few.err, "warning: the mesh has "));
+    EXPECT_TRUE(contains(few.err, "--resolution auto"));
+    EXPECT_TRUE(std::filesystem::exists(small));
+    const ProgramRun none = runProgram("reconstruct " + input + " --resolution 0.5 -o " + empty);
+    EXPECT_EQ(none.status, 3);
+    EXPECT_TRUE(contains(none.err, "the mesh is empty"));
+    EXPECT_TRUE(contains(none.err, "--resolution auto"));
+    EXPECT_FALSE(std::filesystem::exists(empty));
+    EXPECT_FALSE(std::filesystem::exists(empty + ".partial"));
+    // The choice the warnings advise gives a closed mesh without a warning.
+    const ProgramRun chosen = runProgram("reconstruct " + input + " -o " + small);
+    EXPECT_EQ(chosen.status, 0);
+    EXPECT_EQ(chosen.err.find("warning"), std::string::npos) << chosen.err;
+}
+
+TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
+    TESSALINE_REQUIRE_PROGRAM();
+    // A sphere of radius 30 with its top cut off (a round hole) and, 100 mm away, a closed sphere of radius 5
+    // as dense: two pieces, one hole.
+    FrameDataWithInfo frame;
+    const struct {
+        int points;
+        float radius, cap, shift;
+    } parts[] = {{20000, 30.0f, 28.0f, 0.0f}, {560, 5.0f, 1e9f, 100.0f}};
+    for (const auto& part : parts) {
+        tessaline_tools::PointCloudReadInfo info;
+        const auto read = tessaline_tools::readPlyPointCloud(
+            sphereFile("part.ply", part.points, part.radius, 1.0f, part.cap), 1.0f, 8, info);
+        for (std::size_t i = 0; i < read->xyz.size(); ++i) {
+            frame.xyz.push_back({read->xyz[i][0] + part.shift, read->xyz[i][1], read->xyz[i][2]});
+            frame.nor.push_back(read->nor[i]);
+            frame.w.push_back(8);
+        }
+    }
+    const std::string input = programTemp("pieces.ply");
+    tessaline_tools::writePlyPointCloud(input, frame);
+    const std::string common = "reconstruct " + input + " -o " + programTemp("finished.ply") + " --json";
+    const ProgramRun plain = runProgram(common);
+    ASSERT_EQ(plain.status, 0) << plain.err;
+    EXPECT_EQ(jsonNumber(plain.out, "pieces"), 2.0);
+    EXPECT_EQ(jsonNumber(plain.out, "boundary_loops"), 1.0);
+    EXPECT_GT(jsonNumber(plain.out, "boundary_edges"), 20.0);
+    const ProgramRun finished = runProgram(common + " --min-piece 2000 --fill-holes 1000");
+    ASSERT_EQ(finished.status, 0) << finished.err;
+    EXPECT_EQ(jsonNumber(finished.out, "pieces"), 1.0);
+    EXPECT_EQ(jsonNumber(finished.out, "boundary_edges"), 0.0);
+    EXPECT_EQ(jsonNumber(finished.out, "holes_filled"), 1.0);
+    const double removed = jsonNumber(finished.out, "triangles_removed");
+    EXPECT_GT(removed, 100.0);  // the small sphere, and nothing of the large one
+    EXPECT_LT(removed, 2000.0);
+    EXPECT_EQ(runProgram(common + " --fill-holes 2").status, 1);  // a hole has three edges or more
+}
+
+TEST(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string input = sphereFile("formats.ply", 8000, 20.0f);
+    for (const char* ext : {".ply", ".obj", ".stl"}) {
+        const std::string mesh = programTemp(std::string("formats") + ext);
+        ASSERT_EQ(runProgram("reconstruct " + input + " -o " + mesh).status, 0) << ext;
+        const std::string picture = programTemp("formats.png");
+        const ProgramRun rendered = runProgram("render " + mesh + " -o " + picture + " --size 64");
+        EXPECT_EQ(rendered.status, 0) << rendered.err;
+        EXPECT_TRUE(std::filesystem::exists(picture));
+        // Against the PLY of the same run: the same surface, all of it within 0.1 mm both ways (the
+        // triangles' edges are about 1 mm).
+        const ProgramRun compared =
+            runProgram("compare " + mesh + " " + programTemp("formats.ply") + " --samples 20000");
+        ASSERT_EQ(compared.status, 0) << compared.err;
+        EXPECT_TRUE(contains(compared.out, "F-score at 0.1 1.000"));
+        EXPECT_TRUE(contains(compared.out, "covered (within 1 mm): 100.0%"));
+    }
+}
+
+TEST(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const ProgramRun version = runProgram("--version");
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out,
+              std::string("tessaline ") + TESSALINE_VERSION_STRING + ", backend: " + TESSALINE_BACKEND + "\n");
+    const ProgramRun device = runProgram("--check-device");
+    EXPECT_EQ(device.status, 0);
+    EXPECT_EQ(device.out.find("sucess"), std::string::npos);
+    EXPECT_TRUE(contains(device.out, "the compute device is ready"));
 }
