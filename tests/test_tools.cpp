@@ -536,12 +536,27 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     const std::string triangle = writeFile("triangle.ply", triangle_header + "0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n");
     const std::string far = writeFile("far.ply", triangle_header + "0 0 0\n1e38 0 0\n0 1 0\n3 0 1 2\n");
     const std::string flat = writeFile("flat.ply", triangle_header + "0 0 0\n1 0 0\n2 0 0\n3 0 1 2\n");
+    // Inputs that would feed a reader without end: a device and a pipe under the names of inputs.
+    const std::string zero_ply = tempPath("zero.ply"), zero_obj = tempPath("zero.obj");
+    const std::string pipe_conf = tempPath("pipe.conf"), pipe_stl = tempPath("pipe.stl");
+    for (const std::string& link : {zero_ply, zero_obj}) {
+        std::remove(link.c_str());
+        ASSERT_EQ(symlink("/dev/zero", link.c_str()), 0) << link;
+    }
+    for (const std::string& pipe : {pipe_conf, pipe_stl}) {
+        std::remove(pipe.c_str());
+        ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0) << pipe;
+    }
     const struct {
         std::string arguments;
         int status;
         const char* error;
     } cases[] = {
         {"reconstruct " + missing + " -o " + never, 1, "missing.ply: cannot open the file"},
+        {"reconstruct " + zero_ply + " -o " + never, 1, "zero.ply: not a regular file"},
+        {"reconstruct " + pipe_conf + " -o " + never, 1, "pipe.conf: not a regular file"},
+        {"compare " + zero_obj + " " + triangle, 1, "zero.obj: not a regular file"},
+        {"compare " + triangle + " " + pipe_stl, 1, "pipe.stl: not a regular file"},
         {"reconstruct " + cloud + " -o out.xyz", 1, "unknown mesh format"},
         {"reconstruct x.ply -o y.ply --units furlong", 1, "unknown unit"},
         {"reconstruct x.ply -o y.ply --scale-code 3", 1, ""},

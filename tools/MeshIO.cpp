@@ -94,6 +94,7 @@ std::uint32_t objIndex(const std::string& token, std::size_t count, const std::s
 }
 
 IndexedMesh readObj(const std::string& path, float scale) {
+    refuseIrregularFile(path);
     std::ifstream in(path);
     if (!in) throw std::runtime_error(path + ": cannot open the file");
     IndexedMesh mesh;
@@ -124,6 +125,7 @@ IndexedMesh readObj(const std::string& path, float scale) {
 }
 
 IndexedMesh readStl(const std::string& path, float scale) {
+    refuseIrregularFile(path);
     std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in) throw std::runtime_error(path + ": cannot open the file");
     const std::streamoff size = in.tellg();

@@ -71,11 +71,16 @@ int PlyElement::find(const std::string& property) const {
     return -1;
 }
 
+void refuseIrregularFile(const std::string& path) {
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode))
+        throw std::runtime_error(path + ": not a regular file");
+}
+
 PlyReader::PlyReader(const std::string& path) : m_path(path) {
-    // Only regular files: a device or a pipe could feed the reader without end.
     struct stat info;
     if (stat(path.c_str(), &info) != 0) throw std::runtime_error(path + ": cannot open the file");
-    if (!S_ISREG(info.st_mode)) throw std::runtime_error(path + ": not a regular file");
+    refuseIrregularFile(path);
     m_in.open(path, std::ios::binary);
     if (!m_in) throw std::runtime_error(path + ": cannot open the file");
     std::string line;

@@ -34,6 +34,10 @@ struct PlyRecord {
     std::vector<std::vector<double>> lists;
 };
 
+// Throws "PATH: not a regular file" for a path that names a device, a pipe or a folder: such a file
+// could feed a reader without end. A path that does not exist passes, for the reader's own text.
+void refuseIrregularFile(const std::string& path);
+
 class PlyReader {
 public:
     // Opens `path` and reads its header. Throws std::runtime_error naming the file and the problem.

@@ -136,6 +136,7 @@ std::shared_ptr<FrameDataWithInfo> readRangeImage(const std::string& ply_path, c
 
 std::vector<std::shared_ptr<FrameDataWithInfo>> readRangeScanSet(const std::string& conf_path,
                                                                  const RangeScanOptions& options) {
+    refuseIrregularFile(conf_path);
     std::ifstream conf(conf_path);
     if (!conf) throw std::runtime_error("cannot open scan list " + conf_path);
     const std::size_t slash = conf_path.find_last_of('/');
