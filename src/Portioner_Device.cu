@@ -69,18 +69,28 @@ struct PartitionPoint {
             return false;
         }
         record(own);
+        // The margin first: most points lie far from every face and need no table lookup. A neighbour's
+        // margin holds the point when each axis does, so the three tests of each axis are made once.
         const float half_block = block_res * 0.5f;
+        const float position[3] = {x, y, z};
+        const std::int32_t cell[3] = {bx, by, bz};
+        bool within[3][3];  // within[axis][d + 1]: the point lies in the margin of the neighbour at d
+        bool any_side = false;
+        for (int axis = 0; axis < 3; ++axis) {
+            for (int d = -1; d <= 1; ++d) {
+                const float centre = fmaf(static_cast<float>(cell[axis] + d), block_res, half_block);
+                within[axis][d + 1] = !(fabsf(position[axis] - centre) > half_ext);
+            }
+            any_side = any_side || within[axis][0] || within[axis][2];
+        }
+        if (!any_side) return true;
         for (int dx = -1; dx <= 1; ++dx) {
+            if (!within[0][dx + 1]) continue;
             for (int dy = -1; dy <= 1; ++dy) {
+                if (!within[1][dy + 1]) continue;
                 for (int dz = -1; dz <= 1; ++dz) {
-                    if (dx == 0 && dy == 0 && dz == 0) continue;
-                    const std::int32_t nx = bx + dx, ny = by + dy, nz = bz + dz;
-                    // The margin first: most points lie far from every face and need no table lookup.
-                    const float cx = fmaf(static_cast<float>(nx), block_res, half_block);
-                    const float cy = fmaf(static_cast<float>(ny), block_res, half_block);
-                    const float cz = fmaf(static_cast<float>(nz), block_res, half_block);
-                    if (fabsf(x - cx) > half_ext || fabsf(y - cy) > half_ext || fabsf(z - cz) > half_ext) continue;
-                    const std::int32_t e = findLineHashEntry(hash_entries, mask, nx, ny, nz);
+                    if (!within[2][dz + 1] || (dx == 0 && dy == 0 && dz == 0)) continue;
+                    const std::int32_t e = findLineHashEntry(hash_entries, mask, bx + dx, by + dy, bz + dz);
                     if (e < 0) continue;  // no block behind this side
                     record(e);
                 }
