@@ -133,6 +133,16 @@ int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
         m_last_error, {TESSALINE_DEVICE_COMPUTE, "cuda runtime error!"}, {1, "computeFiledData failed!"}, [&]() -> int {
             const int cell_node_size = cells.cell_node_size.load();
             const int relation_size = cells.relation_size.load();
+            if (deviceMemoryIsHostMemory()) {
+                // Device memory is host memory: the passes work on the block's own arrays, without copies
+                // of the cells and relations there and back.
+                std::vector<VoxelFieldCenter> centres(static_cast<std::size_t>(cell_node_size));
+                if (processMarchingCubeTask(cell_node_size, cells.cell_nodes.data(), relation_size,
+                                            cells.relations.data(), m_block_points_dev, centres.data()) != 0) {
+                    throw DeviceError();
+                }
+                return 0;
+            }
             ScopedDeviceBuffer<CellNode_Device> cell_nodes_dev;
             ScopedDeviceBuffer<RelationCell2Bins_Device> relations_dev;
             ScopedDeviceBuffer<VoxelFieldCenter> voxel_field_centers_dev;

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -126,14 +127,9 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
 
     // The bins of the keys (x, y, z) to (x, y, z + n - 1), in that order: take(bin index, k) for the
     // bin at z + k. The part of the bit's place that x and y give is found once for the row.
-    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
-        if (!m_bitmap_valid) {
-            for (int k = 0; k < n; ++k) {
-                const std::int32_t id = findBin(x, y, z + k);
-                if (id >= 0) take(id, k);
-            }
-            return;
-        }
+    // With the bitmap, take_rank(rank, k) sees the rank of each occupied key: bins by rank lie in space
+    // order, where their bin indices do not.
+    const auto visitRowRanks = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take_rank) {
         const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
         const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
         if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
@@ -154,11 +150,21 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
                 const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
                 const int q = (__builtin_ctzll(below) - low) >> 4;
-                take(
-                    m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[word_index] + bitCount64(word & (below - 1)))],
-                    static_cast<int>(brick * 4 + q - (static_cast<std::int64_t>(z) - m_bitmap_min[2])));
+                take_rank(m_bitmap_rank[word_index] + bitCount64(word & (below - 1)),
+                          static_cast<int>(brick * 4 + q - (static_cast<std::int64_t>(z) - m_bitmap_min[2])));
             }
         }
+    };
+    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
+        if (!m_bitmap_valid) {
+            for (int k = 0; k < n; ++k) {
+                const std::int32_t id = findBin(x, y, z + k);
+                if (id >= 0) take(id, k);
+            }
+            return;
+        }
+        visitRowRanks(x, y, z, n,
+                      [&](std::int64_t rank, int k) { take(m_rank_to_bin[static_cast<std::size_t>(rank)], k); });
     };
 
     // A block whose bins all ask for the default scale makes cells of one size only, one at each bin key
@@ -218,27 +224,6 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         }
         if (!keys_agree) first_visits.clear();
     }
-    if (!first_visits.empty()) {
-        std::size_t cells = 0;
-        for (const std::uint32_t mask : first_visits) cells += static_cast<std::size_t>(bitCount64(mask));
-        records.reserve(cells);
-        pending.reserve(cells);
-    }
-
-    for (std::size_t b = 0; b < bins_header.size() && !first_visits.empty(); ++b) {
-        const BinsHeader& bin = bins_header[b];
-        const std::uint32_t word = cellWord(bin, 8);
-        int t = 0;
-        bool ok = true;
-        for (int dx = -1; dx <= 1 && ok; ++dx)
-            for (int dy = -1; dy <= 1 && ok; ++dy)
-                for (int dz = -1; dz <= 1 && ok; ++dz, ++t) {
-                    if (((first_visits[b] >> t) & 1u) == 0) continue;
-                    const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
-                    ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
-                }
-    }
-
     for (std::size_t b = 0; b < bins_header.size() && first_visits.empty(); ++b) {
         const BinsHeader& bin = bins_header[b];
         std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
@@ -313,6 +298,12 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     for (std::int64_t b = 0; b < bin_count; ++b)
         runs[static_cast<std::size_t>(b)] = {bins_header[static_cast<std::size_t>(b)].point_offset,
                                              bins_header[static_cast<std::size_t>(b)].point_count};
+    // The same by the bitmap's rank, for the searches along rows.
+    std::vector<RelationCell2Bins_Device> runs_by_rank(m_bitmap_valid ? m_rank_to_bin.size() : 0);
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < static_cast<std::int64_t>(runs_by_rank.size()); ++i)
+        runs_by_rank[static_cast<std::size_t>(i)] =
+            runs[static_cast<std::size_t>(m_rank_to_bin[static_cast<std::size_t>(i)])];
     const auto search = [&](const PendingSearch& p, auto&& take) {
         std::int32_t points = 0;
         bool widened = false;
@@ -323,7 +314,17 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             take(run);
         };
         const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) { found(findBin(x, y, z)); };
-        const auto found_in_row = [&](std::int32_t id, int) { found(id); };
+        const auto row = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n) {
+            if (!m_bitmap_valid) {
+                visitRow(x, y, z, n, [&](std::int32_t id, int) { found(id); });
+                return;
+            }
+            visitRowRanks(x, y, z, n, [&](std::int64_t rank, int) {
+                const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
+                points += run.count;
+                take(run);
+            });
+        };
         // The bin keys that the search spans, for the wider search of a sparse cell.
         std::int32_t lo[3], hi[3];
         if (p.kind == SearchKind::Normal) {
@@ -331,8 +332,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             std::int32_t key[3];
             gridKey(p.pos, r, key);
             for (int i = -reach; i <= reach; ++i)
-                for (int j = -reach; j <= reach; ++j)
-                    visitRow(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1, found_in_row);
+                for (int j = -reach; j <= reach; ++j) row(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1);
             for (int k = 0; k < 3; ++k) {
                 lo[k] = key[k] - reach;
                 hi[k] = key[k] + reach;
@@ -421,37 +421,145 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
                 for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y) {
                     if (x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && lo[2] <= hi[2]) {
-                        visitRow(x, y, lo[2] - 1, 1, found_in_row);
-                        visitRow(x, y, hi[2] + 1, 1, found_in_row);
+                        row(x, y, lo[2] - 1, 1);
+                        row(x, y, hi[2] + 1, 1);
                     } else {
-                        visitRow(x, y, lo[2] - 1, hi[2] - lo[2] + 3, found_in_row);
+                        row(x, y, lo[2] - 1, hi[2] - lo[2] + 3);
                     }
                 }
         }
         return std::make_pair(points, widened);
     };
 
-    // Each record's own search, once, into the list of the thread that runs it.
-    const std::int64_t n = static_cast<std::int64_t>(records.size());
-    std::vector<std::int32_t> found(static_cast<std::size_t>(n), 0);
-    std::vector<std::int64_t> found_at(static_cast<std::size_t>(n), 0);
-    std::vector<std::uint16_t> found_by(static_cast<std::size_t>(n), 0);
+    std::vector<std::int32_t> found;
+    std::vector<std::int64_t> found_at;
+    std::vector<std::uint16_t> found_by;
     std::vector<std::vector<RelationCell2Bins_Device>> lists(static_cast<std::size_t>(omp_get_max_threads()));
+
+    // One scale: the walk makes the records in the order of the first visits, so the searches need not
+    // wait for it. One thread walks the tree while the others search the cells by first visit, and it
+    // joins them when done. Should a visit not make the one record expected of it (a tree already there
+    // from an earlier pass over the block, a failed insertion), the searches are made again by record.
+    bool searched = false;
+    if (!first_visits.empty()) {
+        const auto neighbourCentre = [r](const BinsHeader& bin, int dx, int dy, int dz, float pos[3]) {
+            pos[0] = bin.center[0] + static_cast<float>(dx) * r;
+            pos[1] = bin.center[1] + static_cast<float>(dy) * r;
+            pos[2] = bin.center[2] + static_cast<float>(dz) * r;
+        };
+        // A visit outside the block's root cell makes no cell: it is neither walked nor searched.
+        const CellNode& root_cell = *root->root_cell;
+#pragma omp parallel for schedule(static)
+        for (std::int64_t b = 0; b < bin_count; ++b) {
+            std::uint32_t& mask = first_visits[static_cast<std::size_t>(b)];
+            for (int t = 0; t < 27; ++t) {
+                if (((mask >> t) & 1u) == 0) continue;
+                float pos[3];
+                neighbourCentre(bins_header[static_cast<std::size_t>(b)], t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, pos);
+                for (int k = 0; k < 3; ++k)
+                    if (std::fabs(pos[k] - root_cell.center[k]) > root_cell.half_size) mask &= ~(std::uint32_t{1} << t);
+            }
+        }
+        std::vector<std::int64_t> visit_start(static_cast<std::size_t>(bin_count) + 1, 0);
+        for (std::int64_t b = 0; b < bin_count; ++b)
+            visit_start[static_cast<std::size_t>(b) + 1] =
+                visit_start[static_cast<std::size_t>(b)] + bitCount64(first_visits[static_cast<std::size_t>(b)]);
+        const std::int64_t visits = visit_start.back();
+        records.reserve(static_cast<std::size_t>(visits));
+        pending.reserve(static_cast<std::size_t>(visits));
+        found.assign(static_cast<std::size_t>(visits), 0);
+        found_at.assign(static_cast<std::size_t>(visits), 0);
+        found_by.assign(static_cast<std::size_t>(visits), 0);
+        std::vector<std::int32_t> visit_points(static_cast<std::size_t>(visits), 0);
+        std::vector<std::uint8_t> visit_widened(static_cast<std::size_t>(visits), 0);
+        bool one_record_a_visit = true;
+        bool walk_failed = false;
 #pragma omp parallel
-    {
-        const int thread = omp_get_thread_num();
-        std::vector<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
+        {
+#pragma omp single nowait
+            {
+                try {
+                    for (std::size_t b = 0; b < bins_header.size(); ++b) {
+                        const BinsHeader& bin = bins_header[b];
+                        const std::uint32_t word = cellWord(bin, 8);
+                        int t = 0;
+                        bool ok = true;
+                        for (int dx = -1; dx <= 1 && ok; ++dx)
+                            for (int dy = -1; dy <= 1 && ok; ++dy)
+                                for (int dz = -1; dz <= 1 && ok; ++dz, ++t) {
+                                    if (((first_visits[b] >> t) & 1u) == 0) continue;
+                                    float pos[3];
+                                    neighbourCentre(bin, dx, dy, dz, pos);
+                                    const std::size_t before = records.size();
+                                    ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
+                                    if (records.size() != before + 1) one_record_a_visit = false;
+                                }
+                    }
+                } catch (...) {
+                    walk_failed = true;
+                }
+            }
+            const int thread = omp_get_thread_num();
+            std::vector<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
+#pragma omp for schedule(dynamic, 64) nowait
+            for (std::int64_t b = 0; b < bin_count; ++b) {
+                const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
+                if (mask == 0) continue;
+                const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+                std::int64_t j = visit_start[static_cast<std::size_t>(b)];
+                for (int t = 0; t < 27; ++t) {
+                    if (((mask >> t) & 1u) == 0) continue;
+                    PendingSearch p{SearchKind::Normal, {}, r, 0};
+                    neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+                    const std::size_t start = list.size();
+                    const auto result =
+                        search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                    const std::size_t v = static_cast<std::size_t>(j++);
+                    visit_points[v] = result.first;
+                    visit_widened[v] = result.second ? 1 : 0;
+                    found[v] = static_cast<std::int32_t>(list.size() - start);
+                    found_at[v] = static_cast<std::int64_t>(start);
+                    found_by[v] = static_cast<std::uint16_t>(thread);
+                }
+            }
+        }
+        if (walk_failed) throw std::bad_alloc();
+        searched = one_record_a_visit && static_cast<std::int64_t>(records.size()) == visits;
+        if (searched) {
+            for (std::int64_t i = 0; i < visits; ++i) {
+                CellNode_Device& record = records[static_cast<std::size_t>(i)];
+                record.point_count += visit_points[static_cast<std::size_t>(i)];
+                if (visit_widened[static_cast<std::size_t>(i)] != 0) record.rules |= CELL_WIDENED_SEARCH;
+            }
+        } else {
+            for (std::vector<RelationCell2Bins_Device>& list : lists) list.clear();
+        }
+    }
+
+    // Otherwise each record's own search, once, into the list of the thread that runs it.
+    const std::int64_t n = static_cast<std::int64_t>(records.size());
+    if (!searched) {
+        found.assign(static_cast<std::size_t>(n), 0);
+        found_at.assign(static_cast<std::size_t>(n), 0);
+        found_by.assign(static_cast<std::size_t>(n), 0);
+    }
+    if (!searched) {
+#pragma omp parallel
+        {
+            const int thread = omp_get_thread_num();
+            std::vector<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
 #pragma omp for schedule(dynamic, 64)
-        for (std::int64_t i = 0; i < n; ++i) {
-            const std::size_t start = list.size();
-            const auto result = search(pending[static_cast<std::size_t>(i)],
-                                       [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
-            CellNode_Device& record = records[static_cast<std::size_t>(i)];
-            record.point_count += result.first;
-            if (result.second) record.rules |= CELL_WIDENED_SEARCH;
-            found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
-            found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
-            found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+            for (std::int64_t i = 0; i < n; ++i) {
+                const std::size_t start = list.size();
+                const auto result = search(pending[static_cast<std::size_t>(i)],
+                                           [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                CellNode_Device& record = records[static_cast<std::size_t>(i)];
+                record.point_count += result.first;
+                if (result.second) record.rules |= CELL_WIDENED_SEARCH;
+                found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
+                found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
+                found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+            }
         }
     }
 

@@ -526,6 +526,8 @@ TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAg
 }
 
 TEST_F(StageRun, AFailedAllocationInTheFieldStepFreesWhatItTook) {
+    // Where device memory is host memory the passes take no device buffers (the guarded build runs this).
+    if (deviceMemoryIsHostMemory()) GTEST_SKIP() << "the field step copies nothing where device memory is host memory";
     auto b = block(spherePoints(5.0f, 0.3f));
     const auto result = cells(bins(stage, b), b);
     FakeDevices fake;
