@@ -169,6 +169,7 @@ private:
     int computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz, float block_res,
                                      std::vector<RawSurfaceBlockPos>& out);
     int processScanFrameList_Device(float block_res, float ext_res);
+    void partitionBatchOnHost(std::int64_t records);
 
     float blockRes() const;
     float extRes() const;

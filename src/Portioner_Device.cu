@@ -1,11 +1,13 @@
 // Device part of the Portioner: the buffers of both passes, the block computation of the first pass and
 // the partition of a batch. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
+#include <omp.h>
 #include <thrust/execution_policy.h>
 #include <thrust/scan.h>
 #include <thrust/sort.h>
 #include <thrust/system_error.h>
 #include <thrust/unique.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -411,6 +413,65 @@ int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz,
 
 // ---- second pass: partition of a batch -------------------------------------------------------------
 
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+// Where device memory is host memory the batch's records go straight from the output buffer onto the
+// ends of their blocks' lists, each block's in record order: the order that the stable sort by block and
+// the runs of the sorted batch give elsewhere, without the sort. Each thread counts the records of its
+// share of the batch by table entry; the shares' places in each block's list follow from those counts,
+// and every thread then writes its own records into place.
+void Portioner::partitionBatchOnHost(std::int64_t records) {
+    const RawPointWithHash* batch = m_raw_points_hash_dev;
+    SimpleLineHashEntry* entries = m_simple_line_hash_dev;
+    const std::int64_t entry_count = static_cast<std::int64_t>(m_hash_entry_size);
+    const int team = std::max(1, omp_get_max_threads());
+    std::vector<std::int64_t> places(static_cast<std::size_t>(team) * static_cast<std::size_t>(entry_count), 0);
+    std::vector<RawPointWithHash*> lists(static_cast<std::size_t>(entry_count), nullptr);
+    bool failed = false;
+#pragma omp parallel num_threads(team)
+    {
+        const int t = omp_get_thread_num(), threads = omp_get_num_threads();
+        const std::int64_t begin = records * t / threads, end = records * (t + 1) / threads;
+        std::int64_t* mine = places.data() + static_cast<std::size_t>(t) * static_cast<std::size_t>(entry_count);
+        for (std::int64_t i = begin; i < end; ++i) ++mine[batch[i].hash];
+#pragma omp barrier
+#pragma omp for schedule(dynamic, 1024)
+        for (std::int64_t e = 0; e < entry_count; ++e) {
+            // The entry's shares, thread by thread, after what its block's list already holds.
+            std::int64_t total = 0;
+            for (int u = 0; u < threads; ++u) total += places[static_cast<std::size_t>(u) * entry_count + e];
+            if (total == 0) continue;
+            SimpleLineHashEntry& entry = entries[e];
+            PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(entry.id)];
+            std::vector<RawPointWithHash>& list = *block.points;
+            std::int64_t at = static_cast<std::int64_t>(list.size());
+            try {
+                list.resize(list.size() + static_cast<std::size_t>(total));
+            } catch (...) {
+#pragma omp atomic write
+                failed = true;
+                continue;
+            }
+            block.flags |= entry.flags;
+            entry.count = 0;
+            lists[static_cast<std::size_t>(e)] = list.data();
+            for (int u = 0; u < threads; ++u) {
+                std::int64_t& share = places[static_cast<std::size_t>(u) * entry_count + e];
+                const std::int64_t here = share;
+                share = at;
+                at += here;
+            }
+        }
+        if (!failed) {
+            for (std::int64_t i = begin; i < end; ++i) {
+                const std::int32_t e = batch[i].hash;
+                lists[static_cast<std::size_t>(e)][mine[e]++] = batch[i];
+            }
+        }
+    }
+    if (failed) throw std::bad_alloc();
+}
+#endif
+
 int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
     return runGuarded(
         m_last_error, {1, "[Portioner] processScanFrameList_Device try catch device error!"},
@@ -480,6 +541,12 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                 "cudaMemcpyHostToDevice)");
             TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
                                "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+            if (deviceMemoryIsHostMemory()) {
+                partitionBatchOnHost(raw_points_hash_size);
+                return 0;
+            }
+#endif
             // Grouped by block, each block's records in point order.
             sortPointsByHashStable(m_raw_points_hash_dev, raw_points_hash_size);
 
