@@ -82,9 +82,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     pending.reserve(bins_header.size() * 4);
 
     // The cell at `pos` of the wished size, its record made by the first bin that reaches it.
-    const auto visitCell = [&](const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search) {
-        CellNode* leaf = nullptr;
-        if (m_hash_octree->insertLeafNodeAlongPath(*root, pos, target_half, path, leaf) != 0) return true;
+    // What a visit does with the leaf it reached.
+    const auto visitLeaf = [&](CellNode* leaf, const float pos[3], std::uint32_t word, const PendingSearch& search) {
         if (leaf->data_id == -1) {
             const std::int32_t index = static_cast<std::int32_t>(records.size());
             try {
@@ -123,6 +122,11 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             }
         }
         return true;
+    };
+    const auto visitCell = [&](const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search) {
+        CellNode* leaf = nullptr;
+        if (m_hash_octree->insertLeafNodeAlongPath(*root, pos, target_half, path, leaf) != 0) return true;
+        return visitLeaf(leaf, pos, word, search);
     };
 
     // The bins of the keys (x, y, z) to (x, y, z + n - 1), in that order: take(bin index, k) for the
@@ -472,13 +476,43 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         found_by.assign(static_cast<std::size_t>(visits), 0);
         std::vector<std::int32_t> visit_points(static_cast<std::size_t>(visits), 0);
         std::vector<std::uint8_t> visit_widened(static_cast<std::size_t>(visits), 0);
+        std::vector<CellNode*> leaves(static_cast<std::size_t>(visits), nullptr);
+        // The records and pending searches of the visits of bins [from, to) before visit `end`, at the
+        // visits' places.
+        const auto makeVisitRecords = [&](std::int64_t from, std::int64_t to, std::int64_t end) {
+            for (std::int64_t b = from; b < to; ++b) {
+                const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
+                const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+                std::int64_t j = visit_start[static_cast<std::size_t>(b)];
+                for (int t = 0; t < 27 && j < end; ++t) {
+                    if (((mask >> t) & 1u) == 0) continue;
+                    const std::size_t v = static_cast<std::size_t>(j++);
+                    const CellNode* leaf = leaves[v];
+                    CellNode_Device record = emptyCellNodeDevice();
+                    record.cell = leaves[v];
+                    for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
+                    record.half_size = leaf->half_size;
+                    record.point_count = 0;
+                    record.word = cellWord(bin, 8);
+                    records[v] = record;
+                    PendingSearch& p = pending[v];
+                    p = PendingSearch{SearchKind::Normal, {}, r, 0};
+                    neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+                }
+            }
+        };
         bool one_record_a_visit = true;
         bool walk_failed = false;
+        // Cells of the bin's size search one key around them, two when sparse: from the bitmap, all the
+        // cells of a bin take their bins from one read of the keys around it.
+        const bool around_bins = m_bitmap_valid && searchReach(r, wide_search_edge) == 1;
 #pragma omp parallel
         {
 #pragma omp single nowait
             {
                 try {
+                    std::int64_t made = 0;  // visits whose leaf was new, in order
+                    const PendingSearch normal{SearchKind::Normal, {}, r, 0};
                     for (std::size_t b = 0; b < bins_header.size(); ++b) {
                         const BinsHeader& bin = bins_header[b];
                         const std::uint32_t word = cellWord(bin, 8);
@@ -490,9 +524,28 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                                     if (((first_visits[b] >> t) & 1u) == 0) continue;
                                     float pos[3];
                                     neighbourCentre(bin, dx, dy, dz, pos);
-                                    const std::size_t before = records.size();
-                                    ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
-                                    if (records.size() != before + 1) one_record_a_visit = false;
+                                    if (!one_record_a_visit) {
+                                        ok = visitCell(pos, r * 0.5f, word, normal);
+                                        continue;
+                                    }
+                                    // While every visit reaches a new leaf, the walk only shapes the tree and
+                                    // numbers the leaves; their records are made afterwards on all cores.
+                                    CellNode* leaf = nullptr;
+                                    const bool reached =
+                                        m_hash_octree->insertLeafNodeAlongPath(*root, pos, r * 0.5f, path, leaf) == 0;
+                                    if (reached && leaf->data_id == -1 && leaf->child_count == 0) {
+                                        leaf->data_id = static_cast<std::int32_t>(made);
+                                        leaf->data_state = 1;
+                                        leaves[static_cast<std::size_t>(made++)] = leaf;
+                                        continue;
+                                    }
+                                    // Something in the way: the records of the visits so far are made as the
+                                    // walk makes them, and from this visit on the walk takes its own steps.
+                                    one_record_a_visit = false;
+                                    records.resize(static_cast<std::size_t>(made));
+                                    pending.resize(static_cast<std::size_t>(made), normal);
+                                    makeVisitRecords(0, static_cast<std::int64_t>(b) + 1, made);
+                                    if (reached) ok = visitLeaf(leaf, pos, word, normal);
                                 }
                     }
                 } catch (...) {
@@ -507,13 +560,59 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 if (mask == 0) continue;
                 const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
                 std::int64_t j = visit_start[static_cast<std::size_t>(b)];
+                // The ranks of the 7 x 7 x 7 keys around the bin (-1 where no bin is), read once for all
+                // its cells: a cell's search, widened or not, lies within them.
+                std::int32_t around[7][7][7];  // [x][y][z]
+                std::int32_t own[3];
+                if (around_bins) {
+                    gridKey(bin.center, r, own);
+                    for (int x = 0; x < 7; ++x)
+                        for (int y = 0; y < 7; ++y) {
+                            std::int32_t* row = around[x][y];
+                            for (int z = 0; z < 7; ++z) row[z] = -1;
+                            visitRowRanks(
+                                own[0] + x - 3, own[1] + y - 3, own[2] - 3, 7,
+                                [row](std::int64_t rank, int k) { row[k] = static_cast<std::int32_t>(rank); });
+                        }
+                }
                 for (int t = 0; t < 27; ++t) {
                     if (((mask >> t) & 1u) == 0) continue;
-                    PendingSearch p{SearchKind::Normal, {}, r, 0};
-                    neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
                     const std::size_t start = list.size();
-                    const auto result =
-                        search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                    std::pair<std::int32_t, bool> result;
+                    if (around_bins) {
+                        // The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3
+                        // keys around the cell row by row along z, then for a sparse cell the ring around them,
+                        // the ends of the rows through the box and the whole rows beside it.
+                        const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;  // the cell in `around`
+                        std::int32_t points = 0;
+                        const auto take = [&](std::int32_t rank) {
+                            if (rank < 0) return;
+                            const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
+                            points += run.count;
+                            list.push_back(run);
+                        };
+                        for (int x = -1; x <= 1; ++x)
+                            for (int y = -1; y <= 1; ++y)
+                                for (int z = -1; z <= 1; ++z) take(around[cx + x][cy + y][cz + z]);
+                        const bool widened = points < SPARSE_CELL_POINTS;
+                        if (widened) {
+                            for (int x = -2; x <= 2; ++x)
+                                for (int y = -2; y <= 2; ++y) {
+                                    const std::int32_t* row = around[cx + x][cy + y];
+                                    if (x >= -1 && x <= 1 && y >= -1 && y <= 1) {
+                                        take(row[cz - 2]);
+                                        take(row[cz + 2]);
+                                    } else {
+                                        for (int z = -2; z <= 2; ++z) take(row[cz + z]);
+                                    }
+                                }
+                        }
+                        result = {points, widened};
+                    } else {
+                        PendingSearch p{SearchKind::Normal, {}, r, 0};
+                        neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+                        result = search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                    }
                     const std::size_t v = static_cast<std::size_t>(j++);
                     visit_points[v] = result.first;
                     visit_widened[v] = result.second ? 1 : 0;
@@ -524,8 +623,12 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             }
         }
         if (walk_failed) throw std::bad_alloc();
-        searched = one_record_a_visit && static_cast<std::int64_t>(records.size()) == visits;
+        searched = one_record_a_visit;
         if (searched) {
+            records.resize(static_cast<std::size_t>(visits));
+            pending.resize(static_cast<std::size_t>(visits));
+#pragma omp parallel for schedule(dynamic, 256)
+            for (std::int64_t b = 0; b < bin_count; ++b) makeVisitRecords(b, b + 1, visits);
             for (std::int64_t i = 0; i < visits; ++i) {
                 CellNode_Device& record = records[static_cast<std::size_t>(i)];
                 record.point_count += visit_points[static_cast<std::size_t>(i)];

@@ -398,6 +398,49 @@ TEST_F(CellsTest, OneScaleBlocksMakeTheRecordsOfTheBinOrderWalk) {
     EXPECT_TRUE(sameStart(mixed->relations, first_relations, first_relations.size()));
 }
 
+// A block met again finds part of its tree there: a one-scale block then makes the records of the new
+// leaves only, from the first leaf already there on as the walk over all bins does, with the same searches.
+TEST_F(CellsTest, OneScaleBlockMetAgainMakesTheRecordsOfTheBinOrderWalk) {
+    std::mt19937 rng(12);
+    std::uniform_int_distribution<int> pos(30, 50);
+    std::vector<BinsHeader> bins;
+    std::set<std::tuple<int, int, int>> keys;
+    int offset = 0;
+    while (bins.size() < 200) {
+        const int x = pos(rng), y = pos(rng), z = 40 + static_cast<int>(bins.size() % 3);
+        if (!keys.insert({x, y, z}).second) continue;
+        BinsHeader b = bin(x, y, z, 8, 1 + static_cast<int>(bins.size() % 25), offset);
+        offset += b.point_count;
+        bins.push_back(b);
+    }
+    // The first pass meets every other bin of the later half, the second all of them: its first visits
+    // reach new leaves, later ones leaves already there. The second pass's records, by the one-scale
+    // walk and by the walk over all bins (a far bin of code 16 at the end).
+    std::vector<BinsHeader> some;
+    for (std::size_t i = bins.size() / 2; i < bins.size(); i += 2) some.push_back(bins[i]);
+    BinsHeader far = bin(90, 90, 90, 16, 3, offset);
+    far.occupancy[0] = 1;
+    std::vector<std::vector<CellNode_Device>> records;
+    std::vector<std::vector<RelationCell2Bins_Device>> relations;
+    for (const bool one_scale : {true, false}) {
+        setUpStage(stage, 1000);  // a fresh octree
+        std::vector<BinsHeader> first = some, second = bins;
+        if (!one_scale) {
+            first.push_back(far);
+            second.push_back(far);
+        }
+        cells(first);
+        const auto again = cells(second);
+        records.push_back(withoutCells(again->cell_nodes));
+        relations.push_back(again->relations);
+    }
+    ASSERT_GT(records[0].size(), 0u);
+    ASSERT_EQ(records[1].size(), records[0].size());  // the far bin's cells were made in the first pass
+    EXPECT_TRUE(sameStart(records[1], records[0], records[0].size()));
+    ASSERT_EQ(relations[1].size(), relations[0].size());
+    EXPECT_TRUE(sameStart(relations[1], relations[0], relations[0].size()));
+}
+
 TEST_F(CellsTest, ScaleCodeZeroIsReportedAndCountsAsEight) {
     std::shared_ptr<CellNodeAndRelations> result;
     EXPECT_EQ(quiet([&] { result = cells({bin(60, 60, 60, 0, 2, 0)}); }),
