@@ -245,7 +245,12 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
         launchKernel(points.size(), ComputePointsHashValueKernel{points_dev, n, m_logic_coordinate_dev, m_resolution});
         TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
         // The full order settles equal codes too, so the block's points come out the same every run.
-        sortPointsFully(points_dev, n);
+        if (shared) {
+            sortPointsFullyOnHost(points);  // the block's array is replaced by its sorted copy
+            points_dev = points.data();
+        } else {
+            sortPointsFully(points_dev, n);
+        }
         if (!shared) {
             TESSA_DEVICE_CHECK(deviceMemcpy(points.data(), m_raw_points_hash_dev,
                                             points.size() * sizeof(RawPointWithHash), CopyKind::DeviceToHost),
@@ -293,7 +298,7 @@ int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float
         }
         done += c;
     }
-    sortPointsFullyOnHost(points.data(), n);
+    sortPointsFullyOnHost(points);
     return 0;
 }
 

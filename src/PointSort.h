@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "PointRecords.h"
 
@@ -18,6 +19,8 @@ void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n);
 
 // The same two sorts on host memory, with either backend.
 void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n);
+// The same for a whole array on the host, which the sorted copy replaces.
+void sortPointsFullyOnHost(std::vector<RawPointWithHash>& points);
 void sortPointsByHashStableOnHost(RawPointWithHash* points, std::int64_t n);
 
 }  // namespace SurfaceReconstruction

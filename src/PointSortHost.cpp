@@ -1,11 +1,12 @@
 // The point sorts on host memory: a parallel least-significant-digit radix sort of (hash, index)
-// pairs, one byte a pass (passes whose byte is the same everywhere are left out), then the records are
-// gathered in that order. The full order then sorts each run of equal hash, which is short: the points
-// of one bin.
+// pairs, eleven bits a pass (passes whose digit is the same everywhere are left out), then the records
+// are gathered in that order. The full order then sorts each run of equal hash, which is short: the
+// points of one bin, by their position bits first.
 #include <omp.h>
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "PointSort.h"
@@ -23,27 +24,29 @@ void radixByHash(RawPointWithHash* points, std::int64_t n, std::vector<RawPointW
             (static_cast<std::uint64_t>(static_cast<std::uint32_t>(points[i].hash)) << 32) |
             static_cast<std::uint64_t>(i);
     const int threads = omp_get_max_threads();
-    std::vector<std::int64_t> counts(static_cast<std::size_t>(threads) * 256);
-    for (int pass = 0; pass < 4; ++pass) {
-        const int shift = 32 + 8 * pass;
+    constexpr int DIGIT_BITS = 11;
+    constexpr int DIGITS = 1 << DIGIT_BITS;
+    std::vector<std::int64_t> counts(static_cast<std::size_t>(threads) * DIGITS);
+    for (int shift = 32; shift < 64; shift += DIGIT_BITS) {
         std::fill(counts.begin(), counts.end(), 0);
         bool varies = false;
 #pragma omp parallel num_threads(threads)
         {
             const int t = omp_get_thread_num(), team = omp_get_num_threads();
             const std::int64_t begin = n * t / team, end = n * (t + 1) / team;
-            std::int64_t* mine = counts.data() + static_cast<std::size_t>(t) * 256;
-            for (std::int64_t i = begin; i < end; ++i) ++mine[(pairs[static_cast<std::size_t>(i)] >> shift) & 255];
+            std::int64_t* mine = counts.data() + static_cast<std::size_t>(t) * DIGITS;
+            for (std::int64_t i = begin; i < end; ++i)
+                ++mine[(pairs[static_cast<std::size_t>(i)] >> shift) & (DIGITS - 1)];
 #pragma omp barrier
 #pragma omp single
             {
                 // Offsets digit by digit, thread by thread: the scatter keeps the order of equal digits.
                 std::int64_t total = 0;
                 int nonzero = 0;
-                for (int d = 0; d < 256; ++d) {
+                for (int d = 0; d < DIGITS; ++d) {
                     bool used = false;
                     for (int u = 0; u < team; ++u) {
-                        std::int64_t& c = counts[static_cast<std::size_t>(u) * 256 + static_cast<std::size_t>(d)];
+                        std::int64_t& c = counts[static_cast<std::size_t>(u) * DIGITS + static_cast<std::size_t>(d)];
                         used = used || c != 0;
                         const std::int64_t here = c;
                         c = total;
@@ -56,7 +59,7 @@ void radixByHash(RawPointWithHash* points, std::int64_t n, std::vector<RawPointW
             if (varies) {
                 for (std::int64_t i = begin; i < end; ++i) {
                     const std::uint64_t p = pairs[static_cast<std::size_t>(i)];
-                    other[static_cast<std::size_t>(mine[(p >> shift) & 255]++)] = p;
+                    other[static_cast<std::size_t>(mine[(p >> shift) & (DIGITS - 1)]++)] = p;
                 }
             }
         }
@@ -69,23 +72,68 @@ void radixByHash(RawPointWithHash* points, std::int64_t n, std::vector<RawPointW
         sorted[static_cast<std::size_t>(i)] = points[pairs[static_cast<std::size_t>(i)] & 0xFFFFFFFFull];
 }
 
+// Sorts a run of `count` points of equal hash in the full order. The points' x and y bits, as one
+// integer, settle nearly every comparison; only points that share them are compared field by field.
+// Points equal in the full order are equal in every byte, so the order of the sort does not show.
+void sortRun(RawPointWithHash* run, std::int64_t count, std::vector<std::pair<std::uint64_t, std::uint32_t>>& keys,
+             std::vector<RawPointWithHash>& moved) {
+    const RawPointWithHash_CMP_LESS less;
+    if (count <= 16) {
+        std::sort(run, run + count, less);
+        return;
+    }
+    keys.resize(static_cast<std::size_t>(count));
+    for (std::int64_t i = 0; i < count; ++i)
+        keys[static_cast<std::size_t>(i)] = {
+            (static_cast<std::uint64_t>(RawPointWithHash_CMP_LESS::bits(run[i].x)) << 32) |
+                RawPointWithHash_CMP_LESS::bits(run[i].y),
+            static_cast<std::uint32_t>(i)};
+    std::sort(keys.begin(), keys.end(), [&](const auto& a, const auto& b) {
+        if (a.first != b.first) return a.first < b.first;
+        return less(run[a.second], run[b.second]);
+    });
+    moved.resize(static_cast<std::size_t>(count));
+    for (std::int64_t i = 0; i < count; ++i)
+        moved[static_cast<std::size_t>(i)] = run[keys[static_cast<std::size_t>(i)].second];
+    std::copy(moved.begin(), moved.end(), run);
+}
+
+// The full order into `sorted`: the radix sort by hash, then each run of equal hash.
+void sortFully(RawPointWithHash* points, std::int64_t n, std::vector<RawPointWithHash>& sorted) {
+    radixByHash(points, n, sorted);
+    // Each run of equal hash in the full order; runs begin where the hash changes.
+#pragma omp parallel
+    {
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> keys;
+        std::vector<RawPointWithHash> moved;
+#pragma omp for schedule(dynamic, 4096)
+        for (std::int64_t i = 0; i < n; ++i) {
+            if (i > 0 && sorted[static_cast<std::size_t>(i - 1)].hash == sorted[static_cast<std::size_t>(i)].hash)
+                continue;
+            std::int64_t end = i + 1;
+            while (end < n && sorted[static_cast<std::size_t>(end)].hash == sorted[static_cast<std::size_t>(i)].hash)
+                ++end;
+            if (end - i > 1) sortRun(sorted.data() + i, end - i, keys, moved);
+        }
+    }
+}
+
 }  // namespace
 
 void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n) {
     if (n <= 1) return;
     std::vector<RawPointWithHash> sorted;
-    radixByHash(points, n, sorted);
-    // Each run of equal hash in the full order; runs begin where the hash changes.
-    const RawPointWithHash_CMP_LESS less;
-#pragma omp parallel for schedule(dynamic, 4096)
-    for (std::int64_t i = 0; i < n; ++i) {
-        if (i > 0 && sorted[static_cast<std::size_t>(i - 1)].hash == sorted[static_cast<std::size_t>(i)].hash) continue;
-        std::int64_t end = i + 1;
-        while (end < n && sorted[static_cast<std::size_t>(end)].hash == sorted[static_cast<std::size_t>(i)].hash) ++end;
-        if (end - i > 1) std::sort(sorted.begin() + i, sorted.begin() + end, less);
-    }
+    sortFully(points, n, sorted);
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < n; ++i) points[i] = sorted[static_cast<std::size_t>(i)];
+}
+
+void sortPointsFullyOnHost(std::vector<RawPointWithHash>& points) {
+    const std::int64_t n = static_cast<std::int64_t>(points.size());
+    if (n <= 1) return;
+    std::vector<RawPointWithHash> sorted;
+    sortFully(points.data(), n, sorted);
+    points.swap(sorted);  // the sorted array takes the place of the old one, which goes
 }
 
 void sortPointsByHashStableOnHost(RawPointWithHash* points, std::int64_t n) {

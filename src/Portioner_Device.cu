@@ -176,8 +176,11 @@ struct DetectBlockChangesKernel {
 std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_t n) {
     if (n <= 0) return 0;
     const DeviceScope scope;
-    thrust::sort(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_LESS());
+    // Points that follow one another in a frame mostly lie in one block: repeats side by side go first,
+    // and only the few positions left are sorted.
     RawSurfaceBlockPos* end = thrust::unique(thrust::device, positions, positions + n, RawSurfaceBlockPos_CMP_EQUAL());
+    thrust::sort(thrust::device, positions, end, RawSurfaceBlockPos_CMP_LESS());
+    end = thrust::unique(thrust::device, positions, end, RawSurfaceBlockPos_CMP_EQUAL());
     return end - positions;
 }
 

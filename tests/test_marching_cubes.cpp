@@ -1,5 +1,6 @@
 // The marching cubes stage: Morton codes, bins and their occupancy, the chunked path against the whole
 // block, cells and relations, thread counts, and the field of the whole stage on simulated surfaces.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -193,6 +194,29 @@ TEST_F(BinsTest, BinsCoverEveryPointInPointOrder) {
         next += bin.point_count;
     }
     EXPECT_EQ(next, static_cast<std::int64_t>(b->points->size()));
+}
+
+TEST_F(BinsTest, PointsOfABinComeInTheFullOrderWhateverTheirArrival) {
+    // Dense bins whose points share x and y in threes and differ in z, normal or word: the order within a
+    // bin must be the full one, and the same for any order the points came in.
+    std::mt19937 rng(31);
+    std::uniform_int_distribution<int> cell(0, 3), step(0, 20);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    std::vector<RawPointWithHash> points;
+    for (int i = 0; i < 3000; ++i) {
+        const float x = 30.02f + 0.5f * static_cast<float>(cell(rng)) + 0.02f * static_cast<float>(step(rng) / 3);
+        const float y = 30.02f + 0.02f * static_cast<float>(step(rng) / 3);
+        RawPointWithHash p = point(x, y, 30.1f + 0.01f * static_cast<float>(step(rng)), 8 + 256 * (i % 2));
+        p.nx = unit(rng);
+        points.push_back(p);
+    }
+    std::vector<RawPointWithHash> shuffled = points;
+    std::shuffle(shuffled.begin(), shuffled.end(), rng);
+    auto a = block(points), b = block(shuffled);
+    ASSERT_EQ(bins(stage, a).size(), bins(stage, b).size());
+    EXPECT_TRUE(std::is_sorted(a->points->begin(), a->points->end(), RawPointWithHash_CMP_LESS()));
+    ASSERT_EQ(a->points->size(), points.size());
+    EXPECT_EQ(std::memcmp(a->points->data(), b->points->data(), points.size() * sizeof(RawPointWithHash)), 0);
 }
 
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
