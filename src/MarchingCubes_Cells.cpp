@@ -159,6 +159,47 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             }
         }
     };
+    // With the bitmap, the ranks of the keys of the box of `size` keys an axis from `lo`, brick by brick:
+    // out[(x * size + y) * size + z], -1 where no bin is.
+    const auto boxRanks = [&](const std::int32_t lo[3], int size, std::int32_t* out) {
+        for (int i = 0; i < size * size * size; ++i) out[i] = -1;
+        std::int64_t first[3], last[3], corner[3];  // the box's keys within the bitmap, and its corner
+        for (int k = 0; k < 3; ++k) {
+            corner[k] = static_cast<std::int64_t>(lo[k]) - m_bitmap_min[k];
+            first[k] = std::max<std::int64_t>(corner[k], 0);
+            last[k] = std::min<std::int64_t>(corner[k] + size - 1, m_bitmap_dim[k] * 4 - 1);
+            if (first[k] > last[k]) return;
+        }
+        for (std::int64_t bz = first[2] >> 2; bz <= last[2] >> 2; ++bz) {
+            const int za = static_cast<int>(std::max(first[2], bz * 4) - bz * 4);
+            const int zb = static_cast<int>(std::min(last[2], bz * 4 + 3) - bz * 4);
+            for (std::int64_t by = first[1] >> 2; by <= last[1] >> 2; ++by) {
+                const int ya = static_cast<int>(std::max(first[1], by * 4) - by * 4);
+                const int yb = static_cast<int>(std::min(last[1], by * 4 + 3) - by * 4);
+                for (std::int64_t bx = first[0] >> 2; bx <= last[0] >> 2; ++bx) {
+                    const std::size_t word_index =
+                        static_cast<std::size_t>((bz * m_bitmap_dim[1] + by) * m_bitmap_dim[0] + bx);
+                    const std::uint64_t word = m_bin_bitmap[word_index];
+                    if (word == 0) continue;
+                    const int xa = static_cast<int>(std::max(first[0], bx * 4) - bx * 4);
+                    const int xb = static_cast<int>(std::min(last[0], bx * 4 + 3) - bx * 4);
+                    const std::uint64_t along_x = ((std::uint64_t{2} << xb) - 1) & ~((std::uint64_t{1} << xa) - 1);
+                    std::uint64_t lane = 0;
+                    for (int y = ya; y <= yb; ++y) lane |= along_x << (4 * y);
+                    std::uint64_t mask = 0;
+                    for (int z = za; z <= zb; ++z) mask |= lane << (16 * z);
+                    const std::int32_t base = m_bitmap_rank[word_index];
+                    for (std::uint64_t hits = word & mask; hits != 0; hits &= hits - 1) {
+                        const int bit = __builtin_ctzll(hits);
+                        const std::int64_t x = bx * 4 + (bit & 3) - corner[0];
+                        const std::int64_t y = by * 4 + ((bit >> 2) & 3) - corner[1];
+                        const std::int64_t z = bz * 4 + (bit >> 4) - corner[2];
+                        out[(x * size + y) * size + z] = base + bitCount64(word & ((std::uint64_t{1} << bit) - 1));
+                    }
+                }
+            }
+        }
+    };
     const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
         if (!m_bitmap_valid) {
             for (int k = 0; k < n; ++k) {
@@ -194,13 +235,27 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             // The bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index; a cell's
             // first visitor is the smallest index of the 3 x 3 x 3 keys around the cell, taken axis by axis.
             std::uint32_t ids[5][5][5];  // [x][y][z]
-            for (int x = 0; x < 5; ++x)
-                for (int y = 0; y < 5; ++y) {
-                    std::uint32_t* row = ids[x][y];
-                    for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
-                    visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
-                             [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
-                }
+            if (m_bitmap_valid) {
+                std::int32_t ranks[5][5][5];
+                const std::int32_t lo[3] = {own[0] - 2, own[1] - 2, own[2] - 2};
+                boxRanks(lo, 5, &ranks[0][0][0]);
+                for (int x = 0; x < 5; ++x)
+                    for (int y = 0; y < 5; ++y)
+                        for (int z = 0; z < 5; ++z) {
+                            const std::int32_t rank = ranks[x][y][z];
+                            ids[x][y][z] =
+                                rank < 0 ? UINT32_MAX
+                                         : static_cast<std::uint32_t>(m_rank_to_bin[static_cast<std::size_t>(rank)]);
+                        }
+            } else {
+                for (int x = 0; x < 5; ++x)
+                    for (int y = 0; y < 5; ++y) {
+                        std::uint32_t* row = ids[x][y];
+                        for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
+                        visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
+                                 [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
+                    }
+            }
             std::uint32_t along_z[5][5][3], along_y[5][3][3];
             for (int x = 0; x < 5; ++x)
                 for (int y = 0; y < 5; ++y)
@@ -566,14 +621,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 std::int32_t own[3];
                 if (around_bins) {
                     gridKey(bin.center, r, own);
-                    for (int x = 0; x < 7; ++x)
-                        for (int y = 0; y < 7; ++y) {
-                            std::int32_t* row = around[x][y];
-                            for (int z = 0; z < 7; ++z) row[z] = -1;
-                            visitRowRanks(
-                                own[0] + x - 3, own[1] + y - 3, own[2] - 3, 7,
-                                [row](std::int64_t rank, int k) { row[k] = static_cast<std::int32_t>(rank); });
-                        }
+                    const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
+                    boxRanks(lo, 7, &around[0][0][0]);
                 }
                 for (int t = 0; t < 27; ++t) {
                     if (((mask >> t) & 1u) == 0) continue;
