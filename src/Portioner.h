@@ -169,7 +169,6 @@ private:
     int computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz, float block_res,
                                      std::vector<RawSurfaceBlockPos>& out);
     int processScanFrameList_Device(float block_res, float ext_res);
-    void partitionBatchOnHost(std::int64_t records);
 
     float blockRes() const;
     float extRes() const;
@@ -206,6 +205,8 @@ private:
     std::uint64_t m_raw_surface_capacity = 0;
     std::vector<RawSurfaceBlockPos> m_raw_surface_block_vec;
     std::vector<std::shared_ptr<PointCloudBlock>> m_point_cloud_blocks;
+    // Host backend: each worker thread's records of the batch in work, kept from batch to batch.
+    std::vector<std::vector<RawPointWithHash>> m_thread_records;
     std::size_t m_hash_entry_size = 0;
     std::size_t m_hash_mask = 0;
     SimpleLineHashEntry* m_simple_line_hash_dev = nullptr;

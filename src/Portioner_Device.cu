@@ -53,6 +53,25 @@ struct PartitionPoint {
     const SimpleLineHashEntry* hash_entries;
     std::uint64_t hash_mask;
 
+    // The record of point i, its entry still to be set.
+    TESSA_HD RawPointWithHash recordPoint(std::size_t i) const {
+        const std::uint64_t frame = static_cast<std::uint64_t>(i) / device_params->MAX_FRAME_POINTS;
+        RawPointWithHash point;
+        point.x = xyz[3 * i];
+        point.y = xyz[3 * i + 1];
+        point.z = xyz[3 * i + 2];
+        point.nx = nor[3 * i];
+        point.ny = nor[3 * i + 1];
+        point.nz = nor[3 * i + 2];
+        point.w = w[i];
+        point.hash = -1;
+        point.laser = static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF);
+        point.padding = 0;
+        point.reserved_a = 0;
+        point.reserved_b = 0;
+        return point;
+    }
+
     // Calls record(entry) for each record of point i; false for a point that makes none. `report` prints
     // a point whose own block is missing from the table (which the first pass rules out).
     template <class Record>
@@ -126,20 +145,7 @@ struct ProcessScanFrameListKernel {
 
     TESSA_HD void operator()(std::size_t i) const {
         if (static_cast<std::int64_t>(i) >= partition.n) return;
-        const std::uint64_t frame = static_cast<std::uint64_t>(i) / partition.device_params->MAX_FRAME_POINTS;
-        RawPointWithHash point;
-        point.x = partition.xyz[3 * i];
-        point.y = partition.xyz[3 * i + 1];
-        point.z = partition.xyz[3 * i + 2];
-        point.nx = partition.nor[3 * i];
-        point.ny = partition.nor[3 * i + 1];
-        point.nz = partition.nor[3 * i + 2];
-        point.w = partition.w[i];
-        point.hash = -1;
-        point.laser = static_cast<std::uint8_t>(partition.frame_info[frame].laser_id & 0xFF);
-        point.padding = 0;
-        point.reserved_a = 0;
-        point.reserved_b = 0;
+        const RawPointWithHash point = partition.recordPoint(i);
         std::int64_t slot = offsets[i];
         partition.forEachRecord(i, [&](std::int32_t e) {
             deviceAtomicAdd(&hash_entries[e].count, 1);
@@ -171,6 +177,88 @@ struct DetectBlockChangesKernel {
         entry.count = 0;
     }
 };
+
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+// Where device memory is host memory a batch goes onto the ends of its blocks' lists in one pass over its
+// points, each block's records in point order: the order that the counts, records, stable sort by block
+// and runs give elsewhere. Each thread makes the records of its share of the points into its own list
+// (kept for the next batch) and counts them by table entry; the shares' places in each block's list
+// follow from those counts, and every thread then writes its records into place.
+void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* entries, std::int64_t entry_count,
+                          std::vector<std::shared_ptr<PointCloudBlock>>& blocks,
+                          std::vector<std::vector<RawPointWithHash>>& thread_records) {
+    const std::int64_t n = partition.n;
+    const int team = std::max(1, omp_get_max_threads());
+    if (thread_records.size() < static_cast<std::size_t>(team)) thread_records.resize(static_cast<std::size_t>(team));
+    const std::size_t table = static_cast<std::size_t>(entry_count);
+    std::vector<std::int64_t> places(static_cast<std::size_t>(team) * table, 0);
+    std::vector<std::int32_t> words(static_cast<std::size_t>(team) * table, 0);  // OR of the records' words
+    std::vector<RawPointWithHash*> lists(table, nullptr);
+    bool failed = false;
+#pragma omp parallel num_threads(team)
+    {
+        const int t = omp_get_thread_num(), threads = omp_get_num_threads();
+        std::vector<RawPointWithHash>& records = thread_records[static_cast<std::size_t>(t)];
+        std::int64_t* mine = places.data() + static_cast<std::size_t>(t) * table;
+        std::int32_t* my_words = words.data() + static_cast<std::size_t>(t) * table;
+        records.clear();
+        try {
+            for (std::int64_t i = n * t / threads; i < n * (t + 1) / threads; ++i) {
+                RawPointWithHash point = partition.recordPoint(static_cast<std::size_t>(i));
+                partition.forEachRecord(
+                    static_cast<std::size_t>(i),
+                    [&](std::int32_t e) {
+                        point.hash = e;
+                        records.push_back(point);
+                        ++mine[e];
+                        my_words[e] |= point.w;
+                    },
+                    true);
+            }
+        } catch (...) {
+#pragma omp atomic write
+            failed = true;
+        }
+#pragma omp barrier
+#pragma omp for schedule(dynamic, 1024)
+        for (std::int64_t e = 0; e < entry_count; ++e) {
+            // The entry's shares, thread by thread, after what its block's list already holds.
+            std::int64_t total = 0;
+            std::int32_t word = 0;
+            for (int u = 0; u < threads; ++u) {
+                total += places[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
+                word |= words[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
+            }
+            if (total == 0) continue;
+            SimpleLineHashEntry& entry = entries[e];
+            entry.flags |= word;
+            PointCloudBlock& block = *blocks[static_cast<std::size_t>(entry.id)];
+            std::vector<RawPointWithHash>& list = *block.points;
+            std::int64_t at = static_cast<std::int64_t>(list.size());
+            try {
+                list.resize(list.size() + static_cast<std::size_t>(total));
+            } catch (...) {
+#pragma omp atomic write
+                failed = true;
+                continue;
+            }
+            block.flags |= entry.flags;
+            lists[static_cast<std::size_t>(e)] = list.data();
+            for (int u = 0; u < threads; ++u) {
+                std::int64_t& share = places[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
+                const std::int64_t here = share;
+                share = at;
+                at += here;
+            }
+        }
+        if (!failed) {
+            for (const RawPointWithHash& record : records)
+                lists[static_cast<std::size_t>(record.hash)][mine[record.hash]++] = record;
+        }
+    }
+    if (failed) throw std::bad_alloc();
+}
+#endif
 
 // Sorts a block position list on the device and removes repeats; returns the new length.
 std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_t n) {
@@ -307,6 +395,7 @@ int Portioner::deInitPartition_Device() {
                       {1, "[Portioner] process try catch error!"}, [&]() -> int {
                           m_adding_frames.reset();
                           m_computing_frames.reset();
+                          std::vector<std::vector<RawPointWithHash>>().swap(m_thread_records);
                           TESSA_DEVICE_RELEASE(m_simple_line_hash_dev, "cudaFree(m_simple_line_hash_dev)");
                           TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz, "cudaFree(m_computing_frames_dev.xyz)");
                           TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor, "cudaFree(m_computing_frames_dev.nor)");
@@ -416,65 +505,6 @@ int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz,
 
 // ---- second pass: partition of a batch -------------------------------------------------------------
 
-#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
-// Where device memory is host memory the batch's records go straight from the output buffer onto the
-// ends of their blocks' lists, each block's in record order: the order that the stable sort by block and
-// the runs of the sorted batch give elsewhere, without the sort. Each thread counts the records of its
-// share of the batch by table entry; the shares' places in each block's list follow from those counts,
-// and every thread then writes its own records into place.
-void Portioner::partitionBatchOnHost(std::int64_t records) {
-    const RawPointWithHash* batch = m_raw_points_hash_dev;
-    SimpleLineHashEntry* entries = m_simple_line_hash_dev;
-    const std::int64_t entry_count = static_cast<std::int64_t>(m_hash_entry_size);
-    const int team = std::max(1, omp_get_max_threads());
-    std::vector<std::int64_t> places(static_cast<std::size_t>(team) * static_cast<std::size_t>(entry_count), 0);
-    std::vector<RawPointWithHash*> lists(static_cast<std::size_t>(entry_count), nullptr);
-    bool failed = false;
-#pragma omp parallel num_threads(team)
-    {
-        const int t = omp_get_thread_num(), threads = omp_get_num_threads();
-        const std::int64_t begin = records * t / threads, end = records * (t + 1) / threads;
-        std::int64_t* mine = places.data() + static_cast<std::size_t>(t) * static_cast<std::size_t>(entry_count);
-        for (std::int64_t i = begin; i < end; ++i) ++mine[batch[i].hash];
-#pragma omp barrier
-#pragma omp for schedule(dynamic, 1024)
-        for (std::int64_t e = 0; e < entry_count; ++e) {
-            // The entry's shares, thread by thread, after what its block's list already holds.
-            std::int64_t total = 0;
-            for (int u = 0; u < threads; ++u) total += places[static_cast<std::size_t>(u) * entry_count + e];
-            if (total == 0) continue;
-            SimpleLineHashEntry& entry = entries[e];
-            PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(entry.id)];
-            std::vector<RawPointWithHash>& list = *block.points;
-            std::int64_t at = static_cast<std::int64_t>(list.size());
-            try {
-                list.resize(list.size() + static_cast<std::size_t>(total));
-            } catch (...) {
-#pragma omp atomic write
-                failed = true;
-                continue;
-            }
-            block.flags |= entry.flags;
-            entry.count = 0;
-            lists[static_cast<std::size_t>(e)] = list.data();
-            for (int u = 0; u < threads; ++u) {
-                std::int64_t& share = places[static_cast<std::size_t>(u) * entry_count + e];
-                const std::int64_t here = share;
-                share = at;
-                at += here;
-            }
-        }
-        if (!failed) {
-            for (std::int64_t i = begin; i < end; ++i) {
-                const std::int32_t e = batch[i].hash;
-                lists[static_cast<std::size_t>(e)][mine[e]++] = batch[i];
-            }
-        }
-    }
-    if (failed) throw std::bad_alloc();
-}
-#endif
-
 int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
     return runGuarded(
         m_last_error, {1, "[Portioner] processScanFrameList_Device try catch device error!"},
@@ -512,6 +542,13 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             const PartitionPoint partition{frames_dev.xyz,         frames_dev.nor, frames_dev.w, frames_dev.frame_info,
                                            m_device_params_dev,    max_point_size, block_res,    half_ext,
                                            m_simple_line_hash_dev, m_hash_mask};
+#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
+            if (deviceMemoryIsHostMemory()) {
+                partitionBatchOnHost(partition, m_simple_line_hash_dev, static_cast<std::int64_t>(m_hash_entry_size),
+                                     m_point_cloud_blocks, m_thread_records);
+                return 0;
+            }
+#endif
             // Count the records first: the output buffer is made big enough before anything is written.
             ScopedDeviceBuffer<std::int64_t> offsets_dev;
             TESSA_DEVICE_CHECK(deviceMalloc(&offsets_dev.ptr(), (points + 1) * sizeof(std::int64_t)),
@@ -544,12 +581,6 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                 "cudaMemcpyHostToDevice)");
             TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
                                "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
-#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
-            if (deviceMemoryIsHostMemory()) {
-                partitionBatchOnHost(raw_points_hash_size);
-                return 0;
-            }
-#endif
             // Grouped by block, each block's records in point order.
             sortPointsByHashStable(m_raw_points_hash_dev, raw_points_hash_size);
 

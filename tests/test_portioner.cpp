@@ -203,7 +203,8 @@ TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
     const Frames frames = randomFrames(12, 400, 11);
     PortionerRun run(frames, /*raw_points_capacity=*/16);
     ASSERT_EQ(run.status, 0) << run.portioner.getLastError();
-    EXPECT_GE(TestAccess::partitionGrowths(run.portioner), 1);
+    // Where device memory is host memory the records go straight to the blocks, with no output buffer.
+    if (!deviceMemoryIsHostMemory()) EXPECT_GE(TestAccess::partitionGrowths(run.portioner), 1);
     expectSameBlocks(run.blocks(), bruteForceBlocks(frames));
 }
 
@@ -341,9 +342,9 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
         ASSERT_EQ(clean.status, 0);
         launches = fake.launch_checks;
     }
-    // Block positions, then counts and records of each batch; where device memory is not host memory the
-    // runs and changes of each batch too.
-    ASSERT_GE(launches, deviceMemoryIsHostMemory() ? 3 : 5);
+    // Block positions; where device memory is not host memory the counts, records, runs and changes of
+    // each batch too (on the host the batches take no launch).
+    ASSERT_GE(launches, deviceMemoryIsHostMemory() ? 1 : 5);
     for (int k = 0; k < launches; ++k) {
         FakeDevices fake;
         fake.fail_launch_at = k;
