@@ -73,8 +73,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     }
     const float r = m_resolution;
     auto flat = std::make_shared<CellNodeAndRelations>();
-    std::vector<CellNode_Device>& records = flat->cell_nodes;
-    std::vector<PendingSearch> pending;
+    UninitialisedArray<CellNode_Device>& records = flat->cell_nodes;
+    UninitialisedArray<PendingSearch> pending;
     std::vector<Absorption> absorptions;
     DescentPath path;
     // About four cells a bin on a surface: room for that up front spares most regrowth of the arrays.
@@ -490,9 +490,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         return std::make_pair(points, widened);
     };
 
-    std::vector<std::int32_t> found;
-    std::vector<std::int64_t> found_at;
-    std::vector<std::uint16_t> found_by;
+    // What each search found: how many runs, where in which thread's list. Every entry is written.
+    UninitialisedArray<std::int32_t> found;
+    UninitialisedArray<std::int64_t> found_at;
+    UninitialisedArray<std::uint16_t> found_by;
     std::vector<std::vector<RelationCell2Bins_Device>> lists(static_cast<std::size_t>(omp_get_max_threads()));
 
     // One scale: the walk makes the records in the order of the first visits, so the searches need not
@@ -526,12 +527,13 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         const std::int64_t visits = visit_start.back();
         records.reserve(static_cast<std::size_t>(visits));
         pending.reserve(static_cast<std::size_t>(visits));
-        found.assign(static_cast<std::size_t>(visits), 0);
-        found_at.assign(static_cast<std::size_t>(visits), 0);
-        found_by.assign(static_cast<std::size_t>(visits), 0);
-        std::vector<std::int32_t> visit_points(static_cast<std::size_t>(visits), 0);
-        std::vector<std::uint8_t> visit_widened(static_cast<std::size_t>(visits), 0);
-        std::vector<CellNode*> leaves(static_cast<std::size_t>(visits), nullptr);
+        // Every visit's entries are written by its search, and its leaf by the walk before it is read.
+        found.resize(static_cast<std::size_t>(visits));
+        found_at.resize(static_cast<std::size_t>(visits));
+        found_by.resize(static_cast<std::size_t>(visits));
+        UninitialisedArray<std::int32_t> visit_points(static_cast<std::size_t>(visits));
+        UninitialisedArray<std::uint8_t> visit_widened(static_cast<std::size_t>(visits));
+        UninitialisedArray<CellNode*> leaves(static_cast<std::size_t>(visits));
         // The records and pending searches of the visits of bins [from, to) before visit `end`, at the
         // visits' places.
         const auto makeVisitRecords = [&](std::int64_t from, std::int64_t to, std::int64_t end) {

@@ -120,13 +120,19 @@ class CellsTest : public Stage {};
 class StageRun : public Stage {};
 
 // Whether the first `n` elements of both lists agree byte for byte.
-template <class T>
-bool sameStart(const std::vector<T>& a, const std::vector<T>& b, std::size_t n) {
+template <class T, class A, class B>
+bool sameStart(const std::vector<T, A>& a, const std::vector<T, B>& b, std::size_t n) {
     return a.size() >= n && b.size() >= n && std::memcmp(a.data(), b.data(), n * sizeof(T)) == 0;
 }
 
+// A block's relations as a plain list.
+std::vector<RelationCell2Bins_Device> listOf(const UninitialisedArray<RelationCell2Bins_Device>& relations) {
+    return {relations.begin(), relations.end()};
+}
+
 // The records without the addresses of their octree cells, which differ between trees.
-std::vector<CellNode_Device> withoutCells(std::vector<CellNode_Device> records) {
+std::vector<CellNode_Device> withoutCells(const UninitialisedArray<CellNode_Device>& cells) {
+    std::vector<CellNode_Device> records(cells.begin(), cells.end());
     for (CellNode_Device& record : records) record.cell = nullptr;
     return records;
 }
@@ -353,7 +359,7 @@ TEST_F(CellsTest, RecordsAndRelationsAreTheSameForAnyThreadCount) {
             EXPECT_EQ(TestAccess::rectifyBinLevels(stage, copy), 0);
             const auto result = cells(copy);
             runs.push_back(withoutCells(result->cell_nodes));
-            relations.push_back(result->relations);
+            relations.push_back(listOf(result->relations));
             return 0;
         });
     }
@@ -411,7 +417,7 @@ TEST_F(CellsTest, OneScaleBlocksMakeTheRecordsOfTheBinOrderWalk) {
 
     // The same bins and one far bin of code 16 at the end: its cells come last and reach none of the others.
     const std::vector<CellNode_Device> first = withoutCells(one_scale->cell_nodes);
-    const std::vector<RelationCell2Bins_Device> first_relations = one_scale->relations;
+    const std::vector<RelationCell2Bins_Device> first_relations = listOf(one_scale->relations);
     setUpStage(stage, 1000);  // a fresh octree
     BinsHeader far = bin(90, 90, 90, 16, 3, offset);
     far.occupancy[0] = 1;
@@ -456,7 +462,7 @@ TEST_F(CellsTest, OneScaleBlockMetAgainMakesTheRecordsOfTheBinOrderWalk) {
         cells(first);
         const auto again = cells(second);
         records.push_back(withoutCells(again->cell_nodes));
-        relations.push_back(again->relations);
+        relations.push_back(listOf(again->relations));
     }
     ASSERT_GT(records[0].size(), 0u);
     ASSERT_EQ(records[1].size(), records[0].size());  // the far bin's cells were made in the first pass

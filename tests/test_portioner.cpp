@@ -204,7 +204,9 @@ TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
     PortionerRun run(frames, /*raw_points_capacity=*/16);
     ASSERT_EQ(run.status, 0) << run.portioner.getLastError();
     // Where device memory is host memory the records go straight to the blocks, with no output buffer.
-    if (!deviceMemoryIsHostMemory()) EXPECT_GE(TestAccess::partitionGrowths(run.portioner), 1);
+    if (!deviceMemoryIsHostMemory()) {
+        EXPECT_GE(TestAccess::partitionGrowths(run.portioner), 1);
+    }
     expectSameBlocks(run.blocks(), bruteForceBlocks(frames));
 }
 
