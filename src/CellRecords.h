@@ -5,11 +5,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <new>
-#include <utility>
 #include <vector>
 
 #include "DeviceLayer.h"
+#include "UninitialisedArray.h"
 
 namespace SurfaceReconstruction {
 
@@ -120,31 +119,6 @@ inline CellNode_Device emptyCellNodeDevice() {
 }
 
 // The flattened cells of a block and their relations: the input of the field computation.
-// An allocator that leaves the new elements of a resize uninitialised. A block's records and relations
-// are written in full by the threads that fill them; zeroing them first would take one core while the
-// other waits, for arrays of tens of megabytes.
-template <class T>
-struct UninitialisedAllocator : std::allocator<T> {
-    template <class U>
-    struct rebind {
-        using other = UninitialisedAllocator<U>;
-    };
-    UninitialisedAllocator() = default;
-    template <class U>
-    UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
-    template <class U>
-    void construct(U* p) noexcept {
-        ::new (static_cast<void*>(p)) U;
-    }
-    template <class U, class... Args>
-    void construct(U* p, Args&&... args) {
-        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
-    }
-};
-
-template <class T>
-using UninitialisedArray = std::vector<T, UninitialisedAllocator<T>>;
-
 struct CellNodeAndRelations {
     std::atomic<std::int32_t> cell_node_size{0};
     UninitialisedArray<CellNode_Device> cell_nodes;

@@ -14,6 +14,7 @@
 #include "Morton.h"
 #include "Parameters.h"
 #include "PointRecords.h"
+#include "PointSort.h"
 
 namespace SurfaceReconstruction {
 
@@ -126,6 +127,7 @@ private:
     std::shared_ptr<FieldDataPool> m_field_data_pool;
     RawPointWithHash* m_raw_points_hash_dev = nullptr;
     RawPointWithHash* m_block_points_dev = nullptr;  // the sorted points of the block in work, where kernels read them
+    PointSortBuffers m_sort_buffers;                 // host memory, kept from block to block
     int* m_raw_points_hash_size_dev = nullptr;
     std::uint64_t m_raw_points_capacity = 0;
     float* m_logic_coordinate_dev = nullptr;

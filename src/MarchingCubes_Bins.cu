@@ -171,6 +171,7 @@ int MarchingCubes::deInitDevice() {
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
         TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
         m_raw_points_capacity = 0;
+        m_sort_buffers.release();
         TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
         TESSA_DEVICE_RELEASE(m_logic_coordinate_dev, "cudaFree(m_logic_coordinate_dev)");
         TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");
@@ -226,7 +227,7 @@ void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::
 
 int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]) {
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
-        std::vector<RawPointWithHash>& points = *block.points;
+        PointList& points = *block.points;
         const std::int64_t n = static_cast<std::int64_t>(points.size());
         // Where device memory is host memory the block's own array is sorted in place; otherwise a copy
         // goes to the device and the sorted points come back for a fall back to the host.
@@ -246,7 +247,7 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
         TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
         // The full order settles equal codes too, so the block's points come out the same every run.
         if (shared) {
-            sortPointsFullyOnHost(points);  // the block's array is replaced by its sorted copy
+            sortPointsFullyOnHost(points, m_sort_buffers);  // the block's array is replaced by its sorted copy
             points_dev = points.data();
         } else {
             sortPointsFully(points_dev, n);
@@ -272,7 +273,7 @@ int MarchingCubes::getBinsCenter_Device(PointCloudBlock& block, std::vector<Bins
 }
 
 int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]) {
-    std::vector<RawPointWithHash>& points = *block.points;
+    PointList& points = *block.points;
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     TESSA_DEVICE_CHECK(
         deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
@@ -298,13 +299,13 @@ int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float
         }
         done += c;
     }
-    sortPointsFullyOnHost(points);
+    sortPointsFullyOnHost(points, m_sort_buffers);
     return 0;
 }
 
 int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float logic_coordinate[3],
                                          std::vector<BinsHeader>& bins_header) {
-    const std::vector<RawPointWithHash>& points = *block.points;
+    const PointList& points = *block.points;
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     TESSA_DEVICE_CHECK(
         deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),

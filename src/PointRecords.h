@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "DeviceLayer.h"
+#include "UninitialisedArray.h"
 
 namespace SurfaceReconstruction {
 
@@ -72,13 +73,16 @@ struct RawPointWithHash_CMP_LESS {
     }
 };
 
+// The points of a block: written in full wherever the list grows, so its growth leaves them unset.
+using PointList = UninitialisedArray<RawPointWithHash>;
+
 // One block of the world grid with its own points and the points of its margin.
 struct PointCloudBlock {
     std::atomic<std::int32_t> state{0};
     float center[3] = {0.0f, 0.0f, 0.0f};
     float half_size = 0.5f;
     std::int32_t flags = 0;  // OR of w over all the block's points
-    std::shared_ptr<std::vector<RawPointWithHash>> points = std::make_shared<std::vector<RawPointWithHash>>();
+    std::shared_ptr<PointList> points = std::make_shared<PointList>();
 };
 
 }  // namespace SurfaceReconstruction

@@ -17,10 +17,22 @@ void sortPointsFully(RawPointWithHash* points, std::int64_t n);
 // Sorts `points` (device memory) by `hash` as unsigned, keeping the order of equal hashes.
 void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n);
 
+// Working arrays of the host sorts, kept from one block to the next: blocks come largest first, so after
+// the first block they are not allocated again (fresh memory costs a page fault a page).
+struct PointSortBuffers {
+    UninitialisedArray<std::uint64_t> pairs, other;  // (hash, index) pairs of the radix sort
+    PointList sorted;                                // the sorted copy
+    void release() {
+        UninitialisedArray<std::uint64_t>().swap(pairs);
+        UninitialisedArray<std::uint64_t>().swap(other);
+        PointList().swap(sorted);
+    }
+};
+
 // The same two sorts on host memory, with either backend.
 void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n);
-// The same for a whole array on the host, which the sorted copy replaces.
-void sortPointsFullyOnHost(std::vector<RawPointWithHash>& points);
+// The same for a whole array on the host, which the sorted copy replaces; `buffers` keeps the old storage.
+void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers);
 void sortPointsByHashStableOnHost(RawPointWithHash* points, std::int64_t n);
 
 }  // namespace SurfaceReconstruction

@@ -15,9 +15,15 @@ namespace SurfaceReconstruction {
 
 namespace {
 
-// The records in the order of their hash, equal hashes in input order.
-void radixByHash(RawPointWithHash* points, std::int64_t n, std::vector<RawPointWithHash>& sorted) {
-    std::vector<std::uint64_t> pairs(static_cast<std::size_t>(n)), other(static_cast<std::size_t>(n));
+// The records in the order of their hash, equal hashes in input order, into `buffers.sorted`.
+void radixByHash(const RawPointWithHash* points, std::int64_t n, PointSortBuffers& buffers) {
+    // Every element of the arrays is written before it is read: they are sized, not cleared.
+    UninitialisedArray<std::uint64_t>& pairs = buffers.pairs;
+    UninitialisedArray<std::uint64_t>& other = buffers.other;
+    pairs.clear();
+    pairs.resize(static_cast<std::size_t>(n));
+    other.clear();
+    other.resize(static_cast<std::size_t>(n));
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < n; ++i)
         pairs[static_cast<std::size_t>(i)] =
@@ -65,7 +71,8 @@ void radixByHash(RawPointWithHash* points, std::int64_t n, std::vector<RawPointW
         }
         if (varies) pairs.swap(other);
     }
-    std::vector<std::uint64_t>().swap(other);
+    PointList& sorted = buffers.sorted;
+    sorted.clear();
     sorted.resize(static_cast<std::size_t>(n));
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < n; ++i)
@@ -98,9 +105,10 @@ void sortRun(RawPointWithHash* run, std::int64_t count, std::vector<std::pair<st
     std::copy(moved.begin(), moved.end(), run);
 }
 
-// The full order into `sorted`: the radix sort by hash, then each run of equal hash.
-void sortFully(RawPointWithHash* points, std::int64_t n, std::vector<RawPointWithHash>& sorted) {
-    radixByHash(points, n, sorted);
+// The full order into `buffers.sorted`: the radix sort by hash, then each run of equal hash.
+void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers& buffers) {
+    radixByHash(points, n, buffers);
+    PointList& sorted = buffers.sorted;
     // Each run of equal hash in the full order; runs begin where the hash changes.
 #pragma omp parallel
     {
@@ -122,26 +130,26 @@ void sortFully(RawPointWithHash* points, std::int64_t n, std::vector<RawPointWit
 
 void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n) {
     if (n <= 1) return;
-    std::vector<RawPointWithHash> sorted;
-    sortFully(points, n, sorted);
+    PointSortBuffers buffers;
+    sortFully(points, n, buffers);
 #pragma omp parallel for schedule(static)
-    for (std::int64_t i = 0; i < n; ++i) points[i] = sorted[static_cast<std::size_t>(i)];
+    for (std::int64_t i = 0; i < n; ++i) points[i] = buffers.sorted[static_cast<std::size_t>(i)];
 }
 
-void sortPointsFullyOnHost(std::vector<RawPointWithHash>& points) {
+void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers) {
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     if (n <= 1) return;
-    std::vector<RawPointWithHash> sorted;
-    sortFully(points.data(), n, sorted);
-    points.swap(sorted);  // the sorted array takes the place of the old one, which goes
+    sortFully(points.data(), n, buffers);
+    // The sorted array takes the place of the old one, whose storage holds the next sorted copy.
+    points.swap(buffers.sorted);
 }
 
 void sortPointsByHashStableOnHost(RawPointWithHash* points, std::int64_t n) {
     if (n <= 1) return;
-    std::vector<RawPointWithHash> sorted;
-    radixByHash(points, n, sorted);
+    PointSortBuffers buffers;
+    radixByHash(points, n, buffers);
 #pragma omp parallel for schedule(static)
-    for (std::int64_t i = 0; i < n; ++i) points[i] = sorted[static_cast<std::size_t>(i)];
+    for (std::int64_t i = 0; i < n; ++i) points[i] = buffers.sorted[static_cast<std::size_t>(i)];
 }
 
 }  // namespace SurfaceReconstruction

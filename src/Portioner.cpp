@@ -184,6 +184,8 @@ int Portioner::preProcessForAddScanFrame() {
             result = initPartition_Device();
             if (result != 0) return result;
 
+            reserveBlockPoints(simple_line_hash->getHashEntriesPtr(), m_hash_entry_size, m_hash_mask, block_res,
+                               extRes());
             TESSA_DEVICE_CHECK(
                 deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
                              m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),

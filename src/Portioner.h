@@ -175,6 +175,10 @@ private:
     std::uint32_t maxFramePoints() const;
     bool frameFits(const FrameDataWithInfo& frame) const;
     int preProcessForAddScanFrame();
+    // Makes room in each block's list for all the records the waiting frames will give it, so that the
+    // list is allocated once, at its size, instead of growing batch by batch.
+    void reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
+                            float block_res, float ext_res);
     int finishScanFrames();
     int processScanFrameList_Task();
     int waitForBatch();

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <deque>
 #include <new>
 #include <stdexcept>
 
@@ -233,7 +234,7 @@ void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* 
             SimpleLineHashEntry& entry = entries[e];
             entry.flags |= word;
             PointCloudBlock& block = *blocks[static_cast<std::size_t>(entry.id)];
-            std::vector<RawPointWithHash>& list = *block.points;
+            PointList& list = *block.points;
             std::int64_t at = static_cast<std::int64_t>(list.size());
             try {
                 list.resize(list.size() + static_cast<std::size_t>(total));
@@ -259,6 +260,33 @@ void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* 
     if (failed) throw std::bad_alloc();
 }
 #endif
+
+// The records each table entry will receive from the frames still to be partitioned, counted on the
+// host's cores with the partition's own rule; `counts` gets one element an entry.
+void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames, const SimpleLineHashEntry* entries,
+                       std::uint64_t entry_count, std::uint64_t mask, float block_res, float half_ext,
+                       std::vector<std::int64_t>& counts) {
+    const int team = std::max(1, omp_get_max_threads());
+    const std::size_t table = static_cast<std::size_t>(entry_count);
+    std::vector<std::int64_t> shares(static_cast<std::size_t>(team) * table, 0);
+    const std::int64_t frame_count = static_cast<std::int64_t>(frames.size());
+#pragma omp parallel num_threads(team)
+    {
+        std::int64_t* mine = shares.data() + static_cast<std::size_t>(omp_get_thread_num()) * table;
+#pragma omp for schedule(dynamic, 16)
+        for (std::int64_t f = 0; f < frame_count; ++f) {
+            const FrameDataWithInfo& frame = *frames[static_cast<std::size_t>(f)];
+            const PartitionPoint partition{
+                reinterpret_cast<const float*>(frame.xyz.data()), nullptr,   nullptr,  nullptr, nullptr,
+                static_cast<std::int64_t>(frame.xyz.size()),      block_res, half_ext, entries, mask};
+            for (std::size_t i = 0; i < frame.xyz.size(); ++i)
+                partition.forEachRecord(i, [mine](std::int32_t e) { ++mine[e]; });
+        }
+    }
+    counts.assign(table, 0);
+    for (int t = 0; t < team; ++t)
+        for (std::size_t e = 0; e < table; ++e) counts[e] += shares[static_cast<std::size_t>(t) * table + e];
+}
 
 // Sorts a block position list on the device and removes repeats; returns the new length.
 std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_t n) {
@@ -289,6 +317,25 @@ int runBlockComputation(std::string& last_error, Step step) {
 }
 
 }  // namespace
+
+// ---- block lists -----------------------------------------------------------------------------------
+
+void Portioner::reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
+                                   float block_res, float ext_res) {
+    if (m_waiting_frames.empty()) return;
+    try {
+        std::vector<std::int64_t> counts;
+        countBlockRecords(m_waiting_frames, entries, entry_count, mask, block_res, block_res * 0.5f + ext_res, counts);
+        for (std::size_t e = 0; e < counts.size(); ++e) {
+            if (counts[e] == 0 || entries[e].id < 0) continue;
+            const std::size_t block = static_cast<std::size_t>(entries[e].id);
+            if (block < m_point_cloud_blocks.size())
+                m_point_cloud_blocks[block]->points->reserve(static_cast<std::size_t>(counts[e]));
+        }
+    } catch (const std::bad_alloc&) {
+        // Without the room made ahead the lists grow as the batches come: slower, nothing lost.
+    }
+}
 
 // ---- buffers ---------------------------------------------------------------------------------------
 
@@ -610,7 +657,7 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             for (const BlockChangesData& change : changes_data) {
                 PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(change.block_id)];
                 block.flags |= change.flags;
-                std::vector<RawPointWithHash>& list = *block.points;
+                PointList& list = *block.points;
                 const std::size_t ori_size = list.size();
                 list.resize(ori_size + static_cast<std::size_t>(change.points_num));
                 TESSA_DEVICE_CHECK(deviceMemcpy(list.data() + ori_size, m_raw_points_hash_dev + change.offset,

@@ -65,7 +65,7 @@ protected:
         b->center[0] = b->center[1] = b->center[2] = 32.0f;
         b->half_size = 32.0f;
         for (const RawPointWithHash& p : points) b->flags |= p.w;
-        *b->points = std::move(points);
+        b->points->assign(points.begin(), points.end());
         return b;
     }
 
