@@ -92,6 +92,14 @@ DeviceResult deviceMalloc(T** ptr, std::size_t bytes) {
 // kernel without a copy.
 bool deviceMemoryIsHostMemory();
 
+// True where kernels round as host code does (the host backend, unless its kernels are built with
+// fused multiply-adds as a device computes): host code that computes the same may stand in for them.
+#if defined(TESSALINE_CUDA) || defined(TESSALINE_FUSED_KERNELS)
+constexpr bool KERNELS_COMPUTE_AS_HOST = false;
+#else
+constexpr bool KERNELS_COMPUTE_AS_HOST = true;
+#endif
+
 // Free memory kept back on every test of device memory.
 constexpr std::size_t DEVICE_MEMORY_SLACK = 5242880;
 

@@ -82,59 +82,236 @@ TESSA_HD inline void walkCellPoints(const CellNode_Device& cell, const RelationC
 
 namespace field_internal {
 
+// What the walks of the passes gather. A walk visits the cell's points in relation order and adds each
+// point's share in that order, so that every sum comes out the same whichever walk made it.
+
 // First walk of the initial normal: the points that agree with the first point's normal, strictly
-// inside the radius, and the references of points point_count / 2 and point_count - 1.
-struct InitNormalFirstWalk {
-    const CellNode_Device* cell;
-    float inside_square;  // squareWithRootAtLeast(radius): strictly inside the radius below it
-    float (*reference)[3];
-    MomentSums* set0;
-    int* count0;
-    int g;
-    TESSA_HD void operator()(const RawPointWithHash& p) {
-        ++g;
-        const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        const float n[3] = {p.nx, p.ny, p.nz};
-        if (dot3f(n, reference[0]) > 0.35f && squaredLength3f(o) < inside_square) {
-            accumulateCovariance(o, *set0);
-            ++*count0;
-        }
-        if (g == cell->point_count / 2) {
-            for (int k = 0; k < 3; ++k) reference[1][k] = n[k];
-        }
-        if (g == cell->point_count - 1) {
-            for (int k = 0; k < 3; ++k) reference[2][k] = n[k];
-        }
-    }
+// inside the radius, and the normals of points point_count / 2 and point_count - 1 of the walk.
+struct InitFirstSums {
+    MomentSums set0;
+    int count0;
+    float reference1[3];
+    float reference2[3];
 };
 
 // Second walk: the points within the radius, the radius included, that agree with references 1 and 2.
-struct InitNormalSecondWalk {
-    const CellNode_Device* cell;
-    float reach_square;  // squareWithRootAtMost(radius): within the radius up to it
-    const float (*reference)[3];
-    MomentSums* sets;
-    int* counts;
-    TESSA_HD void operator()(const RawPointWithHash& p) {
-        const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        if (squaredLength3f(o) > reach_square) return;
-        const float n[3] = {p.nx, p.ny, p.nz};
-        for (int k = 1; k <= 2; ++k) {
-            if (dot3f(n, reference[k]) > 0.35f) {
-                accumulateCovariance(o, sets[k]);
-                ++counts[k];
-            }
-        }
+struct InitSecondSums {
+    MomentSums set1, set2;
+    int count1, count2;
+};
+
+// One side of a cell in the fine normal pass: its moments over all points within reach, and the sum of
+// the positions of its points within the near radius.
+struct SheetSums {
+    MomentSums moments;
+    int count;
+    float position_sum[3];
+    int near_count;
+};
+
+// Whether a point takes part in a cell's sheets: the flag filter (while the cell uses it) and the
+// laser's smallest edge.
+TESSA_HD inline bool pointCountsInCell(const CellNode_Device& cell, const DeviceParameters& params, float edge,
+                                       std::int32_t w, std::uint8_t laser) {
+    const bool flag_filter = (cell.word & 0x100u) != 0 && (cell.rules & CELL_ALL_POINTS) == 0;
+    if (flag_filter && (w & 0x100) == 0) return false;
+    const float min_edge = laser < 8 ? params.laser_min_edge[laser] : 0.0f;
+    return !(edge < min_edge);
+}
+
+struct SheetField {
+    float sum[3];
+    float weight;
+    std::uint64_t mask;
+    // For the skirt test of a sparse cell: the points in reach that agree with the sheet, flagged or not
+    // (the border of a flagged zone is no edge of the scan).
+    float reach_sum[3];
+    float reach_weight;
+};
+
+// The points of a one-sheet cell whose normals lie across the sheet (between -0.5 and 0.15 with its
+// normal) and agree with the first of them: a second face, as next to a sharp edge.
+struct SecondFace {
+    MomentSums moments;
+    int count;
+    float reference[3];
+    float normal_sum[3];
+};
+
+TESSA_HD inline void addToSecondFace(SecondFace& face, const float n[3], const float o[3]) {
+    if (face.count == 0) {
+        for (int k = 0; k < 3; ++k) face.reference[k] = n[k];
     }
+    if (dot3f(n, face.reference) <= 0.35f) return;
+    accumulateCovariance(o, face.moments);
+    for (int k = 0; k < 3; ++k) face.normal_sum[k] += n[k];
+    ++face.count;
+}
+
+}  // namespace field_internal
+
+// The weight of a point at distance d from a sheet's foot point: a bell whose width is measured in cell
+// edges and narrows as the cell holds more points; 1 for cells outside the Gaussian range. What depends
+// on the cell alone is settled once a cell.
+struct NeighbourWeight {
+    bool gaussian;
+    float a;      // the negative coefficient of the table
+    float denom;  // edge * (edge * 3)
+};
+
+namespace field_internal {
+
+// What the field value walk of a cell needs, settled once a cell.
+struct FieldWalkSetup {
+    float edge;
+    float reach_square;  // squareWithRootAtMost(radius)
+    float lo[3];         // the lower corner of the sample box
+    float hi[3];         // its upper corner
+    float sub_cell;
+    bool project;
+    float foot[2][3];  // each sheet's point nearest to the centre
+    NeighbourWeight weight;
+    bool skirt_test;   // a sparse cell: gather the unfiltered centroid of each sheet
+    bool second_face;  // a one-sheet cell: gather the points across its sheet
 };
 
 }  // namespace field_internal
 
+TESSA_HD inline float neighbourWeight(const NeighbourWeight& nw, float d) {
+    return nw.gaussian ? expf(((d * nw.a) * d) / nw.denom) : 1.0f;
+}
+
+// The walks over a cell's points through its relations, one record a point: the device's, and the
+// reference for any other walk.
+struct RelationWalks {
+    const RelationCell2Bins_Device* relations;
+    int relation_size;
+    const RawPointWithHash* points;
+
+    TESSA_HD void firstNormal(const CellNode_Device& cell, float out[3]) const {
+        const RawPointWithHash& first = points[relations[cell.relation_offset].offset];
+        out[0] = first.nx;
+        out[1] = first.ny;
+        out[2] = first.nz;
+    }
+
+    TESSA_HD void initFirst(const CellNode_Device& cell, const float reference0[3], float inside_square,
+                            field_internal::InitFirstSums& sums) const {
+        int g = 0;
+        walkCellPoints(cell, relations, relation_size, points, [&](const RawPointWithHash& p) {
+            ++g;
+            const float o[3] = {p.x - cell.center[0], p.y - cell.center[1], p.z - cell.center[2]};
+            const float n[3] = {p.nx, p.ny, p.nz};
+            if (dot3f(n, reference0) > 0.35f && squaredLength3f(o) < inside_square) {
+                accumulateCovariance(o, sums.set0);
+                ++sums.count0;
+            }
+            if (g == cell.point_count / 2) {
+                for (int k = 0; k < 3; ++k) sums.reference1[k] = n[k];
+            }
+            if (g == cell.point_count - 1) {
+                for (int k = 0; k < 3; ++k) sums.reference2[k] = n[k];
+            }
+        });
+    }
+
+    TESSA_HD void initSecond(const CellNode_Device& cell, float reach_square, const float reference1[3],
+                             const float reference2[3], field_internal::InitSecondSums& sums) const {
+        walkCellPoints(cell, relations, relation_size, points, [&](const RawPointWithHash& p) {
+            const float o[3] = {p.x - cell.center[0], p.y - cell.center[1], p.z - cell.center[2]};
+            if (squaredLength3f(o) > reach_square) return;
+            const float n[3] = {p.nx, p.ny, p.nz};
+            if (dot3f(n, reference1) > 0.35f) {
+                accumulateCovariance(o, sums.set1);
+                ++sums.count1;
+            }
+            if (dot3f(n, reference2) > 0.35f) {
+                accumulateCovariance(o, sums.set2);
+                ++sums.count2;
+            }
+        });
+    }
+
+    TESSA_HD void sides(const CellNode_Device& cell, const DeviceParameters& params, float edge, float reach_square,
+                        float near_square, field_internal::SheetSums& front, field_internal::SheetSums& back) const {
+        walkCellPoints(cell, relations, relation_size, points, [&](const RawPointWithHash& p) {
+            if (!field_internal::pointCountsInCell(cell, params, edge, p.w, p.laser)) return;
+            const float o[3] = {p.x - cell.center[0], p.y - cell.center[1], p.z - cell.center[2]};
+            const float square = squaredLength3f(o);
+            if (square > reach_square) return;
+            const float n[3] = {p.nx, p.ny, p.nz};
+            const float dot = dot3f(cell.init_normal, n);
+            field_internal::SheetSums* side = dot > 0.15f ? &front : (dot < -0.15f ? &back : nullptr);
+            if (side == nullptr) return;
+            if (square < near_square) {
+                side->position_sum[0] += p.x;
+                side->position_sum[1] += p.y;
+                side->position_sum[2] += p.z;
+                ++side->near_count;
+            }
+            accumulateCovariance(o, side->moments);
+            ++side->count;
+        });
+    }
+
+    TESSA_HD void fieldSheets(const CellNode_Device& cell, const DeviceParameters& params,
+                              const VoxelFieldCenter& centres, const field_internal::FieldWalkSetup& setup,
+                              field_internal::SheetField sheets[2], field_internal::SecondFace& second_face) const {
+        walkCellPoints(cell, relations, relation_size, points, [&](const RawPointWithHash& p) {
+            const bool counts = field_internal::pointCountsInCell(cell, params, setup.edge, p.w, p.laser);
+            if (!counts && !setup.skirt_test) return;
+            const float position[3] = {p.x, p.y, p.z};
+            const float o[3] = {p.x - cell.center[0], p.y - cell.center[1], p.z - cell.center[2]};
+            if (squaredLength3f(o) > setup.reach_square) return;
+            const float n[3] = {p.nx, p.ny, p.nz};
+            int s;
+            const float dot0 = dot3f(n, cell.fields[0].normal);
+            if (dot0 > 0.15f) {
+                s = 0;
+            } else if (cell.field_flag >= 2 && dot3f(n, cell.fields[1].normal) > 0.15f) {
+                s = 1;
+            } else {
+                if (counts && setup.second_face && dot0 > -0.5f) field_internal::addToSecondFace(second_face, n, o);
+                return;
+            }
+            float w = 1.0f;  // the distance to the foot point counts only in a Gaussian weight
+            if (setup.weight.gaussian) {
+                const float f[3] = {p.x - setup.foot[s][0], p.y - setup.foot[s][1], p.z - setup.foot[s][2]};
+                w = neighbourWeight(setup.weight, sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]));
+            }
+            field_internal::SheetField& sheet = sheets[s];
+            if (setup.skirt_test) {
+                for (int k = 0; k < 3; ++k) sheet.reach_sum[k] += o[k] * w;
+                sheet.reach_weight += w;
+                if (!counts) return;
+            }
+            bool inside = true;
+            for (int k = 0; k < 3; ++k) inside = inside && setup.lo[k] <= position[k] && position[k] <= setup.hi[k];
+            const float* normal = cell.fields[s].normal;
+            float q[3] = {p.x, p.y, p.z};
+            if (setup.project) {
+                const float m[3] = {p.x - centres.sheet[s][0], p.y - centres.sheet[s][1], p.z - centres.sheet[s][2]};
+                const float t = dot3f(m, normal);
+                for (int k = 0; k < 3; ++k) q[k] = position[k] - t * normal[k];
+            }
+            for (int k = 0; k < 3; ++k) sheet.sum[k] += (q[k] - cell.center[k]) * w;
+            sheet.weight += w;
+            if (inside) {
+                const int ix = floatToIntSaturate((q[0] - setup.lo[0]) / setup.sub_cell);
+                const int iy = floatToIntSaturate((q[1] - setup.lo[1]) / setup.sub_cell);
+                const int iz = floatToIntSaturate((q[2] - setup.lo[2]) / setup.sub_cell);
+                const int bit = ix + 4 * iy + 16 * iz;  // not clamped: an upper face runs into the next bit
+                if (bit >= 0 && bit < 64) sheet.mask |= std::uint64_t{1} << bit;  // outside 0..63: no bit
+            }
+        });
+    }
+};
+
 // One rough normal of the cell from a local plane fit, or field_flag -1 when the cell has no usable
 // surface. A cell whose points disagree with its first point gets a second try from two other points.
-TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
-                                       int relation_size, const RawPointWithHash* points,
-                                       const DeviceParameters& params) {
+template <class Walks>
+TESSA_HD inline void computeInitNormalWith(CellNode_Device& cell, int relation_size, const DeviceParameters& params,
+                                           const Walks& walks) {
     if (cell.field_flag < 0) {
         cell.field_flag = -1;
         return;
@@ -146,21 +323,20 @@ TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell
     }
     const float edge = cell.half_size + cell.half_size;
     const float radius = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
-    const RawPointWithHash& first = points[relations[cell.relation_offset].offset];
-    float reference[3][3] = {{first.nx, first.ny, first.nz}, {0.0f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.0f}};
-    MomentSums sets[3] = {};
-    int counts[3] = {0, 0, 0};
-
-    field_internal::InitNormalFirstWalk first_walk{
-        &cell, squareWithRootAtLeast(radius), reference, &sets[0], &counts[0], 0};
-    walkCellPoints(cell, relations, relation_size, points, first_walk);
-    if (static_cast<float>(counts[0]) / static_cast<float>(cell.point_count) >= 0.5f) {
-        fitPlaneNormal(sets[0], counts[0], reference[0], cell.init_normal);
+    float reference0[3];
+    walks.firstNormal(cell, reference0);
+    field_internal::InitFirstSums first = {};
+    walks.initFirst(cell, reference0, squareWithRootAtLeast(radius), first);
+    if (static_cast<float>(first.count0) / static_cast<float>(cell.point_count) >= 0.5f) {
+        fitPlaneNormal(first.set0, first.count0, reference0, cell.init_normal);
         return;
     }
 
-    field_internal::InitNormalSecondWalk second_walk{&cell, squareWithRootAtMost(radius), reference, sets, counts};
-    walkCellPoints(cell, relations, relation_size, points, second_walk);
+    field_internal::InitSecondSums second = {};
+    walks.initSecond(cell, squareWithRootAtMost(radius), first.reference1, first.reference2, second);
+    const MomentSums* sets[3] = {&first.set0, &second.set1, &second.set2};
+    const int counts[3] = {first.count0, second.count1, second.count2};
+    const float* references[3] = {reference0, first.reference1, first.reference2};
     int chosen = 0;
     if (counts[1] >= counts[0] && counts[1] >= counts[2]) {
         chosen = 1;
@@ -172,19 +348,16 @@ TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell
         setCellRejection(cell.rules, CELL_NO_COMMON_NORMAL);
         return;
     }
-    fitPlaneNormal(sets[chosen], counts[chosen], reference[chosen], cell.init_normal);
+    fitPlaneNormal(*sets[chosen], counts[chosen], references[chosen], cell.init_normal);
+}
+
+TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
+                                       int relation_size, const RawPointWithHash* points,
+                                       const DeviceParameters& params) {
+    computeInitNormalWith(cell, relation_size, params, RelationWalks{relations, relation_size, points});
 }
 
 namespace field_internal {
-
-// One side of a cell in the fine normal pass: its moments over all points within reach, and the sum of
-// the positions of its points within the near radius.
-struct SheetSums {
-    MomentSums moments;
-    int count;
-    float position_sum[3];
-    int near_count;
-};
 
 TESSA_HD inline bool sideUsable(const SheetSums& side) { return side.count > 4 && side.near_count > 0; }
 
@@ -206,44 +379,6 @@ TESSA_HD inline void storeSheet(CellNode_Device& cell, const SheetSums& side, co
     cell.field_flag = slot + 1;
 }
 
-// Whether a point takes part in a cell's sheets: the flag filter (while the cell uses it) and the
-// laser's smallest edge.
-TESSA_HD inline bool pointCountsInCell(const CellNode_Device& cell, const DeviceParameters& params, float edge,
-                                       const RawPointWithHash& p) {
-    const bool flag_filter = (cell.word & 0x100u) != 0 && (cell.rules & CELL_ALL_POINTS) == 0;
-    if (flag_filter && (p.w & 0x100) == 0) return false;
-    const float min_edge = p.laser < 8 ? params.laser_min_edge[p.laser] : 0.0f;
-    return !(edge < min_edge);
-}
-
-struct FineNormalWalk {
-    const CellNode_Device* cell;
-    const DeviceParameters* params;
-    float edge;
-    float reach_square;  // squareWithRootAtMost(radius)
-    float near_square;   // squareWithRootAtLeast(near radius)
-    SheetSums* front;
-    SheetSums* back;
-    TESSA_HD void operator()(const RawPointWithHash& p) const {
-        if (!pointCountsInCell(*cell, *params, edge, p)) return;
-        const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        const float square = squaredLength3f(o);
-        if (square > reach_square) return;
-        const float n[3] = {p.nx, p.ny, p.nz};
-        const float dot = dot3f(cell->init_normal, n);
-        SheetSums* side = dot > 0.15f ? front : (dot < -0.15f ? back : nullptr);
-        if (side == nullptr) return;
-        if (square < near_square) {
-            side->position_sum[0] += p.x;
-            side->position_sum[1] += p.y;
-            side->position_sum[2] += p.z;
-            ++side->near_count;
-        }
-        accumulateCovariance(o, side->moments);
-        ++side->count;
-    }
-};
-
 }  // namespace field_internal
 
 // The front and back sheets of a cell: points whose normals lie with the initial normal form the
@@ -251,22 +386,21 @@ struct FineNormalWalk {
 // agrees with its reference becomes a sheet, filling the slots from 0. field_flag ends at 0, 1 or 2.
 // A flagged cell takes only flagged points, unless they give no side enough points: at the border of
 // a flagged zone that would leave a pinhole, so such a cell takes all its points.
-TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
-                                       int relation_size, const RawPointWithHash* points,
-                                       const DeviceParameters& params, VoxelFieldCenter& centres) {
+template <class Walks>
+TESSA_HD inline void computeFineNormalWith(CellNode_Device& cell, const DeviceParameters& params,
+                                           VoxelFieldCenter& centres, const Walks& walks) {
     if (cell.field_flag < 0) return;
     const float edge = cell.half_size + cell.half_size;
     const float radius = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
-    const float near_radius = edge * 4.0f;
+    const float reach_square = squareWithRootAtMost(radius);
+    const float near_square = squareWithRootAtLeast(edge * 4.0f);
     field_internal::SheetSums front = {}, back = {};
-    const field_internal::FineNormalWalk walk{
-        &cell, &params, edge, squareWithRootAtMost(radius), squareWithRootAtLeast(near_radius), &front, &back};
-    walkCellPoints(cell, relations, relation_size, points, walk);
+    walks.sides(cell, params, edge, reach_square, near_square, front, back);
     if ((cell.word & 0x100u) != 0 && !field_internal::sideUsable(front) && !field_internal::sideUsable(back)) {
         cell.rules |= CELL_ALL_POINTS;
         front = {};
         back = {};
-        walkCellPoints(cell, relations, relation_size, points, walk);
+        walks.sides(cell, params, edge, reach_square, near_square, front, back);
     }
     if (!field_internal::sideUsable(front) && !field_internal::sideUsable(back)) {
         setCellRejection(cell.rules, CELL_NO_SIDE);
@@ -281,14 +415,11 @@ TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell
     if (cell.field_flag > 0) setCellRejection(cell.rules, CELL_KEPT);
 }
 
-// The weight of a point at distance d from a sheet's foot point: a bell whose width is measured in cell
-// edges and narrows as the cell holds more points; 1 for cells outside the Gaussian range. What depends
-// on the cell alone is settled once a cell.
-struct NeighbourWeight {
-    bool gaussian;
-    float a;      // the negative coefficient of the table
-    float denom;  // edge * (edge * 3)
-};
+TESSA_HD inline void computeFineNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
+                                       int relation_size, const RawPointWithHash* points,
+                                       const DeviceParameters& params, VoxelFieldCenter& centres) {
+    computeFineNormalWith(cell, params, centres, RelationWalks{relations, relation_size, points});
+}
 
 TESSA_HD inline NeighbourWeight neighbourWeightOf(float edge, int point_count, float gauss_weight_edge) {
     NeighbourWeight nw{false, 0.0f, 1.0f};
@@ -324,111 +455,11 @@ TESSA_HD inline NeighbourWeight neighbourWeightOf(float edge, int point_count, f
     return nw;
 }
 
-TESSA_HD inline float neighbourWeight(const NeighbourWeight& nw, float d) {
-    return nw.gaussian ? expf(((d * nw.a) * d) / nw.denom) : 1.0f;
-}
-
 TESSA_HD inline float computeNeighbourWeight(float d, float edge, int point_count, float gauss_weight_edge) {
     return neighbourWeight(neighbourWeightOf(edge, point_count, gauss_weight_edge), d);
 }
 
 namespace field_internal {
-
-struct SheetField {
-    float sum[3];
-    float weight;
-    std::uint64_t mask;
-    // For the skirt test of a sparse cell: the points in reach that agree with the sheet, flagged or not
-    // (the border of a flagged zone is no edge of the scan).
-    float reach_sum[3];
-    float reach_weight;
-};
-
-// The points of a one-sheet cell whose normals lie across the sheet (between -0.5 and 0.15 with its
-// normal) and agree with the first of them: a second face, as next to a sharp edge.
-struct SecondFace {
-    MomentSums moments;
-    int count;
-    float reference[3];
-    float normal_sum[3];
-};
-
-struct FieldDataWalk {
-    const CellNode_Device* cell;
-    const DeviceParameters* params;
-    const VoxelFieldCenter* centres;
-    float edge;
-    float reach_square;  // squareWithRootAtMost(radius)
-    float half_box;
-    float lo[3];
-    float sub_cell;
-    bool project;
-    float foot[2][3];
-    SheetField* sheets;
-    SecondFace* second_face;  // null unless the cell has one sheet
-    NeighbourWeight weight;
-    bool skirt_test;  // a sparse cell: gather the unfiltered centroid of each sheet
-
-    TESSA_HD void operator()(const RawPointWithHash& p) const {
-        const bool counts = pointCountsInCell(*cell, *params, edge, p);
-        if (!counts && !skirt_test) return;
-        const float position[3] = {p.x, p.y, p.z};
-        const float o[3] = {p.x - cell->center[0], p.y - cell->center[1], p.z - cell->center[2]};
-        if (squaredLength3f(o) > reach_square) return;
-        const float n[3] = {p.nx, p.ny, p.nz};
-        int s;
-        const float dot0 = dot3f(n, cell->fields[0].normal);
-        if (dot0 > 0.15f) {
-            s = 0;
-        } else if (cell->field_flag >= 2 && dot3f(n, cell->fields[1].normal) > 0.15f) {
-            s = 1;
-        } else {
-            if (counts && second_face != nullptr && dot0 > -0.5f) addToSecondFace(n, o);
-            return;
-        }
-        float w = 1.0f;  // the distance to the foot point counts only in a Gaussian weight
-        if (weight.gaussian) {
-            const float f[3] = {p.x - foot[s][0], p.y - foot[s][1], p.z - foot[s][2]};
-            w = neighbourWeight(weight, sqrtf(f[0] * f[0] + f[1] * f[1] + f[2] * f[2]));
-        }
-        if (skirt_test) {
-            for (int k = 0; k < 3; ++k) sheets[s].reach_sum[k] += o[k] * w;
-            sheets[s].reach_weight += w;
-            if (!counts) return;
-        }
-        bool inside = true;
-        for (int k = 0; k < 3; ++k)
-            inside = inside && lo[k] <= position[k] && position[k] <= cell->center[k] + half_box;
-        const float* normal = cell->fields[s].normal;
-        float q[3] = {p.x, p.y, p.z};
-        if (project) {
-            const float m[3] = {p.x - centres->sheet[s][0], p.y - centres->sheet[s][1], p.z - centres->sheet[s][2]};
-            const float t = dot3f(m, normal);
-            for (int k = 0; k < 3; ++k) q[k] = position[k] - t * normal[k];
-        }
-        SheetField& sheet = sheets[s];
-        for (int k = 0; k < 3; ++k) sheet.sum[k] += (q[k] - cell->center[k]) * w;
-        sheet.weight += w;
-        if (inside) {
-            const int ix = floatToIntSaturate((q[0] - lo[0]) / sub_cell);
-            const int iy = floatToIntSaturate((q[1] - lo[1]) / sub_cell);
-            const int iz = floatToIntSaturate((q[2] - lo[2]) / sub_cell);
-            const int bit = ix + 4 * iy + 16 * iz;  // not clamped: an upper face runs into the next bit
-            if (bit >= 0 && bit < 64) sheet.mask |= std::uint64_t{1} << bit;  // outside 0..63: no bit
-        }
-    }
-
-    TESSA_HD void addToSecondFace(const float n[3], const float o[3]) const {
-        SecondFace& face = *second_face;
-        if (face.count == 0) {
-            for (int k = 0; k < 3; ++k) face.reference[k] = n[k];
-        }
-        if (dot3f(n, face.reference) <= 0.35f) return;
-        accumulateCovariance(o, face.moments);
-        for (int k = 0; k < 3; ++k) face.normal_sum[k] += n[k];
-        ++face.count;
-    }
-};
 
 // At a sharp edge a cell fits one of the two faces only, and its plane runs on past the edge. When a
 // second face crosses the sheet's plane within the cell's reach, the value at the centre becomes the
@@ -490,44 +521,43 @@ TESSA_HD inline void dropSheetsOffTheCell(CellNode_Device& cell, const SheetFiel
 // The field value of each sheet: the signed distance along its normal from the cell centre to the
 // weighted centroid of its points (negative on the side the normal points to), with the sheet's word
 // and sub-cell occupancy. A sheet without points gets 0/0, a NaN that the mesh stage filters.
-TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
-                                      int relation_size, const RawPointWithHash* points, const DeviceParameters& params,
-                                      const VoxelFieldCenter& centres) {
+template <class Walks>
+TESSA_HD inline void computeFieldDataWith(CellNode_Device& cell, const DeviceParameters& params,
+                                          const VoxelFieldCenter& centres, const Walks& walks) {
     const int sheets_found = cell.field_flag;
     if (sheets_found < 1) return;
     const float h = cell.half_size;
     const float edge = h + h;
-    field_internal::FieldDataWalk walk{};
-    walk.cell = &cell;
-    walk.params = &params;
-    walk.centres = &centres;
-    walk.edge = edge;
-    walk.weight = neighbourWeightOf(edge, cell.point_count, params.gauss_weight_edge);
+    field_internal::FieldWalkSetup setup{};
+    setup.edge = edge;
+    setup.weight = neighbourWeightOf(edge, cell.point_count, params.gauss_weight_edge);
     for (int s = 0; s < sheets_found && s < 2; ++s) {
         const float* n = cell.fields[s].normal;
         const float m[3] = {centres.sheet[s][0] - cell.center[0], centres.sheet[s][1] - cell.center[1],
                             centres.sheet[s][2] - cell.center[2]};
         const float t = dot3f(m, n);
-        for (int k = 0; k < 3; ++k) walk.foot[s][k] = cell.center[k] + t * n[k];
+        for (int k = 0; k < 3; ++k) setup.foot[s][k] = cell.center[k] + t * n[k];
     }
     int k = fieldSearchFactor(edge, params.wide_search_edge);
     float box_edge = edge;
-    walk.half_box = h;
-    walk.project = edge <= params.fine_box_edge;
-    if (walk.project) {
+    float half_box = h;
+    setup.project = edge <= params.fine_box_edge;
+    if (setup.project) {
         box_edge = edge * (static_cast<float>(k) * 0.5f + 0.5f);
-        walk.half_box = box_edge * 0.5f;
+        half_box = box_edge * 0.5f;
         k = 4;
     }
-    walk.reach_square = squareWithRootAtMost(edge * static_cast<float>(k));
-    for (int axis = 0; axis < 3; ++axis) walk.lo[axis] = cell.center[axis] - walk.half_box;
-    walk.sub_cell = box_edge * 0.25f;
+    setup.reach_square = squareWithRootAtMost(edge * static_cast<float>(k));
+    for (int axis = 0; axis < 3; ++axis) {
+        setup.lo[axis] = cell.center[axis] - half_box;
+        setup.hi[axis] = cell.center[axis] + half_box;
+    }
+    setup.sub_cell = box_edge * 0.25f;
+    setup.skirt_test = (cell.rules & CELL_WIDENED_SEARCH) != 0;
+    setup.second_face = sheets_found == 1;
     field_internal::SheetField sheets[2] = {};
-    walk.sheets = sheets;
     field_internal::SecondFace second_face = {};
-    walk.second_face = sheets_found == 1 ? &second_face : nullptr;
-    walk.skirt_test = (cell.rules & CELL_WIDENED_SEARCH) != 0;
-    walkCellPoints(cell, relations, relation_size, points, walk);
+    walks.fieldSheets(cell, params, centres, setup, sheets, second_face);
 
     float mean[2][3];
     for (int s = 0; s < sheets_found && s < 2; ++s) {
@@ -540,6 +570,12 @@ TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2
         field_internal::meetSecondFace(cell, second_face, mean[0]);
     if ((cell.rules & CELL_WIDENED_SEARCH) != 0 && (cell.rules & CELL_CREASE) == 0)
         field_internal::dropSheetsOffTheCell(cell, sheets);
+}
+
+TESSA_HD inline void computeFieldData(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
+                                      int relation_size, const RawPointWithHash* points, const DeviceParameters& params,
+                                      const VoxelFieldCenter& centres) {
+    computeFieldDataWith(cell, params, centres, RelationWalks{relations, relation_size, points});
 }
 
 }  // namespace

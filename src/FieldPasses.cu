@@ -90,7 +90,13 @@ int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& bloc
         static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
         static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
     // After the chunked bins the block's sorted points are on the host only: the device path needs them.
-    if (!m_on_host && deviceMemoryAvailable(need)) return computeFiledData_Device(cells);
+    if (!m_on_host && deviceMemoryAvailable(need)) {
+        // Where device memory is host memory and kernels round as the host does, the host's own passes
+        // serve as the device path, with the vector walks where the processor has them.
+        if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST && hostFieldWalksAvailable())
+            return processMarchingCubeTaskOnHost(*block, cells);
+        return computeFiledData_Device(cells);
+    }
     std::printf("[warining]: memory lacked, computeFiledData on Host\n");
     m_on_host = true;
     return processMarchingCubeTaskOnHost(*block, cells);

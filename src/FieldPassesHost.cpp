@@ -9,7 +9,8 @@
 namespace SurfaceReconstruction {
 
 // The host driver: the same passes over host memory, all three for a cell in one iteration (each writes
-// only its own cell), the cells handed out in small chunks to balance the cores.
+// only its own cell), the cells handed out in small chunks to balance the cores. Where the processor has
+// the vector walks, they take the block's points as columns; they make the same cells.
 int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells) {
     const int n = static_cast<int>(cells.cell_nodes.size());
     const int relation_size = static_cast<int>(cells.relations.size());
@@ -21,6 +22,20 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
     if (centres == nullptr) {
         m_last_error = "voxel_field_centers alloc failed.";
         return TESSALINE_OUT_OF_MEMORY;
+    }
+    if (hostFieldWalksAvailable()) {
+        bool columns = true;
+        try {
+            m_point_columns.assign(points, block.points->size());
+        } catch (const std::bad_alloc&) {
+            columns = false;  // the per-cell functions below need no columns
+        }
+        if (columns) {
+            computeCellFieldsOnHost(nodes, static_cast<std::size_t>(n), relations, relation_size, m_point_columns,
+                                    *params, centres);
+            delete[] centres;
+            return 0;
+        }
     }
     launchCellKernelOnHost(static_cast<std::size_t>(n), [&](std::size_t i) {
         computeInitNormal(nodes[i], relations, relation_size, points, *params);

@@ -11,6 +11,7 @@
 #include "CellRecords.h"
 #include "DeviceLayer.h"
 #include "FieldDataPool.h"
+#include "HostFieldWalks.h"
 #include "Morton.h"
 #include "Parameters.h"
 #include "PointRecords.h"
@@ -128,6 +129,7 @@ private:
     RawPointWithHash* m_raw_points_hash_dev = nullptr;
     RawPointWithHash* m_block_points_dev = nullptr;  // the sorted points of the block in work, where kernels read them
     PointSortBuffers m_sort_buffers;                 // host memory, kept from block to block
+    PointColumns m_point_columns;                    // the block's points for the host's vector walks
     int* m_raw_points_hash_size_dev = nullptr;
     std::uint64_t m_raw_points_capacity = 0;
     float* m_logic_coordinate_dev = nullptr;

@@ -152,13 +152,18 @@ TESSA_HD inline void eigenVectorOf(const double m[9], double l, double out[3], d
     out[2] = best[2] / length;
 }
 
-// Eigenvectors (unit, vectors[k] of values[k]) and eigenvalues (ascending) of a symmetric matrix.
+// Eigenvectors (unit, vectors[k] of values[k]) and eigenvalues (ascending) of a symmetric matrix, of
+// which the upper triangle is read (the lower one holds the same values).
 TESSA_HD inline void solveSymmetricEigen3(const double matrix[9], double vectors[3][3], double values[3]) {
+    constexpr int UPPER[6] = {0, 1, 2, 4, 5, 8};
     double s = -1.7976931348623157e308;
-    for (int i = 0; i < 9; ++i) s = fabs(matrix[i]) > s ? fabs(matrix[i]) : s;
+    for (int i : UPPER) s = fabs(matrix[i]) > s ? fabs(matrix[i]) : s;
     if (!(s > EIGEN_SMALLEST_SCALE)) s = 1.0;
     double m[9];
-    for (int i = 0; i < 9; ++i) m[i] = matrix[i] / s;
+    for (int i : UPPER) m[i] = matrix[i] / s;
+    m[3] = m[1];
+    m[6] = m[2];
+    m[7] = m[5];
     computeSymmetricRoots3(m, values);
     const double l0 = values[0], l1 = values[1], l2 = values[2];
 
@@ -198,15 +203,15 @@ TESSA_HD inline void solveSymmetricEigen3(const double matrix[9], double vectors
 // `reference` is not negative.
 TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const float reference[3], float normal[3]) {
     const double n = static_cast<double>(count);
-    double second[9], mean[3];
-    for (int i = 0; i < 9; ++i) second[i] = sums.second[i] / n;
-    second[3] = second[1];  // the lower triangle mirrors the upper one that the walk summed
-    second[6] = second[2];
-    second[7] = second[5];
+    double mean[3];
     for (int i = 0; i < 3; ++i) mean[i] = sums.first[i] / n;
+    // The upper triangle that the walk summed; the lower one mirrors it.
     double covariance[9];
     for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) covariance[3 * i + j] = second[3 * i + j] - mean[i] * mean[j];
+        for (int j = i; j < 3; ++j) covariance[3 * i + j] = sums.second[3 * i + j] / n - mean[i] * mean[j];
+    covariance[3] = covariance[1];
+    covariance[6] = covariance[2];
+    covariance[7] = covariance[5];
     double vectors[3][3], values[3];
     solveSymmetricEigen3(covariance, vectors, values);
     for (int k = 0; k < 3; ++k) normal[k] = static_cast<float>(vectors[0][k]);
