@@ -295,19 +295,23 @@ struct CellScratch {
             for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) column->resize(length);
             tag.resize(length);
         }
+        // Eight points a copy, whatever the run holds: the columns and the scratch have room past their
+        // ends, the lanes past a run are overwritten by the next one, and the walks mask those past the last.
         std::size_t m = 0;
+        const float* from[6] = {columns.x.data(),  columns.y.data(),  columns.z.data(),
+                                columns.nx.data(), columns.ny.data(), columns.nz.data()};
+        float* to[6] = {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data()};
         for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r) {
             const RelationCell2Bins_Device relation = relations[cell.relation_offset + r];
-            for (int j = 0; j < relation.count; ++j, ++m) {
+            if (relation.count <= 0) continue;
+            for (int j = 0; j < relation.count; j += 8) {
                 const std::size_t i = static_cast<std::size_t>(relation.offset) + static_cast<std::size_t>(j);
-                x[m] = columns.x[i];
-                y[m] = columns.y[i];
-                z[m] = columns.z[i];
-                nx[m] = columns.nx[i];
-                ny[m] = columns.ny[i];
-                nz[m] = columns.nz[i];
-                tag[m] = columns.tag[i];
+                const std::size_t k = m + static_cast<std::size_t>(j);
+                for (int c = 0; c < 6; ++c) _mm256_storeu_ps(to[c] + k, _mm256_loadu_ps(from[c] + i));
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(tag.data() + k),
+                                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns.tag.data() + i)));
             }
+            m += static_cast<std::size_t>(relation.count);
         }
         return m;
     }

@@ -126,9 +126,9 @@ TESSA_HD inline void computeSymmetricRoots3(const double m[9], double roots[3]) 
     }
 }
 
-// The best-conditioned eigenvector of the eigenvalue l of m: the longest cross product of two rows of
-// m - l I, normalised; its squared length comes back in `weight`.
-TESSA_HD inline void eigenVectorOf(const double m[9], double l, double out[3], double& weight) {
+// The best-conditioned direction of the eigenvalue l of m: the longest cross product of two rows of
+// m - l I, not normalised, and its squared length in `weight`.
+TESSA_HD inline void bestCrossOf(const double m[9], double l, double out[3], double& weight) {
     const double r0[3] = {m[0] - l, m[1], m[2]};
     const double r1[3] = {m[3], m[4] - l, m[5]};
     const double r2[3] = {m[6], m[7], m[8] - l};
@@ -146,25 +146,55 @@ TESSA_HD inline void eigenVectorOf(const double m[9], double l, double out[3], d
         best = b;
         weight = lb;
     }
+    for (int k = 0; k < 3; ++k) out[k] = best[k];
+}
+
+// v divided by the root of its squared length `weight`.
+TESSA_HD inline void unitOf(const double v[3], double weight, double out[3]) {
     const double length = sqrt(weight);
-    out[0] = best[0] / length;
-    out[1] = best[1] / length;
-    out[2] = best[2] / length;
+    out[0] = v[0] / length;
+    out[1] = v[1] / length;
+    out[2] = v[2] / length;
+}
+
+// The best-conditioned eigenvector of the eigenvalue l of m, normalised; its squared length before
+// comes back in `weight`.
+TESSA_HD inline void eigenVectorOf(const double m[9], double l, double out[3], double& weight) {
+    double v[3];
+    bestCrossOf(m, l, v, weight);
+    unitOf(v, weight, out);
+}
+
+// The symmetric matrix scaled by its largest entry (upper triangle read, lower one mirrored) and its
+// eigenvalues, ascending; `scale` is the divisor.
+TESSA_HD inline void scaledRoots3(const double matrix[9], double m[9], double roots[3], double& scale) {
+    constexpr int UPPER[6] = {0, 1, 2, 4, 5, 8};
+    double s = -1.7976931348623157e308;
+    for (int i : UPPER) s = fabs(matrix[i]) > s ? fabs(matrix[i]) : s;
+    if (!(s > EIGEN_SMALLEST_SCALE)) s = 1.0;
+    for (int i : UPPER) m[i] = matrix[i] / s;
+    m[3] = m[1];
+    m[6] = m[2];
+    m[7] = m[5];
+    computeSymmetricRoots3(m, roots);
+    scale = s;
+}
+
+// In the case of three distinct eigenvalues: of the three vectors, which has the weakest cross product,
+// which the strongest, and which lies between.
+TESSA_HD inline void rankWeights(const double w[3], int& lowest, int& middle, int& highest) {
+    lowest = w[1] <= w[2] ? 1 : 2;
+    highest = w[1] > w[2] ? 1 : 2;
+    if (w[0] <= w[lowest]) lowest = 0;
+    if (w[0] > w[highest]) highest = 0;
+    middle = 3 - lowest - highest;
 }
 
 // Eigenvectors (unit, vectors[k] of values[k]) and eigenvalues (ascending) of a symmetric matrix, of
 // which the upper triangle is read (the lower one holds the same values).
 TESSA_HD inline void solveSymmetricEigen3(const double matrix[9], double vectors[3][3], double values[3]) {
-    constexpr int UPPER[6] = {0, 1, 2, 4, 5, 8};
-    double s = -1.7976931348623157e308;
-    for (int i : UPPER) s = fabs(matrix[i]) > s ? fabs(matrix[i]) : s;
-    if (!(s > EIGEN_SMALLEST_SCALE)) s = 1.0;
-    double m[9];
-    for (int i : UPPER) m[i] = matrix[i] / s;
-    m[3] = m[1];
-    m[6] = m[2];
-    m[7] = m[5];
-    computeSymmetricRoots3(m, values);
+    double m[9], s;
+    scaledRoots3(matrix, m, values, s);
     const double l0 = values[0], l1 = values[1], l2 = values[2];
 
     if (l2 - l0 <= EIGEN_EPSILON) {
@@ -186,17 +216,56 @@ TESSA_HD inline void solveSymmetricEigen3(const double matrix[9], double vectors
         eigenVectorOf(m, l1, vectors[1], w[1]);
         eigenVectorOf(m, l0, vectors[0], w[0]);
         // The weakest vector is rebuilt from the other two, then the middle one from the result.
-        int lowest = w[1] <= w[2] ? 1 : 2;
-        int highest = w[1] > w[2] ? 1 : 2;
-        if (w[0] <= w[lowest]) lowest = 0;
-        if (w[0] > w[highest]) highest = 0;
-        const int middle = 3 - lowest - highest;
+        int lowest, middle, highest;
+        rankWeights(w, lowest, middle, highest);
         cross3(vectors[(lowest + 1) % 3], vectors[(lowest + 2) % 3], vectors[lowest]);
         normalise3(vectors[lowest]);
         cross3(vectors[(middle + 1) % 3], vectors[(middle + 2) % 3], vectors[middle]);
         normalise3(vectors[middle]);
     }
     for (int k = 0; k < 3; ++k) values[k] *= s;
+}
+
+// The eigenvector of the smallest eigenvalue alone, as solveSymmetricEigen3 makes it: the work on the
+// other vectors is left out where it cannot change this one.
+TESSA_HD inline void smallestEigenVector3(const double matrix[9], double out[3]) {
+    double m[9], values[3], s;
+    scaledRoots3(matrix, m, values, s);
+    const double l0 = values[0], l1 = values[1], l2 = values[2];
+    double w[3];
+    if (l2 - l0 <= EIGEN_EPSILON) {
+        out[0] = 1.0;
+        out[1] = 0.0;
+        out[2] = 0.0;
+    } else if (l1 - l0 <= EIGEN_EPSILON) {
+        double u2[3], u1[3];
+        eigenVectorOf(m, l2, u2, w[2]);
+        orthogonalUnit(u2, u1);
+        cross3(u1, u2, out);
+    } else if (l2 - l1 <= EIGEN_EPSILON) {
+        eigenVectorOf(m, l0, out, w[0]);
+    } else {
+        double v[3][3];
+        bestCrossOf(m, l2, v[2], w[2]);
+        bestCrossOf(m, l1, v[1], w[1]);
+        bestCrossOf(m, l0, v[0], w[0]);
+        int lowest, middle, highest;
+        rankWeights(w, lowest, middle, highest);
+        if (highest == 0) {  // never rebuilt
+            unitOf(v[0], w[0], out);
+            return;
+        }
+        double u[3][3];
+        unitOf(v[1], w[1], u[1]);
+        unitOf(v[2], w[2], u[2]);
+        if (middle == 0) {  // rebuilt after the weakest one
+            unitOf(v[0], w[0], u[0]);
+            cross3(u[(lowest + 1) % 3], u[(lowest + 2) % 3], u[lowest]);
+            normalise3(u[lowest]);
+        }
+        cross3(u[1], u[2], out);
+        normalise3(out);
+    }
 }
 
 // The unit normal of the plane fitted to `count` offsets, turned so that its dot product with
@@ -212,9 +281,9 @@ TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const flo
     covariance[3] = covariance[1];
     covariance[6] = covariance[2];
     covariance[7] = covariance[5];
-    double vectors[3][3], values[3];
-    solveSymmetricEigen3(covariance, vectors, values);
-    for (int k = 0; k < 3; ++k) normal[k] = static_cast<float>(vectors[0][k]);
+    double vector[3];
+    smallestEigenVector3(covariance, vector);
+    for (int k = 0; k < 3; ++k) normal[k] = static_cast<float>(vector[k]);
     const float dot = normal[0] * reference[0] + normal[1] * reference[1] + normal[2] * reference[2];
     if (dot < 0.0f) {
         for (int k = 0; k < 3; ++k) normal[k] = -normal[k];

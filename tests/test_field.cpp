@@ -1,7 +1,9 @@
 // The per-cell passes of the field computation on hand-made cells, and the plane fit and closed-form eigen
 // solver they rest on, against hand-made point sets and against Eigen's solver as an independent reference.
 #include <Eigen/Dense>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
@@ -471,6 +473,34 @@ TEST(EigenSolver, AgreesWithAnIterativeReferenceOnRandomCovariances) {
     }
     EXPECT_GT(compared_vectors, 1000);
     std::printf("largest eigenvalue deviation: %.3g of the largest entry\n", worst);
+}
+
+// The plane fit takes the smallest value's vector alone, which must be the full solver's bit for bit: over
+// random covariances and the degenerate ones (equal values, rank one and two, zero).
+TEST(EigenSolver, TheSmallestVectorAloneIsTheFullSolversFirst) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> entry(-3.0, 3.0);
+    std::vector<std::array<double, 9>> matrices = {{},
+                                                   {4, 2, 0, 2, 1, 0, 0, 0, 0},
+                                                   {1, 0, 0, 0, 1, 0, 0, 0, 1},
+                                                   {2, 0, 0, 0, 2, 0, 0, 0, 5},
+                                                   {1, 0, 0, 0, 3, 0, 0, 0, 3}};
+    for (int trial = 0; trial < 20000; ++trial) {
+        Eigen::Matrix3d m = Eigen::Matrix3d::Zero();
+        for (int sample = 0; sample < 1 + trial % 6; ++sample) {
+            const Eigen::Vector3d v(entry(rng), entry(rng), entry(rng) * (trial % 4 == 0 ? 1e-4 : 1.0));
+            m += v * v.transpose();
+        }
+        std::array<double, 9> matrix;
+        for (int i = 0; i < 9; ++i) matrix[static_cast<std::size_t>(i)] = m(i / 3, i % 3);
+        matrices.push_back(matrix);
+    }
+    for (const std::array<double, 9>& matrix : matrices) {
+        double vectors[3][3], values[3], alone[3];
+        solveSymmetricEigen3(matrix.data(), vectors, values);
+        smallestEigenVector3(matrix.data(), alone);
+        ASSERT_EQ(std::memcmp(alone, vectors[0], sizeof alone), 0) << matrix[0] << " " << matrix[1] << " " << matrix[4];
+    }
 }
 
 TEST(EigenSolver, ZeroAndSingularMatrices) {

@@ -126,9 +126,8 @@ struct Scene {
         }
         const float length = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
         const std::int32_t w = 8 | (unit(rng) < 0.3f ? 0x100 : 0);
-        RawPointWithHash p =
-            scanPoint(cell.center[0] + x, cell.center[1] + y, cell.center[2] + z, n[0] / length, n[1] / length,
-                      n[2] / length, w);
+        RawPointWithHash p = scanPoint(cell.center[0] + x, cell.center[1] + y, cell.center[2] + z, n[0] / length,
+                                       n[1] / length, n[2] / length, w);
         p.laser = static_cast<std::uint8_t>(unit(rng) * 10.0f);  // lasers 0 to 9: from 8 on none has a limit
         return p;
     }
@@ -163,8 +162,8 @@ TEST(HostFieldWalks, MakeTheCellsThePerCellFunctionsMake) {
     columns.assign(scene.points.data(), scene.points.size());
     std::vector<CellNode_Device> actual = scene.cells;
     std::vector<VoxelFieldCenter> actual_centres(actual.size(), VoxelFieldCenter{});
-    computeCellFieldsOnHost(actual.data(), actual.size(), scene.relations.data(), relation_size, columns,
-                            scene.params, actual_centres.data());
+    computeCellFieldsOnHost(actual.data(), actual.size(), scene.relations.data(), relation_size, columns, scene.params,
+                            actual_centres.data());
 
     int two_sheets = 0, creases = 0, all_points = 0, off_centre = 0, no_common_normal = 0, kept = 0;
     for (std::size_t i = 0; i < expected.size(); ++i) {
