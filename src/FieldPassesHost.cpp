@@ -1,6 +1,7 @@
 // The host driver of the field computation, for blocks whose cells do not fit in device memory: the
 // passes over host memory on the host's cores. Kept apart from the kernels' file, so that it is built
 // as host code whatever the kernels are built as (the fused multiply-add job builds them differently).
+#include <algorithm>
 #include <new>
 
 #include "FieldComputation.h"
@@ -18,11 +19,16 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
     const RawPointWithHash* points = block.points->data();
     const DeviceParameters* params = m_device_params.get();
     CellNode_Device* nodes = cells.cell_nodes.data();
-    VoxelFieldCenter* centres = new (std::nothrow) VoxelFieldCenter[static_cast<std::size_t>(n)]();
-    if (centres == nullptr) {
+    UninitialisedArray<VoxelFieldCenter>& centre_array = m_cell_buffers.centres;
+    try {
+        centre_array.clear();
+        centre_array.resize(static_cast<std::size_t>(n));
+    } catch (const std::bad_alloc&) {
         m_last_error = "voxel_field_centers alloc failed.";
         return TESSALINE_OUT_OF_MEMORY;
     }
+    VoxelFieldCenter* centres = centre_array.data();
+    std::fill(centres, centres + n, VoxelFieldCenter{});
     if (hostFieldWalksAvailable()) {
         bool columns = true;
         try {
@@ -33,7 +39,6 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
         if (columns) {
             computeCellFieldsOnHost(nodes, static_cast<std::size_t>(n), relations, relation_size, m_point_columns,
                                     *params, centres);
-            delete[] centres;
             return 0;
         }
     }
@@ -42,7 +47,6 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
         computeFineNormal(nodes[i], relations, relation_size, points, *params, centres[i]);
         computeFieldData(nodes[i], relations, relation_size, points, *params, centres[i]);
     });
-    delete[] centres;
     return 0;
 }
 

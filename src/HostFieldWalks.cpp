@@ -21,9 +21,11 @@ namespace SurfaceReconstruction {
 void PointColumns::assign(const RawPointWithHash* points, std::size_t n) {
     const std::size_t length = n + HOST_COLUMN_PADDING;
     for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) {
+        releasePagesBeyond(*column, length);  // what a larger block took before
         column->clear();
         column->resize(length);
     }
+    releasePagesBeyond(tag, length);
     tag.clear();
     tag.resize(length);
     const std::int64_t count = static_cast<std::int64_t>(n);

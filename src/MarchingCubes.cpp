@@ -72,6 +72,7 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     // A block whose points all keep the default scale takes the short chain, the others the full one.
     const bool full_chain = (block->flags & 0xFF) != 8;
 
+    m_cell_buffers.fitTo(block->points->size());
     TimeProfiler profiler;
     profiler.time_start("mc-step1");
     float logic_coordinate[3];
@@ -148,7 +149,11 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     profiler.time_start("mc-step4");
     drop_unused.keep = saveFieldData(*cells) > 0;
     profiler.time_stop("mc-step4", true);
-    if (m_keep_last_cells) m_last_cells = cells;
+    if (m_keep_last_cells) {
+        m_last_cells = cells;
+    } else {
+        m_cell_buffers.spare = std::move(cells);  // its arrays serve the next block
+    }
     return 0;
 }
 

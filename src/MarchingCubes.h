@@ -39,6 +39,45 @@ inline std::uint64_t blockWorkingSetBytes(std::uint64_t points, std::uint64_t bi
     return points * 2 * sizeof(RawPointWithHash) + bins * (88 + BLOCK_CELLS_PER_BIN * BLOCK_BYTES_PER_CELL);
 }
 
+enum class SearchKind : std::uint8_t { Normal, Coarse, Fine };
+
+// Where a record's relations are searched: at which position and size, by which search. One a record,
+// at the record's index.
+struct PendingSearch {
+    SearchKind kind;
+    float pos[3];
+    float size;  // normal and fine: the cell size; coarse: the half size h
+    std::int32_t m;
+};
+
+// A record that moves into the record of the leaf that absorbed its cell.
+struct Absorption {
+    std::int32_t into;
+    std::int32_t from;
+};
+
+// The working arrays of a block's cells and field passes, host memory kept from block to block: blocks
+// come largest first, so after the first one they are not allocated again (fresh memory costs a page
+// fault a page).
+struct CellBuildBuffers {
+    std::shared_ptr<CellNodeAndRelations> spare;  // the former block's flat records and relations
+    UninitialisedArray<PendingSearch> pending;
+    UninitialisedArray<std::int32_t> found;      // each record's relations found by its search,
+    UninitialisedArray<std::int64_t> found_at;   // where they start in
+    UninitialisedArray<std::uint16_t> found_by;  // which thread's list
+    UninitialisedArray<std::int32_t> visit_points;
+    UninitialisedArray<std::uint8_t> visit_widened;
+    UninitialisedArray<CellNode*> leaves;
+    UninitialisedArray<std::int64_t> offsets;
+    std::vector<UninitialisedArray<RelationCell2Bins_Device>> lists;  // the relations found, one list a thread
+    UninitialisedArray<VoxelFieldCenter> centres;
+    std::size_t last_points = 0;  // points of the block the arrays last served
+    // Before a block of `points`: each array keeps the memory this block probably uses (its last use,
+    // scaled by the points) and gives the rest back.
+    void fitTo(std::size_t points);
+    void release();
+};
+
 class MarchingCubes {
 public:
     MarchingCubes() = default;
@@ -130,6 +169,7 @@ private:
     RawPointWithHash* m_block_points_dev = nullptr;  // the sorted points of the block in work, where kernels read them
     PointSortBuffers m_sort_buffers;                 // host memory, kept from block to block
     PointColumns m_point_columns;                    // the block's points for the host's vector walks
+    CellBuildBuffers m_cell_buffers;
     int* m_raw_points_hash_size_dev = nullptr;
     std::uint64_t m_raw_points_capacity = 0;
     float* m_logic_coordinate_dev = nullptr;

@@ -173,6 +173,7 @@ int MarchingCubes::deInitDevice() {
         m_raw_points_capacity = 0;
         m_sort_buffers.release();
         m_point_columns.release();
+        m_cell_buffers.release();
         TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
         TESSA_DEVICE_RELEASE(m_logic_coordinate_dev, "cudaFree(m_logic_coordinate_dev)");
         TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");

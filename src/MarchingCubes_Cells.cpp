@@ -31,23 +31,6 @@ namespace SurfaceReconstruction {
 
 namespace {
 
-enum class SearchKind : std::uint8_t { Normal, Coarse, Fine };
-
-// Where a record's relations are searched: at which position and size, by which search. One a record,
-// at the record's index.
-struct PendingSearch {
-    SearchKind kind;
-    float pos[3];
-    float size;  // normal and fine: the cell size; coarse: the half size h
-    std::int32_t m;
-};
-
-// A record that moves into the record of the leaf that absorbed its cell.
-struct Absorption {
-    std::int32_t into;
-    std::int32_t from;
-};
-
 constexpr int MAX_FINE_REACH = 5;     // the largest reach of searchReach
 constexpr int MAX_COARSE_STEPS = 64;  // 3 x the largest ratio of a coarse cell to a bin (8 / 1), with room
 
@@ -64,6 +47,41 @@ std::uint32_t cellWord(const BinsHeader& bin, std::uint8_t scale) {
 
 }  // namespace
 
+void CellBuildBuffers::release() {
+    spare.reset();
+    last_points = 0;
+    UninitialisedArray<PendingSearch>().swap(pending);
+    UninitialisedArray<std::int32_t>().swap(found);
+    UninitialisedArray<std::int64_t>().swap(found_at);
+    UninitialisedArray<std::uint16_t>().swap(found_by);
+    UninitialisedArray<std::int32_t>().swap(visit_points);
+    UninitialisedArray<std::uint8_t>().swap(visit_widened);
+    UninitialisedArray<CellNode*>().swap(leaves);
+    UninitialisedArray<std::int64_t>().swap(offsets);
+    std::vector<UninitialisedArray<RelationCell2Bins_Device>>().swap(lists);
+    UninitialisedArray<VoxelFieldCenter>().swap(centres);
+}
+
+void CellBuildBuffers::fitTo(std::size_t points) {
+    const double share = last_points > 0 ? static_cast<double>(points) / static_cast<double>(last_points) : 1.0;
+    const auto fit = [share](auto& array) { releasePagesBeyond(array, likelyNeed(array.size(), share)); };
+    if (spare) {
+        fit(spare->cell_nodes);
+        fit(spare->relations);
+    }
+    fit(pending);
+    fit(found);
+    fit(found_at);
+    fit(found_by);
+    fit(visit_points);
+    fit(visit_widened);
+    fit(leaves);
+    fit(offsets);
+    for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) fit(list);
+    fit(centres);
+    last_points = points;
+}
+
 int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
                                            std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations) {
     std::shared_ptr<HashRootCellData> root;
@@ -72,9 +90,16 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         return 1;
     }
     const float r = m_resolution;
-    auto flat = std::make_shared<CellNodeAndRelations>();
+    // The arrays of the former block are used again where nothing else holds them.
+    std::shared_ptr<CellNodeAndRelations> flat = std::move(m_cell_buffers.spare);
+    if (!flat) flat = std::make_shared<CellNodeAndRelations>();
+    flat->cell_nodes.clear();
+    flat->relations.clear();
+    flat->cell_node_size = 0;
+    flat->relation_size = 0;
     UninitialisedArray<CellNode_Device>& records = flat->cell_nodes;
-    UninitialisedArray<PendingSearch> pending;
+    UninitialisedArray<PendingSearch>& pending = m_cell_buffers.pending;
+    pending.clear();
     std::vector<Absorption> absorptions;
     DescentPath path;
     // About four cells a bin on a surface: room for that up front spares most regrowth of the arrays.
@@ -491,10 +516,16 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     };
 
     // What each search found: how many runs, where in which thread's list. Every entry is written.
-    UninitialisedArray<std::int32_t> found;
-    UninitialisedArray<std::int64_t> found_at;
-    UninitialisedArray<std::uint16_t> found_by;
-    std::vector<std::vector<RelationCell2Bins_Device>> lists(static_cast<std::size_t>(omp_get_max_threads()));
+    UninitialisedArray<std::int32_t>& found = m_cell_buffers.found;
+    UninitialisedArray<std::int64_t>& found_at = m_cell_buffers.found_at;
+    UninitialisedArray<std::uint16_t>& found_by = m_cell_buffers.found_by;
+    found.clear();
+    found_at.clear();
+    found_by.clear();
+    std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = m_cell_buffers.lists;
+    if (lists.size() < static_cast<std::size_t>(omp_get_max_threads()))
+        lists.resize(static_cast<std::size_t>(omp_get_max_threads()));
+    for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) list.clear();
 
     // One scale: the walk makes the records in the order of the first visits, so the searches need not
     // wait for it. One thread walks the tree while the others search the cells by first visit, and it
@@ -531,12 +562,20 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         found.resize(static_cast<std::size_t>(visits));
         found_at.resize(static_cast<std::size_t>(visits));
         found_by.resize(static_cast<std::size_t>(visits));
-        UninitialisedArray<std::int32_t> visit_points(static_cast<std::size_t>(visits));
-        UninitialisedArray<std::uint8_t> visit_widened(static_cast<std::size_t>(visits));
-        UninitialisedArray<CellNode*> leaves(static_cast<std::size_t>(visits));
+        UninitialisedArray<std::int32_t>& visit_points = m_cell_buffers.visit_points;
+        UninitialisedArray<std::uint8_t>& visit_widened = m_cell_buffers.visit_widened;
+        UninitialisedArray<CellNode*>& leaves = m_cell_buffers.leaves;
+        visit_points.clear();
+        visit_points.resize(static_cast<std::size_t>(visits));
+        visit_widened.clear();
+        visit_widened.resize(static_cast<std::size_t>(visits));
+        leaves.clear();
+        leaves.resize(static_cast<std::size_t>(visits));
         // The records and pending searches of the visits of bins [from, to) before visit `end`, at the
         // visits' places.
-        const auto makeVisitRecords = [&](std::int64_t from, std::int64_t to, std::int64_t end) {
+        // With `searched`, the visits' searches are done and their results go into the records; otherwise
+        // each record gets its pending search.
+        const auto makeVisitRecords = [&](std::int64_t from, std::int64_t to, std::int64_t end, bool searched) {
             for (std::int64_t b = from; b < to; ++b) {
                 const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
                 const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
@@ -551,10 +590,15 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                     record.half_size = leaf->half_size;
                     record.point_count = 0;
                     record.word = cellWord(bin, 8);
+                    if (searched) {
+                        record.point_count = visit_points[v];
+                        if (visit_widened[v] != 0) record.rules |= CELL_WIDENED_SEARCH;
+                    } else {
+                        PendingSearch& p = pending[v];
+                        p = PendingSearch{SearchKind::Normal, {}, r, 0};
+                        neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+                    }
                     records[v] = record;
-                    PendingSearch& p = pending[v];
-                    p = PendingSearch{SearchKind::Normal, {}, r, 0};
-                    neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
                 }
             }
         };
@@ -601,7 +645,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                                     one_record_a_visit = false;
                                     records.resize(static_cast<std::size_t>(made));
                                     pending.resize(static_cast<std::size_t>(made), normal);
-                                    makeVisitRecords(0, static_cast<std::int64_t>(b) + 1, made);
+                                    makeVisitRecords(0, static_cast<std::int64_t>(b) + 1, made, false);
                                     if (reached) ok = visitLeaf(leaf, pos, word, normal);
                                 }
                     }
@@ -610,7 +654,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 }
             }
             const int thread = omp_get_thread_num();
-            std::vector<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
+            UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
 #pragma omp for schedule(dynamic, 64) nowait
             for (std::int64_t b = 0; b < bin_count; ++b) {
                 const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
@@ -677,16 +721,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         searched = one_record_a_visit;
         if (searched) {
             records.resize(static_cast<std::size_t>(visits));
-            pending.resize(static_cast<std::size_t>(visits));
 #pragma omp parallel for schedule(dynamic, 256)
-            for (std::int64_t b = 0; b < bin_count; ++b) makeVisitRecords(b, b + 1, visits);
-            for (std::int64_t i = 0; i < visits; ++i) {
-                CellNode_Device& record = records[static_cast<std::size_t>(i)];
-                record.point_count += visit_points[static_cast<std::size_t>(i)];
-                if (visit_widened[static_cast<std::size_t>(i)] != 0) record.rules |= CELL_WIDENED_SEARCH;
-            }
+            for (std::int64_t b = 0; b < bin_count; ++b) makeVisitRecords(b, b + 1, visits, true);
         } else {
-            for (std::vector<RelationCell2Bins_Device>& list : lists) list.clear();
+            for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) list.clear();
         }
     }
 
@@ -701,7 +739,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
 #pragma omp parallel
         {
             const int thread = omp_get_thread_num();
-            std::vector<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
+            UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
 #pragma omp for schedule(dynamic, 64)
             for (std::int64_t i = 0; i < n; ++i) {
                 const std::size_t start = list.size();
@@ -738,7 +776,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     }
 
     // Flattening: each cell's relations together, in record order.
-    std::vector<std::int64_t> offsets(static_cast<std::size_t>(n) + 1, 0);
+    UninitialisedArray<std::int64_t>& offsets = m_cell_buffers.offsets;
+    offsets.clear();
+    offsets.resize(static_cast<std::size_t>(n) + 1);
+    offsets[0] = 0;
     for (std::int64_t i = 0; i < n; ++i) {
         std::int64_t k = 0;
         const auto it = moved_lists.find(static_cast<std::int32_t>(i));
@@ -766,7 +807,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         CellNode_Device& record = records[static_cast<std::size_t>(i)];
         RelationCell2Bins_Device* out = flat->relations.data() + o;
         const auto copyFound = [&](std::int32_t s) {
-            const std::vector<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
+            const UninitialisedArray<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
             const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
             out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
         };

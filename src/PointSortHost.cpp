@@ -20,6 +20,9 @@ void radixByHash(const RawPointWithHash* points, std::int64_t n, PointSortBuffer
     // Every element of the arrays is written before it is read: they are sized, not cleared.
     UninitialisedArray<std::uint64_t>& pairs = buffers.pairs;
     UninitialisedArray<std::uint64_t>& other = buffers.other;
+    releasePagesBeyond(pairs, static_cast<std::size_t>(n));  // what a larger block took before
+    releasePagesBeyond(other, static_cast<std::size_t>(n));
+    releasePagesBeyond(buffers.sorted, static_cast<std::size_t>(n));
     pairs.clear();
     pairs.resize(static_cast<std::size_t>(n));
     other.clear();

@@ -3,6 +3,11 @@
 // other waits, and touch every page twice.
 #pragma once
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>
@@ -31,5 +36,24 @@ struct UninitialisedAllocator : std::allocator<T> {
 
 template <class T>
 using UninitialisedArray = std::vector<T, UninitialisedAllocator<T>>;
+
+// Gives the whole pages of `array`'s storage beyond its first `keep` elements back to the system and
+// keeps the storage: a working array kept from one block to the next then holds the memory the next block
+// uses, not the most any block used. Pages given back read as zeros when touched again, which an array
+// whose elements are written before they are read allows.
+template <class T>
+void releasePagesBeyond(UninitialisedArray<T>& array, std::size_t keep) {
+    if (keep >= array.capacity()) return;
+    static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(array.data() + keep);
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(array.data() + array.capacity());
+    const std::uintptr_t first = (begin + page - 1) / page * page, last = end / page * page;
+    if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+}
+
+// The part of an array's last use that a next use of `share` (a ratio of the work) probably takes.
+inline std::size_t likelyNeed(std::size_t last_use, double share) {
+    return static_cast<std::size_t>(static_cast<double>(last_use) * (share < 1.0 ? share : 1.0)) + 1;
+}
 
 }  // namespace SurfaceReconstruction
