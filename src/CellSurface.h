@@ -55,11 +55,11 @@ inline std::uint32_t computeQualityWord(const std::uint64_t masks[8], float min_
 // triangle with a NaN coordinate is dropped, so xyz and w keep equal lengths.
 struct TriangleSink {
     std::atomic<unsigned char>* is_ok;
-    std::vector<MultiMeshData>* parts;
+    std::vector<MultiMeshData*>* parts;  // the part each worker fills, by thread number
 
     void operator()(const TriangleXYZ& xyz, const TriangleW& w) const {
         if (is_ok->load(std::memory_order_relaxed) == 0) return;
-        MultiMeshData& part = (*parts)[static_cast<std::size_t>(omp_get_thread_num())];
+        MultiMeshData& part = *(*parts)[static_cast<std::size_t>(omp_get_thread_num())];
         for (float coordinate : xyz.xyz)
             if (std::isnan(coordinate)) return;
         part.xyz.push_back(xyz);

@@ -83,7 +83,6 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     }
     mesh = std::make_shared<MultiMeshData>();
     std::atomic<unsigned char> is_ok{1};
-    std::vector<MultiMeshData> parts(static_cast<std::size_t>(omp_get_max_threads()));
     std::shared_ptr<HashRootCellList> roots;
     if (m_hash_octree->getHashCellList(roots) != 0) {
         m_last_error = "Reconstructor getHashCellList failed!";
@@ -99,16 +98,20 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
 
     const std::int32_t n = roots->datas_size.load();
     const float block_size = m_portioner_params ? static_cast<float>(m_portioner_params->block_size) : 0.0f;
-    TriangleSink sink{&is_ok, &parts};
+    // Each root's triangles go into a part of its own, merged in root order: the triangles follow the
+    // roots whatever the number of workers, and the roots, which differ much in size (the largest blocks
+    // come first), go to the workers as they come free.
+    std::vector<MultiMeshData> parts(static_cast<std::size_t>(std::max<std::int32_t>(n, 0)));
+    std::vector<MultiMeshData*> filling(static_cast<std::size_t>(omp_get_max_threads()), nullptr);
+    TriangleSink sink{&is_ok, &filling};
     DualCubeContour<TriangleSink> contour(*m_field_data_pool, sink);
-    // Static scheduling gives each worker one ascending range of roots: merged in thread order, the
-    // triangles follow the roots whatever the number of workers.
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(dynamic, 1)
     for (std::int32_t id = 0; id < n; ++id) {
         if (is_ok.load(std::memory_order_relaxed) == 0 || !reconstructorMemoryGuard()) {
             is_ok = 0;
             continue;
         }
+        filling[static_cast<std::size_t>(omp_get_thread_num())] = &parts[static_cast<std::size_t>(id)];
         const std::shared_ptr<HashRootCellData> data = roots->get(id);
         const CellNode* root = data ? data->root_cell : nullptr;
         if (root == nullptr) {
@@ -158,15 +161,18 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES + part_bytes);
     }
 
-    // The workers' parts in thread order; each part goes as soon as it is copied.
+    // The roots' parts in root order, into arrays of their final size; each part goes as soon as it is
+    // copied.
+    std::size_t triangles = 0;
+    for (const MultiMeshData& part : parts) triangles += part.xyz.size();
+    mesh->xyz.reserve(triangles);
+    mesh->w.reserve(triangles);
     for (MultiMeshData& part : parts) {
         mesh->xyz.insert(mesh->xyz.end(), part.xyz.begin(), part.xyz.end());
         mesh->w.insert(mesh->w.end(), part.w.begin(), part.w.end());
         std::vector<TriangleXYZ>().swap(part.xyz);
         std::vector<TriangleW>().swap(part.w);
     }
-    mesh->xyz.shrink_to_fit();
-    mesh->w.shrink_to_fit();
     return 0;
 }
 

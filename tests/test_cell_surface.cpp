@@ -299,7 +299,9 @@ TEST_F(DualCube, AValueOfZeroIsNotNegativeAndDegenerateTrianglesAreDropped) {
 TEST(TriangleSinkTest, NaNTrianglesAreDroppedAndLengthsStayEqual) {
     std::atomic<unsigned char> is_ok{1};
     std::vector<MultiMeshData> parts(static_cast<std::size_t>(omp_get_max_threads()));
-    TriangleSink sink{&is_ok, &parts};
+    std::vector<MultiMeshData*> filling;
+    for (MultiMeshData& part : parts) filling.push_back(&part);
+    TriangleSink sink{&is_ok, &filling};
     TriangleXYZ good{}, bad{}, infinite{};
     bad.xyz[7] = std::nanf("");
     infinite.xyz[0] = INFINITY;
