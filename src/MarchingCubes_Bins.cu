@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <parallel/algorithm>
 
 #include "ErrorLadder.h"
 #include "MarchingCubes.h"
@@ -352,9 +353,10 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
         result = getBinsCenter_Chunked(*block, logic_coordinate, bins_header);
         if (result != 0) return result;
     }
-    // Bin ids come from an atomic counter; the order of their points is the one that does not change.
-    std::sort(bins_header.begin(), bins_header.end(),
-              [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
+    // Bin ids come from an atomic counter; the order of their points is the one that does not change
+    // (the offsets differ, so the order is total and a parallel sort gives it too).
+    __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
+                         [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
     return 0;
 }
 
