@@ -657,63 +657,74 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
 #pragma omp for schedule(dynamic, 64) nowait
             for (std::int64_t b = 0; b < bin_count; ++b) {
-                const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
-                if (mask == 0) continue;
-                const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
-                std::int64_t j = visit_start[static_cast<std::size_t>(b)];
-                // The ranks of the 7 x 7 x 7 keys around the bin (-1 where no bin is), read once for all
-                // its cells: a cell's search, widened or not, lies within them.
-                std::int32_t around[7][7][7];  // [x][y][z]
-                std::int32_t own[3];
-                if (around_bins) {
-                    gridKey(bin.center, r, own);
-                    const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
-                    boxRanks(lo, 7, &around[0][0][0]);
-                }
-                for (int t = 0; t < 27; ++t) {
-                    if (((mask >> t) & 1u) == 0) continue;
-                    const std::size_t start = list.size();
-                    std::pair<std::int32_t, bool> result;
+                try {
+                    const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
+                    if (mask == 0) continue;
+                    const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+                    std::int64_t j = visit_start[static_cast<std::size_t>(b)];
+                    // The ranks of the 7 x 7 x 7 keys around the bin (-1 where no bin is), read once for all
+                    // its cells: a cell's search, widened or not, lies within them.
+                    std::int32_t around[7][7][7];  // [x][y][z]
+                    std::int32_t own[3];
                     if (around_bins) {
-                        // The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3
-                        // keys around the cell row by row along z, then for a sparse cell the ring around them,
-                        // the ends of the rows through the box and the whole rows beside it.
-                        const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;  // the cell in `around`
-                        std::int32_t points = 0;
-                        const auto take = [&](std::int32_t rank) {
-                            if (rank < 0) return;
-                            const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
-                            points += run.count;
-                            list.push_back(run);
-                        };
-                        for (int x = -1; x <= 1; ++x)
-                            for (int y = -1; y <= 1; ++y)
-                                for (int z = -1; z <= 1; ++z) take(around[cx + x][cy + y][cz + z]);
-                        const bool widened = points < SPARSE_CELL_POINTS;
-                        if (widened) {
-                            for (int x = -2; x <= 2; ++x)
-                                for (int y = -2; y <= 2; ++y) {
-                                    const std::int32_t* row = around[cx + x][cy + y];
-                                    if (x >= -1 && x <= 1 && y >= -1 && y <= 1) {
-                                        take(row[cz - 2]);
-                                        take(row[cz + 2]);
-                                    } else {
-                                        for (int z = -2; z <= 2; ++z) take(row[cz + z]);
-                                    }
-                                }
-                        }
-                        result = {points, widened};
-                    } else {
-                        PendingSearch p{SearchKind::Normal, {}, r, 0};
-                        neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
-                        result = search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                        gridKey(bin.center, r, own);
+                        const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
+                        boxRanks(lo, 7, &around[0][0][0]);
                     }
-                    const std::size_t v = static_cast<std::size_t>(j++);
-                    visit_points[v] = result.first;
-                    visit_widened[v] = result.second ? 1 : 0;
-                    found[v] = static_cast<std::int32_t>(list.size() - start);
-                    found_at[v] = static_cast<std::int64_t>(start);
-                    found_by[v] = static_cast<std::uint16_t>(thread);
+                    for (int t = 0; t < 27; ++t) {
+                        if (((mask >> t) & 1u) == 0) continue;
+                        const std::size_t start = list.size();
+                        std::pair<std::int32_t, bool> result;
+                        if (around_bins) {
+                            // The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3
+                            // keys around the cell row by row along z, then for a sparse cell the ring around them,
+                            // the ends of the rows through the box and the whole rows beside it.
+                            const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;  // the cell in `around`
+                            std::int32_t points = 0;
+                            // Room for every key of a widened search, cut back to the bins found.
+                            list.resize(start + 125);
+                            RelationCell2Bins_Device* out = list.data() + start;
+                            std::size_t taken = 0;
+                            const auto take = [&](std::int32_t rank) {
+                                if (rank < 0) return;
+                                const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
+                                points += run.count;
+                                out[taken++] = run;
+                            };
+                            for (int x = -1; x <= 1; ++x)
+                                for (int y = -1; y <= 1; ++y)
+                                    for (int z = -1; z <= 1; ++z) take(around[cx + x][cy + y][cz + z]);
+                            const bool widened = points < SPARSE_CELL_POINTS;
+                            if (widened) {
+                                for (int x = -2; x <= 2; ++x)
+                                    for (int y = -2; y <= 2; ++y) {
+                                        const std::int32_t* row = around[cx + x][cy + y];
+                                        if (x >= -1 && x <= 1 && y >= -1 && y <= 1) {
+                                            take(row[cz - 2]);
+                                            take(row[cz + 2]);
+                                        } else {
+                                            for (int z = -2; z <= 2; ++z) take(row[cz + z]);
+                                        }
+                                    }
+                            }
+                            list.resize(start + taken);
+                            result = {points, widened};
+                        } else {
+                            PendingSearch p{SearchKind::Normal, {}, r, 0};
+                            neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+                            result = search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                        }
+                        const std::size_t v = static_cast<std::size_t>(j++);
+                        visit_points[v] = result.first;
+                        visit_widened[v] = result.second ? 1 : 0;
+                        found[v] = static_cast<std::int32_t>(list.size() - start);
+                        found_at[v] = static_cast<std::int64_t>(start);
+                        found_by[v] = static_cast<std::uint16_t>(thread);
+                    }
+                } catch (const std::bad_alloc&) {
+                    // no room for a list: the block fails below, no exception leaves the team
+#pragma omp atomic write
+                    walk_failed = true;
                 }
             }
         }
