@@ -290,15 +290,15 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 for (int y = 0; y < 3; ++y)
                     for (int z = 0; z < 3; ++z)
                         along_y[x][y][z] = std::min({along_z[x][y][z], along_z[x][y + 1][z], along_z[x][y + 2][z]});
+            // The key of a neighbour cell's position on one axis depends on that axis's step alone.
+            for (int axis = 0; axis < 3; ++axis)
+                for (int d = -1; d <= 1; ++d)
+                    if (gridIndex(bin.center[axis] + static_cast<float>(d) * r, r) != own[axis] + d) keys_agree = false;
             std::uint32_t mask = 0;
             int t = 0;
             for (int dx = -1; dx <= 1; ++dx)
                 for (int dy = -1; dy <= 1; ++dy)
                     for (int dz = -1; dz <= 1; ++dz, ++t) {
-                        const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
-                        std::int32_t key[3];
-                        gridKey(pos, r, key);
-                        if (key[0] != own[0] + dx || key[1] != own[1] + dy || key[2] != own[2] + dz) keys_agree = false;
                         const int x = dx + 1, y = dy + 1, z = dz + 1;
                         const std::uint32_t first =
                             std::min({along_y[x][y][z], along_y[x + 1][y][z], along_y[x + 2][y][z]});
