@@ -13,6 +13,7 @@
 #include "HashOctree.h"
 #include "MarchingCubes.h"
 #include "Morton.h"
+#include "PointSort.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
 
@@ -223,6 +224,21 @@ TEST_F(BinsTest, PointsOfABinComeInTheFullOrderWhateverTheirArrival) {
     EXPECT_TRUE(std::is_sorted(a->points->begin(), a->points->end(), RawPointWithHash_CMP_LESS()));
     ASSERT_EQ(a->points->size(), points.size());
     EXPECT_EQ(std::memcmp(a->points->data(), b->points->data(), points.size() * sizeof(RawPointWithHash)), 0);
+}
+
+TEST(PointSorts, BuffersKeptFromALargerBlockSortTheNextInTheFullOrder) {
+    // The host sort keeps its arrays and the former block's storage: each block after the first must come
+    // out as a plain sort in the full order puts it, whatever the former one left there.
+    PointSortBuffers buffers;
+    for (const int n : {50000, 20000, 20000, 3, 31000}) {
+        std::vector<RawPointWithHash> points = randomPoints(n, static_cast<unsigned>(n));
+        for (std::size_t i = 0; i < points.size(); ++i) points[i].hash = static_cast<std::int32_t>((i * 7919) % 613);
+        PointList list(points.begin(), points.end());
+        sortPointsFullyOnHost(list, buffers);
+        std::stable_sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
+        ASSERT_EQ(list.size(), points.size());
+        EXPECT_EQ(std::memcmp(list.data(), points.data(), points.size() * sizeof(RawPointWithHash)), 0) << n;
+    }
 }
 
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
@@ -581,6 +597,33 @@ TEST_F(StageRun, DevicePathAndHostPathGiveTheSameField) {
     if (KERNELS_MAY_DIFFER_FROM_HOST)
         std::printf("device path and host path: fields differ by at most %g\n", static_cast<double>(largest));
     EXPECT_GT(sheets, 1000);
+}
+
+TEST_F(StageRun, ABlockAfterALargerOneMakesTheCellsItMakesAlone) {
+    // The stage keeps its working arrays from block to block and gives back what the next block will not
+    // use: a smaller block after a larger one must come out as it does in a stage of its own.
+    const auto sphereBlock = [](float radius, float spacing, float x) {
+        auto b = block(spherePoints(radius, spacing));
+        b->center[0] = x;
+        for (RawPointWithHash& p : *b->points) p.x += x - 32.0f;
+        return b;
+    };
+    MarchingCubes alone;
+    setUpStage(alone, 2000000);
+    output = quiet([&] { ASSERT_EQ(alone.process(sphereBlock(5.0f, 0.2f, 96.0f)), 0); });
+    const auto expected = TestAccess::lastCells(alone);
+
+    TestAccess::keepLastCells(stage, false);  // its records and relations go to the next block
+    ASSERT_EQ(process(sphereBlock(12.0f, 0.15f, 32.0f)), 0) << stage.getLastError();
+    TestAccess::keepLastCells(stage, true);
+    ASSERT_EQ(process(sphereBlock(5.0f, 0.2f, 96.0f)), 0) << stage.getLastError();
+    const auto actual = TestAccess::lastCells(stage);
+    ASSERT_GT(expected->cell_nodes.size(), 1000u);
+    ASSERT_EQ(actual->cell_nodes.size(), expected->cell_nodes.size());
+    ASSERT_EQ(actual->relations.size(), expected->relations.size());
+    EXPECT_TRUE(
+        sameStart(withoutCells(actual->cell_nodes), withoutCells(expected->cell_nodes), expected->cell_nodes.size()));
+    EXPECT_TRUE(sameStart(listOf(actual->relations), listOf(expected->relations), expected->relations.size()));
 }
 
 TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAgain) {

@@ -197,6 +197,9 @@ TEST(PortionerRuns, BatchesAfterTheFirstAppendInPointOrder) {
     PortionerRun run(frames);
     ASSERT_EQ(run.status, 0) << run.portioner.getLastError();
     expectSameBlocks(run.blocks(), bruteForceBlocks(frames));
+    // The records were counted before the batches: each list was allocated once, at its size.
+    for (int i = 0; i < run.portioner.getPointCloudBlockCount(); ++i)
+        EXPECT_EQ(run.block(i)->points->capacity(), run.block(i)->points->size()) << "block " << i;
 }
 
 TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {

@@ -3,11 +3,14 @@
 // runtime (the fastest device, prohibited modes, the failure texts, the bounded retry of InitGPUCUDA).
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <string>
 
 #include "FakeDevices.h"
 #include "TestSupport.h"
 #include "ThreadPool.h"
 #include "TimeProfiler.h"
+#include "UninitialisedArray.h"
 #include "helper_cuda.h"
 
 using namespace SurfaceReconstruction;
@@ -93,6 +96,32 @@ TEST(ThreadPool, ShutdownMovesInStepsOfTwoHundredMilliseconds) {
     const long long busy_ms = msSince(start);
     EXPECT_TRUE(finished);    // the destructor waited for the running task
     EXPECT_GE(busy_ms, 400);  // the next 200 ms step after the task's end
+}
+
+// A working array kept for the next block gives back the pages beyond what that block will use: the
+// process's resident memory falls, the elements kept stay as they were.
+TEST(WorkingArrays, PagesBeyondWhatIsKeptGoBackToTheSystem) {
+    const auto residentKiB = [] {
+        std::ifstream status("/proc/self/status");
+        std::string line;
+        while (std::getline(status, line))
+            if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+        return -1L;
+    };
+    UninitialisedArray<std::uint32_t> array(64u << 20 >> 2);  // 64 MiB
+    for (std::size_t i = 0; i < array.size(); ++i) array[i] = static_cast<std::uint32_t>(i * 2654435761u);
+    const long before = residentKiB();
+    const std::size_t keep = array.size() / 4 + 123;
+    releasePagesBeyond(array, keep);
+    const long after = residentKiB();
+    EXPECT_GT(before - after, 40 * 1024) << before << " -> " << after << " KiB";
+    bool intact = true;
+    for (std::size_t i = 0; i < keep; ++i) intact = intact && array[i] == static_cast<std::uint32_t>(i * 2654435761u);
+    EXPECT_TRUE(intact);
+    releasePagesBeyond(array, array.capacity());  // nothing beyond the storage: nothing happens
+    EXPECT_EQ(array[keep - 1], static_cast<std::uint32_t>((keep - 1) * 2654435761u));
+    EXPECT_EQ(likelyNeed(1000, 0.5), 501u);
+    EXPECT_EQ(likelyNeed(1000, 3.0), 1001u);  // never more than the last use
 }
 
 TEST(TimeProfiler, SpanRunsFromTheLastStartAndPrintsWhenAskedAndAStopWithoutStartEntersNothing) {
