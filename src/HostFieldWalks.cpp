@@ -4,7 +4,9 @@
 // it), and run only where the processor has both.
 #include "HostFieldWalks.h"
 
+#if defined(__x86_64__)
 #include <immintrin.h>
+#endif
 #include <omp.h>
 
 #include <cmath>
@@ -53,6 +55,8 @@ void PointColumns::release() {
     UninitialisedArray<std::uint32_t>().swap(tag);
     size = 0;
 }
+
+#if defined(__x86_64__)
 
 namespace host_walks_internal {
 
@@ -698,5 +702,21 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
         }
     }
 }
+
+#else
+
+// Other processors have no AVX2: the per-cell functions run as they are, and the walks are never asked for.
+bool hostFieldWalksAvailable() { return false; }
+
+void computeCellFieldsOnHost(CellNode_Device*, std::size_t, const RelationCell2Bins_Device*, int, const PointColumns&,
+                             const DeviceParameters&, VoxelFieldCenter*) {}
+
+namespace host_walks_internal {
+void exp8(const float in[8], float out[8]) {
+    for (int l = 0; l < 8; ++l) out[l] = expf(in[l]);
+}
+}  // namespace host_walks_internal
+
+#endif
 
 }  // namespace SurfaceReconstruction
