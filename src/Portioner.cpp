@@ -336,15 +336,28 @@ int Portioner::processWithoutModel() {
         m_last_error = "[Portioner] preProcessForAddScanFrame failed!";
         return result;
     }
-    while (!m_waiting_frames.empty()) {
-        if (addScanFrameWithModel(m_waiting_frames.front()) != 0) {
-            m_last_error = "[Portioner] processWithoutModel -> addScanFrameWithModel failed!";
-            return 1;
+    // Device memory is host memory: the frames need no copy into batches on their way to the blocks.
+    // Should the counts not fit the lists (which they always do), the batches take them as they come.
+    const bool direct = m_straight_from_frames && deviceMemoryIsHostMemory() && !m_frame_shares.empty() &&
+                        runGuarded(m_last_error, {1, "[Portioner] processScanFrameList_Device try catch error!"},
+                                   [&]() -> int { return partitionWaitingFramesOnHost(blockRes(), extRes()); }) == 0;
+    m_share_counts.clear();
+    m_frame_shares.clear();
+    if (direct) {
+        m_waiting_frames.clear();
+        result = deInitPartition_Device();
+        if (result != 0) return result;
+    } else {
+        while (!m_waiting_frames.empty()) {
+            if (addScanFrameWithModel(m_waiting_frames.front()) != 0) {
+                m_last_error = "[Portioner] processWithoutModel -> addScanFrameWithModel failed!";
+                return 1;
+            }
+            m_waiting_frames.pop_front();  // the frame's memory can go once nobody else holds it
         }
-        m_waiting_frames.pop_front();  // the frame's memory can go once nobody else holds it
+        result = finishScanFrames();
+        if (result != 0) return result;
     }
-    result = finishScanFrames();
-    if (result != 0) return result;
     if (m_point_cloud_blocks.empty()) return 1;
     dropEmptyBlocks();  // possibly all of them: points that the partition skips leave a run without blocks
     sortBlocksBySize();

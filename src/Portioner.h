@@ -179,6 +179,10 @@ private:
     // list is allocated once, at its size, instead of growing batch by batch.
     void reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
                             float block_res, float ext_res);
+    // Where device memory is host memory and the room was made: the second pass straight from the
+    // waiting frames onto their blocks' lists, share by share of frames on the host's cores, each record
+    // at the place its count gives (the order of the batches). 1 where the counts do not fit the lists.
+    int partitionWaitingFramesOnHost(float block_res, float ext_res);
     int finishScanFrames();
     int processScanFrameList_Task();
     int waitForBatch();
@@ -211,6 +215,9 @@ private:
     std::vector<std::shared_ptr<PointCloudBlock>> m_point_cloud_blocks;
     // Host backend: each worker thread's records of the batch in work, kept from batch to batch.
     std::vector<std::vector<RawPointWithHash>> m_thread_records;
+    bool m_straight_from_frames = true;        // the host's second pass without batches, where it can
+    std::vector<std::size_t> m_frame_shares;   // the waiting frames in shares: share s from frame [s] to [s + 1]
+    std::vector<std::int64_t> m_share_counts;  // the records of each share by table entry, share after share
     std::size_t m_hash_entry_size = 0;
     std::size_t m_hash_mask = 0;
     SimpleLineHashEntry* m_simple_line_hash_dev = nullptr;

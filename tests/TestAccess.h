@@ -38,6 +38,7 @@ struct TestAccess {
     static std::uint64_t rawSurfaceCapacity(const Portioner& p) { return p.m_raw_surface_capacity; }
     static int blockComputations(const Portioner& p) { return p.m_block_computations; }
     static int partitionGrowths(const Portioner& p) { return p.m_partition_growths; }
+    static void takeBatches(Portioner& p) { p.m_straight_from_frames = false; }
     static void setRawPointsCapacityForTest(Portioner& p, std::uint64_t capacity) {
         p.m_raw_points_capacity_request = capacity;
     }

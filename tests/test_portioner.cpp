@@ -84,12 +84,15 @@ Blocks bruteForceBlocks(const Frames& frames, const Grid& g = {}) {
 // Runs the Portioner without a model over `frames`, the way the engine does.
 class PortionerRun {
 public:
-    explicit PortionerRun(const Frames& frames, std::uint64_t raw_points_capacity = 0, Grid grid = {}) : g(grid) {
+    explicit PortionerRun(const Frames& frames, std::uint64_t raw_points_capacity = 0, Grid grid = {},
+                          bool batches = false)
+        : g(grid) {
         std::uint32_t largest = 0;
         for (const auto& f : frames) largest = std::max(largest, static_cast<std::uint32_t>(f->xyz.size()));
         params = configurePortioner(portioner, largest, g.block_size, g.resolution);
         portioner.setThreadPool(pool);
         TestAccess::setRawPointsCapacityForTest(portioner, raw_points_capacity);
+        if (batches) TestAccess::takeBatches(portioner);
         EXPECT_EQ(portioner.init(), 0);
         for (const auto& f : frames) EXPECT_EQ(portioner.addScanFrameWithoutModel(f), 0);
         output = quiet([&] { status = portioner.processWithoutModel(); });
@@ -211,6 +214,16 @@ TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
         EXPECT_GE(TestAccess::partitionGrowths(run.portioner), 1);
     }
     expectSameBlocks(run.blocks(), bruteForceBlocks(frames));
+}
+
+TEST(PortionerRuns, StraightFromTheFramesGivesTheBlocksOfTheBatches) {
+    // Where device memory is host memory the second pass takes the frames as they are, share by share; the
+    // blocks must be those that batch after batch make, byte for byte (laser ids 8 and 9 read as 0).
+    const Frames frames = randomFrames(PORTIONER_MAX_FRAME_SIZE * 2 + 37, 60, 9);
+    PortionerRun straight(frames);
+    PortionerRun batched(frames, 0, {}, /*batches=*/true);
+    expectIdenticalBlocks(straight, batched);
+    expectSameBlocks(straight.blocks(), bruteForceBlocks(frames));
 }
 
 TEST(PortionerRuns, SameFramesGiveIdenticalBlocksForAnyThreadCount) {
