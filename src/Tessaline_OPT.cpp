@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "ErrorLadder.h"
 #include "HashOctree.h"
@@ -406,42 +407,54 @@ void Tessaline_OPT::screenHeldFrames() {
     // resolution) comes near the end of a 32-bit integer.
     const double limit = static_cast<double>(1u << 30) * (m_resolution / 8.0);
     std::uint64_t dropped = 0, recoded = 0;
-    for (std::shared_ptr<FrameDataWithInfo>& frame : m_held_frames) {
-        const FrameDataWithInfo& in = *frame;
-        const auto usable = [&](std::size_t i) {
-            const Vec3f& p = in.xyz[i];
-            const Vec3f& n = in.nor[i];
-            for (int k = 0; k < 3; ++k)
-                if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(relative(p, k)) > limit) return false;
-            return n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f;
-        };
-        std::size_t bad = 0, unlisted = 0;
-        for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-            if (!usable(i))
-                ++bad;
-            else if (!listedScaleCode(in.w[i]))
-                ++unlisted;
+    // Frame by frame on all cores: each is screened and, where it must change, copied on its own.
+    const std::int64_t frame_count = static_cast<std::int64_t>(m_held_frames.size());
+    bool failed = false;
+#pragma omp parallel for schedule(dynamic, 4) reduction(+ : dropped, recoded)
+    for (std::int64_t f = 0; f < frame_count; ++f) {
+        try {
+            std::shared_ptr<FrameDataWithInfo>& frame = m_held_frames[static_cast<std::size_t>(f)];
+            const FrameDataWithInfo& in = *frame;
+            const auto usable = [&](std::size_t i) {
+                const Vec3f& p = in.xyz[i];
+                const Vec3f& n = in.nor[i];
+                for (int k = 0; k < 3; ++k)
+                    if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(relative(p, k)) > limit) return false;
+                return n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f;
+            };
+            std::size_t bad = 0, unlisted = 0;
+            for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+                if (!usable(i))
+                    ++bad;
+                else if (!listedScaleCode(in.w[i]))
+                    ++unlisted;
+            }
+            if (bad == 0 && unlisted == 0 && !shifted) continue;
+            auto copy = std::make_shared<FrameDataWithInfo>();
+            copy->frame_info = in.frame_info;
+            copy->marker_ids = in.marker_ids;
+            copy->marker_xyz = in.marker_xyz;
+            copy->marker_nor = in.marker_nor;
+            copy->xyz.reserve(in.xyz.size() - bad);
+            copy->nor.reserve(in.xyz.size() - bad);
+            copy->w.reserve(in.xyz.size() - bad);
+            for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+                if (!usable(i)) continue;
+                copy->xyz.push_back({relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)});
+                copy->nor.push_back(in.nor[i]);
+                // An unknown size wish becomes one cell a bin; the flags stay.
+                copy->w.push_back(listedScaleCode(in.w[i]) ? in.w[i] : ((in.w[i] & ~0xFF) | 8));
+            }
+            dropped += bad;
+            recoded += unlisted;
+            frame = std::move(copy);
+        } catch (...) {
+            // no room for a copy: the run fails below, no exception leaves the team
+#pragma omp atomic write
+            failed = true;
         }
-        if (bad == 0 && unlisted == 0 && !shifted) continue;
-        auto copy = std::make_shared<FrameDataWithInfo>();
-        copy->frame_info = in.frame_info;
-        copy->marker_ids = in.marker_ids;
-        copy->marker_xyz = in.marker_xyz;
-        copy->marker_nor = in.marker_nor;
-        copy->xyz.reserve(in.xyz.size() - bad);
-        copy->nor.reserve(in.xyz.size() - bad);
-        copy->w.reserve(in.xyz.size() - bad);
-        for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-            if (!usable(i)) continue;
-            copy->xyz.push_back({relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)});
-            copy->nor.push_back(in.nor[i]);
-            // An unknown size wish becomes one cell a bin; the flags stay.
-            copy->w.push_back(listedScaleCode(in.w[i]) ? in.w[i] : ((in.w[i] & ~0xFF) | 8));
-        }
-        dropped += bad;
-        recoded += unlisted;
-        frame = std::move(copy);
     }
+    if (failed) throw std::bad_alloc();
     if (dropped > 0 || recoded > 0)
         std::printf(
             "addScanFrame: %llu points dropped (not finite, normal of length 0 or beyond the grid), %llu scale "
