@@ -31,7 +31,8 @@ void PointColumns::assign(const RawPointWithHash* points, std::size_t n) {
     tag.clear();
     tag.resize(length);
     const std::int64_t count = static_cast<std::int64_t>(n);
-#pragma omp parallel for schedule(static)
+    // A small block is copied on one core: waking the team would cost more.
+#pragma omp parallel for schedule(static) if (count > 65536)
     for (std::int64_t i = 0; i < count; ++i) {
         const RawPointWithHash& p = points[i];
         x[i] = p.x;
@@ -682,10 +683,12 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
         for (std::int64_t i = 0; i < count; ++i) {
             CellNode_Device& cell = cells[i];
             // Runs of a few points each are gathered first: the four walks then read whole chunks.
-            const bool listed = cell.relation_offset >= 0 && cell.relation_offset < relation_size;
+            // (A cell that the initial normal rejects before any walk is not gathered.)
+            const bool walked = cell.field_flag >= 0 && cell.point_count >= 5 && cell.relation_offset >= 0 &&
+                                cell.relation_offset < relation_size;
             bool gathered = false;
             std::size_t points = 0;
-            if (listed && cell.point_count < GATHER_RUN_POINTS * cell.relation_count) {
+            if (walked && cell.point_count < GATHER_RUN_POINTS * cell.relation_count) {
                 try {
                     points = scratch.gather(cell, relations, relation_size, columns);
                     gathered = true;

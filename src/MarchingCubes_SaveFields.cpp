@@ -29,7 +29,7 @@ std::int64_t MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
     UninitialisedArray<std::int32_t> first_slot(static_cast<std::size_t>(n) + 1);
     first_slot[0] = 0;
     CellRuleCounts counts{};
-#pragma omp parallel
+#pragma omp parallel if (n > 16384)
     {
         CellRuleCounts mine{};
 #pragma omp for schedule(static)

@@ -41,6 +41,10 @@ using UninitialisedArray = std::vector<T, UninitialisedAllocator<T>>;
 // keeps the storage: a working array kept from one block to the next then holds the memory the next block
 // uses, not the most any block used. Pages given back read as zeros when touched again, which an array
 // whose elements are written before they are read allows.
+// Less than RELEASE_AT_LEAST bytes stay: a call that gives back pages stops every core of the process
+// for a moment, which many small blocks in a row would pay for nothing.
+constexpr std::size_t RELEASE_AT_LEAST = std::size_t{4} << 20;
+
 template <class T>
 void releasePagesBeyond(UninitialisedArray<T>& array, std::size_t keep) {
     if (keep >= array.capacity()) return;
@@ -48,7 +52,8 @@ void releasePagesBeyond(UninitialisedArray<T>& array, std::size_t keep) {
     const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(array.data() + keep);
     const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(array.data() + array.capacity());
     const std::uintptr_t first = (begin + page - 1) / page * page, last = end / page * page;
-    if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    if (last > first && last - first >= RELEASE_AT_LEAST)
+        madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
 }
 
 // The part of an array's last use that a next use of `share` (a ratio of the work) probably takes.
