@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "InOrder.h"
 #include "MeshIO.h"
 #include "MeshRender.h"
 #include "Part.h"
@@ -97,6 +98,25 @@ bool distances(const std::string& text, double& median, double& p95) {
 }
 
 }  // namespace
+
+// The program reads its frame files on all cores: each result in its place, and of several failures the
+// one of the first file, as a reading in order would report it.
+TEST(ReadingInOrder, ResultsKeepTheirPlacesAndTheFirstFailureInOrderComesOut) {
+    std::vector<int> squares(1000, -1);
+    tessaline_tools::forEachInOrder(squares.size(), [&](std::size_t i) { squares[i] = static_cast<int>(i * i); });
+    for (std::size_t i = 0; i < squares.size(); ++i) ASSERT_EQ(squares[i], static_cast<int>(i * i));
+    std::vector<int> done(200, 0);
+    try {
+        tessaline_tools::forEachInOrder(done.size(), [&](std::size_t i) {
+            done[i] = 1;
+            if (i == 37 || i == 150) throw std::runtime_error("item " + std::to_string(i));
+        });
+        FAIL() << "no failure came out";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()), "item 37");
+    }
+    EXPECT_EQ(std::count(done.begin(), done.end(), 1), 200);  // every item was tried
+}
 
 TEST(PointCloudFiles, AsciiAndBothBinaryOrdersInAnyPropertyOrder) {
     const std::string ascii = writeFile(

@@ -9,7 +9,10 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "InOrder.h"
 #include "PlyReader.h"
 
 namespace tessaline_tools {
@@ -141,23 +144,34 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> readRangeScanSet(const std::stri
     if (!conf) throw std::runtime_error("cannot open scan list " + conf_path);
     const std::size_t slash = conf_path.find_last_of('/');
     const std::string folder = slash == std::string::npos ? std::string(".") : conf_path.substr(0, slash);
-    std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+    // The list first, then the range images on all cores, each into its place.
+    struct Scan {
+        std::string file;
+        double t[3], q[4];
+    };
+    std::vector<Scan> scans;
     std::string line;
     while (std::getline(conf, line)) {
         std::istringstream words(line);
-        std::string kind, file;
-        double t[3], q[4];
+        std::string kind;
+        Scan scan;
         if (!(words >> kind) || kind != "bmesh") continue;
-        if (!(words >> file >> t[0] >> t[1] >> t[2] >> q[0] >> q[1] >> q[2] >> q[3]))
+        if (!(words >> scan.file >> scan.t[0] >> scan.t[1] >> scan.t[2] >> scan.q[0] >> scan.q[1] >> scan.q[2] >>
+              scan.q[3]))
             throw std::runtime_error("bad bmesh line in " + conf_path + ": " + line);
+        const double* q = scan.q;
         const double q_length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
         bool finite = std::isfinite(q_length);
-        for (double v : t) finite = finite && std::isfinite(v);
+        for (double v : scan.t) finite = finite && std::isfinite(v);
         if (!finite || q_length < 1e-9)
             throw std::runtime_error("bad bmesh line in " + conf_path +
                                      " (the pose is not finite or the rotation has length 0): " + line);
-        frames.push_back(readRangeImage(folder + "/" + file, t, q, options));
+        scans.push_back(scan);
     }
+    std::vector<std::shared_ptr<FrameDataWithInfo>> frames(scans.size());
+    forEachInOrder(scans.size(), [&](std::size_t i) {
+        frames[i] = readRangeImage(folder + "/" + scans[i].file, scans[i].t, scans[i].q, options);
+    });
     return frames;
 }
 

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "InOrder.h"
 #include "MeshIO.h"
 #include "MeshRender.h"
 #include "PointCloudIO.h"
@@ -107,12 +108,17 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
             continue;
         }
         const std::vector<std::string> files = isDirectory(input) ? plyFilesIn(input) : std::vector<std::string>{input};
-        for (const std::string& file : files) {
-            tessaline_tools::PointCloudReadInfo info;
-            frames.push_back(tessaline_tools::readPlyPointCloud(file, to_mm, scale_code, info));
-            if (info.dropped > 0)
+        // The files on all cores, each frame into its place; the notes and the first failure in file order.
+        Frames read(files.size());
+        std::vector<tessaline_tools::PointCloudReadInfo> infos(files.size());
+        tessaline_tools::forEachInOrder(files.size(), [&](std::size_t i) {
+            read[i] = tessaline_tools::readPlyPointCloud(files[i], to_mm, scale_code, infos[i]);
+        });
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            frames.push_back(std::move(read[i]));
+            if (infos[i].dropped > 0)
                 std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n",
-                             file.c_str(), info.dropped);
+                             files[i].c_str(), infos[i].dropped);
         }
     }
     return frames;
