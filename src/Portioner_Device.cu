@@ -54,23 +54,29 @@ struct PartitionPoint {
     const SimpleLineHashEntry* hash_entries;
     std::uint64_t hash_mask;
 
-    // The record of point i, its entry still to be set.
-    TESSA_HD RawPointWithHash recordPoint(std::size_t i) const {
-        const std::uint64_t frame = static_cast<std::uint64_t>(i) / device_params->MAX_FRAME_POINTS;
+    // The record of a point, its entry still to be set.
+    TESSA_HD static RawPointWithHash record(const float position[3], const float normal[3], std::int32_t word,
+                                            std::uint8_t laser) {
         RawPointWithHash point;
-        point.x = xyz[3 * i];
-        point.y = xyz[3 * i + 1];
-        point.z = xyz[3 * i + 2];
-        point.nx = nor[3 * i];
-        point.ny = nor[3 * i + 1];
-        point.nz = nor[3 * i + 2];
-        point.w = w[i];
+        point.x = position[0];
+        point.y = position[1];
+        point.z = position[2];
+        point.nx = normal[0];
+        point.ny = normal[1];
+        point.nz = normal[2];
+        point.w = word;
         point.hash = -1;
-        point.laser = static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF);
+        point.laser = laser;
         point.padding = 0;
         point.reserved_a = 0;
         point.reserved_b = 0;
         return point;
+    }
+
+    // The record of point i of the batch.
+    TESSA_HD RawPointWithHash recordPoint(std::size_t i) const {
+        const std::uint64_t frame = static_cast<std::uint64_t>(i) / device_params->MAX_FRAME_POINTS;
+        return record(xyz + 3 * i, nor + 3 * i, w[i], static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF));
     }
 
     // Calls record(entry) for each record of point i; false for a point that makes none. `report` prints
@@ -402,18 +408,8 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
             const std::int32_t laser_id = frame.frame_info.laser_id;
             const std::uint8_t laser = static_cast<std::uint8_t>(laser_id < 0 || laser_id >= 8 ? 0 : laser_id);
             for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
-                RawPointWithHash point;
-                point.x = frame.xyz[i][0];
-                point.y = frame.xyz[i][1];
-                point.z = frame.xyz[i][2];
-                point.nx = frame.nor[i][0];
-                point.ny = frame.nor[i][1];
-                point.nz = frame.nor[i][2];
-                point.w = frame.w[i];
-                point.laser = laser;
-                point.padding = 0;
-                point.reserved_a = 0;
-                point.reserved_b = 0;
+                RawPointWithHash point =
+                    PartitionPoint::record(frame.xyz[i].data(), frame.nor[i].data(), frame.w[i], laser);
                 partition.forEachRecord(i, [&](std::int32_t e) {
                     point.hash = e;
                     (*lists[static_cast<std::size_t>(e)])[static_cast<std::size_t>(place[e]++)] = point;
