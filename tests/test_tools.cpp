@@ -254,12 +254,14 @@ TEST(MeshFiles, PlyWordsAreWrittenWholeAndSplitIntoNamedFields) {
     EXPECT_EQ(vertex->properties[static_cast<std::size_t>(column[3])].kind, 'i');  // signed: readers that refuse uint
     // word, scale code, flags, quality byte, by hand from the words above
     const double expected[3][4] = {{-65264.0, 0x10, 0x01, 0xff}, {0x77770008, 0x08, 0x00, 0x77}, {0x40, 0x40, 0, 0}};
-    tessaline_tools::PlyRecord record;
-    for (int v = 0; v < 3; ++v) {
-        ply.read(*vertex, record);
-        EXPECT_EQ(record.scalars[static_cast<std::size_t>(column[2])], 1.0);
-        for (int k = 0; k < 4; ++k) EXPECT_EQ(record.scalars[static_cast<std::size_t>(column[3 + k])], expected[v][k]);
-    }
+    std::vector<int> columns(column, column + 7);
+    int records = 0;
+    ply.readScalars(*vertex, columns, [&](long v, const double* value) {
+        ++records;
+        EXPECT_EQ(value[2], 1.0);
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(value[3 + k], expected[v][k]);
+    });
+    EXPECT_EQ(records, 3);
 }
 
 TEST(MeshFiles, ObjAndStlVariantsOtherToolsWrite) {
@@ -312,7 +314,7 @@ TEST(MeshFiles, BinaryAndAsciiMeshesReadTheSameAndBadFacesAreRefused) {
     const std::string square = "ply\nformat ascii" + header_rest + "9 0 0 0\n9 1 0 0\n9 1 1 0\n9 0 1 0\n";
     const std::pair<std::string, const char*> cases[] = {
         {square + "3 0 1 7\n3 0 1 2\n", "a vertex that does not exist"},
-        {square + "3 0 1\n", "truncated data (face"},
+        {square + "3 0 1\n", "line 15: the face record ends before its vertex_indices"},
         {"ply\nformat ascii" + header_rest + "9 0 0 zero\n", "'zero' is not a number"},
     };
     for (const auto& [text, expected] : cases) {

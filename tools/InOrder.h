@@ -10,9 +10,14 @@
 namespace tessaline_tools {
 
 // Runs body(i) for every i in [0, n) on all cores. Should calls throw, the exception of the lowest i is
-// thrown once all have run.
+// thrown once all have run. A single item runs on the calling thread, outside any team, so that its own
+// parallel loops get every core.
 template <class Body>
 void forEachInOrder(std::size_t n, Body&& body) {
+    if (n == 1) {
+        body(std::size_t(0));
+        return;
+    }
     std::vector<std::exception_ptr> failures(n);
     const std::int64_t count = static_cast<std::int64_t>(n);
 #pragma omp parallel for schedule(dynamic, 1)

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
 #include "PlyReader.h"
 
@@ -19,24 +20,24 @@ IndexedMesh readPlyMesh(const std::string& path, float scale) {
     PlyReader ply(path);
     const PlyElement* vertex = ply.find("vertex");
     if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
-    const int column[3] = {vertex->find("x"), vertex->find("y"), vertex->find("z")};
-    if (column[0] < 0 || column[1] < 0 || column[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
+    const std::vector<int> columns = {vertex->find("x"), vertex->find("y"), vertex->find("z")};
+    if (columns[0] < 0 || columns[1] < 0 || columns[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
+    for (int c : columns)
+        if (vertex->properties[static_cast<std::size_t>(c)].list)
+            throw std::runtime_error(path + ": the vertex property " +
+                                     vertex->properties[static_cast<std::size_t>(c)].name + " is a list");
     IndexedMesh mesh;
     mesh.vertices.resize(static_cast<std::size_t>(vertex->count));
-    PlyRecord record;
-    for (auto& v : mesh.vertices) {
-        ply.read(*vertex, record);
-        for (int k = 0; k < 3; ++k)
-            v[k] = static_cast<float>(record.scalars[static_cast<std::size_t>(column[k])]) * scale;
-    }
+    ply.readScalars(*vertex, columns, [&](long i, const double* p) {
+        for (int k = 0; k < 3; ++k) mesh.vertices[static_cast<std::size_t>(i)][k] = static_cast<float>(p[k]) * scale;
+    });
     const PlyElement* face = ply.find("face");
     if (face == nullptr || face < vertex) return mesh;
     int indices = face->find("vertex_indices");
     if (indices < 0) indices = face->find("vertex_index");
     if (indices < 0 || !face->properties[static_cast<std::size_t>(indices)].list)
         throw std::runtime_error(path + ": the faces have no vertex_indices list");
-    for (long f = 0; f < face->count; ++f) {
-        ply.read(*face, record);
+    ply.readRecords(*face, [&](long f, const PlyRecord& record) {
         const std::vector<double>& corner = record.lists[static_cast<std::size_t>(indices)];
         for (double c : corner)
             if (!(c >= 0 && c < static_cast<double>(vertex->count)))
@@ -44,7 +45,7 @@ IndexedMesh readPlyMesh(const std::string& path, float scale) {
         for (std::size_t k = 1; k + 1 < corner.size(); ++k)
             mesh.triangles.push_back({static_cast<std::uint32_t>(corner[0]), static_cast<std::uint32_t>(corner[k]),
                                       static_cast<std::uint32_t>(corner[k + 1])});
-    }
+    });
     return mesh;
 }
 
@@ -177,6 +178,28 @@ void put(std::ofstream& out, const T& value) {
     out.write(reinterpret_cast<const char*>(&value), sizeof(T));
 }
 
+// Bytes gathered in memory and handed to the stream a megabyte at a time.
+class ByteBuffer {
+public:
+    explicit ByteBuffer(std::ofstream& out) : m_out(out) { m_bytes.reserve(CAPACITY); }
+    ~ByteBuffer() { flush(); }
+    template <class T>
+    void put(const T& value) {
+        if (m_bytes.size() + sizeof(T) > CAPACITY) flush();
+        const char* bytes = reinterpret_cast<const char*>(&value);
+        m_bytes.insert(m_bytes.end(), bytes, bytes + sizeof(T));
+    }
+    void flush() {
+        m_out.write(m_bytes.data(), static_cast<std::streamsize>(m_bytes.size()));
+        m_bytes.clear();
+    }
+
+private:
+    static constexpr std::size_t CAPACITY = std::size_t(1) << 20;
+    std::ofstream& m_out;
+    std::vector<char> m_bytes;
+};
+
 void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh) {
     const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
     const bool words = mesh.words.size() == mesh.vertices.size() && !mesh.vertices.empty();
@@ -188,20 +211,21 @@ void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh) {
     if (normals) out << "property float nx\nproperty float ny\nproperty float nz\n";
     if (words) out << "property int word\nproperty uchar scale_code\nproperty uchar flags\nproperty uchar quality\n";
     out << "element face " << mesh.triangles.size() << "\nproperty list uchar uint vertex_indices\nend_header\n";
+    ByteBuffer body(out);
     for (std::size_t i = 0; i < mesh.vertices.size(); ++i) {
-        out.write(reinterpret_cast<const char*>(mesh.vertices[i].data()), 3 * sizeof(float));
-        if (normals) out.write(reinterpret_cast<const char*>(mesh.normals[i].data()), 3 * sizeof(float));
+        body.put(mesh.vertices[i]);
+        if (normals) body.put(mesh.normals[i]);
         if (words) {
             const std::uint32_t w = mesh.words[i];
-            put(out, static_cast<std::int32_t>(w));
-            put(out, static_cast<std::uint8_t>(w & 0xFF));
-            put(out, static_cast<std::uint8_t>((w >> 8) & 0xFF));
-            put(out, static_cast<std::uint8_t>((w >> 16) & 0xFF));
+            body.put(static_cast<std::int32_t>(w));
+            body.put(static_cast<std::uint8_t>(w & 0xFF));
+            body.put(static_cast<std::uint8_t>((w >> 8) & 0xFF));
+            body.put(static_cast<std::uint8_t>((w >> 16) & 0xFF));
         }
     }
     for (const auto& t : mesh.triangles) {
-        put(out, static_cast<std::uint8_t>(3));
-        out.write(reinterpret_cast<const char*>(t.data()), 3 * sizeof(std::uint32_t));
+        body.put(static_cast<std::uint8_t>(3));
+        body.put(t);
     }
 }
 

@@ -1,16 +1,27 @@
-// PLY header parsing and record decoding.
+// PLY header parsing, and the body read a piece at a time: binary records decoded field by field, ASCII
+// lines parsed with std::from_chars.
 #include "PlyReader.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdlib>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
 
 namespace tessaline_tools {
 
 namespace {
+
+// Bytes of the body held at a time; a small file is read whole with one call.
+constexpr std::size_t PIECE_BYTES = std::size_t(16) << 20;
+// Bytes a header may take.
+constexpr std::size_t MAX_HEADER_BYTES = std::size_t(16) << 20;
+// Lists longer than this are taken for a damaged file rather than allocated.
+constexpr double MAX_LIST_LENGTH = 1 << 20;
 
 bool propertyType(const std::string& type, int& size, char& kind) {
     static const struct {
@@ -31,9 +42,13 @@ bool propertyType(const std::string& type, int& size, char& kind) {
     return false;
 }
 
-double decode(const unsigned char* bytes, int size, char kind, bool big_endian) {
+double decode(const char* bytes, int size, char kind, bool big_endian) {
     unsigned char b[8];
-    for (int i = 0; i < size; ++i) b[i] = bytes[big_endian ? size - 1 - i : i];
+    if (big_endian) {
+        for (int i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(bytes[size - 1 - i]);
+    } else {
+        std::memcpy(b, bytes, static_cast<std::size_t>(size));
+    }
     switch (size) {
         case 1:
             return kind == 'i' ? static_cast<double>(static_cast<std::int8_t>(b[0])) : static_cast<double>(b[0]);
@@ -60,8 +75,35 @@ double decode(const unsigned char* bytes, int size, char kind, bool big_endian) 
     }
 }
 
-// Lists longer than this are taken for a damaged file rather than allocated.
-constexpr double MAX_LIST_LENGTH = 1 << 20;
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
+
+const char* skipSpaces(const char* p) {
+    while (isSpace(*p)) ++p;
+    return p;
+}
+
+// The words of a header line.
+std::vector<std::string> words(const std::string& line) {
+    std::vector<std::string> out;
+    const char* p = line.c_str();
+    while (*(p = skipSpaces(p)) != '\0') {
+        const char* start = p;
+        while (*p != '\0' && !isSpace(*p)) ++p;
+        out.emplace_back(start, p);
+    }
+    return out;
+}
+
+// A count of records: digits only, within a long.
+bool plainCount(const std::string& text, long& value) {
+    if (text.empty() || text.size() > 18) return false;
+    value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + (c - '0');
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -81,20 +123,40 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
     struct stat info;
     if (stat(path.c_str(), &info) != 0) throw std::runtime_error(path + ": cannot open the file");
     refuseIrregularFile(path);
-    m_in.open(path, std::ios::binary);
-    if (!m_in) throw std::runtime_error(path + ": cannot open the file");
+    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_fd < 0) throw std::runtime_error(path + ": cannot open the file");
+    // A file within a piece's size is read with one call, header and body together.
+    const std::size_t size = static_cast<std::size_t>(info.st_size);
+    m_buffer.resize(std::min(size, PIECE_BYTES) + 1);
+
+    // The header, line by line.
+    std::size_t header_bytes = 0;
+    const auto nextLine = [&](std::string& line) {
+        for (;;) {
+            const char* start = m_buffer.data() + m_begin;
+            const void* end = std::memchr(start, '\n', m_end - m_begin);
+            if (end != nullptr) {
+                const std::size_t length = static_cast<std::size_t>(static_cast<const char*>(end) - start);
+                line.assign(start, length);
+                if (!line.empty() && line.back() == '\r') line.pop_back();
+                m_begin += length + 1;
+                header_bytes += length + 1;
+                ++m_line;
+                return true;
+            }
+            if (m_eof || m_end - m_begin >= MAX_HEADER_BYTES) return false;
+            fill(m_end - m_begin + 65536);
+        }
+    };
     std::string line;
-    if (!std::getline(m_in, line) || line.rfind("ply", 0) != 0) throw std::runtime_error(path + ": not a PLY file");
+    if (!nextLine(line) || line.rfind("ply", 0) != 0) throw std::runtime_error(path + ": not a PLY file");
     bool have_format = false;
     while (true) {
-        if (!std::getline(m_in, line)) throw std::runtime_error(path + ": the PLY header has no end_header");
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        std::istringstream words(line);
-        std::string keyword;
-        words >> keyword;
+        if (!nextLine(line)) throw std::runtime_error(path + ": the PLY header has no end_header");
+        const std::vector<std::string> w = words(line);
+        const std::string keyword = w.empty() ? std::string() : w[0];
         if (keyword == "format") {
-            std::string name;
-            words >> name;
+            const std::string name = w.size() > 1 ? w[1] : std::string();
             if (name == "ascii")
                 m_format = Format::Ascii;
             else if (name == "binary_little_endian")
@@ -106,38 +168,54 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
             have_format = true;
         } else if (keyword == "element") {
             PlyElement element;
-            if (!(words >> element.name >> element.count) || element.count < 0)
-                throw std::runtime_error(path + ": bad element line '" + line + "'");
+            if (w.size() != 3 || !plainCount(w[2], element.count))
+                throw std::runtime_error(path + ": bad element line '" + line +
+                                         "' (a name, then the count as a whole number)");
+            element.name = w[1];
             if (find(element.name) != nullptr) throw std::runtime_error(path + ": two " + element.name + " elements");
             m_elements.push_back(element);
         } else if (keyword == "property") {
             if (m_elements.empty()) throw std::runtime_error(path + ": a property before any element");
             PlyProperty p;
-            std::string type;
-            words >> type;
+            std::size_t next = 1;
+            std::string type = w.size() > next ? w[next++] : std::string();
             if (type == "list") {
-                std::string count_type;
-                words >> count_type >> type;
+                const std::string count_type = w.size() > next ? w[next++] : std::string();
+                type = w.size() > next ? w[next++] : std::string();
                 if (!propertyType(count_type, p.count_size, p.count_kind) || p.count_kind == 'f')
                     throw std::runtime_error(path + ": bad list length type '" + count_type + "'");
                 p.list = true;
             }
             if (!propertyType(type, p.size, p.kind))
                 throw std::runtime_error(path + ": unknown property type '" + type + "'");
-            if (!(words >> p.name)) throw std::runtime_error(path + ": a property without a name");
+            if (w.size() <= next) throw std::runtime_error(path + ": a property without a name");
+            p.name = w[next];
             m_elements.back().properties.push_back(p);
         } else if (keyword == "obj_info") {
-            std::string key;
             long value = 0;
-            if (words >> key >> value) m_obj_info.emplace_back(key, value);
+            if (w.size() >= 3) {
+                char* end = nullptr;
+                value = std::strtol(w[2].c_str(), &end, 10);
+                if (end != w[2].c_str()) m_obj_info.emplace_back(w[1], value);
+            }
         } else if (keyword == "end_header") {
             break;
         }
     }
     if (!have_format) throw std::runtime_error(path + ": the PLY header names no format");
+    for (PlyElement& e : m_elements) {
+        std::size_t bytes = 0;
+        bool lists = false;
+        for (PlyProperty& p : e.properties) {
+            lists = lists || p.list;
+            p.offset = bytes;
+            bytes += static_cast<std::size_t>(p.size);
+        }
+        e.record_bytes = lists ? 0 : bytes;
+    }
     // Every record of an element with properties takes at least a byte (two in ASCII): a header that
     // promises more records than the file can hold is damaged, and nothing is sized after it.
-    const double body = static_cast<double>(info.st_size) - static_cast<double>(m_in.tellg());
+    const double body = static_cast<double>(size) - static_cast<double>(header_bytes);
     double records = 0;
     for (const PlyElement& e : m_elements) {
         // Records without properties take no bytes at all: skipping 2^40 of them would never end.
@@ -152,6 +230,13 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
             throw std::runtime_error(path + ": truncated data (the header promises " + std::to_string(e.count) + " " +
                                      e.name + " records, more than the file holds)");
     }
+    ++m_line;  // the body's first line
+    m_in_body = true;
+    if (m_eof) closeAsciiBody();
+}
+
+PlyReader::~PlyReader() {
+    if (m_fd >= 0) close(m_fd);
 }
 
 const PlyElement* PlyReader::find(const std::string& name) const {
@@ -166,62 +251,251 @@ long PlyReader::objInfo(const std::string& key, long fallback) const {
     return fallback;
 }
 
-void PlyReader::truncated(const PlyElement& element) const {
-    throw std::runtime_error(m_path + ": truncated data (" + element.name + " " + std::to_string(m_record) + " of " +
+std::size_t PlyReader::fill(std::size_t bytes) {
+    if (m_end - m_begin >= bytes || m_eof) return m_end - m_begin;
+    if (m_begin > 0) {
+        std::memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);
+        m_end -= m_begin;
+        m_begin = 0;
+    }
+    if (m_buffer.size() < bytes + 1) m_buffer.resize(bytes + 1);  // room for an ASCII body's closing line end
+    while (m_end < bytes) {
+        const ssize_t n = read(m_fd, m_buffer.data() + m_end, m_buffer.size() - 1 - m_end);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw std::runtime_error(m_path + ": cannot read the file (" + std::strerror(errno) + ")");
+        if (n == 0) {
+            m_eof = true;
+            if (m_in_body) closeAsciiBody();
+            break;
+        }
+        m_end += static_cast<std::size_t>(n);
+    }
+    return m_end - m_begin;
+}
+
+void PlyReader::closeAsciiBody() {
+    if (m_format == Format::Ascii && (m_end == m_begin || m_buffer[m_end - 1] != '\n')) m_buffer[m_end++] = '\n';
+}
+
+void PlyReader::truncated(const PlyElement& element, long record) const {
+    throw std::runtime_error(m_path + ": truncated data (" + element.name + " " + std::to_string(record) + " of " +
                              std::to_string(element.count) + ")");
 }
 
-double PlyReader::readValue(int size, char kind, const PlyElement& element) {
-    if (m_format == Format::Ascii) {
-        std::string token;
-        if (!(m_in >> token)) truncated(element);
-        char* end = nullptr;
-        const double value = std::strtod(token.c_str(), &end);  // accepts nan and inf
-        if (end == token.c_str()) throw std::runtime_error(m_path + ": '" + token + "' is not a number");
-        return value;
-    }
-    unsigned char bytes[8];
-    if (!m_in.read(reinterpret_cast<char*>(bytes), size)) truncated(element);
-    return decode(bytes, size, kind, m_format == Format::BinaryBig);
+void PlyReader::lineError(long line, const std::string& text) const {
+    throw std::runtime_error(m_path + ": line " + std::to_string(line) + ": " + text);
 }
 
-void PlyReader::read(const PlyElement& element, PlyRecord& record) {
+void PlyReader::begin(const PlyElement& element) {
     const std::size_t index = static_cast<std::size_t>(&element - m_elements.data());
-    if (index >= m_elements.size() || index < m_current) throw std::logic_error("PLY elements read out of order");
-    skipTo(element);
-    if (m_record >= element.count) throw std::logic_error("PLY element read past its end");
-    const std::size_t n = element.properties.size();
-    record.scalars.resize(n);
-    record.lists.resize(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        const PlyProperty& p = element.properties[i];
-        if (!p.list) {
-            record.scalars[i] = readValue(p.size, p.kind, element);
-            continue;
-        }
-        const double length = readValue(p.count_size, p.count_kind, element);
-        if (!(length >= 0 && length <= MAX_LIST_LENGTH))
-            throw std::runtime_error(m_path + ": bad list length in " + element.name + " " + std::to_string(m_record));
-        record.lists[i].resize(static_cast<std::size_t>(length));
-        for (double& value : record.lists[i]) value = readValue(p.size, p.kind, element);
-    }
-    if (++m_record == element.count) {
-        ++m_current;
-        m_record = 0;
-    }
-}
-
-void PlyReader::skipTo(const PlyElement& element) {
-    const std::size_t index = static_cast<std::size_t>(&element - m_elements.data());
-    PlyRecord scratch;
+    if (index >= m_elements.size() || index < m_current || (index == m_current && m_record != 0))
+        throw std::logic_error("PLY elements read out of order");
     while (m_current < index) {
         const PlyElement& skipped = m_elements[m_current];
-        if (skipped.count == 0) {
-            ++m_current;
+        if (m_format != Format::Ascii && skipped.record_bytes > 0) {
+            // Fixed records: passed over without decoding.
+            for (long left = skipped.count; left > 0;) {
+                const std::size_t want = static_cast<std::size_t>(std::min<long>(
+                    left, static_cast<long>(std::max<std::size_t>(1, PIECE_BYTES / skipped.record_bytes))));
+                const std::size_t n = std::min(want, fill(want * skipped.record_bytes) / skipped.record_bytes);
+                if (n == 0) truncated(skipped, skipped.count - left);
+                m_begin += n * skipped.record_bytes;
+                left -= static_cast<long>(n);
+            }
+            endElement();
+        } else {
+            readRecords(skipped, [](long, const PlyRecord&) {});
+        }
+    }
+}
+
+std::size_t PlyReader::nextPiece(const PlyElement& element, Piece& piece) {
+    piece.records = 0;
+    if (m_record >= element.count) {
+        endElement();
+        return 0;
+    }
+    const long remaining = element.count - m_record;
+    if (m_format != Format::Ascii) {
+        const std::size_t bytes = element.record_bytes;
+        const std::size_t want = static_cast<std::size_t>(
+            std::min<long>(remaining, static_cast<long>(std::max<std::size_t>(1, PIECE_BYTES / bytes))));
+        const std::size_t n = std::min(want, fill(want * bytes) / bytes);
+        if (n == 0) truncated(element, m_record);
+        piece.records = n;
+        piece.data = m_buffer.data() + m_begin;
+        return n;
+    }
+    // ASCII: the whole lines in the buffer, as many as the element still has, blank lines passed over.
+    for (std::size_t want = PIECE_BYTES;; want += PIECE_BYTES) {
+        const std::size_t available = fill(want);
+        piece.lines.clear();
+        piece.line_numbers.clear();
+        const char* p = m_buffer.data() + m_begin;
+        const char* const end = p + available;
+        long line = m_line;
+        while (piece.lines.size() < static_cast<std::size_t>(remaining) && p < end) {
+            const char* newline = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+            if (newline == nullptr) break;
+            if (*skipSpaces(p) != '\n') {
+                piece.lines.push_back(p);
+                piece.line_numbers.push_back(line);
+            }
+            ++line;
+            p = newline + 1;
+        }
+        if (!piece.lines.empty()) {
+            piece.records = piece.lines.size();
+            piece.data = p;  // where the piece ends
+            piece.line_numbers.push_back(line);
+            return piece.records;
+        }
+        if (m_eof) truncated(element, m_record);
+    }
+}
+
+void PlyReader::donePiece(const PlyElement& element, const Piece& piece) {
+    if (m_format != Format::Ascii) {
+        m_begin += piece.records * element.record_bytes;
+    } else {
+        m_begin = static_cast<std::size_t>(piece.data - m_buffer.data());
+        m_line = piece.line_numbers.back();
+    }
+    m_record += static_cast<long>(piece.records);
+}
+
+void PlyReader::decodeRecord(const PlyElement& element, const char* data, const int* columns, std::size_t count,
+                             double* values) const {
+    const bool big = m_format == Format::BinaryBig;
+    for (std::size_t k = 0; k < count; ++k) {
+        const PlyProperty& p = element.properties[static_cast<std::size_t>(columns[k])];
+        values[k] = decode(data + p.offset, p.size, p.kind, big);
+    }
+}
+
+namespace {
+
+// Reads one number at `p` (spaces before it passed over); null when there is none or it is not a number.
+const char* number(const char* p, double& value) {
+    p = skipSpaces(p);
+    const char* end = p;
+    while (*end != '\n' && !isSpace(*end)) ++end;
+    const char* start = *p == '+' ? p + 1 : p;  // as strtod takes it
+    const std::from_chars_result r = std::from_chars(start, end, value);
+    if (r.ec == std::errc::result_out_of_range && r.ptr == end) {
+        // Beyond a double's range: as strtod gives it, infinity or zero with the sign.
+        value = std::strtod(std::string(p, end).c_str(), nullptr);
+    } else if (r.ec != std::errc() || r.ptr != end) {
+        return nullptr;
+    }
+    return end;
+}
+
+std::string tokenAt(const char* p) {
+    p = skipSpaces(p);
+    const char* end = p;
+    while (*end != '\n' && !isSpace(*end) && end - p < 40) ++end;
+    return std::string(p, end);
+}
+
+}  // namespace
+
+void PlyReader::parseLine(const PlyElement& element, const char* line, long number_in_file, const int* columns,
+                          std::size_t count, double* values) const {
+    // Every value of the line is read, so that a line of too many or too few values is found.
+    const std::size_t properties = element.properties.size();
+    double scratch[64];
+    std::vector<double> many;
+    double* all = scratch;
+    if (properties > 64) {
+        many.resize(properties);
+        all = many.data();
+    }
+    const char* p = line;
+    std::size_t found = 0;
+    for (; found < properties; ++found) {
+        if (*skipSpaces(p) == '\n') break;
+        const char* next = number(p, all[found]);
+        if (next == nullptr) lineError(number_in_file, "'" + tokenAt(p) + "' is not a number");
+        p = next;
+    }
+    if (found < properties || *skipSpaces(p) != '\n') {
+        std::size_t values_on_line = found;
+        while (*(p = skipSpaces(p)) != '\n') {
+            while (*p != '\n' && !isSpace(*p)) ++p;
+            ++values_on_line;
+        }
+        lineError(number_in_file, std::to_string(values_on_line) + " values where a " + element.name + " record has " +
+                                      std::to_string(properties));
+    }
+    for (std::size_t k = 0; k < count; ++k) values[k] = all[columns[k]];
+}
+
+void PlyReader::readRecordBinary(const PlyElement& element, PlyRecord& record, long index) {
+    const bool big = m_format == Format::BinaryBig;
+    const auto take = [&](int size, char kind) {
+        if (fill(static_cast<std::size_t>(size)) < static_cast<std::size_t>(size)) truncated(element, index);
+        const double value = decode(m_buffer.data() + m_begin, size, kind, big);
+        m_begin += static_cast<std::size_t>(size);
+        return value;
+    };
+    for (std::size_t i = 0; i < element.properties.size(); ++i) {
+        const PlyProperty& p = element.properties[i];
+        if (!p.list) {
+            record.scalars[i] = take(p.size, p.kind);
             continue;
         }
-        read(skipped, scratch);
+        const double length = take(p.count_size, p.count_kind);
+        if (!(length >= 0 && length <= MAX_LIST_LENGTH))
+            throw std::runtime_error(m_path + ": bad list length in " + element.name + " " + std::to_string(index));
+        std::vector<double>& list = record.lists[i];
+        list.resize(static_cast<std::size_t>(length));
+        const std::size_t bytes = list.size() * static_cast<std::size_t>(p.size);
+        if (fill(bytes) < bytes) truncated(element, index);
+        for (std::size_t k = 0; k < list.size(); ++k)
+            list[k] = decode(m_buffer.data() + m_begin + k * static_cast<std::size_t>(p.size), p.size, p.kind, big);
+        m_begin += bytes;
     }
+}
+
+void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {
+    // The next line that is not blank, whole in the buffer.
+    const char* line = nullptr;
+    long line_number = 0;
+    while (line == nullptr) {
+        const char* start = m_buffer.data() + m_begin;
+        const char* newline = static_cast<const char*>(std::memchr(start, '\n', m_end - m_begin));
+        if (newline == nullptr) {
+            if (m_eof) truncated(element, m_record);
+            fill(m_end - m_begin + PIECE_BYTES);
+            continue;
+        }
+        line_number = m_line++;
+        m_begin = static_cast<std::size_t>(newline + 1 - m_buffer.data());
+        if (*skipSpaces(start) != '\n') line = start;
+    }
+    const char* p = line;
+    const auto next = [&](double& value, const std::string& what) {
+        if (*skipSpaces(p) == '\n') lineError(line_number, "the " + element.name + " record ends before its " + what);
+        const char* after = number(p, value);
+        if (after == nullptr) lineError(line_number, "'" + tokenAt(p) + "' is not a number");
+        p = after;
+    };
+    for (std::size_t i = 0; i < element.properties.size(); ++i) {
+        const PlyProperty& prop = element.properties[i];
+        if (!prop.list) {
+            next(record.scalars[i], prop.name);
+            continue;
+        }
+        double length = 0;
+        next(length, prop.name);
+        if (!(length >= 0 && length <= MAX_LIST_LENGTH) || length != std::floor(length))
+            throw std::runtime_error(m_path + ": bad list length in " + element.name + " " + std::to_string(m_record));
+        std::vector<double>& list = record.lists[i];
+        list.resize(static_cast<std::size_t>(length));
+        for (double& value : list) next(value, prop.name);
+    }
+    if (*skipSpaces(p) != '\n') lineError(line_number, "more values than a " + element.name + " record has");
 }
 
 }  // namespace tessaline_tools

@@ -1,10 +1,14 @@
-// One PLY reader for every file the command-line program reads: point clouds, range images and
-// meshes, in ASCII or binary of either byte order. The header is parsed on opening; the elements are
-// then read in the order the header lists them.
+// One PLY reader for every file the command-line program reads: point clouds, range images and meshes,
+// in ASCII or binary of either byte order. The header is parsed on opening; the body is then read element
+// by element in header order, a large piece at a time: binary records are decoded and ASCII lines parsed
+// on all cores, and each ASCII record must be one line holding exactly the values its properties ask for.
 #pragma once
 
+#include <omp.h>
+
+#include <cstddef>
 #include <cstdint>
-#include <fstream>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -17,18 +21,21 @@ struct PlyProperty {
     bool list = false;  // a list: `count_size`/`count_kind` give the type of its length
     int count_size = 0;
     char count_kind = 'u';
+    std::size_t offset = 0;  // binary: where the value lies in a record of an element without lists
 };
 
 struct PlyElement {
     std::string name;
     long count = 0;
     std::vector<PlyProperty> properties;
+    // Bytes of one binary record when the element has no lists (0 when it has).
+    std::size_t record_bytes = 0;
 
     // Index of the property called `name`, or -1.
     int find(const std::string& name) const;
 };
 
-// One record of an element: scalars[i] holds property i when it is a scalar, lists[i] when a list.
+// One record of an element read whole: scalars[i] holds property i when it is a scalar, lists[i] when a list.
 struct PlyRecord {
     std::vector<double> scalars;
     std::vector<std::vector<double>> lists;
@@ -42,33 +49,141 @@ class PlyReader {
 public:
     // Opens `path` and reads its header. Throws std::runtime_error naming the file and the problem.
     explicit PlyReader(const std::string& path);
+    ~PlyReader();
+    PlyReader(const PlyReader&) = delete;
+    PlyReader& operator=(const PlyReader&) = delete;
 
     const std::vector<PlyElement>& elements() const { return m_elements; }
     // The element called `name`, or null.
     const PlyElement* find(const std::string& name) const;
     // The number after `obj_info KEY`, or `fallback`.
     long objInfo(const std::string& key, long fallback) const;
-
-    // Reads the next record of the element `element`. Elements are read one after the other, in header
-    // order, each to its end; `skipTo` passes over whole elements that are not wanted.
-    void read(const PlyElement& element, PlyRecord& record);
-    // Skips every element before `element`.
-    void skipTo(const PlyElement& element);
     const std::string& path() const { return m_path; }
 
-private:
-    enum class Format { Ascii, BinaryLittle, BinaryBig };
+    // Reads every record of `element`, whose properties must all be scalars, and calls
+    // sink(record, values) for each, values[k] holding property columns[k] as a double. Large elements
+    // are read on all cores: the sink is then called from several threads at once, each record once.
+    // Elements are read in header order, each once; the ones before `element` are skipped. Throws
+    // std::runtime_error naming the file (and for ASCII the line) on a record that cannot be read; of
+    // several, the first in the file; an exception of the sink comes out likewise.
+    template <class Sink>
+    void readScalars(const PlyElement& element, const std::vector<int>& columns, Sink&& sink);
 
-    double readValue(int size, char kind, const PlyElement& element);
-    [[noreturn]] void truncated(const PlyElement& element) const;
+    // Reads every record of `element` in order on the calling thread and calls sink(record, PlyRecord).
+    template <class Sink>
+    void readRecords(const PlyElement& element, Sink&& sink);
+
+private:
+    void endElement() {
+        ++m_current;
+        m_record = 0;
+    }
+    enum class Format { Ascii, BinaryLittle, BinaryBig };
+    // A piece of whole records of the element being read, in the buffer.
+    struct Piece {
+        std::size_t records = 0;
+        const char* data = nullptr;      // binary: the first record
+        std::vector<const char*> lines;  // ASCII: where each record's line starts
+        std::vector<long> line_numbers;  // ASCII: their lines in the file
+    };
+
+    // Moves to `element`, skipping the elements before it; refuses an element read twice or out of order.
+    void begin(const PlyElement& element);
+    // The next records of the current element that the buffer holds whole (at least one); 0 when all are read.
+    std::size_t nextPiece(const PlyElement& element, Piece& piece);
+    // At the end of the file the last line of an ASCII body gets its line end, like every other line.
+    void closeAsciiBody();
+    void donePiece(const PlyElement& element, const Piece& piece);
+    // Makes at least `bytes` bytes available from the read position unless the file ends before; returns
+    // how many are.
+    std::size_t fill(std::size_t bytes);
+    [[noreturn]] void truncated(const PlyElement& element, long record) const;
+    [[noreturn]] void lineError(long line, const std::string& text) const;
+    void decodeRecord(const PlyElement& element, const char* data, const int* columns, std::size_t count,
+                      double* values) const;
+    void parseLine(const PlyElement& element, const char* line, long number, const int* columns, std::size_t count,
+                   double* values) const;
+    void readRecordBinary(const PlyElement& element, PlyRecord& record, long index);
+    void readRecordAscii(const PlyElement& element, PlyRecord& record);
 
     std::string m_path;
-    std::ifstream m_in;
+    int m_fd = -1;
     Format m_format = Format::Ascii;
     std::vector<PlyElement> m_elements;
     std::vector<std::pair<std::string, long>> m_obj_info;
-    std::size_t m_current = 0;  // element being read
+    std::size_t m_current = 0;  // the element being read
     long m_record = 0;          // records of it read so far
+    std::vector<char> m_buffer;
+    std::size_t m_begin = 0, m_end = 0;  // the unread bytes in the buffer
+    bool m_eof = false;
+    bool m_in_body = false;
+    long m_line = 0;  // ASCII: the line that starts at m_begin
 };
+
+template <class Sink>
+void PlyReader::readScalars(const PlyElement& element, const std::vector<int>& columns, Sink&& sink) {
+    bool lists = false;
+    for (const PlyProperty& p : element.properties) lists = lists || p.list;
+    if (lists) {  // records of varying length: one after the other
+        std::vector<double> values(columns.size());
+        readRecords(element, [&](long r, const PlyRecord& record) {
+            for (std::size_t k = 0; k < columns.size(); ++k)
+                values[k] = record.scalars[static_cast<std::size_t>(columns[k])];
+            sink(r, static_cast<const double*>(values.data()));
+        });
+        return;
+    }
+    begin(element);
+    Piece piece;
+    while (nextPiece(element, piece) > 0) {
+        const long first = m_record;
+        const std::int64_t n = static_cast<std::int64_t>(piece.records);
+        // Of the failures the first in the file comes out: the lowest record's.
+        std::int64_t failed_at = n;
+        std::exception_ptr failure;
+#pragma omp parallel if (n >= 8192)
+        {
+            std::vector<double> values(columns.size());
+#pragma omp for schedule(static)
+            for (std::int64_t i = 0; i < n; ++i) {
+                try {
+                    const std::size_t r = static_cast<std::size_t>(i);
+                    if (m_format == Format::Ascii)
+                        parseLine(element, piece.lines[r], piece.line_numbers[r], columns.data(), columns.size(),
+                                  values.data());
+                    else
+                        decodeRecord(element, piece.data + r * element.record_bytes, columns.data(), columns.size(),
+                                     values.data());
+                    sink(first + static_cast<long>(i), static_cast<const double*>(values.data()));
+                } catch (...) {
+#pragma omp critical(tessaline_ply_failure)
+                    if (i < failed_at) {
+                        failed_at = i;
+                        failure = std::current_exception();
+                    }
+                }
+            }
+        }
+        if (failure) std::rethrow_exception(failure);
+        donePiece(element, piece);
+    }
+}
+
+template <class Sink>
+void PlyReader::readRecords(const PlyElement& element, Sink&& sink) {
+    begin(element);
+    PlyRecord record;
+    record.scalars.resize(element.properties.size());
+    record.lists.resize(element.properties.size());
+    while (m_record < element.count) {
+        if (m_format == Format::Ascii)
+            readRecordAscii(element, record);
+        else
+            readRecordBinary(element, record, m_record);
+        sink(m_record, static_cast<const PlyRecord&>(record));
+        ++m_record;
+    }
+    endElement();
+}
 
 }  // namespace tessaline_tools

@@ -1,6 +1,7 @@
 // PLY point cloud reading and writing.
 #include "PointCloudIO.h"
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -35,6 +36,47 @@ std::int32_t identifier(double value, const std::string& path, const char* what)
     return static_cast<std::int32_t>(value);
 }
 
+// The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
+// without finite coordinates or a normal of some length are then left out and counted.
+void readPoints(PlyReader& ply, const PlyElement& vertex, const std::vector<int>& columns, float scale, int scale_code,
+                FrameDataWithInfo& frame, PointCloudReadInfo& info) {
+    const std::size_t n = static_cast<std::size_t>(vertex.count);
+    frame.xyz.resize(n);
+    frame.nor.resize(n);
+    frame.w.resize(n);
+    const bool words = columns.size() == 7;
+    std::atomic<bool> any_dropped(false);
+    ply.readScalars(vertex, columns, [&](long record, const double* p) {
+        const std::size_t i = static_cast<std::size_t>(record);
+        const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
+        bool usable = length > 0;
+        for (int k = 0; k < 6; ++k) usable = usable && std::isfinite(p[k]);
+        if (!usable) {
+            frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
+            any_dropped.store(true, std::memory_order_relaxed);
+            return;
+        }
+        frame.xyz[i] = {toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)};
+        frame.nor[i] = {toFloat(p[3] / length), toFloat(p[4] / length), toFloat(p[5] / length)};
+        const double word = words ? p[6] : scale_code;
+        frame.w[i] = std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0;
+    });
+    if (!any_dropped.load()) return;
+    // Scaled coordinates of a usable point are finite or infinite, never NaN: the mark is unambiguous.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (std::isnan(frame.xyz[i][0])) continue;
+        frame.xyz[kept] = frame.xyz[i];
+        frame.nor[kept] = frame.nor[i];
+        frame.w[kept] = frame.w[i];
+        ++kept;
+    }
+    info.dropped += n - kept;
+    frame.xyz.resize(kept);
+    frame.nor.resize(kept);
+    frame.w.resize(kept);
+}
+
 }  // namespace
 
 std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale, int scale_code,
@@ -42,64 +84,54 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
     PlyReader ply(path);
     const PlyElement* vertex = ply.find("vertex");
     if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
-    int column[7];
+    std::vector<int> columns(7);
     const char* names[7] = {"x", "y", "z", "nx", "ny", "nz", "w"};
-    for (int k = 0; k < 7; ++k) column[k] = scalarColumn(*vertex, names[k], path);
-    if (column[0] < 0 || column[1] < 0 || column[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
-    if (column[3] < 0 || column[4] < 0 || column[5] < 0) throw std::runtime_error(path + ": no normals (nx, ny, nz)");
-    info.words_from_file = column[6] >= 0;
+    const char* pcl_names[3] = {"normal_x", "normal_y", "normal_z"};  // as PCL writes them
+    for (int k = 0; k < 7; ++k) {
+        columns[k] = scalarColumn(*vertex, names[k], path);
+        if (k >= 3 && k < 6 && columns[k] < 0) columns[k] = scalarColumn(*vertex, pcl_names[k - 3], path);
+    }
+    if (columns[0] < 0 || columns[1] < 0 || columns[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
+    if (columns[3] < 0 || columns[4] < 0 || columns[5] < 0)
+        throw std::runtime_error(path + ": no normals (nx, ny, nz or normal_x, normal_y, normal_z)");
+    info.words_from_file = columns[6] >= 0;
+    if (!info.words_from_file) columns.pop_back();
 
     auto frame = std::make_shared<FrameDataWithInfo>();
-    PlyRecord record;
     for (const PlyElement& element : ply.elements()) {
         if (&element == vertex) {
-            for (long v = 0; v < vertex->count; ++v) {
-                ply.read(*vertex, record);
-                double p[6];
-                for (int k = 0; k < 6; ++k) p[k] = record.scalars[static_cast<std::size_t>(column[k])];
-                const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
-                bool usable = length > 0;
-                for (double c : p) usable = usable && std::isfinite(c);
-                if (!usable) {
-                    ++info.dropped;
-                    continue;
-                }
-                frame->xyz.push_back({toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)});
-                frame->nor.push_back({toFloat(p[3] / length), toFloat(p[4] / length), toFloat(p[5] / length)});
-                const double word = column[6] >= 0 ? record.scalars[static_cast<std::size_t>(column[6])] : scale_code;
-                frame->w.push_back(
-                    std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0);
-            }
+            readPoints(ply, *vertex, columns, scale, scale_code, *frame, info);
         } else if (element.name == "pose" && element.count == 1) {
             const char* pose_names[13] = {"r0", "r1", "r2", "r3", "r4", "r5",      "r6",
                                           "r7", "r8", "tx", "ty", "tz", "laser_id"};
-            int pose_column[13];
+            std::vector<int> pose_columns(13);
             for (int k = 0; k < 13; ++k) {
-                pose_column[k] = scalarColumn(element, pose_names[k], path);
-                if (pose_column[k] < 0) throw std::runtime_error(path + ": the pose has no " + pose_names[k]);
+                pose_columns[k] = scalarColumn(element, pose_names[k], path);
+                if (pose_columns[k] < 0) throw std::runtime_error(path + ": the pose has no " + pose_names[k]);
             }
-            ply.read(element, record);
-            for (int k = 0; k < 9; ++k)
-                frame->frame_info.rotation[k] = record.scalars[static_cast<std::size_t>(pose_column[k])];
-            for (int k = 0; k < 3; ++k)
-                frame->frame_info.translation[k] = record.scalars[static_cast<std::size_t>(pose_column[9 + k])] * scale;
-            frame->frame_info.laser_id =
-                identifier(record.scalars[static_cast<std::size_t>(pose_column[12])], path, "the pose's laser_id");
+            ply.readScalars(element, pose_columns, [&](long, const double* value) {
+                for (int k = 0; k < 9; ++k) frame->frame_info.rotation[k] = value[k];
+                for (int k = 0; k < 3; ++k) frame->frame_info.translation[k] = value[9 + k] * scale;
+                frame->frame_info.laser_id = identifier(value[12], path, "the pose's laser_id");
+            });
         } else if (element.name == "marker") {
             const char* marker_names[7] = {"id", "x", "y", "z", "nx", "ny", "nz"};
-            int marker_column[7];
+            std::vector<int> marker_columns(7);
             for (int k = 0; k < 7; ++k) {
-                marker_column[k] = scalarColumn(element, marker_names[k], path);
-                if (marker_column[k] < 0) throw std::runtime_error(path + ": the markers have no " + marker_names[k]);
+                marker_columns[k] = scalarColumn(element, marker_names[k], path);
+                if (marker_columns[k] < 0) throw std::runtime_error(path + ": the markers have no " + marker_names[k]);
             }
-            for (long m = 0; m < element.count; ++m) {
-                ply.read(element, record);
-                const auto value = [&](int k) { return record.scalars[static_cast<std::size_t>(marker_column[k])]; };
-                frame->marker_ids.push_back(identifier(value(0), path, "a marker id"));
-                frame->marker_xyz.push_back(
-                    {toFloat(value(1) * scale), toFloat(value(2) * scale), toFloat(value(3) * scale)});
-                frame->marker_nor.push_back({toFloat(value(4)), toFloat(value(5)), toFloat(value(6))});
-            }
+            const std::size_t markers = static_cast<std::size_t>(element.count);
+            frame->marker_ids.resize(markers);
+            frame->marker_xyz.resize(markers);
+            frame->marker_nor.resize(markers);
+            ply.readScalars(element, marker_columns, [&](long m, const double* value) {
+                const std::size_t i = static_cast<std::size_t>(m);
+                frame->marker_ids[i] = identifier(value[0], path, "a marker id");
+                frame->marker_xyz[i] = {toFloat(value[1] * scale), toFloat(value[2] * scale),
+                                        toFloat(value[3] * scale)};
+                frame->marker_nor[i] = {toFloat(value[4]), toFloat(value[5]), toFloat(value[6])};
+            });
         }
     }
     return frame;

@@ -74,25 +74,20 @@ std::shared_ptr<FrameDataWithInfo> readRangeImage(const std::string& ply_path, c
     const PlyElement* grid = ply.find("range_grid");
 
     std::vector<float> local(static_cast<std::size_t>(vertices) * 3);
-    PlyRecord record;
-    for (long i = 0; i < vertices; ++i) {
-        ply.read(*vertex, record);
-        local[3 * i] = static_cast<float>(record.scalars[static_cast<std::size_t>(x)]);
-        local[3 * i + 1] = static_cast<float>(record.scalars[static_cast<std::size_t>(y)]);
-        local[3 * i + 2] = static_cast<float>(record.scalars[static_cast<std::size_t>(z)]);
-    }
+    ply.readScalars(*vertex, {x, y, z}, [&](long i, const double* p) {
+        for (int k = 0; k < 3; ++k) local[static_cast<std::size_t>(3 * i + k)] = static_cast<float>(p[k]);
+    });
     std::vector<long> pixel;  // vertex index of each grid pixel, -1 where none
     // The grid is used when it follows the vertices and matches the image size named in the header.
     // rows x cols is compared without forming the product, which a damaged header could overflow.
     if (grid != nullptr && grid > vertex && rows > 0 && cols > 0 && rows <= grid->count / cols &&
         grid->count == rows * cols && !grid->properties.empty() && grid->properties[0].list) {
         pixel.assign(static_cast<std::size_t>(grid->count), -1);
-        for (long i = 0; i < grid->count; ++i) {
-            ply.read(*grid, record);
+        ply.readRecords(*grid, [&](long i, const PlyRecord& record) {
             const std::vector<double>& entries = record.lists[0];
             if (!entries.empty() && entries[0] >= 0 && entries[0] < static_cast<double>(vertices))
                 pixel[static_cast<std::size_t>(i)] = static_cast<long>(entries[0]);
-        }
+        });
     }
 
     std::vector<double> normals(local.size(), 0.0);
@@ -144,6 +139,8 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> readRangeScanSet(const std::stri
     if (!conf) throw std::runtime_error("cannot open scan list " + conf_path);
     const std::size_t slash = conf_path.find_last_of('/');
     const std::string folder = slash == std::string::npos ? std::string(".") : conf_path.substr(0, slash);
+    // A scan named by an absolute path is read there, any other from the list's folder.
+    const auto scanPath = [&folder](const std::string& file) { return file[0] == '/' ? file : folder + "/" + file; };
     // The list first, then the range images on all cores, each into its place.
     struct Scan {
         std::string file;
@@ -170,7 +167,7 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> readRangeScanSet(const std::stri
     }
     std::vector<std::shared_ptr<FrameDataWithInfo>> frames(scans.size());
     forEachInOrder(scans.size(), [&](std::size_t i) {
-        frames[i] = readRangeImage(folder + "/" + scans[i].file, scans[i].t, scans[i].q, options);
+        frames[i] = readRangeImage(scanPath(scans[i].file), scans[i].t, scans[i].q, options);
     });
     return frames;
 }

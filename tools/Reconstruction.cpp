@@ -59,7 +59,7 @@ double peakMemoryMiB() {
     return usage.ru_maxrss / 1024.0;
 }
 
-RunReport runReconstruction(const Frames& frames, const RunOptions& options) {
+RunReport runReconstruction(Frames frames, const RunOptions& options) {
     RunReport report;
     report.frames = frames.size();
     for (const auto& f : frames) report.points += f->xyz.size();
@@ -91,6 +91,7 @@ RunReport runReconstruction(const Frames& frames, const RunOptions& options) {
         if (tessaline.addScanFrame_ALL(frame) != 0)
             throw std::runtime_error("frame refused: " + tessaline.getLastErrorMsg());
     }
+    Frames().swap(frames);
     report.mesh = std::make_shared<MultiMeshData>();
     int status;
     {

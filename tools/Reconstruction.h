@@ -29,8 +29,11 @@ struct RunReport {
     std::shared_ptr<SurfaceReconstruction::MultiMeshData> mesh;
 };
 
-// Throws std::runtime_error with the library's error text when a step fails.
-RunReport runReconstruction(const Frames& frames, const RunOptions& options);
+// Hands `frames` to the library and runs it. The frames are taken: once the library holds them, this
+// function lets go of its references, so that the library can free each frame when it has cut it into
+// blocks (a caller that keeps its own references keeps the frames). Throws std::runtime_error with the
+// library's error text when a step fails.
+RunReport runReconstruction(Frames frames, const RunOptions& options);
 
 // Peak resident memory of this process so far, MiB.
 double peakMemoryMiB();

@@ -358,8 +358,15 @@ std::string sizeWarning(const ResolutionChoice& choice, std::size_t triangles, d
     return text;
 }
 
+// The times of the program's own steps around the library's run.
+struct Timings {
+    double input = 0;    // reading the frames, or simulating them
+    double spacing = 0;  // the point spacing and what the points suggest
+    double writing = 0;  // the mesh file
+};
+
 void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice& choice, const FinishedMesh& finished,
-                  const Finishing& finishing, double read_seconds, const char* read_label) {
+                  const Finishing& finishing, const Timings& timings, const char* input_label) {
     std::printf("frames %zu, points %zu, blocks %d\n", run.frames, run.points, run.blocks);
     std::printf("point spacing: median %.4g mm to the nearest point, as dense as an even %.4g mm; ",
                 choice.spacing.median, choice.spacing.density);
@@ -380,10 +387,11 @@ void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice&
     if (finishing.fill_holes >= 3)
         std::printf("holes of at most %zu edges: %zu filled\n", finishing.fill_holes, finished.filled);
     std::printf(
-        "time: %s %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s, finishing %.2f s (%.0f points/s); peak "
-        "memory %.0f MiB\n",
-        read_label, read_seconds, run.stage_seconds[0], run.stage_seconds[1], run.stage_seconds[2], finished.seconds,
-        run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0, tessaline_tools::peakMemoryMiB());
+        "time: %s %.2f s, spacing %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s, finishing %.2f s, writing "
+        "%.2f s (the library %.0f points/s); peak memory %.0f MiB\n",
+        input_label, timings.input, timings.spacing, run.stage_seconds[0], run.stage_seconds[1], run.stage_seconds[2],
+        finished.seconds, timings.writing, run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0,
+        tessaline_tools::peakMemoryMiB());
 }
 
 // `reference` names what was compared with: "the reference" or "the true surface".
@@ -468,6 +476,7 @@ int reconstruct(int argc, char** argv) {
     checkWritable(output);  // before the run, not after it
 
     const auto start = Clock::now();
+    const auto since = [](Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); };
     tessaline_tools::Frames frames = readInputs(args["inputs"].as<std::vector<std::string>>(), to_mm, scale_code);
     if (explicit_code)
         for (auto& frame : frames)
@@ -475,9 +484,11 @@ int reconstruct(int argc, char** argv) {
     std::size_t points = 0;
     for (const auto& f : frames) points += f->xyz.size();
     if (points == 0) throw std::runtime_error("the input holds no points");
+    const double read_s = since(start);
     // Read the reference first: a bad reference file should not cost a whole run.
     std::unique_ptr<tessaline_tools::Surface> reference;
     if (args.count("reference")) reference = loadReference(args["reference"].as<std::string>(), to_mm, 300000);
+    const auto spacing_start = Clock::now();
     choice.spacing = measureSpacing(frames);
     if (choice.automatic) {
         choice.resolution = SurfaceReconstruction::resolutionForSpacing(choice.spacing);
@@ -493,16 +504,16 @@ int reconstruct(int argc, char** argv) {
                          "tessaline: points %.4g mm apart (as dense as an even %.4g mm); resolution auto: %.4g mm\n",
                          choice.spacing.median, choice.spacing.density, choice.resolution);
     }
-    const double read_s = std::chrono::duration<double>(Clock::now() - start).count();
+    // What the points suggest, measured before the frames go to the library, which frees them as it goes.
+    const double expected = SurfaceReconstruction::expectedTriangles(frames, choice.spacing, choice.resolution);
+    const double spacing_s = since(spacing_start);
 
     tessaline_tools::RunOptions run_options;
     run_options.resolution = choice.resolution;
     run_options.quiet = !verbose;
     run_options.to_stderr = json;
     run_options.progress = !quiet && isatty(STDERR_FILENO);
-    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, run_options);
-    const double expected = SurfaceReconstruction::expectedTriangles(frames, choice.spacing, choice.resolution);
-    frames.clear();
+    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(std::move(frames), run_options);
     FinishedMesh finished = finishMesh(*run.mesh, choice.resolution, finishing);
     const std::string warning = sizeWarning(choice, finished.statistics.triangles, expected);
     const bool empty = finished.statistics.triangles == 0;
@@ -513,7 +524,9 @@ int reconstruct(int argc, char** argv) {
             tessaline_tools::compareSurfaces(*mesh_surface, *reference, {0.1, 0.5}, 1.0)));
     }
     tessaline_tools::scaleMesh(finished.mesh, 1.0f / to_mm);  // written in the input's unit
+    const auto write_start = Clock::now();
     if (!empty) tessaline_tools::writeMesh(output, finished.mesh);
+    const Timings timings = {read_s, spacing_s, since(write_start)};
 
     if (!warning.empty()) std::fprintf(stderr, "tessaline: %s%s\n", empty ? "" : "warning: ", warning.c_str());
     if (json) {
@@ -534,9 +547,10 @@ int reconstruct(int argc, char** argv) {
         j.count("boundary_edges", s.boundary_edges).count("boundary_loops", s.boundary_loops).count("pieces", s.pieces);
         j.number("area", s.area).count("triangles_removed", finished.removed).count("holes_filled", finished.filled);
         j.number("expected_triangles_at_least", expected);
-        j.open("seconds").number("reading", read_s).number("blocks", run.stage_seconds[0]);
-        j.number("fusion", run.stage_seconds[1]).number("meshing", run.stage_seconds[2]);
-        j.number("finishing", finished.seconds).close();
+        j.open("seconds").number("reading", read_s).number("spacing", spacing_s);
+        j.number("blocks", run.stage_seconds[0]).number("fusion", run.stage_seconds[1]);
+        j.number("meshing", run.stage_seconds[2]).number("finishing", finished.seconds);
+        j.number("writing", timings.writing).close();
         j.number("peak_memory_mib", tessaline_tools::peakMemoryMiB());
         if (comparison) jsonComparison(j, *comparison);
         j.openList("warnings");
@@ -549,7 +563,7 @@ int reconstruct(int argc, char** argv) {
         j.close();
         std::printf("%s\n", text.c_str());
     } else {
-        printSummary(run, choice, finished, finishing, read_s, "reading");
+        printSummary(run, choice, finished, finishing, timings, "reading");
         if (comparison) printComparison(*comparison, "the reference", "mm");
         if (!empty) std::printf("wrote %s\n", output.c_str());
     }
@@ -643,24 +657,27 @@ int demo(int argc, char** argv) {
 
     ResolutionChoice choice;
     choice.resolution = resolution;
+    const auto spacing_start = Clock::now();
     choice.spacing = measureSpacing(frames);
+    Timings timings = {simulate_s, std::chrono::duration<double>(Clock::now() - spacing_start).count(), 0.0};
     tessaline_tools::RunOptions run_options;
     run_options.resolution = resolution;
     run_options.quiet = args.count("verbose") == 0;
     run_options.progress = !quiet && isatty(STDERR_FILENO);
-    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(frames, run_options);
-    frames.clear();
+    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(std::move(frames), run_options);
     const Finishing finishing;
     const FinishedMesh finished = finishMesh(*run.mesh, resolution, finishing);
     const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"),
                       picture_path = joinPath(folder, "tessaline-demo.png");
+    const auto write_start = Clock::now();
     tessaline_tools::writeMesh(mesh_path, finished.mesh);
+    timings.writing = std::chrono::duration<double>(Clock::now() - write_start).count();
     tessaline_tools::writePng(picture_path, tessaline_tools::renderViews(trianglesOf(finished.mesh), 600));
     std::printf(
         "\ntessaline demo: the built-in part (a block with sharp edges, a hole, a dome, a 1 mm wall and a\n"
         "0.5 mm deep engraved ring), scanned by a simulated laser-line scanner, reconstructed at %g mm\n",
         resolution);
-    printSummary(run, choice, finished, finishing, simulate_s, "simulating");
+    printSummary(run, choice, finished, finishing, timings, "simulating");
     const auto mesh_surface = tessaline_tools::meshSurface(finished.mesh, 300000);
     const auto part = tessaline_tools::partSurface(0.15);
     printComparison(tessaline_tools::compareSurfaces(*mesh_surface, *part, {0.1, 0.5}, 1.0), "the true surface", "mm");
