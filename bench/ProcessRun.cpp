@@ -1,5 +1,5 @@
-// The peer program, started through a small launcher so that its peak memory is its own.
-#include "PeerRun.h"
+// A program started through a small launcher so that its time and peak memory are its own.
+#include "ProcessRun.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -37,9 +37,9 @@ int exitStatus(int status) {
 
 }  // namespace
 
-int peerChildMain(int argc, char** argv) {
+int childMain(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "tessaline_bench --peer-child: LOG PROGRAM [ARGUMENTS...]\n");
+        std::fprintf(stderr, "tessaline_bench --child: LOG PROGRAM [ARGUMENTS...]\n");
         return 2;
     }
     const char* log = argv[0];
@@ -47,7 +47,7 @@ int peerChildMain(int argc, char** argv) {
     const auto start = Clock::now();
     const pid_t pid = fork();
     if (pid < 0) {
-        std::perror("tessaline_bench --peer-child: fork");
+        std::perror("tessaline_bench --child: fork");
         return 1;
     }
     if (pid == 0) {
@@ -63,31 +63,31 @@ int peerChildMain(int argc, char** argv) {
     int status = 0;
     struct rusage usage = {};
     if (waitFor(pid, status, &usage) != pid) {
-        std::perror("tessaline_bench --peer-child: wait4");
+        std::perror("tessaline_bench --child: wait4");
         return 1;
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    std::printf("peer-child status %d seconds %.6f maxrss_kib %ld\n", exitStatus(status), seconds, usage.ru_maxrss);
+    std::printf("child status %d seconds %.6f maxrss_kib %ld\n", exitStatus(status), seconds, usage.ru_maxrss);
     return std::fflush(stdout) == 0 ? 0 : 1;
 }
 
-PeerResult runPeer(const std::string& self, const std::string& program, const std::vector<std::string>& arguments,
-                   const std::string& log_path) {
+ProcessRun runProcess(const std::string& self, const std::string& program, const std::vector<std::string>& arguments,
+                      const std::string& log_path) {
     // The whole argument list is made before fork: the child only redirects and execs.
-    std::vector<std::string> words = {self, "--peer-child", log_path, program};
+    std::vector<std::string> words = {self, "--child", log_path, program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
     argv.push_back(nullptr);
     int pipe_fd[2];
-    if (pipe(pipe_fd) != 0) throw std::runtime_error("cannot start the peer's launcher (pipe)");
+    if (pipe(pipe_fd) != 0) throw std::runtime_error("cannot start the launcher (pipe)");
     std::fflush(stdout);
     std::fflush(stderr);
     const pid_t pid = fork();
     if (pid < 0) {
         close(pipe_fd[0]);
         close(pipe_fd[1]);
-        throw std::runtime_error("cannot start the peer's launcher (fork)");
+        throw std::runtime_error("cannot start the launcher (fork)");
     }
     if (pid == 0) {
         dup2(pipe_fd[1], STDOUT_FILENO);
@@ -110,13 +110,12 @@ PeerResult runPeer(const std::string& self, const std::string& program, const st
     close(pipe_fd[0]);
     int status = 0;
     waitFor(pid, status, nullptr);
-    PeerResult result;
+    ProcessRun result;
     long maxrss_kib = 0;
-    if (exitStatus(status) != 0 || std::sscanf(answer.c_str(), "peer-child status %d seconds %lf maxrss_kib %ld",
+    if (exitStatus(status) != 0 || std::sscanf(answer.c_str(), "child status %d seconds %lf maxrss_kib %ld",
                                                &result.status, &result.seconds, &maxrss_kib) != 3)
-        throw std::runtime_error("the peer's launcher failed (" + self + " --peer-child)");
+        throw std::runtime_error("the launcher failed (" + self + " --child " + program + ")");
     result.peak_mib = maxrss_kib / 1024.0;
-    result.ran = result.status == 0;
     std::ifstream in(log_path);
     result.log.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     return result;
