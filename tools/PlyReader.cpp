@@ -127,14 +127,14 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
     if (m_fd < 0) throw std::runtime_error(path + ": cannot open the file");
     // A file within a piece's size is read with one call, header and body together.
     const std::size_t size = static_cast<std::size_t>(info.st_size);
-    m_buffer.resize(std::min(size, PIECE_BYTES) + 1);
+    m_unread = size;
 
     // The header, line by line.
     std::size_t header_bytes = 0;
     const auto nextLine = [&](std::string& line) {
         for (;;) {
-            const char* start = m_buffer.data() + m_begin;
-            const void* end = std::memchr(start, '\n', m_end - m_begin);
+            const char* start = m_buffer.get() + m_begin;
+            const void* end = m_end > m_begin ? std::memchr(start, '\n', m_end - m_begin) : nullptr;
             if (end != nullptr) {
                 const std::size_t length = static_cast<std::size_t>(static_cast<const char*>(end) - start);
                 line.assign(start, length);
@@ -252,29 +252,53 @@ long PlyReader::objInfo(const std::string& key, long fallback) const {
 }
 
 std::size_t PlyReader::fill(std::size_t bytes) {
-    if (m_end - m_begin >= bytes || m_eof) return m_end - m_begin;
-    if (m_begin > 0) {
-        std::memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);
+    // Never more than the file still holds: a small file gets a buffer of its own size.
+    bytes = static_cast<std::size_t>(std::min<std::uint64_t>(bytes, (m_end - m_begin) + m_unread));
+    if (m_end - m_begin >= bytes || m_eof) {
+        if (!m_eof && m_unread == 0) {
+            m_eof = true;
+            if (m_in_body) closeAsciiBody();
+        }
+        return m_end - m_begin;
+    }
+    if (m_capacity < bytes + 1) {  // room for an ASCII body's closing line end
+        std::unique_ptr<char[]> larger(new char[bytes + 1]);
+        if (m_end > m_begin) std::memcpy(larger.get(), m_buffer.get() + m_begin, m_end - m_begin);
+        m_buffer = std::move(larger);
+        m_capacity = bytes + 1;
+        m_end -= m_begin;
+        m_begin = 0;
+    } else if (m_begin > 0) {
+        std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
         m_end -= m_begin;
         m_begin = 0;
     }
-    if (m_buffer.size() < bytes + 1) m_buffer.resize(bytes + 1);  // room for an ASCII body's closing line end
     while (m_end < bytes) {
-        const ssize_t n = read(m_fd, m_buffer.data() + m_end, m_buffer.size() - 1 - m_end);
+        const ssize_t n = read(m_fd, m_buffer.get() + m_end, m_capacity - 1 - m_end);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) throw std::runtime_error(m_path + ": cannot read the file (" + std::strerror(errno) + ")");
-        if (n == 0) {
-            m_eof = true;
-            if (m_in_body) closeAsciiBody();
-            break;
-        }
+        if (n == 0) break;  // shorter than it was: the end is now
         m_end += static_cast<std::size_t>(n);
+        m_unread -= std::min<std::uint64_t>(m_unread, static_cast<std::uint64_t>(n));
+    }
+    if (m_end < bytes || m_unread == 0) {
+        m_eof = true;
+        if (m_in_body) closeAsciiBody();
     }
     return m_end - m_begin;
 }
 
 void PlyReader::closeAsciiBody() {
-    if (m_format == Format::Ascii && (m_end == m_begin || m_buffer[m_end - 1] != '\n')) m_buffer[m_end++] = '\n';
+    if (m_format != Format::Ascii || (m_end > m_begin && m_buffer[m_end - 1] == '\n')) return;
+    if (m_end + 1 > m_capacity) {
+        std::unique_ptr<char[]> larger(new char[m_end - m_begin + 1]);
+        if (m_end > m_begin) std::memcpy(larger.get(), m_buffer.get() + m_begin, m_end - m_begin);
+        m_buffer = std::move(larger);
+        m_end -= m_begin;
+        m_begin = 0;
+        m_capacity = m_end + 1;
+    }
+    m_buffer[m_end++] = '\n';
 }
 
 void PlyReader::truncated(const PlyElement& element, long record) const {
@@ -323,7 +347,7 @@ std::size_t PlyReader::nextPiece(const PlyElement& element, Piece& piece) {
         const std::size_t n = std::min(want, fill(want * bytes) / bytes);
         if (n == 0) truncated(element, m_record);
         piece.records = n;
-        piece.data = m_buffer.data() + m_begin;
+        piece.data = m_buffer.get() + m_begin;
         return n;
     }
     // ASCII: the whole lines in the buffer, as many as the element still has, blank lines passed over.
@@ -331,7 +355,7 @@ std::size_t PlyReader::nextPiece(const PlyElement& element, Piece& piece) {
         const std::size_t available = fill(want);
         piece.lines.clear();
         piece.line_numbers.clear();
-        const char* p = m_buffer.data() + m_begin;
+        const char* p = m_buffer.get() + m_begin;
         const char* const end = p + available;
         long line = m_line;
         while (piece.lines.size() < static_cast<std::size_t>(remaining) && p < end) {
@@ -358,7 +382,7 @@ void PlyReader::donePiece(const PlyElement& element, const Piece& piece) {
     if (m_format != Format::Ascii) {
         m_begin += piece.records * element.record_bytes;
     } else {
-        m_begin = static_cast<std::size_t>(piece.data - m_buffer.data());
+        m_begin = static_cast<std::size_t>(piece.data - m_buffer.get());
         m_line = piece.line_numbers.back();
     }
     m_record += static_cast<long>(piece.records);
@@ -435,7 +459,7 @@ void PlyReader::readRecordBinary(const PlyElement& element, PlyRecord& record, l
     const bool big = m_format == Format::BinaryBig;
     const auto take = [&](int size, char kind) {
         if (fill(static_cast<std::size_t>(size)) < static_cast<std::size_t>(size)) truncated(element, index);
-        const double value = decode(m_buffer.data() + m_begin, size, kind, big);
+        const double value = decode(m_buffer.get() + m_begin, size, kind, big);
         m_begin += static_cast<std::size_t>(size);
         return value;
     };
@@ -453,7 +477,7 @@ void PlyReader::readRecordBinary(const PlyElement& element, PlyRecord& record, l
         const std::size_t bytes = list.size() * static_cast<std::size_t>(p.size);
         if (fill(bytes) < bytes) truncated(element, index);
         for (std::size_t k = 0; k < list.size(); ++k)
-            list[k] = decode(m_buffer.data() + m_begin + k * static_cast<std::size_t>(p.size), p.size, p.kind, big);
+            list[k] = decode(m_buffer.get() + m_begin + k * static_cast<std::size_t>(p.size), p.size, p.kind, big);
         m_begin += bytes;
     }
 }
@@ -463,7 +487,7 @@ void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {
     const char* line = nullptr;
     long line_number = 0;
     while (line == nullptr) {
-        const char* start = m_buffer.data() + m_begin;
+        const char* start = m_buffer.get() + m_begin;
         const char* newline = static_cast<const char*>(std::memchr(start, '\n', m_end - m_begin));
         if (newline == nullptr) {
             if (m_eof) truncated(element, m_record);
@@ -471,7 +495,7 @@ void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {
             continue;
         }
         line_number = m_line++;
-        m_begin = static_cast<std::size_t>(newline + 1 - m_buffer.data());
+        m_begin = static_cast<std::size_t>(newline + 1 - m_buffer.get());
         if (*skipSpaces(start) != '\n') line = start;
     }
     const char* p = line;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -111,10 +112,12 @@ private:
     Format m_format = Format::Ascii;
     std::vector<PlyElement> m_elements;
     std::vector<std::pair<std::string, long>> m_obj_info;
-    std::size_t m_current = 0;  // the element being read
-    long m_record = 0;          // records of it read so far
-    std::vector<char> m_buffer;
+    std::size_t m_current = 0;         // the element being read
+    long m_record = 0;                 // records of it read so far
+    std::unique_ptr<char[]> m_buffer;  // not zeroed: only what the file gives is read
+    std::size_t m_capacity = 0;
     std::size_t m_begin = 0, m_end = 0;  // the unread bytes in the buffer
+    std::uint64_t m_unread = 0;          // bytes of the file not yet in the buffer
     bool m_eof = false;
     bool m_in_body = false;
     long m_line = 0;  // ASCII: the line that starts at m_begin
