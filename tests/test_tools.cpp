@@ -142,21 +142,66 @@ TEST(PointCloudFiles, AsciiAndBothBinaryOrdersInAnyPropertyOrder) {
     EXPECT_EQ(info.dropped, 0u);
 }
 
+// An ASCII point cloud of `lines.size()` points with x y z nx ny nz (a header of 10 lines), the record
+// lines as given; `count` replaces the vertex count when not empty.
+std::string asciiCloud(const std::string& name, const std::vector<std::string>& lines, const std::string& count = "") {
+    std::string text = "ply\nformat ascii 1.0\nelement vertex " +
+                       (count.empty() ? std::to_string(lines.size()) : count) +
+                       "\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\n"
+                       "property float nz\nend_header\n";
+    for (const std::string& line : lines) text += line + "\n";
+    return writeFile(name, text);
+}
+
 TEST(PointCloudFiles, MalformedFilesGiveOneClearError) {
     writeBinaryPly(tempPath("truncated.ply"), false, true);
+    // Record lines: the first on line 11. Beyond 8192 records a file is read on all cores: of two bad
+    // lines the first comes out.
+    std::vector<std::string> good(200, "1 2 3 0 0 1"), extra(200, "1 2 3 0 0 1 7 7"), large(20000, "1 2 3 0 0 1");
+    std::vector<std::string> short_line = good;
+    short_line[100] = "1 2 3";
+    large[15000] = "1 2 x 0 0 1";
+    large[19000] = "1 2";
     const std::pair<std::string, const char*> cases[] = {
         {tempPath("missing.ply"), "cannot open"},
         {writeFile("not.ply", "solid cube\n"), "not a PLY file"},
         {writeFile("nonormals.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n"), "no normals"},
         {tempPath("truncated.ply"), "truncated"},
         {writeFile("noend.ply", "ply\nformat ascii 1.0\nelement vertex 1\n"), "end_header"},
+        {asciiCloud("extra.ply", extra), "line 11: 8 values where a vertex record has 6"},
+        {asciiCloud("short.ply", short_line), "line 111: 3 values where a vertex record has 6"},
+        {asciiCloud("large.ply", large), "line 15011: 'x' is not a number"},
+        {asciiCloud("exponent.ply", good, "1e3"), "bad element line 'element vertex 1e3'"},
+        {asciiCloud("fewer.ply", std::vector<std::string>(good.begin(), good.begin() + 50), "200"), "truncated"},
     };
     for (const auto& [path, expected] : cases) {
         tessaline_tools::PointCloudReadInfo info;
         const std::string error = errorOf([&] { tessaline_tools::readPlyPointCloud(path, 1.0f, 8, info); });
-        EXPECT_TRUE(contains(error, expected)) << path;
+        EXPECT_TRUE(contains(error, expected)) << path << ": " << error;
         EXPECT_TRUE(contains(error, path));  // the file is named
     }
+}
+
+TEST(PointCloudFiles, PclNormalNamesAndLargeAsciiFilesRead) {
+    // PCL names normals normal_x, normal_y, normal_z; a file beyond 8192 records is parsed on all cores,
+    // each point in its place.
+    std::vector<std::string> lines;
+    for (int i = 0; i < 20000; ++i)
+        lines.push_back(std::to_string(i) + " " + std::to_string(-i) + " 0.5 0 " + (i % 2 ? "-3" : "3") + " 0");
+    std::string text = readFile(asciiCloud("pcl.ply", lines));
+    for (const char* axis : {"x", "y", "z"})
+        text.replace(text.find(std::string("property float n") + axis), 17,
+                     std::string("property float normal_") + axis);
+    const std::string path = writeFile("pcl.ply", text);
+    tessaline_tools::PointCloudReadInfo info;
+    const auto frame = tessaline_tools::readPlyPointCloud(path, 2.0f, 8, info);
+    ASSERT_EQ(frame->xyz.size(), 20000u);
+    std::size_t wrong = 0;
+    for (std::size_t i = 0; i < 20000; ++i) {
+        const Vec3f p = {2.0f * i, -2.0f * i, 1.0f}, n = {0.0f, i % 2 ? -1.0f : 1.0f, 0.0f};
+        wrong += frame->xyz[i] != p || frame->nor[i] != n;
+    }
+    EXPECT_EQ(wrong, 0u);
 }
 
 TEST(PointCloudFiles, NaNPointsAreLeftOutAndCounted) {
@@ -550,6 +595,9 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     const std::string grid_ply = writeFile("grid.ply", grid);
     const std::string grid_conf =
         writeFile("grid.conf", "bmesh " + grid_ply.substr(grid_ply.rfind('/') + 1) + " 0 0 0 0 0 0 1\n");
+    // A scan list in another folder naming its scan by an absolute path.
+    mkdir(tempPath("lists").c_str(), 0755);
+    const std::string absolute_conf = writeFile("lists/absolute.conf", "bmesh " + grid_ply + " 0 0 0 0 0 0 1\n");
     // Meshes that no distance can be measured on: a vertex at 1e38, no triangle with an area.
     const std::string triangle_header =
         "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\n"
@@ -596,7 +644,8 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
         {"reconstruct " + marker + " -o " + never, 1, "marker id 1e+30 is not a whole number"},
         {"reconstruct " + empty_records + " -o " + never, 1, "records but no properties"},
         {"reconstruct " + grid_conf + " -o " + never, 3, "the mesh is empty"},  // read, not crashed
-        {"compare " + triangle + " " + cloud, 1, "no triangles"},               // a point cloud as reference
+        {"reconstruct " + absolute_conf + " -o " + never, 3, "the mesh is empty"},
+        {"compare " + triangle + " " + cloud, 1, "no triangles"},  // a point cloud as reference
         {"compare " + far + " " + triangle, 1, "beyond 1e12 mm"},
         {"compare " + triangle + " " + far, 1, "beyond 1e12 mm"},
         {"compare " + flat + " " + triangle, 1, "no triangle has an area"},
