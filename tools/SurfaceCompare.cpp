@@ -12,8 +12,7 @@ namespace tessaline_tools {
 
 namespace {
 
-constexpr double LARGE_TRIANGLE_CELLS = 4096;  // a triangle over more grid cells is kept apart
-constexpr long MAX_SHELLS = 64;                // shells a distance query walks before it measures every triangle
+constexpr std::uint32_t LEAF_TRIANGLES = 4;
 
 P3 sub(const P3& a, const P3& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
 float dot(const P3& a, const P3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
@@ -57,17 +56,13 @@ public:
                 m_samples.push_back(p);
             }
         }
-        // A grid cell of about three mean edge lengths keeps the buckets short.
-        double edge = 0;
-        for (const Triangle& t : triangles) edge += std::sqrt(dot(sub(t[1], t[0]), sub(t[1], t[0])));
-        const float cell = triangles.empty() ? 1.0f : static_cast<float>(std::max(3.0 * edge / triangles.size(), 1e-3));
-        m_grid.reset(new TriangleGrid(std::move(triangles), cell));
+        m_tree.reset(new TriangleTree(std::move(triangles)));
     }
 
-    float distance(const P3& p) const override { return m_grid->distance(p); }
+    float distance(const P3& p) const override { return m_tree->distance(p); }
 
 private:
-    std::unique_ptr<TriangleGrid> m_grid;
+    std::unique_ptr<TriangleTree> m_tree;
 };
 
 class PartSurface : public Surface {
@@ -143,88 +138,92 @@ float pointTriangleDistance2(const P3& p, const P3& a, const P3& b, const P3& c)
     return dist2({a[0] + ab[0] * v + ac[0] * w, a[1] + ab[1] * v + ac[1] * w, a[2] + ab[2] * v + ac[2] * w});
 }
 
-TriangleGrid::TriangleGrid(std::vector<Triangle> triangles, float cell)
-    : m_triangles(std::move(triangles)), m_cell(cell) {
+TriangleTree::TriangleTree(std::vector<Triangle> triangles) : m_triangles(std::move(triangles)) {
+    if (m_triangles.empty()) return;
+    std::vector<P3> centres(m_triangles.size());
+    for (std::size_t t = 0; t < m_triangles.size(); ++t)
+        for (int k = 0; k < 3; ++k)
+            centres[t][k] = (m_triangles[t][0][k] + m_triangles[t][1][k] + m_triangles[t][2][k]) / 3.0f;
+    m_nodes.reserve(2 * m_triangles.size() / LEAF_TRIANGLES + 1);
+    build(0, static_cast<std::uint32_t>(m_triangles.size()), centres);
+}
+
+std::uint32_t TriangleTree::build(std::uint32_t first, std::uint32_t count, std::vector<P3>& centres) {
+    const std::uint32_t index = static_cast<std::uint32_t>(m_nodes.size());
+    m_nodes.emplace_back();
+    Node node;
     for (int k = 0; k < 3; ++k) {
-        m_lo[k] = std::numeric_limits<long>::max();
-        m_hi[k] = std::numeric_limits<long>::min();
+        node.lo[k] = std::numeric_limits<float>::infinity();
+        node.hi[k] = -std::numeric_limits<float>::infinity();
     }
-    for (std::size_t t = 0; t < m_triangles.size(); ++t) {
-        long lo[3], hi[3];
-        const Triangle& tri = m_triangles[t];
+    float centre_lo[3] = {node.lo[0], node.lo[1], node.lo[2]}, centre_hi[3] = {node.hi[0], node.hi[1], node.hi[2]};
+    for (std::uint32_t t = first; t < first + count; ++t)
         for (int k = 0; k < 3; ++k) {
-            lo[k] = index(std::min({tri[0][k], tri[1][k], tri[2][k]}));
-            hi[k] = index(std::max({tri[0][k], tri[1][k], tri[2][k]}));
-            m_lo[k] = std::min(m_lo[k], lo[k]);
-            m_hi[k] = std::max(m_hi[k], hi[k]);
+            for (const P3& corner : m_triangles[t]) {
+                node.lo[k] = std::min(node.lo[k], corner[k]);
+                node.hi[k] = std::max(node.hi[k], corner[k]);
+            }
+            centre_lo[k] = std::min(centre_lo[k], centres[t][k]);
+            centre_hi[k] = std::max(centre_hi[k], centres[t][k]);
         }
-        const double span = double(hi[0] - lo[0] + 1) * double(hi[1] - lo[1] + 1) * double(hi[2] - lo[2] + 1);
-        if (span > LARGE_TRIANGLE_CELLS) {
-            m_large.push_back(static_cast<std::uint32_t>(t));
+    if (count <= LEAF_TRIANGLES) {
+        node.a = first;
+        node.count = count;
+        m_nodes[index] = node;
+        return index;
+    }
+    // Halves by the median centre along the axis where the centres spread most.
+    int axis = 0;
+    for (int k = 1; k < 3; ++k)
+        if (centre_hi[k] - centre_lo[k] > centre_hi[axis] - centre_lo[axis]) axis = k;
+    std::vector<std::uint32_t> order(count);
+    for (std::uint32_t i = 0; i < count; ++i) order[i] = first + i;
+    const std::uint32_t half = count / 2;
+    std::nth_element(order.begin(), order.begin() + half, order.end(), [&](std::uint32_t a, std::uint32_t b) {
+        return centres[a][axis] < centres[b][axis] || (centres[a][axis] == centres[b][axis] && a < b);
+    });
+    std::vector<Triangle> triangles(count);
+    std::vector<P3> moved(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        triangles[i] = m_triangles[order[i]];
+        moved[i] = centres[order[i]];
+    }
+    std::copy(triangles.begin(), triangles.end(), m_triangles.begin() + first);
+    std::copy(moved.begin(), moved.end(), centres.begin() + first);
+    node.a = build(first, half, centres);
+    node.b = build(first + half, count - half, centres);
+    m_nodes[index] = node;
+    return index;
+}
+
+float TriangleTree::distance(const P3& p) const {
+    if (m_triangles.empty()) return std::numeric_limits<float>::infinity();
+    const auto boxDistance2 = [&p](const Node& n) {
+        float d2 = 0.0f;
+        for (int k = 0; k < 3; ++k) {
+            const float d = std::max({n.lo[k] - p[k], 0.0f, p[k] - n.hi[k]});
+            d2 += d * d;
+        }
+        return d2;
+    };
+    float best = std::numeric_limits<float>::infinity();
+    // Depth-first, the nearer child on top; the tree is balanced, so its depth is about log2 of the leaves.
+    std::uint32_t stack[2 * 64];
+    int depth = 0;
+    stack[depth++] = 0;
+    while (depth > 0) {
+        const Node& node = m_nodes[stack[--depth]];
+        if (boxDistance2(node) > best) continue;  // nothing in it comes nearer
+        if (node.count > 0) {
+            for (std::uint32_t t = node.a; t < node.a + node.count; ++t) {
+                const Triangle& tri = m_triangles[t];
+                best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
+            }
             continue;
         }
-        for (long x = lo[0]; x <= hi[0]; ++x)
-            for (long y = lo[1]; y <= hi[1]; ++y)
-                for (long z = lo[2]; z <= hi[2]; ++z) m_cells[key(x, y, z)].push_back(static_cast<std::uint32_t>(t));
-    }
-}
-
-long TriangleGrid::index(float v) const {
-    const double i = std::floor(static_cast<double>(v) / m_cell);
-    return static_cast<long>(std::max(-1e15, std::min(1e15, i)));
-}
-
-std::uint64_t TriangleGrid::key(long x, long y, long z) {
-    return (static_cast<std::uint64_t>(x) * 73856093ull) ^ (static_cast<std::uint64_t>(y) * 19349663ull) ^
-           (static_cast<std::uint64_t>(z) * 83492791ull);
-}
-
-float TriangleGrid::distance(const P3& p) const {
-    if (m_triangles.empty()) return std::numeric_limits<float>::infinity();
-    float best = std::numeric_limits<float>::infinity();
-    const long c[3] = {index(p[0]), index(p[1]), index(p[2])};
-    // Shell r holds the cells at Chebyshev distance r; after it, every unsearched triangle lies at
-    // least r cells away. The search ends there, or where the shells have passed the whole grid.
-    // Shells nearer than the grid's box are empty: the search starts at the box.
-    long reach = 0, first = 0;
-    for (int k = 0; k < 3; ++k) {
-        reach = std::max({reach, std::labs(c[k] - m_lo[k]), std::labs(c[k] - m_hi[k])});
-        first = std::max({first, m_lo[k] - c[k], c[k] - m_hi[k]});
-    }
-    for (std::uint32_t t : m_large) {
-        const Triangle& tri = m_triangles[t];
-        best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
-    }
-    const auto visit = [&](long x, long y, long z) {
-        auto found = m_cells.find(key(x, y, z));
-        if (found == m_cells.end()) return;
-        for (std::uint32_t t : found->second) {
-            const Triangle& tri = m_triangles[t];
-            best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
-        }
-    };
-    for (long r = first; r <= reach; ++r) {
-        // A point far from a grid of large or scattered triangles could walk shells almost without end:
-        // past a bounded walk every triangle is measured instead.
-        if (r - first > MAX_SHELLS) {
-            for (const Triangle& tri : m_triangles)
-                best = std::min(best, pointTriangleDistance2(p, tri[0], tri[1], tri[2]));
-            break;
-        }
-        const long x0 = std::max(c[0] - r, m_lo[0]), x1 = std::min(c[0] + r, m_hi[0]);
-        const long y0 = std::max(c[1] - r, m_lo[1]), y1 = std::min(c[1] + r, m_hi[1]);
-        const long z0 = std::max(c[2] - r, m_lo[2]), z1 = std::min(c[2] + r, m_hi[2]);
-        for (long x = x0; x <= x1; ++x)
-            for (long y = y0; y <= y1; ++y) {
-                if (x == c[0] - r || x == c[0] + r || y == c[1] - r || y == c[1] + r) {
-                    for (long z = z0; z <= z1; ++z) visit(x, y, z);
-                } else {
-                    if (c[2] - r >= m_lo[2] && c[2] - r <= m_hi[2]) visit(x, y, c[2] - r);
-                    if (r > 0 && c[2] + r >= m_lo[2] && c[2] + r <= m_hi[2]) visit(x, y, c[2] + r);
-                }
-            }
-        const float searched = static_cast<float>(r) * m_cell;
-        if (best <= searched * searched) break;
+        const bool a_nearer = boxDistance2(m_nodes[node.a]) <= boxDistance2(m_nodes[node.b]);
+        stack[depth++] = a_nearer ? node.b : node.a;
+        stack[depth++] = a_nearer ? node.a : node.b;
     }
     return std::sqrt(best);
 }

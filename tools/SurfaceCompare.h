@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "MeshIO.h"
@@ -18,23 +17,25 @@ using Triangle = std::array<P3, 3>;
 // Squared distance from p to the triangle abc.
 float pointTriangleDistance2(const P3& p, const P3& a, const P3& b, const P3& c);
 
-// Triangles bucketed by the cells of a uniform grid that their bounding boxes touch; the search grows
-// shell by shell, so far points get their exact distance too.
-class TriangleGrid {
+// Triangles in a tree of bounding boxes: a distance query descends into the nearer box first and
+// passes over every box farther than the best distance so far, so points near and far alike take about
+// the logarithm of the triangle count.
+class TriangleTree {
 public:
-    TriangleGrid(std::vector<Triangle> triangles, float cell);
+    explicit TriangleTree(std::vector<Triangle> triangles);
     float distance(const P3& p) const;
     bool empty() const { return m_triangles.empty(); }
 
 private:
-    long index(float v) const;
-    static std::uint64_t key(long x, long y, long z);
+    struct Node {
+        float lo[3], hi[3];
+        std::uint32_t a = 0, b = 0;  // a leaf: its triangles from `a`; a branch: its two children
+        std::uint32_t count = 0;     // triangles of a leaf; 0 for a branch
+    };
+    std::uint32_t build(std::uint32_t first, std::uint32_t count, std::vector<P3>& centres);
 
-    std::vector<Triangle> m_triangles;
-    float m_cell;
-    long m_lo[3] = {0, 0, 0}, m_hi[3] = {0, 0, 0};
-    std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> m_cells;
-    std::vector<std::uint32_t> m_large;  // triangles over too many cells to list in each: searched by every query
+    std::vector<Triangle> m_triangles;  // in the tree's order
+    std::vector<Node> m_nodes;
 };
 
 // A surface to compare: samples spread evenly over it, and the distance of any point to it.
