@@ -667,6 +667,64 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     EXPECT_FALSE(std::ifstream(tempPath("never_demo")).good());
 }
 
+TEST(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string folder = tempPath("careless");
+    std::filesystem::remove_all(folder);
+    ASSERT_EQ(runProgram("simulate --points 20000 -o " + folder).status, 0);
+    const std::string fifo = tempPath("careless_fifo.ply"), device = tempPath("careless_null.ply");
+    const std::string link = tempPath("careless_link.ply"), target = tempPath("careless_target.ply");
+    for (const std::string& path : {fifo, device, link, target}) std::remove(path.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_EQ(symlink("/dev/null", device.c_str()), 0);
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    // Refused before the run, with one line, and left as they were (a root user could otherwise replace
+    // /dev/null); with --json the failure is an object too.
+    const struct {
+        std::string arguments;
+        const char* error;
+    } refused[] = {
+        {"reconstruct " + folder + " -o " + fifo, "is a pipe"},
+        {"reconstruct " + folder + " -o " + device + " --json", "is a device"},
+        {"render " + folder + "/frame_00000.ply -o " + tempPath("picture.jpg"), "unknown picture format (use .png)"},
+    };
+    for (const auto& c : refused) {
+        const ProgramRun run = runProgram(c.arguments);
+        EXPECT_EQ(run.status, 1) << c.arguments;
+        EXPECT_TRUE(contains(run.err, c.error)) << c.arguments << ": " << run.err;
+        EXPECT_EQ(run.out.empty(), !contains(c.arguments, "--json")) << run.out;
+    }
+    EXPECT_TRUE(contains(runProgram(refused[1].arguments).out, "{\"error\": \"" + device + ": is a device"));
+    struct stat info;
+    ASSERT_EQ(stat("/dev/null", &info), 0);
+    EXPECT_TRUE(S_ISCHR(info.st_mode));
+    ASSERT_EQ(lstat(fifo.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISFIFO(info.st_mode));
+    EXPECT_FALSE(std::ifstream(tempPath("picture.jpg")).good());
+    // A symbolic link is written through: the link stays, its target gets the mesh.
+    ASSERT_EQ(runProgram("reconstruct " + folder + " --quiet -o " + link).status, 0);
+    ASSERT_EQ(lstat(link.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISLNK(info.st_mode));
+    EXPECT_GT(tessaline_tools::readPlyMesh(target).triangles.size(), 1000u);
+    // The mesh written into the folder it was read from is not read back as a frame on the next run; another
+    // mesh placed there is, with a note.
+    std::string frames_seen;
+    for (int run = 0; run < 3; ++run) {
+        const ProgramRun r = runProgram("reconstruct " + folder + " -o " + folder + "/mesh.ply");
+        ASSERT_EQ(r.status, 0) << r.err;
+        const std::string frames = r.out.substr(0, r.out.find(','));
+        if (run > 0) {
+            EXPECT_EQ(frames, frames_seen);
+        }
+        frames_seen = frames;
+        EXPECT_FALSE(contains(r.err, "is a mesh"));
+    }
+    std::filesystem::copy_file(folder + "/mesh.ply", folder + "/other.ply");
+    const ProgramRun with_mesh = runProgram("reconstruct " + folder + " -o " + folder + "/mesh.ply");
+    EXPECT_TRUE(contains(with_mesh.err, "other.ply is a mesh")) << with_mesh.err;
+    EXPECT_NE(with_mesh.out.substr(0, with_mesh.out.find(',')), frames_seen);
+}
+
 TEST(Program, ReconstructsTheBunnyScanList) {
     TESSALINE_REQUIRE_PROGRAM();
     TESSALINE_REQUIRE_BUNNY();

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "OutputFile.h"
 #include "PlyReader.h"
 
 namespace tessaline_tools {
@@ -297,23 +298,16 @@ void scaleMesh(IndexedMesh& mesh, float scale) {
 void writeMesh(const std::string& path, const IndexedMesh& mesh) {
     const std::string ext = extensionOf(path);
     if (!isMeshFileName(path)) throw std::runtime_error(path + ": unknown mesh format (use .ply, .obj or .stl)");
-    const std::string partial = path + ".partial";
+    OutputFile file(path);
     {
-        std::ofstream out(partial, std::ios::binary);
+        std::ofstream out(file.temporaryPath(), std::ios::binary);
         if (!out) throw std::runtime_error(path + ": cannot write the file");
         if (ext == "ply") writeBinaryPly(out, mesh);
         if (ext == "obj") writeObj(out, mesh);
         if (ext == "stl") writeStl(out, mesh);
-        if (!out.flush()) {
-            out.close();
-            std::remove(partial.c_str());
-            throw std::runtime_error(path + ": writing failed");
-        }
+        if (!out.flush()) throw std::runtime_error(path + ": writing failed (the disk full?)");
     }
-    if (std::rename(partial.c_str(), path.c_str()) != 0) {
-        std::remove(partial.c_str());
-        throw std::runtime_error(path + ": cannot move the finished file into place");
-    }
+    file.commit();
 }
 
 }  // namespace tessaline_tools

@@ -9,6 +9,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "OutputFile.h"
+
 namespace tessaline_tools {
 
 namespace {
@@ -111,15 +113,15 @@ Image renderViews(const std::vector<Triangle>& triangles, int view_size) {
 }
 
 void writePng(const std::string& path, const Image& image) {
-    const std::string partial = path + ".partial";
-    FILE* file = std::fopen(partial.c_str(), "wb");
+    if (!isPngFileName(path)) throw std::runtime_error(path + ": unknown picture format (use .png)");
+    OutputFile output(path);
+    FILE* file = std::fopen(output.temporaryPath().c_str(), "wb");
     if (file == nullptr) throw std::runtime_error(path + ": cannot write the file");
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
     if (png == nullptr || info == nullptr || setjmp(png_jmpbuf(png))) {
         png_destroy_write_struct(&png, &info);
         std::fclose(file);
-        std::remove(partial.c_str());
         throw std::runtime_error(path + ": writing the PNG failed");
     }
     png_init_io(png, file);
@@ -130,11 +132,15 @@ void writePng(const std::string& path, const Image& image) {
         png_write_row(png, const_cast<png_bytep>(&image.rgb[static_cast<std::size_t>(y) * image.width * 3]));
     png_write_end(png, nullptr);
     png_destroy_write_struct(&png, &info);
-    const bool closed = std::fclose(file) == 0;
-    if (!closed || std::rename(partial.c_str(), path.c_str()) != 0) {
-        std::remove(partial.c_str());
-        throw std::runtime_error(path + ": cannot write the file");
-    }
+    if (std::fclose(file) != 0) throw std::runtime_error(path + ": cannot write the file (the disk full?)");
+    output.commit();
+}
+
+bool isPngFileName(const std::string& path) {
+    if (path.size() < 4) return false;
+    std::string ext = path.substr(path.size() - 4);
+    for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return ext == ".png";
 }
 
 }  // namespace tessaline_tools

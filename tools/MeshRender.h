@@ -19,7 +19,9 @@ struct Image {
 // orange (so that inside-out or open parts show).
 Image renderViews(const std::vector<Triangle>& triangles, int view_size);
 
-// Writes `image` through libpng. Throws std::runtime_error naming the file.
+// Writes `image` through libpng to a .png file (see OutputFile.h). Throws std::runtime_error naming the
+// file, also for another extension.
 void writePng(const std::string& path, const Image& image);
+bool isPngFileName(const std::string& path);
 
 }  // namespace tessaline_tools

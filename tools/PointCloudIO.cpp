@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "OutputFile.h"
 #include "PlyReader.h"
 
 namespace tessaline_tools {
@@ -95,6 +96,7 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
     if (columns[3] < 0 || columns[4] < 0 || columns[5] < 0)
         throw std::runtime_error(path + ": no normals (nx, ny, nz or normal_x, normal_y, normal_z)");
     info.words_from_file = columns[6] >= 0;
+    if (const PlyElement* face = ply.find("face")) info.faces = face->count;
     if (!info.words_from_file) columns.pop_back();
 
     auto frame = std::make_shared<FrameDataWithInfo>();
@@ -138,9 +140,9 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
 }
 
 void writePlyPointCloud(const std::string& path, const FrameDataWithInfo& frame) {
-    const std::string partial = path + ".partial";
+    OutputFile file(path);
     {
-        std::ofstream out(partial, std::ios::binary);
+        std::ofstream out(file.temporaryPath(), std::ios::binary);
         if (!out) throw std::runtime_error(path + ": cannot write the file");
         out << "ply\nformat binary_little_endian 1.0\ncomment a scan frame of tessaline\n"
             << "element vertex " << frame.xyz.size()
@@ -168,22 +170,16 @@ void writePlyPointCloud(const std::string& path, const FrameDataWithInfo& frame)
             put(frame.marker_xyz[m].data(), 12);
             put(frame.marker_nor[m].data(), 12);
         }
-        if (!out.flush()) {
-            std::remove(partial.c_str());
-            throw std::runtime_error(path + ": cannot write the file");
-        }
+        if (!out.flush()) throw std::runtime_error(path + ": cannot write the file");
     }
-    if (std::rename(partial.c_str(), path.c_str()) != 0) {
-        std::remove(partial.c_str());
-        throw std::runtime_error(path + ": cannot write the file");
-    }
+    file.commit();
 }
 
 void writePlyPoints(const std::string& path, const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames) {
     std::size_t count = 0;
     for (const auto& frame : frames) count += frame->xyz.size();
-    const std::string partial = path + ".partial";
-    std::FILE* out = std::fopen(partial.c_str(), "wb");
+    OutputFile file(path);
+    std::FILE* out = std::fopen(file.temporaryPath().c_str(), "wb");
     if (out == nullptr) throw std::runtime_error(path + ": cannot write the file");
     const std::string header =
         "ply\nformat binary_little_endian 1.0\ncomment the points of all frames\nelement vertex " +
@@ -209,10 +205,8 @@ void writePlyPoints(const std::string& path, const std::vector<std::shared_ptr<F
     }
     flush();
     good = std::fclose(out) == 0 && good;
-    if (!good || std::rename(partial.c_str(), path.c_str()) != 0) {
-        std::remove(partial.c_str());
-        throw std::runtime_error(path + ": cannot write the file");
-    }
+    if (!good) throw std::runtime_error(path + ": cannot write the file");
+    file.commit();
 }
 
 }  // namespace tessaline_tools

@@ -14,6 +14,7 @@ namespace tessaline_tools {
 struct PointCloudReadInfo {
     std::size_t dropped = 0;       // points with a NaN or infinite coordinate, or no usable normal, left out
     bool words_from_file = false;  // the file had a `w` property
+    long faces = 0;                // records of a face element: the file is a mesh, its vertices read as points
 };
 
 // A PLY point cloud (ASCII, binary little or big endian; properties in any order, of any PLY number

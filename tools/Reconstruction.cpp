@@ -109,7 +109,7 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
     if (status != 0) {
         const std::string text = tessaline.getLastErrorMsg();
         tessaline.deInit();
-        throw std::runtime_error("reconstruction failed with status " + std::to_string(status) + ": " + text);
+        throw RunFailure("reconstruction failed with status " + std::to_string(status) + ": " + text, status);
     }
     tessaline.deInit();
     for (int s = 0; s < 3; ++s) report.stage_seconds[s] = stage_start[s + 2] - stage_start[s + 1];

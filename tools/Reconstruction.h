@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,20 @@ struct RunReport {
     std::shared_ptr<SurfaceReconstruction::MultiMeshData> mesh;
 };
 
+// A run that the library ended with a status other than 0.
+class RunFailure : public std::runtime_error {
+public:
+    RunFailure(const std::string& text, int status) : std::runtime_error(text), m_status(status) {}
+    int status() const { return m_status; }
+
+private:
+    int m_status;
+};
+
 // Hands `frames` to the library and runs it. The frames are taken: once the library holds them, this
 // function lets go of its references, so that the library can free each frame when it has cut it into
-// blocks (a caller that keeps its own references keeps the frames). Throws std::runtime_error with the
-// library's error text when a step fails.
+// blocks (a caller that keeps its own references keeps the frames). Throws RunFailure with the library's
+// status and error text when the run fails, std::runtime_error when it cannot start.
 RunReport runReconstruction(Frames frames, const RunOptions& options);
 
 // Peak resident memory of this process so far, MiB.

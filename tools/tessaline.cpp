@@ -23,6 +23,7 @@
 #include "InOrder.h"
 #include "MeshIO.h"
 #include "MeshRender.h"
+#include "OutputFile.h"
 #include "PointCloudIO.h"
 #include "RangeScan.h"
 #include "Reconstruction.h"
@@ -74,13 +75,22 @@ bool isDirectory(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-std::vector<std::string> plyFilesIn(const std::string& folder) {
+// The .ply files of `folder` in name order, leaving out `output`'s target: a run never reads its own mesh.
+std::vector<std::string> plyFilesIn(const std::string& folder, const std::string& output) {
+    struct stat output_info;
+    const bool output_exists = stat(tessaline_tools::outputTarget(output).c_str(), &output_info) == 0;
     std::vector<std::string> files;
     DIR* dir = opendir(folder.c_str());
     if (dir == nullptr) throw std::runtime_error(folder + ": cannot read the directory");
     while (dirent* entry = readdir(dir)) {
         const std::string name = entry->d_name;
-        if (endsWith(lower(name), ".ply")) files.push_back(folder + "/" + name);
+        if (!endsWith(lower(name), ".ply")) continue;
+        const std::string path = folder + "/" + name;
+        struct stat info;
+        if (output_exists && stat(path.c_str(), &info) == 0 && info.st_dev == output_info.st_dev &&
+            info.st_ino == output_info.st_ino)
+            continue;
+        files.push_back(path);
     }
     closedir(dir);
     std::sort(files.begin(), files.end());
@@ -97,7 +107,9 @@ float unitToMillimetres(const std::string& unit) {
     throw std::runtime_error("unknown unit '" + unit + "' (use mm, cm, m or in)");
 }
 
-Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale_code) {
+// The frames of every input: scan lists, PLY files and folders of them (`output` left out of a folder).
+Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale_code, const std::string& output,
+                  bool quiet) {
     Frames frames;
     for (const std::string& input : inputs) {
         if (endsWith(lower(input), ".conf")) {
@@ -107,7 +119,8 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
             for (auto& frame : tessaline_tools::readRangeScanSet(input, options)) frames.push_back(frame);
             continue;
         }
-        const std::vector<std::string> files = isDirectory(input) ? plyFilesIn(input) : std::vector<std::string>{input};
+        const std::vector<std::string> files =
+            isDirectory(input) ? plyFilesIn(input, output) : std::vector<std::string>{input};
         // The files on all cores, each frame into its place; the notes and the first failure in file order.
         Frames read(files.size());
         std::vector<tessaline_tools::PointCloudReadInfo> infos(files.size());
@@ -116,9 +129,12 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
         });
         for (std::size_t i = 0; i < files.size(); ++i) {
             frames.push_back(std::move(read[i]));
-            if (infos[i].dropped > 0)
+            if (infos[i].dropped > 0 && !quiet)
                 std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n",
                              files[i].c_str(), infos[i].dropped);
+            if (infos[i].faces > 0 && !quiet)
+                std::fprintf(stderr, "tessaline: %s is a mesh (%ld faces): its vertices are read as points\n",
+                             files[i].c_str(), infos[i].faces);
         }
     }
     return frames;
@@ -235,20 +251,6 @@ std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::Indexe
 void checkMeshExtension(const std::string& output) {
     if (!tessaline_tools::isMeshFileName(output))
         throw std::runtime_error(output + ": unknown mesh format (use .ply, .obj or .stl)");
-}
-
-// Fails now, not after the run, when `output` cannot be written: its folder missing or read-only, or a
-// folder in its place. Leaves nothing behind.
-void checkWritable(const std::string& output) {
-    if (isDirectory(output)) throw std::runtime_error(output + ": is a directory, not a mesh file");
-    const std::string probe = output + ".partial";
-    const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0 && errno != EEXIST)
-        throw std::runtime_error(output + ": cannot write the file (" + std::strerror(errno) + ")");
-    if (fd >= 0) {
-        close(fd);
-        unlink(probe.c_str());
-    }
 }
 
 // More threads than the machine has processors only adds switching; a count far beyond that could not
@@ -424,7 +426,9 @@ int reconstruct(int argc, char** argv) {
     cxxopts::Options options("tessaline reconstruct", "Scan frames in, one triangle mesh out.");
     options.positional_help("INPUT... -o OUTPUT");
     options.add_options()("o,output", "mesh file: .ply, .obj or .stl", cxxopts::value<std::string>())(
-        "resolution", "edge of the finest cell in millimetres, or 'auto': 1.5 x the median spacing of the points",
+        "resolution",
+        "edge of the finest cell in millimetres, or 'auto': chosen from the points, 1.5 x the spacing of an even "
+        "sampling as dense as they are, for the cells that at least a tenth of them ask for",
         cxxopts::value<std::string>()->default_value("auto"))(
         "units", "length unit of the input: mm, cm, m or in; the mesh is written in it too",
         cxxopts::value<std::string>()->default_value("mm"))(
@@ -473,17 +477,22 @@ int reconstruct(int argc, char** argv) {
     const bool json = args.count("json") > 0, quiet = args.count("quiet") > 0;
     const bool verbose = args.count("verbose") > 0;
     applyThreads(args);
-    checkWritable(output);  // before the run, not after it
+    tessaline_tools::checkOutput(output);  // before the run, not after it
 
     const auto start = Clock::now();
     const auto since = [](Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); };
-    tessaline_tools::Frames frames = readInputs(args["inputs"].as<std::vector<std::string>>(), to_mm, scale_code);
+    const std::vector<std::string> inputs = args["inputs"].as<std::vector<std::string>>();
+    tessaline_tools::Frames frames = readInputs(inputs, to_mm, scale_code, output, quiet);
     if (explicit_code)
         for (auto& frame : frames)
             for (auto& w : frame->w) w = (w & ~0xFF) | scale_code;
     std::size_t points = 0;
     for (const auto& f : frames) points += f->xyz.size();
-    if (points == 0) throw std::runtime_error("the input holds no points");
+    if (points == 0) {
+        std::string names;
+        for (const std::string& input : inputs) names += (names.empty() ? "" : ", ") + input;
+        throw std::runtime_error(names + ": the input holds no points");
+    }
     const double read_s = since(start);
     // Read the reference first: a bad reference file should not cost a whole run.
     std::unique_ptr<tessaline_tools::Surface> reference;
@@ -613,13 +622,15 @@ int simulate(int argc, char** argv) {
         points += frames[i]->xyz.size();
     }
     const SurfaceReconstruction::MarkerInfos markers = tessaline_tools::simulatedMarkers();
-    FILE* file = std::fopen(joinPath(folder, "optimized-markers.txt").c_str(), "w");
+    tessaline_tools::OutputFile markers_file(joinPath(folder, "optimized-markers.txt"));
+    FILE* file = std::fopen(markers_file.temporaryPath().c_str(), "w");
     if (file == nullptr) throw std::runtime_error(folder + ": cannot write optimized-markers.txt");
     std::fprintf(file, "# id x y z nx ny nz (millimetres)\n");
     for (std::size_t m = 0; m < markers.ids.size(); ++m)
         std::fprintf(file, "%d %.6f %.6f %.6f %.6f %.6f %.6f\n", markers.ids[m], markers.xyz[m][0], markers.xyz[m][1],
                      markers.xyz[m][2], markers.nor[m][0], markers.nor[m][1], markers.nor[m][2]);
-    std::fclose(file);
+    if (std::fclose(file) != 0) throw std::runtime_error(folder + ": cannot write optimized-markers.txt");
+    markers_file.commit();
     std::printf("wrote %zu frames, %zu points, to %s\n", frames.size(), points, folder.c_str());
     return 0;
 }
@@ -646,6 +657,10 @@ int demo(int argc, char** argv) {
     applyThreads(args);
     const std::string folder = args["output"].as<std::string>();
     makeFolder(folder);
+    const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"),
+                      picture_path = joinPath(folder, "tessaline-demo.png");
+    tessaline_tools::checkOutput(mesh_path);  // before the run, not after it
+    tessaline_tools::checkOutput(picture_path);
 
     const auto start = Clock::now();
     tessaline_tools::ScanSimulation settings;
@@ -667,8 +682,6 @@ int demo(int argc, char** argv) {
     const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(std::move(frames), run_options);
     const Finishing finishing;
     const FinishedMesh finished = finishMesh(*run.mesh, resolution, finishing);
-    const std::string mesh_path = joinPath(folder, "tessaline-demo.ply"),
-                      picture_path = joinPath(folder, "tessaline-demo.png");
     const auto write_start = Clock::now();
     tessaline_tools::writeMesh(mesh_path, finished.mesh);
     timings.writing = std::chrono::duration<double>(Clock::now() - write_start).count();
@@ -701,6 +714,10 @@ int render(int argc, char** argv) {
     if (!args.count("output")) throw std::runtime_error("no output given (-o FILE.png)");
     const int size = args["size"].as<int>();
     if (size < 16 || size > 8192) throw std::runtime_error("--size must be between 16 and 8192");
+    const std::string picture = args["output"].as<std::string>();
+    if (!tessaline_tools::isPngFileName(picture))
+        throw std::runtime_error(picture + ": unknown picture format (use .png)");
+    tessaline_tools::checkOutput(picture);
     const tessaline_tools::IndexedMesh mesh = tessaline_tools::readMesh(args["mesh"].as<std::string>());
     if (mesh.triangles.empty()) throw std::runtime_error(args["mesh"].as<std::string>() + ": no triangles");
     tessaline_tools::writePng(args["output"].as<std::string>(), tessaline_tools::renderViews(trianglesOf(mesh), size));
@@ -745,6 +762,21 @@ int compare(int argc, char** argv) {
     return 0;
 }
 
+// A failure as the run reports it: one line on standard error and, with --json, an object on standard output
+// with the text, the exit status and the library's own status where the library failed.
+int fail(bool json, const std::string& text, int status, int library_status) {
+    std::fprintf(stderr, "tessaline: %s\n", text.c_str());
+    if (json) {
+        std::string out;
+        Json j(out);
+        j.open().text("error", text).count("status", static_cast<std::size_t>(status));
+        if (library_status != 0) j.count("library_status", static_cast<std::size_t>(library_status));
+        j.close();
+        std::printf("%s\n", out.c_str());
+    }
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -753,6 +785,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string command = argv[1];
+    const bool json = command == "reconstruct" && std::any_of(argv + 2, argv + argc, [](const char* argument) {
+                          return std::strcmp(argument, "--json") == 0;
+                      });
     try {
         if (command == "--help" || command == "-h" || command == "help") {
             std::fputs(USAGE, stdout);
@@ -780,10 +815,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "tessaline: unknown command '%s'\n\n%s", command.c_str(), USAGE);
         return 2;
     } catch (const cxxopts::exceptions::exception& e) {
-        std::fprintf(stderr, "tessaline: %s\n", e.what());
-        return 2;
+        return fail(json, e.what(), 2, 0);
+    } catch (const tessaline_tools::RunFailure& e) {
+        return fail(json, e.what(), 1, e.status());
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tessaline: %s\n", e.what());
-        return 1;
+        return fail(json, e.what(), 1, 0);
     }
 }
