@@ -43,6 +43,9 @@ float millimetresPerUnit(const py::object& unit) {
         if (name == "in") return 25.4f;
         throw py::value_error("unit must be 'mm', 'cm', 'm', 'in' or the millimetres in one unit, not '" + name + "'");
     }
+    if (py::isinstance<py::bool_>(unit) || !PyNumber_Check(unit.ptr()))
+        throw py::type_error("unit must be 'mm', 'cm', 'm', 'in' or the millimetres in one unit, not " +
+                             py::str(py::type::handle_of(unit)).cast<std::string>());
     const double value = unit.cast<double>();
     if (!(value > 0.0) || !std::isfinite(value)) throw py::value_error("unit must be a positive number of millimetres");
     return static_cast<float>(value);
@@ -65,12 +68,22 @@ py::array asArray(py::handle value, const std::string& what) {
     return array;
 }
 
-std::vector<Vec3f> readVectors(py::handle value, const std::string& what, float scale) {
+// An (N, 3) float array as vectors in millimetres. `origin` (millimetres, zero when not needed) is taken off
+// in double precision before the one rounding to float, so that points far from the origin keep their detail.
+std::vector<Vec3f> readVectors(py::handle value, const std::string& what, float scale, const double* origin = nullptr) {
     const py::array array = asArray(value, what);
     if (array.dtype().kind() != 'f')
         throw py::type_error(what + " must be a float array of shape (N, 3), not " + describe(array));
     if (array.ndim() != 2 || array.shape(1) != 3)
         throw py::value_error(what + " must have the shape (N, 3), not " + describe(array));
+    if (origin != nullptr) {
+        const auto doubles = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(array);
+        std::vector<Vec3f> out(static_cast<std::size_t>(doubles.shape(0)));
+        const double* data = doubles.data();
+        for (std::size_t i = 0; i < out.size(); ++i)
+            for (int k = 0; k < 3; ++k) out[i][k] = static_cast<float>(data[3 * i + k] * scale - origin[k]);
+        return out;
+    }
     const auto floats = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(array);
     std::vector<Vec3f> out(static_cast<std::size_t>(floats.shape(0)));
     const float* data = floats.data();
@@ -105,68 +118,109 @@ std::vector<std::int32_t> readWords(py::handle value, const std::string& what, s
     return out;
 }
 
+// One frame as given: its arrays, not yet copied.
+struct FrameArrays {
+    std::string name;
+    py::object points, normals, words = py::none();
+};
+
 // One frame: a dict with "points", "normals" and optionally "words"; a tuple (points, normals[, words]);
 // or an object with `points` and `normals` attributes (an Open3D point cloud).
-std::shared_ptr<FrameDataWithInfo> readFrame(py::handle item, std::size_t index, float scale) {
-    const std::string name = "frame " + std::to_string(index);
-    py::object points, normals, words = py::none();
+FrameArrays frameArrays(py::handle item, std::size_t index) {
+    FrameArrays f;
+    f.name = "frame " + std::to_string(index);
+    const std::string& name = f.name;
+    if (py::isinstance<py::array>(item))
+        throw py::type_error(name +
+                             " is an array: a frame is (points, normals[, words]) or a dict; to pass one frame, "
+                             "wrap it in a list");
     if (py::isinstance<py::dict>(item)) {
         const py::dict d = py::reinterpret_borrow<py::dict>(item);
         for (auto entry : d) {
             const std::string key = py::str(entry.first).cast<std::string>();
             if (key != "points" && key != "normals" && key != "words")
-                throw py::key_error(name + ": unknown key '" + key + "' (use points, normals, words)");
+                throw py::value_error(name + ": unknown key '" + key + "' (use points, normals, words)");
         }
-        if (!d.contains("points") || !d.contains("normals"))
-            throw py::key_error(name + ": a frame needs 'points' and 'normals'");
-        points = d["points"];
-        normals = d["normals"];
-        if (d.contains("words")) words = d["words"];
+        for (const char* key : {"points", "normals"})
+            if (!d.contains(key))
+                throw py::value_error(name + ": no '" + key + "' (a frame needs 'points' and 'normals')");
+        f.points = d["points"];
+        f.normals = d["normals"];
+        if (d.contains("words")) f.words = d["words"];
     } else if (py::isinstance<py::tuple>(item) || py::isinstance<py::list>(item)) {
         const py::sequence s = py::reinterpret_borrow<py::sequence>(item);
         if (s.size() != 2 && s.size() != 3)
             throw py::type_error(name + ": a frame is (points, normals) or (points, normals, words), not " +
                                  std::to_string(s.size()) + " items");
-        points = s[0];
-        normals = s[1];
-        if (s.size() == 3) words = s[2];
+        f.points = s[0];
+        f.normals = s[1];
+        if (s.size() == 3) f.words = s[2];
     } else if (py::hasattr(item, "points") && py::hasattr(item, "normals")) {
-        points = item.attr("points");
-        normals = item.attr("normals");
+        f.points = item.attr("points");
+        f.normals = item.attr("normals");
     } else {
         throw py::type_error(name +
                              ": a frame is a dict with 'points' and 'normals', a tuple (points, normals[, words]) "
                              "or a point cloud with points and normals, not " +
                              py::str(py::type::handle_of(item)).cast<std::string>());
     }
+    return f;
+}
+
+std::shared_ptr<FrameDataWithInfo> readFrame(const FrameArrays& f, float scale, const double* origin) {
     auto frame = std::make_shared<FrameDataWithInfo>();
-    frame->xyz = readVectors(points, name + " points", scale);
-    frame->nor = readVectors(normals, name + " normals", 1.0f);
+    frame->xyz = readVectors(f.points, f.name + " points", scale, origin);
+    frame->nor = readVectors(f.normals, f.name + " normals", 1.0f);
     if (frame->nor.size() != frame->xyz.size())
-        throw py::value_error(name + ": " + std::to_string(frame->xyz.size()) + " points but " +
+        throw py::value_error(f.name + ": " + std::to_string(frame->xyz.size()) + " points but " +
                               std::to_string(frame->nor.size()) + " normals");
-    if (words.is_none())
+    if (f.words.is_none())
         frame->w.assign(frame->xyz.size(), 8);  // one cell a resolution, no flags
     else
-        frame->w = readWords(words, name + " words", frame->xyz.size());
+        frame->w = readWords(f.words, f.name + " words", frame->xyz.size());
     return frame;
 }
 
-Frames readFrames(const py::object& frames, float scale) {
+// The frames, and where points given in double precision lie: their origin, a whole number of metres near
+// the middle of their box (0 within half a metre of the origin), is taken off before they become floats.
+struct Input {
+    Frames frames;
+    bool doubles = false;                // some points came as float64: the mesh goes back as float64
+    double origin[3] = {0.0, 0.0, 0.0};  // millimetres
+};
+
+Input readFrames(const py::object& frames, float scale) {
     if (py::isinstance<py::dict>(frames) || py::isinstance<py::array>(frames))
         throw py::type_error("frames must be a list of frames; to pass one frame, wrap it in a list");
     if (!py::isinstance<py::sequence>(frames) && !py::isinstance<py::iterable>(frames))
         throw py::type_error("frames must be a list of frames");
-    Frames out;
+    std::vector<FrameArrays> arrays;
     std::size_t index = 0;
-    for (py::handle item : frames) {
-        if (py::isinstance<py::array>(item))
-            throw py::type_error("frame " + std::to_string(index) +
-                                 " is an array: a frame is (points, normals[, words]) or a dict; to pass one frame, "
-                                 "wrap it in a list");
-        out.push_back(readFrame(item, index++, scale));
+    for (py::handle item : frames) arrays.push_back(frameArrays(item, index++));
+    Input in;
+    double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+    for (const FrameArrays& f : arrays) {
+        const py::array a = asArray(f.points, f.name + " points");
+        if (a.dtype().kind() != 'f' || a.itemsize() != 8 || a.ndim() != 2 || a.shape(1) != 3) continue;
+        in.doubles = true;
+        const auto d = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(a);
+        for (py::ssize_t i = 0; i < d.shape(0); ++i)
+            for (int k = 0; k < 3; ++k) {
+                const double v = d.data()[3 * i + k] * scale;
+                if (std::isfinite(v)) {
+                    lo[k] = std::min(lo[k], v);
+                    hi[k] = std::max(hi[k], v);
+                }
+            }
     }
-    return out;
+    bool shifted = false;
+    for (int k = 0; k < 3; ++k) {
+        const double middle = lo[k] <= hi[k] ? 0.5 * (lo[k] + hi[k]) : 0.0;
+        in.origin[k] = std::round(middle / 1000.0) * 1000.0;
+        shifted = shifted || in.origin[k] != 0.0;
+    }
+    for (const FrameArrays& f : arrays) in.frames.push_back(readFrame(f, scale, shifted ? in.origin : nullptr));
+    return in;
 }
 
 // Standard output (the library's diagnostic lines) sent to /dev/null while it lives.
@@ -205,31 +259,54 @@ struct StepCall {
     std::optional<py::error_already_set> error;  // what the callable raised
 };
 
-Mesh toPython(const IndexedMesh& mesh, float scale) {
+// The mesh in the caller's unit: float32 vertices, or float64 ones moved back by the origin in double
+// precision when the points came as float64.
+Mesh toPython(const IndexedMesh& mesh, float scale, const Input& in) {
     Mesh out;
     const py::ssize_t v = static_cast<py::ssize_t>(mesh.vertices.size());
     const py::ssize_t t = static_cast<py::ssize_t>(mesh.triangles.size());
-    py::array_t<float> vertices({v, py::ssize_t(3)}), normals({v, py::ssize_t(3)});
+    py::array_t<float> normals({v, py::ssize_t(3)});
     py::array_t<std::int32_t> triangles({t, py::ssize_t(3)});
     py::array_t<std::uint32_t> words(v);
-    float* vp = vertices.mutable_data();
     float* np_ = normals.mutable_data();
     for (py::ssize_t i = 0; i < v; ++i) {
-        for (int k = 0; k < 3; ++k) {
-            vp[3 * i + k] = mesh.vertices[static_cast<std::size_t>(i)][k] / scale;
+        for (int k = 0; k < 3; ++k)
             np_[3 * i + k] = mesh.normals.empty() ? 0.0f : mesh.normals[static_cast<std::size_t>(i)][k];
-        }
         words.mutable_data()[i] = mesh.words[static_cast<std::size_t>(i)];
+    }
+    if (in.doubles) {
+        py::array_t<double> vertices({v, py::ssize_t(3)});
+        double* vp = vertices.mutable_data();
+        for (py::ssize_t i = 0; i < v; ++i)
+            for (int k = 0; k < 3; ++k)
+                vp[3 * i + k] =
+                    (static_cast<double>(mesh.vertices[static_cast<std::size_t>(i)][k]) + in.origin[k]) / scale;
+        out.vertices = vertices;
+    } else {
+        py::array_t<float> vertices({v, py::ssize_t(3)});
+        float* vp = vertices.mutable_data();
+        for (py::ssize_t i = 0; i < v; ++i)
+            for (int k = 0; k < 3; ++k) vp[3 * i + k] = mesh.vertices[static_cast<std::size_t>(i)][k] / scale;
+        out.vertices = vertices;
     }
     std::int32_t* tp = triangles.mutable_data();
     for (py::ssize_t i = 0; i < t; ++i)
         for (int k = 0; k < 3; ++k)
             tp[3 * i + k] = static_cast<std::int32_t>(mesh.triangles[static_cast<std::size_t>(i)][k]);
-    out.vertices = vertices;
     out.normals = normals;
     out.triangles = triangles;
     out.words = words;
     return out;
+}
+
+// A count the caller gives: a whole number from 0 up.
+std::size_t count(const py::object& value, const char* name) {
+    if (py::isinstance<py::bool_>(value) || !py::isinstance<py::int_>(value))
+        throw py::type_error(std::string(name) + " must be a whole number, not " +
+                             py::str(py::type::handle_of(value)).cast<std::string>());
+    const long long n = value.cast<long long>();
+    if (n < 0) throw py::value_error(std::string(name) + " must be 0 or more, not " + std::to_string(n));
+    return static_cast<std::size_t>(n);
 }
 
 void warn(const std::string& text) {
@@ -243,8 +320,12 @@ std::string millimetres(double value) {
 }
 
 Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, const py::object& unit,
-                 const py::object& step_callback, std::size_t min_piece, std::size_t fill_holes, bool verbose) {
+                 const py::object& step_callback, const py::object& min_piece_in, const py::object& fill_holes_in,
+                 bool verbose) {
     const float scale = millimetresPerUnit(unit);
+    const std::size_t min_piece = count(min_piece_in, "min_piece"), fill_holes = count(fill_holes_in, "fill_holes");
+    if (fill_holes > 0 && fill_holes < 3)
+        throw py::value_error("fill_holes must be 0 or at least 3 (a hole has three edges or more)");
     if (!step_callback.is_none() && !PyCallable_Check(step_callback.ptr()))
         throw py::type_error("step_callback must be callable (it receives a StepInfo)");
     const bool automatic = py::isinstance<py::str>(resolution_in);
@@ -253,7 +334,8 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     if (!automatic && !PyNumber_Check(resolution_in.ptr()))
         throw py::type_error("resolution must be a number of millimetres or 'auto'");
     float resolution = automatic ? 0.0f : resolution_in.cast<float>();
-    Frames frames = readFrames(frames_in, scale);
+    Input input = readFrames(frames_in, scale);
+    Frames& frames = input.frames;
 
     PointSpacing spacing;
     bool measured = false;
@@ -304,6 +386,7 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     std::string last_error;
     IndexedMesh mesh;
     double expected = 0.0;
+    std::size_t removed = 0;
     {
         py::gil_scoped_release released;
         auto soup = std::make_shared<MultiMeshData>();
@@ -317,7 +400,7 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
         if (status == 0) {
             mesh_status = weldMesh(*soup, resolution * 1e-4f, mesh);
             soup.reset();
-            if (mesh_status == 0) mesh_status = removeSmallPieces(mesh, min_piece);
+            if (mesh_status == 0) mesh_status = removeSmallPieces(mesh, min_piece, &removed);
             if (mesh_status == 0) mesh_status = fillSmallHoles(mesh, fill_holes);
             if (mesh_status == 0 && !measured) measured = measurePointSpacing(frames, spacing) == 0;
             expected = expectedTriangles(frames, spacing, resolution);
@@ -329,14 +412,17 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     if (mesh_status != 0) throw Error("finishing the mesh failed with status " + std::to_string(mesh_status));
     const float suggested = resolutionForSpacing(spacing);
     const std::string advice = suggested > 0.0f ? "; resolution='auto' would take " + millimetres(suggested) : "";
-    if (mesh.triangles.empty())
+    if (mesh.triangles.empty() && removed > 0)
+        warn("the mesh is empty: min_piece=" + std::to_string(min_piece) + " removed every piece (" +
+             std::to_string(removed) + " triangles in all); give a smaller min_piece");
+    else if (mesh.triangles.empty())
         warn("the mesh is empty: at " + millimetres(resolution) + " no cell holds enough points (points " +
              millimetres(spacing.median) + " apart)" + advice);
-    else if (static_cast<double>(mesh.triangles.size()) < expected / 4.0)
+    else if (static_cast<double>(mesh.triangles.size()) + static_cast<double>(removed) < expected / 4.0)
         warn("the mesh has " + std::to_string(mesh.triangles.size()) + " triangles where points " +
              millimetres(spacing.median) + " apart should give about " + std::to_string(std::llround(expected)) +
              ": the resolution " + millimetres(resolution) + " is too fine for them" + advice);
-    Mesh out = toPython(mesh, scale);
+    Mesh out = toPython(mesh, scale, input);
     out.resolution = resolution;
     if (automatic && spacing.median > 0.0f) out.point_spacing = py::make_tuple(spacing.median, spacing.density);
     return out;
@@ -344,7 +430,8 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
 
 // The spacing of the frames' points, in their own unit: (median to the nearest point, even spacing as dense).
 py::tuple pointSpacing(const py::object& frames_in) {
-    Frames frames = readFrames(frames_in, 1.0f);
+    const Input input = readFrames(frames_in, 1.0f);
+    const Frames& frames = input.frames;
     PointSpacing spacing;
     int status;
     {
@@ -365,7 +452,9 @@ frames: a list of frames, each a dict {"points": P, "normals": N, "words": W} (w
     (P, N) or (P, N, W), or a point cloud with points and normals attributes (Open3D's). P and N are float
     arrays of shape (n, 3) in the common coordinate system of the scan, N pointing out of the surface; W an
     integer array of shape (n,): bits 0-7 the scale code (8 when absent), bits 8-15 flags. The arrays are
-    copied; nothing is kept after the call.
+    copied; nothing is kept after the call. Points given as float64 keep their precision far from the
+    origin: a whole number of metres near their middle is taken off in double precision before they become
+    floats, and the mesh's vertices come back as float64 with it added back.
 resolution: the edge of the finest cells in millimetres, or "auto": 1.5 times the spacing of an even
     sampling as dense as the points.
 unit: the unit of the points: "mm" (default), "cm", "m", "in" or the millimetres in one unit. The mesh comes
@@ -405,7 +494,8 @@ PYBIND11_MODULE(tessaline, m) {
         });
 
     py::class_<Mesh>(m, "Mesh", "A finished mesh: welded vertices with their words and normals.")
-        .def_readonly("vertices", &Mesh::vertices, "float32 (V, 3), in the unit of the frames")
+        .def_readonly("vertices", &Mesh::vertices,
+                      "(V, 3) in the unit of the frames: float32, or float64 when the points came as float64")
         .def_readonly("triangles", &Mesh::triangles, "int32 (T, 3), vertex indices, counter-clockwise from the front")
         .def_readonly("words", &Mesh::words, "uint32 (V,): bits 0-7 scale codes, 8-15 flags, 16-31 quality")
         .def_readonly("normals", &Mesh::normals, "float32 (V, 3), unit area-weighted vertex normals")

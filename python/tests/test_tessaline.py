@@ -64,6 +64,26 @@ def test_frames_in_metres_come_back_in_metres():
     assert np.abs(np.linalg.norm(mesh.vertices - 0.1, axis=1) - 0.03).max() < 5e-5
 
 
+def test_float64_points_far_from_the_origin_keep_their_precision():
+    # 10,000 km out the floats of a run could not hold a tenth of a millimetre; the module takes a
+    # whole number of metres off in double precision first and adds it back to float64 vertices.
+    points, normals = sphere(n=20000, centre=(0.0, 0.0, 0.0))
+    offset = np.array([1e7, -2e7, 5e6])
+    near = tessaline.reconstruct([(points, normals)], resolution=1.0)
+    far = tessaline.reconstruct([(points + offset, normals)], resolution=1.0)
+    assert far.vertices.dtype == np.float64
+    assert len(far.triangles) == pytest.approx(len(near.triangles), rel=0.01)
+    radii = np.linalg.norm(far.vertices - offset, axis=1)
+    assert np.median(np.abs(radii - 30.0)) < 0.02
+
+
+def test_a_min_piece_that_removes_every_piece_says_so():
+    points, normals = sphere(n=5000)
+    with pytest.warns(RuntimeWarning, match="min_piece=1000000000 removed every piece"):
+        mesh = tessaline.reconstruct([(points, normals)], min_piece=10**9)
+    assert len(mesh.triangles) == 0
+
+
 class _Cloud:  # what an Open3D point cloud offers
     def __init__(self, points, normals):
         self.points, self.normals = points, normals
@@ -78,8 +98,9 @@ class _Cloud:  # what an Open3D point cloud offers
         ([(np.ones((5, 3)), np.ones((5, 3)), np.ones(5))], TypeError, "words must be an integer array"),
         ([(np.ones((5, 3)), np.ones((5, 3)), np.ones(4, np.int32))], ValueError, "one word a point"),
         ([(np.ones((5, 3)), np.ones((5, 3)), np.full(5, 2**33))], ValueError, "does not fit in 32 bits"),
-        ([{"points": np.ones((5, 3))}], KeyError, "needs 'points' and 'normals'"),
-        ([{"points": np.ones((5, 3)), "normals": np.ones((5, 3)), "colours": 1}], KeyError, "unknown key"),
+        ([{"points": np.ones((5, 3))}], ValueError, "frame 0: no 'normals'"),
+        ([(np.ones((5, 3)), np.ones((5, 3))), {"normals": np.ones((5, 3))}], ValueError, "frame 1: no 'points'"),
+        ([{"points": np.ones((5, 3)), "normals": np.ones((5, 3)), "colours": 1}], ValueError, "unknown key 'colours'"),
         ((np.ones((5, 3)), np.ones((5, 3))), TypeError, "wrap it in a list"),
         ({"points": np.ones((5, 3)), "normals": np.ones((5, 3))}, TypeError, "wrap it in a list"),
         ([(np.ones((5, 3)),)], TypeError, "(points, normals)"),
@@ -101,6 +122,10 @@ def test_frames_it_cannot_use_are_refused_with_a_clear_text(frames, error, text)
         ({"resolution": "fine"}, ValueError, "or 'auto'"),
         ({"resolution": None}, TypeError, "or 'auto'"),
         ({"unit": "furlong"}, ValueError, "unit must be"),
+        ({"unit": None}, TypeError, "unit must be"),
+        ({"min_piece": -1}, ValueError, "min_piece must be 0 or more"),
+        ({"min_piece": 2.5}, TypeError, "min_piece must be a whole number"),
+        ({"fill_holes": 2}, ValueError, "fill_holes must be 0 or at least 3"),
         ({"step_callback": 3}, TypeError, "must be callable"),
     ],
 )
