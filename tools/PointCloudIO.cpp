@@ -1,11 +1,13 @@
 // PLY point cloud reading and writing.
 #include "PointCloudIO.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <stdexcept>
 #include <vector>
 
@@ -37,30 +39,65 @@ std::int32_t identifier(double value, const std::string& path, const char* what)
     return static_cast<std::int32_t>(value);
 }
 
+// Where the vertex properties a point cloud uses are: -1 where the file has none.
+struct PointColumns {
+    int xyz[3] = {-1, -1, -1};
+    int normal[3] = {-1, -1, -1};
+    int word = -1;
+    int colour[3] = {-1, -1, -1};
+    std::vector<int> columns;  // the ones present, in the order the values reach readPoints
+    int at_normal = -1, at_word = -1, at_colour = -1;
+};
+
+// A colour channel as a byte: integers of one byte as they are, of two bytes scaled down, floats from 0 to 1.
+std::uint8_t colourByte(double value, const PlyProperty& property) {
+    if (!std::isfinite(value)) return 0;
+    if (property.kind == 'f')
+        value *= 255.0;
+    else if (property.size == 2)
+        value /= 257.0;
+    return static_cast<std::uint8_t>(std::min(255.0, std::max(0.0, std::round(value))));
+}
+
 // The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
-// without finite coordinates or a normal of some length are then left out and counted.
-void readPoints(PlyReader& ply, const PlyElement& vertex, const std::vector<int>& columns, float scale, int scale_code,
-                FrameDataWithInfo& frame, PointCloudReadInfo& info) {
+// without finite coordinates, or (where the file has normals) a normal of some length, are then left out
+// and counted.
+void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c, float scale, int scale_code,
+                FrameDataWithInfo& frame, std::vector<Colour>* colours, PointCloudReadInfo& info) {
     const std::size_t n = static_cast<std::size_t>(vertex.count);
     frame.xyz.resize(n);
     frame.nor.resize(n);
     frame.w.resize(n);
-    const bool words = columns.size() == 7;
+    const bool normals = c.at_normal >= 0, words = c.at_word >= 0, coloured = c.at_colour >= 0 && colours;
+    if (coloured) colours->resize(n);
+    const PlyProperty* channel[3] = {};
+    for (int k = 0; coloured && k < 3; ++k) channel[k] = &vertex.properties[static_cast<std::size_t>(c.colour[k])];
     std::atomic<bool> any_dropped(false);
-    ply.readScalars(vertex, columns, [&](long record, const double* p) {
+    ply.readScalars(vertex, c.columns, [&](long record, const double* p) {
         const std::size_t i = static_cast<std::size_t>(record);
-        const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
-        bool usable = length > 0;
-        for (int k = 0; k < 6; ++k) usable = usable && std::isfinite(p[k]);
+        bool usable = std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
+        double length = 0.0;
+        if (normals) {
+            const double* q = p + c.at_normal;
+            length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2]);
+            usable = usable && length > 0 && std::isfinite(q[0]) && std::isfinite(q[1]) && std::isfinite(q[2]);
+        }
         if (!usable) {
             frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
             any_dropped.store(true, std::memory_order_relaxed);
             return;
         }
         frame.xyz[i] = {toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)};
-        frame.nor[i] = {toFloat(p[3] / length), toFloat(p[4] / length), toFloat(p[5] / length)};
-        const double word = words ? p[6] : scale_code;
+        if (normals) {
+            const double* q = p + c.at_normal;
+            frame.nor[i] = {toFloat(q[0] / length), toFloat(q[1] / length), toFloat(q[2] / length)};
+        } else {
+            frame.nor[i] = {0.0f, 0.0f, 0.0f};
+        }
+        const double word = words ? p[c.at_word] : scale_code;
         frame.w[i] = std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0;
+        if (coloured)
+            for (int k = 0; k < 3; ++k) (*colours)[i][k] = colourByte(p[c.at_colour + k], *channel[k]);
     });
     if (!any_dropped.load()) return;
     // Scaled coordinates of a usable point are finite or infinite, never NaN: the mark is unambiguous.
@@ -70,39 +107,74 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const std::vector<int>
         frame.xyz[kept] = frame.xyz[i];
         frame.nor[kept] = frame.nor[i];
         frame.w[kept] = frame.w[i];
+        if (coloured) (*colours)[kept] = (*colours)[i];
         ++kept;
     }
     info.dropped += n - kept;
     frame.xyz.resize(kept);
     frame.nor.resize(kept);
     frame.w.resize(kept);
+    if (coloured) colours->resize(kept);
+}
+
+// The first of `names` that the element has as a scalar property, or -1.
+int firstColumn(const PlyElement& element, std::initializer_list<const char*> names, const std::string& path) {
+    for (const char* name : names) {
+        const int column = scalarColumn(element, name, path);
+        if (column >= 0) return column;
+    }
+    return -1;
+}
+
+PointColumns pointColumns(const PlyElement& vertex, const std::string& path) {
+    PointColumns c;
+    const char* axes[3] = {"x", "y", "z"};
+    for (int k = 0; k < 3; ++k) c.xyz[k] = scalarColumn(vertex, axes[k], path);
+    if (c.xyz[0] < 0 || c.xyz[1] < 0 || c.xyz[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
+    c.normal[0] = firstColumn(vertex, {"nx", "normal_x"}, path);  // PCL's names too
+    c.normal[1] = firstColumn(vertex, {"ny", "normal_y"}, path);
+    c.normal[2] = firstColumn(vertex, {"nz", "normal_z"}, path);
+    c.word = scalarColumn(vertex, "w", path);
+    c.colour[0] = firstColumn(vertex, {"red", "r", "diffuse_red"}, path);
+    c.colour[1] = firstColumn(vertex, {"green", "g", "diffuse_green"}, path);
+    c.colour[2] = firstColumn(vertex, {"blue", "b", "diffuse_blue"}, path);
+    c.columns.assign(c.xyz, c.xyz + 3);
+    if (c.normal[0] >= 0 && c.normal[1] >= 0 && c.normal[2] >= 0) {
+        c.at_normal = static_cast<int>(c.columns.size());
+        c.columns.insert(c.columns.end(), c.normal, c.normal + 3);
+    }
+    if (c.word >= 0) {
+        c.at_word = static_cast<int>(c.columns.size());
+        c.columns.push_back(c.word);
+    }
+    if (c.colour[0] >= 0 && c.colour[1] >= 0 && c.colour[2] >= 0) {
+        c.at_colour = static_cast<int>(c.columns.size());
+        c.columns.insert(c.columns.end(), c.colour, c.colour + 3);
+    }
+    return c;
 }
 
 }  // namespace
 
 std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale, int scale_code,
-                                                     PointCloudReadInfo& info) {
+                                                     PointCloudReadInfo& info, FrameExtras* extras) {
     PlyReader ply(path);
     const PlyElement* vertex = ply.find("vertex");
     if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
-    std::vector<int> columns(7);
-    const char* names[7] = {"x", "y", "z", "nx", "ny", "nz", "w"};
-    const char* pcl_names[3] = {"normal_x", "normal_y", "normal_z"};  // as PCL writes them
-    for (int k = 0; k < 7; ++k) {
-        columns[k] = scalarColumn(*vertex, names[k], path);
-        if (k >= 3 && k < 6 && columns[k] < 0) columns[k] = scalarColumn(*vertex, pcl_names[k - 3], path);
-    }
-    if (columns[0] < 0 || columns[1] < 0 || columns[2] < 0) throw std::runtime_error(path + ": no x, y, z properties");
-    if (columns[3] < 0 || columns[4] < 0 || columns[5] < 0)
+    const PointColumns columns = pointColumns(*vertex, path);
+    if (columns.at_normal < 0 && extras == nullptr)
         throw std::runtime_error(path + ": no normals (nx, ny, nz or normal_x, normal_y, normal_z)");
-    info.words_from_file = columns[6] >= 0;
+    info.words_from_file = columns.at_word >= 0;
     if (const PlyElement* face = ply.find("face")) info.faces = face->count;
-    if (!info.words_from_file) columns.pop_back();
+    if (extras != nullptr) {
+        extras->source = path;
+        extras->normals = columns.at_normal >= 0;
+    }
 
     auto frame = std::make_shared<FrameDataWithInfo>();
     for (const PlyElement& element : ply.elements()) {
         if (&element == vertex) {
-            readPoints(ply, *vertex, columns, scale, scale_code, *frame, info);
+            readPoints(ply, *vertex, columns, scale, scale_code, *frame, extras ? &extras->colours : nullptr, info);
         } else if (element.name == "pose" && element.count == 1) {
             const char* pose_names[13] = {"r0", "r1", "r2", "r3", "r4", "r5",      "r6",
                                           "r7", "r8", "tx", "ty", "tz", "laser_id"};
@@ -116,6 +188,10 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
                 for (int k = 0; k < 3; ++k) frame->frame_info.translation[k] = value[9 + k] * scale;
                 frame->frame_info.laser_id = identifier(value[12], path, "the pose's laser_id");
             });
+            if (extras != nullptr) {
+                extras->sensor = true;
+                for (int k = 0; k < 3; ++k) extras->sensor_position[k] = frame->frame_info.translation[k];
+            }
         } else if (element.name == "marker") {
             const char* marker_names[7] = {"id", "x", "y", "z", "nx", "ny", "nz"};
             std::vector<int> marker_columns(7);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ScanInput.h"
 #include "tessaline/Tessaline.h"
 
 namespace tessaline_tools {
@@ -18,12 +19,17 @@ struct PointCloudReadInfo {
 };
 
 // A PLY point cloud (ASCII, binary little or big endian; properties in any order, of any PLY number
-// type) as one frame: x, y, z scaled by `scale`, normals nx, ny, nz normalised, the word from a `w`
-// property or else `scale_code`. A `pose` element (r0..r8 column-major, tx, ty, tz, laser_id) and a
-// `marker` element (id, x, y, z, nx, ny, nz) fill the frame's record and marker lists. Throws
-// std::runtime_error naming the file and the problem: missing, not PLY, no normals, truncated data.
+// type) as one frame: x, y, z scaled by `scale`, normals nx, ny, nz (or PCL's normal_x, normal_y,
+// normal_z) normalised, the word from a `w` property or else `scale_code`. A `pose` element (r0..r8
+// column-major, tx, ty, tz, laser_id) and a `marker` element (id, x, y, z, nx, ny, nz) fill the frame's
+// record and marker lists. With `extras` given, a file without normals is read too (its normals are
+// (0, 0, 0) and extras->normals false), the pose's translation is where the scanner stood, and colours
+// (red, green, blue: integers, or floats from 0 to 1) go to extras->colours; without, a file without
+// normals is refused. Throws std::runtime_error naming the file and the problem: missing, not PLY, no
+// normals, truncated data.
 std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale,
-                                                                            int scale_code, PointCloudReadInfo& info);
+                                                                            int scale_code, PointCloudReadInfo& info,
+                                                                            FrameExtras* extras = nullptr);
 
 // Writes `frame` in the layout that readPlyPointCloud reads back exactly (binary little endian).
 void writePlyPointCloud(const std::string& path, const SurfaceReconstruction::FrameDataWithInfo& frame);

@@ -7,11 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "ScanInput.h"
 #include "tessaline/Tessaline.h"
 
 namespace tessaline_tools {
-
-using Frames = std::vector<std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo>>;
 
 struct RunOptions {
     float resolution = 0.5f;  // millimetres

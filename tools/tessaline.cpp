@@ -27,6 +27,7 @@
 #include "PointCloudIO.h"
 #include "RangeScan.h"
 #include "Reconstruction.h"
+#include "ScanInput.h"
 #include "ScanSimulator.h"
 #include "SurfaceCompare.h"
 
@@ -107,16 +108,23 @@ float unitToMillimetres(const std::string& unit) {
     throw std::runtime_error("unknown unit '" + unit + "' (use mm, cm, m or in)");
 }
 
-// The frames of every input: scan lists, PLY files and folders of them (`output` left out of a folder).
-Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale_code, const std::string& output,
-                  bool quiet) {
-    Frames frames;
+// The frames of every input: scan lists, PLY files and folders of them (`output` left out of a folder), with
+// what the files say beside the points: normals given or not, the scanner's position, colours.
+tessaline_tools::ScanInput readInputs(const std::vector<std::string>& inputs, float to_mm, int scale_code,
+                                      const std::string& output, bool quiet) {
+    tessaline_tools::ScanInput scan;
     for (const std::string& input : inputs) {
         if (endsWith(lower(input), ".conf")) {
             tessaline_tools::RangeScanOptions options;
             options.scale = to_mm;
             options.scale_code = scale_code;
-            for (auto& frame : tessaline_tools::readRangeScanSet(input, options)) frames.push_back(frame);
+            for (auto& frame : tessaline_tools::readRangeScanSet(input, options)) {
+                tessaline_tools::FrameExtras extras;
+                extras.source = input;
+                extras.sensor = true;  // each scan's pose puts the scanner at its translation
+                for (int k = 0; k < 3; ++k) extras.sensor_position[k] = frame->frame_info.translation[k];
+                scan.add(frame, std::move(extras));
+            }
             continue;
         }
         const std::vector<std::string> files =
@@ -124,11 +132,12 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
         // The files on all cores, each frame into its place; the notes and the first failure in file order.
         Frames read(files.size());
         std::vector<tessaline_tools::PointCloudReadInfo> infos(files.size());
+        std::vector<tessaline_tools::FrameExtras> extras(files.size());
         tessaline_tools::forEachInOrder(files.size(), [&](std::size_t i) {
-            read[i] = tessaline_tools::readPlyPointCloud(files[i], to_mm, scale_code, infos[i]);
+            read[i] = tessaline_tools::readPlyPointCloud(files[i], to_mm, scale_code, infos[i], &extras[i]);
         });
         for (std::size_t i = 0; i < files.size(); ++i) {
-            frames.push_back(std::move(read[i]));
+            scan.add(std::move(read[i]), std::move(extras[i]));
             if (infos[i].dropped > 0 && !quiet)
                 std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n",
                              files[i].c_str(), infos[i].dropped);
@@ -137,7 +146,7 @@ Frames readInputs(const std::vector<std::string>& inputs, float to_mm, int scale
                              files[i].c_str(), infos[i].faces);
         }
     }
-    return frames;
+    return scan;
 }
 
 // A JSON summary, written as it is built: objects and arrays of numbers, strings and booleans.
@@ -482,7 +491,11 @@ int reconstruct(int argc, char** argv) {
     const auto start = Clock::now();
     const auto since = [](Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); };
     const std::vector<std::string> inputs = args["inputs"].as<std::vector<std::string>>();
-    tessaline_tools::Frames frames = readInputs(inputs, to_mm, scale_code, output, quiet);
+    tessaline_tools::ScanInput scan = readInputs(inputs, to_mm, scale_code, output, quiet);
+    for (const tessaline_tools::FrameExtras& extras : scan.extras)
+        if (!extras.normals)
+            throw std::runtime_error(extras.source + ": no normals (nx, ny, nz or normal_x, normal_y, normal_z)");
+    tessaline_tools::Frames& frames = scan.frames;
     if (explicit_code)
         for (auto& frame : frames)
             for (auto& w : frame->w) w = (w & ~0xFF) | scale_code;
