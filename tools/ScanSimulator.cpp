@@ -180,6 +180,15 @@ std::shared_ptr<FrameDataWithInfo> makeFrame(std::size_t index, const ScanSimula
 
 }  // namespace
 
+std::vector<std::size_t> spreadMisregisteredFrames(std::size_t count, std::size_t target_points) {
+    // About 1,850 points a frame: the frames the scan will have, before it is made.
+    const std::size_t frames = std::max<std::size_t>(target_points / 1850, 1);
+    std::vector<std::size_t> chosen;
+    for (std::size_t k = 0; k < count && k < frames; ++k) chosen.push_back((k + 1) * frames / (count + 1));
+    chosen.erase(std::unique(chosen.begin(), chosen.end()), chosen.end());
+    return chosen;
+}
+
 MarkerInfos simulatedMarkers() {
     MarkerInfos infos;
     const std::vector<Point3> markers = markerPositions();

@@ -29,6 +29,11 @@ struct ScanSimulation {
 // Flag bit of the points near a small feature of the part (they also ask for cells half the size).
 constexpr std::int32_t FEATURE_FLAG = 0x100;
 
+// `count` frames spread evenly over a scan of `target_points` points, to be misregistered by about a
+// millimetre (a shift of `shift` along x and a small turn): their indices, in order.
+std::vector<std::size_t> spreadMisregisteredFrames(std::size_t count, std::size_t target_points);
+constexpr double NOTICEABLE_MISREGISTRATION = 1.0;  // millimetres
+
 // The optimized markers of the scan: positions and normals of the markers on the table.
 SurfaceReconstruction::MarkerInfos simulatedMarkers();
 

@@ -609,8 +609,10 @@ int simulate(int argc, char** argv) {
                           cxxopts::value<std::string>())("points", "points of the whole scan",
                                                          cxxopts::value<std::size_t>()->default_value("600000"))(
         "seed", "seed of the scan's random streams", cxxopts::value<std::uint64_t>()->default_value("1"))(
-        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))("h,help",
-                                                                                               "show this text");
+        "misregister", "frames to register about 1 mm wrongly (spread over the scan), for the markers to find",
+        cxxopts::value<std::size_t>()->default_value("0"))("threads", "worker threads (0: all cores)",
+                                                           cxxopts::value<int>()->default_value("0"))("h,help",
+                                                                                                      "show this text");
     const cxxopts::ParseResult args = options.parse(argc, argv);
     if (args.count("help")) {
         std::printf(
@@ -626,6 +628,9 @@ int simulate(int argc, char** argv) {
     tessaline_tools::ScanSimulation settings;
     settings.target_points = args["points"].as<std::size_t>();
     settings.seed = args["seed"].as<std::uint64_t>();
+    settings.misregistered =
+        tessaline_tools::spreadMisregisteredFrames(args["misregister"].as<std::size_t>(), settings.target_points);
+    settings.misregistration_shift = tessaline_tools::NOTICEABLE_MISREGISTRATION;
     const tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
     std::size_t points = 0;
     for (std::size_t i = 0; i < frames.size(); ++i) {
@@ -645,6 +650,11 @@ int simulate(int argc, char** argv) {
     if (std::fclose(file) != 0) throw std::runtime_error(folder + ": cannot write optimized-markers.txt");
     markers_file.commit();
     std::printf("wrote %zu frames, %zu points, to %s\n", frames.size(), points, folder.c_str());
+    if (!settings.misregistered.empty()) {
+        std::printf("misregistered frames (about %g mm off):", tessaline_tools::NOTICEABLE_MISREGISTRATION);
+        for (std::size_t f : settings.misregistered) std::printf(" %zu", f);
+        std::printf("\n");
+    }
     return 0;
 }
 
