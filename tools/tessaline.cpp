@@ -47,7 +47,7 @@ const char* USAGE =
     "Commands:\n"
     "  demo                             scan the built-in part (simulated), reconstruct it, write\n"
     "                                   tessaline-demo.ply and tessaline-demo.png, report the accuracy\n"
-    "  reconstruct INPUT... -o OUTPUT   scan frames in, mesh out\n"
+    "  reconstruct INPUT... -o OUTPUT   scan frames in (PLY, PTX, PTS/XYZ, PCD, LAS), mesh out\n"
     "  simulate -o DIR                  write a simulated scan of the built-in part as PLY frames\n"
     "  render MESH -o PNG               a shaded picture of a mesh from four directions\n"
     "  compare MESH REFERENCE           distances between a mesh and a reference mesh or the part\n"
@@ -61,6 +61,7 @@ const char* USAGE =
     "  tessaline demo\n"
     "  tessaline reconstruct scans/bun.conf --units m -o bunny.ply --reference reference/bun_zipper.ply\n"
     "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl\n"
+    "  tessaline reconstruct room.ptx --units m -o room.ply\n"
     "  tessaline reconstruct cloud.ply --units m -o mesh.ply --json\n";
 
 bool endsWith(const std::string& text, const std::string& suffix) {
@@ -491,7 +492,9 @@ int reconstruct(int argc, char** argv) {
             "%s\nExamples:\n  tessaline reconstruct scans/bun.conf --units m -o bunny.ply "
             "--reference reference/bun_zipper.ply\n"
             "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl --reference part\n"
-            "  tessaline reconstruct cloud.ply --units m -o mesh.ply --min-piece 100 --fill-holes 30 --json\n",
+            "  tessaline reconstruct cloud.ply --units m -o mesh.ply --min-piece 100 --fill-holes 30 --json\n"
+            "  tessaline reconstruct room.ptx --units m -o room.ply      # also .pts, .xyz, .txt, .pcd, .las\n"
+            "\nA folder is read as all its .ply, .ptx, .pts, .xyz, .pcd and .las files (README: point formats).\n",
             options.help().c_str());
         return 0;
     }
