@@ -27,6 +27,12 @@ public:
     }
 
     std::size_t size() const { return m_frame->xyz.size(); }
+    void reserve(std::size_t points) {
+        m_frame->xyz.reserve(points);
+        m_frame->nor.reserve(points);
+        m_frame->w.reserve(points);
+        if (m_grow_colours) m_colours.reserve(points);
+    }
     // Room for `more` points after the present ones (not from a parallel loop).
     void grow(std::size_t more) {
         const std::size_t n = size() + more;

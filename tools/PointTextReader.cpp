@@ -146,6 +146,13 @@ void readPointText(const std::string& path, const ScanReadOptions& options, Scan
     }
 
     FrameBuilder builder(0, options, layout.colour >= 0);
+    // Room for the points the file's size suggests at the first piece's bytes a line, so that the arrays
+    // are not copied as they grow.
+    const std::size_t piece_bytes = static_cast<std::size_t>(piece.starts.back() - piece.starts[first]) + 1;
+    if (piece.size() > first + 1)
+        builder.reserve(static_cast<std::size_t>(static_cast<double>(text.fileBytes()) /
+                                                 (static_cast<double>(piece_bytes) / (piece.size() - 1 - first)) *
+                                                 1.05));
     for (;;) {
         const std::size_t start = builder.size(), lines = piece.size() - first;
         builder.grow(lines);

@@ -190,13 +190,15 @@ void readPtx(const std::string& path, const ScanReadOptions& options, ScanInput&
         for (int k = 0; k < 16; ++k) identity = identity && matrix[k] == (k % 5 == 0 ? 1.0 : 0.0);
         // Normals from positions relative to the scanner, which floats hold well wherever the scan lies.
         std::vector<V3> relative(n);
-        for (std::size_t i = 0; i < n; ++i)
+        const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(static)
+        for (std::int64_t s = 0; s < count; ++s)
             for (int k = 0; k < 3; ++k)
-                relative[i][k] = static_cast<float>(local[i][k] - (identity ? position[k] : 0.0));
+                relative[static_cast<std::size_t>(s)][k] =
+                    static_cast<float>(local[static_cast<std::size_t>(s)][k] - (identity ? position[k] : 0.0));
         const std::vector<V3> normals = gridNormals(relative, valid, columns, rows);
         relative = std::vector<V3>();
         FrameBuilder builder(n, options, !colours.empty());
-        const std::int64_t count = static_cast<std::int64_t>(n);
 #pragma omp parallel for schedule(static)
         for (std::int64_t s = 0; s < count; ++s) {
             const std::size_t i = static_cast<std::size_t>(s);
