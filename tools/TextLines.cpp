@@ -158,22 +158,31 @@ std::size_t TextLines::nextLines(std::size_t max_lines, TextPiece& piece, bool c
 }
 
 std::size_t parseLine(const TextLines& lines, const char* line, long number, double* values, std::size_t max) {
+    // std::from_chars reads each number straight up to the line's end and stops where it ends; what stops it
+    // must be a separator, or the token is not a number.
+    const char* const end = static_cast<const char*>(rawmemchr(line, '\n'));  // every line has its end
     std::size_t count = 0;
     const char* p = skipSeparators(line);
-    while (*p != '\n') {
-        const char* end = p;
-        while (*end != '\n' && !isSeparator(*end)) ++end;
+    while (p != end) {
         if (count < max) {
             const char* start = *p == '+' ? p + 1 : p;  // as strtod takes it
             const std::from_chars_result r = std::from_chars(start, end, values[count]);
-            if (r.ec == std::errc::result_out_of_range && r.ptr == end) {
-                values[count] = std::strtod(std::string(p, end).c_str(), nullptr);  // infinity or zero
-            } else if (r.ec != std::errc() || r.ptr != end) {
-                lines.fail(number, "'" + std::string(p, std::min<std::size_t>(40, end - p)) + "' is not a number");
+            if (r.ptr != start && (r.ptr == end || isSeparator(*r.ptr)) &&
+                (r.ec == std::errc() || r.ec == std::errc::result_out_of_range)) {
+                if (r.ec == std::errc::result_out_of_range)  // beyond a double: infinity or zero, as strtod gives
+                    values[count] = std::strtod(std::string(p, r.ptr).c_str(), nullptr);
+                p = r.ptr;
+            } else {
+                const char* token_end = p;
+                while (token_end != end && !isSeparator(*token_end)) ++token_end;
+                lines.fail(number,
+                           "'" + std::string(p, std::min<std::size_t>(40, token_end - p)) + "' is not a number");
             }
+        } else {
+            while (p != end && !isSeparator(*p)) ++p;
         }
         ++count;
-        p = skipSeparators(end);
+        p = skipSeparators(p);
     }
     return count;
 }
