@@ -50,6 +50,15 @@ std::string errorOf(const std::string& path) {
     return std::string();
 }
 
+// Each file is refused with one line that names it and says `expected`.
+template <std::size_t N>
+void expectRefusals(const std::pair<std::string, std::string> (&cases)[N]) {
+    for (const auto& [path, expected] : cases) {
+        const std::string error = errorOf(path);
+        EXPECT_TRUE(contains(error, path + ": ") && contains(error, expected)) << error << "\nexpected: " << expected;
+    }
+}
+
 // Bytes of a value as they lie in a little-endian file.
 template <class T>
 std::string bytes(T value) {
@@ -154,11 +163,7 @@ TEST(PtxFiles, DamagedScansAreRefusedNamingFileAndLine) {
         {writeFile("word.ptx", ptxScan(2, 2, "0 0 zero", identity, four)), "line 3: 'zero' is not a number"},
         {writeFile("empty.ptx", "\n\n"), "no scan in the PTX file"},
     };
-    for (const auto& [path, expected] : cases) {
-        const std::string error = errorOf(path);
-        EXPECT_TRUE(contains(error, path + ": ")) << error;
-        EXPECT_TRUE(contains(error, expected)) << error;
-    }
+    expectRefusals(cases);
 }
 
 TEST(PointTextFiles, ColumnLayoutsAreToldFromTheirNumberAndValues) {
@@ -229,11 +234,7 @@ TEST(PointTextFiles, DamagedFilesAreRefusedNamingFileAndLine) {
         {writeFile("neither.xyz", "1 2 3 0.5 0.2 0.1\n"), "neither unit normals nor colours"},
         {writeFile("blank.xyz", "\n# nothing\n"), "no points in the file"},
     };
-    for (const auto& [path, expected] : cases) {
-        const std::string error = errorOf(path);
-        EXPECT_TRUE(contains(error, path + ": ")) << error;
-        EXPECT_TRUE(contains(error, expected)) << error;
-    }
+    expectRefusals(cases);
 }
 
 namespace {
@@ -341,11 +342,7 @@ TEST(PcdFiles, DamagedFilesAreRefusedNamingTheFileAndTheReason) {
          "line 7: 4 values where a point has 3"},
         {writeFile("nodata.pcd", "FIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nWIDTH 2\n"), "the PCD header has no DATA line"},
     };
-    for (const auto& [path, expected] : cases) {
-        const std::string error = errorOf(path);
-        EXPECT_TRUE(contains(error, path + ": ")) << error;
-        EXPECT_TRUE(contains(error, expected)) << error;
-    }
+    expectRefusals(cases);
 }
 
 namespace {
@@ -449,11 +446,7 @@ TEST(LasFiles, DamagedAndCompressedFilesAreRefusedWithWhatToDo) {
         {writeFile("scan.E57", "ASTM-E57"), "E57 files are not read"},
         {writeFile("cloud.obj", "v 1 2 3\n"), "unknown point format"},
     };
-    for (const auto& [path, expected] : cases) {
-        const std::string error = errorOf(path);
-        EXPECT_TRUE(contains(error, path + ": ")) << error;
-        EXPECT_TRUE(contains(error, expected)) << error;
-    }
+    expectRefusals(cases);
 }
 
 TEST(MeshFiles, AnOriginIsAddedBackInDoublePrecision) {
