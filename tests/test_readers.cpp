@@ -447,6 +447,11 @@ TEST(LasFiles, DamagedAndCompressedFilesAreRefusedWithWhatToDo) {
         {writeFile("cloud.obj", "v 1 2 3\n"), "unknown point format"},
     };
     expectRefusals(cases);
+    // A file of no known extension that starts as a PLY file is read as one, as the program always did.
+    const std::string ply =
+        "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+        "property float z\nend_header\n1 2 3\n";
+    EXPECT_EQ(readScan(writeFile("frame.data", ply)).frames[0]->xyz.size(), 1u);
 }
 
 TEST(MeshFiles, AnOriginIsAddedBackInDoublePrecision) {

@@ -2,8 +2,10 @@
 #include "ScanFormats.h"
 
 #include <cctype>
+#include <fstream>
 #include <stdexcept>
 
+#include "PlyReader.h"
 #include "PointCloudIO.h"
 
 namespace tessaline_tools {
@@ -33,8 +35,22 @@ ScanFormat scanFormatOf(const std::string& path, bool in_folder) {
     return ScanFormat::Unknown;
 }
 
+namespace {
+
+// A file of no known extension is read as PLY when it starts as one, as the program always read it.
+bool startsAsPly(const std::string& path) {
+    char magic[4] = {};
+    std::ifstream(path, std::ios::binary).read(magic, 3);
+    return std::string(magic) == "ply";
+}
+
+}  // namespace
+
 void readScanFile(const std::string& path, const ScanReadOptions& options, ScanInput& out, ScanReadNotes& notes) {
-    switch (scanFormatOf(path)) {
+    refuseIrregularFile(path);  // a device or a pipe could feed a reader without end
+    ScanFormat format = scanFormatOf(path);
+    if (format == ScanFormat::Unknown && startsAsPly(path)) format = ScanFormat::Ply;
+    switch (format) {
         case ScanFormat::Ply: {
             PointCloudReadInfo info;
             FrameExtras extras;

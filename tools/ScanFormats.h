@@ -31,8 +31,9 @@ enum class ScanFormat { Ply, Ptx, PointText, Pcd, Las, Laz, E57, Unknown };
 ScanFormat scanFormatOf(const std::string& path, bool in_folder = false);
 
 // Reads one file of any format above into frames added to `out` (PLY through readPlyPointCloud, its points
-// moved by the origin). A .laz or .e57 file, or one of no known extension, is refused with a line that says
-// what to do. Throws std::runtime_error naming the file.
+// moved by the origin; so is a file of no known extension that starts as a PLY file). A .laz or .e57 file,
+// or another of no known extension, is refused with a line that says what to do. Throws std::runtime_error
+// naming the file.
 void readScanFile(const std::string& path, const ScanReadOptions& options, ScanInput& out, ScanReadNotes& notes);
 
 // PTX: one frame a scan of the file. Each scan: columns, rows, the scanner's position, its three axes, a
