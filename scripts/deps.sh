@@ -3,7 +3,7 @@
 # benchmarks need; quiet when all of them are there already.
 set -euo pipefail
 packages=(cmake g++ make binutils pkg-config libgtest-dev libnanoflann-dev libthrust-dev libcub-dev libeigen3-dev
-  libcxxopts-dev libpng-dev pybind11-dev python3-dev python3-numpy python3-pytest)
+  libcxxopts-dev libpng-dev liblzf-dev pybind11-dev python3-dev python3-numpy python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

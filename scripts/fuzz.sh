@@ -17,8 +17,9 @@ if ((${#missing[@]})); then
 fi
 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DTESSALINE_FUZZ=ON -DTESSALINE_SANITIZE=address,undefined,float-cast-overflow -DTESSALINE_BUILD_TESTS=OFF -DTESSALINE_BUILD_TOOLS=OFF >/dev/null
-cmake --build build-fuzz -j"$(nproc)" --target fuzz_ply fuzz_scan_list fuzz_engine
-for target in fuzz_ply fuzz_scan_list fuzz_engine; do
+targets=(fuzz_ply fuzz_scan_list fuzz_engine fuzz_ptx fuzz_pts fuzz_pcd fuzz_las)
+cmake --build build-fuzz -j"$(nproc)" --target "${targets[@]}"
+for target in "${targets[@]}"; do
   corpus=build-fuzz/corpus-${target#fuzz_}
   mkdir -p "$corpus"
   echo "== $target, ${seconds} s"

@@ -17,7 +17,19 @@
 
 namespace tessaline_tools {
 
-IndexedMesh readPlyMesh(const std::string& path, float scale) {
+using Origin = std::array<double, 3>;
+
+namespace {
+
+// A vertex coordinate read as a double, scaled, the origin taken off.
+float vertexCoordinate(double value, float scale, const Origin* origin, int axis) {
+    if (origin == nullptr) return static_cast<float>(value) * scale;
+    return static_cast<float>(value * scale - (*origin)[axis]);
+}
+
+}  // namespace
+
+IndexedMesh readPlyMesh(const std::string& path, float scale, const Origin* origin) {
     PlyReader ply(path);
     const PlyElement* vertex = ply.find("vertex");
     if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
@@ -30,7 +42,8 @@ IndexedMesh readPlyMesh(const std::string& path, float scale) {
     IndexedMesh mesh;
     mesh.vertices.resize(static_cast<std::size_t>(vertex->count));
     ply.readScalars(*vertex, columns, [&](long i, const double* p) {
-        for (int k = 0; k < 3; ++k) mesh.vertices[static_cast<std::size_t>(i)][k] = static_cast<float>(p[k]) * scale;
+        for (int k = 0; k < 3; ++k)
+            mesh.vertices[static_cast<std::size_t>(i)][k] = vertexCoordinate(p[k], scale, origin, k);
     });
     const PlyElement* face = ply.find("face");
     if (face == nullptr || face < vertex) return mesh;
@@ -95,7 +108,7 @@ std::uint32_t objIndex(const std::string& token, std::size_t count, const std::s
     return static_cast<std::uint32_t>(index);
 }
 
-IndexedMesh readObj(const std::string& path, float scale) {
+IndexedMesh readObj(const std::string& path, float scale, const Origin* origin) {
     refuseIrregularFile(path);
     std::ifstream in(path);
     if (!in) throw std::runtime_error(path + ": cannot open the file");
@@ -111,8 +124,8 @@ IndexedMesh readObj(const std::string& path, float scale) {
             double p[3];
             if (!(words >> p[0] >> p[1] >> p[2]))
                 throw std::runtime_error(path + ": line " + std::to_string(line) + ": a vertex needs x, y and z");
-            mesh.vertices.push_back(
-                {static_cast<float>(p[0]) * scale, static_cast<float>(p[1]) * scale, static_cast<float>(p[2]) * scale});
+            mesh.vertices.push_back({vertexCoordinate(p[0], scale, origin, 0), vertexCoordinate(p[1], scale, origin, 1),
+                                     vertexCoordinate(p[2], scale, origin, 2)});
         } else if (kind == "f") {
             std::vector<std::uint32_t> corners;
             std::string token;
@@ -126,7 +139,7 @@ IndexedMesh readObj(const std::string& path, float scale) {
     return mesh;
 }
 
-IndexedMesh readStl(const std::string& path, float scale) {
+IndexedMesh readStl(const std::string& path, float scale, const Origin* origin) {
     refuseIrregularFile(path);
     std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in) throw std::runtime_error(path + ": cannot open the file");
@@ -134,7 +147,11 @@ IndexedMesh readStl(const std::string& path, float scale) {
     in.seekg(0);
     IndexedMesh mesh;
     const auto addCorner = [&](const float p[3]) {
-        mesh.vertices.push_back({p[0] * scale, p[1] * scale, p[2] * scale});
+        if (origin == nullptr)
+            mesh.vertices.push_back({p[0] * scale, p[1] * scale, p[2] * scale});
+        else
+            mesh.vertices.push_back({vertexCoordinate(p[0], scale, origin, 0), vertexCoordinate(p[1], scale, origin, 1),
+                                     vertexCoordinate(p[2], scale, origin, 2)});
     };
     char header[84] = {};
     if (size >= 84 && in.read(header, 84)) {
@@ -201,20 +218,32 @@ private:
     std::vector<char> m_bytes;
 };
 
-void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh) {
+void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh, const Origin* origin) {
     const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
     const bool words = mesh.words.size() == mesh.vertices.size() && !mesh.vertices.empty();
     out << "ply\nformat binary_little_endian 1.0\ncomment tessaline mesh\n";
     if (words)
         out << "comment word: bits 0-7 scale codes, 8-15 flags, 16-31 quality (four equal nibbles); "
                "scale_code, flags and quality repeat its low three bytes\n";
-    out << "element vertex " << mesh.vertices.size() << "\nproperty float x\nproperty float y\nproperty float z\n";
+    if (origin != nullptr) {
+        char text[160];
+        std::snprintf(text, sizeof(text), "comment x y z hold the origin %.17g %.17g %.17g added back\n", (*origin)[0],
+                      (*origin)[1], (*origin)[2]);
+        out << text;
+    }
+    const char* coordinate = origin != nullptr ? "double" : "float";
+    out << "element vertex " << mesh.vertices.size() << "\nproperty " << coordinate << " x\nproperty " << coordinate
+        << " y\nproperty " << coordinate << " z\n";
     if (normals) out << "property float nx\nproperty float ny\nproperty float nz\n";
     if (words) out << "property int word\nproperty uchar scale_code\nproperty uchar flags\nproperty uchar quality\n";
     out << "element face " << mesh.triangles.size() << "\nproperty list uchar uint vertex_indices\nend_header\n";
     ByteBuffer body(out);
     for (std::size_t i = 0; i < mesh.vertices.size(); ++i) {
-        body.put(mesh.vertices[i]);
+        if (origin != nullptr) {
+            for (int k = 0; k < 3; ++k) body.put(static_cast<double>(mesh.vertices[i][k]) + (*origin)[k]);
+        } else {
+            body.put(mesh.vertices[i]);
+        }
         if (normals) body.put(mesh.normals[i]);
         if (words) {
             const std::uint32_t w = mesh.words[i];
@@ -230,12 +259,16 @@ void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh) {
     }
 }
 
-void writeObj(std::ofstream& out, const IndexedMesh& mesh) {
+void writeObj(std::ofstream& out, const IndexedMesh& mesh, const Origin* origin) {
     const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
     out << "# tessaline mesh\n";
     char line[160];
     for (const auto& v : mesh.vertices) {
-        std::snprintf(line, sizeof(line), "v %.9g %.9g %.9g\n", v[0], v[1], v[2]);
+        if (origin != nullptr)
+            std::snprintf(line, sizeof(line), "v %.15g %.15g %.15g\n", v[0] + (*origin)[0], v[1] + (*origin)[1],
+                          v[2] + (*origin)[2]);
+        else
+            std::snprintf(line, sizeof(line), "v %.9g %.9g %.9g\n", v[0], v[1], v[2]);
         out << line;
     }
     if (normals) {
@@ -277,11 +310,11 @@ void writeStl(std::ofstream& out, const IndexedMesh& mesh) {
 
 }  // namespace
 
-IndexedMesh readMesh(const std::string& path, float scale) {
+IndexedMesh readMesh(const std::string& path, float scale, const Origin* origin) {
     const std::string ext = extensionOf(path);
-    if (ext == "ply") return readPlyMesh(path, scale);
-    if (ext == "obj") return readObj(path, scale);
-    if (ext == "stl") return readStl(path, scale);
+    if (ext == "ply") return readPlyMesh(path, scale, origin);
+    if (ext == "obj") return readObj(path, scale, origin);
+    if (ext == "stl") return readStl(path, scale, origin);
     throw std::runtime_error(path + ": unknown mesh format (use .ply, .obj or .stl)");
 }
 
@@ -295,15 +328,22 @@ void scaleMesh(IndexedMesh& mesh, float scale) {
         for (float& x : v) x *= scale;
 }
 
-void writeMesh(const std::string& path, const IndexedMesh& mesh) {
+bool keepsOrigin(const std::string& path) { return extensionOf(path) != "stl"; }
+
+void writeMesh(const std::string& path, const IndexedMesh& mesh, const Origin* origin) {
     const std::string ext = extensionOf(path);
     if (!isMeshFileName(path)) throw std::runtime_error(path + ": unknown mesh format (use .ply, .obj or .stl)");
+    if (origin != nullptr && (*origin)[0] == 0.0 && (*origin)[1] == 0.0 && (*origin)[2] == 0.0) origin = nullptr;
+    if (origin != nullptr && !keepsOrigin(path))
+        throw std::runtime_error(path +
+                                 ": STL holds coordinates as floats, which cannot keep geo-referenced "
+                                 "coordinates to a millimetre; write .ply or .obj");
     OutputFile file(path);
     {
         std::ofstream out(file.temporaryPath(), std::ios::binary);
         if (!out) throw std::runtime_error(path + ": cannot write the file");
-        if (ext == "ply") writeBinaryPly(out, mesh);
-        if (ext == "obj") writeObj(out, mesh);
+        if (ext == "ply") writeBinaryPly(out, mesh, origin);
+        if (ext == "obj") writeObj(out, mesh, origin);
         if (ext == "stl") writeStl(out, mesh);
         if (!out.flush()) throw std::runtime_error(path + ": writing failed (the disk full?)");
     }

@@ -3,6 +3,7 @@
 // written with their vertex words and normals.
 #pragma once
 
+#include <array>
 #include <string>
 
 #include "tessaline/Tessaline.h"
@@ -15,9 +16,11 @@ using SurfaceReconstruction::IndexedMesh;
 // A mesh file by its extension: .ply (ASCII or binary; faces of three or more vertices fanned into
 // triangles), .obj (v and f lines, any of the f forms i, i/t, i//n, i/t/n, negative indices counting back;
 // polygons fanned), .stl (binary or ASCII; each triangle keeps its own three vertices). Vertices are scaled
-// by `scale`; words and normals are not read. Throws std::runtime_error naming the file and the problem.
-IndexedMesh readMesh(const std::string& path, float scale = 1.0f);
-IndexedMesh readPlyMesh(const std::string& path, float scale = 1.0f);
+// by `scale`; words and normals are not read. With `origin` (millimetres, as the scaled vertices) given, it
+// is taken off every scaled vertex in double precision before the rounding to float, as the readers of
+// geo-referenced scans do. Throws std::runtime_error naming the file and the problem.
+IndexedMesh readMesh(const std::string& path, float scale = 1.0f, const std::array<double, 3>* origin = nullptr);
+IndexedMesh readPlyMesh(const std::string& path, float scale = 1.0f, const std::array<double, 3>* origin = nullptr);
 
 // Writes the library's triangle soup as a binary little-endian PLY: three vertices a triangle, each with its
 // 32-bit word. Throws std::runtime_error when the file cannot be written.
@@ -34,7 +37,12 @@ void scaleMesh(IndexedMesh& mesh, float scale);
 // into `uchar scale_code` (bits 0-7), `uchar flags` (bits 8-15) and `uchar quality` (bits 16-23); faces as
 // `list uchar uint vertex_indices`. .obj: v and, with normals, vn lines, faces as f i//i. .stl: binary,
 // facet normals from the triangles. The file appears only when complete. Throws std::runtime_error naming
-// the file.
-void writeMesh(const std::string& path, const IndexedMesh& mesh);
+// the file. With `origin` (the mesh's unit) given and not zero, it is added to every vertex in double
+// precision: a PLY gets `double` x, y, z, an OBJ 15 significant digits; an STL, whose coordinates are floats,
+// is refused (see keepsOrigin).
+void writeMesh(const std::string& path, const IndexedMesh& mesh, const std::array<double, 3>* origin = nullptr);
+
+// False for a file whose format cannot hold vertices far from the origin to a millimetre (.stl).
+bool keepsOrigin(const std::string& path);
 
 }  // namespace tessaline_tools

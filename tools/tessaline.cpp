@@ -27,6 +27,7 @@
 #include "PointCloudIO.h"
 #include "RangeScan.h"
 #include "Reconstruction.h"
+#include "ScanFormats.h"
 #include "ScanInput.h"
 #include "ScanSimulator.h"
 #include "SurfaceCompare.h"
@@ -46,7 +47,7 @@ const char* USAGE =
     "Commands:\n"
     "  demo                             scan the built-in part (simulated), reconstruct it, write\n"
     "                                   tessaline-demo.ply and tessaline-demo.png, report the accuracy\n"
-    "  reconstruct INPUT... -o OUTPUT   scan frames in, mesh out\n"
+    "  reconstruct INPUT... -o OUTPUT   scan frames in (PLY, PTX, PTS/XYZ, PCD, LAS), mesh out\n"
     "  simulate -o DIR                  write a simulated scan of the built-in part as PLY frames\n"
     "  render MESH -o PNG               a shaded picture of a mesh from four directions\n"
     "  compare MESH REFERENCE           distances between a mesh and a reference mesh or the part\n"
@@ -60,6 +61,7 @@ const char* USAGE =
     "  tessaline demo\n"
     "  tessaline reconstruct scans/bun.conf --units m -o bunny.ply --reference reference/bun_zipper.ply\n"
     "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl\n"
+    "  tessaline reconstruct room.ptx --units m -o room.ply\n"
     "  tessaline reconstruct cloud.ply --units m -o mesh.ply --json\n";
 
 bool endsWith(const std::string& text, const std::string& suffix) {
@@ -76,8 +78,9 @@ bool isDirectory(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// The .ply files of `folder` in name order, leaving out `output`'s target: a run never reads its own mesh.
-std::vector<std::string> plyFilesIn(const std::string& folder, const std::string& output) {
+// The point files of `folder` (every format readScanFile knows, .txt aside) in name order, leaving out
+// `output`'s target: a run never reads its own mesh.
+std::vector<std::string> scanFilesIn(const std::string& folder, const std::string& output) {
     struct stat output_info;
     const bool output_exists = stat(tessaline_tools::outputTarget(output).c_str(), &output_info) == 0;
     std::vector<std::string> files;
@@ -85,7 +88,7 @@ std::vector<std::string> plyFilesIn(const std::string& folder, const std::string
     if (dir == nullptr) throw std::runtime_error(folder + ": cannot read the directory");
     while (dirent* entry = readdir(dir)) {
         const std::string name = entry->d_name;
-        if (!endsWith(lower(name), ".ply")) continue;
+        if (tessaline_tools::scanFormatOf(name, true) == tessaline_tools::ScanFormat::Unknown) continue;
         const std::string path = folder + "/" + name;
         struct stat info;
         if (output_exists && stat(path.c_str(), &info) == 0 && info.st_dev == output_info.st_dev &&
@@ -95,7 +98,8 @@ std::vector<std::string> plyFilesIn(const std::string& folder, const std::string
     }
     closedir(dir);
     std::sort(files.begin(), files.end());
-    if (files.empty()) throw std::runtime_error(folder + ": no .ply files in the directory");
+    if (files.empty())
+        throw std::runtime_error(folder + ": no point files (.ply, .ptx, .pts, .xyz, .pcd, .las) in the directory");
     return files;
 }
 
@@ -108,42 +112,65 @@ float unitToMillimetres(const std::string& unit) {
     throw std::runtime_error("unknown unit '" + unit + "' (use mm, cm, m or in)");
 }
 
-// The frames of every input: scan lists, PLY files and folders of them (`output` left out of a folder), with
-// what the files say beside the points: normals given or not, the scanner's position, colours.
+// The frames of every input: scan lists, point files of any format readScanFile knows and folders of them
+// (`output` left out of a folder), with what the files say beside the points: normals given or not, the
+// scanner's position, colours. The run's origin is that of its first LAS file (zero without one): every
+// frame is read relative to it.
 tessaline_tools::ScanInput readInputs(const std::vector<std::string>& inputs, float to_mm, int scale_code,
                                       const std::string& output, bool quiet) {
+    // The files of each input first: the origin must be known before any point is read.
+    std::vector<std::vector<std::string>> files(inputs.size());
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        if (endsWith(lower(inputs[i]), ".conf")) continue;
+        files[i] = isDirectory(inputs[i]) ? scanFilesIn(inputs[i], output) : std::vector<std::string>{inputs[i]};
+    }
     tessaline_tools::ScanInput scan;
-    for (const std::string& input : inputs) {
-        if (endsWith(lower(input), ".conf")) {
-            tessaline_tools::RangeScanOptions options;
-            options.scale = to_mm;
-            options.scale_code = scale_code;
-            for (auto& frame : tessaline_tools::readRangeScanSet(input, options)) {
+    for (const auto& list : files) {
+        const auto las = std::find_if(list.begin(), list.end(), [](const std::string& file) {
+            return tessaline_tools::scanFormatOf(file) == tessaline_tools::ScanFormat::Las;
+        });
+        if (las == list.end()) continue;
+        scan.origin = tessaline_tools::lasOrigin(*las, to_mm);
+        break;
+    }
+    tessaline_tools::ScanReadOptions options;
+    options.scale = to_mm;
+    options.scale_code = scale_code;
+    options.origin = scan.origin;
+    for (std::size_t input = 0; input < inputs.size(); ++input) {
+        if (endsWith(lower(inputs[input]), ".conf")) {
+            tessaline_tools::RangeScanOptions range;
+            range.scale = to_mm;
+            range.scale_code = scale_code;
+            for (auto& frame : tessaline_tools::readRangeScanSet(inputs[input], range)) {
                 tessaline_tools::FrameExtras extras;
-                extras.source = input;
+                extras.source = inputs[input];
                 extras.sensor = true;  // each scan's pose puts the scanner at its translation
-                for (int k = 0; k < 3; ++k) extras.sensor_position[k] = frame->frame_info.translation[k];
+                for (int k = 0; k < 3; ++k)
+                    extras.sensor_position[k] = frame->frame_info.translation[k] - scan.origin[k];
+                if (scan.hasOrigin())
+                    for (auto& p : frame->xyz)
+                        for (int k = 0; k < 3; ++k)
+                            p[k] = static_cast<float>(static_cast<double>(p[k]) - scan.origin[k]);
                 scan.add(frame, std::move(extras));
             }
             continue;
         }
-        const std::vector<std::string> files =
-            isDirectory(input) ? plyFilesIn(input, output) : std::vector<std::string>{input};
-        // The files on all cores, each frame into its place; the notes and the first failure in file order.
-        Frames read(files.size());
-        std::vector<tessaline_tools::PointCloudReadInfo> infos(files.size());
-        std::vector<tessaline_tools::FrameExtras> extras(files.size());
-        tessaline_tools::forEachInOrder(files.size(), [&](std::size_t i) {
-            read[i] = tessaline_tools::readPlyPointCloud(files[i], to_mm, scale_code, infos[i], &extras[i]);
-        });
-        for (std::size_t i = 0; i < files.size(); ++i) {
-            scan.add(std::move(read[i]), std::move(extras[i]));
-            if (infos[i].dropped > 0 && !quiet)
+        const std::vector<std::string>& list = files[input];
+        // The files on all cores, each one's frames into its place; the notes and the first failure in file order.
+        std::vector<tessaline_tools::ScanInput> read(list.size());
+        std::vector<tessaline_tools::ScanReadNotes> notes(list.size());
+        tessaline_tools::forEachInOrder(
+            list.size(), [&](std::size_t i) { tessaline_tools::readScanFile(list[i], options, read[i], notes[i]); });
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            for (std::size_t f = 0; f < read[i].frames.size(); ++f)
+                scan.add(std::move(read[i].frames[f]), std::move(read[i].extras[f]));
+            if (notes[i].dropped > 0 && !quiet)
                 std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n",
-                             files[i].c_str(), infos[i].dropped);
-            if (infos[i].faces > 0 && !quiet)
+                             list[i].c_str(), notes[i].dropped);
+            if (notes[i].faces > 0 && !quiet)
                 std::fprintf(stderr, "tessaline: %s is a mesh (%ld faces): its vertices are read as points\n",
-                             files[i].c_str(), infos[i].faces);
+                             list[i].c_str(), notes[i].faces);
         }
     }
     return scan;
@@ -224,9 +251,10 @@ std::vector<double> parseThresholds(const std::string& text) {
 
 // A mesh to compare, scaled to millimetres: triangles with area, at coordinates whose squared distances
 // a float still holds (1e12 mm is a million kilometres).
-tessaline_tools::IndexedMesh readComparedMesh(const std::string& path, float to_mm) {
+tessaline_tools::IndexedMesh readComparedMesh(const std::string& path, float to_mm,
+                                              const tessaline_tools::Origin* origin = nullptr) {
     constexpr float FARTHEST = 1e12f;
-    tessaline_tools::IndexedMesh mesh = tessaline_tools::readMesh(path, to_mm);
+    tessaline_tools::IndexedMesh mesh = tessaline_tools::readMesh(path, to_mm, origin);
     for (const auto& v : mesh.vertices)
         for (float c : v)
             if (!(std::fabs(c) <= FARTHEST))
@@ -236,17 +264,19 @@ tessaline_tools::IndexedMesh readComparedMesh(const std::string& path, float to_
     return mesh;
 }
 
-std::unique_ptr<tessaline_tools::Surface> comparedSurface(const std::string& path, float to_mm, std::size_t samples) {
-    auto surface = tessaline_tools::meshSurface(readComparedMesh(path, to_mm), samples);
+std::unique_ptr<tessaline_tools::Surface> comparedSurface(const std::string& path, float to_mm, std::size_t samples,
+                                                          const tessaline_tools::Origin* origin = nullptr) {
+    auto surface = tessaline_tools::meshSurface(readComparedMesh(path, to_mm, origin), samples);
     if (surface->samples().empty()) throw std::runtime_error(path + ": no triangle has an area");
     return surface;
 }
 
-// The reference of a comparison: the built-in part, or a mesh file scaled to millimetres.
-std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& reference, float to_mm,
-                                                        std::size_t samples) {
+// The reference of a comparison: the built-in part, or a mesh file scaled to millimetres (the run's origin
+// taken off, where it has one).
+std::unique_ptr<tessaline_tools::Surface> loadReference(const std::string& reference, float to_mm, std::size_t samples,
+                                                        const tessaline_tools::Origin* origin = nullptr) {
     if (reference == "part") return tessaline_tools::partSurface(0.15);
-    return comparedSurface(reference, to_mm, samples);
+    return comparedSurface(reference, to_mm, samples, origin);
 }
 
 std::vector<tessaline_tools::Triangle> trianglesOf(const tessaline_tools::IndexedMesh& mesh) {
@@ -453,7 +483,7 @@ int reconstruct(int argc, char** argv) {
         cxxopts::value<std::string>())("json", "the summary as one JSON object on standard output")(
         "verbose", "let the library's diagnostic lines through (standard output; standard error with --json)")(
         "quiet", "no progress line and no notes on standard error")("h,help", "show this text")(
-        "inputs", "PLY point clouds with normals, directories of them, or a .conf scan list",
+        "inputs", "point clouds (.ply, .ptx, .pts, .xyz, .txt, .pcd, .las), folders of them, or a .conf scan list",
         cxxopts::value<std::vector<std::string>>());
     options.parse_positional({"inputs"});
     const cxxopts::ParseResult args = options.parse(argc, argv);
@@ -462,7 +492,9 @@ int reconstruct(int argc, char** argv) {
             "%s\nExamples:\n  tessaline reconstruct scans/bun.conf --units m -o bunny.ply "
             "--reference reference/bun_zipper.ply\n"
             "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl --reference part\n"
-            "  tessaline reconstruct cloud.ply --units m -o mesh.ply --min-piece 100 --fill-holes 30 --json\n",
+            "  tessaline reconstruct cloud.ply --units m -o mesh.ply --min-piece 100 --fill-holes 30 --json\n"
+            "  tessaline reconstruct room.ptx --units m -o room.ply      # also .pts, .xyz, .txt, .pcd, .las\n"
+            "\nA folder is read as all its .ply, .ptx, .pts, .xyz, .pcd and .las files (README: point formats).\n",
             options.help().c_str());
         return 0;
     }
@@ -492,6 +524,13 @@ int reconstruct(int argc, char** argv) {
     const auto since = [](Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); };
     const std::vector<std::string> inputs = args["inputs"].as<std::vector<std::string>>();
     tessaline_tools::ScanInput scan = readInputs(inputs, to_mm, scale_code, output, quiet);
+    if (scan.hasOrigin() && !tessaline_tools::keepsOrigin(output))
+        throw std::runtime_error(output +
+                                 ": STL holds coordinates as floats, which cannot keep the geo-referenced "
+                                 "coordinates of the input to a millimetre; write .ply or .obj");
+    // The origin in the input's unit, added back to the mesh as it is written.
+    tessaline_tools::Origin origin_in_unit;
+    for (int k = 0; k < 3; ++k) origin_in_unit[k] = scan.origin[k] / to_mm;
     for (const tessaline_tools::FrameExtras& extras : scan.extras)
         if (!extras.normals)
             throw std::runtime_error(extras.source + ": no normals (nx, ny, nz or normal_x, normal_y, normal_z)");
@@ -509,7 +548,9 @@ int reconstruct(int argc, char** argv) {
     const double read_s = since(start);
     // Read the reference first: a bad reference file should not cost a whole run.
     std::unique_ptr<tessaline_tools::Surface> reference;
-    if (args.count("reference")) reference = loadReference(args["reference"].as<std::string>(), to_mm, 300000);
+    if (args.count("reference"))
+        reference = loadReference(args["reference"].as<std::string>(), to_mm, 300000,
+                                  scan.hasOrigin() ? &scan.origin : nullptr);
     const auto spacing_start = Clock::now();
     choice.spacing = measureSpacing(frames);
     if (choice.automatic) {
@@ -547,7 +588,7 @@ int reconstruct(int argc, char** argv) {
     }
     tessaline_tools::scaleMesh(finished.mesh, 1.0f / to_mm);  // written in the input's unit
     const auto write_start = Clock::now();
-    if (!empty) tessaline_tools::writeMesh(output, finished.mesh);
+    if (!empty) tessaline_tools::writeMesh(output, finished.mesh, scan.hasOrigin() ? &origin_in_unit : nullptr);
     const Timings timings = {read_s, spacing_s, since(write_start)};
 
     if (!warning.empty()) std::fprintf(stderr, "tessaline: %s%s\n", empty ? "" : "warning: ", warning.c_str());
@@ -573,6 +614,12 @@ int reconstruct(int argc, char** argv) {
         j.number("blocks", run.stage_seconds[0]).number("fusion", run.stage_seconds[1]);
         j.number("meshing", run.stage_seconds[2]).number("finishing", finished.seconds);
         j.number("writing", timings.writing).close();
+        if (scan.hasOrigin())
+            j.openList("origin_mm")
+                .number(nullptr, scan.origin[0])
+                .number(nullptr, scan.origin[1])
+                .number(nullptr, scan.origin[2])
+                .closeList();
         j.number("peak_memory_mib", tessaline_tools::peakMemoryMiB());
         if (comparison) jsonComparison(j, *comparison);
         j.openList("warnings");
@@ -586,6 +633,12 @@ int reconstruct(int argc, char** argv) {
         std::printf("%s\n", text.c_str());
     } else {
         printSummary(run, choice, finished, finishing, timings, "reading");
+        if (scan.hasOrigin())
+            std::printf(
+                "origin %.15g %.15g %.15g (the input's unit): taken off the points before the run, added back "
+                "to the mesh's vertices (%s)\n",
+                origin_in_unit[0], origin_in_unit[1], origin_in_unit[2],
+                endsWith(lower(output), ".obj") ? "OBJ, 15 digits" : "PLY, double x y z");
         if (comparison) printComparison(*comparison, "the reference", "mm");
         if (!empty) std::printf("wrote %s\n", output.c_str());
     }

@@ -273,6 +273,26 @@ def test_open3d_and_meshio_read_the_words_and_normals_of_the_program_s_files(tmp
     np.testing.assert_array_equal(np.asarray(m.point_data["word"]).view(np.uint32), word)
 
 
+@pytest.mark.parametrize("ascii", [True, False])
+def test_the_program_reads_a_pcd_that_open3d_writes(tmp_path, ascii):
+    o3d = pytest.importorskip("open3d")
+    points, normals = sphere(n=8000)
+    colours = np.abs(normals)
+    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
+    cloud.normals = o3d.utility.Vector3dVector(normals)
+    cloud.colors = o3d.utility.Vector3dVector(colours)
+    source = tmp_path / "cloud.pcd"
+    assert o3d.io.write_point_cloud(str(source), cloud, write_ascii=ascii)
+    out = tmp_path / "mesh.ply"
+    result = _cli("reconstruct", source, "-o", out, "--resolution", "1.5", "--json")
+    assert result.returncode == 0, result.stderr
+    summary = json.loads(result.stdout)
+    assert summary["points"] == 8000 and summary["boundary_edges"] == 0
+    mesh = o3d.io.read_triangle_mesh(str(out))
+    radii = np.linalg.norm(np.asarray(mesh.vertices) - 100.0, axis=1)
+    assert np.abs(radii - 30.0).max() < 0.1 * 1.5
+
+
 def test_an_open3d_cloud_of_the_bunny_at_1_mm_gives_a_full_mesh(tmp_path):
     o3d = pytest.importorskip("open3d")
     reference = DATA / "stanford-bunny" / "reference" / "bun_zipper.ply"
