@@ -27,6 +27,9 @@ constexpr std::size_t REACH_SAMPLES = 20000;
 // smooth surfaces, where the order matters most.
 constexpr int WEIGHT_STEPS = 1024;
 constexpr double PI = 3.14159265358979323846;
+// The middle spread, as a share of the largest, below which neighbours lie on a line: well above the
+// closed form's error near a double eigenvalue (the arc cosine near 1 gives some 1e-8 of the largest).
+constexpr double LINE_SPREAD = 1e-6;
 // The edge of the search's cells in distances to the k-th nearest point (median): the 27 cells around a
 // point's own then hold its neighbours for most points, and not many more.
 constexpr double CELL_PER_NEIGHBOURHOOD = 1.5;
@@ -732,7 +735,8 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                     a[5] += d[2] * d[2];
                 }
                 double lambda[3], v[3];
-                if (!leastEigenvector(a, lambda, v) || !(lambda[1] > 0.0) ||
+                // A line of points (a middle spread of nothing, up to rounding) has no plane either.
+                if (!leastEigenvector(a, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
                     std::max(lambda[0], 0.0) > options.clear_plane * lambda[1]) {
                     ++unclear;
                     continue;
