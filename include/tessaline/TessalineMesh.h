@@ -168,10 +168,11 @@ struct NormalOptions {
 // does not jump across a thin wall): from the points of known side in the same connected piece (kept
 // normals, normals faced toward a scanner), or, in a piece without any, from its extreme point whose
 // normal lies closest to its axis (the point of largest x faces +x, of smallest x -x, and so on).
-// A point whose plane is ambiguous (see NormalOptions) is given (0, 0, 0) and counted. Deterministic, the
-// same for any number of threads; uses the OpenMP threads. `estimate` receives the counts.
-// 1 (TESSALINE_FAILURE) for sources that do not match the frames, options out of range or more than
-// 2^32 - 1 points; the frames are then unchanged.
+// A point whose plane is ambiguous (see NormalOptions) or that is not finite is given (0, 0, 0) and counted.
+// Deterministic, the same for any number of threads; uses the OpenMP threads. `estimate` receives the counts.
+// 1 (TESSALINE_FAILURE) for sources that do not match the frames (one a frame, a frame to estimate that is
+// null, a scanner position not finite), options out of range, or more points than it indexes (2^32 - 1, and
+// 2^29 where normals are oriented over the graph); the frames are then unchanged.
 TESSALINE_MESH_API int estimateNormals(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                        const std::vector<FrameNormalSource>& sources, NormalEstimate& estimate,
                                        const NormalOptions& options = NormalOptions());
