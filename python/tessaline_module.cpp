@@ -7,6 +7,7 @@
 #include <pybind11/stl.h>
 #include <unistd.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -118,14 +119,15 @@ std::vector<std::int32_t> readWords(py::handle value, const std::string& what, s
     return out;
 }
 
-// One frame as given: its arrays, not yet copied.
+// One frame as given: its arrays, not yet copied. `normals` None: to be estimated.
 struct FrameArrays {
     std::string name;
-    py::object points, normals, words = py::none();
+    py::object points, normals = py::none(), words = py::none(), sensor = py::none();
 };
 
-// One frame: a dict with "points", "normals" and optionally "words"; a tuple (points, normals[, words]);
-// or an object with `points` and `normals` attributes (an Open3D point cloud).
+// One frame: a dict with "points" and optionally "normals", "words" and "sensor"; a tuple (points[,
+// normals[, words[, sensor]]]); or an object with `points` and `normals` attributes (an Open3D point cloud;
+// one whose has_normals() says False, or whose normals are empty, has none).
 FrameArrays frameArrays(py::handle item, std::size_t index) {
     FrameArrays f;
     f.name = "frame " + std::to_string(index);
@@ -138,39 +140,64 @@ FrameArrays frameArrays(py::handle item, std::size_t index) {
         const py::dict d = py::reinterpret_borrow<py::dict>(item);
         for (auto entry : d) {
             const std::string key = py::str(entry.first).cast<std::string>();
-            if (key != "points" && key != "normals" && key != "words")
-                throw py::value_error(name + ": unknown key '" + key + "' (use points, normals, words)");
+            if (key != "points" && key != "normals" && key != "words" && key != "sensor")
+                throw py::value_error(name + ": unknown key '" + key + "' (use points, normals, words, sensor)");
         }
-        for (const char* key : {"points", "normals"})
-            if (!d.contains(key))
-                throw py::value_error(name + ": no '" + key + "' (a frame needs 'points' and 'normals')");
+        if (!d.contains("points")) throw py::value_error(name + ": no 'points' (a frame needs 'points')");
         f.points = d["points"];
-        f.normals = d["normals"];
+        if (d.contains("normals")) f.normals = d["normals"];
         if (d.contains("words")) f.words = d["words"];
+        if (d.contains("sensor")) f.sensor = d["sensor"];
     } else if (py::isinstance<py::tuple>(item) || py::isinstance<py::list>(item)) {
         const py::sequence s = py::reinterpret_borrow<py::sequence>(item);
-        if (s.size() != 2 && s.size() != 3)
-            throw py::type_error(name + ": a frame is (points, normals) or (points, normals, words), not " +
+        if (s.size() < 1 || s.size() > 4)
+            throw py::type_error(name + ": a frame is (points[, normals[, words[, sensor]]]), not " +
                                  std::to_string(s.size()) + " items");
         f.points = s[0];
-        f.normals = s[1];
-        if (s.size() == 3) f.words = s[2];
+        if (s.size() > 1) f.normals = s[1];
+        if (s.size() > 2) f.words = s[2];
+        if (s.size() > 3) f.sensor = s[3];
     } else if (py::hasattr(item, "points") && py::hasattr(item, "normals")) {
         f.points = item.attr("points");
-        f.normals = item.attr("normals");
+        const bool none = py::hasattr(item, "has_normals") && !item.attr("has_normals")().cast<bool>();
+        if (!none) f.normals = item.attr("normals");
+        if (!none && asArray(f.normals, name + " normals").size() == 0 &&
+            asArray(f.points, name + " points").size() > 0)
+            f.normals = py::none();
     } else {
         throw py::type_error(name +
-                             ": a frame is a dict with 'points' and 'normals', a tuple (points, normals[, words]) "
-                             "or a point cloud with points and normals, not " +
+                             ": a frame is a dict with 'points' (and 'normals'), a tuple (points[, normals[, "
+                             "words[, sensor]]]) or a point cloud with points and normals, not " +
                              py::str(py::type::handle_of(item)).cast<std::string>());
     }
     return f;
 }
 
+// What an array of a frame is called in an error: "frame 2 points", or "points" alone.
+std::string label(const FrameArrays& f, const char* what) { return f.name.empty() ? what : f.name + " " + what; }
+
+// Where a scanner stood: three finite numbers in the caller's unit, as millimetres less `origin`.
+std::array<double, 3> readSensor(py::handle value, const std::string& what, float scale, const double* origin) {
+    const py::array array = asArray(value, what);
+    if ((array.dtype().kind() != 'f' && array.dtype().kind() != 'i' && array.dtype().kind() != 'u') ||
+        array.ndim() != 1 || array.shape(0) != 3)
+        throw py::value_error(what + " must be three numbers (x, y, z), not " + describe(array));
+    const auto doubles = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(array);
+    std::array<double, 3> position;
+    for (int k = 0; k < 3; ++k) {
+        position[k] = doubles.data()[k] * scale - (origin ? origin[k] : 0.0);
+        if (!std::isfinite(position[k])) throw py::value_error(what + " must be finite");
+    }
+    return position;
+}
+
 std::shared_ptr<FrameDataWithInfo> readFrame(const FrameArrays& f, float scale, const double* origin) {
     auto frame = std::make_shared<FrameDataWithInfo>();
-    frame->xyz = readVectors(f.points, f.name + " points", scale, origin);
-    frame->nor = readVectors(f.normals, f.name + " normals", 1.0f);
+    frame->xyz = readVectors(f.points, label(f, "points"), scale, origin);
+    if (f.normals.is_none())
+        frame->nor.assign(frame->xyz.size(), Vec3f{0.0f, 0.0f, 0.0f});  // estimated before the run
+    else
+        frame->nor = readVectors(f.normals, label(f, "normals"), 1.0f);
     if (frame->nor.size() != frame->xyz.size())
         throw py::value_error(f.name + ": " + std::to_string(frame->xyz.size()) + " points but " +
                               std::to_string(frame->nor.size()) + " normals");
@@ -185,11 +212,17 @@ std::shared_ptr<FrameDataWithInfo> readFrame(const FrameArrays& f, float scale, 
 // the middle of their box (0 within half a metre of the origin), is taken off before they become floats.
 struct Input {
     Frames frames;
-    bool doubles = false;                // some points came as float64: the mesh goes back as float64
-    double origin[3] = {0.0, 0.0, 0.0};  // millimetres
+    bool doubles = false;                    // some points came as float64: the mesh goes back as float64
+    double origin[3] = {0.0, 0.0, 0.0};      // millimetres
+    std::vector<FrameNormalSource> sources;  // one a frame: whose normals to estimate, where its scanner stood
+    bool missing_normals = false;
 };
 
-Input readFrames(const py::object& frames, float scale) {
+// The frames; `sensor` (None, or where the scanner stood in the caller's unit) serves the frames without
+// normals that name no scanner of their own.
+Input readFrameArrays(const std::vector<FrameArrays>& arrays, float scale, const py::object& sensor);
+
+Input readFrames(const py::object& frames, float scale, const py::object& sensor = py::none()) {
     if (py::isinstance<py::dict>(frames) || py::isinstance<py::array>(frames))
         throw py::type_error("frames must be a list of frames; to pass one frame, wrap it in a list");
     if (!py::isinstance<py::sequence>(frames) && !py::isinstance<py::iterable>(frames))
@@ -197,10 +230,14 @@ Input readFrames(const py::object& frames, float scale) {
     std::vector<FrameArrays> arrays;
     std::size_t index = 0;
     for (py::handle item : frames) arrays.push_back(frameArrays(item, index++));
+    return readFrameArrays(arrays, scale, sensor);
+}
+
+Input readFrameArrays(const std::vector<FrameArrays>& arrays, float scale, const py::object& sensor) {
     Input in;
     double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
     for (const FrameArrays& f : arrays) {
-        const py::array a = asArray(f.points, f.name + " points");
+        const py::array a = asArray(f.points, label(f, "points"));
         if (a.dtype().kind() != 'f' || a.itemsize() != 8 || a.ndim() != 2 || a.shape(1) != 3) continue;
         in.doubles = true;
         const auto d = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(a);
@@ -219,8 +256,47 @@ Input readFrames(const py::object& frames, float scale) {
         in.origin[k] = std::round(middle / 1000.0) * 1000.0;
         shifted = shifted || in.origin[k] != 0.0;
     }
-    for (const FrameArrays& f : arrays) in.frames.push_back(readFrame(f, scale, shifted ? in.origin : nullptr));
+    const double* origin = shifted ? in.origin : nullptr;
+    FrameNormalSource common;
+    if (!sensor.is_none()) {
+        common.sensor_known = true;
+        common.sensor = readSensor(sensor, "sensor", scale, origin);
+    }
+    for (const FrameArrays& f : arrays) {
+        in.frames.push_back(readFrame(f, scale, origin));
+        FrameNormalSource source = common;
+        source.estimate = f.normals.is_none();
+        if (!f.sensor.is_none()) {
+            source.sensor_known = true;
+            source.sensor = readSensor(f.sensor, label(f, "sensor"), scale, origin);
+        }
+        in.sources.push_back(source);
+        in.missing_normals = in.missing_normals || source.estimate;
+    }
     return in;
+}
+
+// Estimates the normals of the frames that came without them (GIL released); None when all had normals,
+// else the counts as a dict.
+py::object estimateMissingNormals(Input& in) {
+    if (!in.missing_normals) return py::none();
+    NormalEstimate estimate;
+    int status;
+    {
+        py::gil_scoped_release released;
+        status = estimateNormals(in.frames, in.sources, estimate);
+    }
+    if (status != 0) throw Error("estimating the normals failed with status " + std::to_string(status));
+    py::dict counts;
+    counts["points"] = estimate.points;
+    counts["neighbours"] = estimate.neighbours;
+    counts["toward_sensor"] = estimate.toward_sensor;
+    counts["propagated"] = estimate.propagated;
+    counts["left_out"] = estimate.left_out;
+    counts["too_few_neighbours"] = estimate.too_few_neighbours;
+    counts["no_clear_plane"] = estimate.no_clear_plane;
+    counts["pieces_from_extremes"] = estimate.pieces_from_extremes;
+    return std::move(counts);
 }
 
 // Standard output (the library's diagnostic lines) sent to /dev/null while it lives.
@@ -250,8 +326,9 @@ private:
 
 struct Mesh {
     py::array vertices, triangles, words, normals;
-    float resolution = 0.0f;                // millimetres
-    py::object point_spacing = py::none();  // (median, even) in millimetres, when the resolution was chosen from it
+    float resolution = 0.0f;                   // millimetres
+    py::object point_spacing = py::none();     // (median, even) in millimetres, when the resolution was chosen from it
+    py::object normals_estimate = py::none();  // the counts of estimateNormals, when some frames had no normals
 };
 
 struct StepCall {
@@ -321,7 +398,7 @@ std::string millimetres(double value) {
 
 Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, const py::object& unit,
                  const py::object& step_callback, const py::object& min_piece_in, const py::object& fill_holes_in,
-                 bool verbose) {
+                 bool verbose, const py::object& sensor) {
     const float scale = millimetresPerUnit(unit);
     const std::size_t min_piece = count(min_piece_in, "min_piece"), fill_holes = count(fill_holes_in, "fill_holes");
     if (fill_holes > 0 && fill_holes < 3)
@@ -334,8 +411,9 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     if (!automatic && !PyNumber_Check(resolution_in.ptr()))
         throw py::type_error("resolution must be a number of millimetres or 'auto'");
     float resolution = automatic ? 0.0f : resolution_in.cast<float>();
-    Input input = readFrames(frames_in, scale);
+    Input input = readFrames(frames_in, scale, sensor);
     Frames& frames = input.frames;
+    const py::object normals_estimate = estimateMissingNormals(input);
 
     PointSpacing spacing;
     bool measured = false;
@@ -424,13 +502,15 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
              ": the resolution " + millimetres(resolution) + " is too fine for them" + advice);
     Mesh out = toPython(mesh, scale, input);
     out.resolution = resolution;
+    out.normals_estimate = normals_estimate;
     if (automatic && spacing.median > 0.0f) out.point_spacing = py::make_tuple(spacing.median, spacing.density);
     return out;
 }
 
 // The spacing of the frames' points, in their own unit: (median to the nearest point, even spacing as dense).
 py::tuple pointSpacing(const py::object& frames_in) {
-    const Input input = readFrames(frames_in, 1.0f);
+    Input input = readFrames(frames_in, 1.0f);
+    estimateMissingNormals(input);  // the points the run would use: those left out do not count
     const Frames& frames = input.frames;
     PointSpacing spacing;
     int status;
@@ -442,17 +522,45 @@ py::tuple pointSpacing(const py::object& frames_in) {
     return py::make_tuple(spacing.median, spacing.density);
 }
 
+// The normals of one cloud, as reconstruct estimates those of a frame without them.
+py::array_t<float> estimateNormalsOf(const py::object& points, const py::object& sensor, const py::object& k) {
+    const std::size_t neighbours = count(k, "neighbours");
+    if (neighbours < 5 || neighbours > 64)
+        throw py::value_error("neighbours must be from 5 to 64, not " + std::to_string(neighbours));
+    FrameArrays f;
+    f.points = points;
+    Input input = readFrameArrays({f}, 1.0f, sensor);
+    NormalOptions options;
+    options.neighbours = static_cast<int>(neighbours);
+    NormalEstimate estimate;
+    int status;
+    {
+        py::gil_scoped_release released;
+        status = estimateNormals(input.frames, input.sources, estimate, options);
+    }
+    if (status != 0) throw Error("estimating the normals failed with status " + std::to_string(status));
+    const std::vector<Vec3f>& normals = input.frames[0]->nor;
+    py::array_t<float> out({static_cast<py::ssize_t>(normals.size()), py::ssize_t(3)});
+    if (!normals.empty()) std::memcpy(out.mutable_data(), normals.data(), normals.size() * sizeof(Vec3f));
+    return out;
+}
+
 }  // namespace
 
 namespace {
 
 const char* const RECONSTRUCT_DOC = R"(Fuses scan frames into one mesh.
 
-frames: a list of frames, each a dict {"points": P, "normals": N, "words": W} (words optional), a tuple
-    (P, N) or (P, N, W), or a point cloud with points and normals attributes (Open3D's). P and N are float
-    arrays of shape (n, 3) in the common coordinate system of the scan, N pointing out of the surface; W an
-    integer array of shape (n,): bits 0-7 the scale code (8 when absent), bits 8-15 flags. The arrays are
-    copied; nothing is kept after the call. Points given as float64 keep their precision far from the
+frames: a list of frames, each a dict {"points": P, "normals": N, "words": W, "sensor": S} (all but points
+    optional), a tuple (P,), (P, N), (P, N, W) or (P, N, W, S), or a point cloud with points and normals
+    attributes (Open3D's). P and N are float arrays of shape (n, 3) in the common coordinate system of the
+    scan, N pointing out of the surface; W an integer array of shape (n,): bits 0-7 the scale code (8 when
+    absent), bits 8-15 flags. The arrays are copied; nothing is kept after the call.
+    A frame without normals (none given, N None, or a point cloud without them) gets them as
+    estimate_normals makes them, all such frames together and every point a neighbour: a plane through each
+    point and its 16 nearest, turned toward S (x, y, z in the unit of the points: where the scanner stood)
+    when the frame gives one, else toward `sensor`, else oriented over the neighbour graph from the outside
+    in. A point whose plane is ambiguous is left out of the run; Mesh.normals_estimate counts them. Points given as float64 keep their precision far from the
     origin: a whole number of metres near their middle is taken off in double precision before they become
     floats, and the mesh's vertices come back as float64 with it added back.
 resolution: the edge of the finest cells in millimetres, or "auto": 1.5 times the spacing of an even
@@ -462,12 +570,27 @@ unit: the unit of the points: "mm" (default), "cm", "m", "in" or the millimetres
 step_callback: called with a StepInfo before each step of the run, on the calling thread; an exception it
     raises ends the run and is raised here. Ctrl-C ends a run the same way.
 min_piece: remove pieces of fewer triangles than this. fill_holes: close holes of at most this many edges.
+sensor: where the scanner stood (x, y, z in `unit`), for the frames without normals that give no S.
 verbose: let the library's diagnostic lines through to standard output (by default they are silenced,
     which silences the whole process's standard output for the length of the run).
 
 Returns a Mesh. Raises tessaline.Error (a RuntimeError) with the library's text when the run fails,
 TypeError or ValueError for frames it cannot use; warns (RuntimeWarning) when the mesh is empty or far
 smaller than the points suggest. The GIL is released during the run.)";
+
+const char* const ESTIMATE_NORMALS_DOC = R"(Normals for points that have none, as reconstruct makes them.
+
+points: a float array of shape (n, 3). sensor: None, or where the scanner stood (x, y, z, the points' unit).
+neighbours: the plane of each point is fitted to it and this many nearest points (5 to 64; 16 by default):
+    the normal is the direction in which they spread least.
+
+With a sensor each normal is turned toward it; without, the normals are oriented consistently over a minimum
+spanning tree of the neighbour graph (edges weighted by how far two normals are from parallel), each
+connected piece from its extreme point whose normal lies closest to its axis (the point of largest x
+faces +x, and so on): outward on a closed surface, toward the bulging side of an open sheet.
+Returns float32 (n, 3) unit normals, in the order of the points; a row of zeros where the plane is
+ambiguous (fewer than half the neighbours near, the least spread not clearly below the middle one: a
+corner, a line, an isolated point) or the point is not finite. Deterministic; the GIL is released.)";
 
 }  // namespace
 
@@ -476,7 +599,7 @@ PYBIND11_MODULE(tessaline, m) {
         "Tessaline: registered laser-scan frames in, one triangle mesh out.\n\n"
         "    mesh = tessaline.reconstruct([(points, normals)], resolution='auto')\n\n"
         "points and normals are float arrays of shape (N, 3); the result has numpy vertices, triangles,\n"
-        "words and normals.";
+        "words and normals. A frame without normals, [(points,)], gets them estimated (estimate_normals).";
     m.attr("__version__") = TESSALINE_VERSION_STRING;
     m.attr("backend") = TESSALINE_BACKEND;
     m.attr("RESOLUTION_PER_SPACING") = RESOLUTION_PER_SPACING;
@@ -502,6 +625,10 @@ PYBIND11_MODULE(tessaline, m) {
         .def_readonly("resolution", &Mesh::resolution, "the finest cell edge of the run, millimetres")
         .def_readonly("point_spacing", &Mesh::point_spacing,
                       "('auto' only) the points' median spacing to the nearest point and the even spacing as dense, mm")
+        .def_readonly("normals_estimate", &Mesh::normals_estimate,
+                      "None, or where frames came without normals the counts of their estimate: points, "
+                      "neighbours, toward_sensor, propagated (oriented from the outside in), left_out, "
+                      "too_few_neighbours, no_clear_plane, pieces_from_extremes")
         .def("__repr__", [](const Mesh& mesh) {
             return "Mesh(" + std::to_string(mesh.vertices.shape(0)) + " vertices, " +
                    std::to_string(mesh.triangles.shape(0)) + " triangles)";
@@ -509,9 +636,12 @@ PYBIND11_MODULE(tessaline, m) {
 
     m.def("reconstruct", &reconstruct, py::arg("frames"), py::arg("resolution") = "auto", py::kw_only(),
           py::arg("unit") = "mm", py::arg("step_callback") = py::none(), py::arg("min_piece") = 0,
-          py::arg("fill_holes") = 0, py::arg("verbose") = false, RECONSTRUCT_DOC);
+          py::arg("fill_holes") = 0, py::arg("verbose") = false, py::arg("sensor") = py::none(), RECONSTRUCT_DOC);
     m.def("point_spacing", &pointSpacing, py::arg("frames"),
           "(median, even): the median distance from a point to its nearest neighbour at another position, and\n"
           "the spacing of an even sampling as dense as the points, over all frames together, in the unit of\n"
-          "the points; (0.0, 0.0) with fewer than two distinct points.");
+          "the points; (0.0, 0.0) with fewer than two distinct points. Frames without normals count the points\n"
+          "whose normals can be estimated.");
+    m.def("estimate_normals", &estimateNormalsOf, py::arg("points"), py::arg("sensor") = py::none(), py::kw_only(),
+          py::arg("neighbours") = 16, ESTIMATE_NORMALS_DOC);
 }

@@ -934,3 +934,57 @@ TEST(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
     EXPECT_EQ(device.out.find("sucess"), std::string::npos);
     EXPECT_TRUE(contains(device.out, "the compute device is ready"));
 }
+
+// ---- Points without normals: the program estimates them ----
+
+TEST(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
+    TESSALINE_REQUIRE_PROGRAM();
+    // A sphere of radius 30 mm around (100, 100, 100) mm, 20,000 points (a Fibonacci lattice), in metres,
+    // without normals.
+    const int n = 20000;
+    std::string text = "ply\nformat ascii 1.0\nelement vertex " + std::to_string(n) +
+                       "\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
+    for (int i = 0; i < n; ++i) {
+        const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1.0 + std::sqrt(5.0)) * (i + 0.5);
+        char line[96];
+        std::snprintf(line, sizeof(line), "%.7f %.7f %.7f\n", 0.1 + 0.03 * std::cos(theta) * std::sin(phi),
+                      0.1 + 0.03 * std::sin(theta) * std::sin(phi), 0.1 + 0.03 * std::cos(phi));
+        text += line;
+    }
+    const std::string input = writeFile("no_normals.ply", text);
+    // The volume the mesh's triangles enclose, in mm^3: positive when they face outward.
+    const auto volume = [](const std::string& path) {
+        const tessaline_tools::IndexedMesh mesh = tessaline_tools::readMesh(path, 1000.0f);
+        double sum = 0.0;
+        for (const auto& t : mesh.triangles) {
+            const Vec3f &a = mesh.vertices[t[0]], &b = mesh.vertices[t[1]], &c = mesh.vertices[t[2]];
+            sum += (double(a[0]) * (double(b[1]) * c[2] - double(b[2]) * c[1]) -
+                    double(a[1]) * (double(b[0]) * c[2] - double(b[2]) * c[0]) +
+                    double(a[2]) * (double(b[0]) * c[1] - double(b[1]) * c[0])) /
+                   6.0;
+        }
+        return sum;
+    };
+    const double ball = 4.0 / 3.0 * M_PI * 30.0 * 30.0 * 30.0;
+
+    // No scanner known: oriented from the outside in, and the run says so in one line.
+    const std::string outside = programTemp("outside.ply");
+    const ProgramRun run = runProgram("reconstruct " + input + " --units m -o " + outside);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_TRUE(contains(run.err,
+                         "tessaline: normals estimated for 20000 points from their 16 nearest neighbours: 0 faced "
+                         "toward the scanner, 20000 oriented from the outside in, 0 left out"))
+        << run.err;
+    EXPECT_TRUE(contains(run.out, ", normals "));  // its time
+    EXPECT_NEAR(volume(outside), ball, 0.02 * ball);
+
+    // A scanner at the centre, given in the input's unit: every normal faces it, and the mesh faces inward.
+    const std::string inside = programTemp("inside.ply");
+    const ProgramRun faced =
+        runProgram("reconstruct " + input + " --units m -o " + inside + " --sensor 0.1,0.1,0.1 --json --quiet");
+    ASSERT_EQ(faced.status, 0) << faced.err;
+    EXPECT_TRUE(faced.err.empty()) << faced.err;  // --quiet
+    EXPECT_TRUE(contains(faced.out, "\"normals\": {\"estimated\": 20000, \"neighbours\": 16, \"toward_sensor\": 20000"))
+        << faced.out;
+    EXPECT_NEAR(volume(inside), -ball, 0.02 * ball);
+}

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -404,6 +405,7 @@ struct Timings {
     double input = 0;    // reading the frames, or simulating them
     double spacing = 0;  // the point spacing and what the points suggest
     double writing = 0;  // the mesh file
+    double normals = 0;  // the normals of frames that came without them
 };
 
 void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice& choice, const FinishedMesh& finished,
@@ -427,12 +429,14 @@ void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice&
         std::printf("pieces under %zu triangles: %zu triangles removed\n", finishing.min_piece, finished.removed);
     if (finishing.fill_holes >= 3)
         std::printf("holes of at most %zu edges: %zu filled\n", finishing.fill_holes, finished.filled);
+    char normals[48] = "";
+    if (timings.normals > 0) std::snprintf(normals, sizeof(normals), "normals %.2f s, ", timings.normals);
     std::printf(
-        "time: %s %.2f s, spacing %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s, finishing %.2f s, writing "
+        "time: %s %.2f s, %sspacing %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s, finishing %.2f s, writing "
         "%.2f s (the library %.0f points/s); peak memory %.0f MiB\n",
-        input_label, timings.input, timings.spacing, run.stage_seconds[0], run.stage_seconds[1], run.stage_seconds[2],
-        finished.seconds, timings.writing, run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0,
-        tessaline_tools::peakMemoryMiB());
+        input_label, timings.input, normals, timings.spacing, run.stage_seconds[0], run.stage_seconds[1],
+        run.stage_seconds[2], finished.seconds, timings.writing,
+        run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0, tessaline_tools::peakMemoryMiB());
 }
 
 // `reference` names what was compared with: "the reference" or "the true surface".
@@ -461,6 +465,61 @@ void jsonComparison(Json& json, const tessaline_tools::Comparison& c) {
     json.closeList().number("coverage", c.coverage).number("coverage_threshold_mm", c.coverage_threshold).close();
 }
 
+// Normals for the frames whose files had none (see estimateNormals): faced toward the scanner where the
+// file, or --sensor (`sensor`, millimetres, when given), says where it stood; elsewhere oriented over the
+// neighbour graph from the outside in.
+struct MadeNormals {
+    bool made = false;
+    SurfaceReconstruction::NormalEstimate estimate;
+    double seconds = 0;
+};
+
+MadeNormals makeNormals(tessaline_tools::ScanInput& scan, const std::array<double, 3>* sensor) {
+    MadeNormals out;
+    if (!scan.missingNormals()) return out;
+    const auto start = Clock::now();
+    std::vector<SurfaceReconstruction::FrameNormalSource> sources(scan.frames.size());
+    for (std::size_t f = 0; f < sources.size(); ++f) {
+        const tessaline_tools::FrameExtras& extras = scan.extras[f];
+        sources[f].estimate = !extras.normals;
+        sources[f].sensor_known = extras.sensor || sensor != nullptr;
+        if (sources[f].sensor_known) sources[f].sensor = extras.sensor ? extras.sensor_position : *sensor;
+    }
+    const int status = SurfaceReconstruction::estimateNormals(scan.frames, sources, out.estimate);
+    if (status != 0) throw std::runtime_error("estimating the normals failed with status " + std::to_string(status));
+    out.made = true;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return out;
+}
+
+std::string describeNormals(const SurfaceReconstruction::NormalEstimate& e) {
+    char text[512];
+    std::snprintf(text, sizeof(text),
+                  "normals estimated for %zu points from their %d nearest neighbours: %zu faced toward the scanner, "
+                  "%zu oriented from the outside in, %zu left out (%zu with too few neighbours within %.3g mm, %zu "
+                  "without a clear plane)",
+                  e.points, e.neighbours, e.toward_sensor, e.propagated, e.left_out, e.too_few_neighbours, e.reach,
+                  e.no_clear_plane);
+    return text;
+}
+
+// --sensor X,Y,Z: three numbers, in the input's unit.
+std::array<double, 3> parseSensor(const std::string& text, float to_mm) {
+    std::array<double, 3> position;
+    const char* at = text.c_str();
+    for (int k = 0; k < 3; ++k) {
+        char* end = nullptr;
+        position[k] = std::strtod(at, &end);
+        const char expected = k < 2 ? ',' : '\0';
+        if (end == at || *end != expected || !std::isfinite(position[k]))
+            throw std::runtime_error("--sensor must be X,Y,Z, where the scanner stood in the input's unit, not '" +
+                                     text + "'");
+        position[k] *= to_mm;
+        at = end + 1;
+    }
+    return position;
+}
+
 int reconstruct(int argc, char** argv) {
     cxxopts::Options options("tessaline reconstruct", "Scan frames in, one triangle mesh out.");
     options.positional_help("INPUT... -o OUTPUT");
@@ -482,8 +541,14 @@ int reconstruct(int argc, char** argv) {
         "distance to it",
         cxxopts::value<std::string>())("json", "the summary as one JSON object on standard output")(
         "verbose", "let the library's diagnostic lines through (standard output; standard error with --json)")(
-        "quiet", "no progress line and no notes on standard error")("h,help", "show this text")(
-        "inputs", "point clouds (.ply, .ptx, .pts, .xyz, .txt, .pcd, .las), folders of them, or a .conf scan list",
+        "quiet", "no progress line and no notes on standard error")(
+        "sensor",
+        "X,Y,Z: where the scanner stood, in the input's unit, for points without normals whose files do not say: "
+        "their normals are turned toward it",
+        cxxopts::value<std::string>())("h,help", "show this text")(
+        "inputs",
+        "point clouds (.ply, .ptx, .pts, .xyz, .txt, .pcd, .las; with normals or without), folders of them, or a "
+        ".conf scan list",
         cxxopts::value<std::vector<std::string>>());
     options.parse_positional({"inputs"});
     const cxxopts::ParseResult args = options.parse(argc, argv);
@@ -494,6 +559,7 @@ int reconstruct(int argc, char** argv) {
             "  tessaline reconstruct frames/ --resolution 0.25 -o part.stl --reference part\n"
             "  tessaline reconstruct cloud.ply --units m -o mesh.ply --min-piece 100 --fill-holes 30 --json\n"
             "  tessaline reconstruct room.ptx --units m -o room.ply      # also .pts, .xyz, .txt, .pcd, .las\n"
+            "  tessaline reconstruct points_without_normals.ply -o mesh.ply --sensor 0,0,400\n"
             "\nA folder is read as all its .ply, .ptx, .pts, .xyz, .pcd and .las files (README: point formats).\n",
             options.help().c_str());
         return 0;
@@ -503,6 +569,9 @@ int reconstruct(int argc, char** argv) {
     const std::string output = args["output"].as<std::string>();
     checkMeshExtension(output);
     const float to_mm = unitToMillimetres(args["units"].as<std::string>());
+    std::array<double, 3> sensor = {0.0, 0.0, 0.0};
+    const bool sensor_given = args.count("sensor") > 0;
+    if (sensor_given) sensor = parseSensor(args["sensor"].as<std::string>(), to_mm);
     const bool explicit_code = args.count("scale-code") > 0;
     const int scale_code = explicit_code ? args["scale-code"].as<int>() : 8;
     if (scale_code != 1 && scale_code != 2 && scale_code != 4 && scale_code != 8 && scale_code != 16 &&
@@ -528,12 +597,13 @@ int reconstruct(int argc, char** argv) {
         throw std::runtime_error(output +
                                  ": STL holds coordinates as floats, which cannot keep the geo-referenced "
                                  "coordinates of the input to a millimetre; write .ply or .obj");
-    // The origin in the input's unit, added back to the mesh as it is written.
+    // The origin in the input's unit, added back to the mesh as it is written; a given scanner position is
+    // held relative to it like the points.
     tessaline_tools::Origin origin_in_unit;
-    for (int k = 0; k < 3; ++k) origin_in_unit[k] = scan.origin[k] / to_mm;
-    for (const tessaline_tools::FrameExtras& extras : scan.extras)
-        if (!extras.normals)
-            throw std::runtime_error(extras.source + ": no normals (nx, ny, nz or normal_x, normal_y, normal_z)");
+    for (int k = 0; k < 3; ++k) {
+        origin_in_unit[k] = scan.origin[k] / to_mm;
+        sensor[k] -= scan.origin[k];
+    }
     tessaline_tools::Frames& frames = scan.frames;
     if (explicit_code)
         for (auto& frame : frames)
@@ -551,6 +621,8 @@ int reconstruct(int argc, char** argv) {
     if (args.count("reference"))
         reference = loadReference(args["reference"].as<std::string>(), to_mm, 300000,
                                   scan.hasOrigin() ? &scan.origin : nullptr);
+    const MadeNormals normals = makeNormals(scan, sensor_given ? &sensor : nullptr);
+    if (normals.made && !quiet) std::fprintf(stderr, "tessaline: %s\n", describeNormals(normals.estimate).c_str());
     const auto spacing_start = Clock::now();
     choice.spacing = measureSpacing(frames);
     if (choice.automatic) {
@@ -589,7 +661,7 @@ int reconstruct(int argc, char** argv) {
     tessaline_tools::scaleMesh(finished.mesh, 1.0f / to_mm);  // written in the input's unit
     const auto write_start = Clock::now();
     if (!empty) tessaline_tools::writeMesh(output, finished.mesh, scan.hasOrigin() ? &origin_in_unit : nullptr);
-    const Timings timings = {read_s, spacing_s, since(write_start)};
+    const Timings timings = {read_s, spacing_s, since(write_start), normals.seconds};
 
     if (!warning.empty()) std::fprintf(stderr, "tessaline: %s%s\n", empty ? "" : "warning: ", warning.c_str());
     if (json) {
@@ -610,7 +682,16 @@ int reconstruct(int argc, char** argv) {
         j.count("boundary_edges", s.boundary_edges).count("boundary_loops", s.boundary_loops).count("pieces", s.pieces);
         j.number("area", s.area).count("triangles_removed", finished.removed).count("holes_filled", finished.filled);
         j.number("expected_triangles_at_least", expected);
-        j.open("seconds").number("reading", read_s).number("spacing", spacing_s);
+        if (normals.made) {
+            const SurfaceReconstruction::NormalEstimate& e = normals.estimate;
+            j.open("normals").count("estimated", e.points).count("neighbours", static_cast<std::size_t>(e.neighbours));
+            j.count("toward_sensor", e.toward_sensor).count("propagated", e.propagated).count("left_out", e.left_out);
+            j.count("too_few_neighbours", e.too_few_neighbours).count("no_clear_plane", e.no_clear_plane);
+            j.count("pieces_from_extremes", e.pieces_from_extremes).number("reach_mm", e.reach).close();
+        } else {
+            j.null("normals");
+        }
+        j.open("seconds").number("reading", read_s).number("normals", normals.seconds).number("spacing", spacing_s);
         j.number("blocks", run.stage_seconds[0]).number("fusion", run.stage_seconds[1]);
         j.number("meshing", run.stage_seconds[2]).number("finishing", finished.seconds);
         j.number("writing", timings.writing).close();

@@ -1,5 +1,6 @@
 // Tessaline's mesh library, beside the engine: what an application does around a run. Before it, the
-// resolution for its points (the median spacing of the points); after it, a finished mesh from the
+// resolution for its points (the median spacing of the points) and normals for points that came without
+// them; after it, a finished mesh from the
 // engine's triangle soup: welded vertices with their words and area-weighted normals, small loose
 // pieces removed, small holes filled.
 //
@@ -120,5 +121,60 @@ TESSALINE_MESH_API float resolutionForSpacing(const PointSpacing& spacing);
 // the points. 0 when the density spacing or the resolution is not above 0.
 TESSALINE_MESH_API double expectedTriangles(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                             const PointSpacing& spacing, float resolution);
+
+// What estimateNormals knows of one frame.
+struct FrameNormalSource {
+    // The frame's normals are to be made (those it holds are ignored); false: it keeps its own, which then
+    // orient the estimated points nearby.
+    bool estimate = true;
+    // Where the scanner stood when it took the frame is known: `sensor`, in the unit of the points.
+    bool sensor_known = false;
+    std::array<double, 3> sensor = {0.0, 0.0, 0.0};
+};
+
+// How estimateNormals went. points = toward_sensor + propagated + left_out.
+struct NormalEstimate {
+    std::size_t points = 0;         // points of the frames whose normals were to be made
+    std::size_t toward_sensor = 0;  // given a normal facing their frame's scanner
+    std::size_t propagated = 0;     // given a normal oriented over the neighbour graph, from the outside in
+    // Given the normal (0, 0, 0), which the engine leaves out of a run (they still served as neighbours):
+    std::size_t left_out = 0;
+    std::size_t too_few_neighbours = 0;  // of them: fewer than half the neighbours within reach, or not finite
+    std::size_t no_clear_plane = 0;      // of them: the smallest spread across their neighbours is not clear
+    // Connected pieces of the neighbour graph that held no point of known side and were oriented from their
+    // own extreme point; a small piece far from the rest may come out facing inward.
+    std::size_t pieces_from_extremes = 0;
+    int neighbours = 0;  // the neighbours a plane was fitted to
+    float reach = 0.0f;  // neighbours farther than this did not count (unit of the points)
+};
+
+// How estimateNormals fits and orients; the defaults suit laser scans and sampled surfaces.
+struct NormalOptions {
+    int neighbours = 16;  // the plane of a point is fitted to it and its nearest neighbours, 5 to 64
+    // A point is left out when the smallest spread of its neighbours (the least eigenvalue of their covariance)
+    // exceeds this share of the middle one: a corner, a line, a blob.
+    float clear_plane = 0.5f;
+    // Neighbours beyond this many times the median distance to the `neighbours`-th nearest point (over
+    // the scan) do not count: an isolated point is left out rather than fitted to a far surface.
+    float reach = 4.0f;
+};
+
+// Makes the normals of the frames whose source says `estimate` (one source a frame; the frames' normal
+// lists are replaced, one unit normal a point). For each point, a plane is fitted to it and its nearest
+// neighbours among all finite points of all frames (least-squares: the normal is the direction of least
+// spread). Where the frame's scanner position is known the normal is turned toward it. Elsewhere the
+// normals are oriented over a minimum spanning tree of the neighbour graph (edge weight: how far two
+// normals are from parallel, and how far the edge between them leaves their planes, so that orientation
+// does not jump across a thin wall): from the points of known side in the same connected piece (kept
+// normals, normals faced toward a scanner), or, in a piece without any, from its extreme point whose
+// normal lies closest to its axis (the point of largest x faces +x, of smallest x -x, and so on).
+// A point whose plane is ambiguous (see NormalOptions) or that is not finite is given (0, 0, 0) and counted.
+// Deterministic, the same for any number of threads; uses the OpenMP threads. `estimate` receives the counts.
+// 1 (TESSALINE_FAILURE) for sources that do not match the frames (one a frame, a frame to estimate that is
+// null, a scanner position not finite), options out of range, or more points than it indexes (2^32 - 1, and
+// 2^29 where normals are oriented over the graph); the frames are then unchanged.
+TESSALINE_MESH_API int estimateNormals(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                                       const std::vector<FrameNormalSource>& sources, NormalEstimate& estimate,
+                                       const NormalOptions& options = NormalOptions());
 
 }  // namespace SurfaceReconstruction

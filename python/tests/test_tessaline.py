@@ -98,12 +98,12 @@ class _Cloud:  # what an Open3D point cloud offers
         ([(np.ones((5, 3)), np.ones((5, 3)), np.ones(5))], TypeError, "words must be an integer array"),
         ([(np.ones((5, 3)), np.ones((5, 3)), np.ones(4, np.int32))], ValueError, "one word a point"),
         ([(np.ones((5, 3)), np.ones((5, 3)), np.full(5, 2**33))], ValueError, "does not fit in 32 bits"),
-        ([{"points": np.ones((5, 3))}], ValueError, "frame 0: no 'normals'"),
+        ([{"points": np.ones((5, 3)), "sensor": (1.0, 2.0)}], ValueError, "frame 0 sensor must be three numbers"),
         ([(np.ones((5, 3)), np.ones((5, 3))), {"normals": np.ones((5, 3))}], ValueError, "frame 1: no 'points'"),
         ([{"points": np.ones((5, 3)), "normals": np.ones((5, 3)), "colours": 1}], ValueError, "unknown key 'colours'"),
         ((np.ones((5, 3)), np.ones((5, 3))), TypeError, "wrap it in a list"),
         ({"points": np.ones((5, 3)), "normals": np.ones((5, 3))}, TypeError, "wrap it in a list"),
-        ([(np.ones((5, 3)),)], TypeError, "(points, normals)"),
+        ([()], TypeError, "a frame is (points[, normals[, words[, sensor]]]), not 0 items"),
         ([42], TypeError, "a frame is a dict"),
         ([("abc", np.ones((5, 3)))], TypeError, "must be a float array"),
     ],
@@ -313,3 +313,40 @@ def test_an_open3d_cloud_of_the_bunny_at_1_mm_gives_a_full_mesh(tmp_path):
     assert summary["comparison"]["coverage"] > 0.995
     assert summary["comparison"]["to_reference"]["median_mm"] < 0.1
     assert summary["pieces"] < 10
+
+
+@pytest.mark.parametrize(
+    "frame, facing",
+    [
+        (lambda p: (p,), 1),  # no scanner known: oriented from the outside in
+        (lambda p: {"points": p, "normals": None}, 1),
+        (lambda p: _Cloud(p, np.zeros((0, 3))), 1),  # an Open3D cloud without normals
+        (lambda p: {"points": p, "sensor": (100.0, 100.0, 100.0)}, -1),  # seen from the centre: inward
+    ],
+)
+def test_a_frame_without_normals_gets_them_and_gives_a_mesh(frame, facing):
+    points, _ = sphere()
+    mesh = tessaline.reconstruct([frame(points)])
+    counts = mesh.normals_estimate
+    assert counts["points"] == 20000 and counts["left_out"] == 0
+    assert counts["toward_sensor" if facing < 0 else "propagated"] == 20000
+    assert boundary_edges(mesh.triangles) == 0
+    v = mesh.vertices[mesh.triangles]
+    outward = np.einsum("ij,ij->i", np.cross(v[:, 1] - v[:, 0], v[:, 2] - v[:, 0]), v.mean(axis=1) - 100.0)
+    assert (facing * outward > 0).all()
+    assert np.abs(np.linalg.norm(mesh.vertices - 100.0, axis=1) - 30.0).max() < 0.05 * mesh.resolution
+
+
+def test_estimate_normals_finds_the_sphere_s_normals():
+    points, normals = sphere(n=5000, radius=10.0, centre=(0.0, 0.0, 0.0))
+    estimated = tessaline.estimate_normals(points)
+    assert estimated.dtype == np.float32 and estimated.shape == (5000, 3)
+    assert np.einsum("ij,ij->i", estimated, normals).min() > 0.99  # 17-point planes on a radius of 10 spacings
+    inward = tessaline.estimate_normals(points, sensor=(0.0, 0.0, 0.0), neighbours=8)
+    assert np.einsum("ij,ij->i", inward, normals).max() < -0.98
+    far = tessaline.estimate_normals(points + np.array([1e7, 0.0, 0.0]))  # float64 far out: the same normals
+    np.testing.assert_allclose(far, estimated, atol=1e-3)
+    alone = tessaline.estimate_normals(np.vstack([points, [[1e3, 0.0, 0.0]]]))
+    assert (alone[-1] == 0).all()  # an isolated point has no plane
+    with pytest.raises(ValueError, match="neighbours must be from 5 to 64"):
+        tessaline.estimate_normals(points, neighbours=4)

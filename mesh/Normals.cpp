@@ -1,0 +1,800 @@
+// Normals for points that came without them: a plane through each point and its nearest neighbours,
+// turned toward the scanner where the frame says where that stood, else oriented over a spanning tree of
+// the neighbour graph from the points whose outward side is known.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <nanoflann.hpp>
+
+#include "MeshInternal.h"
+
+namespace SurfaceReconstruction {
+
+namespace {
+
+constexpr int MIN_NEIGHBOURS = 5;
+constexpr int MAX_NEIGHBOURS = 64;
+// The edges a point adds to the orientation graph: to its nearest neighbours within reach. Eight join the
+// laser lines of the simulated scans into a few pieces (4 at 1 M points, 15 at 3 M) at half the memory of
+// sixteen.
+constexpr int GRAPH_NEIGHBOURS = 8;
+constexpr std::uint32_t NONE = UINT32_MAX;
+// Up to this many candidates are put in order by counting ranks, more by insertion.
+constexpr std::size_t RANKED = 48;
+// Points whose distance to their farthest fitted neighbour measures the scan's reach.
+constexpr std::size_t REACH_SAMPLES = 20000;
+// Edge weights sorted into this many steps of sqrt(weight / 2): fine where the weights are small, on
+// smooth surfaces, where the order matters most.
+constexpr int WEIGHT_STEPS = 1024;
+constexpr double PI = 3.14159265358979323846;
+// The middle spread, as a share of the largest, below which neighbours lie on a line: well above the
+// closed form's error near a double eigenvalue (the arc cosine near 1 gives some 1e-8 of the largest).
+constexpr double LINE_SPREAD = 1e-6;
+// The edge of the search's cells in distances to the k-th nearest point (median): the 27 cells around a
+// point's own then hold its neighbours for most points, and not many more.
+constexpr double CELL_PER_NEIGHBOURHOOD = 1.5;
+
+// What a point is to the estimation.
+enum State : std::uint8_t {
+    NO_NORMAL,  // a neighbour only: a kept frame's point without a usable normal, or a point left out
+    KEPT,       // a kept frame's point with its own normal: its side is known
+    FACED,      // estimated and faced toward its scanner: its side is known
+    FREE,       // estimated; its side is found over the graph
+};
+
+bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
+
+// A cell coordinate of 21 bits spread to every third bit: three interleaved give a code whose order keeps
+// cells near in space near in memory.
+std::uint64_t spreadBits(std::uint64_t v) {
+    v &= 0x1fffff;
+    v = (v | v << 32) & 0x1f00000000ffffull;
+    v = (v | v << 16) & 0x1f0000ff0000ffull;
+    v = (v | v << 8) & 0x100f00f00f00f00full;
+    v = (v | v << 4) & 0x10c30c30c30c30c3ull;
+    v = (v | v << 2) & 0x1249249249249249ull;
+    return v;
+}
+
+std::uint64_t cellCode(const std::int32_t c[3]) {
+    return spreadBits(static_cast<std::uint64_t>(c[0])) | spreadBits(static_cast<std::uint64_t>(c[1])) << 1 |
+           spreadBits(static_cast<std::uint64_t>(c[2])) << 2;
+}
+
+constexpr std::int32_t CELLS_PER_AXIS = (1 << 21) - 2;
+
+// Where a point of the scan came from: its frame and its place in the frame.
+struct Origin {
+    std::uint32_t frame, index;
+};
+
+// All points of the scan sorted into cubic cells of one edge, cells in the order of their codes; the cells
+// found through a hash table. Neighbour lookups then read memory that lies together.
+class Grid {
+public:
+    // Sorts `points` (reordered in place, `origins` with them) into cells of about `edge`.
+    void build(std::vector<Vec3f>& points, std::vector<Origin>& origins, double edge) {
+        const std::size_t n = points.size();
+        double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+        for (const Vec3f& p : points)
+            for (int k = 0; k < 3; ++k) {
+                lo[k] = std::min(lo[k], static_cast<double>(p[k]));
+                hi[k] = std::max(hi[k], static_cast<double>(p[k]));
+            }
+        double extent = 0.0;
+        for (int k = 0; k < 3; ++k) extent = std::max(extent, hi[k] - lo[k]);
+        if (!(edge > 0.0) || !std::isfinite(edge)) edge = extent > 0.0 ? extent : 1.0;
+        m_edge = std::max(edge, extent / CELLS_PER_AXIS);
+        if (!(m_edge > 0.0)) m_edge = 1.0;
+        for (int k = 0; k < 3; ++k) m_origin[k] = lo[k];
+
+        // Least significant digit first, 11 bits a pass, as many passes as the codes have bits: a stable
+        // sort, so points of one cell keep the order they came in.
+        std::vector<std::uint64_t> codes(n), swap_codes(n);
+        std::vector<std::uint32_t> order(n), swap_order(n);
+        std::uint64_t highest = 0;
+#pragma omp parallel for schedule(static, 4096) reduction(| : highest)
+        for (std::int64_t i = 0; i < static_cast<std::int64_t>(n); ++i) {
+            std::int32_t c[3];
+            cellOf(points[static_cast<std::size_t>(i)], c);
+            codes[static_cast<std::size_t>(i)] = cellCode(c);
+            order[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(i);
+            highest |= codes[static_cast<std::size_t>(i)];
+        }
+        for (int shift = 0; shift < 64 && (highest >> shift) != 0; shift += 11) {
+            std::vector<std::size_t> count(2049, 0);
+            for (std::size_t i = 0; i < n; ++i) ++count[((codes[i] >> shift) & 2047) + 1];
+            for (std::size_t d = 1; d < count.size(); ++d) count[d] += count[d - 1];
+            for (std::size_t i = 0; i < n; ++i) {
+                const std::size_t at = count[(codes[i] >> shift) & 2047]++;
+                swap_codes[at] = codes[i];
+                swap_order[at] = order[i];
+            }
+            codes.swap(swap_codes);
+            order.swap(swap_order);
+        }
+        swap_codes = std::vector<std::uint64_t>();
+        std::vector<Vec3f> sorted_points(n);
+        std::vector<Origin> sorted_origins(n);
+#pragma omp parallel for schedule(static, 4096)
+        for (std::int64_t i = 0; i < static_cast<std::int64_t>(n); ++i) {
+            sorted_points[static_cast<std::size_t>(i)] = points[order[static_cast<std::size_t>(i)]];
+            sorted_origins[static_cast<std::size_t>(i)] = origins[order[static_cast<std::size_t>(i)]];
+        }
+        points.swap(sorted_points);
+        origins.swap(sorted_origins);
+
+        m_start.clear();
+        m_cell_codes.clear();
+        for (std::size_t i = 0; i < n; ++i)
+            if (i == 0 || codes[i] != codes[i - 1]) {
+                m_start.push_back(static_cast<std::uint32_t>(i));
+                m_cell_codes.push_back(codes[i]);
+            }
+        m_start.push_back(static_cast<std::uint32_t>(n));
+        std::size_t capacity = 16;
+        while (capacity < 2 * m_cell_codes.size()) capacity *= 2;
+        m_slots.assign(capacity, Slot{EMPTY, NONE});
+        m_mask = capacity - 1;
+        for (std::size_t c = 0; c < m_cell_codes.size(); ++c) {
+            std::size_t slot = hash(m_cell_codes[c]);
+            while (m_slots[slot].code != EMPTY) slot = (slot + 1) & m_mask;
+            m_slots[slot] = Slot{m_cell_codes[c], static_cast<std::uint32_t>(c)};
+        }
+    }
+
+    double edge() const { return m_edge; }
+    std::size_t cells() const { return m_cell_codes.size(); }
+    std::uint32_t begin(std::size_t cell) const { return m_start[cell]; }
+    std::size_t cellHolding(std::uint32_t point) const {
+        return static_cast<std::size_t>(std::upper_bound(m_start.begin(), m_start.end(), point) - m_start.begin()) - 1;
+    }
+    std::uint32_t end(std::size_t cell) const { return m_start[cell + 1]; }
+
+    void cellOf(const Vec3f& p, std::int32_t c[3]) const {
+        for (int k = 0; k < 3; ++k) {
+            const double t = std::floor((static_cast<double>(p[k]) - m_origin[k]) / m_edge);
+            c[k] = static_cast<std::int32_t>(std::min(std::max(t, 0.0), static_cast<double>(CELLS_PER_AXIS)));
+        }
+    }
+    // The cell at these coordinates, or NONE when it holds no point.
+    std::uint32_t find(const std::int32_t c[3]) const {
+        for (int k = 0; k < 3; ++k)
+            if (c[k] < 0 || c[k] > CELLS_PER_AXIS) return NONE;
+        const std::uint64_t code = cellCode(c);
+        for (std::size_t slot = hash(code);; slot = (slot + 1) & m_mask) {
+            if (m_slots[slot].code == code) return m_slots[slot].cell;
+            if (m_slots[slot].code == EMPTY) return NONE;
+        }
+    }
+    // The squared distance from `p` to the cell at these coordinates.
+    double squaredDistanceToCell(const Vec3f& p, const std::int32_t c[3]) const {
+        double sum = 0.0;
+        for (int k = 0; k < 3; ++k) {
+            const double low = m_origin[k] + c[k] * m_edge, x = p[k];
+            const double d = x < low ? low - x : std::max(0.0, x - (low + m_edge));
+            sum += d * d;
+        }
+        return sum;
+    }
+    // How far `p` lies inside the block of cells within `ring` of its own cell `c`: every point outside
+    // the block is at least this far from p.
+    double depthInBlock(const Vec3f& p, const std::int32_t c[3], int ring) const {
+        double depth = INFINITY;
+        for (int k = 0; k < 3; ++k) {
+            const double x = p[k];
+            depth = std::min(depth, x - (m_origin[k] + (c[k] - ring) * m_edge));
+            depth = std::min(depth, m_origin[k] + (c[k] + ring + 1) * m_edge - x);
+        }
+        return depth;
+    }
+
+private:
+    static constexpr std::uint64_t EMPTY = UINT64_MAX;  // no cell's code: those have at most 63 bits
+    std::size_t hash(std::uint64_t code) const {
+        return static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 20) & m_mask;
+    }
+    double m_origin[3] = {0.0, 0.0, 0.0};
+    double m_edge = 1.0;
+    std::vector<std::uint32_t> m_start;
+    std::vector<std::uint64_t> m_cell_codes;
+    struct Slot {
+        std::uint64_t code;
+        std::uint32_t cell;
+    };
+    std::vector<Slot> m_slots;  // the hash table: a cell's code and its number, read together
+    std::size_t m_mask = 0;
+};
+
+// The bits of a float that is not negative, which order as its value.
+std::int32_t floatBits(float value) {
+    std::int32_t bits;
+    std::memcpy(&bits, &value, sizeof(bits));
+    return bits;
+}
+
+// A squared distance and a point's index as one number that orders as the pair: a squared distance is never
+// negative, and the bits of such floats order as their values.
+std::uint64_t distanceKey(float squared, std::uint32_t index) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &squared, sizeof(bits));
+    return static_cast<std::uint64_t>(bits) << 32 | index;
+}
+
+// The `size` nearest points to a query, kept in the order of (squared distance, index): the same set,
+// in the same order, whatever order the candidates come in.
+class Nearest {
+public:
+    explicit Nearest(int size) : m_size(size) {}
+    void clear() { m_count = 0; }
+    void offer(std::uint64_t key) {
+        if (m_count == m_size && key >= m_key[m_count - 1]) return;
+        int at = m_count < m_size ? m_count++ : m_size - 1;
+        for (; at > 0 && key < m_key[at - 1]; --at) m_key[at] = m_key[at - 1];
+        m_key[at] = key;
+    }
+    int count() const { return m_count; }
+    int size() const { return m_size; }
+    bool full() const { return m_count == m_size; }
+    float squared(int i) const {
+        const std::uint32_t bits = static_cast<std::uint32_t>(m_key[i] >> 32);
+        float value;
+        std::memcpy(&value, &bits, sizeof(value));
+        return value;
+    }
+    std::uint32_t index(int i) const { return static_cast<std::uint32_t>(m_key[i]); }
+    // Fills the list at once from candidates whose ranks are known: `rank` below the size.
+    void place(int rank, std::uint64_t key) { m_key[rank] = key; }
+    void fill() { m_count = m_size; }
+
+private:
+    int m_size;
+    int m_count = 0;
+    std::uint64_t m_key[MAX_NEIGHBOURS + 1];
+};
+
+// What a thread keeps while it searches the points of one cell: the points of the 27 cells around it, with
+// their coordinates side by side, and a bound from the point before.
+struct Search {
+    std::vector<std::uint32_t> around;    // the points of the 27 cells, the cell's own first
+    std::vector<float> x, y, z;           // their coordinates
+    std::vector<std::int32_t> kept_bits;  // the current point's candidates within the hint: squared distances
+    std::vector<std::uint32_t> kept;      // (as their bits) and points
+    // The squared distance to the last point's farthest neighbour, with room: a point of the same cell has
+    // its neighbours within about that, so the others are passed over with one comparison each.
+    float hint = INFINITY;
+
+    // Looks up the cells around `cell` (the point ranges of the cells that hold points).
+    void enter(const Grid& grid, const std::vector<Vec3f>& points, std::size_t cell) {
+        around.clear();
+        for (std::uint32_t j = grid.begin(cell); j < grid.end(cell); ++j) around.push_back(j);
+        std::int32_t c[3];
+        grid.cellOf(points[grid.begin(cell)], c);
+        for (int dz = -1; dz <= 1; ++dz)
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dx = -1; dx <= 1; ++dx) {
+                    if (dx == 0 && dy == 0 && dz == 0) continue;
+                    const std::int32_t at[3] = {c[0] + dx, c[1] + dy, c[2] + dz};
+                    const std::uint32_t found = grid.find(at);
+                    if (found == NONE) continue;
+                    for (std::uint32_t j = grid.begin(found); j < grid.end(found); ++j) around.push_back(j);
+                }
+        x.resize(around.size());
+        y.resize(around.size());
+        z.resize(around.size());
+        kept_bits.resize(around.size());
+        kept.resize(around.size());
+        for (std::size_t i = 0; i < around.size(); ++i) {
+            x[i] = points[around[i]][0];
+            y[i] = points[around[i]][1];
+            z[i] = points[around[i]][2];
+        }
+    }
+};
+
+// The nearest points to points[q] (itself among them), complete within `reach`: rings of cells around
+// q's cell are searched until no point outside them can come nearer than the farthest one kept, or until
+// they cover the reach. `search` holds the points of the 27 cells around q's cell.
+void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32_t q, Search& search, double reach,
+                 int max_ring, Nearest& nearest) {
+    nearest.clear();
+    const Vec3f p = points[q];
+    const std::size_t m = search.around.size();
+    // Those within the hint first; when they fill the list, every point beyond it is farther than all
+    // kept and the list is exact; otherwise all are offered.
+    const std::int32_t hint = search.hint < INFINITY ? floatBits(search.hint) : INT32_MAX;
+    std::size_t within = 0;
+    for (std::size_t i = 0; i < m; ++i) {
+        const float dx = search.x[i] - p[0], dy = search.y[i] - p[1], dz = search.z[i] - p[2];
+        const std::int32_t bits = floatBits(dx * dx + dy * dy + dz * dz);
+        search.kept_bits[within] = bits;
+        search.kept[within] = search.around[i];
+        within += bits <= hint ? 1 : 0;
+    }
+    const int size = nearest.size();
+    if (within >= static_cast<std::size_t>(size) && within <= RANKED) {
+        // Each candidate's rank among the others, counted without a branch (an insertion's branches miss
+        // half the time): those of rank below the size are the list, in order.
+        const std::int32_t* bits = search.kept_bits.data();
+        const std::uint32_t* index = search.kept.data();
+        for (std::size_t i = 0; i < within; ++i) {
+            const std::int32_t b = bits[i];
+            const std::uint32_t x = index[i];
+            int rank = 0;
+            for (std::size_t j = 0; j < within; ++j) rank += (bits[j] < b) | ((bits[j] == b) & (index[j] < x));
+            if (rank < size) nearest.place(rank, static_cast<std::uint64_t>(b) << 32 | x);
+        }
+        nearest.fill();
+    } else {
+        for (std::size_t i = 0; i < within; ++i)
+            nearest.offer(static_cast<std::uint64_t>(search.kept_bits[i]) << 32 | search.kept[i]);
+        if (!nearest.full() && within < m) {
+            nearest.clear();
+            for (std::size_t i = 0; i < m; ++i) {
+                const float dx = search.x[i] - p[0], dy = search.y[i] - p[1], dz = search.z[i] - p[2];
+                nearest.offer(distanceKey(dx * dx + dy * dy + dz * dz, search.around[i]));
+            }
+        }
+    }
+    search.hint = nearest.full() ? 1.5f * nearest.squared(nearest.count() - 1) : INFINITY;
+
+    std::int32_t c[3];
+    grid.cellOf(p, c);
+    for (int ring = 1;; ++ring) {
+        const double depth = grid.depthInBlock(p, c, ring);
+        if (depth >= reach || ring >= max_ring) return;
+        if (nearest.full() && static_cast<double>(nearest.squared(nearest.count() - 1)) < depth * depth) return;
+        const int r = ring + 1;
+        for (int dz = -r; dz <= r; ++dz)
+            for (int dy = -r; dy <= r; ++dy)
+                for (int dx = -r; dx <= r; ++dx) {
+                    if (std::max({std::abs(dx), std::abs(dy), std::abs(dz)}) != r) continue;
+                    const std::int32_t at[3] = {c[0] + dx, c[1] + dy, c[2] + dz};
+                    // A cell farther than the farthest point kept, or than the reach, has nothing to offer.
+                    const double gap = grid.squaredDistanceToCell(p, at);
+                    if (gap >= reach * reach) continue;
+                    if (nearest.full() && gap >= static_cast<double>(nearest.squared(nearest.count() - 1))) continue;
+                    const std::uint32_t cell = grid.find(at);
+                    if (cell == NONE) continue;
+                    for (std::uint32_t j = grid.begin(cell); j < grid.end(cell); ++j) {
+                        const float dx = points[j][0] - p[0], dy = points[j][1] - p[1], dz = points[j][2] - p[2];
+                        nearest.offer(distanceKey(dx * dx + dy * dy + dz * dz, j));
+                    }
+                }
+    }
+}
+
+// The eigenvalues of the symmetric matrix (a00, a01, a02, a11, a12, a22), ascending, by the trigonometric
+// closed form, and the unit eigenvector of the least, from the largest cross product of two rows of
+// A - least I. False when the matrix has no direction of least spread (all three eigenvalues equal).
+bool leastEigenvector(const double a[6], double lambda[3], double v[3]) {
+    const double a00 = a[0], a01 = a[1], a02 = a[2], a11 = a[3], a12 = a[4], a22 = a[5];
+    const double off = a01 * a01 + a02 * a02 + a12 * a12;
+    const double q = (a00 + a11 + a22) / 3.0;
+    const double b00 = a00 - q, b11 = a11 - q, b22 = a22 - q;
+    const double p2 = b00 * b00 + b11 * b11 + b22 * b22 + 2.0 * off;
+    if (!(p2 > 0.0)) return false;
+    const double p = std::sqrt(p2 / 6.0);
+    const double det = b00 * (b11 * b22 - a12 * a12) - a01 * (a01 * b22 - a12 * a02) + a02 * (a01 * a12 - b11 * a02);
+    const double r = std::min(1.0, std::max(-1.0, det / (2.0 * p * p * p)));
+    const double phi = std::acos(r) / 3.0;
+    lambda[2] = q + 2.0 * p * std::cos(phi);
+    lambda[0] = q + 2.0 * p * std::cos(phi + 2.0 * PI / 3.0);
+    lambda[1] = 3.0 * q - lambda[0] - lambda[2];
+    const double l = lambda[0];
+    const double rows[3][3] = {{a00 - l, a01, a02}, {a01, a11 - l, a12}, {a02, a12, a22 - l}};
+    double best = 0.0;
+    for (int i = 0; i < 3; ++i) {
+        const double* x = rows[i];
+        const double* y = rows[(i + 1) % 3];
+        const double c[3] = {x[1] * y[2] - x[2] * y[1], x[2] * y[0] - x[0] * y[2], x[0] * y[1] - x[1] * y[0]};
+        const double length = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
+        if (length > best) {
+            best = length;
+            for (int k = 0; k < 3; ++k) v[k] = c[k];
+        }
+    }
+    if (!(best > 0.0)) return false;
+    const double length = std::sqrt(best);
+    for (int k = 0; k < 3; ++k) v[k] /= length;
+    return true;
+}
+
+// The median of `values` (reordered); 0 when empty.
+double median(std::vector<double>& values) {
+    if (values.empty()) return 0.0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+struct Cloud {
+    std::vector<Vec3f> points;
+    std::size_t kdtree_get_point_count() const { return points.size(); }
+    float kdtree_get_pt(std::size_t i, std::size_t k) const { return points[i][k]; }
+    template <class Box>
+    bool kdtree_get_bbox(Box&) const {
+        return false;
+    }
+};
+using Tree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, Cloud>, Cloud, 3, std::uint32_t>;
+
+// A first guess at the distance to the k-th nearest point, for the size of the cells: measured on every
+// step-th point (a k-d tree over at most 32,768) and scaled as on a surface, where the distance to the
+// m-th nearest point grows as the square root of m. Only the speed of the search depends on it.
+double guessReach(const std::vector<Vec3f>& points, int k) {
+    const std::size_t n = points.size();
+    const std::size_t step = std::max<std::size_t>(1, n / 32768);
+    Cloud sample;
+    for (std::size_t i = 0; i < n; i += step) sample.points.push_back(points[i]);
+    if (sample.points.size() < 2) return 0.0;
+    const Tree tree(3, sample, nanoflann::KDTreeSingleIndexAdaptorParams(16));
+    const std::size_t m = sample.points.size();
+    const double kept_share = static_cast<double>(m) / static_cast<double>(n);
+    const std::size_t rank =
+        std::min<std::size_t>(m - 1, std::max<std::size_t>(1, static_cast<std::size_t>(std::lround(k * kept_share))));
+    std::vector<std::uint32_t> index(rank + 1);
+    std::vector<float> squared(rank + 1);
+    std::vector<double> distances;
+    for (std::size_t i = 0; i < m; i += std::max<std::size_t>(1, m / 512)) {
+        const std::size_t found = tree.knnSearch(sample.points[i].data(), rank + 1, index.data(), squared.data());
+        if (found == rank + 1 && squared[rank] > 0.0f)
+            distances.push_back(std::sqrt(squared[rank] * k * kept_share / static_cast<double>(rank)));
+    }
+    return median(distances);
+}
+
+// The scan as the estimation sees it: every finite point of every frame, sorted into the grid's order.
+struct Scan {
+    std::vector<Vec3f> points;
+    std::vector<Origin> origins;
+    std::vector<std::uint8_t> state;
+    std::vector<Vec3f> normals;
+    Grid grid;
+};
+
+// The median distance to the k-th nearest point (the point itself aside) over points spread evenly over the
+// scan, searched without a reach.
+double measureReach(const Scan& scan, int k) {
+    const std::size_t n = scan.points.size();
+    const std::size_t step = std::max<std::size_t>(1, n / REACH_SAMPLES);
+    const std::int64_t samples = static_cast<std::int64_t>((n + step - 1) / step);
+    std::vector<double> distances(static_cast<std::size_t>(samples), -1.0);
+#pragma omp parallel
+    {
+        Search search;
+        Nearest nearest(k + 1);
+#pragma omp for schedule(dynamic, 64)
+        for (std::int64_t t = 0; t < samples; ++t) {
+            const std::uint32_t s = static_cast<std::uint32_t>(static_cast<std::size_t>(t) * step);
+            search.enter(scan.grid, scan.points, scan.grid.cellHolding(s));
+            findNearest(scan.grid, scan.points, s, search, INFINITY, 16, nearest);
+            if (nearest.full())
+                distances[static_cast<std::size_t>(t)] = std::sqrt(static_cast<double>(nearest.squared(k)));
+        }
+    }
+    distances.erase(std::remove(distances.begin(), distances.end(), -1.0), distances.end());
+    return median(distances);
+}
+
+// How far an edge of the graph is from a step along one smooth surface: 1 - |cos| of the angle between the
+// two (not yet oriented) normals, plus the square of the larger slope of the edge out of either plane, which
+// keeps the tree from stepping across a thin wall from one side to the other. In [0, 2].
+double edgeWeight(const Vec3f& a, const Vec3f& b, const Vec3f& pa, const Vec3f& pb) {
+    const double d[3] = {static_cast<double>(pb[0]) - pa[0], static_cast<double>(pb[1]) - pa[1],
+                         static_cast<double>(pb[2]) - pa[2]};
+    const double length = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+    double slope = 0.0;
+    if (length > 0.0) {
+        const double sa = std::fabs(a[0] * d[0] + a[1] * d[1] + a[2] * d[2]) / length;
+        const double sb = std::fabs(b[0] * d[0] + b[1] * d[1] + b[2] * d[2]) / length;
+        slope = std::min(1.0, std::max(sa, sb));
+    }
+    const double along = std::fabs(static_cast<double>(a[0]) * b[0] + static_cast<double>(a[1]) * b[1] +
+                                   static_cast<double>(a[2]) * b[2]);
+    return std::max(0.0, 1.0 - std::min(1.0, along)) + slope * slope;
+}
+
+// Orients the FREE points: a minimum spanning forest of the graph (Kruskal over the weights sorted in
+// steps), then a walk over each tree from its points of known side, or from the best extreme point of a
+// tree that has none, each point turned to agree with the one it was reached from.
+void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estimate) {
+    const std::size_t n = scan.points.size();
+    const std::size_t edges = graph.size();
+    std::vector<std::uint16_t> step(edges);
+    const std::int64_t count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(static, 4096)
+    for (std::int64_t s = 0; s < count; ++s) {
+        for (int j = 0; j < GRAPH_NEIGHBOURS; ++j) {
+            const std::size_t e = static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS + j;
+            const std::uint32_t t = graph[e];
+            if (t == NONE || scan.state[t] == NO_NORMAL) {
+                step[e] = WEIGHT_STEPS;  // no edge
+                continue;
+            }
+            const double w = edgeWeight(scan.normals[s], scan.normals[t], scan.points[s], scan.points[t]);
+            step[e] = static_cast<std::uint16_t>(std::min<double>(WEIGHT_STEPS - 1, std::sqrt(w / 2.0) * WEIGHT_STEPS));
+        }
+    }
+    // The edges in order of their step, each step in edge order: a stable counting sort.
+    std::vector<std::uint32_t> start(WEIGHT_STEPS + 2, 0);
+    for (std::size_t e = 0; e < edges; ++e) ++start[step[e] + 1];
+    for (std::size_t d = 1; d < start.size(); ++d) start[d] += start[d - 1];
+    // Both ends of each edge, so that the tree's walk over them reads memory in order.
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> sorted(start[WEIGHT_STEPS]);
+    for (std::size_t e = 0; e < edges; ++e)
+        if (step[e] < WEIGHT_STEPS)
+            sorted[start[step[e]]++] = {static_cast<std::uint32_t>(e / GRAPH_NEIGHBOURS), graph[e]};
+    step = std::vector<std::uint16_t>();
+    graph = std::vector<std::uint32_t>();
+
+    mesh_internal::UnionFind sets(n);
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> tree;
+    for (const auto& edge : sorted) {
+        if (sets.find(edge.first) == sets.find(edge.second)) continue;
+        sets.join(edge.first, edge.second);
+        tree.push_back(edge);
+    }
+    sorted = decltype(sorted)();
+
+    // Per piece (by its root): whether it holds points of known side, and its six extreme points.
+    struct Piece {
+        bool known = false;
+        bool free = false;
+        std::uint32_t extreme[6] = {NONE, NONE, NONE, NONE, NONE, NONE};  // largest x, smallest x, ... z
+    };
+    std::vector<std::uint32_t> piece_of(n, NONE);
+    std::vector<Piece> pieces;
+    for (std::uint32_t s = 0; s < n; ++s) {
+        if (scan.state[s] == NO_NORMAL) continue;
+        const std::uint32_t root = sets.find(s);
+        if (piece_of[root] == NONE) {
+            piece_of[root] = static_cast<std::uint32_t>(pieces.size());
+            pieces.emplace_back();
+        }
+        Piece& piece = pieces[piece_of[root]];
+        piece.known = piece.known || scan.state[s] != FREE;
+        piece.free = piece.free || scan.state[s] == FREE;
+        for (int axis = 0; axis < 3; ++axis) {
+            std::uint32_t& high = piece.extreme[2 * axis];
+            std::uint32_t& low = piece.extreme[2 * axis + 1];
+            if (high == NONE || scan.points[s][axis] > scan.points[high][axis]) high = s;
+            if (low == NONE || scan.points[s][axis] < scan.points[low][axis]) low = s;
+        }
+    }
+
+    // The trees as adjacency lists.
+    std::vector<std::uint32_t> first(n + 1, 0), next(2 * tree.size());
+    for (const auto& edge : tree) {
+        ++first[edge.first + 1];
+        ++first[edge.second + 1];
+    }
+    for (std::size_t s = 1; s <= n; ++s) first[s] += first[s - 1];
+    {
+        std::vector<std::uint32_t> fill(first.begin(), first.end() - 1);
+        for (const auto& edge : tree) {
+            next[fill[edge.first]++] = edge.second;
+            next[fill[edge.second]++] = edge.first;
+        }
+    }
+    tree = decltype(tree)();
+
+    std::vector<std::uint8_t> reached(n, 0);
+    std::vector<std::uint32_t> queue;
+    queue.reserve(n);
+    for (std::uint32_t s = 0; s < n; ++s) {
+        if (scan.state[s] == NO_NORMAL) continue;
+        const Piece& piece = pieces[piece_of[sets.find(s)]];
+        if (!piece.free) continue;
+        if (piece.known && scan.state[s] != FREE) {
+            reached[s] = 1;
+            queue.push_back(s);
+        }
+    }
+    for (const Piece& piece : pieces) {
+        if (piece.known || !piece.free) continue;
+        // The extreme point whose normal lies closest to the axis: the surface's outside faces along it.
+        int best = 0;
+        for (int e = 1; e < 6; ++e)
+            if (std::fabs(scan.normals[piece.extreme[e]][e / 2]) >
+                std::fabs(scan.normals[piece.extreme[best]][best / 2]))
+                best = e;
+        const std::uint32_t seed = piece.extreme[best];
+        const float outward = best % 2 == 0 ? 1.0f : -1.0f;
+        Vec3f& normal = scan.normals[seed];
+        if (normal[best / 2] * outward < 0.0f)
+            for (float& c : normal) c = -c;
+        reached[seed] = 1;
+        queue.push_back(seed);
+        ++estimate.pieces_from_extremes;
+    }
+    for (std::size_t head = 0; head < queue.size(); ++head) {
+        const std::uint32_t u = queue[head];
+        const Vec3f& from = scan.normals[u];
+        for (std::uint32_t a = first[u]; a < first[u + 1]; ++a) {
+            const std::uint32_t v = next[a];
+            if (reached[v]) continue;
+            reached[v] = 1;
+            queue.push_back(v);
+            Vec3f& normal = scan.normals[v];
+            if (scan.state[v] == FREE && normal[0] * from[0] + normal[1] * from[1] + normal[2] * from[2] < 0.0f)
+                for (float& c : normal) c = -c;
+        }
+    }
+}
+
+int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                const std::vector<FrameNormalSource>& sources, NormalEstimate& result, const NormalOptions& options) {
+    result = NormalEstimate();
+    if (sources.size() != frames.size()) return TESSALINE_FAILURE;
+    if (options.neighbours < MIN_NEIGHBOURS || options.neighbours > MAX_NEIGHBOURS) return TESSALINE_FAILURE;
+    if (!(options.clear_plane > 0.0f && options.clear_plane <= 1.0f)) return TESSALINE_FAILURE;
+    if (!(options.reach > 0.0f) || !std::isfinite(options.reach)) return TESSALINE_FAILURE;
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        if (!frames[f] && sources[f].estimate) return TESSALINE_FAILURE;
+        if (sources[f].sensor_known)
+            for (double c : sources[f].sensor)
+                if (!std::isfinite(c)) return TESSALINE_FAILURE;
+    }
+    const int k = options.neighbours;
+    result.neighbours = k;
+
+    Scan scan;
+    bool any_free = false;
+    std::size_t total = 0;
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        const std::size_t size = frames[f] ? frames[f]->xyz.size() : 0;
+        total += size;
+        if (sources[f].estimate) {
+            result.points += size;
+            any_free = any_free || (!sources[f].sensor_known && size > 0);
+        }
+    }
+    if (total >= NONE || frames.size() >= NONE) return TESSALINE_FAILURE;
+    if (any_free && total > static_cast<std::size_t>(NONE) / GRAPH_NEIGHBOURS) return TESSALINE_FAILURE;
+    if (result.points == 0) return 0;
+
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        if (!frames[f]) continue;
+        for (std::size_t i = 0; i < frames[f]->xyz.size(); ++i) {
+            if (!finite(frames[f]->xyz[i])) continue;
+            scan.points.push_back(frames[f]->xyz[i]);
+            scan.origins.push_back({static_cast<std::uint32_t>(f), static_cast<std::uint32_t>(i)});
+        }
+    }
+    const std::size_t n = scan.points.size();
+    const double guess = guessReach(scan.points, k);
+    scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * guess);
+    const double kth = measureReach(scan, k);
+    // Cells much smaller or larger than the neighbourhoods make the search slow: sorted again at the size
+    // measured.
+    if (kth > 0.0 && (scan.grid.edge() < kth || scan.grid.edge() > 2.5 * kth))
+        scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * kth);
+    const double reach = kth > 0.0 ? options.reach * kth : INFINITY;
+    result.reach = static_cast<float>(reach);
+    const int max_ring = std::isfinite(reach) ? static_cast<int>(std::ceil(reach / scan.grid.edge())) + 1 : 1 << 20;
+
+    scan.state.assign(n, NO_NORMAL);
+    scan.normals.assign(n, Vec3f{0.0f, 0.0f, 0.0f});
+    std::vector<std::uint32_t> graph(any_free ? n * GRAPH_NEIGHBOURS : 0, NONE);
+    std::size_t too_few = 0, unclear = 0;
+    const float reach_squared = static_cast<float>(reach * reach);
+    const std::int64_t cells = static_cast<std::int64_t>(scan.grid.cells());
+#pragma omp parallel reduction(+ : too_few, unclear)
+    {
+        Search search;
+        Nearest nearest(k + 1);
+#pragma omp for schedule(dynamic, 16)
+        for (std::int64_t cell = 0; cell < cells; ++cell) {
+            bool around = false;
+            for (std::uint32_t s = scan.grid.begin(static_cast<std::size_t>(cell));
+                 s < scan.grid.end(static_cast<std::size_t>(cell)); ++s) {
+                const Origin origin = scan.origins[s];
+                const FrameNormalSource& source = sources[origin.frame];
+                if (!source.estimate) {
+                    const std::vector<Vec3f>& own = frames[origin.frame]->nor;
+                    const Vec3f given = origin.index < own.size() ? own[origin.index] : Vec3f{0.0f, 0.0f, 0.0f};
+                    const double length =
+                        std::sqrt(static_cast<double>(given[0]) * given[0] + static_cast<double>(given[1]) * given[1] +
+                                  static_cast<double>(given[2]) * given[2]);
+                    if (finite(given) && length > 0.0 && std::isfinite(length)) {
+                        for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(given[c] / length);
+                        scan.state[s] = KEPT;
+                    }
+                    continue;
+                }
+                if (!around) {
+                    search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
+                    around = true;
+                }
+                findNearest(scan.grid, scan.points, s, search, reach, max_ring, nearest);
+                int within = 0;
+                while (within < nearest.count() && nearest.squared(within) <= reach_squared) ++within;
+                if (2 * (within - 1) < k) {
+                    ++too_few;
+                    continue;
+                }
+                // The covariance of the neighbours, about their mean, in double from offsets to the point.
+                const Vec3f& p = scan.points[s];
+                double mean[3] = {0.0, 0.0, 0.0};
+                for (int j = 0; j < within; ++j)
+                    for (int c = 0; c < 3; ++c)
+                        mean[c] += static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]);
+                for (double& m : mean) m /= within;
+                double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+                for (int j = 0; j < within; ++j) {
+                    double d[3];
+                    for (int c = 0; c < 3; ++c)
+                        d[c] =
+                            static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]) - mean[c];
+                    a[0] += d[0] * d[0];
+                    a[1] += d[0] * d[1];
+                    a[2] += d[0] * d[2];
+                    a[3] += d[1] * d[1];
+                    a[4] += d[1] * d[2];
+                    a[5] += d[2] * d[2];
+                }
+                double lambda[3], v[3];
+                // A line of points (a middle spread of nothing, up to rounding) has no plane either.
+                if (!leastEigenvector(a, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
+                    std::max(lambda[0], 0.0) > options.clear_plane * lambda[1]) {
+                    ++unclear;
+                    continue;
+                }
+                if (source.sensor_known) {
+                    double toward = 0.0;
+                    for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);
+                    if (toward < 0.0)
+                        for (double& c : v) c = -c;
+                    scan.state[s] = FACED;
+                } else {
+                    scan.state[s] = FREE;
+                    std::uint32_t* row = &graph[static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS];
+                    int slot = 0;
+                    for (int j = 0; j < within && slot < GRAPH_NEIGHBOURS; ++j)
+                        if (nearest.index(j) != s) row[slot++] = nearest.index(j);
+                }
+                for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(v[c]);
+            }
+        }
+    }
+    if (any_free) orient(scan, std::move(graph), result);
+
+    // Every point of a frame to estimate gets its normal, or (0, 0, 0); the frames take them only when all
+    // are made, so that a failure leaves them as they were.
+    std::vector<std::vector<Vec3f>> made(frames.size());
+    for (std::size_t f = 0; f < frames.size(); ++f)
+        if (sources[f].estimate) made[f].assign(frames[f]->xyz.size(), Vec3f{0.0f, 0.0f, 0.0f});
+    std::size_t finite_points = 0, faced = 0, propagated = 0;
+#pragma omp parallel for schedule(static, 4096) reduction(+ : finite_points, faced, propagated)
+    for (std::int64_t s = 0; s < static_cast<std::int64_t>(n); ++s) {
+        const Origin origin = scan.origins[static_cast<std::size_t>(s)];
+        if (!sources[origin.frame].estimate) continue;
+        ++finite_points;
+        const std::uint8_t state = scan.state[static_cast<std::size_t>(s)];
+        faced += state == FACED ? 1 : 0;
+        propagated += state == FREE ? 1 : 0;
+        if (state == FACED || state == FREE)
+            made[origin.frame][origin.index] = scan.normals[static_cast<std::size_t>(s)];
+    }
+    result.toward_sensor = faced;
+    result.propagated = propagated;
+    for (std::size_t f = 0; f < frames.size(); ++f)
+        if (sources[f].estimate) frames[f]->nor.swap(made[f]);
+    result.too_few_neighbours = too_few + (result.points - finite_points);
+    result.no_clear_plane = unclear;
+    result.left_out = result.points - result.toward_sensor - result.propagated;
+    return 0;
+}
+
+}  // namespace
+
+int estimateNormals(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                    const std::vector<FrameNormalSource>& sources, NormalEstimate& estimate,
+                    const NormalOptions& options) {
+    const int status = mesh_internal::guarded([&] { return estimateAll(frames, sources, estimate, options); });
+    if (status != 0) estimate = NormalEstimate();
+    return status;
+}
+
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,208 @@
+// Normals for points without them (estimateNormals), on shapes whose normals are known: a sphere, a bump, a
+// plane; planes checked against a brute-force neighbour search and Eigen's solver.
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+
+#include "tessaline/TessalineMesh.h"
+
+using namespace SurfaceReconstruction;
+
+namespace {
+
+using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
+const Vec3f CENTRE = {50.0f, -20.0f, 30.0f};
+
+// `n` points spread evenly over a sphere of radius `r` around CENTRE (a Fibonacci lattice), with normals
+// (0, 0, 0); those below `floor` (relative to the centre) left out.
+std::shared_ptr<FrameDataWithInfo> sphere(int n, float r, float floor = -1e9f) {
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (int i = 0; i < n; ++i) {
+        const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1.0 + std::sqrt(5.0)) * (i + 0.5);
+        const double v[3] = {std::cos(theta) * std::sin(phi), std::sin(theta) * std::sin(phi), std::cos(phi)};
+        if (r * v[2] < floor) continue;
+        frame->xyz.push_back({CENTRE[0] + float(r * v[0]), CENTRE[1] + float(r * v[1]), CENTRE[2] + float(r * v[2])});
+    }
+    frame->nor.assign(frame->xyz.size(), Vec3f{0, 0, 0});
+    frame->w.assign(frame->xyz.size(), 8);
+    return frame;
+}
+
+Vec3f outward(const Vec3f& p) {
+    const float d[3] = {p[0] - CENTRE[0], p[1] - CENTRE[1], p[2] - CENTRE[2]};
+    const float length = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+    return {d[0] / length, d[1] / length, d[2] / length};
+}
+
+float dot(const Vec3f& a, const Vec3f& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+// The least cosine between each estimated normal and the expected one, over the points that got a normal.
+template <class Expected>
+float worstAgreement(const FrameDataWithInfo& frame, Expected expected) {
+    float worst = 1.0f;
+    for (std::size_t i = 0; i < frame.xyz.size(); ++i)
+        if (dot(frame.nor[i], frame.nor[i]) > 0.0f) worst = std::min(worst, dot(frame.nor[i], expected(frame.xyz[i])));
+    return worst;
+}
+
+}  // namespace
+
+TEST(PointNormals, FacedTowardTheScannerOrOrientedFromTheOutsideInOnClosedAndOpenSurfaces) {
+    // A bump z = 3 exp(-(x^2 + y^2) / 40) over a 41 x 41 grid, an open sheet: its highest point faces +z.
+    auto bump = std::make_shared<FrameDataWithInfo>();
+    for (int i = -20; i <= 20; ++i)
+        for (int j = -20; j <= 20; ++j)
+            bump->xyz.push_back({0.5f * i, 0.5f * j, 3.0f * std::exp(-(0.25f * (i * i + j * j)) / 40.0f)});
+    bump->nor.assign(bump->xyz.size(), Vec3f{0, 0, 0});
+    const auto bumpNormal = [](const Vec3f& p) {
+        const float g = -p[2] * 2.0f / 40.0f;  // d z / d x = x g, d z / d y = y g
+        const float n[3] = {-p[0] * g, -p[1] * g, 1.0f};
+        const float length = std::sqrt(n[0] * n[0] + n[1] * n[1] + 1.0f);
+        return Vec3f{n[0] / length, n[1] / length, n[2] / length};
+    };
+    const auto inward = [](const Vec3f& p) {
+        const Vec3f o = outward(p);
+        return Vec3f{-o[0], -o[1], -o[2]};
+    };
+    const auto bumpInward = [&bumpNormal](const Vec3f& p) {
+        const Vec3f n = bumpNormal(p);
+        return Vec3f{-n[0], -n[1], -n[2]};
+    };
+    const struct {
+        const char* name;
+        std::shared_ptr<FrameDataWithInfo> frame;
+        bool sensor;
+        std::array<double, 3> at;
+        std::function<Vec3f(const Vec3f&)> expected;
+    } cases[] = {
+        {"closed sphere, no scanner", sphere(4000, 10.0f), false, {}, outward},
+        {"sphere seen from its centre", sphere(4000, 10.0f), true, {50, -20, 30}, inward},
+        {"open cap (upper half sphere), no scanner", sphere(4000, 10.0f, 0.0f), false, {}, outward},
+        {"open bump, no scanner", bump, false, {}, bumpNormal},
+        {"bump seen from above", std::make_shared<FrameDataWithInfo>(*bump), true, {3, 4, 100}, bumpNormal},
+        {"bump seen from below", std::make_shared<FrameDataWithInfo>(*bump), true, {3, 4, -100}, bumpInward},
+    };
+    for (const auto& c : cases) {
+        const std::size_t n = c.frame->xyz.size();
+        FrameNormalSource source;
+        source.sensor_known = c.sensor;
+        source.sensor = c.at;
+        NormalEstimate estimate;
+        ASSERT_EQ(estimateNormals({c.frame}, {source}, estimate), 0) << c.name;
+        EXPECT_EQ(estimate.points, n) << c.name;
+        EXPECT_EQ(estimate.left_out, 0u) << c.name;
+        EXPECT_EQ(c.sensor ? estimate.toward_sensor : estimate.propagated, n) << c.name;
+        EXPECT_EQ(estimate.pieces_from_extremes, c.sensor ? 0u : 1u) << c.name;
+        ASSERT_EQ(c.frame->nor.size(), n);
+        // Planes of 17 points: the curvature tilts them a little, most at the open rims.
+        EXPECT_GT(worstAgreement(*c.frame, c.expected), 0.99f) << c.name;
+    }
+}
+
+TEST(PointNormals, AmbiguousPointsAreLeftOutAndKeptNormalsOrientTheirNeighbours) {
+    // A sphere whose upper half comes with normals pointing inward, the lower half without; three isolated
+    // points and a line of 40 points far from it: no plane, left out.
+    auto upper = sphere(4000, 10.0f, 0.0f), lower = sphere(4000, 10.0f);
+    for (auto& n : upper->nor) n = {0, 0, 0};
+    std::vector<Vec3f> kept;
+    for (const Vec3f& p : upper->xyz) {
+        const Vec3f o = outward(p);
+        kept.push_back({-o[0], -o[1], -o[2]});
+    }
+    upper->nor = kept;
+    lower->xyz.erase(
+        std::remove_if(lower->xyz.begin(), lower->xyz.end(), [](const Vec3f& p) { return p[2] >= CENTRE[2]; }),
+        lower->xyz.end());
+    const std::size_t lower_points = lower->xyz.size();
+    for (int i = 0; i < 3; ++i) lower->xyz.push_back({500.0f + 100.0f * i, 0.0f, 0.0f});
+    for (int i = 0; i < 40; ++i) lower->xyz.push_back({-300.0f, 0.3f * i, 0.0f});
+    lower->xyz.push_back({NAN, 0.0f, 0.0f});
+    lower->nor.assign(lower->xyz.size(), Vec3f{0, 0, 0});
+    FrameNormalSource keep, make;
+    keep.estimate = false;
+    NormalEstimate estimate;
+    ASSERT_EQ(estimateNormals({upper, lower}, {keep, make}, estimate), 0);
+    EXPECT_EQ(upper->nor, kept);  // a kept frame is not touched
+    EXPECT_EQ(estimate.points, lower_points + 44);
+    EXPECT_EQ(estimate.too_few_neighbours, 4u);  // the isolated points and the one not finite
+    EXPECT_EQ(estimate.no_clear_plane, 40u);     // the line
+    EXPECT_EQ(estimate.left_out, 44u);
+    EXPECT_EQ(estimate.propagated, lower_points);
+    EXPECT_EQ(estimate.pieces_from_extremes, 0u);  // the sphere's piece holds kept points
+    for (std::size_t i = 0; i < lower->xyz.size(); ++i) {
+        if (i >= lower_points) {
+            EXPECT_EQ(lower->nor[i], (Vec3f{0, 0, 0})) << i;
+            continue;
+        }
+        ASSERT_LT(dot(lower->nor[i], outward(lower->xyz[i])), -0.99f) << i;  // inward, as the kept half
+    }
+
+    // Refused: sources that do not match the frames, options out of range; the frames stay as they were.
+    const std::vector<Vec3f> before = lower->nor;
+    NormalOptions few;
+    few.neighbours = 4;
+    EXPECT_EQ(estimateNormals({upper, lower}, {make}, estimate), TESSALINE_FAILURE);
+    EXPECT_EQ(estimateNormals({upper, lower}, {keep, make}, estimate, few), TESSALINE_FAILURE);
+    EXPECT_EQ(lower->nor, before);
+}
+
+// Noisy points on a wavy sheet, dense in one corner and sparse elsewhere: every plane matches the least
+// eigenvector (Eigen) of the covariance of the 17 nearest points found by brute force, and the normals come
+// out bit for bit the same on 1, 2 and 3 threads.
+TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountGivesTheSameNormals) {
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    std::normal_distribution<float> noise(0.0f, 0.01f);
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (int i = 0; i < 6000; ++i) {
+        float x = 20.0f * unit(random), y = 20.0f * unit(random);
+        if (i % 2 == 0) x *= 0.5f, y *= 0.5f;  // half of them crowd into a quarter
+        frame->xyz.push_back({x, y, std::sin(0.4f * x) + 0.5f * std::cos(0.3f * y) + noise(random)});
+    }
+    frame->nor.assign(frame->xyz.size(), Vec3f{0, 0, 0});
+    std::vector<std::vector<Vec3f>> normals;
+    float reach = 0.0f;
+    const int threads = omp_get_max_threads();
+    for (int t : {1, 2, 3}) {
+        omp_set_num_threads(t);
+        auto copy = std::make_shared<FrameDataWithInfo>(*frame);
+        NormalEstimate estimate;
+        ASSERT_EQ(estimateNormals({copy}, {FrameNormalSource()}, estimate), 0);
+        EXPECT_LT(estimate.left_out, 10u);
+        normals.push_back(copy->nor);
+        reach = estimate.reach;
+    }
+    omp_set_num_threads(threads);
+    EXPECT_EQ(std::memcmp(normals[0].data(), normals[1].data(), normals[0].size() * sizeof(Vec3f)), 0);
+    EXPECT_EQ(std::memcmp(normals[0].data(), normals[2].data(), normals[0].size() * sizeof(Vec3f)), 0);
+
+    const auto& p = frame->xyz;
+    std::size_t checked = 0;
+    for (std::size_t i = 0; i < p.size(); i += 7) {
+        if (dot(normals[0][i], normals[0][i]) == 0.0f) continue;
+        std::vector<std::pair<float, std::size_t>> order;
+        for (std::size_t j = 0; j < p.size(); ++j) {
+            const float d[3] = {p[j][0] - p[i][0], p[j][1] - p[i][1], p[j][2] - p[i][2]};
+            order.push_back({d[0] * d[0] + d[1] * d[1] + d[2] * d[2], j});
+        }
+        std::partial_sort(order.begin(), order.begin() + 17, order.end());
+        if (order[16].first > reach * reach) continue;  // fitted to fewer
+        Eigen::Matrix<double, 17, 3> q;
+        for (int j = 0; j < 17; ++j)
+            for (int k = 0; k < 3; ++k) q(j, k) = p[order[j].second][k];
+        const Eigen::Matrix<double, 17, 3> centred = q.rowwise() - q.colwise().mean();
+        const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(centred.transpose() * centred);
+        const Eigen::Vector3d expected = solver.eigenvectors().col(0);
+        const double agreement =
+            std::fabs(expected[0] * normals[0][i][0] + expected[1] * normals[0][i][1] + expected[2] * normals[0][i][2]);
+        ASSERT_GT(agreement, 1.0 - 1e-5) << "point " << i;
+        ++checked;
+    }
+    EXPECT_GT(checked, 800u);
+}
