@@ -2,6 +2,9 @@
 // measured point are found exactly, on all cores, in a hashed grid of small cells over all points; a plain
 // scan or a k-d tree answers the few lookups that the grid suits badly.
 #include <omp.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <cmath>
 #include <limits>
@@ -57,6 +60,55 @@ inline float squaredDistance(const float* q, const Vec3f& p) {
 
 // The k-d tree takes a point only below the largest float: farther ones (an overflow) are never found.
 inline bool findable(float squared) { return squared < std::numeric_limits<float>::max(); }
+
+// The set bits of a word (the processors this is built for need not count them in one instruction).
+inline std::uint32_t bitCount(std::uint64_t x) {
+    x -= (x >> 1) & 0x5555555555555555ull;
+    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+    return static_cast<std::uint32_t>((x * 0x0101010101010101ull) >> 56);
+}
+
+// Appends to `out` the squared distances from `q` to points[0, n) below `bound` (not above the largest
+// float) and counts the zeros among them, until `enough` zeros: false when more than `room` would be
+// appended. Four points at a time where the processor has SSE2, each rounded as squaredDistance rounds it.
+inline bool distancesBelow(const float* q, const Vec3f* points, std::size_t n, float bound, float* out,
+                           std::size_t& count, std::size_t room, std::size_t& zeros, std::size_t enough) {
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    static_assert(sizeof(Vec3f) == 3 * sizeof(float), "the points lie float after float");
+    const __m128 qx = _mm_set1_ps(q[0]), qy = _mm_set1_ps(q[1]), qz = _mm_set1_ps(q[2]);
+    const __m128 below = _mm_set1_ps(bound), zero = _mm_setzero_ps();
+    const float* p = points[0].data();
+    for (; i + 4 <= n; i += 4, p += 12) {
+        // x0 y0 z0 x1 | y1 z1 x2 y2 | z2 x3 y3 z3, to x0 x1 x2 x3, y0 ..., z0 ...
+        const __m128 a = _mm_loadu_ps(p), b = _mm_loadu_ps(p + 4), c = _mm_loadu_ps(p + 8);
+        const __m128 x = _mm_shuffle_ps(a, _mm_shuffle_ps(b, c, _MM_SHUFFLE(1, 0, 3, 2)), _MM_SHUFFLE(3, 0, 3, 0));
+        const __m128 y = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(0, 0, 1, 1)),
+                                        _mm_shuffle_ps(b, c, _MM_SHUFFLE(2, 2, 3, 3)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 z = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(1, 1, 2, 2)),
+                                        _mm_shuffle_ps(c, c, _MM_SHUFFLE(3, 3, 0, 0)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 dx = _mm_sub_ps(qx, x), dy = _mm_sub_ps(qy, y), dz = _mm_sub_ps(qz, z);
+        const __m128 d = _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        int take = _mm_movemask_ps(_mm_cmplt_ps(d, below));
+        if (take == 0) continue;
+        if (count + 4 > room) return false;
+        zeros += bitCount(static_cast<std::uint64_t>(_mm_movemask_ps(_mm_cmpeq_ps(d, zero)) & take));
+        alignas(16) float lanes[4];
+        _mm_store_ps(lanes, d);
+        for (; take != 0; take &= take - 1) out[count++] = lanes[__builtin_ctz(take)];
+        if (zeros >= enough) return true;
+    }
+#endif
+    for (; i < n; ++i) {
+        const float d = squaredDistance(q, points[i]);
+        if (!(d < bound)) continue;
+        if (count == room) return false;
+        out[count++] = d;
+        if (d == 0.0f && ++zeros >= enough) return true;
+    }
+    return true;
+}
 
 // A stretch of at most PIECE_POINTS points of one frame (or of a copy of points): the units of work, the
 // same for any thread count.
@@ -207,14 +259,6 @@ std::size_t scanNeighbours(const float* q, const Vec3f* points, std::size_t coun
     return found;
 }
 
-// The set bits of a word (the processors this is built for need not count them in one instruction).
-inline std::uint32_t bitCount(std::uint64_t x) {
-    x -= (x >> 1) & 0x5555555555555555ull;
-    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
-    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
-    return static_cast<std::uint32_t>((x * 0x0101010101010101ull) >> 56);
-}
-
 // An array left uninitialised: its pages are first touched where it is filled, on all cores.
 template <class T>
 std::unique_ptr<T[]> rawArray(std::size_t n) {
@@ -270,18 +314,22 @@ struct Grid {
     }
     // The last group met and its slot: the points of a frame come group after group.
     struct Recent {
-        std::int64_t group[3] = {INT64_MIN, 0, 0};
+        std::int64_t group[3] = {INT64_MIN, 0, 0};  // a cell of the group
         std::uint32_t slot = 0;
     };
     std::uint32_t keyOf(const Vec3f& p, Recent& recent) const {
         const std::int64_t i = cellOf(p[0], 0), j = cellOf(p[1], 1), k = cellOf(p[2], 2);
-        if (i >> 4 != recent.group[0] || j >> 4 != recent.group[1] || k >> 4 != recent.group[2]) {
-            recent.group[0] = i >> 4;
-            recent.group[1] = j >> 4;
-            recent.group[2] = k >> 4;
+        if (((i ^ recent.group[0]) | (j ^ recent.group[1]) | (k ^ recent.group[2])) >> 4 != 0) {
+            recent.group[0] = i;
+            recent.group[1] = j;
+            recent.group[2] = k;
             recent.slot = slotOf(i >> 4, j >> 4, k >> 4);
         }
-        return (recent.slot << 6 | placeOf(i >> 2, j >> 2, k >> 2)) << 6 | placeOf(i, j, k);
+        // The block's place (bits 6-11) and the cell's (bits 0-5), from the low 4 bits of each number.
+        const std::uint32_t x = static_cast<std::uint32_t>(i), y = static_cast<std::uint32_t>(j),
+                            z = static_cast<std::uint32_t>(k);
+        return recent.slot << 12 | (x & 3) | (x & 12) << 4 | (y & 3) << 2 | (y & 12) << 6 | (z & 3) << 4 |
+               (z & 12) << 8;
     }
     std::uint32_t keyOf(const Vec3f& p) const {
         Recent recent;
@@ -377,8 +425,7 @@ struct Scratch {
     std::vector<std::uint32_t> cells;
     std::uint64_t stamp = 0;
     float guess = std::numeric_limits<float>::max();
-    Scratch() : seen(SEEN_SLOTS) {
-        candidates.reserve(MAX_CANDIDATES);
+    Scratch() : candidates(MAX_CANDIDATES), seen(SEEN_SLOTS) {
         visits.reserve(MAX_BLOCKS);
         cells.reserve(64 * MAX_BLOCKS);
     }
@@ -424,10 +471,9 @@ std::size_t gridNeighbours(const Bucketed& b, const float* q, std::size_t k, Scr
     // How far a point may lie outside its cell (the rounding of its cell number, and that of q's
     // coordinates), in edges.
     const double slop = SLOP_EDGES + (largest + MAX_REACH + 8) * 0x1p-48;
-    auto& found = scratch.candidates;
-    found.clear();
+    float* found = scratch.candidates.data();
+    std::size_t count = 0, zeros = 0;
     ++scratch.stamp;
-    std::size_t zeros = 0;
     // Only points nearer than the k-th best so far can join the k nearest (an equal one changes nothing).
     // At first a guess from the lookup before (nearby: the lookups go in the order of their buckets); when
     // fewer than k points come within it, the search starts again without it.
@@ -475,18 +521,14 @@ std::size_t gridNeighbours(const Bucketed& b, const float* q, std::size_t k, Scr
         }
         for (const std::uint32_t cell : cells_to_search) __builtin_prefetch(&b.points[b.start[cell]]);
         for (const std::uint32_t cell : cells_to_search) {
-            const std::uint32_t end = b.start[cell + 1];
-            for (std::uint32_t i = b.start[cell]; i < end; ++i) {
-                const float d = squaredDistance(q, b.points[i]);
-                if (!(d < bound)) continue;
-                if (found.size() == MAX_CANDIDATES) return 0;
-                found.push_back(d);
-                // k points on q itself: nothing can come nearer.
-                if (d == 0.0f && ++zeros == k) {
-                    std::partition(found.begin(), found.end(), [](float x) { return x == 0.0f; });
-                    scratch.guess = std::numeric_limits<float>::max();
-                    return k;
-                }
+            const std::uint32_t begin = b.start[cell];
+            if (!distancesBelow(q, &b.points[begin], b.start[cell + 1] - begin, bound, found, count, MAX_CANDIDATES,
+                                zeros, k))
+                return 0;
+            if (zeros >= k) {  // k points on q itself: nothing can come nearer
+                std::partition(found, found + count, [](float x) { return x == 0.0f; });
+                scratch.guess = std::numeric_limits<float>::max();
+                return k;
             }
         }
         double reach = radius;  // from q to the nearest face of the box, in edges, then in the points' unit
@@ -496,14 +538,13 @@ std::size_t gridNeighbours(const Bucketed& b, const float* q, std::size_t k, Scr
         // Every point outside the box lies at least `reach` from q: its squared distance, rounded in float
         // (a few parts in 10^7 at most), is no smaller than a squared distance within this.
         const double within = reach > 0.0 ? reach * reach * (1.0 - 0x1p-20) : 0.0;
-        if (found.size() < k) {
+        if (count < k) {
             if (bound == std::numeric_limits<float>::max()) {
                 radius *= 2.0;
             } else if (bound <= within) {
                 // Fewer than k points within the guess, all of them searched: the guess was too small.
                 bound = std::numeric_limits<float>::max();
-                found.clear();
-                zeros = 0;
+                count = zeros = 0;
                 ++scratch.stamp;
             } else {
                 radius = std::min(
@@ -513,8 +554,8 @@ std::size_t gridNeighbours(const Bucketed& b, const float* q, std::size_t k, Scr
             }
             continue;
         }
-        std::nth_element(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(k - 1), found.end());
-        found.resize(k);
+        std::nth_element(found, found + (k - 1), found + count);
+        count = k;
         bound = found[k - 1];
         const double kth = bound;
         if (kth == 0.0 || (within >= 1e-30 && kth <= within)) {
