@@ -1,5 +1,13 @@
-// How far apart the points of a scan lie, and the resolution that suits them.
+// How far apart the points of a scan lie, and the resolution that suits them. The nearest points of each
+// measured point are found exactly, on all cores, in a hashed grid of small cells over all points; a plain
+// scan or a k-d tree answers the few lookups that the grid suits badly.
+#include <omp.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <cmath>
+#include <limits>
 #include <nanoflann.hpp>
 
 #include "MeshInternal.h"
@@ -15,11 +23,19 @@ constexpr float HIGHEST_RESOLUTION = 100000.0f;
 // 4 mm (2.85 to 2.9), rounded down.
 constexpr double TRIANGLES_PER_SQUARE_EDGE = 2.8;
 
-// A point's scale code, with 0 and unlisted codes read as 8 (one cell a resolution).
-int scaleCode(std::int32_t word) {
-    const int code = word & 0xFF;
-    return code == 1 || code == 2 || code == 4 || code == 16 || code == 32 || code == 64 ? code : 8;
-}
+constexpr std::size_t NEIGHBOURS = SPACING_NEIGHBOURS + 1;  // the measured point itself comes first
+constexpr double PI = 3.14159265358979323846;
+
+// The scale codes, finest first, and each low byte's index among them: 0 and unlisted codes read as 8.
+constexpr int CODES[7] = {64, 32, 16, 8, 4, 2, 1};
+struct CodeIndex {
+    std::uint8_t of[256] = {};
+    constexpr CodeIndex() {
+        for (int byte = 0; byte < 256; ++byte) of[byte] = 3;
+        for (int k = 0; k < 7; ++k) of[CODES[k]] = static_cast<std::uint8_t>(k);
+    }
+};
+constexpr CodeIndex CODE_INDEX;
 
 // A point the engine uses: finite, with a normal of some length, and not at the origin (the engine
 // skips points whose coordinates are all nearer to zero than 0.1).
@@ -30,20 +46,158 @@ bool usable(const Vec3f& p, const Vec3f& n) {
     return !(std::fabs(p[0]) < 0.1f && std::fabs(p[1]) < 0.1f && std::fabs(p[2]) < 0.1f);
 }
 
-struct Cloud {
-    std::vector<Vec3f> points;
-    std::size_t kdtree_get_point_count() const { return points.size(); }
-    float kdtree_get_pt(std::size_t i, std::size_t k) const { return points[i][k]; }
-    template <class Box>
-    bool kdtree_get_bbox(Box&) const {
-        return false;
+// The squared distance as the k-d tree's metric (nanoflann's L2_Simple_Adaptor) computes it, rounding for
+// rounding: ((0 + dx dx) + dy dy) + dz dz with d = query - point (this file is built without contracted
+// multiply-adds). The figures depend only on the k smallest of these, whatever finds them.
+inline float squaredDistance(const float* q, const Vec3f& p) {
+    const float dx = q[0] - p[0], dy = q[1] - p[1], dz = q[2] - p[2];
+    float d = 0.0f;
+    d += dx * dx;
+    d += dy * dy;
+    d += dz * dz;
+    return d;
+}
+
+// The k-d tree takes a point only below the largest float: farther ones (an overflow) are never found.
+inline bool findable(float squared) { return squared < std::numeric_limits<float>::max(); }
+
+// The set bits of a word (the processors this is built for need not count them in one instruction).
+inline std::uint32_t bitCount(std::uint64_t x) {
+    x -= (x >> 1) & 0x5555555555555555ull;
+    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+    return static_cast<std::uint32_t>((x * 0x0101010101010101ull) >> 56);
+}
+
+// Appends to `out` the squared distances from `q` to points[0, n) below `bound` (not above the largest
+// float) and counts the zeros among them, until `enough` zeros: false when more than `room` would be
+// appended. Four points at a time where the processor has SSE2, each rounded as squaredDistance rounds it.
+inline bool distancesBelow(const float* q, const Vec3f* points, std::size_t n, float bound, float* out,
+                           std::size_t& count, std::size_t room, std::size_t& zeros, std::size_t enough) {
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    static_assert(sizeof(Vec3f) == 3 * sizeof(float), "the points lie float after float");
+    const __m128 qx = _mm_set1_ps(q[0]), qy = _mm_set1_ps(q[1]), qz = _mm_set1_ps(q[2]);
+    const __m128 below = _mm_set1_ps(bound), zero = _mm_setzero_ps();
+    const float* p = points[0].data();
+    for (; i + 4 <= n; i += 4, p += 12) {
+        // x0 y0 z0 x1 | y1 z1 x2 y2 | z2 x3 y3 z3, to x0 x1 x2 x3, y0 ..., z0 ...
+        const __m128 a = _mm_loadu_ps(p), b = _mm_loadu_ps(p + 4), c = _mm_loadu_ps(p + 8);
+        const __m128 x = _mm_shuffle_ps(a, _mm_shuffle_ps(b, c, _MM_SHUFFLE(1, 0, 3, 2)), _MM_SHUFFLE(3, 0, 3, 0));
+        const __m128 y = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(0, 0, 1, 1)),
+                                        _mm_shuffle_ps(b, c, _MM_SHUFFLE(2, 2, 3, 3)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 z = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(1, 1, 2, 2)),
+                                        _mm_shuffle_ps(c, c, _MM_SHUFFLE(3, 3, 0, 0)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 dx = _mm_sub_ps(qx, x), dy = _mm_sub_ps(qy, y), dz = _mm_sub_ps(qz, z);
+        const __m128 d = _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        int take = _mm_movemask_ps(_mm_cmplt_ps(d, below));
+        if (take == 0) continue;
+        if (count + 4 > room) return false;
+        zeros += bitCount(static_cast<std::uint64_t>(_mm_movemask_ps(_mm_cmpeq_ps(d, zero)) & take));
+        alignas(16) float lanes[4];
+        _mm_store_ps(lanes, d);
+        for (; take != 0; take &= take - 1) out[count++] = lanes[__builtin_ctz(take)];
+        if (zeros >= enough) return true;
     }
+#endif
+    for (; i < n; ++i) {
+        const float d = squaredDistance(q, points[i]);
+        if (!(d < bound)) continue;
+        if (count == room) return false;
+        out[count++] = d;
+        if (d == 0.0f && ++zeros >= enough) return true;
+    }
+    return true;
+}
+
+// A stretch of at most PIECE_POINTS points of one frame (or of a copy of points): the units of work, the
+// same for any thread count.
+constexpr std::size_t PIECE_POINTS = std::size_t(1) << 15;
+struct Piece {
+    const Vec3f* xyz = nullptr;
+    const Vec3f* nor = nullptr;        // null: every point is usable (a copy of usable points)
+    const std::int32_t* w = nullptr;   // the words of the first `words` points; the rest count as 8
+    std::size_t words = 0, count = 0;  // points
+    std::size_t usable = 0;            // usable points, once counted
 };
 
-using Tree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, Cloud>, Cloud, 3, std::uint32_t>;
+// The pieces of the frames' first min(xyz, nor) points, or min(xyz, nor, w) with `with_words`.
+std::vector<Piece> piecesOf(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, bool with_words) {
+    std::vector<Piece> pieces;
+    for (const auto& frame : frames) {
+        if (!frame) continue;
+        std::size_t n = std::min(frame->xyz.size(), frame->nor.size());
+        if (with_words) n = std::min(n, frame->w.size());
+        for (std::size_t begin = 0; begin < n; begin += PIECE_POINTS) {
+            Piece piece;
+            piece.xyz = frame->xyz.data() + begin;
+            piece.nor = frame->nor.data() + begin;
+            piece.count = std::min(PIECE_POINTS, n - begin);
+            if (begin < frame->w.size()) {
+                piece.w = frame->w.data() + begin;
+                piece.words = std::min(piece.count, frame->w.size() - begin);
+            }
+            pieces.push_back(piece);
+        }
+    }
+    return pieces;
+}
 
-constexpr std::size_t NEIGHBOURS = SPACING_NEIGHBOURS + 1;  // the measured point itself comes first
-constexpr double PI = 3.14159265358979323846;
+std::vector<Piece> piecesOf(const std::vector<Vec3f>& points) {
+    std::vector<Piece> pieces;
+    for (std::size_t begin = 0; begin < points.size(); begin += PIECE_POINTS) {
+        Piece piece;
+        piece.xyz = points.data() + begin;
+        piece.count = std::min(PIECE_POINTS, points.size() - begin);
+        pieces.push_back(piece);
+    }
+    return pieces;
+}
+
+inline bool usableIn(const Piece& piece, std::size_t i) { return !piece.nor || usable(piece.xyz[i], piece.nor[i]); }
+inline int codeIndexIn(const Piece& piece, std::size_t i) {
+    return i < piece.words ? CODE_INDEX.of[piece.w[i] & 0xFF] : 3;
+}
+
+// The usable points and the points of each code (finest first), counted on all cores; each piece's usable
+// points too.
+struct Counts {
+    std::size_t usable = 0;
+    std::size_t codes[7] = {};
+};
+Counts countPieces(std::vector<Piece>& pieces) {
+    std::vector<std::array<std::size_t, 7>> codes(pieces.size());
+    const std::ptrdiff_t n = static_cast<std::ptrdiff_t>(pieces.size());
+#pragma omp parallel for schedule(dynamic, 4)
+    for (std::ptrdiff_t p = 0; p < n; ++p) {
+        Piece& piece = pieces[p];
+        std::array<std::size_t, 7> counted{};
+        for (std::size_t i = 0; i < piece.count; ++i)
+            if (usableIn(piece, i)) ++counted[codeIndexIn(piece, i)];
+        codes[p] = counted;
+        piece.usable = 0;
+        for (const std::size_t c : counted) piece.usable += c;
+    }
+    Counts counts;
+    for (const auto& counted : codes)
+        for (int k = 0; k < 7; ++k) counts.codes[k] += counted[k];
+    for (const std::size_t c : counts.codes) counts.usable += c;
+    return counts;
+}
+
+// The finest scale code that at least a tenth of the `points` ask for.
+int finestTenth(const std::size_t (&codes)[7], std::size_t points) {
+    for (std::size_t k = 0, sum = 0; k < 7; ++k) {
+        sum += codes[k];
+        if (10 * sum >= points) return CODES[k];
+    }
+    return 8;
+}
+
+// Every stride-th point is measured, so that the measured ones spread over the whole scan.
+std::size_t strideFor(std::size_t points, std::size_t max_measured) {
+    return std::max<std::size_t>(1, points / max_measured + (points % max_measured != 0 ? 1 : 0));
+}
 
 // The median of `values` (reordered); 0 when empty.
 float median(std::vector<float>& values) {
@@ -56,55 +210,664 @@ float median(std::vector<float>& values) {
     return m;
 }
 
-int measure(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, PointSpacing& spacing,
-            std::size_t max_measured) {
-    spacing = PointSpacing();
-    if (max_measured == 0) return 1;
-    Cloud cloud;
-    std::size_t codes[7] = {};  // points asking for 64, 32, 16, 8, 4, 2, 1: finest first
-    for (const auto& frame : frames) {
-        if (!frame) continue;
-        const std::size_t n = std::min(frame->xyz.size(), frame->nor.size());
-        for (std::size_t i = 0; i < n; ++i) {
-            if (!usable(frame->xyz[i], frame->nor[i])) continue;
-            cloud.points.push_back(frame->xyz[i]);
-            int finest_first = 0;
-            for (int code = 64; code > scaleCode(i < frame->w.size() ? frame->w[i] : 8); code >>= 1) ++finest_first;
-            ++codes[finest_first];
+// A k-d tree over points in memory (nanoflann).
+struct Cloud {
+    const Vec3f* points;
+    std::size_t count;
+    std::size_t kdtree_get_point_count() const { return count; }
+    float kdtree_get_pt(std::size_t i, std::size_t k) const { return points[i][k]; }
+    template <class Box>
+    bool kdtree_get_bbox(Box&) const {
+        return false;
+    }
+};
+using Tree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, Cloud>, Cloud, 3, std::uint32_t>;
+
+// What one measured point adds to the figures: the distance to its nearest point at another position and
+// the even spacing its k-th nearest point gives (each -1 when there is none), from the squared distances
+// of its `found` nearest points in any order.
+struct Measured {
+    float nearest = -1.0f, even = -1.0f;
+};
+Measured figuresOf(const float* squared, std::size_t found) {
+    Measured m;
+    float nearest = std::numeric_limits<float>::infinity(), last = 0.0f;
+    for (std::size_t j = 0; j < found; ++j) {
+        if (squared[j] > 0.0f) nearest = std::min(nearest, squared[j]);
+        last = std::max(last, squared[j]);
+    }
+    if (nearest < std::numeric_limits<float>::infinity()) m.nearest = std::sqrt(nearest);
+    if (found >= 2 && last > 0.0f) m.even = static_cast<float>(std::sqrt(last * PI / static_cast<double>(found - 1)));
+    return m;
+}
+
+// The k smallest findable squared distances from `q` to `points`, by looking at every point; the count.
+std::size_t scanNeighbours(const float* q, const Vec3f* points, std::size_t count, std::size_t k, float* best) {
+    std::size_t found = 0;  // best[0, found) is a max-heap
+    for (std::size_t i = 0; i < count; ++i) {
+        const float d = squaredDistance(q, points[i]);
+        if (!findable(d)) continue;
+        if (found < k) {
+            best[found++] = d;
+            std::push_heap(best, best + found);
+        } else if (d < best[0]) {
+            std::pop_heap(best, best + found);
+            best[found - 1] = d;
+            std::push_heap(best, best + found);
         }
     }
-    for (std::size_t k = 0, sum = 0; k < 7; ++k) {
-        sum += codes[k];
-        if (10 * sum >= cloud.points.size()) {
-            spacing.scale_code = 64 >> k;
-            break;
-        }
+    return found;
+}
+
+// An array left uninitialised: its pages are first touched where it is filled, on all cores.
+template <class T>
+std::unique_ptr<T[]> rawArray(std::size_t n) {
+    return std::unique_ptr<T[]>(new T[n]);
+}
+
+// The grid: cell (i, j, k) holds the points with floor((p - origin) / edge) = (i, j, k). Cells are grouped
+// in blocks of 4 x 4 x 4, blocks in groups of 4 x 4 x 4; a group is hashed to one of 2^bits slots of 64
+// buckets, one a block of the group (a slot may hold several groups). A point's key is its block's bucket
+// and its cell's place in the block (6 bits each). The points sorted by key lie slot by slot: the points
+// of a frame, read in order, go to few slots at a time, and a lookup finds its cells in few places.
+constexpr double CELL_LIMIT = 1099511627776.0;  // 2^40 edges: cell numbers are clamped here
+// How far from its cell a point may lie, in edges, by the rounding of its cell number, with room.
+constexpr double SLOP_EDGES = 0x1p-10;
+constexpr int MAX_SLOT_BITS = 19;               // keys below 2^31: UNUSABLE is none of them
+constexpr std::uint32_t UNUSABLE = UINT32_MAX;  // the key of a point that is left out
+
+struct Grid {
+    double origin[3] = {0, 0, 0};
+    double per_edge = 1.0;  // 1 / edge
+    int bits = 1;
+
+    // A coordinate in edges from the origin, clamped to +-CELL_LIMIT.
+    double coordinate(float x, int axis) const {
+        const double t = (static_cast<double>(x) - origin[axis]) * per_edge;
+        return std::min(std::max(t, -CELL_LIMIT), CELL_LIMIT);
     }
-    if (cloud.points.size() > UINT32_MAX) return 1;
-    spacing.points = cloud.points.size();
-    if (cloud.points.size() < 2) return 0;
-    const Tree tree(3, cloud, nanoflann::KDTreeSingleIndexAdaptorParams(16));
-    // Every stride-th point, so that the measured ones spread over the whole scan.
-    const std::size_t stride = (cloud.points.size() + max_measured - 1) / max_measured;
-    const std::size_t k = std::min(NEIGHBOURS, cloud.points.size());
-    std::vector<float> nearest, even;
-    std::vector<std::uint32_t> index(k);
-    std::vector<float> squared(k);
-    for (std::size_t i = 0; i < cloud.points.size(); i += stride) {
-        ++spacing.measured;
-        const std::size_t found = tree.knnSearch(cloud.points[i].data(), k, index.data(), squared.data());
-        // The point itself is among the results (at distance 0, maybe not first among duplicates).
-        for (std::size_t j = 0; j < found; ++j) {
-            if (squared[j] > 0.0f) {
-                nearest.push_back(std::sqrt(squared[j]));
-                break;
+    // The cell number of a coordinate: truncated after a shift by CELL_LIMIT (a floor of what is not
+    // negative), which first rounds it to 2^-12 edges. Far points (beyond CELL_LIMIT) share the outermost
+    // cells: they lie farther from every other cell than their own does.
+    std::int64_t cellOf(float x, int axis) const {
+        const double u = (static_cast<double>(x) - origin[axis]) * per_edge + CELL_LIMIT;
+        return static_cast<std::int64_t>(std::min(std::max(u, 0.0), 2 * CELL_LIMIT)) -
+               static_cast<std::int64_t>(CELL_LIMIT);
+    }
+    static std::int64_t floorOf(double t) {
+        const std::int64_t i = static_cast<std::int64_t>(t);
+        return i - (t < static_cast<double>(i) ? 1 : 0);
+    }
+    // The slot of a group by its numbers (a cell's numbers divided by 16: an arithmetic shift, a floor).
+    std::uint32_t slotOf(std::int64_t gi, std::int64_t gj, std::int64_t gk) const {
+        const std::uint64_t h = static_cast<std::uint64_t>(gi) * 0x9E3779B97F4A7C15ull ^
+                                static_cast<std::uint64_t>(gj) * 0xC2B2AE3D27D4EB4Full ^
+                                static_cast<std::uint64_t>(gk) * 0x165667B19E3779F9ull;
+        return static_cast<std::uint32_t>(((h ^ h >> 31) * 0xBF58476D1CE4E5B9ull) >> (64 - bits));
+    }
+    static std::uint32_t placeOf(std::int64_t i, std::int64_t j, std::int64_t k) {
+        return static_cast<std::uint32_t>((i & 3) | (j & 3) << 2 | (k & 3) << 4);
+    }
+    // A block's bucket by its numbers (a cell's numbers divided by 4).
+    std::uint32_t bucket(std::int64_t bi, std::int64_t bj, std::int64_t bk) const {
+        return slotOf(bi >> 2, bj >> 2, bk >> 2) << 6 | placeOf(bi, bj, bk);
+    }
+    // The last group met and its slot: the points of a frame come group after group.
+    struct Recent {
+        std::int64_t group[3] = {INT64_MIN, 0, 0};  // a cell of the group
+        std::uint32_t slot = 0;
+    };
+    std::uint32_t keyOf(const Vec3f& p, Recent& recent) const {
+        const std::int64_t i = cellOf(p[0], 0), j = cellOf(p[1], 1), k = cellOf(p[2], 2);
+        if (((i ^ recent.group[0]) | (j ^ recent.group[1]) | (k ^ recent.group[2])) >> 4 != 0) {
+            recent.group[0] = i;
+            recent.group[1] = j;
+            recent.group[2] = k;
+            recent.slot = slotOf(i >> 4, j >> 4, k >> 4);
+        }
+        // The block's place (bits 6-11) and the cell's (bits 0-5), from the low 4 bits of each number.
+        const std::uint32_t x = static_cast<std::uint32_t>(i), y = static_cast<std::uint32_t>(j),
+                            z = static_cast<std::uint32_t>(k);
+        return recent.slot << 12 | (x & 3) | (x & 12) << 4 | (y & 3) << 2 | (y & 12) << 6 | (z & 3) << 4 |
+               (z & 12) << 8;
+    }
+    std::uint32_t keyOf(const Vec3f& p) const {
+        Recent recent;
+        return keyOf(p, recent);
+    }
+};
+
+// A cell edge of about the distance from a typical point to its 64th nearest, measured on a thin sample of
+// the points (a k-d tree over it) and scaled back to all points as on a surface; a slot for about
+// POINTS_PER_SLOT points. Only the speed of the lookups depends on them (measured on the simulated scans of
+// 1 to 10 million points: edges of 0.7 to 1.4 such distances, 1024 to 8192 points a slot, within 10 %).
+constexpr std::size_t EDGE_SAMPLE = 8192;
+constexpr std::size_t EDGE_LOOKUPS = 256;
+constexpr std::size_t POINTS_PER_SLOT = 2048;
+
+Grid gridFor(const std::vector<Piece>& pieces, std::size_t raw, std::size_t points) {
+    Grid grid;
+    while (grid.bits < MAX_SLOT_BITS && (std::size_t(1) << grid.bits) < points / POINTS_PER_SLOT) ++grid.bits;
+    const std::size_t step = std::max<std::size_t>(1, raw / EDGE_SAMPLE);
+    std::vector<Vec3f> sample;
+    std::size_t next = 0, passed = 0;
+    for (const Piece& piece : pieces) {
+        for (; next < passed + piece.count; next += step)
+            if (usableIn(piece, next - passed)) sample.push_back(piece.xyz[next - passed]);
+        passed += piece.count;
+    }
+    if (sample.empty()) return grid;
+    for (int a = 0; a < 3; ++a) grid.origin[a] = sample[0][a];
+    double edge = 0.0;
+    if (sample.size() > NEIGHBOURS) {
+        const Cloud cloud{sample.data(), sample.size()};
+        const Tree tree(3, cloud, nanoflann::KDTreeSingleIndexAdaptorParams(16));
+        std::vector<float> kth;
+        std::uint32_t index[NEIGHBOURS];
+        float squared[NEIGHBOURS];
+        for (std::size_t i = 0; i < sample.size(); i += std::max<std::size_t>(1, sample.size() / EDGE_LOOKUPS))
+            if (tree.knnSearch(sample[i].data(), NEIGHBOURS, index, squared) == NEIGHBOURS &&
+                squared[NEIGHBOURS - 1] > 0.0f)
+                kth.push_back(squared[NEIGHBOURS - 1]);
+        if (!kth.empty())  // a sample s times thinner lies sqrt(s) times farther apart
+            edge = std::sqrt(median(kth) * static_cast<double>(sample.size()) /
+                             static_cast<double>(std::max(points, sample.size())));
+    }
+    if (!(edge > 0.0) || !std::isfinite(edge) || !std::isfinite(1.0 / edge)) {
+        // No spread in the sample: cells sized to its extent (any edge keeps the lookups exact).
+        double extent = 0.0;
+        for (const Vec3f& p : sample)
+            for (int a = 0; a < 3; ++a) extent = std::max(extent, std::fabs(double(p[a]) - grid.origin[a]));
+        edge = extent > 0.0 ? extent / std::cbrt(static_cast<double>(std::max<std::size_t>(points, 1))) : 1.0;
+        if (!std::isfinite(1.0 / edge)) edge = 1.0;
+    }
+    grid.per_edge = 1.0 / edge;
+    return grid;
+}
+
+// The points sorted by key: slot by slot, in a slot block by block, in a block cell by cell. The cells of
+// bucket b that hold points are the set bits of blocks[b].cells; the one of rank r (counted from bit 0)
+// holds points[start[blocks[b].first + r], start[blocks[b].first + r + 1]).
+struct Block {
+    std::uint64_t cells = 0;
+    std::uint32_t first = 0;
+};
+struct Bucketed {
+    Grid grid;
+    std::unique_ptr<Vec3f[]> points;
+    std::size_t count = 0;
+    std::vector<Block> blocks;
+    std::vector<std::uint32_t> start;
+};
+
+// The lookups' limits; beyond them a lookup is left to the fallback.
+constexpr double START_REACH = 1.0;            // cell edges searched around the point at first
+constexpr double MAX_REACH = 16.0;             // at most so many cell edges
+constexpr std::size_t MAX_BLOCKS = 1024;       // ... in at most so many blocks
+constexpr std::size_t MAX_CANDIDATES = 16384;  // ... with at most so many points
+constexpr std::size_t SEEN_SLOTS = 2048;       // a power of two above MAX_BLOCKS
+constexpr double GUESS_MARGIN = 2.0;           // the next lookup's guess, in squared k-th distances
+
+// Per thread: the candidates of one lookup, the cells of each bucket it has searched (stamped with the
+// lookup's number) and its lists of blocks and cells; a guess at the next lookup's k-th squared distance.
+struct Scratch {
+    struct Seen {
+        std::uint64_t tag = 0;  // stamp << 32 | bucket
+        std::uint64_t cells = 0;
+    };
+    struct Visit {
+        std::uint32_t bucket;
+        std::uint64_t cells;  // those of the box
+    };
+    std::vector<float> candidates;
+    std::vector<Seen> seen;
+    std::vector<Visit> visits;
+    std::vector<std::uint32_t> cells;
+    std::uint64_t stamp = 0;
+    float guess = std::numeric_limits<float>::max();
+    Scratch() : candidates(MAX_CANDIDATES), seen(SEEN_SLOTS) {
+        visits.reserve(MAX_BLOCKS);
+        cells.reserve(64 * MAX_BLOCKS);
+    }
+    std::uint64_t& searched(std::uint32_t bucket) {
+        const std::uint64_t tag = stamp << 32 | bucket;
+        for (std::size_t slot = (bucket * 0x9E3779B1u) & (SEEN_SLOTS - 1);; slot = (slot + 1) & (SEEN_SLOTS - 1)) {
+            Seen& s = seen[slot];
+            if (s.tag == tag) return s.cells;
+            if (s.tag >> 32 != stamp) {
+                s.tag = tag;
+                s.cells = 0;
+                return s.cells;
             }
         }
-        if (found >= 2 && squared[found - 1] > 0.0f)
-            even.push_back(static_cast<float>(std::sqrt(squared[found - 1] * PI / static_cast<double>(found - 1))));
     }
+};
+
+// The places in a block whose cell numbers lie in [from, to] on each axis (numbers relative to the block's
+// first cell), as a mask of 64 bits.
+inline std::uint64_t boxCells(const std::int64_t (&from)[3], const std::int64_t (&to)[3]) {
+    std::uint64_t row = 0, plane = 0, cells = 0;
+    for (std::int64_t i = std::max<std::int64_t>(from[0], 0); i <= std::min<std::int64_t>(to[0], 3); ++i)
+        row |= std::uint64_t(1) << i;
+    for (std::int64_t j = std::max<std::int64_t>(from[1], 0); j <= std::min<std::int64_t>(to[1], 3); ++j)
+        plane |= row << (4 * j);
+    for (std::int64_t k = std::max<std::int64_t>(from[2], 0); k <= std::min<std::int64_t>(to[2], 3); ++k)
+        cells |= plane << (16 * k);
+    return cells;
+}
+
+// The k nearest points of `q` (itself one of the points) in the grid: first the cells within START_REACH
+// edges of q, then those within the k-th best distance found (twice the reach at most), until the k-th best
+// squared distance lies within the searched box. On success the candidates hold the k smallest findable
+// squared distances first and k is returned; 0 when the grid cannot tell within its limits.
+std::size_t gridNeighbours(const Bucketed& b, const float* q, std::size_t k, Scratch& scratch) {
+    const Grid& grid = b.grid;
+    double t[3], largest = 0.0;
+    for (int a = 0; a < 3; ++a) {
+        t[a] = grid.coordinate(q[a], a);
+        largest = std::max(largest, std::fabs(t[a]));
+    }
+    if (!(largest < CELL_LIMIT / 2)) return 0;
+    // How far a point may lie outside its cell (the rounding of its cell number, and that of q's
+    // coordinates), in edges.
+    const double slop = SLOP_EDGES + (largest + MAX_REACH + 8) * 0x1p-48;
+    float* found = scratch.candidates.data();
+    std::size_t count = 0, zeros = 0;
+    ++scratch.stamp;
+    // Only points nearer than the k-th best so far can join the k nearest (an equal one changes nothing).
+    // At first a guess from the lookup before (nearby: the lookups go in the order of their buckets); when
+    // fewer than k points come within it, the search starts again without it.
+    float bound = scratch.guess;
+    for (double radius = START_REACH;;) {
+        if (radius > MAX_REACH) return 0;
+        std::int64_t from[3], to[3], block_from[3], block_to[3];
+        std::size_t blocks = 1;
+        for (int a = 0; a < 3; ++a) {
+            from[a] = Grid::floorOf(t[a] - radius);
+            to[a] = Grid::floorOf(t[a] + radius);
+            block_from[a] = from[a] >> 2;
+            block_to[a] = to[a] >> 2;
+            blocks *= static_cast<std::size_t>(block_to[a] - block_from[a] + 1);
+        }
+        if (blocks > MAX_BLOCKS) return 0;
+        // The blocks of the box, the cells to search, their points: each list asked of memory ahead of its
+        // use, so that the waits overlap.
+        auto& visits = scratch.visits;
+        visits.clear();
+        for (std::int64_t bk = block_from[2]; bk <= block_to[2]; ++bk)
+            for (std::int64_t bj = block_from[1]; bj <= block_to[1]; ++bj)
+                for (std::int64_t bi = block_from[0]; bi <= block_to[0]; ++bi) {
+                    const std::uint32_t bucket = grid.bucket(bi, bj, bk);
+                    const std::int64_t in_from[3] = {from[0] - 4 * bi, from[1] - 4 * bj, from[2] - 4 * bk};
+                    const std::int64_t in_to[3] = {to[0] - 4 * bi, to[1] - 4 * bj, to[2] - 4 * bk};
+                    visits.push_back({bucket, boxCells(in_from, in_to)});
+                    __builtin_prefetch(&b.blocks[bucket]);
+                }
+        auto& cells_to_search = scratch.cells;
+        cells_to_search.clear();
+        for (const auto& visit : visits) {
+            const Block& block = b.blocks[visit.bucket];
+            std::uint64_t cells = block.cells & visit.cells;
+            if (cells == 0) continue;
+            std::uint64_t& searched = scratch.searched(visit.bucket);
+            cells &= ~searched;  // searched in a round before, or the same place of another block
+            searched |= cells;
+            for (; cells != 0; cells &= cells - 1) {
+                const std::uint64_t below = (cells & (~cells + 1)) - 1;
+                const std::uint32_t cell = block.first + bitCount(block.cells & below);
+                cells_to_search.push_back(cell);
+                __builtin_prefetch(&b.start[cell]);
+            }
+        }
+        for (const std::uint32_t cell : cells_to_search) __builtin_prefetch(&b.points[b.start[cell]]);
+        for (const std::uint32_t cell : cells_to_search) {
+            const std::uint32_t begin = b.start[cell];
+            if (!distancesBelow(q, &b.points[begin], b.start[cell + 1] - begin, bound, found, count, MAX_CANDIDATES,
+                                zeros, k))
+                return 0;
+            if (zeros >= k) {  // k points on q itself: nothing can come nearer
+                std::partition(found, found + count, [](float x) { return x == 0.0f; });
+                scratch.guess = std::numeric_limits<float>::max();
+                return k;
+            }
+        }
+        double reach = radius;  // from q to the nearest face of the box, in edges, then in the points' unit
+        for (int a = 0; a < 3; ++a)
+            reach = std::min({reach, t[a] - static_cast<double>(from[a]), static_cast<double>(to[a] + 1) - t[a]});
+        reach = (reach - slop) / grid.per_edge;
+        // Every point outside the box lies at least `reach` from q: its squared distance, rounded in float
+        // (a few parts in 10^7 at most), is no smaller than a squared distance within this.
+        const double within = reach > 0.0 ? reach * reach * (1.0 - 0x1p-20) : 0.0;
+        if (count < k) {
+            if (bound == std::numeric_limits<float>::max()) {
+                radius *= 2.0;
+            } else if (bound <= within) {
+                // Fewer than k points within the guess, all of them searched: the guess was too small.
+                bound = std::numeric_limits<float>::max();
+                count = zeros = 0;
+                ++scratch.stamp;
+            } else {
+                radius = std::min(
+                    std::max(std::sqrt(static_cast<double>(bound)) * grid.per_edge * (1.0 + 0x1p-10) + 2 * slop,
+                             radius + 0.5),
+                    2.0 * radius);
+            }
+            continue;
+        }
+        std::nth_element(found, found + (k - 1), found + count);
+        count = k;
+        bound = found[k - 1];
+        const double kth = bound;
+        if (kth == 0.0 || (within >= 1e-30 && kth <= within)) {
+            scratch.guess = kth > 0.0 && kth * GUESS_MARGIN < std::numeric_limits<float>::max()
+                                ? static_cast<float>(kth * GUESS_MARGIN)
+                                : std::numeric_limits<float>::max();
+            return k;
+        }
+        // The k-th best bounds the reach needed (points of other groups in the same slot may lie far off).
+        radius =
+            std::min(std::max(std::sqrt(kth) * grid.per_edge * (1.0 + 0x1p-10) + 2 * slop, radius + 0.5), 2.0 * radius);
+    }
+}
+
+// Fallback lookups that a plain scan of all points answers sooner than a k-d tree is built; below
+// SCAN_ONLY_POINTS points only scans.
+constexpr double SCAN_BUDGET = 67108864.0;  // point distances
+constexpr std::size_t SCAN_ONLY_POINTS = 4096;
+
+// The figures of `max_measured` points spread evenly over the usable points of `pieces`: every stride-th
+// is measured against all of them. `spacing.points` and `spacing.scale_code` count all usable points.
+int measureExact(std::vector<Piece>& pieces, PointSpacing& spacing, std::size_t max_measured) {
+    spacing = PointSpacing();
+    if (max_measured == 0) return 1;
+    std::vector<std::size_t> first_raw(pieces.size() + 1, 0);
+    for (std::size_t p = 0; p < pieces.size(); ++p) first_raw[p + 1] = first_raw[p] + pieces[p].count;
+    const std::size_t raw = first_raw.back();
+    const bool scan_only = raw <= SCAN_ONLY_POINTS;
+    Bucketed b;
+    b.grid = gridFor(pieces, raw, scan_only ? 0 : raw);
+    const Grid& grid = b.grid;
+    const std::size_t slots = std::size_t(1) << grid.bits;
+    const std::size_t threads = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+
+    // Each point's key, and the usable points and their codes. Contiguous ranges of about as many points,
+    // one a thread: each counts its points into its own slots, then places them after those of the ranges
+    // before, so that a slot keeps its points in their order.
+    const std::size_t ranges = std::max<std::size_t>(1, std::min(pieces.size(), threads));
+    std::vector<std::size_t> first_piece(ranges + 1, pieces.size());
+    for (std::size_t r = 0, p = 0; r < ranges; ++r) {
+        while (p < pieces.size() && first_raw[p] < raw / ranges * r) ++p;
+        first_piece[r] = p;
+    }
+    std::vector<std::vector<std::uint32_t>> counts(ranges, std::vector<std::uint32_t>(slots, 0));
+    std::vector<std::array<std::size_t, 7>> codes(ranges);
+    std::unique_ptr<std::uint32_t[]> keys = rawArray<std::uint32_t>(raw);
+    const std::ptrdiff_t range_count = static_cast<std::ptrdiff_t>(ranges);
+#pragma omp parallel for schedule(static, 1)
+    for (std::ptrdiff_t r = 0; r < range_count; ++r) {
+        std::uint32_t* count = counts[r].data();
+        std::array<std::size_t, 7> coded{};
+        Grid::Recent recent;
+        for (std::size_t p = first_piece[r]; p < first_piece[r + 1]; ++p) {
+            Piece& piece = pieces[p];
+            std::uint32_t* key = keys.get() + first_raw[p];
+            std::size_t usable_points = 0;
+            for (std::size_t i = 0; i < piece.count; ++i) {
+                if (!usableIn(piece, i)) {
+                    key[i] = UNUSABLE;
+                    continue;
+                }
+                ++usable_points;
+                ++coded[codeIndexIn(piece, i)];
+                key[i] = grid.keyOf(piece.xyz[i], recent);
+                ++count[key[i] >> 12];
+            }
+            piece.usable = usable_points;
+        }
+        codes[r] = coded;
+    }
+    std::size_t code_counts[7] = {}, points = 0;
+    for (std::size_t r = 0; r < ranges; ++r)
+        for (int k = 0; k < 7; ++k) code_counts[k] += codes[r][k];
+    for (const std::size_t c : code_counts) points += c;
+    spacing.scale_code = finestTenth(code_counts, points);
+    if (points > UINT32_MAX) return 1;
+    spacing.points = points;
+    if (points < 2) return 0;
+
+    // Where each range's points of each slot go; where each range's usable points begin.
+    std::vector<std::uint32_t> slot_start(slots + 1);
+    std::uint32_t placed = 0;
+    for (std::size_t slot = 0; slot < slots; ++slot) {
+        slot_start[slot] = placed;
+        for (std::size_t r = 0; r < ranges; ++r) {
+            const std::uint32_t c = counts[r][slot];
+            counts[r][slot] = placed;
+            placed += c;
+        }
+    }
+    slot_start[slots] = placed;
+    std::vector<std::size_t> first_usable(ranges + 1, 0);
+    for (std::size_t r = 0; r < ranges; ++r) {
+        first_usable[r + 1] = first_usable[r];
+        for (std::size_t p = first_piece[r]; p < first_piece[r + 1]; ++p) first_usable[r + 1] += pieces[p].usable;
+    }
+    // The points into their slots, each with its block and place in the slot; the measured points, every
+    // stride-th usable one.
+    const std::size_t stride = strideFor(points, max_measured);
+    const std::size_t measured = (points - 1) / stride + 1;
+    std::vector<Vec3f> queries(measured);
+    b.count = points;
+    b.points = rawArray<Vec3f>(points);
+    std::unique_ptr<std::uint16_t[]> places = rawArray<std::uint16_t>(points);
+#pragma omp parallel for schedule(static, 1)
+    for (std::ptrdiff_t r = 0; r < range_count; ++r) {
+        std::uint32_t* cursor = counts[r].data();
+        std::size_t u = first_usable[r];
+        std::size_t next_query = (u + stride - 1) / stride * stride;
+        for (std::size_t p = first_piece[r]; p < first_piece[r + 1]; ++p) {
+            const Piece& piece = pieces[p];
+            const std::uint32_t* key = keys.get() + first_raw[p];
+            for (std::size_t i = 0; i < piece.count; ++i) {
+                if (key[i] == UNUSABLE) continue;
+                const std::uint32_t at = cursor[key[i] >> 12]++;
+                b.points[at] = piece.xyz[i];
+                places[at] = static_cast<std::uint16_t>(key[i] & 4095);
+                if (u++ == next_query) {
+                    queries[next_query / stride] = piece.xyz[i];
+                    next_query += stride;
+                }
+            }
+        }
+    }
+    keys.reset();
+    counts = {};
+
+    // Each slot's points sorted by block and place (a counting sort), and the cells that hold points. First
+    // the cells of each slot, so that each slot knows where its cells' starts go.
+    const std::ptrdiff_t slot_count = static_cast<std::ptrdiff_t>(slots);
+    std::vector<std::uint32_t> first_cell(slots + 1, 0);
+#pragma omp parallel for schedule(dynamic, 64)
+    for (std::ptrdiff_t slot = 0; slot < slot_count; ++slot) {
+        std::uint64_t cells[64] = {};
+        for (std::uint32_t i = slot_start[slot]; i < slot_start[slot + 1]; ++i)
+            cells[places[i] >> 6] |= std::uint64_t(1) << (places[i] & 63);
+        std::uint32_t n = 0;
+        for (const std::uint64_t c : cells) n += bitCount(c);
+        first_cell[slot + 1] = n;
+    }
+    for (std::size_t slot = 0; slot < slots; ++slot) first_cell[slot + 1] += first_cell[slot];
+    const std::uint32_t occupied = first_cell[slots];
+    b.blocks.resize(slots * 64);
+    b.start.resize(static_cast<std::size_t>(occupied) + 1);
+    b.start[occupied] = placed;
+    // Per thread: counts, cursors and ends of the 4096 places of a slot, the places used; a buffer for a
+    // slot's points, up to SORT_BUFFER of them (a larger slot is sorted in place, by cycles).
+    std::uint32_t largest = 0;
+    for (std::size_t slot = 0; slot < slots; ++slot)
+        largest = std::max(largest, slot_start[slot + 1] - slot_start[slot]);
+    const std::uint32_t sort_buffer = std::min<std::uint32_t>(largest, 1u << 16);
+    std::vector<std::vector<std::uint32_t>> sorting(threads, std::vector<std::uint32_t>(4 * 4096, 0));
+    std::vector<std::unique_ptr<Vec3f[]>> buffers(threads);
+    for (auto& buffer : buffers) buffer = rawArray<Vec3f>(sort_buffer);
+#pragma omp parallel for schedule(dynamic, 16)
+    for (std::ptrdiff_t slot = 0; slot < slot_count; ++slot) {
+        const std::uint32_t begin = slot_start[slot], end = slot_start[slot + 1];
+        Block* block = b.blocks.data() + slot * 64;
+        std::uint32_t cell = first_cell[slot];
+        if (begin == end) {
+            for (int k = 0; k < 64; ++k) block[k].first = cell;
+            continue;
+        }
+        const std::size_t thread = static_cast<std::size_t>(omp_get_thread_num());
+        std::uint32_t* count = sorting[thread].data();
+        std::uint32_t *next = count + 4096, *last = next + 4096, *used = last + 4096;
+        for (std::uint32_t i = begin; i < end; ++i) {
+            ++count[places[i]];
+            block[places[i] >> 6].cells |= std::uint64_t(1) << (places[i] & 63);
+        }
+        std::uint32_t at = begin, bins = 0;
+        for (int k = 0; k < 64; ++k) {
+            block[k].first = cell;
+            for (std::uint64_t c = block[k].cells; c != 0; c &= c - 1) {
+                const std::uint32_t bin = static_cast<std::uint32_t>(k << 6 | __builtin_ctzll(c));
+                b.start[cell++] = at;
+                next[bin] = at;
+                at += count[bin];
+                last[bin] = at;
+                count[bin] = 0;
+                used[bins++] = bin;
+            }
+        }
+        if (end - begin <= sort_buffer) {
+            Vec3f* buffer = buffers[thread].get();
+            for (std::uint32_t i = begin; i < end; ++i) buffer[next[places[i]]++ - begin] = b.points[i];
+            std::copy(buffer, buffer + (end - begin), b.points.get() + begin);
+            continue;
+        }
+        for (std::uint32_t u = 0; u < bins; ++u) {
+            const std::uint32_t bin = used[u];
+            while (next[bin] < last[bin]) {
+                const std::uint16_t other = places[next[bin]];
+                if (other == bin) {
+                    ++next[bin];
+                    continue;
+                }
+                const std::uint32_t to = next[other]++;
+                std::swap(b.points[next[bin]], b.points[to]);
+                std::swap(places[next[bin]], places[to]);
+            }
+        }
+    }
+    places.reset();
+    buffers.clear();
+
+    // Every measured point's nearest points: the grid first, in the order of the points' buckets, so that
+    // lookups one after the other share the points they read; then the points it could not answer.
+    const std::size_t k = std::min(NEIGHBOURS, points);
+    std::vector<Measured> results(measured);
+    std::vector<std::uint8_t> unanswered(measured, 1);
+    const std::ptrdiff_t query_count = static_cast<std::ptrdiff_t>(measured);
+    if (!scan_only) {
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> order(measured);
+        for (std::size_t i = 0; i < measured; ++i)
+            order[i] = {grid.keyOf(queries[i]) >> 6, static_cast<std::uint32_t>(i)};
+        std::sort(order.begin(), order.end());
+        std::vector<Scratch> scratch(threads);
+#pragma omp parallel for schedule(dynamic, 16)
+        for (std::ptrdiff_t j = 0; j < query_count; ++j) {
+            const std::uint32_t i = order[j].second;
+            Scratch& mine = scratch[static_cast<std::size_t>(omp_get_thread_num())];
+            const std::size_t found = gridNeighbours(b, queries[i].data(), k, mine);
+            if (found > 0) {
+                results[i] = figuresOf(mine.candidates.data(), found);
+                unanswered[i] = 0;
+            }
+        }
+    }
+    std::vector<std::uint32_t> rest;
+    for (std::size_t i = 0; i < measured; ++i)
+        if (unanswered[i]) rest.push_back(static_cast<std::uint32_t>(i));
+    const std::ptrdiff_t rest_count = static_cast<std::ptrdiff_t>(rest.size());
+    if (scan_only || static_cast<double>(rest.size()) * static_cast<double>(points) <= SCAN_BUDGET) {
+        std::vector<std::vector<float>> best(threads, std::vector<float>(k));
+#pragma omp parallel for schedule(dynamic, 1)
+        for (std::ptrdiff_t j = 0; j < rest_count; ++j) {
+            float* mine = best[static_cast<std::size_t>(omp_get_thread_num())].data();
+            const std::size_t found = scanNeighbours(queries[rest[j]].data(), b.points.get(), b.count, k, mine);
+            results[rest[j]] = figuresOf(mine, found);
+        }
+    } else {
+        // A k-d tree over the usable points in their own order, as the spacing was measured before the grid.
+        b = Bucketed();
+        std::vector<Vec3f> all;
+        all.reserve(points);
+        for (const Piece& piece : pieces)
+            for (std::size_t i = 0; i < piece.count; ++i)
+                if (usableIn(piece, i)) all.push_back(piece.xyz[i]);
+        const Cloud cloud{all.data(), all.size()};
+        const Tree tree(3, cloud, nanoflann::KDTreeSingleIndexAdaptorParams(16));
+        std::vector<std::vector<float>> squared(threads, std::vector<float>(k));
+        std::vector<std::vector<std::uint32_t>> index(threads, std::vector<std::uint32_t>(k));
+#pragma omp parallel for schedule(dynamic, 4)
+        for (std::ptrdiff_t j = 0; j < rest_count; ++j) {
+            const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
+            const std::size_t found = tree.knnSearch(queries[rest[j]].data(), k, index[t].data(), squared[t].data());
+            results[rest[j]] = figuresOf(squared[t].data(), found);
+        }
+    }
+
+    std::vector<float> nearest, even;
+    for (const Measured& m : results) {
+        if (m.nearest >= 0.0f) nearest.push_back(m.nearest);
+        if (m.even >= 0.0f) even.push_back(m.even);
+    }
+    spacing.measured = measured;
     spacing.median = median(nearest);
     spacing.density = spacing.median > 0.0f ? median(even) : 0.0f;
+    return 0;
+}
+
+int measure(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, PointSpacing& spacing,
+            std::size_t max_measured) {
+    std::vector<Piece> pieces = piecesOf(frames, false);
+    return measureExact(pieces, spacing, max_measured);
+}
+
+int estimate(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, PointSpacing& spacing,
+             std::size_t max_candidates, std::size_t max_measured) {
+    spacing = PointSpacing();
+    if (max_measured == 0 || max_candidates == 0) return 1;
+    std::vector<Piece> pieces = piecesOf(frames, false);
+    const Counts counts = countPieces(pieces);
+    const std::size_t step = strideFor(counts.usable, max_candidates);
+    if (step == 1) return measureExact(pieces, spacing, max_measured);
+    if (counts.usable > UINT32_MAX) return 1;
+    // Every step-th usable point, each piece's share into its place.
+    std::vector<std::size_t> first_usable(pieces.size() + 1, 0);
+    for (std::size_t p = 0; p < pieces.size(); ++p) first_usable[p + 1] = first_usable[p] + pieces[p].usable;
+    std::vector<Vec3f> thinned((counts.usable - 1) / step + 1);
+    const std::ptrdiff_t n = static_cast<std::ptrdiff_t>(pieces.size());
+#pragma omp parallel for schedule(dynamic, 4)
+    for (std::ptrdiff_t p = 0; p < n; ++p) {
+        const Piece& piece = pieces[p];
+        std::size_t u = first_usable[p];
+        std::size_t next = (u + step - 1) / step * step;
+        for (std::size_t i = 0; i < piece.count && next < first_usable[p + 1]; ++i) {
+            if (!usableIn(piece, i)) continue;
+            if (u++ == next) {
+                thinned[next / step] = piece.xyz[i];
+                next += step;
+            }
+        }
+    }
+    std::vector<Piece> thinned_pieces = piecesOf(thinned);
+    const int status = measureExact(thinned_pieces, spacing, max_measured);
+    if (status != 0) return status;
+    spacing.median = 0.0f;  // not measured: the thinning moves the nearest point away
+    spacing.density = static_cast<float>(spacing.density / std::sqrt(static_cast<double>(step)));
+    spacing.scale_code = finestTenth(counts.codes, counts.usable);
+    spacing.points = counts.usable;
     return 0;
 }
 
@@ -113,6 +876,13 @@ int measure(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, Point
 int measurePointSpacing(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, PointSpacing& spacing,
                         std::size_t max_measured) {
     const int status = mesh_internal::guarded([&] { return measure(frames, spacing, max_measured); });
+    if (status != 0) spacing = PointSpacing();
+    return status;
+}
+
+int estimatePointSpacing(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, PointSpacing& spacing,
+                         std::size_t max_candidates, std::size_t max_measured) {
+    const int status = mesh_internal::guarded([&] { return estimate(frames, spacing, max_candidates, max_measured); });
     if (status != 0) spacing = PointSpacing();
     return status;
 }
@@ -127,18 +897,19 @@ double expectedTriangles(const std::vector<std::shared_ptr<FrameDataWithInfo>>& 
                          float resolution) {
     const double area = static_cast<double>(spacing.density) * spacing.density;  // surface a point stands for
     if (!(area > 0.0) || !(resolution > 0.0f)) return 0.0;
-    // Summed over the points: the surface each stands for over the square of its cell's edge.
+    // The surface each point stands for over the square of its cell's edge, summed by scale code: the
+    // counts are whole numbers, the same on any thread count.
     double cells = 0.0;
-    for (const auto& frame : frames) {
-        if (!frame) continue;
-        const std::size_t n = std::min({frame->xyz.size(), frame->nor.size(), frame->w.size()});
-        for (std::size_t i = 0; i < n; ++i) {
-            if (!usable(frame->xyz[i], frame->nor[i])) continue;
-            const double edge = static_cast<double>(resolution) * 8.0 / scaleCode(frame->w[i]);
-            cells += area / (edge * edge);
+    const int status = mesh_internal::guarded([&] {
+        std::vector<Piece> pieces = piecesOf(frames, true);
+        const Counts counts = countPieces(pieces);
+        for (int k = 0; k < 7; ++k) {
+            const double edge = static_cast<double>(resolution) * 8.0 / CODES[k];
+            cells += static_cast<double>(counts.codes[k]) * (area / (edge * edge));
         }
-    }
-    return TRIANGLES_PER_SQUARE_EDGE * cells;
+        return 0;
+    });
+    return status == 0 ? TRIANGLES_PER_SQUARE_EDGE * cells : 0.0;
 }
 
 }  // namespace SurfaceReconstruction

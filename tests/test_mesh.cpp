@@ -1,11 +1,13 @@
 // The mesh library beside the engine, on meshes whose answer is known by hand: welding a soup, vertex
 // normals, removing small pieces, filling small holes, and the point spacing that chooses a resolution.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
+#include <random>
 #include <set>
 
 #include "tessaline/TessalineMesh.h"
@@ -338,7 +340,140 @@ std::shared_ptr<FrameDataWithInfo> lattice(int n, float step, std::int32_t word 
     return frame;
 }
 
+// A frame of the points, normals +z, words 8.
+std::shared_ptr<FrameDataWithInfo> frameOf(const std::vector<Vec3f>& points) {
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    frame->xyz = points;
+    frame->nor.assign(points.size(), {0, 0, 1});
+    frame->w.assign(points.size(), 8);
+    return frame;
+}
+
+// The spacing by looking at every point from every stride-th one: the k smallest squared distances
+// (((0 + dx dx) + dy dy) + dz dz in float, as the k-d tree's metric rounds them), below the largest float.
+PointSpacing scannedSpacing(const std::vector<Vec3f>& points, std::size_t max_measured) {
+    PointSpacing s;
+    s.points = points.size();
+    if (points.size() < 2) return s;
+    const std::size_t stride = (points.size() + max_measured - 1) / max_measured;
+    const std::size_t k = std::min<std::size_t>(SPACING_NEIGHBOURS + 1, points.size());
+    std::vector<float> nearest, even, best;
+    for (std::size_t i = 0; i < points.size(); i += stride, ++s.measured) {
+        best.clear();  // a max-heap of the k best
+        for (const Vec3f& p : points) {
+            const float dx = points[i][0] - p[0], dy = points[i][1] - p[1], dz = points[i][2] - p[2];
+            float d = dx * dx;
+            d += dy * dy;
+            d += dz * dz;
+            if (!(d < std::numeric_limits<float>::max()) || (best.size() == k && !(d < best.front()))) continue;
+            if (best.size() == k) std::pop_heap(best.begin(), best.end()), best.pop_back();
+            best.push_back(d);
+            std::push_heap(best.begin(), best.end());
+        }
+        std::sort(best.begin(), best.end());
+        const auto positive = std::upper_bound(best.begin(), best.end(), 0.0f);
+        if (positive != best.end()) nearest.push_back(std::sqrt(*positive));
+        if (best.size() >= 2 && best.back() > 0.0f)
+            even.push_back(static_cast<float>(std::sqrt(best.back() * M_PI / static_cast<double>(best.size() - 1))));
+    }
+    const auto middle = [](std::vector<float> v) {
+        if (v.empty()) return 0.0f;
+        std::sort(v.begin(), v.end());
+        const std::size_t m = v.size() / 2;
+        return v.size() % 2 ? v[m] : 0.5f * (v[m] + v[m - 1]);
+    };
+    s.median = middle(nearest);
+    s.density = s.median > 0.0f ? middle(even) : 0.0f;
+    return s;
+}
+
 }  // namespace
+
+TEST(Spacing, TheGridFindsWhatAScanOfEveryPointFindsOnAnyThreadCount) {
+    std::mt19937 random(7);
+    const auto uniform = [&](float low, float high) {
+        return std::uniform_real_distribution<float>(low, high)(random);
+    };
+    const auto cube = [&](std::size_t n, Vec3f c, float half) {
+        std::vector<Vec3f> points;
+        for (std::size_t i = 0; i < n; ++i)
+            points.push_back({c[0] + uniform(-half, half), c[1] + uniform(-half, half), c[2] + uniform(-half, half)});
+        return points;
+    };
+    std::vector<Vec3f> plane;  // an even sampling of a tilted plane, jittered
+    for (int y = 0; y < 90; ++y)
+        for (int x = 0; x < 90; ++x)
+            plane.push_back({3 + 0.5f * x + uniform(-0.1f, 0.1f), 5 + 0.5f * y, 7 + 0.2f * x + 0.1f * y});
+    std::vector<Vec3f> doubled = cube(2000, {50, 50, 50}, 10), spot(5000, {1, 2, 3});
+    for (std::size_t i = 0; i < 4000; ++i) doubled.push_back(doubled[i]);
+    for (const Vec3f& p : cube(100, {1, 2, 3}, 1)) spot.push_back(p);
+    // A dense cluster, more than half the points, inside points a thousand times sparser: the grid's cells
+    // suit the cluster, and the lookups from the sparse points need the fallback, a k-d tree at this size.
+    std::vector<Vec3f> mixed = cube(7500, {50, 50, 50}, 0.01f);
+    for (const Vec3f& p : cube(6500, {60, 60, 60}, 50)) mixed.push_back(p);
+    std::vector<Vec3f> far = cube(6000, {5, 5, 5}, 1);  // and three points far off
+    for (const Vec3f& p : {Vec3f{1e6f, 0, 0}, Vec3f{0, -3e7f, 1}, Vec3f{2e36f, 2e36f, -2e36f}}) far.push_back(p);
+    const struct {
+        const char* name;
+        std::vector<Vec3f> points;
+        std::size_t max_measured;
+    } cases[] = {{"uniform", cube(6000, {20, 20, 20}, 10), 20000},
+                 {"plane", plane, 3000},
+                 {"every point three times", doubled, 20000},
+                 {"mostly on one spot", spot, 20000},
+                 {"clusters and sparse", mixed, 20000},
+                 {"far points", far, 20000},
+                 {"few: scanned", cube(1000, {5, 5, 5}, 2), 20000},
+                 {"fewer than 65", cube(40, {5, 5, 5}, 2), 20000}};
+    const int all_threads = omp_get_max_threads();
+    for (const auto& c : cases) {
+        const PointSpacing expected = scannedSpacing(c.points, c.max_measured);
+        for (const int threads : {1, 3}) {
+            omp_set_num_threads(threads);
+            PointSpacing spacing;
+            ASSERT_EQ(measurePointSpacing({frameOf(c.points)}, spacing, c.max_measured), 0) << c.name;
+            EXPECT_EQ(spacing.median, expected.median) << c.name << ", " << threads << " threads";
+            EXPECT_EQ(spacing.density, expected.density) << c.name << ", " << threads << " threads";
+            EXPECT_EQ(spacing.measured, expected.measured) << c.name;
+            EXPECT_EQ(spacing.points, c.points.size()) << c.name;
+        }
+        omp_set_num_threads(all_threads);
+        EXPECT_GT(expected.density, 0.0f) << c.name;
+        // One point at a time (the first is measured alone): a point the grid got wrong cannot hide in a
+        // median.
+        for (std::size_t j = 0; j < c.points.size(); j += c.points.size() / 8 + 1) {
+            std::vector<Vec3f> first = c.points;
+            std::swap(first[0], first[j]);
+            const PointSpacing one = scannedSpacing(first, 1);
+            PointSpacing spacing;
+            ASSERT_EQ(measurePointSpacing({frameOf(first)}, spacing, 1), 0);
+            EXPECT_EQ(spacing.median, one.median) << c.name << ", point " << j;
+            EXPECT_EQ(spacing.density, one.density) << c.name << ", point " << j;
+        }
+    }
+}
+
+TEST(Spacing, TheEstimateThinsAnEvenSamplingAndIsTheMeasureWhenNothingIsThinned) {
+    std::mt19937 random(3);
+    std::uniform_real_distribution<float> jitter(-0.2f, 0.2f);
+    std::vector<Vec3f> points;  // 90,000 points 1 apart on a plane, jittered
+    for (int y = 0; y < 300; ++y)
+        for (int x = 0; x < 300; ++x) points.push_back({10 + x + jitter(random), 10 + y + jitter(random), 5});
+    const auto frame = frameOf(points);
+    PointSpacing exact, estimated, whole;
+    ASSERT_EQ(measurePointSpacing({frame}, exact), 0);
+    ASSERT_EQ(estimatePointSpacing({frame}, estimated, 10000), 0);  // every 9th point
+    EXPECT_NEAR(estimated.density, exact.density, 0.03 * exact.density);
+    EXPECT_NEAR(exact.density, 1.0, 0.05);  // an even sampling of one point a unit square
+    EXPECT_EQ(estimated.median, 0.0f);
+    EXPECT_EQ(estimated.points, 90000u);
+    EXPECT_EQ(estimated.measured, 10000u);
+    ASSERT_EQ(estimatePointSpacing({frame}, whole, 90000), 0);
+    EXPECT_EQ(whole.median, exact.median);
+    EXPECT_EQ(whole.density, exact.density);
+    EXPECT_EQ(whole.measured, exact.measured);
+    EXPECT_EQ(estimatePointSpacing({frame}, whole, 0), 1);
+}
 
 TEST(Spacing, ASquareLatticeGivesItsStepAndTheEvenSpacingOfItsDensity) {
     // On a square lattice the nearest point lies one step away; the 64th nearest (counting 4, 4, 4, 8, 4,
