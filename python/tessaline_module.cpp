@@ -480,7 +480,8 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
             soup.reset();
             if (mesh_status == 0) mesh_status = removeSmallPieces(mesh, min_piece, &removed);
             if (mesh_status == 0) mesh_status = fillSmallHoles(mesh, fill_holes);
-            if (mesh_status == 0 && !measured) measured = measurePointSpacing(frames, spacing) == 0;
+            // Only the warning needs it here: an estimate from a thinned sample.
+            if (mesh_status == 0 && !measured) measured = estimatePointSpacing(frames, spacing) == 0;
             expected = expectedTriangles(frames, spacing, resolution);
         }
         frames.clear();
@@ -495,11 +496,12 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
              std::to_string(removed) + " triangles in all); give a smaller min_piece");
     else if (mesh.triangles.empty())
         warn("the mesh is empty: at " + millimetres(resolution) + " no cell holds enough points (points " +
-             millimetres(spacing.median) + " apart)" + advice);
+             "as dense as an even " + millimetres(spacing.density) + ")" + advice);
     else if (static_cast<double>(mesh.triangles.size()) + static_cast<double>(removed) < expected / 4.0)
         warn("the mesh has " + std::to_string(mesh.triangles.size()) + " triangles where points " +
-             millimetres(spacing.median) + " apart should give about " + std::to_string(std::llround(expected)) +
-             ": the resolution " + millimetres(resolution) + " is too fine for them" + advice);
+             "as dense as an even " + millimetres(spacing.density) + " should give about " +
+             std::to_string(std::llround(expected)) + ": the resolution " + millimetres(resolution) +
+             " is too fine for them" + advice);
     Mesh out = toPython(mesh, scale, input);
     out.resolution = resolution;
     out.normals_estimate = normals_estimate;

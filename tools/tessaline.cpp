@@ -357,9 +357,12 @@ bool parseResolution(const std::string& text, float& resolution) {
     return false;
 }
 
-SurfaceReconstruction::PointSpacing measureSpacing(const tessaline_tools::Frames& frames) {
+// The spacing of the points: measured where it chooses the resolution, estimated from a thinned sample where
+// it only feeds the warning about a mesh too small for its points (its `median` then stays 0).
+SurfaceReconstruction::PointSpacing measureSpacing(const tessaline_tools::Frames& frames, bool exact = true) {
     SurfaceReconstruction::PointSpacing spacing;
-    const int status = SurfaceReconstruction::measurePointSpacing(frames, spacing);
+    const int status = exact ? SurfaceReconstruction::measurePointSpacing(frames, spacing)
+                             : SurfaceReconstruction::estimatePointSpacing(frames, spacing);
     if (status != 0)
         throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
     return spacing;
@@ -387,16 +390,16 @@ std::string sizeWarning(const ResolutionChoice& choice, std::size_t triangles, d
     char text[512];
     if (triangles == 0) {
         std::snprintf(text, sizeof(text),
-                      "the mesh is empty: at a resolution of %.3g mm no cell held enough points (points %.3g mm "
-                      "apart); %s",
-                      choice.resolution, choice.spacing.median, resolutionAdvice(choice).c_str());
+                      "the mesh is empty: at a resolution of %.3g mm no cell held enough points (points as dense as "
+                      "an even %.3g mm); %s",
+                      choice.resolution, choice.spacing.density, resolutionAdvice(choice).c_str());
         return text;
     }
     if (static_cast<double>(triangles) >= expected * SMALL_MESH_SHARE) return "";
     std::snprintf(text, sizeof(text),
-                  "the mesh has %zu triangles where points %.3g mm apart should give about %.0f: the resolution "
-                  "%.3g mm is too fine for them; %s",
-                  triangles, choice.spacing.median, expected, choice.resolution, resolutionAdvice(choice).c_str());
+                  "the mesh has %zu triangles where points as dense as an even %.3g mm should give about %.0f: the "
+                  "resolution %.3g mm is too fine for them; %s",
+                  triangles, choice.spacing.density, expected, choice.resolution, resolutionAdvice(choice).c_str());
     return text;
 }
 
@@ -411,8 +414,11 @@ struct Timings {
 void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice& choice, const FinishedMesh& finished,
                   const Finishing& finishing, const Timings& timings, const char* input_label) {
     std::printf("frames %zu, points %zu, blocks %d\n", run.frames, run.points, run.blocks);
-    std::printf("point spacing: median %.4g mm to the nearest point, as dense as an even %.4g mm; ",
-                choice.spacing.median, choice.spacing.density);
+    if (choice.spacing.median > 0.0f)
+        std::printf("point spacing: median %.4g mm to the nearest point, as dense as an even %.4g mm; ",
+                    choice.spacing.median, choice.spacing.density);
+    else
+        std::printf("point spacing: as dense as an even %.4g mm (estimated from a sample); ", choice.spacing.density);
     if (choice.automatic && choice.spacing.scale_code != 8)
         std::printf("resolution auto: %.4g mm (%.2g x %.4g mm x %d / 8, for the cells of scale code %d)\n",
                     choice.resolution, SurfaceReconstruction::RESOLUTION_PER_SPACING, choice.spacing.density,
@@ -624,7 +630,7 @@ int reconstruct(int argc, char** argv) {
     const MadeNormals normals = makeNormals(scan, sensor_given ? &sensor : nullptr);
     if (normals.made && !quiet) std::fprintf(stderr, "tessaline: %s\n", describeNormals(normals.estimate).c_str());
     const auto spacing_start = Clock::now();
-    choice.spacing = measureSpacing(frames);
+    choice.spacing = measureSpacing(frames, choice.automatic);
     if (choice.automatic) {
         choice.resolution = SurfaceReconstruction::resolutionForSpacing(choice.spacing);
         if (!(choice.resolution > 0.0f)) {
@@ -672,7 +678,11 @@ int reconstruct(int argc, char** argv) {
             .count("frames", run.frames)
             .count("points", run.points)
             .count("blocks", static_cast<std::size_t>(run.blocks));
-        j.number("point_spacing_mm", choice.spacing.median).number("even_spacing_mm", choice.spacing.density);
+        if (choice.spacing.median > 0.0f)
+            j.number("point_spacing_mm", choice.spacing.median);
+        else
+            j.null("point_spacing_mm");  // not measured: the spacing was estimated from a sample
+        j.number("even_spacing_mm", choice.spacing.density);
         j.number("resolution_mm", choice.resolution)
             .count("scale_code", static_cast<std::size_t>(choice.spacing.scale_code));
         j.boolean("resolution_auto", choice.automatic);
@@ -830,7 +840,7 @@ int demo(int argc, char** argv) {
     ResolutionChoice choice;
     choice.resolution = resolution;
     const auto spacing_start = Clock::now();
-    choice.spacing = measureSpacing(frames);
+    choice.spacing = measureSpacing(frames, false);
     Timings timings = {simulate_s, std::chrono::duration<double>(Clock::now() - spacing_start).count(), 0.0};
     tessaline_tools::RunOptions run_options;
     run_options.resolution = resolution;
