@@ -537,7 +537,7 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
     // vertex lies in its share of the vertices, and finds the edges that one use alone has. On the way
     // it joins the pieces and measures the areas of the triangles whose first corner is its own.
     std::vector<std::vector<std::uint64_t>> single_parts(static_cast<std::size_t>(omp_get_max_threads()));
-    std::vector<char> used(mesh.vertices.size(), 0);
+    std::vector<char> lowest(mesh.vertices.size(), 0);  // the lower vertex of an edge
     SharedUnionFind pieces(mesh.vertices.size());
     std::vector<double> areas(triangles);
     onEachThread(triangles >= PARALLEL_MIN, [&](int thread, int threads) {
@@ -551,7 +551,6 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
         for (std::size_t i = 0; i < triangles; ++i) {
             const auto& t = mesh.triangles[i];
             for (int e = 0; e < 3; ++e) {
-                if (mine(t[e])) used[t[e]] = 1;
                 const std::uint32_t low = std::min(t[e], t[(e + 1) % 3]);
                 if (mine(low)) ++start[low - lo + 1];
             }
@@ -571,6 +570,7 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
         }
         auto& single = single_parts[static_cast<std::size_t>(thread)];
         for (std::size_t i = 0; i + 1 < start.size(); ++i) {
+            lowest[lo + i] = start[i + 1] > start[i];
             // A vertex has a handful of uses: each is compared with the others, or, for a vertex with many,
             // they are sorted by the other vertex.
             const auto first = uses.begin() + start[i], last = uses.begin() + start[i + 1];
@@ -597,8 +597,10 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
     s.boundary_edges = single.size();
     s.boundary_loops = mesh_internal::boundaryLoops(mesh, single).size();
     for (const double area : areas) s.area += area;  // in triangle order, as one thread adds them
+    // A piece's root is its lowest vertex (joins link a root below a lower one), which is the lower vertex
+    // of its triangles' edges; a vertex that no triangle uses is no piece.
     for (std::uint32_t v = 0; v < mesh.vertices.size(); ++v)
-        if (used[v] && pieces.isRoot(v)) ++s.pieces;
+        if (lowest[v] && pieces.isRoot(v)) ++s.pieces;
     statistics = s;
     return 0;
 }
