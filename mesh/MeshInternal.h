@@ -136,11 +136,16 @@ inline void storeOr(std::uint32_t& word, std::uint32_t bits) {
     if ((current | bits) != current) __atomic_fetch_or(&word, bits, __ATOMIC_RELAXED);
 }
 
-inline bool validIndices(const IndexedMesh& mesh) {
+// The vertex count fits the indices, and words and normals, when present, have one a vertex.
+inline bool validSizes(const IndexedMesh& mesh) {
     const std::size_t n = mesh.vertices.size();
-    if (n > UINT32_MAX) return false;
-    if (!((mesh.words.empty() || mesh.words.size() == n) && (mesh.normals.empty() || mesh.normals.size() == n)))
-        return false;
+    return n <= UINT32_MAX && (mesh.words.empty() || mesh.words.size() == n) &&
+           (mesh.normals.empty() || mesh.normals.size() == n);
+}
+
+inline bool validIndices(const IndexedMesh& mesh) {
+    if (!validSizes(mesh)) return false;
+    const std::size_t n = mesh.vertices.size();
     const std::int64_t count = static_cast<std::int64_t>(mesh.triangles.size());
     bool valid = true;
 #pragma omp parallel for schedule(static) reduction(&& : valid) if (mesh.triangles.size() >= PARALLEL_MIN)

@@ -61,16 +61,21 @@ struct LowestTable {
     }
     std::uint32_t lowest(std::size_t slot) const { return slots[slot] - 1; }
 
-    // Enters `item` (its key's hash `hash`; same(a, b): items a and b have one key) and returns its slot. An
-    // item's key may be written just before it enters: the item is seen in a slot only after its key.
+    // Enters `item` (its key's hash `hash`; same(a, b): items a and b have one key) and returns its slot;
+    // `seen` (when given) tells whether another item of the key was there (for all items of a key but
+    // one). An item's key may be written just before it enters: the item is seen in a slot only after it.
     template <class Same>
-    std::size_t enter(std::uint64_t hash, std::uint32_t item, const Same& same) {
+    std::size_t enter(std::uint64_t hash, std::uint32_t item, const Same& same, bool* seen = nullptr) {
         const std::size_t mask = slots.size() - 1;
         for (std::size_t s = hash >> shift;; s = (s + 1) & mask) {
             std::uint32_t current = mesh_internal::loadAcquire(slots[s]);
-            if (current == 0 && compareExchange(slots[s], current, item + 1)) return s;
+            if (current == 0 && compareExchange(slots[s], current, item + 1)) {
+                if (seen) *seen = false;
+                return s;
+            }
             if (same(current - 1, item)) {  // a slot keeps its key: it only ever takes a lower item of it
                 mesh_internal::storeMin(slots[s], item + 1);
+                if (seen) *seen = true;
                 return s;
             }
         }
@@ -243,10 +248,6 @@ std::vector<std::uint32_t> representatives(const std::vector<Vec3f>& positions, 
     const std::size_t count = positions.size();
     const double inverse = 1.0 / static_cast<double>(tolerance);
     std::vector<Cell> cells(count);
-    forPieces(count, 4096, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t u = begin; u < end; ++u)
-            for (int k = 0; k < 3; ++k) cells[u][k] = cellOf(positions[u][k], inverse);
-    });
     std::vector<std::uint32_t> head(count), next(count, NONE);
     std::vector<std::size_t> slot(count);
 
@@ -256,24 +257,23 @@ std::vector<std::uint32_t> representatives(const std::vector<Vec3f>& positions, 
     std::vector<char> searched_flag(count);
     {
         LowestTable coarse_table(count);
+        std::vector<char> crowded(coarse_table.slots.size(), 0);  // coarse cells with several positions
         const auto same_coarse = [&](std::uint32_t a, std::uint32_t b) {
             return same(coarse(cells[a]), coarse(cells[b]));
         };
         forPieces(count, 4096, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t u = begin; u < end; ++u)
-                slot[u] = coarse_table.enter(hashOf(coarse(cells[u])), static_cast<std::uint32_t>(u), same_coarse);
-        });
-        std::vector<char> crowded(count, 0);  // at the first position of each coarse cell with several
-        forPieces(count, 4096, [&](std::size_t begin, std::size_t end) {
             for (std::size_t u = begin; u < end; ++u) {
-                head[u] = coarse_table.lowest(slot[u]);
-                if (head[u] != u) __atomic_store_n(&crowded[head[u]], 1, __ATOMIC_RELAXED);
+                for (int k = 0; k < 3; ++k) cells[u][k] = cellOf(positions[u][k], inverse);
+                bool seen = false;
+                slot[u] =
+                    coarse_table.enter(hashOf(coarse(cells[u])), static_cast<std::uint32_t>(u), same_coarse, &seen);
+                if (seen) __atomic_store_n(&crowded[slot[u]], 1, __ATOMIC_RELAXED);
             }
         });
         forPieces(count, 4096, [&](std::size_t begin, std::size_t end) {
             for (std::size_t u = begin; u < end; ++u) {
                 const Cell& c = cells[u];
-                searched_flag[u] = head[u] != u || crowded[u];
+                searched_flag[u] = crowded[slot[u]];
                 if (searched_flag[u] || insideCoarse(c)) continue;
                 std::int64_t around[3][3];
                 int n[3];
@@ -526,20 +526,21 @@ double triangleArea(const IndexedMesh& mesh, const std::array<std::uint32_t, 3>&
 }
 
 int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
-    if (!mesh_internal::validIndices(mesh)) return 1;
     const std::size_t triangles = mesh.triangles.size();
-    if (triangles > UINT32_MAX / 3) return 1;  // edge uses are numbered in 32 bits
+    if (!mesh_internal::validSizes(mesh) || triangles > UINT32_MAX / 3) return 1;  // edge uses: 32-bit numbers
     MeshStatistics s;
     s.vertices = mesh.vertices.size();
     s.triangles = triangles;
 
     // Every edge use is counted at the lower vertex of its edge: each thread takes the edges whose lower
     // vertex lies in its share of the vertices, and finds the edges that one use alone has. On the way
-    // it joins the pieces and measures the areas of the triangles whose first corner is its own.
+    // it joins the pieces and measures the areas of the triangles whose first corner is its own. Every
+    // thread sees every triangle: one with an index past the vertices stops them all.
     std::vector<std::vector<std::uint64_t>> single_parts(static_cast<std::size_t>(omp_get_max_threads()));
     std::vector<char> lowest(mesh.vertices.size(), 0);  // the lower vertex of an edge
     SharedUnionFind pieces(mesh.vertices.size());
     std::vector<double> areas(triangles);
+    std::atomic<bool> invalid{false};
     onEachThread(triangles >= PARALLEL_MIN, [&](int thread, int threads) {
         const auto [lo, hi] = shareOf(mesh.vertices.size(), thread, threads);
         const auto mine = [lo = lo, hi = hi](std::uint32_t v) { return v - lo < hi - lo; };
@@ -550,6 +551,10 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
         std::vector<std::uint32_t> start(hi - lo + 1, 0);
         for (std::size_t i = 0; i < triangles; ++i) {
             const auto& t = mesh.triangles[i];
+            if (t[0] >= mesh.vertices.size() || t[1] >= mesh.vertices.size() || t[2] >= mesh.vertices.size()) {
+                invalid.store(true, std::memory_order_relaxed);
+                return;
+            }
             for (int e = 0; e < 3; ++e) {
                 const std::uint32_t low = std::min(t[e], t[(e + 1) % 3]);
                 if (mine(low)) ++start[low - lo + 1];
@@ -591,6 +596,7 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
             }
         }
     });
+    if (invalid.load()) return 1;
     std::vector<std::uint64_t> single;
     for (const auto& part : single_parts) single.insert(single.end(), part.begin(), part.end());
     std::sort(single.begin(), single.end());

@@ -560,6 +560,12 @@ TEST(Describe, CountsWhatIsCountedByHandOnOneThreadAndTwo) {
         EXPECT_EQ(both.boundary_loops, one.boundary_loops) << c.name;
         EXPECT_EQ(both.area, one.area) << c.name;  // the same sum, bit for bit
     }
+    IndexedMesh broken = flat;  // the last triangle's last index one past the vertices
+    broken.triangles.back()[2] = static_cast<std::uint32_t>(flat.vertices.size());
+    for (int threads : {1, 2}) {
+        MeshStatistics s;
+        withThreads(threads, [&] { EXPECT_EQ(describeMesh(broken, s), 1) << threads; });
+    }
 }
 
 namespace {
