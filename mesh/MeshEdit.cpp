@@ -11,23 +11,31 @@ using mesh_internal::guarded;
 
 namespace mesh_internal {
 
-std::vector<BoundaryLoop> boundaryLoops(const IndexedMesh& mesh, const std::vector<EdgeUse>& uses) {
+std::vector<std::uint64_t> singleUses(const std::vector<EdgeUse>& uses) {
+    std::vector<std::uint64_t> single;
+    for (std::size_t i = 0; i < uses.size();) {
+        std::size_t j = i + 1;
+        while (j < uses.size() && uses[j].key == uses[i].key) ++j;
+        if (j - i == 1) single.push_back(3ull * uses[i].triangle + uses[i].corner);
+        i = j;
+    }
+    std::sort(single.begin(), single.end());
+    return single;
+}
+
+std::vector<BoundaryLoop> boundaryLoops(const IndexedMesh& mesh, const std::vector<std::uint64_t>& single_uses) {
     // A hole's edges run against the edges of the triangles at its rim.
     struct HoleEdge {
         std::uint32_t from, to;
         std::uint64_t order;  // 3 x triangle + corner of the triangle's edge
     };
     std::vector<HoleEdge> edges;
-    for (std::size_t i = 0; i < uses.size();) {
-        std::size_t j = i + 1;
-        while (j < uses.size() && uses[j].key == uses[i].key) ++j;
-        if (j - i == 1) {
-            const auto& t = mesh.triangles[uses[i].triangle];
-            edges.push_back({t[(uses[i].corner + 1) % 3], t[uses[i].corner], 3ull * uses[i].triangle + uses[i].corner});
-        }
-        i = j;
+    edges.reserve(single_uses.size());
+    for (const std::uint64_t order : single_uses) {
+        const auto& t = mesh.triangles[order / 3];
+        const unsigned corner = static_cast<unsigned>(order % 3);
+        edges.push_back({t[(corner + 1) % 3], t[corner], order});
     }
-    std::sort(edges.begin(), edges.end(), [](const HoleEdge& a, const HoleEdge& b) { return a.order < b.order; });
     std::vector<std::uint32_t> by_from(edges.size());
     std::iota(by_from.begin(), by_from.end(), 0u);
     std::sort(by_from.begin(), by_from.end(), [&](std::uint32_t a, std::uint32_t b) {
@@ -144,8 +152,8 @@ bool leastAreaTriangulation(const IndexedMesh& mesh, const std::vector<std::uint
 
 int removePieces(IndexedMesh& mesh, std::size_t min_triangles, std::size_t* removed) {
     if (removed) *removed = 0;
+    if (min_triangles <= 1) return 0;  // every piece has a triangle: nothing to look at
     if (!mesh_internal::validIndices(mesh)) return 1;
-    if (min_triangles <= 1) return 0;
     mesh_internal::UnionFind pieces(mesh.vertices.size());
     for (const auto& t : mesh.triangles) {
         pieces.join(t[0], t[1]);
@@ -180,10 +188,12 @@ int removePieces(IndexedMesh& mesh, std::size_t min_triangles, std::size_t* remo
 
 int fillHoles(IndexedMesh& mesh, std::size_t max_edges, std::size_t* filled) {
     if (filled) *filled = 0;
+    if (max_edges < 3) return 0;  // every hole has three edges or more: nothing to look at
     if (!mesh_internal::validIndices(mesh)) return 1;
-    if (max_edges < 3 || mesh.triangles.empty()) return 0;
+    if (mesh.triangles.empty()) return 0;
     const std::vector<mesh_internal::EdgeUse> uses = mesh_internal::sortedEdgeUses(mesh);
-    const std::vector<mesh_internal::BoundaryLoop> loops = mesh_internal::boundaryLoops(mesh, uses);
+    const std::vector<mesh_internal::BoundaryLoop> loops =
+        mesh_internal::boundaryLoops(mesh, mesh_internal::singleUses(uses));
     std::unordered_set<std::uint64_t> edges;
     edges.reserve(uses.size());
     for (const auto& use : uses) edges.insert(use.key);

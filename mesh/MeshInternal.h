@@ -1,9 +1,13 @@
-// Pieces the mesh operations share: undirected edge keys, a union-find over vertices, and the status
-// guard that keeps exceptions inside the library.
+// Pieces the mesh operations share: undirected edge keys, a union-find over vertices, the status guard
+// that keeps exceptions inside the library, and the loops that run on all cores.
 #pragma once
 
+#include <omp.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <new>
 #include <numeric>
 #include <utility>
@@ -62,12 +66,94 @@ private:
     std::vector<std::uint32_t> m_parent;
 };
 
-inline bool validIndices(const IndexedMesh& mesh) {
+// Below this many items a loop runs on the calling thread: starting the team would cost more.
+constexpr std::size_t PARALLEL_MIN = 16384;
+
+// Runs body(begin, end) over [0, count) in pieces of `grain` items, the pieces spread over the threads in
+// no fixed order: a body must give the same result whichever thread runs it. What a body throws is caught
+// on its thread and thrown again after the loop, so that no exception leaves a parallel region.
+template <class Body>
+void forPieces(std::size_t count, std::size_t grain, Body&& body) {
+    const std::int64_t pieces = static_cast<std::int64_t>((count + grain - 1) / grain);
+    std::exception_ptr failure;
+    std::atomic<bool> failed{false};
+#pragma omp parallel for schedule(dynamic) if (count >= PARALLEL_MIN && pieces > 1)
+    for (std::int64_t p = 0; p < pieces; ++p) {
+        if (failed.load(std::memory_order_relaxed)) continue;
+        try {
+            const std::size_t begin = static_cast<std::size_t>(p) * grain;
+            body(begin, std::min(count, begin + grain));
+        } catch (...) {
+#pragma omp critical(tessaline_mesh_failure)
+            if (!failure) failure = std::current_exception();
+            failed.store(true, std::memory_order_relaxed);
+        }
+    }
+    if (failure) std::rethrow_exception(failure);
+}
+
+// Runs body(thread, threads) once on every thread of a team (one thread when `parallel` is false), with
+// forPieces' handling of exceptions. The body must not wait for the other threads.
+template <class Body>
+void onEachThread(bool parallel, Body&& body) {
+    std::exception_ptr failure;
+#pragma omp parallel if (parallel)
+    {
+        try {
+            body(omp_get_thread_num(), omp_get_num_threads());
+        } catch (...) {
+#pragma omp critical(tessaline_mesh_failure)
+            if (!failure) failure = std::current_exception();
+        }
+    }
+    if (failure) std::rethrow_exception(failure);
+}
+
+// The share [begin, end) of `count` items that thread `thread` of `threads` takes.
+inline std::pair<std::size_t, std::size_t> shareOf(std::size_t count, int thread, int threads) {
+    const auto at = [&](int k) {
+        return static_cast<std::size_t>(static_cast<unsigned __int128>(count) * static_cast<unsigned>(k) /
+                                        static_cast<unsigned>(threads));
+    };
+    return {at(thread), at(thread + 1)};
+}
+
+// Atomic access to plain arrays that the threads of a loop share.
+inline std::uint32_t loadRelaxed(const std::uint32_t& word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
+inline std::uint32_t loadAcquire(const std::uint32_t& word) { return __atomic_load_n(&word, __ATOMIC_ACQUIRE); }
+inline bool compareExchange(std::uint32_t& word, std::uint32_t& expected, std::uint32_t desired) {
+    return __atomic_compare_exchange_n(&word, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+// Lowers `word` to `value` unless it is lower already.
+inline void storeMin(std::uint32_t& word, std::uint32_t value) {
+    std::uint32_t current = loadRelaxed(word);
+    while (value < current && !compareExchange(word, current, value)) {
+    }
+}
+// ORs `bits` into `word`; most calls find them there already and write nothing.
+inline void storeOr(std::uint32_t& word, std::uint32_t bits) {
+    const std::uint32_t current = loadRelaxed(word);
+    if ((current | bits) != current) __atomic_fetch_or(&word, bits, __ATOMIC_RELAXED);
+}
+
+// The vertex count fits the indices, and words and normals, when present, have one a vertex.
+inline bool validSizes(const IndexedMesh& mesh) {
     const std::size_t n = mesh.vertices.size();
-    if (n > UINT32_MAX) return false;
-    for (const auto& t : mesh.triangles)
-        if (t[0] >= n || t[1] >= n || t[2] >= n) return false;
-    return (mesh.words.empty() || mesh.words.size() == n) && (mesh.normals.empty() || mesh.normals.size() == n);
+    return n <= UINT32_MAX && (mesh.words.empty() || mesh.words.size() == n) &&
+           (mesh.normals.empty() || mesh.normals.size() == n);
+}
+
+inline bool validIndices(const IndexedMesh& mesh) {
+    if (!validSizes(mesh)) return false;
+    const std::size_t n = mesh.vertices.size();
+    const std::int64_t count = static_cast<std::int64_t>(mesh.triangles.size());
+    bool valid = true;
+#pragma omp parallel for schedule(static) reduction(&& : valid) if (mesh.triangles.size() >= PARALLEL_MIN)
+    for (std::int64_t i = 0; i < count; ++i) {
+        const auto& t = mesh.triangles[static_cast<std::size_t>(i)];
+        valid = valid && t[0] < n && t[1] < n && t[2] < n;
+    }
+    return valid;
 }
 
 // Runs `body` and turns what it throws into a status: no exception leaves the library.
@@ -92,9 +178,14 @@ struct BoundaryLoop {
     bool simple = true;
 };
 
-// The boundary loops of `mesh` (its edge uses from sortedEdgeUses), in the order of their first edge's
-// triangle. A chain that does not close (where triangles beside each other face opposite ways) is left out.
-std::vector<BoundaryLoop> boundaryLoops(const IndexedMesh& mesh, const std::vector<EdgeUse>& uses);
+// The edges that one triangle alone uses, each as 3 x triangle + corner of the triangle's edge, ascending:
+// from the edge uses of sortedEdgeUses.
+std::vector<std::uint64_t> singleUses(const std::vector<EdgeUse>& uses);
+
+// The boundary loops of `mesh` from its single uses (ascending, as singleUses gives them), in the order of
+// their first edge's triangle. A chain that does not close (where triangles beside each other face opposite
+// ways) is left out.
+std::vector<BoundaryLoop> boundaryLoops(const IndexedMesh& mesh, const std::vector<std::uint64_t>& single_uses);
 
 }  // namespace mesh_internal
 }  // namespace SurfaceReconstruction

@@ -1,10 +1,12 @@
 // The mesh library beside the engine, on meshes whose answer is known by hand: welding a soup, vertex
 // normals, removing small pieces, filling small holes, and the point spacing that chooses a resolution.
+// The weld, which runs on all cores, is also held to a plain one-thread weld, bit for bit.
 #include <gtest/gtest.h>
 #include <omp.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <map>
 #include <random>
@@ -85,7 +87,185 @@ void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-6f) {
     for (int k = 0; k < 3; ++k) EXPECT_NEAR(a[k], b[k], tolerance) << k;
 }
 
+// Runs `body` with `threads` OpenMP threads, then restores the count.
+template <class Body>
+void withThreads(int threads, Body&& body) {
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(threads);
+    body();
+    omp_set_num_threads(before);
+}
+
+// The weld as one thread does it, written plainly: bit-identical corners are one position (numbered by
+// first corner), a position within the tolerance of an earlier representative in one of the 27 grid
+// cells around it joins the earliest such, vertices are numbered by first use of the kept triangles, and
+// the normals add each triangle's cross product in triangle order. `joined` counts the positions that join
+// another, `passed` those for which an earlier position in reach was passed over (not a representative).
+IndexedMesh plainWeld(const MultiMeshData& soup, float tolerance, std::size_t& degenerate, std::size_t& joined,
+                      std::size_t& passed) {
+    std::map<std::array<std::uint32_t, 3>, std::uint32_t> exact;
+    std::vector<Vec3f> positions;
+    std::vector<std::uint32_t> corner_position(3 * soup.xyz.size(), UINT32_MAX);
+    for (std::size_t c = 0; c < corner_position.size(); ++c) {
+        const float* p = &soup.xyz[c / 3].xyz[3 * (c % 3)];
+        if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
+        std::array<std::uint32_t, 3> bits;
+        std::memcpy(bits.data(), p, sizeof(bits));
+        const auto entry = exact.emplace(bits, static_cast<std::uint32_t>(positions.size()));
+        if (entry.second) positions.push_back({p[0], p[1], p[2]});
+        corner_position[c] = entry.first->second;
+    }
+    std::map<std::array<std::int64_t, 3>, std::vector<std::uint32_t>> cells;  // every position
+    std::vector<std::uint32_t> rep(positions.size());
+    const double inverse = 1.0 / static_cast<double>(tolerance);
+    joined = passed = 0;
+    for (std::uint32_t u = 0; u < positions.size(); ++u) {
+        const Vec3f& p = positions[u];
+        std::array<std::int64_t, 3> cell;
+        for (int k = 0; k < 3; ++k) cell[k] = static_cast<std::int64_t>(std::floor(p[k] * inverse));
+        std::uint32_t earliest = u;  // in reach, representative or not
+        rep[u] = u;
+        for (int dx = -1; dx <= 1; ++dx)
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dz = -1; dz <= 1; ++dz) {
+                    const auto found = cells.find({cell[0] + dx, cell[1] + dy, cell[2] + dz});
+                    if (found == cells.end()) continue;
+                    for (std::uint32_t r : found->second) {
+                        const Vec3f& q = positions[r];
+                        if (std::fabs(p[0] - q[0]) <= tolerance && std::fabs(p[1] - q[1]) <= tolerance &&
+                            std::fabs(p[2] - q[2]) <= tolerance) {
+                            earliest = std::min(earliest, r);
+                            if (rep[r] == r) rep[u] = std::min(rep[u], r);
+                        }
+                    }
+                }
+        joined += rep[u] != u;
+        passed += earliest < rep[u];
+        cells[cell].push_back(u);
+    }
+    IndexedMesh mesh;
+    std::vector<std::uint32_t> vertex(positions.size(), UINT32_MAX);
+    degenerate = 0;
+    for (std::size_t t = 0; t < soup.xyz.size(); ++t) {
+        Tri r;
+        bool finite = true;
+        for (int v = 0; v < 3; ++v) {
+            finite = finite && corner_position[3 * t + v] != UINT32_MAX;
+            r[v] = finite ? rep[corner_position[3 * t + v]] : 0;
+        }
+        if (!finite || r[0] == r[1] || r[0] == r[2] || r[1] == r[2]) {
+            ++degenerate;
+            continue;
+        }
+        for (int v = 0; v < 3; ++v) {
+            if (vertex[r[v]] == UINT32_MAX) {
+                vertex[r[v]] = static_cast<std::uint32_t>(mesh.vertices.size());
+                mesh.vertices.push_back(positions[r[v]]);
+                mesh.words.push_back(0);
+            }
+            mesh.words[vertex[r[v]]] |= soup.w[t].w[v];
+            r[v] = vertex[r[v]];
+        }
+        mesh.triangles.push_back(r);
+    }
+    std::vector<std::array<double, 3>> sums(mesh.vertices.size(), {0.0, 0.0, 0.0});
+    for (const Tri& t : mesh.triangles) {
+        const Vec3f &a = mesh.vertices[t[0]], &b = mesh.vertices[t[1]], &c = mesh.vertices[t[2]];
+        const double u[3] = {double(b[0]) - a[0], double(b[1]) - a[1], double(b[2]) - a[2]};
+        const double v[3] = {double(c[0]) - a[0], double(c[1]) - a[1], double(c[2]) - a[2]};
+        const double n[3] = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+        for (std::uint32_t corner : t)
+            for (int k = 0; k < 3; ++k) sums[corner][k] += n[k];
+    }
+    mesh.normals.assign(mesh.vertices.size(), {0.0f, 0.0f, 0.0f});
+    for (std::size_t i = 0; i < sums.size(); ++i) {
+        const auto& s = sums[i];
+        const double length = std::sqrt(s[0] * s[0] + s[1] * s[1] + s[2] * s[2]);
+        if (length > 0.0 && std::isfinite(length))
+            mesh.normals[i] = {float(s[0] / length), float(s[1] / length), float(s[2] / length)};
+    }
+    return mesh;
+}
+
+// A soup whose corners are copies of lattice points `spacing` tolerances apart around `origin`: exact
+// copies, copies moved within the tolerance, just beyond it or by exactly it, chains of copies each
+// within the tolerance of the one before (where only the earliest representative may be joined), -0
+// for 0, corners that are not finite, and triangles that collapse.
+MultiMeshData nearSoup(std::uint32_t seed, Vec3f origin, float tolerance, float spacing, std::size_t triangles) {
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> lattice(-12, 12), percent(0, 99);
+    std::uniform_real_distribution<float> within(-0.95f, 0.95f);
+    const auto corner = [&]() -> Vec3f {
+        Vec3f p;
+        for (int k = 0; k < 3; ++k) p[k] = origin[k] + lattice(random) * spacing * tolerance;
+        const int kind = percent(random), axis = kind % 3;
+        if (kind < 40) return p;
+        if (kind < 55) {
+            for (int k = 0; k < 3; ++k) p[k] += within(random) * tolerance;
+        } else if (kind < 65) {
+            p[axis] += (kind % 2 ? 1.0001f : 1.0f) * tolerance;
+        } else if (kind < 80) {
+            p[axis] += (1 + kind % 3) * 0.7f * tolerance;  // a chain: 0.7, 1.4 and 2.1 tolerances on
+        } else if (kind < 85) {
+            p[axis] = std::nextafter(p[axis], kind % 2 ? 1e30f : -1e30f);
+        } else if (kind < 88) {
+            p[axis] = p[axis] == 0.0f ? -0.0f : p[axis];
+        } else if (kind < 90) {
+            p[axis] = kind % 2 ? std::numeric_limits<float>::quiet_NaN() : std::numeric_limits<float>::infinity();
+        }
+        return p;
+    };
+    MultiMeshData soup;
+    for (std::size_t t = 0; t < triangles; ++t) {
+        TriangleXYZ xyz;
+        Vec3f corners[3] = {corner(), corner(), corner()};
+        if (percent(random) < 5) corners[2] = corners[0];
+        for (int v = 0; v < 3; ++v)
+            for (int k = 0; k < 3; ++k) xyz.xyz[3 * v + k] = corners[v][k];
+        soup.xyz.push_back(xyz);
+        soup.w.push_back(TriangleW{{1u << (t % 32), 0x100u << (t % 7), static_cast<std::uint32_t>(t)}});
+    }
+    return soup;
+}
+
+template <class T>
+bool sameBytes(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
 }  // namespace
+
+TEST(Weld, MatchesThePlainWeldBitForBitOnOneThreadAndTwo) {
+    const struct {
+        std::uint32_t seed;
+        Vec3f origin;
+        float tolerance, spacing;  // lattice spacing in tolerances
+    } cases[] = {
+        {1, {0.0f, 0.0f, 0.0f}, 1e-3f, 2.5f},          // around 0: -0, negative cells
+        {2, {0.05f, -0.3f, 0.11f}, 1e-3f, 1.5f},       // lattice points themselves within reach of each other
+        {3, {1000.0f, 250.0f, -600.0f}, 1e-4f, 3.0f},  // a float step near 1000 is 0.6 tolerances
+        {4, {3.2f, 3.2f, 3.2f}, 0.05f, 2.0f},          // cells of 64 tolerances: edges at multiples of 3.2
+    };
+    for (const auto& c : cases) {
+        const MultiMeshData soup = nearSoup(c.seed, c.origin, c.tolerance, c.spacing, 30000);
+        std::size_t expected_degenerate = 0, joined = 0, passed = 0;
+        const IndexedMesh expected = plainWeld(soup, c.tolerance, expected_degenerate, joined, passed);
+        // The soup has what it should: near positions, chains, dropped triangles.
+        EXPECT_GT(joined, 10000u) << c.seed;
+        EXPECT_GT(passed, 1000u) << c.seed;
+        EXPECT_GT(expected_degenerate, 1500u) << c.seed;
+        for (int threads : {1, 2}) {
+            IndexedMesh mesh;
+            std::size_t degenerate = 0;
+            withThreads(threads, [&] { ASSERT_EQ(weldMesh(soup, c.tolerance, mesh, &degenerate), 0); });
+            EXPECT_EQ(degenerate, expected_degenerate) << c.seed << " " << threads;
+            EXPECT_TRUE(sameBytes(mesh.vertices, expected.vertices)) << c.seed << " " << threads;
+            EXPECT_TRUE(sameBytes(mesh.triangles, expected.triangles)) << c.seed << " " << threads;
+            EXPECT_EQ(mesh.words, expected.words) << c.seed << " " << threads;
+            EXPECT_TRUE(sameBytes(mesh.normals, expected.normals)) << c.seed << " " << threads;
+        }
+    }
+}
 
 TEST(Weld, ACubeSoupBecomesEightSharedVerticesEvenAcrossRoundingBoundaries) {
     const IndexedMesh reference = cube();
@@ -321,8 +501,71 @@ TEST(Holes, NothingToFillAndBadMeshes) {
     bad.words.pop_back();  // words, when present, need one a vertex
     EXPECT_EQ(fillSmallHoles(bad, 10), 1);
     EXPECT_EQ(removeSmallPieces(bad, 10), 1);
+    // Limits that change nothing return at once, without looking at the mesh.
+    EXPECT_EQ(fillSmallHoles(bad, 2), 0);
+    EXPECT_EQ(removeSmallPieces(bad, 1), 0);
     MeshStatistics s;
     EXPECT_EQ(describeMesh(bad, s), 1);
+}
+
+TEST(Describe, CountsWhatIsCountedByHandOnOneThreadAndTwo) {
+    // Grids of 100 x 100 squares (20,000 triangles, enough for all cores): the rim has 400 edges in one
+    // loop; a square taken out adds a loop of 4 edges and takes 1 from the area.
+    const int n = 100;
+    const IndexedMesh flat = grid(n);
+    IndexedMesh holes = flat;
+    for (int square : {50 * n + 30, 20 * n + 70, 10 * n + 10}) {  // from the last, so that indices stay
+        holes.triangles.erase(holes.triangles.begin() + 2 * square, holes.triangles.begin() + 2 * square + 2);
+    }
+    IndexedMesh two = flat;  // and a second grid beside it, and a vertex that no triangle uses
+    for (const Vec3f& v : flat.vertices) two.vertices.push_back({v[0] + 200, v[1], v[2]});
+    for (const Tri& t : flat.triangles) {
+        const std::uint32_t m = static_cast<std::uint32_t>(flat.vertices.size());
+        two.triangles.push_back({t[0] + m, t[1] + m, t[2] + m});
+    }
+    two.vertices.push_back({-5, -5, -5});
+    two.words.clear();
+    // Three triangles on one edge (each of the other six edges is a rim), and a triangle given twice.
+    IndexedMesh fin;
+    fin.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 2}};
+    fin.triangles = {{0, 1, 2}, {1, 0, 3}, {0, 1, 4}};
+    IndexedMesh twice;
+    twice.vertices = {{0, 0, 0}, {2, 0, 0}, {0, 3, 0}};
+    twice.triangles = {{0, 1, 2}, {0, 1, 2}};
+
+    const struct {
+        const char* name;
+        const IndexedMesh& mesh;
+        std::size_t boundary_edges, boundary_loops, pieces;  // loops: SIZE_MAX where not counted by hand
+        double area;
+    } cases[] = {{"grid", flat, 4 * n, 1, 1, n * n},
+                 {"grid with three holes", holes, 4 * n + 12, 4, 1, n * n - 3},
+                 {"two grids", two, 8 * n, 2, 2, 2 * n * n},
+                 {"fin", fin, 6, SIZE_MAX, 1, 0.5 + 0.5 + 1.0},
+                 {"twice", twice, 0, 0, 1, 6.0}};
+    for (const auto& c : cases) {
+        MeshStatistics one, both;
+        withThreads(1, [&] { ASSERT_EQ(describeMesh(c.mesh, one), 0); });
+        withThreads(2, [&] { ASSERT_EQ(describeMesh(c.mesh, both), 0); });
+        for (const MeshStatistics& s : {one, both}) {
+            EXPECT_EQ(s.vertices, c.mesh.vertices.size()) << c.name;
+            EXPECT_EQ(s.triangles, c.mesh.triangles.size()) << c.name;
+            EXPECT_EQ(s.boundary_edges, c.boundary_edges) << c.name;
+            EXPECT_EQ(s.pieces, c.pieces) << c.name;
+            EXPECT_NEAR(s.area, c.area, 1e-9 * c.area) << c.name;
+        }
+        if (c.boundary_loops != SIZE_MAX) {
+            EXPECT_EQ(one.boundary_loops, c.boundary_loops) << c.name;
+        }
+        EXPECT_EQ(both.boundary_loops, one.boundary_loops) << c.name;
+        EXPECT_EQ(both.area, one.area) << c.name;  // the same sum, bit for bit
+    }
+    IndexedMesh broken = flat;  // the last triangle's last index one past the vertices
+    broken.triangles.back()[2] = static_cast<std::uint32_t>(flat.vertices.size());
+    for (int threads : {1, 2}) {
+        MeshStatistics s;
+        withThreads(threads, [&] { EXPECT_EQ(describeMesh(broken, s), 1) << threads; });
+    }
 }
 
 namespace {

@@ -5,9 +5,10 @@
 // pieces removed, small holes filled.
 //
 // The functions are plain and stateless: they hold no locks and keep nothing between calls, so any
-// thread may call them, on different meshes at once. None throws: each returns a status, 0 on success,
-// TESSALINE_FAILURE (1) for an argument it refuses and TESSALINE_OUT_OF_MEMORY (66049) when memory runs
-// out; on a failure the output is left empty (weldMesh) or unchanged (the edits).
+// thread may call them, on different meshes at once. Welding, normals and describeMesh run on all cores
+// (OpenMP threads), with the same result for any number of threads. None throws: each returns a status,
+// 0 on success, TESSALINE_FAILURE (1) for an argument it refuses and TESSALINE_OUT_OF_MEMORY (66049) when
+// memory runs out; on a failure the output is left empty (weldMesh) or unchanged (the edits).
 #pragma once
 
 #include <array>
@@ -57,7 +58,11 @@ struct MeshStatistics {
 // corner that way are left out and counted in `degenerate` (when given), and the vertex normals are
 // computed. The result depends only on the soup and the tolerance. `tolerance` must be finite and above 0;
 // a ten-thousandth of the resolution keeps apart every pair of vertices the engine means to be apart.
-// The soup is only read; `mesh` is replaced.
+// In detail: corners at bit-identical positions are one position, numbered by their first corner; a
+// position within `tolerance` on every axis of an earlier position that no earlier one has joined, in one
+// of the 27 cells of a grid of `tolerance` around it, joins the earliest such; vertices are numbered in the
+// order the kept triangles first use them. The soup is only read; `mesh` is replaced. A soup of
+// 1,431,655,765 triangles or more (corners beyond 32-bit numbers) is refused.
 TESSALINE_MESH_API int weldMesh(const MultiMeshData& soup, float tolerance, IndexedMesh& mesh,
                                 std::size_t* degenerate = nullptr);
 
@@ -66,7 +71,8 @@ TESSALINE_MESH_API int computeVertexNormals(IndexedMesh& mesh);
 
 // Removes every piece (triangles connected through shared vertices) of fewer than `min_triangles`
 // triangles, then every vertex that no triangle uses; the order of what stays is kept. `removed` (when
-// given) receives the number of triangles removed. Normals, when present, are kept up to date.
+// given) receives the number of triangles removed. Normals, when present, are kept up to date. With
+// `min_triangles` at most 1 nothing can go: the call returns 0 at once, without looking at the mesh.
 TESSALINE_MESH_API int removeSmallPieces(IndexedMesh& mesh, std::size_t min_triangles, std::size_t* removed = nullptr);
 
 // Closes every hole whose boundary loop has at most `max_edges` edges ("fill small holes"). A loop of up
@@ -75,11 +81,13 @@ TESSALINE_MESH_API int removeSmallPieces(IndexedMesh& mesh, std::size_t min_tria
 // face the same side as their neighbours. A loop that passes a vertex twice, or that cannot be spanned
 // without reusing an edge the mesh already has elsewhere or without a triangle whose corners lie in a line,
 // is left open. `filled` (when given) receives the number of holes
-// closed. Normals, when present, are kept up to date.
+// closed. Normals, when present, are kept up to date. With `max_edges` below 3 no hole qualifies: the call
+// returns 0 at once, without looking at the mesh.
 TESSALINE_MESH_API int fillSmallHoles(IndexedMesh& mesh, std::size_t max_edges, std::size_t* filled = nullptr);
 
-// Counts vertices, triangles, boundary edges and loops, pieces and area. Triangle indices must lie below
-// the vertex count (1 otherwise).
+// Counts vertices, triangles, boundary edges and loops, pieces and area (summed in triangle order, so the
+// same for any number of threads). Triangle indices must lie below the vertex count, and the triangles
+// fewer than 1,431,655,765 (1 otherwise).
 TESSALINE_MESH_API int describeMesh(const IndexedMesh& mesh, MeshStatistics& statistics);
 
 // How far apart the points of a scan lie, in the unit of the points.
