@@ -67,7 +67,8 @@ inline bool validIndices(const IndexedMesh& mesh) {
     if (n > UINT32_MAX) return false;
     for (const auto& t : mesh.triangles)
         if (t[0] >= n || t[1] >= n || t[2] >= n) return false;
-    return (mesh.words.empty() || mesh.words.size() == n) && (mesh.normals.empty() || mesh.normals.size() == n);
+    return (mesh.words.empty() || mesh.words.size() == n) && (mesh.normals.empty() || mesh.normals.size() == n) &&
+           (mesh.colors.empty() || mesh.colors.size() == n);
 }
 
 // Runs `body` and turns what it throws into a status: no exception leaves the library.
@@ -84,6 +85,10 @@ int guarded(Body&& body) noexcept {
 
 // The vertex normals of `mesh` as they should be after an edit: recomputed when the mesh has them.
 int refreshNormals(IndexedMesh& mesh);
+
+// The mean of the colours of `vertices` (indices into `colours`), in linear light as colourVertices takes
+// it: the colour of a vertex that an edit adds among them.
+Rgb meanColour(const std::vector<Rgb>& colours, const std::vector<std::uint32_t>& vertices);
 
 // A closed chain of boundary edges, in the direction that triangles closing it run along it (against the
 // triangles beside it). `simple`: no vertex appears twice.
