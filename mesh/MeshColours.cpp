@@ -18,8 +18,8 @@ constexpr std::int32_t CELLS_PER_AXIS = (1 << 21) - 2;
 // The bell: a point at distance d from a vertex whose search reaches r weighs exp(-BELL (d / r)^2).
 constexpr double BELL = 4.0;
 // A search whose box would hold more cells than this goes through the k-d tree instead (a vertex of a
-// far coarser cell than the grid's).
-constexpr std::int64_t MOST_CELLS = 729;  // 9^3: a search of 4 cell edges on a grid of that edge
+// far coarser cell than the grid's): 9^3, a search of 4 edges for a vertex whose cell is the grid's size.
+constexpr std::int64_t MOST_CELLS = 729;
 
 // The bell in steps of (d / r)^2, between which it is taken as a straight line (within 3e-5 of the curve).
 constexpr int BELL_STEPS = 256;
@@ -115,8 +115,8 @@ void sortByCode(std::vector<std::uint64_t>& codes, std::vector<std::uint32_t>& o
     }
 }
 
-// The coloured points sorted into cubic cells of one edge, cells in the order of their codes, found
-// through a hash table.
+// The coloured points sorted into cubic cells of one edge, cells in the order of their codes; the bricks of
+// 4 x 4 x 4 cells that hold any found through a hash table, each saying which of its cells hold points.
 class ColourGrid {
 public:
     // Takes the finite points, sorted by cell (points of one cell in the order they came).
