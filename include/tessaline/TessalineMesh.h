@@ -85,6 +85,10 @@ TESSALINE_MESH_API int removeSmallPieces(IndexedMesh& mesh, std::size_t min_tria
 // closed. Normals, when present, are kept up to date.
 TESSALINE_MESH_API int fillSmallHoles(IndexedMesh& mesh, std::size_t max_edges, std::size_t* filled = nullptr);
 
+// Counts vertices, triangles, boundary edges and loops, pieces and area. Triangle indices must lie below
+// the vertex count (1 otherwise).
+TESSALINE_MESH_API int describeMesh(const IndexedMesh& mesh, MeshStatistics& statistics);
+
 // How colourVertices coloured a mesh. vertices = near + widened + nearest.
 struct VertexColouring {
     std::size_t points = 0;   // coloured points it used: those with finite coordinates
@@ -110,10 +114,6 @@ struct VertexColouring {
 TESSALINE_MESH_API int colourVertices(IndexedMesh& mesh, const std::vector<Vec3f>& points,
                                       const std::vector<Rgb>& colours, float resolution,
                                       VertexColouring* colouring = nullptr);
-
-// Counts vertices, triangles, boundary edges and loops, pieces and area. Triangle indices must lie below
-// the vertex count (1 otherwise).
-TESSALINE_MESH_API int describeMesh(const IndexedMesh& mesh, MeshStatistics& statistics);
 
 // How far apart the points of a scan lie, in the unit of the points.
 struct PointSpacing {
