@@ -177,6 +177,7 @@ int removePieces(IndexedMesh& mesh, std::size_t min_triangles, std::size_t* remo
         kept.vertices.push_back(mesh.vertices[v]);
         if (!mesh.words.empty()) kept.words.push_back(mesh.words[v]);
         if (!mesh.normals.empty()) kept.normals.push_back(mesh.normals[v]);
+        if (!mesh.colors.empty()) kept.colors.push_back(mesh.colors[v]);
     }
     for (auto& t : kept.triangles)
         for (auto& corner : t) corner = index[corner];
@@ -216,6 +217,8 @@ int fillHoles(IndexedMesh& mesh, std::size_t max_edges, std::size_t* filled) {
                                        static_cast<float>(centre[2] / n)});
             if (!result.words.empty()) result.words.push_back(0);
             if (!result.normals.empty()) result.normals.push_back({0.0f, 0.0f, 0.0f});
+            if (!result.colors.empty())
+                result.colors.push_back(mesh_internal::meanColour(result.colors, loop.vertices));
             for (std::size_t k = 0; k < n; ++k) added.push_back({loop.vertices[k], loop.vertices[(k + 1) % n], hub});
         }
         for (const auto& t : added) {

@@ -140,7 +140,7 @@ inline void storeOr(std::uint32_t& word, std::uint32_t bits) {
 inline bool validSizes(const IndexedMesh& mesh) {
     const std::size_t n = mesh.vertices.size();
     return n <= UINT32_MAX && (mesh.words.empty() || mesh.words.size() == n) &&
-           (mesh.normals.empty() || mesh.normals.size() == n);
+           (mesh.normals.empty() || mesh.normals.size() == n) && (mesh.colors.empty() || mesh.colors.size() == n);
 }
 
 inline bool validIndices(const IndexedMesh& mesh) {
@@ -170,6 +170,10 @@ int guarded(Body&& body) noexcept {
 
 // The vertex normals of `mesh` as they should be after an edit: recomputed when the mesh has them.
 int refreshNormals(IndexedMesh& mesh);
+
+// The mean of the colours of `vertices` (indices into `colours`), in linear light as colourVertices takes
+// it: the colour of a vertex that an edit adds among them.
+Rgb meanColour(const std::vector<Rgb>& colours, const std::vector<std::uint32_t>& vertices);
 
 // A closed chain of boundary edges, in the direction that triangles closing it run along it (against the
 // triangles beside it). `simple`: no vertex appears twice.

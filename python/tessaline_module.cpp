@@ -122,12 +122,13 @@ std::vector<std::int32_t> readWords(py::handle value, const std::string& what, s
 // One frame as given: its arrays, not yet copied. `normals` None: to be estimated.
 struct FrameArrays {
     std::string name;
-    py::object points, normals = py::none(), words = py::none(), sensor = py::none();
+    py::object points, normals = py::none(), words = py::none(), sensor = py::none(), colors = py::none();
 };
 
-// One frame: a dict with "points" and optionally "normals", "words" and "sensor"; a tuple (points[,
+// One frame: a dict with "points" and optionally "normals", "words", "sensor" and "colors"; a tuple (points[,
 // normals[, words[, sensor]]]); or an object with `points` and `normals` attributes (an Open3D point cloud;
-// one whose has_normals() says False, or whose normals are empty, has none).
+// one whose has_normals() says False, or whose normals are empty, has none; its colors when has_colors()
+// says so).
 FrameArrays frameArrays(py::handle item, std::size_t index) {
     FrameArrays f;
     f.name = "frame " + std::to_string(index);
@@ -140,14 +141,16 @@ FrameArrays frameArrays(py::handle item, std::size_t index) {
         const py::dict d = py::reinterpret_borrow<py::dict>(item);
         for (auto entry : d) {
             const std::string key = py::str(entry.first).cast<std::string>();
-            if (key != "points" && key != "normals" && key != "words" && key != "sensor")
-                throw py::value_error(name + ": unknown key '" + key + "' (use points, normals, words, sensor)");
+            if (key != "points" && key != "normals" && key != "words" && key != "sensor" && key != "colors")
+                throw py::value_error(name + ": unknown key '" + key +
+                                      "' (use points, normals, words, sensor, colors)");
         }
         if (!d.contains("points")) throw py::value_error(name + ": no 'points' (a frame needs 'points')");
         f.points = d["points"];
         if (d.contains("normals")) f.normals = d["normals"];
         if (d.contains("words")) f.words = d["words"];
         if (d.contains("sensor")) f.sensor = d["sensor"];
+        if (d.contains("colors")) f.colors = d["colors"];
     } else if (py::isinstance<py::tuple>(item) || py::isinstance<py::list>(item)) {
         const py::sequence s = py::reinterpret_borrow<py::sequence>(item);
         if (s.size() < 1 || s.size() > 4)
@@ -164,6 +167,8 @@ FrameArrays frameArrays(py::handle item, std::size_t index) {
         if (!none && asArray(f.normals, name + " normals").size() == 0 &&
             asArray(f.points, name + " points").size() > 0)
             f.normals = py::none();
+        if (py::hasattr(item, "colors") && py::hasattr(item, "has_colors") && item.attr("has_colors")().cast<bool>())
+            f.colors = item.attr("colors");
     } else {
         throw py::type_error(name +
                              ": a frame is a dict with 'points' (and 'normals'), a tuple (points[, normals[, "
@@ -208,6 +213,29 @@ std::shared_ptr<FrameDataWithInfo> readFrame(const FrameArrays& f, float scale, 
     return frame;
 }
 
+// A frame's colours: uint8 (N, 3), or any integers from 0 to 255, or floats from 0 to 1 (rounded to a byte).
+std::vector<Rgb> readColours(py::handle value, const std::string& what, std::size_t count) {
+    const py::array array = asArray(value, what);
+    const char kind = array.dtype().kind();
+    if (kind != 'u' && kind != 'i' && kind != 'f')
+        throw py::type_error(what + " must be a uint8 or float array of shape (N, 3), not " + describe(array));
+    if (array.ndim() != 2 || array.shape(1) != 3 || static_cast<std::size_t>(array.shape(0)) != count)
+        throw py::value_error(what + " must have the shape (" + std::to_string(count) +
+                              ", 3), one colour a point, not " + describe(array));
+    const auto values = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(array);
+    const double top = kind == 'f' ? 1.0 : 255.0;
+    std::vector<Rgb> out(count);
+    for (std::size_t i = 0; i < count; ++i)
+        for (int k = 0; k < 3; ++k) {
+            const double v = values.data()[3 * i + k];
+            if (!(v >= 0.0 && v <= top))
+                throw py::value_error(what + ": a value outside 0 to " + (kind == 'f' ? "1" : "255") + " (" +
+                                      std::to_string(v) + ")");
+            out[i][k] = static_cast<std::uint8_t>(std::lround(v * 255.0 / top));
+        }
+    return out;
+}
+
 // The frames, and where points given in double precision lie: their origin, a whole number of metres near
 // the middle of their box (0 within half a metre of the origin), is taken off before they become floats.
 struct Input {
@@ -216,6 +244,10 @@ struct Input {
     double origin[3] = {0.0, 0.0, 0.0};      // millimetres
     std::vector<FrameNormalSource> sources;  // one a frame: whose normals to estimate, where its scanner stood
     bool missing_normals = false;
+    // The points of the frames that came with colours, and their colours: the mesh's colours come from them.
+    bool coloured = false;
+    std::vector<Vec3f> colour_points;
+    std::vector<Rgb> colours;
 };
 
 // The frames; `sensor` (None, or where the scanner stood in the caller's unit) serves the frames without
@@ -264,6 +296,12 @@ Input readFrameArrays(const std::vector<FrameArrays>& arrays, float scale, const
     }
     for (const FrameArrays& f : arrays) {
         in.frames.push_back(readFrame(f, scale, origin));
+        if (!f.colors.is_none()) {
+            const std::vector<Rgb> colours = readColours(f.colors, label(f, "colors"), in.frames.back()->xyz.size());
+            in.coloured = true;
+            in.colour_points.insert(in.colour_points.end(), in.frames.back()->xyz.begin(), in.frames.back()->xyz.end());
+            in.colours.insert(in.colours.end(), colours.begin(), colours.end());
+        }
         FrameNormalSource source = common;
         source.estimate = f.normals.is_none();
         if (!f.sensor.is_none()) {
@@ -326,6 +364,7 @@ private:
 
 struct Mesh {
     py::array vertices, triangles, words, normals;
+    py::object colors = py::none();            // uint8 (V, 3) when some frame came with colours
     float resolution = 0.0f;                   // millimetres
     py::object point_spacing = py::none();     // (median, even) in millimetres, when the resolution was chosen from it
     py::object normals_estimate = py::none();  // the counts of estimateNormals, when some frames had no normals
@@ -373,6 +412,11 @@ Mesh toPython(const IndexedMesh& mesh, float scale, const Input& in) {
     out.normals = normals;
     out.triangles = triangles;
     out.words = words;
+    if (in.coloured) {
+        py::array_t<std::uint8_t> colors({v, py::ssize_t(3)});
+        if (!mesh.colors.empty()) std::memcpy(colors.mutable_data(), mesh.colors.data(), mesh.colors.size() * 3);
+        out.colors = colors;
+    }
     return out;
 }
 
@@ -480,6 +524,8 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
             soup.reset();
             if (mesh_status == 0) mesh_status = removeSmallPieces(mesh, min_piece, &removed);
             if (mesh_status == 0) mesh_status = fillSmallHoles(mesh, fill_holes);
+            if (mesh_status == 0 && input.coloured)
+                mesh_status = colourVertices(mesh, input.colour_points, input.colours, resolution);
             // Only the warning needs it here: an estimate from a thinned sample.
             if (mesh_status == 0 && !measured) measured = estimatePointSpacing(frames, spacing) == 0;
             expected = expectedTriangles(frames, spacing, resolution);
@@ -553,11 +599,14 @@ namespace {
 
 const char* const RECONSTRUCT_DOC = R"(Fuses scan frames into one mesh.
 
-frames: a list of frames, each a dict {"points": P, "normals": N, "words": W, "sensor": S} (all but points
-    optional), a tuple (P,), (P, N), (P, N, W) or (P, N, W, S), or a point cloud with points and normals
-    attributes (Open3D's). P and N are float arrays of shape (n, 3) in the common coordinate system of the
-    scan, N pointing out of the surface; W an integer array of shape (n,): bits 0-7 the scale code (8 when
-    absent), bits 8-15 flags. The arrays are copied; nothing is kept after the call.
+frames: a list of frames, each a dict {"points": P, "normals": N, "words": W, "sensor": S, "colors": C}
+    (all but points optional), a tuple (P,), (P, N), (P, N, W) or (P, N, W, S), or a point cloud with points
+    and normals attributes (Open3D's, with its colors when it has them). P and N are float arrays of shape
+    (n, 3) in the common coordinate system of the scan, N pointing out of the surface; W an integer array of
+    shape (n,): bits 0-7 the scale code (8 when absent), bits 8-15 flags; C the points' colours, uint8 (n, 3)
+    red, green, blue (integers 0-255) or floats from 0 to 1. The arrays are copied; nothing is kept after the
+    call. When some frames have colours, Mesh.colors gives every vertex the mean of the coloured points near
+    it (see Mesh.colors).
     A frame without normals (none given, N None, or a point cloud without them) gets them as
     estimate_normals makes them, all such frames together and every point a neighbour: a plane through each
     point and its 16 nearest, turned toward S (x, y, z in the unit of the points: where the scanner stood)
@@ -601,7 +650,8 @@ PYBIND11_MODULE(tessaline, m) {
         "Tessaline: registered laser-scan frames in, one triangle mesh out.\n\n"
         "    mesh = tessaline.reconstruct([(points, normals)], resolution='auto')\n\n"
         "points and normals are float arrays of shape (N, 3); the result has numpy vertices, triangles,\n"
-        "words and normals. A frame without normals, [(points,)], gets them estimated (estimate_normals).";
+        "words and normals (and colors, when the frames have them: {'points': P, 'normals': N, 'colors': C}).\n"
+        "A frame without normals, [(points,)], gets them estimated (estimate_normals).";
     m.attr("__version__") = TESSALINE_VERSION_STRING;
     m.attr("backend") = TESSALINE_BACKEND;
     m.attr("RESOLUTION_PER_SPACING") = RESOLUTION_PER_SPACING;
@@ -618,12 +668,16 @@ PYBIND11_MODULE(tessaline, m) {
                    std::to_string(s.cur_sub_step) + " of " + std::to_string(s.total_sub_steps) + ")";
         });
 
-    py::class_<Mesh>(m, "Mesh", "A finished mesh: welded vertices with their words and normals.")
+    py::class_<Mesh>(m, "Mesh", "A finished mesh: welded vertices with their words, normals and colours.")
         .def_readonly("vertices", &Mesh::vertices,
                       "(V, 3) in the unit of the frames: float32, or float64 when the points came as float64")
         .def_readonly("triangles", &Mesh::triangles, "int32 (T, 3), vertex indices, counter-clockwise from the front")
         .def_readonly("words", &Mesh::words, "uint32 (V,): bits 0-7 scale codes, 8-15 flags, 16-31 quality")
         .def_readonly("normals", &Mesh::normals, "float32 (V, 3), unit area-weighted vertex normals")
+        .def_readonly("colors", &Mesh::colors,
+                      "uint8 (V, 3) red, green, blue from the points of the frames that came with colors: the mean, "
+                      "in linear light, of those within a cell edge of the vertex, weighted exp(-4 (d / edge)^2) "
+                      "(farther ones, or the nearest, where none is that near); None when no frame had colors")
         .def_readonly("resolution", &Mesh::resolution, "the finest cell edge of the run, millimetres")
         .def_readonly("point_spacing", &Mesh::point_spacing,
                       "('auto' only) the points' median spacing to the nearest point and the even spacing as dense, mm")

@@ -1,4 +1,4 @@
-// Mesh files: PLY, OBJ and STL read, finished meshes written with their words and normals.
+// Mesh files: PLY, OBJ and STL read, finished meshes written with their words, normals and colours.
 #include "MeshIO.h"
 
 #include <cctype>
@@ -221,6 +221,7 @@ private:
 void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh, const Origin* origin) {
     const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
     const bool words = mesh.words.size() == mesh.vertices.size() && !mesh.vertices.empty();
+    const bool colours = mesh.colors.size() == mesh.vertices.size() && !mesh.vertices.empty();
     out << "ply\nformat binary_little_endian 1.0\ncomment tessaline mesh\n";
     if (words)
         out << "comment word: bits 0-7 scale codes, 8-15 flags, 16-31 quality (four equal nibbles); "
@@ -236,6 +237,7 @@ void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh, const Origin* o
         << " y\nproperty " << coordinate << " z\n";
     if (normals) out << "property float nx\nproperty float ny\nproperty float nz\n";
     if (words) out << "property int word\nproperty uchar scale_code\nproperty uchar flags\nproperty uchar quality\n";
+    if (colours) out << "property uchar red\nproperty uchar green\nproperty uchar blue\n";
     out << "element face " << mesh.triangles.size() << "\nproperty list uchar uint vertex_indices\nend_header\n";
     ByteBuffer body(out);
     for (std::size_t i = 0; i < mesh.vertices.size(); ++i) {
@@ -252,6 +254,7 @@ void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh, const Origin* o
             body.put(static_cast<std::uint8_t>((w >> 8) & 0xFF));
             body.put(static_cast<std::uint8_t>((w >> 16) & 0xFF));
         }
+        if (colours) body.put(mesh.colors[i]);
     }
     for (const auto& t : mesh.triangles) {
         body.put(static_cast<std::uint8_t>(3));
@@ -261,15 +264,22 @@ void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh, const Origin* o
 
 void writeObj(std::ofstream& out, const IndexedMesh& mesh, const Origin* origin) {
     const bool normals = mesh.normals.size() == mesh.vertices.size() && !mesh.vertices.empty();
+    const bool colours = mesh.colors.size() == mesh.vertices.size() && !mesh.vertices.empty();
     out << "# tessaline mesh\n";
-    char line[160];
-    for (const auto& v : mesh.vertices) {
+    char line[200];
+    for (std::size_t i = 0; i < mesh.vertices.size(); ++i) {
+        const auto& v = mesh.vertices[i];
+        int length;
         if (origin != nullptr)
-            std::snprintf(line, sizeof(line), "v %.15g %.15g %.15g\n", v[0] + (*origin)[0], v[1] + (*origin)[1],
-                          v[2] + (*origin)[2]);
+            length = std::snprintf(line, sizeof(line), "v %.15g %.15g %.15g", v[0] + (*origin)[0], v[1] + (*origin)[1],
+                                   v[2] + (*origin)[2]);
         else
-            std::snprintf(line, sizeof(line), "v %.9g %.9g %.9g\n", v[0], v[1], v[2]);
-        out << line;
+            length = std::snprintf(line, sizeof(line), "v %.9g %.9g %.9g", v[0], v[1], v[2]);
+        // The colour as MeshLab and Open3D read it after x y z: 0 to 1, six digits give the byte back.
+        if (colours)
+            std::snprintf(line + length, sizeof(line) - static_cast<std::size_t>(length), " %.6g %.6g %.6g",
+                          mesh.colors[i][0] / 255.0, mesh.colors[i][1] / 255.0, mesh.colors[i][2] / 255.0);
+        out << line << '\n';
     }
     if (normals) {
         for (const auto& n : mesh.normals) {

@@ -1,6 +1,6 @@
 // Triangle meshes in and out: the formats the program writes (PLY, OBJ, STL) read back for pictures and
 // comparisons, PLY meshes with shared vertices as reference surfaces are published, and finished meshes
-// written with their vertex words and normals.
+// written with their vertex words, normals and colours.
 #pragma once
 
 #include <array>
@@ -34,9 +34,10 @@ void scaleMesh(IndexedMesh& mesh, float scale);
 
 // Writes by the file's extension. .ply: binary little endian; per vertex x, y, z, then nx, ny, nz when the
 // mesh has normals, then when it has words `int word` (all 32 bits, read as signed) and the same word split
-// into `uchar scale_code` (bits 0-7), `uchar flags` (bits 8-15) and `uchar quality` (bits 16-23); faces as
-// `list uchar uint vertex_indices`. .obj: v and, with normals, vn lines, faces as f i//i. .stl: binary,
-// facet normals from the triangles. The file appears only when complete. Throws std::runtime_error naming
+// into `uchar scale_code` (bits 0-7), `uchar flags` (bits 8-15) and `uchar quality` (bits 16-23), then when
+// it has colours `uchar red, green, blue`; faces as `list uchar uint vertex_indices`. .obj: v lines (with
+// colours "v x y z r g b", r g b from 0 to 1) and, with normals, vn lines, faces as f i//i. .stl: binary,
+// facet normals from the triangles, no colours. The file appears only when complete. Throws std::runtime_error naming
 // the file. With `origin` (the mesh's unit) given and not zero, it is added to every vertex in double
 // precision: a PLY gets `double` x, y, z, an OBJ 15 significant digits; an STL, whose coordinates are floats,
 // is refused (see keepsOrigin).

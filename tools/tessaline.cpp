@@ -405,10 +405,11 @@ std::string sizeWarning(const ResolutionChoice& choice, std::size_t triangles, d
 
 // The times of the program's own steps around the library's run.
 struct Timings {
-    double input = 0;    // reading the frames, or simulating them
-    double spacing = 0;  // the point spacing and what the points suggest
-    double writing = 0;  // the mesh file
-    double normals = 0;  // the normals of frames that came without them
+    double input = 0;      // reading the frames, or simulating them
+    double spacing = 0;    // the point spacing and what the points suggest
+    double writing = 0;    // the mesh file
+    double normals = 0;    // the normals of frames that came without them
+    double colouring = 0;  // the coloured points kept before the run, the vertices' colours after it
 };
 
 void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice& choice, const FinishedMesh& finished,
@@ -435,13 +436,14 @@ void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice&
         std::printf("pieces under %zu triangles: %zu triangles removed\n", finishing.min_piece, finished.removed);
     if (finishing.fill_holes >= 3)
         std::printf("holes of at most %zu edges: %zu filled\n", finishing.fill_holes, finished.filled);
-    char normals[48] = "";
+    char normals[48] = "", colouring[48] = "";
     if (timings.normals > 0) std::snprintf(normals, sizeof(normals), "normals %.2f s, ", timings.normals);
+    if (timings.colouring > 0) std::snprintf(colouring, sizeof(colouring), "colouring %.2f s, ", timings.colouring);
     std::printf(
-        "time: %s %.2f s, %sspacing %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s, finishing %.2f s, writing "
+        "time: %s %.2f s, %sspacing %.2f s, blocks %.2f s, fusion %.2f s, meshing %.2f s, finishing %.2f s, %swriting "
         "%.2f s (the library %.0f points/s); peak memory %.0f MiB\n",
         input_label, timings.input, normals, timings.spacing, run.stage_seconds[0], run.stage_seconds[1],
-        run.stage_seconds[2], finished.seconds, timings.writing,
+        run.stage_seconds[2], finished.seconds, colouring, timings.writing,
         run.seconds > 0 ? static_cast<double>(run.points) / run.seconds : 0.0, tessaline_tools::peakMemoryMiB());
 }
 
@@ -507,6 +509,46 @@ std::string describeNormals(const SurfaceReconstruction::NormalEstimate& e) {
                   e.points, e.neighbours, e.toward_sensor, e.propagated, e.left_out, e.too_few_neighbours, e.reach,
                   e.no_clear_plane);
     return text;
+}
+
+// The coloured points of a scan, kept for the mesh's colours: the library frees the frames as it goes.
+// 15 bytes a point (position and colour); the frames' own colour lists are let go.
+struct ColourSource {
+    std::vector<SurfaceReconstruction::Vec3f> points;
+    std::vector<SurfaceReconstruction::Rgb> colours;
+    SurfaceReconstruction::VertexColouring colouring;  // how the mesh was coloured
+    double seconds = 0;
+};
+
+ColourSource keepColouredPoints(tessaline_tools::ScanInput& scan) {
+    ColourSource out;
+    const auto start = Clock::now();
+    std::size_t n = 0;
+    for (std::size_t f = 0; f < scan.frames.size(); ++f)
+        if (scan.extras[f].colours.size() == scan.frames[f]->xyz.size()) n += scan.extras[f].colours.size();
+    out.points.reserve(n);
+    out.colours.reserve(n);
+    for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+        std::vector<tessaline_tools::Colour>& colours = scan.extras[f].colours;
+        if (colours.size() == scan.frames[f]->xyz.size()) {
+            out.points.insert(out.points.end(), scan.frames[f]->xyz.begin(), scan.frames[f]->xyz.end());
+            out.colours.insert(out.colours.end(), colours.begin(), colours.end());
+        }
+        std::vector<tessaline_tools::Colour>().swap(colours);
+    }
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return out;
+}
+
+// Colours the finished mesh (millimetres) from the kept points, then lets them go.
+void colourMesh(tessaline_tools::IndexedMesh& mesh, ColourSource& source, float resolution) {
+    const auto start = Clock::now();
+    const int status =
+        SurfaceReconstruction::colourVertices(mesh, source.points, source.colours, resolution, &source.colouring);
+    if (status != 0) throw std::runtime_error("colouring the mesh failed with status " + std::to_string(status));
+    std::vector<SurfaceReconstruction::Vec3f>().swap(source.points);
+    std::vector<SurfaceReconstruction::Rgb>().swap(source.colours);
+    source.seconds += std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 // --sensor X,Y,Z: three numbers, in the input's unit.
@@ -648,6 +690,9 @@ int reconstruct(int argc, char** argv) {
     // What the points suggest, measured before the frames go to the library, which frees them as it goes.
     const double expected = SurfaceReconstruction::expectedTriangles(frames, choice.spacing, choice.resolution);
     const double spacing_s = since(spacing_start);
+    const bool coloured = scan.coloured();
+    ColourSource colour_source;
+    if (coloured) colour_source = keepColouredPoints(scan);
 
     tessaline_tools::RunOptions run_options;
     run_options.resolution = choice.resolution;
@@ -658,6 +703,7 @@ int reconstruct(int argc, char** argv) {
     FinishedMesh finished = finishMesh(*run.mesh, choice.resolution, finishing);
     const std::string warning = sizeWarning(choice, finished.statistics.triangles, expected);
     const bool empty = finished.statistics.triangles == 0;
+    if (coloured && !empty) colourMesh(finished.mesh, colour_source, choice.resolution);
     std::unique_ptr<tessaline_tools::Comparison> comparison;
     if (reference && !empty) {
         const auto mesh_surface = tessaline_tools::meshSurface(finished.mesh, 300000);
@@ -667,7 +713,7 @@ int reconstruct(int argc, char** argv) {
     tessaline_tools::scaleMesh(finished.mesh, 1.0f / to_mm);  // written in the input's unit
     const auto write_start = Clock::now();
     if (!empty) tessaline_tools::writeMesh(output, finished.mesh, scan.hasOrigin() ? &origin_in_unit : nullptr);
-    const Timings timings = {read_s, spacing_s, since(write_start), normals.seconds};
+    const Timings timings = {read_s, spacing_s, since(write_start), normals.seconds, colour_source.seconds};
 
     if (!warning.empty()) std::fprintf(stderr, "tessaline: %s%s\n", empty ? "" : "warning: ", warning.c_str());
     if (json) {
@@ -701,10 +747,17 @@ int reconstruct(int argc, char** argv) {
         } else {
             j.null("normals");
         }
+        if (coloured && !empty) {
+            const SurfaceReconstruction::VertexColouring& c = colour_source.colouring;
+            j.open("colours").count("points", c.points).count("near", c.near).count("widened", c.widened);
+            j.count("nearest", c.nearest).close();
+        } else {
+            j.null("colours");
+        }
         j.open("seconds").number("reading", read_s).number("normals", normals.seconds).number("spacing", spacing_s);
         j.number("blocks", run.stage_seconds[0]).number("fusion", run.stage_seconds[1]);
         j.number("meshing", run.stage_seconds[2]).number("finishing", finished.seconds);
-        j.number("writing", timings.writing).close();
+        j.number("colouring", colour_source.seconds).number("writing", timings.writing).close();
         if (scan.hasOrigin())
             j.openList("origin_mm")
                 .number(nullptr, scan.origin[0])
@@ -724,6 +777,13 @@ int reconstruct(int argc, char** argv) {
         std::printf("%s\n", text.c_str());
     } else {
         printSummary(run, choice, finished, finishing, timings, "reading");
+        if (coloured && !empty) {
+            const SurfaceReconstruction::VertexColouring& c = colour_source.colouring;
+            std::printf(
+                "colours from %zu coloured points: %zu vertices from the points within a cell edge, %zu within 2 "
+                "or 4, %zu from the nearest point\n",
+                c.points, c.near, c.widened, c.nearest);
+        }
         if (scan.hasOrigin())
             std::printf(
                 "origin %.15g %.15g %.15g (the input's unit): taken off the points before the run, added back "

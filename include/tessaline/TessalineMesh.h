@@ -2,7 +2,7 @@
 // resolution for its points (the median spacing of the points) and normals for points that came without
 // them; after it, a finished mesh from the
 // engine's triangle soup: welded vertices with their words and area-weighted normals, small loose
-// pieces removed, small holes filled.
+// pieces removed, small holes filled, and its vertices coloured from the scan's coloured points.
 //
 // The functions are plain and stateless: they hold no locks and keep nothing between calls, so any
 // thread may call them, on different meshes at once. Welding, normals and describeMesh run on all cores
@@ -27,7 +27,10 @@
 
 namespace SurfaceReconstruction {
 
-// A triangle mesh with shared vertices. All four lists are owned by the record.
+// A colour: red, green, blue, 0-255 each, sRGB-encoded as cameras and files give them.
+using Rgb = std::array<std::uint8_t, 3>;
+
+// A triangle mesh with shared vertices. All five lists are owned by the record.
 struct IndexedMesh {
     // Vertex positions, in the unit of the run (that of the resolution).
     std::vector<Vec3f> vertices;
@@ -41,6 +44,10 @@ struct IndexedMesh {
     // One unit normal a vertex, the area-weighted mean of its triangles' normals, on their front side;
     // (0, 0, 0) for a vertex that no triangle uses or whose triangles have no area. Empty when not computed.
     std::vector<Vec3f> normals;
+    // One colour a vertex, from colourVertices. Empty when not computed; removeSmallPieces and
+    // fillSmallHoles keep it in step when it is not (a vertex that hole filling adds takes the mean of its
+    // hole's rim). weldMesh makes a mesh without colours.
+    std::vector<Rgb> colors;
 };
 
 // What describeMesh counts.
@@ -89,6 +96,32 @@ TESSALINE_MESH_API int fillSmallHoles(IndexedMesh& mesh, std::size_t max_edges, 
 // same for any number of threads). Triangle indices must lie below the vertex count, and the triangles
 // fewer than 1,431,655,765 (1 otherwise).
 TESSALINE_MESH_API int describeMesh(const IndexedMesh& mesh, MeshStatistics& statistics);
+
+// How colourVertices coloured a mesh. vertices = near + widened + nearest.
+struct VertexColouring {
+    std::size_t points = 0;   // coloured points it used: those with finite coordinates
+    std::size_t near = 0;     // vertices coloured from the points within one cell edge of them
+    std::size_t widened = 0;  // from the points within 2 or 4 cell edges, none being nearer than one
+    std::size_t nearest = 0;  // from the nearest point alone, none being within 4 cell edges
+};
+
+// Gives every vertex of `mesh` a colour (mesh.colors) from the coloured points of the scan: `points[i]`
+// has the colour `colours[i]`, in the unit of the mesh. A vertex takes the weighted mean of the points
+// within h of it, h the edge of its cell: resolution x 8 / its scale code (the finest code in bits 0-7
+// of its word; 8 for a word without one and for a mesh without words). A point at distance d weighs
+// exp(-4 (d / h)^2), the bell the engine's field gives the points of a cell of 0.9 to 1.5 mm with fewer
+// than 50 points (its table's -12 over 3 h^2). Where no point lies within h, the search widens to 2h,
+// then 4h, with the bell widened alike; beyond, the vertex takes the colour of the nearest point. The
+// mean is taken in linear light (the sRGB bytes decoded, averaged, encoded again and rounded to the
+// nearest byte): a border between red and blue mixes to (188, 0, 188), not to a darker (128, 0, 128).
+// Points whose coordinates are not finite are passed over; with no point left, mesh.colors becomes
+// empty. `colouring` (when given) receives the counts. Deterministic, the same for any number of
+// threads; uses the OpenMP threads. 1 (TESSALINE_FAILURE) for lists of different lengths, more than
+// 2^32 - 1 points, a resolution that is not a finite number above 0, a vertex that is not finite or
+// triangles naming vertices that do not exist; mesh.colors is then unchanged.
+TESSALINE_MESH_API int colourVertices(IndexedMesh& mesh, const std::vector<Vec3f>& points,
+                                      const std::vector<Rgb>& colours, float resolution,
+                                      VertexColouring* colouring = nullptr);
 
 // How far apart the points of a scan lie, in the unit of the points.
 struct PointSpacing {

@@ -350,3 +350,44 @@ def test_estimate_normals_finds_the_sphere_s_normals():
     assert (alone[-1] == 0).all()  # an isolated point has no plane
     with pytest.raises(ValueError, match="neighbours must be from 5 to 64"):
         tessaline.estimate_normals(points, neighbours=4)
+
+
+def _check_halves(vertices, colours, resolution):
+    """Red above the sphere's equator, blue below: pure beyond two cell edges of it, a mix of both on it."""
+    height = vertices[:, 2] - 100.0
+    np.testing.assert_array_equal(colours[height > 2 * resolution], [[255, 0, 0]] * (height > 2 * resolution).sum())
+    np.testing.assert_array_equal(colours[height < -2 * resolution], [[0, 0, 255]] * (height < -2 * resolution).sum())
+    border = colours[np.abs(height) < 0.25 * resolution].astype(int)
+    assert len(border) > 10 and (border[:, 0] > 100).all() and (border[:, 2] > 100).all() and (border[:, 1] == 0).all()
+
+
+@pytest.mark.parametrize("as_floats", [False, True])
+def test_colors_of_the_frames_colour_the_mesh(as_floats):
+    points, normals = sphere()
+    colours = np.where(normals[:, 2:] > 0, [255, 0, 0], [0, 0, 255]).astype(np.uint8)
+    given = colours / 255.0 if as_floats else colours
+    mesh = tessaline.reconstruct([{"points": points, "normals": normals, "colors": given}])
+    assert mesh.colors.dtype == np.uint8 and mesh.colors.shape == mesh.vertices.shape
+    _check_halves(mesh.vertices, mesh.colors, mesh.resolution)
+    assert tessaline.reconstruct([(points, normals)]).colors is None
+    with pytest.raises(ValueError, match="frame 0 colors must have the shape"):
+        tessaline.reconstruct([{"points": points, "normals": normals, "colors": colours[:10]}])
+
+
+def test_open3d_reads_the_colours_of_the_program_s_files(tmp_path):
+    o3d = pytest.importorskip("open3d")
+    points, normals = sphere()
+    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
+    cloud.normals = o3d.utility.Vector3dVector(normals)
+    cloud.colors = o3d.utility.Vector3dVector(np.where(normals[:, 2:] > 0, [1.0, 0, 0], [0, 0, 1.0]))
+    source = tmp_path / "cloud.ply"
+    assert o3d.io.write_point_cloud(str(source), cloud)
+    for name in ["mesh.ply", "mesh.obj"]:
+        result = _cli("reconstruct", source, "-o", tmp_path / name, "--json")
+        assert result.returncode == 0, result.stderr
+        summary = json.loads(result.stdout)
+        assert summary["colours"]["points"] == len(points)
+        mesh = o3d.io.read_triangle_mesh(str(tmp_path / name))
+        assert mesh.has_vertex_colors(), name
+        colours = np.rint(np.asarray(mesh.vertex_colors) * 255).astype(np.uint8)
+        _check_halves(np.asarray(mesh.vertices), colours, summary["resolution_mm"])
