@@ -188,6 +188,11 @@ struct RelationWalks {
     int relation_size;
     const RawPointWithHash* points;
 
+    // The plane fit of the passes' sides; other walks may remember a fit of the same sums.
+    TESSA_HD void fitPlane(const MomentSums& sums, int count, const float reference[3], float normal[3]) const {
+        fitPlaneNormal(sums, count, reference, normal);
+    }
+
     TESSA_HD void firstNormal(const CellNode_Device& cell, float out[3]) const {
         const RawPointWithHash& first = points[relations[cell.relation_offset].offset];
         out[0] = first.nx;
@@ -328,7 +333,7 @@ TESSA_HD inline void computeInitNormalWith(CellNode_Device& cell, int relation_s
     field_internal::InitFirstSums first = {};
     walks.initFirst(cell, reference0, squareWithRootAtLeast(radius), first);
     if (static_cast<float>(first.count0) / static_cast<float>(cell.point_count) >= 0.5f) {
-        fitPlaneNormal(first.set0, first.count0, reference0, cell.init_normal);
+        walks.fitPlane(first.set0, first.count0, reference0, cell.init_normal);
         return;
     }
 
@@ -348,7 +353,7 @@ TESSA_HD inline void computeInitNormalWith(CellNode_Device& cell, int relation_s
         setCellRejection(cell.rules, CELL_NO_COMMON_NORMAL);
         return;
     }
-    fitPlaneNormal(*sets[chosen], counts[chosen], references[chosen], cell.init_normal);
+    walks.fitPlane(*sets[chosen], counts[chosen], references[chosen], cell.init_normal);
 }
 
 TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
@@ -362,11 +367,12 @@ namespace field_internal {
 TESSA_HD inline bool sideUsable(const SheetSums& side) { return side.count > 4 && side.near_count > 0; }
 
 // Fits the side and, when the fit agrees with the reference, stores the sheet at the next free slot.
+template <class Walks>
 TESSA_HD inline void storeSheet(CellNode_Device& cell, const SheetSums& side, const float reference[3],
-                                VoxelFieldCenter& centres) {
+                                VoxelFieldCenter& centres, const Walks& walks) {
     if (!sideUsable(side)) return;
     float normal[3];
-    fitPlaneNormal(side.moments, side.count, reference, normal);
+    walks.fitPlane(side.moments, side.count, reference, normal);
     if (dot3f(normal, reference) <= 0.2f) {
         setCellRejection(cell.rules, CELL_FIT_ACROSS);
         return;
@@ -407,10 +413,10 @@ TESSA_HD inline void computeFineNormalWith(CellNode_Device& cell, const DevicePa
         return;
     }
 
-    field_internal::storeSheet(cell, front, cell.init_normal, centres);
+    field_internal::storeSheet(cell, front, cell.init_normal, centres, walks);
     if (field_internal::sideUsable(back)) {
         for (int k = 0; k < 3; ++k) cell.init_normal[k] = -cell.init_normal[k];
-        field_internal::storeSheet(cell, back, cell.init_normal, centres);
+        field_internal::storeSheet(cell, back, cell.init_normal, centres, walks);
     }
     if (cell.field_flag > 0) setCellRejection(cell.rules, CELL_KEPT);
 }

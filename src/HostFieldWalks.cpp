@@ -9,6 +9,7 @@
 #endif
 #include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <mutex>
@@ -326,6 +327,61 @@ struct CellScratch {
     ColumnView view() const { return {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data(), tag.data()}; }
 };
 
+// What the walks of one cell hand on to its later walks. The first walk of the initial normal also sums
+// what the side walk sums for its front, over its own set of points (those near the centre among them):
+// where the side walk's front is that same set, point for point, and its back is empty, the side walk
+// takes the sums as they are, the same points added in the same order. The first walk sees whether every
+// point that the side walk would put on a side is in its set, and the box of its set's normals; when the
+// initial normal's dot product with every normal of that box exceeds the side's bound by more than the
+// product's rounding, every point of the set lies in front, and the side walk is not made at all;
+// otherwise a walk checks it point by point. A plane fit of sums fitted before takes the vector of that fit.
+struct CellCarry {
+    const DeviceParameters* params = nullptr;
+    float bounds_edge = -1.0f;  // the cell edge of the bounds below
+    float near_square;          // the side walk's near radius and reach, as it takes them
+    float reach_square;
+    bool first_set = false;  // the first walk's set is described below
+    bool sides_in_set;       // every point the side walk could put on a side is in the set
+    std::uint32_t rules;     // the cell's rules in the first walk (the side walk's filter follows them)
+    float reference0[3];
+    float inside_square;
+    MomentSums set0;
+    int count0;
+    float position[3];  // the sum of the near points' positions
+    int near_count;
+    float normal_low[3], normal_high[3];  // the box of the set's normals
+    bool fitted = false;                  // the last fit is described below
+    MomentSums fit_sums;
+    int fit_count;
+    float fit_normal[3];  // planeNormalOf(fit_sums, fit_count)
+
+    void startCell() {
+        first_set = false;
+        fitted = false;
+    }
+    // The side walk's bounds for cells of this edge; cells of one size share them.
+    void boundsFor(float edge) {
+        if (edge == bounds_edge) return;
+        near_square = squareWithRootAtLeast(edge * 4.0f);
+        reach_square =
+            squareWithRootAtMost(edge * static_cast<float>(fieldSearchFactor(edge, params->wide_search_edge)));
+        bounds_edge = edge;
+    }
+    // Whether the dot product of `toward` with every normal of the set's box is above 0.15 as the walks
+    // round it: the least exact product over the box, less a bound on the rounding of three products and
+    // two sums of terms no larger than those of the box.
+    bool setAbove(const float toward[3]) const {
+        if (count0 == 0) return true;
+        double least = 0.0, size = 1.0;
+        for (int k = 0; k < 3; ++k) {
+            const double t = toward[k], low = normal_low[k], high = normal_high[k];
+            least += t >= 0.0 ? t * low : t * high;
+            size += std::fabs(t) * std::max(std::fabs(low), std::fabs(high));
+        }
+        return least - 1e-6 * size > static_cast<double>(0.15f);
+    }
+};
+
 // The walks of one cell: through its relations over the block's columns, or (Gathered) over the cell's
 // own gathered columns, `gathered` points from 0 on.
 template <bool Gathered>
@@ -334,6 +390,7 @@ struct ColumnWalks {
     int relation_size;
     ColumnView columns;
     std::size_t gathered;
+    CellCarry* carry;
 
     // Calls chunk(at, lanes) for the cell's points eight at a time, in walk order.
     template <class Chunk>
@@ -352,6 +409,36 @@ struct ColumnWalks {
         }
     }
 
+    // Calls check(at, lanes) as forEachEight would until it gives false; whether none did.
+    template <class Check>
+    bool allEight(const CellNode_Device& cell, Check&& check) const {
+        if (Gathered) {
+            for (std::size_t at = 0; at < gathered; at += 8)
+                if (!check(at, gathered - at < 8 ? static_cast<int>(gathered - at) : 8)) return false;
+            return true;
+        }
+        for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r) {
+            const RelationCell2Bins_Device relation = relations[cell.relation_offset + r];
+            for (int j = 0; j < relation.count; j += 8) {
+                const int lanes = relation.count - j < 8 ? relation.count - j : 8;
+                if (!check(static_cast<std::size_t>(relation.offset) + static_cast<std::size_t>(j), lanes))
+                    return false;
+            }
+        }
+        return true;
+    }
+
+    void fitPlane(const MomentSums& sums, int count, const float reference[3], float normal[3]) const {
+        if (!(carry->fitted && count == carry->fit_count && std::memcmp(&sums, &carry->fit_sums, sizeof sums) == 0)) {
+            planeNormalOf(sums, count, carry->fit_normal);
+            carry->fit_sums = sums;
+            carry->fit_count = count;
+            carry->fitted = true;
+        }
+        for (int k = 0; k < 3; ++k) normal[k] = carry->fit_normal[k];
+        turnToward(reference, normal);
+    }
+
     void normalOf(std::size_t i, float out[3]) const {
         out[0] = columns.nx[i];
         out[1] = columns.ny[i];
@@ -368,32 +455,106 @@ struct ColumnWalks {
         const __m256 reference[3] = {broadcast(reference0[0]), broadcast(reference0[1]), broadcast(reference0[2])};
         const __m256 agree = broadcast(0.35f), inside = broadcast(inside_square);
         const int half = cell.point_count / 2, last = cell.point_count - 1;
+        // What the side walk would take: its filter, reach and near radius.
+        const float edge = cell.half_size + cell.half_size;
+        carry->boundsFor(edge);
+        const PointFilter filter(cell, *carry->params, edge);
+        const __m256 near = broadcast(carry->near_square), reach = broadcast(carry->reach_square);
+        const __m256 infinite = broadcast(INFINITY), minus_infinite = broadcast(-INFINITY);
+        __m256 low[3] = {infinite, infinite, infinite}, high[3] = {minus_infinite, minus_infinite, minus_infinite};
+        bool sides_in_set = true;
         Moments set;
         int count = 0, g = 0;  // g: the points walked before the chunk
+        __m128 position = _mm_setzero_ps();
+        int near_count = 0;
         ProductQuads products;
+        alignas(32) float position_quads[32];
         forEachEight(cell, [&](std::size_t at, int lanes) {
             const EightPoints p(columns, at, centre);
+            const __m256 walked = firstLanes(lanes);
             const __m256 kept = _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(p.normalDot(reference), agree, _CMP_GT_OQ),
                                                             _mm256_cmp_ps(p.square, inside, _CMP_LT_OQ)),
-                                              firstLanes(lanes));
+                                              walked);
             // The walk numbers g + 1 to g + lanes: the references' points may be among them.
             if (half > g && half <= g + lanes) normalOf(at + static_cast<std::size_t>(half - g - 1), sums.reference1);
             if (last > g && last <= g + lanes) normalOf(at + static_cast<std::size_t>(last - g - 1), sums.reference2);
             g += lanes;
             int bits = bitsOf(kept);
+            // The points the side walk could put on a side: they count in the cell and lie within its reach.
+            const __m256 sided = _mm256_and_ps(_mm256_and_ps(filter.lanes(columns, at), walked),
+                                               _mm256_cmp_ps(p.square, reach, _CMP_NGT_UQ));
+            sides_in_set = sides_in_set && bitsOf(sided) == bits;
             if (bits == 0) return;
+            const __m256 n[3] = {p.nx, p.ny, p.nz};
+            for (int k = 0; k < 3; ++k) {
+                low[k] = _mm256_min_ps(low[k], _mm256_blendv_ps(infinite, n[k], kept));
+                high[k] = _mm256_max_ps(high[k], _mm256_blendv_ps(minus_infinite, n[k], kept));
+            }
             products.fill(p);
+            const int near_bits = bitsOf(_mm256_cmp_ps(p.square, near, _CMP_LT_OQ)) & bits;
+            if (near_bits != 0) ProductQuads::transpose(p.x, p.y, p.z, _mm256_setzero_ps(), position_quads);
             for (; bits != 0; bits &= bits - 1) {
-                set.add(products, lowestLane(bits));
+                const int l = lowestLane(bits);
+                set.add(products, l);
                 ++count;
+                if ((near_bits >> l) & 1) {
+                    position = _mm_add_ps(position, _mm_load_ps(position_quads + (l & 3) * 8 + (l >> 2) * 4));
+                    ++near_count;
+                }
             }
         });
         set.store(sums.set0);
         sums.count0 = count;
+        CellCarry& c = *carry;
+        c.first_set = true;
+        c.sides_in_set = sides_in_set;
+        c.rules = cell.rules;
+        for (int k = 0; k < 3; ++k) {
+            c.reference0[k] = reference0[k];
+            alignas(32) float l[8], h[8];
+            _mm256_store_ps(l, low[k]);
+            _mm256_store_ps(h, high[k]);
+            c.normal_low[k] = *std::min_element(l, l + 8);
+            c.normal_high[k] = *std::max_element(h, h + 8);
+        }
+        c.inside_square = inside_square;
+        c.set0 = sums.set0;
+        c.count0 = count;
+        alignas(16) float sum[4];
+        _mm_store_ps(sum, position);
+        for (int k = 0; k < 3; ++k) c.position[k] = sum[k];
+        c.near_count = near_count;
+    }
+
+    // Whether the side walk's front is the first walk's set, point for point, and its back is empty.
+    bool sidesAreFirstSet(const CellNode_Device& cell, const DeviceParameters& params, float edge) const {
+        const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
+        const __m256 reference[3] = {broadcast(carry->reference0[0]), broadcast(carry->reference0[1]),
+                                     broadcast(carry->reference0[2])};
+        const __m256 toward[3] = {broadcast(cell.init_normal[0]), broadcast(cell.init_normal[1]),
+                                  broadcast(cell.init_normal[2])};
+        const __m256 agree = broadcast(0.35f), inside = broadcast(carry->inside_square);
+        const __m256 reach = broadcast(carry->reach_square), above = broadcast(0.15f), below = broadcast(-0.15f);
+        const PointFilter filter(cell, params, edge);
+        return allEight(cell, [&](std::size_t at, int lanes) {
+            const EightPoints p(columns, at, centre);
+            const __m256 walked = firstLanes(lanes);
+            const __m256 kept = _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(p.normalDot(reference), agree, _CMP_GT_OQ),
+                                                            _mm256_cmp_ps(p.square, inside, _CMP_LT_OQ)),
+                                              walked);
+            const __m256 within = _mm256_and_ps(_mm256_and_ps(filter.lanes(columns, at), walked),
+                                                _mm256_cmp_ps(p.square, reach, _CMP_NGT_UQ));
+            const __m256 dot = p.normalDot(toward);
+            const int front_bits = bitsOf(_mm256_and_ps(_mm256_cmp_ps(dot, above, _CMP_GT_OQ), within));
+            const int back_bits = bitsOf(_mm256_and_ps(_mm256_cmp_ps(dot, below, _CMP_LT_OQ), within));
+            return front_bits == bitsOf(kept) && back_bits == 0;
+        });
     }
 
     void initSecond(const CellNode_Device& cell, float reach_square, const float reference1[3],
                     const float reference2[3], field_internal::InitSecondSums& sums) const {
+        // Most of the first walk's points disagreed with the first point: its set seldom makes the sides.
+        carry->first_set = false;
         const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
         const __m256 first[3] = {broadcast(reference1[0]), broadcast(reference1[1]), broadcast(reference1[2])};
         const __m256 second[3] = {broadcast(reference2[0]), broadcast(reference2[1]), broadcast(reference2[2])};
@@ -426,6 +587,19 @@ struct ColumnWalks {
 
     void sides(const CellNode_Device& cell, const DeviceParameters& params, float edge, float reach_square,
                float near_square, field_internal::SheetSums& front, field_internal::SheetSums& back) const {
+        const CellCarry& c = *carry;
+        if (c.first_set && c.rules == cell.rules && near_square == c.near_square && reach_square == c.reach_square &&
+            ((c.sides_in_set && c.setAbove(cell.init_normal)) || sidesAreFirstSet(cell, params, edge))) {
+            front.moments = carry->set0;
+            front.count = carry->count0;
+            front.near_count = carry->near_count;
+            for (int k = 0; k < 3; ++k) front.position_sum[k] = carry->position[k];
+            Moments().store(back.moments);
+            back.count = 0;
+            back.near_count = 0;
+            for (int k = 0; k < 3; ++k) back.position_sum[k] = 0.0f;
+            return;
+        }
         const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
         const __m256 toward[3] = {broadcast(cell.init_normal[0]), broadcast(cell.init_normal[1]),
                                   broadcast(cell.init_normal[2])};
@@ -632,6 +806,7 @@ struct ColumnWalks {
 template <class Walks>
 void computeCellField(CellNode_Device& cell, const DeviceParameters& params, VoxelFieldCenter& centres,
                       const Walks& walks) {
+    walks.carry->startCell();
     computeInitNormalWith(cell, walks.relation_size, params, walks);
     computeFineNormalWith(cell, params, centres, walks);
     computeFieldDataWith(cell, params, centres, walks);
@@ -678,6 +853,8 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
 #pragma omp parallel
     {
         CellScratch scratch;
+        CellCarry carry;
+        carry.params = &params;
         // Cells differ by orders of magnitude in their points: small chunks, handed out as the cores come free.
 #pragma omp for schedule(dynamic, 32)
         for (std::int64_t i = 0; i < count; ++i) {
@@ -698,9 +875,10 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
             }
             if (gathered) {
                 computeCellField(cell, params, centres[i],
-                                 ColumnWalks<true>{relations, relation_size, scratch.view(), points});
+                                 ColumnWalks<true>{relations, relation_size, scratch.view(), points, &carry});
             } else {
-                computeCellField(cell, params, centres[i], ColumnWalks<false>{relations, relation_size, block_view, 0});
+                computeCellField(cell, params, centres[i],
+                                 ColumnWalks<false>{relations, relation_size, block_view, 0, &carry});
             }
         }
     }
