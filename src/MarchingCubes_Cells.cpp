@@ -97,20 +97,32 @@ struct CellsAround {
 };
 constexpr CellsAround CELL_AROUND{};
 
+// For each of the 27 cells around a bin, the places (x * 7 + y) * 7 + z in the box of 7 x 7 x 7 keys around the
+// bin of the 3 x 3 x 3 keys around the cell (inner) and of the ring of the 5 x 5 x 5 around them (ring), as bits.
+struct AroundCell {
+    std::uint64_t inner[27][6] = {}, ring[27][6] = {};
+    constexpr AroundCell() {
+        for (int t = 0; t < 27; ++t) {
+            const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;
+            for (int x = cx - 2; x <= cx + 2; ++x)
+                for (int y = cy - 2; y <= cy + 2; ++y)
+                    for (int z = cz - 2; z <= cz + 2; ++z) {
+                        const int place = (x * 7 + y) * 7 + z;
+                        const bool in =
+                            x >= cx - 1 && x <= cx + 1 && y >= cy - 1 && y <= cy + 1 && z >= cz - 1 && z <= cz + 1;
+                        (in ? inner : ring)[t][place >> 6] |= std::uint64_t{1} << (place & 63);
+                    }
+        }
+    }
+};
+constexpr AroundCell AROUND_CELL{};
+
 // The bitmap of a block's occupied bin keys (MarchingCubes::buildBinBitmap).
 struct BitmapView {
     const std::uint64_t* words;
     const std::int32_t* word_rank;
     const std::int32_t* min;
     const std::int64_t* dim;  // bricks along each axis
-
-    // The ranks of the keys of the box of Size keys an axis from `lo`: out[(x * Size + y) * Size + z], -1
-    // where no bin is.
-    template <int Size>
-    void boxRanks(const std::int32_t lo[3], std::int32_t* out) const {
-        std::fill(out, out + Size * Size * Size, -1);
-        forEachInBox<Size>(lo, [out](std::int64_t place, std::int32_t rank) { out[place] = rank; });
-    }
 
     // take(place, rank) for each occupied key of the box of Size keys an axis from `lo`, brick by brick; the
     // place is (x * Size + y) * Size + z within the box.
@@ -291,16 +303,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             }
         }
     };
-    // With the bitmap, the ranks of the keys of the box of `size` (5 or 7) keys an axis from `lo`, brick by
-    // brick: out[(x * size + y) * size + z], -1 where no bin is.
     const BitmapView bitmap{m_bin_bitmap.data(), m_bitmap_rank.data(), m_bitmap_min, m_bitmap_dim};
-    const auto boxRanks = [&](const std::int32_t lo[3], int size, std::int32_t* out) {
-        if (size == 5) {
-            bitmap.boxRanks<5>(lo, out);
-        } else {
-            bitmap.boxRanks<7>(lo, out);
-        }
-    };
     const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
         if (!m_bitmap_valid) {
             for (int k = 0; k < n; ++k) {
@@ -743,12 +746,19 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                     std::int64_t j = visit_start[static_cast<std::size_t>(b)];
                     // The ranks of the 7 x 7 x 7 keys around the bin (-1 where no bin is), read once for all
                     // its cells: a cell's search, widened or not, lies within them.
-                    std::int32_t around[7][7][7];  // [x][y][z]
+                    // The ranks of the occupied keys of the 7 x 7 x 7 around the bin, read once for all its cells
+                    // (a cell's search, widened or not, lies within them), and which of them are occupied, as bits
+                    // of their places (x * 7 + y) * 7 + z.
+                    std::int32_t around[343];
+                    std::uint64_t occupied[6] = {0, 0, 0, 0, 0, 0};
                     std::int32_t own[3];
                     if (around_bins) {
                         gridKey(bin.center, r, own);
                         const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
-                        boxRanks(lo, 7, &around[0][0][0]);
+                        bitmap.forEachInBox<7>(lo, [&](std::int64_t place, std::int32_t rank) {
+                            around[place] = rank;
+                            occupied[place >> 6] |= std::uint64_t{1} << (place & 63);
+                        });
                     }
                     for (int t = 0; t < 27; ++t) {
                         if (((mask >> t) & 1u) == 0) continue;
@@ -757,35 +767,26 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                         if (around_bins) {
                             // The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3
                             // keys around the cell row by row along z, then for a sparse cell the ring around them,
-                            // the ends of the rows through the box and the whole rows beside it.
-                            const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;  // the cell in `around`
+                            // the ends of the rows through the box and the whole rows beside it. Both lie in
+                            // rising place order, so the occupied places of each are taken in that order.
                             std::int32_t points = 0;
                             // Room for every key of a widened search, cut back to the bins found.
                             list.resize(start + 125);
                             RelationCell2Bins_Device* out = list.data() + start;
                             std::size_t taken = 0;
-                            const auto take = [&](std::int32_t rank) {
-                                if (rank < 0) return;
-                                const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
-                                points += run.count;
-                                out[taken++] = run;
-                            };
-                            for (int x = -1; x <= 1; ++x)
-                                for (int y = -1; y <= 1; ++y)
-                                    for (int z = -1; z <= 1; ++z) take(around[cx + x][cy + y][cz + z]);
-                            const bool widened = points < SPARSE_CELL_POINTS;
-                            if (widened) {
-                                for (int x = -2; x <= 2; ++x)
-                                    for (int y = -2; y <= 2; ++y) {
-                                        const std::int32_t* row = around[cx + x][cy + y];
-                                        if (x >= -1 && x <= 1 && y >= -1 && y <= 1) {
-                                            take(row[cz - 2]);
-                                            take(row[cz + 2]);
-                                        } else {
-                                            for (int z = -2; z <= 2; ++z) take(row[cz + z]);
-                                        }
+                            const auto takeAll = [&](const std::uint64_t(&places)[6]) {
+                                for (int w = 0; w < 6; ++w)
+                                    for (std::uint64_t hits = occupied[w] & places[w]; hits != 0; hits &= hits - 1) {
+                                        const std::int32_t rank = around[w * 64 + __builtin_ctzll(hits)];
+                                        const RelationCell2Bins_Device& run =
+                                            runs_by_rank[static_cast<std::size_t>(rank)];
+                                        points += run.count;
+                                        out[taken++] = run;
                                     }
-                            }
+                            };
+                            takeAll(AROUND_CELL.inner[t]);
+                            const bool widened = points < SPARSE_CELL_POINTS;
+                            if (widened) takeAll(AROUND_CELL.ring[t]);
                             list.resize(start + taken);
                             result = {points, widened};
                         } else {
