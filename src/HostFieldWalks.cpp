@@ -14,6 +14,8 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "FieldComputation.h"
 
@@ -425,7 +427,8 @@ struct CellCarry {
     bool fitted = false;                  // the last fit is described below
     MomentSums fit_sums;
     int fit_count;
-    float fit_normal[3];  // planeNormalOf(fit_sums, fit_count)
+    float fit_normal[3];                              // planeNormalOf(fit_sums, fit_count)
+    std::vector<std::pair<std::size_t, int>> chunks;  // the field value walk's chunks of the cell
 
     void startCell() {
         first_set = false;
@@ -770,7 +773,17 @@ struct ColumnWalks {
             for (int inside = bits & mask_bits; inside != 0; inside &= inside - 1)
                 sheet.mask |= std::uint64_t{1} << bit[lowestLane(inside)];
         };
-        forEachEight(cell, [&](std::size_t at, int lanes) {
+        // The weight of the points from `at` on as one sheet's foot gives it (the lanes past `lanes` are left
+        // to chance).
+        const auto weightOf = [&](std::size_t at, int lanes) {
+            const __m256 fx = _mm256_sub_ps(_mm256_loadu_ps(columns.x + at), foot[0][0]),
+                         fy = _mm256_sub_ps(_mm256_loadu_ps(columns.y + at), foot[0][1]),
+                         fz = _mm256_sub_ps(_mm256_loadu_ps(columns.z + at), foot[0][2]);
+            const __m256 d = _mm256_sqrt_ps(
+                _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(fx, fx), _mm256_mul_ps(fy, fy)), _mm256_mul_ps(fz, fz)));
+            return expLanes(_mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(d, a), d), denom), (1 << lanes) - 1);
+        };
+        const auto chunkAt = [&](std::size_t at, int lanes, __m256 weight_ahead) __attribute__((always_inline)) {
             const EightPoints p(columns, at, centre);
             const __m256 counts = filter.lanes(columns, at);
             __m256 considered = firstLanes(lanes);
@@ -797,8 +810,8 @@ struct ColumnWalks {
                     foot_s[k] = Two ? _mm256_blendv_ps(foot[0][k], foot[1][k], in_sheet1) : foot[0][k];
                     mean_s[k] = Two ? _mm256_blendv_ps(mean[0][k], mean[1][k], in_sheet1) : mean[0][k];
                 }
-                __m256 weight = broadcast(1.0f);
-                if (setup.weight.gaussian) {
+                __m256 weight = weight_ahead;  // one sheet: the weight came ahead
+                if (Two && setup.weight.gaussian) {
                     const __m256 fx = _mm256_sub_ps(p.x, foot_s[0]), fy = _mm256_sub_ps(p.y, foot_s[1]),
                                  fz = _mm256_sub_ps(p.z, foot_s[2]);
                     const __m256 d = _mm256_sqrt_ps(_mm256_add_ps(
@@ -878,7 +891,22 @@ struct ColumnWalks {
                     field_internal::addToSecondFace(second_face, n, o);
                 }
             }
-        });
+        };
+        // One sheet: each chunk's weights are worked out while the chunk before is summed (their roots,
+        // divisions and exponentials take long, and depend on nothing summed), the cell's chunks listed first.
+        if (Two || !setup.weight.gaussian) {
+            forEachEight(cell, [&](std::size_t at, int lanes) { chunkAt(at, lanes, broadcast(1.0f)); });
+        } else {
+            std::vector<std::pair<std::size_t, int>>& chunks = carry->chunks;
+            chunks.clear();
+            forEachEight(cell, [&](std::size_t at, int lanes) { chunks.emplace_back(at, lanes); });
+            __m256 next = chunks.empty() ? broadcast(1.0f) : weightOf(chunks[0].first, chunks[0].second);
+            for (std::size_t c = 0; c < chunks.size(); ++c) {
+                const __m256 weight = next;
+                if (c + 1 < chunks.size()) next = weightOf(chunks[c + 1].first, chunks[c + 1].second);
+                chunkAt(chunks[c].first, chunks[c].second, weight);
+            }
+        }
         sheet0.store(sheets[0]);
         sheet1.store(sheets[1]);
     }
