@@ -194,6 +194,10 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
             if (i > 0 && (pairs[i - 1] >> 32) == (pairs[i] >> 32)) continue;
             std::int64_t end = i + 1;
             while (end < n && (pairs[end] >> 32) == (pairs[i] >> 32)) ++end;
+            // The records of about the next run are asked for now: they lie anywhere in the input, and
+            // their reads then overlap this run's sort.
+            for (std::int64_t j = end; j < n && j < end + (end - i); ++j)
+                __builtin_prefetch(points + (pairs[j] & 0xFFFFFFFFull));
             writeRunSorted(points, pairs + i, end - i, sorted.data() + i, keys, by_x, other);
         }
     }
