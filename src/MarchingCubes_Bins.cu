@@ -104,12 +104,14 @@ struct GetBinsScaleKernel {
                 static_cast<std::uint16_t>(bin.word_high | ((static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu));
             bin.bin_sub_scale = combineScale(bin.bin_sub_scale, static_cast<std::int8_t>(p.w & 255));
             const float position[3] = {p.x, p.y, p.z};
-            std::uint32_t c[3];
+            // The sub-cell on each axis, truncated and held to 0..7 (a NaN to 0), its three bits spread into
+            // the code as mortonEncode places them.
+            std::uint32_t code = 0;
             for (int k = 0; k < 3; ++k) {
-                const int cell = floatToIntSaturate((position[k] - corner[k]) * inv);
-                c[k] = static_cast<std::uint32_t>(cell < 0 ? 0 : (cell > 7 ? 7 : cell));
+                const float v = (position[k] - corner[k]) * inv;
+                const std::uint32_t cell = v >= 7.0f ? 7u : (v > 0.0f ? static_cast<std::uint32_t>(v) : 0u);
+                code |= ((cell & 1u) | ((cell & 2u) << 2) | ((cell & 4u) << 4)) << k;
             }
-            const std::uint32_t code = mortonEncode(c[0], c[1], c[2]);
             bin.occupancy[code / 64] |= 1ull << (code % 64);
         }
     }

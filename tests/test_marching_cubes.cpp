@@ -241,6 +241,36 @@ TEST(PointSorts, BuffersKeptFromALargerBlockSortTheNextInTheFullOrder) {
     }
 }
 
+TEST(PointSorts, LongRunsOfOneHashComeOutInTheFullOrder) {
+    // Runs of one hash long enough for the sort by x bits: x bits spanning less than 2^8, 2^16 and 2^24
+    // (a bin's width), negative x, and x across zero (too wide: compared field by field instead); in each,
+    // points that repeat the x of the one before with another y, and points that repeat it whole.
+    const std::pair<float, float> ranges[] = {
+        {30.0f, 1e-5f}, {30.0f, 0.004f}, {30.0f, 0.5f}, {-12.0f, 0.5f}, {-0.2f, 0.4f}};
+    PointSortBuffers buffers;
+    for (const auto& [low, width] : ranges) {
+        std::mt19937 rng(static_cast<unsigned>(width * 1e6f));
+        std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+        std::vector<RawPointWithHash> points;
+        for (const std::int32_t hash : {5, 9, 7}) {
+            for (int i = 0; i < 200; ++i) {
+                RawPointWithHash p = scanPoint(low + width * unit(rng), 20.0f + unit(rng), 3.0f, 0.0f, 0.0f, 1.0f);
+                if (i % 5 == 4) p.x = points.back().x;
+                if (i % 7 == 6) p = points.back();
+                p.hash = hash;
+                points.push_back(p);
+            }
+        }
+        std::shuffle(points.begin(), points.end(), rng);
+        PointList list(points.begin(), points.end());
+        sortPointsFullyOnHost(list, buffers);
+        std::sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
+        ASSERT_EQ(list.size(), points.size());
+        EXPECT_EQ(std::memcmp(list.data(), points.data(), points.size() * sizeof(RawPointWithHash)), 0)
+            << "x from " << low << " over " << width;
+    }
+}
+
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
     // A stage has room for max_points + 1: a block of many more goes in chunks, and so does one of exactly
     // the capacity.
