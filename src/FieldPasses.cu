@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "FieldComputation.h"
 #include "MarchingCubes.h"
@@ -97,7 +98,7 @@ int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& bloc
             return processMarchingCubeTaskOnHost(*block, cells);
         return computeFiledData_Device(cells);
     }
-    std::printf("[warining]: memory lacked, computeFiledData on Host\n");
+    diagnostic("[warining]: memory lacked, computeFiledData on Host\n");
     m_on_host = true;
     return processMarchingCubeTaskOnHost(*block, cells);
 }
@@ -128,7 +129,7 @@ int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* 
     deviceSynchronize();
     const DeviceResult error = deviceGetLastError();
     if (error != DEVICE_SUCCESS) {
-        std::printf("[error]: processMarchingCubeTask failed! %s \n", deviceErrorString(error));
+        diagnostic("[error]: processMarchingCubeTask failed! %s \n", deviceErrorString(error));
         return 1;
     }
     return 0;

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "GridHash.h"
 #include "SpinLock.h"
@@ -80,7 +81,7 @@ HashEntry* HashTable::findOrInsertHashEntry(std::int32_t x, std::int32_t y, std:
         }
         const std::int32_t n = m_global_params->cur_ExcessHash_Index.fetch_add(1);
         if (static_cast<std::uint64_t>(n) - m_hash_params->HASH_BUCKET_NUM >= m_hash_params->HASH_EXCESS_LIST_SIZE) {
-            std::printf("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
+            diagnostic("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
             return nullptr;
         }
         HashEntry& added = m_hash_entries[n];
@@ -164,7 +165,7 @@ std::int32_t HashRootCellList::add(const std::shared_ptr<HashRootCellData>& data
 
 std::shared_ptr<HashRootCellData> HashRootCellList::get(std::int32_t id) const {
     if (id >= datas_size.load() || id < 0) {
-        std::printf("id >= datas_size.load() || id < 0 \n");
+        diagnostic("id >= datas_size.load() || id < 0 \n");
         return nullptr;
     }
     return datas[static_cast<std::size_t>(id)];

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "FieldComputation.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
@@ -959,6 +960,7 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
     const ColumnView block_view{columns.x.data(),  columns.y.data(),  columns.z.data(),  columns.nx.data(),
                                 columns.ny.data(), columns.nz.data(), columns.tag.data()};
     const std::int64_t count = static_cast<std::int64_t>(n);
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel
     {
         CellScratch scratch;
@@ -967,6 +969,7 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
         // Cells differ by orders of magnitude in their points: small chunks, handed out as the cores come free.
 #pragma omp for schedule(dynamic, 32)
         for (std::int64_t i = 0; i < count; ++i) {
+            if (stopAsked(stop)) continue;  // the run stops after the loop
             CellNode_Device& cell = cells[i];
             // Runs of a few points each are gathered first: the four walks then read whole chunks.
             // (A cell that the initial normal rejects before any walk is not gathered.)
@@ -991,6 +994,7 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
             }
         }
     }
+    stopPoint();
 }
 
 #else

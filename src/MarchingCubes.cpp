@@ -4,9 +4,11 @@
 #include <cstdio>
 #include <new>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "HashOctree.h"
 #include "HostMemory.h"
+#include "RunStop.h"
 #include "SimpleLineHash.h"
 #include "SpinLock.h"
 #include "TimeProfiler.h"
@@ -100,7 +102,7 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
         }
     }
     profiler.time_stop("mc-step1", true);
-    if (full_chain) std::printf("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
+    if (full_chain) diagnostic("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
 
     // A block that ends without a sheet, or fails, keeps none of its cells: its tree goes back to the
     // pool, so that the cells in memory follow the surface, not the area scanned.
@@ -115,6 +117,7 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
         }
     } drop_unused{*this, *block, cell_mark};
 
+    stopPoint();
     profiler.time_start("mc-step2");
     if (full_chain) profiler.time_start("mc-step2-1");
     if (prepareSimpleHash(bins_header) != 0) {
@@ -136,16 +139,18 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     if (result != 0) return result;
     if (full_chain) {
         profiler.time_stop("mc-step2-3", true);
-        std::printf("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(),
-                    cells->relation_size.load());
+        diagnostic("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(),
+                   cells->relation_size.load());
     }
     profiler.time_stop("mc-step2", true);
 
+    stopPoint();
     profiler.time_start("mc-step3");
     result = computeFiledData(block, bins_header, *cells);
     if (result != 0) return result;
     profiler.time_stop("mc-step3", true);
 
+    stopPoint();
     profiler.time_start("mc-step4");
     drop_unused.keep = saveFieldData(*cells) > 0;
     profiler.time_stop("mc-step4", true);

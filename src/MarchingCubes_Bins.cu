@@ -7,6 +7,7 @@
 #include <cstring>
 #include <parallel/algorithm>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "MarchingCubes.h"
 #include "Morton.h"
@@ -51,7 +52,7 @@ struct GetBinsCenterKernel {
         if (i != 0 && points[i - 1].hash == points[i].hash) return;
         const int id = deviceAtomicAdd(bins_header_size, 1);
         if (id >= bins_capacity) {
-            printf("bins_id >= MC_MAX_BINS_HEADER %d \n", id);
+            TESSA_KERNEL_REPORT("bins_id >= MC_MAX_BINS_HEADER %d \n", id);
             return;
         }
         std::uint32_t c[3];
@@ -347,7 +348,7 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
             computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
     }
     if (!done) {
-        std::printf("[warining]: memory lacked, generateBins on Host\n");
+        diagnostic("[warining]: memory lacked, generateBins on Host\n");
         m_on_host = true;
         bins_header.clear();
         int result = computePointsHash_Chunked(*block, logic_coordinate);

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "Diagnostics.h"
 #include "GridHash.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
@@ -394,7 +395,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         const BinsHeader& bin = bins_header[b];
         std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
         if (scale == static_cast<std::uint8_t>(SUB_SCALE_NANE)) {
-            std::printf("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
+            diagnostic("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
             scale = 8;  // its points are not lost: the bin counts as one of the default scale
         }
         const std::uint32_t word = cellWord(bin, scale);

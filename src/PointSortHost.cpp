@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "PointSort.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
@@ -39,6 +40,7 @@ void radixPairsByHash(const RawPointWithHash* points, std::int64_t n, PointSortB
     constexpr int DIGITS = 1 << DIGIT_BITS;
     std::vector<std::int64_t> counts(static_cast<std::size_t>(threads) * DIGITS);
     for (int shift = 32; shift < 64; shift += DIGIT_BITS) {
+        stopPoint();  // a large block's sort takes seconds: each pass is a safe point
         std::fill(counts.begin(), counts.end(), 0);
         bool varies = false;
 #pragma omp parallel num_threads(threads)
@@ -185,6 +187,8 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
     sorted.clear();
     sorted.resize(static_cast<std::size_t>(n));
     // Runs begin where the hash (the pairs' upper half) changes.
+    stopPoint();
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel
     {
         std::vector<std::pair<std::uint64_t, std::uint32_t>> keys;
@@ -192,6 +196,7 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
 #pragma omp for schedule(dynamic, 4096)
         for (std::int64_t i = 0; i < n; ++i) {
             if (i > 0 && (pairs[i - 1] >> 32) == (pairs[i] >> 32)) continue;
+            if (stopAsked(stop)) continue;  // the run stops after the loop
             std::int64_t end = i + 1;
             while (end < n && (pairs[end] >> 32) == (pairs[i] >> 32)) ++end;
             // The records of about the next run are asked for now: they lie anywhere in the input, and
@@ -201,6 +206,7 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
             writeRunSorted(points, pairs + i, end - i, sorted.data() + i, keys, by_x, other);
         }
     }
+    stopPoint();
 }
 
 }  // namespace

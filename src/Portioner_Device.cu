@@ -15,10 +15,12 @@
 #include <new>
 #include <stdexcept>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "PointRuns.h"
 #include "PointSort.h"
 #include "Portioner.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
@@ -90,7 +92,7 @@ struct PartitionPoint {
         const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
         if (own < 0) {
             if (report)
-                printf(
+                TESSA_KERNEL_REPORT(
                     "processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
                     "block_res(%f) hash_mask(%d)\n",
                     x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
@@ -334,7 +336,7 @@ int runBlockComputation(std::string& last_error, Step step) {
                               step();
                               return 0;
                           } catch (const thrust::system::system_error& e) {
-                              std::printf("[Portioner] thruest error: %s !", e.what());
+                              diagnostic("[Portioner] thruest error: %s !", e.what());
                               return static_cast<int>(TESSALINE_DEVICE_COMPUTE);
                           }
                       });
@@ -396,12 +398,13 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
         if (lists[e] != nullptr) lists[e]->resize(static_cast<std::size_t>(totals[e]));
     std::vector<std::int32_t> words(m_share_counts.size(), 0);  // OR of the records' words
     const std::int64_t shares = static_cast<std::int64_t>(share_count);
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < shares; ++s) {
         std::int64_t* place = places.data() + static_cast<std::size_t>(s) * table;
         std::int32_t* word = words.data() + static_cast<std::size_t>(s) * table;
         for (std::size_t f = m_frame_shares[static_cast<std::size_t>(s)];
-             f < m_frame_shares[static_cast<std::size_t>(s) + 1]; ++f) {
+             f < m_frame_shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
             const FrameDataWithInfo& frame = *m_waiting_frames[f];
             const PartitionPoint partition = framePartition(frame, entries, m_hash_mask, block_res, half_ext);
             // A laser id outside 0 to 7 is read as 0, as the batch's copy of the frame's information has it.
@@ -418,6 +421,7 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
             }
         }
     }
+    stopPoint();
     for (std::size_t e = 0; e < table; ++e) {
         if (lists[e] == nullptr) continue;
         std::int32_t word = 0;
