@@ -241,6 +241,46 @@ TEST(PointSorts, BuffersKeptFromALargerBlockSortTheNextInTheFullOrder) {
     }
 }
 
+TEST(PointSorts, ArraysLargerThanAPieceComeOutInTheFullOrderWhereTheyLie) {
+    // Arrays of more than a piece are cut into groups by the highest bits in which their hashes differ
+    // and sorted a piece at a time: whatever the spread of the hashes, the order must be the plain sort's.
+    struct Case {
+        const char* name;
+        int n;
+        std::int64_t piece;
+        std::function<std::int32_t(std::size_t, std::mt19937&)> hash;
+    };
+    const std::vector<Case> cases = {
+        {"the whole 32 bits, the upper half negative as int", 20000, 700,
+         [](std::size_t, std::mt19937& rng) { return static_cast<std::int32_t>(rng()); }},
+        {"a few dense bins: long runs of equal hash", 20000, 1000,
+         [](std::size_t i, std::mt19937&) { return static_cast<std::int32_t>((i * 7919) % 37) * 64; }},
+        {"most points in one group, cut again by lower bits", 30000, 500,
+         [](std::size_t i, std::mt19937& rng) {
+             return static_cast<std::int32_t>(i % 10 == 0 ? rng() : 0x40000000u | (rng() & 0xFFFu));
+         }},
+        {"one hash only: a run larger than a piece", 5000, 300, [](std::size_t, std::mt19937&) { return 12345; }},
+        {"hashes differing in the lowest bits only", 9000, 100,
+         [](std::size_t i, std::mt19937&) { return static_cast<std::int32_t>(0x7F000000u | (i % 5)); }},
+        {"one point more than a piece", 1001, 1000,
+         [](std::size_t i, std::mt19937&) { return static_cast<std::int32_t>((i * 31) % 97); }},
+    };
+    for (const Case& c : cases) {
+        PointSortBuffers buffers;
+        std::mt19937 rng(static_cast<unsigned>(c.n));
+        std::vector<RawPointWithHash> points = randomPoints(c.n, static_cast<unsigned>(c.piece));
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            points[i].hash = c.hash(i, rng);
+            if (i % 3 == 1) points[i] = points[i - 1];  // points equal in every byte
+        }
+        PointList list(points.begin(), points.end());
+        sortPointsFullyOnHost(list, buffers, c.piece);
+        std::stable_sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
+        ASSERT_EQ(list.size(), points.size()) << c.name;
+        EXPECT_EQ(std::memcmp(list.data(), points.data(), points.size() * sizeof(RawPointWithHash)), 0) << c.name;
+    }
+}
+
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
     // A stage has room for max_points + 1: a block of many more goes in chunks, and so does one of exactly
     // the capacity.
