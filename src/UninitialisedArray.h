@@ -45,15 +45,20 @@ using UninitialisedArray = std::vector<T, UninitialisedAllocator<T>>;
 // for a moment, which many small blocks in a row would pay for nothing.
 constexpr std::size_t RELEASE_AT_LEAST = std::size_t{4} << 20;
 
+// Gives the whole pages within [begin, end) back to the system, where they come to RELEASE_AT_LEAST
+// bytes or more; what lies there reads as zeros when touched again.
+inline void releasePagesWithin(const void* begin, const void* end) {
+    static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(begin), to = reinterpret_cast<std::uintptr_t>(end);
+    const std::uintptr_t first = (from + page - 1) / page * page, last = to / page * page;
+    if (last > first && last - first >= RELEASE_AT_LEAST)
+        madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+}
+
 template <class T>
 void releasePagesBeyond(UninitialisedArray<T>& array, std::size_t keep) {
     if (keep >= array.capacity()) return;
-    static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(array.data() + keep);
-    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(array.data() + array.capacity());
-    const std::uintptr_t first = (begin + page - 1) / page * page, last = end / page * page;
-    if (last > first && last - first >= RELEASE_AT_LEAST)
-        madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    releasePagesWithin(array.data() + keep, array.data() + array.capacity());
 }
 
 // The part of an array's last use that a next use of `share` (a ratio of the work) probably takes.
