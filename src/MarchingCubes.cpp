@@ -144,6 +144,14 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     profiler.time_start("mc-step3");
     result = computeFiledData(block, bins_header, *cells);
     if (result != 0) return result;
+    // What only the field passes read gives its pages back now (the arrays stay for the next block), so
+    // that the sheets' hand-over and the blocks after do not hold it as well.
+    if (!m_keep_last_cells) releasePagesBeyond(cells->relations, 0);
+    releasePagesBeyond(m_cell_buffers.centres, 0);
+    for (UninitialisedArray<float>* column : {&m_point_columns.x, &m_point_columns.y, &m_point_columns.z,
+                                              &m_point_columns.nx, &m_point_columns.ny, &m_point_columns.nz})
+        releasePagesBeyond(*column, 0);
+    releasePagesBeyond(m_point_columns.tag, 0);
     profiler.time_stop("mc-step3", true);
 
     profiler.time_start("mc-step4");

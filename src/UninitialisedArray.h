@@ -46,13 +46,14 @@ using UninitialisedArray = std::vector<T, UninitialisedAllocator<T>>;
 constexpr std::size_t RELEASE_AT_LEAST = std::size_t{4} << 20;
 
 // Gives the whole pages within [begin, end) back to the system, where they come to RELEASE_AT_LEAST
-// bytes or more; what lies there reads as zeros when touched again.
-inline void releasePagesWithin(const void* begin, const void* end) {
+// bytes or more, and says whether it did; what lies there reads as zeros when touched again.
+inline bool releasePagesWithin(const void* begin, const void* end) {
     static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(begin), to = reinterpret_cast<std::uintptr_t>(end);
     const std::uintptr_t first = (from + page - 1) / page * page, last = to / page * page;
-    if (last > first && last - first >= RELEASE_AT_LEAST)
-        madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    if (last <= first || last - first < RELEASE_AT_LEAST) return false;
+    madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    return true;
 }
 
 template <class T>
