@@ -1,6 +1,9 @@
 // A std::vector whose resize leaves the new elements uninitialised, for the large arrays of plain
 // records that the threads filling them write in full: zeroing them first would take one core while the
-// other waits, and touch every page twice.
+// other waits, and touch every page twice. Storage of MAPPED_AT_LEAST bytes or more is mapped from the
+// system on its own and unmapped when freed: the heap would keep a freed array of up to 32 MiB resident
+// (its threshold for mappings grows with every mapping freed), and how much it keeps would depend on
+// which thread freed what.
 #pragma once
 
 #include <sys/mman.h>
@@ -15,6 +18,8 @@
 
 namespace SurfaceReconstruction {
 
+constexpr std::size_t MAPPED_AT_LEAST = std::size_t{1} << 20;
+
 template <class T>
 struct UninitialisedAllocator : std::allocator<T> {
     template <class U>
@@ -24,6 +29,20 @@ struct UninitialisedAllocator : std::allocator<T> {
     UninitialisedAllocator() = default;
     template <class U>
     UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+    T* allocate(std::size_t n) {
+        if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
+        if (n * sizeof(T) < MAPPED_AT_LEAST) return std::allocator<T>::allocate(n);
+        void* p = mmap(nullptr, n * sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) throw std::bad_alloc();
+        return static_cast<T*>(p);
+    }
+    void deallocate(T* p, std::size_t n) noexcept {
+        if (n * sizeof(T) < MAPPED_AT_LEAST) {
+            std::allocator<T>::deallocate(p, n);
+        } else {
+            munmap(p, n * sizeof(T));
+        }
+    }
     template <class U>
     void construct(U* p) noexcept {
         ::new (static_cast<void*>(p)) U;
