@@ -105,15 +105,17 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     // A block that ends without a sheet, or fails, keeps none of its cells: its tree goes back to the
     // pool, so that the cells in memory follow the surface, not the area scanned.
     const std::int32_t cell_mark = m_hash_octree->cellPool()->cellCount();
+    const std::int32_t children_mark = m_hash_octree->cellPool()->childrenCount();
     struct DropUnused {
         MarchingCubes& stage;
         const PointCloudBlock& block;
-        std::int32_t mark;
+        std::int32_t mark, children_mark;
         bool keep = false;
         ~DropUnused() {
-            if (!keep && !stage.m_keep_last_cells) stage.m_hash_octree->dropTreeSince(mark, block.center);
+            if (!keep && !stage.m_keep_last_cells)
+                stage.m_hash_octree->dropTreeSince(mark, children_mark, block.center);
         }
-    } drop_unused{*this, *block, cell_mark};
+    } drop_unused{*this, *block, cell_mark, children_mark};
 
     profiler.time_start("mc-step2");
     if (full_chain) profiler.time_start("mc-step2-1");

@@ -136,7 +136,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             while (!stack.empty()) {
                 auto& [node, next_child] = stack.back();
                 if (node->child_count > 0 && next_child < 8) {
-                    CellNode* child = node->children[next_child++];
+                    CellNode* child = node->child(next_child++);
                     if (child) stack.push_back({child, 0});
                     continue;
                 }
