@@ -146,14 +146,11 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     profiler.time_start("mc-step3");
     result = computeFiledData(block, bins_header, *cells);
     if (result != 0) return result;
-    // What only the field passes read gives its pages back now (the arrays stay for the next block), so
-    // that the sheets' hand-over and the blocks after do not hold it as well.
+    // The relations and the sheets' centres, which only the field passes read, give their pages back now
+    // (the arrays stay for the next block), so that the next block's cells and searches do not find them
+    // still held. The point columns stay: the next block, no larger, writes them again.
     if (!m_keep_last_cells) releasePagesBeyond(cells->relations, 0);
     releasePagesBeyond(m_cell_buffers.centres, 0);
-    for (UninitialisedArray<float>* column : {&m_point_columns.x, &m_point_columns.y, &m_point_columns.z,
-                                              &m_point_columns.nx, &m_point_columns.ny, &m_point_columns.nz})
-        releasePagesBeyond(*column, 0);
-    releasePagesBeyond(m_point_columns.tag, 0);
     profiler.time_stop("mc-step3", true);
 
     profiler.time_start("mc-step4");

@@ -3,12 +3,15 @@
 // other waits, and touch every page twice. Storage of MAPPED_AT_LEAST bytes or more is mapped from the
 // system on its own and unmapped when freed: the heap would keep a freed array of up to 32 MiB resident
 // (its threshold for mappings grows with every mapping freed), and how much it keeps would depend on
-// which thread freed what.
+// which thread freed what. A mapped array starts at an offset into its first page that changes from one
+// array to the next (a multiple of 64 bytes): arrays read side by side at the same index, as the columns
+// of a block's points are, would otherwise all fall on the same cache sets.
 #pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -19,6 +22,13 @@
 namespace SurfaceReconstruction {
 
 constexpr std::size_t MAPPED_AT_LEAST = std::size_t{1} << 20;
+
+// The offset of the next mapped array into its first page: 64 to 4032 bytes, the word before the array
+// holding it.
+inline std::size_t nextMappedOffset() {
+    static std::atomic<std::uint32_t> next{0};
+    return 64 * (1 + next.fetch_add(1, std::memory_order_relaxed) % 63);
+}
 
 template <class T>
 struct UninitialisedAllocator : std::allocator<T> {
@@ -32,15 +42,21 @@ struct UninitialisedAllocator : std::allocator<T> {
     T* allocate(std::size_t n) {
         if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
         if (n * sizeof(T) < MAPPED_AT_LEAST) return std::allocator<T>::allocate(n);
-        void* p = mmap(nullptr, n * sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (p == MAP_FAILED) throw std::bad_alloc();
-        return static_cast<T*>(p);
+        static_assert(alignof(T) <= 64, "mapped arrays are aligned to 64 bytes");
+        const std::size_t offset = nextMappedOffset();
+        void* base = mmap(nullptr, n * sizeof(T) + offset, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (base == MAP_FAILED) throw std::bad_alloc();
+        char* data = static_cast<char*>(base) + offset;
+        reinterpret_cast<std::size_t*>(data)[-1] = offset;
+        return reinterpret_cast<T*>(data);
     }
     void deallocate(T* p, std::size_t n) noexcept {
         if (n * sizeof(T) < MAPPED_AT_LEAST) {
             std::allocator<T>::deallocate(p, n);
         } else {
-            munmap(p, n * sizeof(T));
+            char* data = reinterpret_cast<char*>(p);
+            const std::size_t offset = reinterpret_cast<const std::size_t*>(data)[-1];
+            munmap(data - offset, n * sizeof(T) + offset);
         }
     }
     template <class U>
