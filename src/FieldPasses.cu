@@ -95,12 +95,12 @@ int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& bloc
         // Where device memory is host memory and kernels round as the host does, the host's own passes
         // serve as the device path, with the vector walks where the processor has them.
         if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST && hostFieldWalksAvailable())
-            return processMarchingCubeTaskOnHost(*block, cells);
+            return processMarchingCubeTaskOnHost(*block, cells, true);
         return computeFiledData_Device(cells);
     }
     diagnostic("[warining]: memory lacked, computeFiledData on Host\n");
     m_on_host = true;
-    return processMarchingCubeTaskOnHost(*block, cells);
+    return processMarchingCubeTaskOnHost(*block, cells, true);
 }
 
 // The device driver: three launches back to back on the default stream, checked once at the end.

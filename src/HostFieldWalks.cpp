@@ -24,7 +24,14 @@ namespace SurfaceReconstruction {
 
 // ---- columns ---------------------------------------------------------------------------------------
 
-void PointColumns::assign(const RawPointWithHash* points, std::size_t n) {
+void PointColumns::assign(const RawPointWithHash* points, std::size_t n) { assignInSlices(points, n, false); }
+
+void PointColumns::assignGivingBack(PointList& points) {
+    assignInSlices(points.data(), points.size(), true);
+    PointList().swap(points);
+}
+
+void PointColumns::assignInSlices(const RawPointWithHash* points, std::size_t n, bool give_back) {
     const std::size_t length = n + HOST_COLUMN_PADDING;
     for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) {
         releasePagesBeyond(*column, length);  // what a larger block took before
@@ -35,17 +42,22 @@ void PointColumns::assign(const RawPointWithHash* points, std::size_t n) {
     tag.clear();
     tag.resize(length);
     const std::int64_t count = static_cast<std::int64_t>(n);
-    // A small block is copied on one core: waking the team would cost more.
+    const std::int64_t slice = give_back ? static_cast<std::int64_t>(HOST_COLUMN_SLICE_POINTS) : count;
+    for (std::int64_t from = 0; from < count; from += slice) {
+        const std::int64_t to = std::min(count, from + slice);
+        // A small block is copied on one core: waking the team would cost more.
 #pragma omp parallel for schedule(static) if (count > 65536)
-    for (std::int64_t i = 0; i < count; ++i) {
-        const RawPointWithHash& p = points[i];
-        x[i] = p.x;
-        y[i] = p.y;
-        z[i] = p.z;
-        nx[i] = p.nx;
-        ny[i] = p.ny;
-        nz[i] = p.nz;
-        tag[i] = (p.laser < 8 ? p.laser : 8u) | ((p.w & 0x100) != 0 ? 0x100u : 0u);
+        for (std::int64_t i = from; i < to; ++i) {
+            const RawPointWithHash& p = points[i];
+            x[i] = p.x;
+            y[i] = p.y;
+            z[i] = p.z;
+            nx[i] = p.nx;
+            ny[i] = p.ny;
+            nz[i] = p.nz;
+            tag[i] = (p.laser < 8 ? p.laser : 8u) | ((p.w & 0x100) != 0 ? 0x100u : 0u);
+        }
+        if (give_back) releasePagesWithin(points + from, points + to);
     }
     // The padding is read by the last points' loads and masked off: plain zeros.
     for (std::size_t i = n; i < length; ++i) {

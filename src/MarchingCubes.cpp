@@ -107,15 +107,17 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     // A block that ends without a sheet, or fails, keeps none of its cells: its tree goes back to the
     // pool, so that the cells in memory follow the surface, not the area scanned.
     const std::int32_t cell_mark = m_hash_octree->cellPool()->cellCount();
+    const std::int32_t children_mark = m_hash_octree->cellPool()->childrenCount();
     struct DropUnused {
         MarchingCubes& stage;
         const PointCloudBlock& block;
-        std::int32_t mark;
+        std::int32_t mark, children_mark;
         bool keep = false;
         ~DropUnused() {
-            if (!keep && !stage.m_keep_last_cells) stage.m_hash_octree->dropTreeSince(mark, block.center);
+            if (!keep && !stage.m_keep_last_cells)
+                stage.m_hash_octree->dropTreeSince(mark, children_mark, block.center);
         }
-    } drop_unused{*this, *block, cell_mark};
+    } drop_unused{*this, *block, cell_mark, children_mark};
 
     stopPoint();
     profiler.time_start("mc-step2");
@@ -148,6 +150,11 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     profiler.time_start("mc-step3");
     result = computeFiledData(block, bins_header, *cells);
     if (result != 0) return result;
+    // The relations and the sheets' centres, which only the field passes read, give their pages back now
+    // (the arrays stay for the next block), so that the next block's cells and searches do not find them
+    // still held. The point columns stay: the next block, no larger, writes them again.
+    if (!m_keep_last_cells) releasePagesBeyond(cells->relations, 0);
+    releasePagesBeyond(m_cell_buffers.centres, 0);
     profiler.time_stop("mc-step3", true);
 
     stopPoint();

@@ -229,6 +229,10 @@ void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::
                      static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader), CopyKind::DeviceToHost),
         "cudaMemcpy(bins_header.data() + old_size, m_bins_header_dev , bins_header_size * "
         "sizeof(BinsHeader), cudaMemcpyDeviceToHost)");
+    // Where device memory is host memory the bins now lie twice: the array's pages go back to the system
+    // (its next use writes before it reads).
+    if (deviceMemoryIsHostMemory())
+        releasePagesWithin(m_bins_header_dev, m_bins_header_dev + static_cast<std::size_t>(bins_header_size));
 }
 
 int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]) {

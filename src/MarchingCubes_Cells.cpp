@@ -256,7 +256,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             while (!stack.empty()) {
                 auto& [node, next_child] = stack.back();
                 if (node->child_count > 0 && next_child < 8) {
-                    CellNode* child = node->children[next_child++];
+                    CellNode* child = node->child(next_child++);
                     if (child) stack.push_back({child, 0});
                     continue;
                 }
@@ -891,26 +891,61 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     flat->cell_node_size = static_cast<std::int32_t>(n);
     flat->relation_size = static_cast<std::int32_t>(total);
     flat->relations.resize(static_cast<std::size_t>(total));
-#pragma omp parallel for schedule(dynamic, 64)
-    for (std::int64_t i = 0; i < n; ++i) {
-        const std::int64_t o = offsets[static_cast<std::size_t>(i)];
-        const std::int64_t k = offsets[static_cast<std::size_t>(i) + 1] - o;
-        if (k == 0) continue;
-        CellNode_Device& record = records[static_cast<std::size_t>(i)];
-        RelationCell2Bins_Device* out = flat->relations.data() + o;
-        const auto copyFound = [&](std::int32_t s) {
-            const UninitialisedArray<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
-            const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
-            out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
-        };
+    // The searches whose relations record i takes, in order.
+    const auto forEachSearchOf = [&](std::int64_t i, auto&& take) {
         const auto it = moved_lists.find(static_cast<std::int32_t>(i));
         if (it == moved_lists.end()) {
-            copyFound(static_cast<std::int32_t>(i));
+            take(static_cast<std::int32_t>(i));
         } else {
-            for (std::int32_t s : it->second) copyFound(s);
+            for (std::int32_t s : it->second) take(s);
         }
-        record.relation_offset = static_cast<std::int32_t>(o);
-        record.relation_count = static_cast<std::int32_t>(k);
+    };
+    // The records are copied slice by slice, and after each slice every thread's list gives back the pages
+    // that no later record copies from: the lists and the flat array are not both held in full.
+    // first_use[slice * threads + t]: where in thread t's list the searches that the records of that slice
+    // and the later ones copy begin.
+    constexpr std::int64_t FLATTEN_SLICE = 65536;
+    const std::size_t threads = lists.size();
+    const std::int64_t slices = (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
+    std::vector<std::int64_t> first_use(static_cast<std::size_t>(slices + 1) * threads, INT64_MAX);
+    for (std::int64_t i = 0; i < n; ++i) {
+        if (offsets[static_cast<std::size_t>(i) + 1] == offsets[static_cast<std::size_t>(i)]) continue;
+        std::int64_t* use = first_use.data() + static_cast<std::size_t>(i / FLATTEN_SLICE) * threads;
+        forEachSearchOf(i, [&](std::int32_t s) {
+            std::int64_t& at = use[found_by[static_cast<std::size_t>(s)]];
+            at = std::min(at, found_at[static_cast<std::size_t>(s)]);
+        });
+    }
+    for (std::int64_t slice = slices - 1; slice >= 0; --slice)
+        for (std::size_t t = 0; t < threads; ++t)
+            first_use[static_cast<std::size_t>(slice) * threads + t] =
+                std::min(first_use[static_cast<std::size_t>(slice) * threads + t],
+                         first_use[static_cast<std::size_t>(slice + 1) * threads + t]);
+    std::vector<std::int64_t> released(threads, 0);
+    for (std::int64_t slice = 0; slice < slices; ++slice) {
+        const std::int64_t end = std::min(n, (slice + 1) * FLATTEN_SLICE);
+#pragma omp parallel for schedule(dynamic, 64)
+        for (std::int64_t i = slice * FLATTEN_SLICE; i < end; ++i) {
+            const std::int64_t o = offsets[static_cast<std::size_t>(i)];
+            const std::int64_t k = offsets[static_cast<std::size_t>(i) + 1] - o;
+            if (k == 0) continue;
+            CellNode_Device& record = records[static_cast<std::size_t>(i)];
+            RelationCell2Bins_Device* out = flat->relations.data() + o;
+            forEachSearchOf(i, [&](std::int32_t s) {
+                const UninitialisedArray<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
+                const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
+                out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
+            });
+            record.relation_offset = static_cast<std::int32_t>(o);
+            record.relation_count = static_cast<std::int32_t>(k);
+        }
+        for (std::size_t t = 0; t < threads; ++t) {
+            UninitialisedArray<RelationCell2Bins_Device>& list = lists[t];
+            const std::int64_t upto = std::min(first_use[static_cast<std::size_t>(slice + 1) * threads + t],
+                                               static_cast<std::int64_t>(list.size()));
+            if (upto > released[t] && releasePagesWithin(list.data() + released[t], list.data() + upto))
+                released[t] = upto;
+        }
     }
     cell_node_and_relations = std::move(flat);
     return 0;

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -209,6 +211,113 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
     stopPoint();
 }
 
+// A piece of the array in the full order through the buffers, copied back into its place.
+void sortPieceThroughBuffers(RawPointWithHash* points, std::int64_t n, PointSortBuffers& buffers) {
+    if (n <= 1) return;
+    sortFully(points, n, buffers);
+    std::copy(buffers.sorted.begin(), buffers.sorted.begin() + n, points);
+}
+
+// A range of the array still to be put in the full order.
+struct PointRange {
+    RawPointWithHash* points;
+    std::int64_t count;
+};
+
+// Moves the points of a range into groups by the 11 highest bits in which their hashes differ (each
+// point swapped into its group's next place, as an in-place radix sort does), which puts the groups in
+// the order of their hashes, and appends the ranges of consecutive groups of up to `piece` points
+// together to `pieces`, and a larger group to `larger`. Without two differing hashes the range is one
+// piece, however large.
+void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<PointRange>& pieces,
+                   std::vector<PointRange>& larger) {
+    RawPointWithHash* points = range.points;
+    const std::int64_t n = range.count;
+    const std::uint32_t first = static_cast<std::uint32_t>(points[0].hash);
+    std::uint32_t differ = 0;
+#pragma omp parallel for schedule(static) reduction(| : differ)
+    for (std::int64_t i = 0; i < n; ++i) differ |= static_cast<std::uint32_t>(points[i].hash) ^ first;
+    if (differ == 0) {
+        pieces.push_back(range);
+        return;
+    }
+    constexpr int GROUP_BITS = 11;
+    constexpr std::uint32_t GROUPS = 1u << GROUP_BITS;
+    const int top = 31 - __builtin_clz(differ);
+    const int shift = top >= GROUP_BITS - 1 ? top - (GROUP_BITS - 1) : 0;
+    const auto group = [shift](const RawPointWithHash& p) {
+        return (static_cast<std::uint32_t>(p.hash) >> shift) & (GROUPS - 1);
+    };
+    std::vector<std::int64_t> start(GROUPS + 1, 0);
+#pragma omp parallel
+    {
+        std::vector<std::int64_t> mine(GROUPS, 0);
+#pragma omp for schedule(static) nowait
+        for (std::int64_t i = 0; i < n; ++i) ++mine[group(points[i])];
+#pragma omp critical
+        for (std::uint32_t g = 0; g < GROUPS; ++g) start[g + 1] += mine[g];
+    }
+    for (std::uint32_t g = 0; g < GROUPS; ++g) start[g + 1] += start[g];
+    // Each group's next place moves through the group front to back: a few points ahead of it are
+    // fetched early, which hides most of the wait for memory on this one thread.
+    constexpr std::int64_t AHEAD = 6;
+    std::vector<std::int64_t> next(start.begin(), start.end() - 1);
+    for (std::uint32_t g = 0; g < GROUPS; ++g) {
+        while (next[g] < start[g + 1]) {
+            RawPointWithHash moving = points[next[g]];
+            for (std::uint32_t to = group(moving); to != g; to = group(moving)) {
+                const std::int64_t place = next[to]++;
+                if (place + AHEAD < start[to + 1]) __builtin_prefetch(points + place + AHEAD, 1);
+                std::swap(moving, points[place]);
+            }
+            points[next[g]++] = moving;
+        }
+    }
+    for (std::uint32_t g = 0; g < GROUPS;) {
+        std::uint32_t end = g + 1;
+        while (end < GROUPS && start[end + 1] - start[g] <= piece) ++end;
+        const PointRange part{points + start[g], start[end] - start[g]};
+        if (part.count > piece) {
+            larger.push_back(part);  // one group: its hashes differ only below `shift`
+        } else if (part.count > 0) {
+            pieces.push_back(part);
+        }
+        g = end;
+    }
+}
+
+// The full order of an array larger than a piece, where it lies: cut into pieces of consecutive hash
+// groups, each piece then sorted through a thread's own buffers of its size, the pieces on all cores.
+// The buffers hold a piece a thread, not a copy of the array.
+void sortWherePointsLie(RawPointWithHash* points, std::int64_t n, std::int64_t piece) {
+    std::vector<PointRange> pieces, larger{{points, n}};
+    while (!larger.empty()) {
+        const PointRange range = larger.back();
+        larger.pop_back();
+        cutIntoPieces(range, piece, pieces, larger);
+    }
+    const std::int64_t count = static_cast<std::int64_t>(pieces.size());
+    // No exception leaves the team: the first one (no room for a piece's buffers, a stop asked within a
+    // piece's passes) is kept and thrown once the team has ended.
+    std::exception_ptr first;
+#pragma omp parallel
+    {
+        // Inside this team the sort of a piece runs on its thread alone.
+        PointSortBuffers buffers;
+#pragma omp for schedule(dynamic, 1)
+        for (std::int64_t i = 0; i < count; ++i) {
+            try {
+                sortPieceThroughBuffers(pieces[static_cast<std::size_t>(i)].points,
+                                        pieces[static_cast<std::size_t>(i)].count, buffers);
+            } catch (...) {
+#pragma omp critical(tessaline_sort_failure)
+                if (!first) first = std::current_exception();
+            }
+        }
+    }
+    if (first) std::rethrow_exception(first);
+}
+
 }  // namespace
 
 void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n) {
@@ -219,9 +328,13 @@ void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n) {
     for (std::int64_t i = 0; i < n; ++i) points[i] = buffers.sorted[static_cast<std::size_t>(i)];
 }
 
-void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers) {
+void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers, std::int64_t piece_points) {
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     if (n <= 1) return;
+    if (n > piece_points) {
+        sortWherePointsLie(points.data(), n, piece_points);
+        return;
+    }
     sortFully(points.data(), n, buffers);
     // The sorted array takes the place of the old one, whose storage holds the next sorted copy.
     points.swap(buffers.sorted);

@@ -17,6 +17,7 @@
 
 #include "Diagnostics.h"
 #include "ErrorLadder.h"
+#include "HostMemory.h"
 #include "PointRuns.h"
 #include "PointSort.h"
 #include "Portioner.h"
@@ -399,6 +400,10 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
     std::vector<std::int32_t> words(m_share_counts.size(), 0);  // OR of the records' words
     const std::int64_t shares = static_cast<std::int64_t>(share_count);
     const std::atomic<bool>* stop = runStopFlag();
+    // Each frame is let go once its points are on the lists, and the heap gives what the frames held back
+    // to the system every PORTIONER_FRAME_BYTES_TRIMMED bytes: as the lists fill, the frames leave, and
+    // the pass holds about the larger of the two instead of both (where nobody else holds the frames).
+    std::atomic<std::uint64_t> let_go{0};
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < shares; ++s) {
         std::int64_t* place = places.data() + static_cast<std::size_t>(s) * table;
@@ -419,6 +424,11 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
                     word[e] |= point.w;
                 });
             }
+            const std::uint64_t bytes = frame.xyz.size() * (sizeof(Vec3f) * 2 + sizeof(std::int32_t));
+            m_waiting_frames[f].reset();
+            const std::uint64_t before = let_go.fetch_add(bytes);
+            if ((before + bytes) / PORTIONER_FRAME_BYTES_TRIMMED != before / PORTIONER_FRAME_BYTES_TRIMMED)
+                giveFreedHeapBack();
         }
     }
     stopPoint();

@@ -607,7 +607,9 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
             diagnostic("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
             continue;
         }
-        // A block that fails is left out of the mesh; the run goes on, and says so at its end.
+        // A block that fails is left out of the mesh; the run goes on, and says so at its end. The stage may
+        // give up the block's points once it no longer needs them.
+        const std::size_t block_points = block->points->size();
         const int block_result = m_marching_cubes->process(block);
         if (block_result == 0) {
             profiler.time_stop("marching_cubes", true);
@@ -617,15 +619,14 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
                           static_cast<double>(block->center[0]) + m_run_origin[0],
                           static_cast<double>(block->center[1]) + m_run_origin[1],
                           static_cast<double>(block->center[2]) + m_run_origin[2],
-                          static_cast<unsigned long long>(block->points->size()),
-                          m_marching_cubes->getLastError().c_str());
+                          static_cast<unsigned long long>(block_points), m_marching_cubes->getLastError().c_str());
             diagnostic("[Tessaline_OPT] process left out %s\n", text);
             if (left_out_blocks == 0) {
                 left_out_status = block_result;
                 first_left_out = text;
             }
             ++left_out_blocks;
-            left_out_points += block->points->size();
+            left_out_points += block_points;
         }
         block.reset();  // at most one block is held outside the Portioner's list
     }

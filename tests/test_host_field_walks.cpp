@@ -200,6 +200,32 @@ TEST(HostFieldWalks, MakeTheCellsThePerCellFunctionsMake) {
     EXPECT_GT(no_common_normal, 5);
 }
 
+TEST(HostFieldWalks, ColumnsThatTakeTheListHoldWhatAssignGives) {
+    if (!hostFieldWalksAvailable()) GTEST_SKIP() << "no AVX2 and FMA here: no columns are made";
+    // A list of more than one slice gives its pages back slice by slice as the columns fill: the columns
+    // must be those that a plain copy makes, and the list is left empty.
+    std::mt19937 rng(41);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    PointList list(HOST_COLUMN_SLICE_POINTS * 2 + 123);
+    for (RawPointWithHash& p : list) {
+        p = RawPointWithHash{};
+        p.x = unit(rng), p.y = unit(rng), p.z = unit(rng), p.nx = unit(rng), p.ny = unit(rng), p.nz = unit(rng);
+        p.w = static_cast<std::int32_t>(rng() & 0x1FF);
+        p.laser = static_cast<std::uint8_t>(rng() % 12);
+    }
+    PointColumns copied, taken;
+    copied.assign(list.data(), list.size());
+    taken.assignGivingBack(list);
+    EXPECT_TRUE(list.empty());
+    EXPECT_EQ(taken.size, copied.size);
+    const auto same = [](const auto& a, const auto& b) {
+        return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(a[0])) == 0;
+    };
+    EXPECT_TRUE(same(taken.x, copied.x) && same(taken.y, copied.y) && same(taken.z, copied.z));
+    EXPECT_TRUE(same(taken.nx, copied.nx) && same(taken.ny, copied.ny) && same(taken.nz, copied.nz));
+    EXPECT_TRUE(same(taken.tag, copied.tag));
+}
+
 TEST(HostFieldWalks, ExponentialAgreesWithExpf) {
     if (!hostFieldWalksAvailable()) GTEST_SKIP() << "no AVX2 and FMA here";
     // Every 97th float of the weights' range [-104, 0], then the ends and the values past them.
