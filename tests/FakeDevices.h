@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "DeviceLayer.h"
+#include "device/DeviceLayer.h"
 
 namespace SurfaceReconstruction {
 namespace testing_support {

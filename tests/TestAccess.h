@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "MarchingCubes.h"
-#include "Portioner.h"
-#include "Tessaline_OPT.h"
+#include "engine/Tessaline_OPT.h"
+#include "fusion/MarchingCubes.h"
+#include "portion/Portioner.h"
 
 namespace SurfaceReconstruction {
 

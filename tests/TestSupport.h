@@ -20,9 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "Portioner.h"
 #include "RangeScan.h"
 #include "ScanSimulator.h"
+#include "portion/Portioner.h"
 #include "tessaline/Tessaline.h"
 
 // Whether AddressSanitizer or ThreadSanitizer is built in: they reserve terabytes of address space.

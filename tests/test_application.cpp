@@ -3,10 +3,10 @@
 // ask for absurd work, and runs that give no triangles.
 #include <filesystem>
 
-#include "HostMemory.h"
-#include "MarchingCubes.h"
 #include "ScanSimulator.h"
 #include "TestSupport.h"
+#include "common/HostMemory.h"
+#include "fusion/MarchingCubes.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

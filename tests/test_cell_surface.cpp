@@ -2,9 +2,9 @@
 // claim, the sheet matching and winding of one dual cube, and the sink of the triangles.
 #include <deque>
 
-#include "CellSurface.h"
-#include "DualTraversal.h"
 #include "TestSupport.h"
+#include "contour/CellSurface.h"
+#include "contour/DualTraversal.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::triangleNormal;

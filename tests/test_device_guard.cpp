@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "DeviceLayer.h"
+#include "device/DeviceLayer.h"
 
 using namespace SurfaceReconstruction;
 

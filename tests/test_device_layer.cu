@@ -8,8 +8,8 @@
 #include <limits>
 #include <vector>
 
-#include "DeviceLayer.h"
 #include "FakeDevices.h"
+#include "device/DeviceLayer.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::FakeDevices;

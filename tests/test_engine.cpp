@@ -3,13 +3,13 @@
 #include <chrono>
 
 #include "FakeDevices.h"
-#include "HashOctree.h"
-#include "MarchingCubes.h"
-#include "Reconstructor.h"
-#include "Tessaline_OPT.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
-#include "ThreadPool.h"
+#include "common/ThreadPool.h"
+#include "contour/Reconstructor.h"
+#include "engine/Tessaline_OPT.h"
+#include "fusion/MarchingCubes.h"
+#include "volume/HashOctree.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

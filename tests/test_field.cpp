@@ -8,9 +8,9 @@
 #include <random>
 #include <vector>
 
-#include "FieldComputation.h"
-#include "PlaneFit.h"
 #include "TestSupport.h"
+#include "field/FieldComputation.h"
+#include "field/PlaneFit.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::scanPoint;

@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "FieldComputation.h"
+#include "field/FieldComputation.h"
 
 using namespace SurfaceReconstruction;
 

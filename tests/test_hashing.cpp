@@ -3,11 +3,11 @@
 // the octree's roots and descents.
 #include <limits>
 
-#include "FieldDataPool.h"
-#include "GridHash.h"
-#include "HashOctree.h"
-#include "SimpleLineHash.h"
 #include "TestSupport.h"
+#include "common/GridHash.h"
+#include "common/SimpleLineHash.h"
+#include "volume/FieldDataPool.h"
+#include "volume/HashOctree.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

@@ -9,9 +9,9 @@
 #include <random>
 #include <vector>
 
-#include "FieldComputation.h"
-#include "HostFieldWalks.h"
 #include "TestSupport.h"
+#include "field/FieldComputation.h"
+#include "field/HostFieldWalks.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::scanPoint;

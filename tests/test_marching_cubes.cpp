@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "FakeDevices.h"
-#include "HashOctree.h"
-#include "MarchingCubes.h"
-#include "Morton.h"
-#include "PointSort.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
+#include "common/Morton.h"
+#include "common/PointSort.h"
+#include "fusion/MarchingCubes.h"
+#include "volume/HashOctree.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

@@ -1,8 +1,8 @@
 // The marker filter: matching, statistics, the limits of both passes and, end to end, simulated frames
 // with wrongly registered poses.
-#include "MarkerFilter.h"
 #include "ScanSimulator.h"
 #include "TestSupport.h"
+#include "engine/MarkerFilter.h"
 
 using namespace SurfaceReconstruction;
 using testing_support::quiet;

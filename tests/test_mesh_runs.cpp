@@ -6,14 +6,14 @@
 #include <sstream>
 #include <tuple>
 
-#include "GridHash.h"
-#include "HashOctree.h"
 #include "MeshIO.h"
-#include "Reconstructor.h"
 #include "SurfaceCompare.h"
-#include "Tessaline_OPT.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
+#include "common/GridHash.h"
+#include "contour/Reconstructor.h"
+#include "engine/Tessaline_OPT.h"
+#include "volume/HashOctree.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

@@ -4,10 +4,10 @@
 #include <tuple>
 
 #include "FakeDevices.h"
-#include "GridHash.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
-#include "ThreadPool.h"
+#include "common/GridHash.h"
+#include "common/ThreadPool.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

@@ -8,10 +8,10 @@
 
 #include "FakeDevices.h"
 #include "TestSupport.h"
-#include "ThreadPool.h"
-#include "TimeProfiler.h"
-#include "UninitialisedArray.h"
-#include "helper_cuda.h"
+#include "common/ThreadPool.h"
+#include "common/TimeProfiler.h"
+#include "common/UninitialisedArray.h"
+#include "device/helper_cuda.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

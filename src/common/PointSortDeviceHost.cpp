@@ -1,0 +1,17 @@
+// The point sorts of the host backend: the host sorts, inside a device scope, since the points are in
+// device memory.
+#include "common/PointSort.h"
+
+namespace SurfaceReconstruction {
+
+void sortPointsFully(RawPointWithHash* points, std::int64_t n) {
+    const DeviceScope scope;
+    sortPointsFullyOnHost(points, n);
+}
+
+void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n) {
+    const DeviceScope scope;
+    sortPointsByHashStableOnHost(points, n);
+}
+
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,63 @@
+// The Reconstructor: the last stage of a run. It walks the root blocks of the octree on the host and
+// collects the triangles of all dual cubes into one MultiMeshData.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "common/Parameters.h"
+#include "tessaline/Tessaline.h"
+
+namespace SurfaceReconstruction {
+
+class HashOctree;
+class FieldDataPool;
+
+// Memory the mesh stage keeps free beyond what its triangles need: it stops when less is left.
+constexpr std::uint64_t RECONSTRUCTOR_RESERVE_BYTES = 256ull << 20;
+// What the mesh of one field slot is allowed for: two triangles of 48 bytes, held twice while the
+// workers' parts are merged.
+constexpr std::uint64_t RECONSTRUCTOR_BYTES_PER_FIELD = 2 * 48 * 2;
+
+// True while the process may still use at least `need` bytes (available memory and free swap, within
+// its memory cgroup's limit); false when the figures cannot be read. `usable` gets the figure.
+bool reconstructorMemoryGuard(std::uint64_t need, std::uint64_t* usable = nullptr);
+// The same against the reserve alone.
+bool reconstructorMemoryGuard();
+
+class Reconstructor {
+public:
+    Reconstructor() = default;
+    ~Reconstructor();
+    Reconstructor(const Reconstructor&) = delete;
+    Reconstructor& operator=(const Reconstructor&) = delete;
+
+    int setPortionerParameters(const std::shared_ptr<PortionerParameters>& params);
+    int setDeviceParameters(const std::shared_ptr<DeviceParameters>& params);
+    int init();
+    int setResolution(const float& resolution);
+    int setHashOctree(const std::shared_ptr<HashOctree>& octree);
+    int setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool);
+    int process(std::shared_ptr<MultiMeshData>& mesh);
+    std::string getLastError() const { return m_last_error; }
+    int deInit();
+
+    bool isInited() const { return m_inited; }
+    float resolution() const { return m_resolution; }
+    const std::shared_ptr<FieldDataPool>& fieldDataPool() const { return m_field_data_pool; }
+    const std::shared_ptr<HashOctree>& hashOctree() const { return m_hash_octree; }
+
+private:
+    // Status 66049 with a last error naming what the process may still use and what the mesh needs.
+    int refuseForMemory(std::uint64_t usable, std::uint64_t need);
+
+    bool m_inited = false;
+    std::string m_last_error = "no error!";
+    float m_resolution = 0.5f;
+    std::shared_ptr<DeviceParameters> m_device_params;
+    std::shared_ptr<PortionerParameters> m_portioner_params;
+    std::shared_ptr<HashOctree> m_hash_octree;
+    std::shared_ptr<FieldDataPool> m_field_data_pool;
+};
+
+}  // namespace SurfaceReconstruction

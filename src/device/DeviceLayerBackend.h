@@ -1,0 +1,24 @@
+// The operations each backend provides; DeviceLayer.cpp puts the test seam in front of them.
+#pragma once
+
+#include "device/DeviceLayer.h"
+
+namespace SurfaceReconstruction {
+namespace backend {
+
+DeviceResult getCount(int* count);
+DeviceResult getAttribute(int* value, DeviceAttribute attribute, int device);
+DeviceResult setDevice(int device);
+DeviceResult memGetInfo(std::size_t* free_bytes, std::size_t* total_bytes);
+DeviceResult malloc(void** ptr, std::size_t bytes);
+DeviceResult free(void* ptr);
+DeviceResult memcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind);
+DeviceResult memset(void* ptr, int value, std::size_t bytes);
+DeviceResult synchronize();
+bool memoryIsHostMemory();
+DeviceResult getLastError();
+const char* errorName(DeviceResult result);
+const char* errorString(DeviceResult result);
+
+}  // namespace backend
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,33 @@
+// The exported handle: forwards each operation to the shared engine and adds nothing.
+#include "tessaline/Tessaline.h"
+
+#include "engine/Tessaline_OPT.h"
+
+namespace SurfaceReconstruction {
+
+Tessaline::Tessaline() : m_opt(std::make_shared<Tessaline_OPT>()) {}
+Tessaline::Tessaline(const Tessaline& other) = default;
+Tessaline::~Tessaline() = default;
+Tessaline& Tessaline::operator=(const Tessaline& other) = default;
+
+int Tessaline::init() { return m_opt->init(); }
+int Tessaline::deInit() { return m_opt->deInit(); }
+void Tessaline::setResolution(float resolution) { m_opt->setResolution(resolution); }
+int Tessaline::setLaserInfo(const LaserInfo& info) { return m_opt->setLaserInfo(info); }
+int Tessaline::setOptimizedMarkers(MarkerInfos& markers) { return m_opt->setOptimizedMarkers(markers); }
+int Tessaline::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback) {
+    return m_opt->setProcessStepCallBack(callback);
+}
+int Tessaline::addScanFrame_ALL(const std::shared_ptr<FrameDataWithInfo>& frame) { return m_opt->addScanFrame(frame); }
+int Tessaline::addScanFrame_async(const std::shared_ptr<FrameDataWithInfo>& frame) {
+    return m_opt->addScanFrame(frame);
+}
+int Tessaline::process(std::shared_ptr<MultiMeshData>& mesh) { return m_opt->process(mesh); }
+int Tessaline::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers) {
+    return m_opt->getOptimizedMarkerErrors(markers);
+}
+std::string Tessaline::getLastErrorMsg() { return m_opt->getLastErrorMsg(); }
+int Tessaline::setDiagnosticSink(DiagnosticSink sink) { return m_opt->setDiagnosticSink(std::move(sink)); }
+int Tessaline::requestStop() { return m_opt->requestStop(); }
+
+}  // namespace SurfaceReconstruction

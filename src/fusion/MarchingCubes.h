@@ -1,0 +1,217 @@
+// The marching cubes stage: takes one block at a time, builds its cells in the octree and stores their
+// field values in the FieldDataPool. It produces no triangles; the Reconstructor does.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/CellRecords.h"
+#include "common/Morton.h"
+#include "common/Parameters.h"
+#include "common/PointRecords.h"
+#include "common/PointSort.h"
+#include "device/DeviceLayer.h"
+#include "field/HostFieldWalks.h"
+#include "volume/FieldDataPool.h"
+
+namespace SurfaceReconstruction {
+
+class HashOctree;
+class SimpleLineHash;
+class ThreadPool;
+struct TestAccess;
+
+// Free device memory kept on every test of the stage.
+constexpr std::size_t MC_MEMORY_MARGIN = 0x500000;
+
+// Bins that the device array holds for a block of n bins along an edge (margins included).
+inline std::uint64_t MC_MAX_BINS_HEADER(std::uint32_t n) { return 20ull * n * n; }
+
+// What the cells of a block cost at most, by its points and bins: the sorted points twice, the bins, and
+// a band of cells around each bin with octree node, record and relations.
+constexpr std::uint64_t BLOCK_CELLS_PER_BIN = 8;
+constexpr std::uint64_t BLOCK_BYTES_PER_CELL = 320;
+constexpr std::uint64_t BLOCK_MEMORY_RESERVE_BYTES = 256ull << 20;
+inline std::uint64_t blockWorkingSetBytes(std::uint64_t points, std::uint64_t bins) {
+    return points * 2 * sizeof(RawPointWithHash) + bins * (88 + BLOCK_CELLS_PER_BIN * BLOCK_BYTES_PER_CELL);
+}
+
+enum class SearchKind : std::uint8_t { Normal, Coarse, Fine };
+
+// Where a record's relations are searched: at which position and size, by which search. One a record,
+// at the record's index.
+struct PendingSearch {
+    SearchKind kind;
+    float pos[3];
+    float size;  // normal and fine: the cell size; coarse: the half size h
+    std::int32_t m;
+};
+
+// A record that moves into the record of the leaf that absorbed its cell.
+struct Absorption {
+    std::int32_t into;
+    std::int32_t from;
+};
+
+// The working arrays of a block's cells and field passes, host memory kept from block to block: blocks
+// come largest first, so after the first one they are not allocated again (fresh memory costs a page
+// fault a page).
+struct CellBuildBuffers {
+    std::shared_ptr<CellNodeAndRelations> spare;  // the former block's flat records and relations
+    UninitialisedArray<PendingSearch> pending;
+    UninitialisedArray<std::int32_t> found;      // each record's relations found by its search,
+    UninitialisedArray<std::int64_t> found_at;   // where they start in
+    UninitialisedArray<std::uint16_t> found_by;  // which thread's list
+    UninitialisedArray<std::int32_t> visit_points;
+    UninitialisedArray<std::uint8_t> visit_widened;
+    UninitialisedArray<CellNode*> leaves;
+    UninitialisedArray<std::int64_t> offsets;
+    std::vector<UninitialisedArray<RelationCell2Bins_Device>> lists;  // the relations found, one list a thread
+    UninitialisedArray<VoxelFieldCenter> centres;
+    std::size_t last_points = 0;  // points of the block the arrays last served
+    // Before a block of `points`: each array keeps the memory this block probably uses (its last use,
+    // scaled by the points) and gives the rest back.
+    void fitTo(std::size_t points);
+    void release();
+};
+
+class MarchingCubes {
+public:
+    MarchingCubes() = default;
+    ~MarchingCubes();
+    MarchingCubes(const MarchingCubes&) = delete;
+    MarchingCubes& operator=(const MarchingCubes&) = delete;
+
+    int setDeviceParams(const std::shared_ptr<DeviceParameters>& params);
+    int setPortionerParams(const std::shared_ptr<PortionerParameters>& params);
+    int setThreadPool(const std::weak_ptr<ThreadPool>& pool);
+    int setResolution(float resolution);
+
+    int init();
+    int setHashOctree(const std::shared_ptr<HashOctree>& octree);
+    int setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool);
+    // Sizes the device buffers for the largest block of the run.
+    int initDevice(std::uint64_t max_points);
+    int process(const std::shared_ptr<PointCloudBlock>& block);
+    int deInitDevice();
+    int deInit();
+
+    std::string getLastError() const { return m_last_error; }
+    bool isInited() const { return m_inited; }
+    // What the field computation's rules decided for the cells of the run so far.
+    const CellRuleCounts& cellRuleCounts() const { return m_rule_counts; }
+    float resolution() const { return m_resolution; }
+
+private:
+    friend struct TestAccess;  // the tests reach the steps of a block below
+
+    // Sorts the block's points by the Morton code of their bin and describes each bin; the order of
+    // the bins is that of their points.
+    int generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
+                     std::vector<BinsHeader>& bins_header);
+    // The lower corner of the block's bin grid, margins included.
+    void logicCoordinate(const PointCloudBlock& block, float out[3]) const;
+
+    // The table from a bin's grid key to its index.
+    int prepareSimpleHash(const std::vector<BinsHeader>& bins_header);
+    // Spreads the bins' wished scale codes and keeps neighbours within a factor of two, in place.
+    int rectifyBinLevels(std::vector<BinsHeader>& bins_header);
+    // The cells of a block's bins with their relation lists, flattened.
+    int buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
+                                std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations);
+    // Index of the bin with this grid key, or -1.
+    std::int32_t findBin(std::int32_t x, std::int32_t y, std::int32_t z) const {
+        if (!m_bitmap_valid) return findBinInTable(x, y, z);
+        const std::int64_t bit = binBit(x, y, z);
+        if (bit < 0) return -1;
+        const std::uint64_t word = m_bin_bitmap[static_cast<std::size_t>(bit >> 6)];
+        const std::uint64_t below = std::uint64_t{1} << (bit & 63);
+        if ((word & below) == 0) return -1;
+        return m_rank_to_bin[static_cast<std::size_t>(m_bitmap_rank[static_cast<std::size_t>(bit >> 6)] +
+                                                      bitCount64(word & (below - 1)))];
+    }
+    std::int32_t findBinInTable(std::int32_t x, std::int32_t y, std::int32_t z) const;
+
+    // The three passes of the field computation over a block's cells: on the device when its memory
+    // holds the arrays and the block's points are still there, on the host otherwise.
+    int computeFiledData(const std::shared_ptr<PointCloudBlock>& block, const std::vector<BinsHeader>& bins_header,
+                         CellNodeAndRelations& cells);
+    int computeFiledData_Device(CellNodeAndRelations& cells);
+    int processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
+                                RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
+                                VoxelFieldCenter* voxel_field_centers_dev);
+    // With `points_may_go`, the block's points are given up once the vector walks have them as columns:
+    // from there on only the columns are read, and the block is not held twice.
+    int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells,
+                                      bool points_may_go = false);
+    // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
+    // Gives the number of sheets stored.
+    std::int64_t saveFieldData(const CellNodeAndRelations& cells);
+
+    // The four steps behind generateBins: the whole block on the device, or in chunks.
+    int computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]);
+    int getBinsCenter_Device(PointCloudBlock& block, std::vector<BinsHeader>& bins_header);
+    int computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]);
+    int getBinsCenter_Chunked(PointCloudBlock& block, const float logic_coordinate[3],
+                              std::vector<BinsHeader>& bins_header);
+
+    bool m_inited = false;
+    std::string m_last_error = "no error!";
+    float m_resolution = 0.5f;
+    std::shared_ptr<DeviceParameters> m_device_params;
+    std::shared_ptr<PortionerParameters> m_portioner_params;
+    std::weak_ptr<ThreadPool> m_thread_pool;
+    bool m_on_host = false;
+    std::shared_ptr<SimpleLineHash> m_block_loc_hash;
+    std::shared_ptr<HashOctree> m_hash_octree;
+    std::shared_ptr<FieldDataPool> m_field_data_pool;
+    RawPointWithHash* m_raw_points_hash_dev = nullptr;
+    RawPointWithHash* m_block_points_dev = nullptr;  // the sorted points of the block in work, where kernels read them
+    PointSortBuffers m_sort_buffers;                 // host memory, kept from block to block
+    PointColumns m_point_columns;                    // the block's points for the host's vector walks
+    CellBuildBuffers m_cell_buffers;
+    int* m_raw_points_hash_size_dev = nullptr;
+    std::uint64_t m_raw_points_capacity = 0;
+    float* m_logic_coordinate_dev = nullptr;
+    BinsHeader* m_bins_header_dev = nullptr;
+    std::uint64_t m_bins_header_capacity = 0;
+    int* m_bins_header_size_dev = nullptr;
+    DeviceParameters* m_device_params_dev = nullptr;
+    PortionerParameters* m_portioner_params_dev = nullptr;
+    std::size_t m_last_bin_count = 0;
+    std::shared_ptr<CellNodeAndRelations> m_last_cells;
+    bool m_keep_last_cells = false;
+    // Occupied bin keys over the bounding box of the block's bins, the count of occupied keys before
+    // each word, and the bin of each occupied key in that order; a hash table where the box is too big.
+    std::vector<std::uint64_t> m_bin_bitmap;
+    std::vector<std::int32_t> m_bitmap_rank;
+    std::vector<std::int32_t> m_rank_to_bin;
+    std::int32_t m_bitmap_min[3] = {0, 0, 0};
+    std::int64_t m_bitmap_dim[3] = {0, 0, 0};  // bricks along each axis
+    bool m_bitmap_valid = false;
+
+    // The bitmap table of the bins; false (and no table) when their box is too big for it.
+    bool buildBinBitmap(const std::vector<BinsHeader>& bins_header);
+    // The bit of a key in the bitmap (bricks of 4 x 4 x 4 keys, one a word), or -1 outside its box.
+    std::int64_t binBit(std::int32_t x, std::int32_t y, std::int32_t z) const {
+        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
+        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
+        const std::int64_t dz = static_cast<std::int64_t>(z) - m_bitmap_min[2];
+        if (dx < 0 || dy < 0 || dz < 0) return -1;
+        const std::int64_t bx = dx >> 2, by = dy >> 2, bz = dz >> 2;
+        if (bx >= m_bitmap_dim[0] || by >= m_bitmap_dim[1] || bz >= m_bitmap_dim[2]) return -1;
+        const std::int64_t brick = (bz * m_bitmap_dim[1] + by) * m_bitmap_dim[0] + bx;
+        return brick * 64 + ((dz & 3) << 4) + ((dy & 3) << 2) + (dx & 3);
+    }
+
+    CellRuleCounts m_rule_counts;
+
+    // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
+    void binsOfSortedPoints(const RawPointWithHash* points_dev, std::int64_t count, std::int64_t points_offset,
+                            std::vector<BinsHeader>& bins_header);
+};
+
+}  // namespace SurfaceReconstruction

@@ -1,0 +1,370 @@
+// Device part of the marching cubes stage: its buffers, and the bins of a block on the whole-block
+// path and on the chunked path. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <parallel/algorithm>
+
+#include "common/Diagnostics.h"
+#include "common/ErrorLadder.h"
+#include "common/Morton.h"
+#include "common/PointSort.h"
+#include "fusion/MarchingCubes.h"
+#include "fusion/PointRuns.h"
+
+namespace SurfaceReconstruction {
+
+namespace {
+
+// Morton code of the bin of each point; points below the grid keep the hash they have.
+struct ComputePointsHashValueKernel {
+    RawPointWithHash* points;
+    std::int64_t points_size;
+    const float* logic_coordinate;
+    float bin_size;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= points_size) return;
+        RawPointWithHash& p = points[i];
+        const float d[3] = {p.x - logic_coordinate[0], p.y - logic_coordinate[1], p.z - logic_coordinate[2]};
+        if (d[0] < 0.0f || d[1] < 0.0f || d[2] < 0.0f) return;
+        std::uint32_t index[3];
+        for (int k = 0; k < 3; ++k) index[k] = static_cast<std::uint32_t>(floatToIntSaturate(d[k] / bin_size));
+        p.hash = static_cast<std::int32_t>(mortonEncode(index[0], index[1], index[2]));
+    }
+};
+
+// One bin for the first point of each run of equal hash: its centre and offset.
+struct GetBinsCenterKernel {
+    const RawPointWithHash* points;
+    std::int64_t points_size;
+    const float* logic_coordinate;
+    float bin_size;
+    BinsHeader* bins_header;
+    int* bins_header_size;
+    std::int64_t bins_capacity;
+    std::int32_t points_offset;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= points_size) return;
+        if (i != 0 && points[i - 1].hash == points[i].hash) return;
+        const int id = deviceAtomicAdd(bins_header_size, 1);
+        if (id >= bins_capacity) {
+            TESSA_KERNEL_REPORT("bins_id >= MC_MAX_BINS_HEADER %d \n", id);
+            return;
+        }
+        std::uint32_t c[3];
+        mortonDecode(static_cast<std::uint32_t>(points[i].hash), c[0], c[1], c[2]);
+        BinsHeader& bin = bins_header[id];
+        for (int k = 0; k < 3; ++k)
+            bin.center[k] = fmaf(0.5f, bin_size, fmaf(static_cast<float>(c[k]), bin_size, logic_coordinate[k]));
+        bin.point_offset = static_cast<std::int32_t>(i) + points_offset;
+        bin.point_count = 0;
+        bin.bin_sub_scale = 0;
+        bin.bin_flags = 0;
+        bin.word_high = 0;
+        for (int w = 0; w < 8; ++w) bin.occupancy[w] = 0;
+    }
+};
+
+// The wished scale: the default 8 gives way to any other wish, a wish is never replaced by 8, and among
+// other wishes the largest wins; a code of 0 is replaced by whatever comes next.
+TESSA_HD inline std::int8_t combineScale(std::int8_t s, std::int8_t p) {
+    if (s == 0 || (s == 8 && p != 8) || (s != 8 && p != 8 && p > s)) return p;
+    return s;
+}
+
+// One thread a bin walks its run: count, flags, scale and sub-cell occupancy.
+struct GetBinsScaleKernel {
+    const RawPointWithHash* points;
+    std::int64_t points_size;
+    float bin_size;
+    BinsHeader* bins_header;
+    std::int64_t bins_count;
+    std::int32_t points_offset;
+
+    TESSA_HD void operator()(std::size_t i) const {
+        if (static_cast<std::int64_t>(i) >= bins_count) return;
+        BinsHeader& bin = bins_header[i];
+        const float half = bin_size * 0.5f;
+        const float corner[3] = {bin.center[0] - half, bin.center[1] - half, bin.center[2] - half};
+        const float inv = 1.0f / (bin_size * 0.125f);
+        bin.point_count = 0;
+        bin.bin_sub_scale = 8;
+        bin.bin_flags = 0;
+        bin.word_high = 0;
+        std::int64_t j = bin.point_offset - points_offset;
+        const std::int32_t h = points[j].hash;
+        for (; j < points_size && points[j].hash == h; ++j) {
+            const RawPointWithHash& p = points[j];
+            bin.point_count += 1;
+            bin.bin_flags = static_cast<std::uint8_t>(bin.bin_flags | ((p.w >> 8) & 255));
+            bin.word_high =
+                static_cast<std::uint16_t>(bin.word_high | ((static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu));
+            bin.bin_sub_scale = combineScale(bin.bin_sub_scale, static_cast<std::int8_t>(p.w & 255));
+            const float position[3] = {p.x, p.y, p.z};
+            // The sub-cell on each axis, truncated and held to 0..7 (a NaN to 0), its three bits spread into
+            // the code as mortonEncode places them.
+            std::uint32_t code = 0;
+            for (int k = 0; k < 3; ++k) {
+                const float v = (position[k] - corner[k]) * inv;
+                const std::uint32_t cell = v >= 7.0f ? 7u : (v > 0.0f ? static_cast<std::uint32_t>(v) : 0u);
+                code |= ((cell & 1u) | ((cell & 2u) << 2) | ((cell & 4u) << 4)) << k;
+            }
+            bin.occupancy[code / 64] |= 1ull << (code % 64);
+        }
+    }
+};
+
+}  // namespace
+
+// ---- buffers ---------------------------------------------------------------------------------------
+
+int MarchingCubes::initDevice(std::uint64_t max_points) {
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (!m_device_params || !m_portioner_params) {
+        m_last_error = "[MarchingCubes] initDevice try catch error! \n";
+        return 1;
+    }
+    const int released = deInitDevice();  // a second set-up replaces the first
+    if (released != 0) return released;
+    m_rule_counts = CellRuleCounts{};
+    return runGuarded(
+        m_last_error, {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] initDevice try catch device error! \n"},
+        {1, "[MarchingCubes] initDevice try catch error! \n"}, [&]() -> int {
+            const std::uint64_t n = m_portioner_params->block_with_ext_size;
+            // One more than the largest block, so that the strict capacity test admits that block; a device
+            // without room for it gets the fallback capacity and the chunked path.
+            m_raw_points_capacity = max_points + 1;
+            if (!deviceMemoryAvailable(2 * (max_points + 1) * sizeof(RawPointWithHash)))
+                m_raw_points_capacity = n * n * 300;
+            if (!deviceMemoryIsHostMemory()) {  // on the host backend kernels read the blocks' own arrays
+                TESSA_DEVICE_CHECK(
+                    deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
+                    "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
+            }
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
+                               "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)),
+                               "cudaMalloc(&m_logic_coordinate_dev, 3 * sizeof(float))");
+            // A block has no more bins than points: the array starts at that and grows when a block needs more.
+            m_bins_header_capacity =
+                std::min<std::uint64_t>(MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)), m_raw_points_capacity);
+            TESSA_DEVICE_CHECK(
+                deviceMalloc(&m_bins_header_dev, m_bins_header_capacity * sizeof(BinsHeader)),
+                "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
+                "sizeof(BinsHeader))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
+                               "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
+            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
+                                "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
+                                "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
+                                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_UPLOAD(
+                m_portioner_params_dev, *m_portioner_params,
+                "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
+                "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
+                "cudaMemcpyHostToDevice)");
+            return 0;
+        });
+}
+
+int MarchingCubes::deInitDevice() {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+        m_raw_points_capacity = 0;
+        m_sort_buffers.release();
+        m_point_columns.release();
+        m_cell_buffers.release();
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
+        TESSA_DEVICE_RELEASE(m_logic_coordinate_dev, "cudaFree(m_logic_coordinate_dev)");
+        TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");
+        m_bins_header_capacity = 0;
+        TESSA_DEVICE_RELEASE(m_bins_header_size_dev, "cudaFree(m_bins_header_size_dev)");
+        TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
+        TESSA_DEVICE_RELEASE(m_portioner_params_dev, "cudaFree(m_portioner_params_dev)");
+        return 0;
+    });
+}
+
+// ---- bins ------------------------------------------------------------------------------------------
+
+void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::int64_t count,
+                                       std::int64_t points_offset, std::vector<BinsHeader>& bins_header) {
+    const float bin_size = m_resolution;
+    // Count the runs first, so that the bin array never overflows: a block with more bins gets a
+    // larger array and is not cut.
+    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
+                       "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
+    launchKernel(static_cast<std::size_t>(count), CountHashRunsKernel{points_dev, count, m_bins_header_size_dev});
+    int bins_header_size = 0;
+    TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                       "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+    if (static_cast<std::uint64_t>(bins_header_size) > m_bins_header_capacity) {
+        TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");
+        m_bins_header_capacity = 0;
+        TESSA_DEVICE_CHECK(
+            deviceMalloc(&m_bins_header_dev, static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader)),
+            "cudaMalloc(&m_bins_header_dev, bins_header_size * sizeof(BinsHeader))");
+        m_bins_header_capacity = static_cast<std::uint64_t>(bins_header_size);
+    }
+
+    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
+                       "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
+    launchKernel(static_cast<std::size_t>(count),
+                 GetBinsCenterKernel{points_dev, count, m_logic_coordinate_dev, bin_size, m_bins_header_dev,
+                                     m_bins_header_size_dev, static_cast<std::int64_t>(m_bins_header_capacity),
+                                     static_cast<std::int32_t>(points_offset)});
+    TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
+                       "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+    launchKernel(static_cast<std::size_t>(bins_header_size),
+                 GetBinsScaleKernel{points_dev, count, bin_size, m_bins_header_dev, bins_header_size,
+                                    static_cast<std::int32_t>(points_offset)});
+    const std::size_t old_size = bins_header.size();
+    bins_header.resize(old_size + static_cast<std::size_t>(bins_header_size));
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(bins_header.data() + old_size, m_bins_header_dev,
+                     static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader), CopyKind::DeviceToHost),
+        "cudaMemcpy(bins_header.data() + old_size, m_bins_header_dev , bins_header_size * "
+        "sizeof(BinsHeader), cudaMemcpyDeviceToHost)");
+    // Where device memory is host memory the bins now lie twice: the array's pages go back to the system
+    // (its next use writes before it reads).
+    if (deviceMemoryIsHostMemory())
+        releasePagesWithin(m_bins_header_dev, m_bins_header_dev + static_cast<std::size_t>(bins_header_size));
+}
+
+int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]) {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
+        PointList& points = *block.points;
+        const std::int64_t n = static_cast<std::int64_t>(points.size());
+        // Where device memory is host memory the block's own array is sorted in place; otherwise a copy
+        // goes to the device and the sorted points come back for a fall back to the host.
+        const bool shared = deviceMemoryIsHostMemory();
+        RawPointWithHash* points_dev = shared ? points.data() : m_raw_points_hash_dev;
+        if (!shared) {
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, points.data(),
+                                            points.size() * sizeof(RawPointWithHash), CopyKind::HostToDevice),
+                               "cudaMemcpy(m_raw_points_hash_dev, points_hash_data , points_hash_size * "
+                               "sizeof(RawPointWithHash), cudaMemcpyHostToDevice)");
+        }
+        TESSA_DEVICE_CHECK(
+            deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
+            "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), "
+            "cudaMemcpyHostToDevice)");
+        launchKernel(points.size(), ComputePointsHashValueKernel{points_dev, n, m_logic_coordinate_dev, m_resolution});
+        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        // The full order settles equal codes too, so the block's points come out the same every run.
+        if (shared) {
+            sortPointsFullyOnHost(points, m_sort_buffers);  // the block's array is replaced by its sorted copy
+            points_dev = points.data();
+        } else {
+            sortPointsFully(points_dev, n);
+        }
+        if (!shared) {
+            TESSA_DEVICE_CHECK(deviceMemcpy(points.data(), m_raw_points_hash_dev,
+                                            points.size() * sizeof(RawPointWithHash), CopyKind::DeviceToHost),
+                               "cudaMemcpy(points_hash_data, m_raw_points_hash_dev , points_hash_size * "
+                               "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+        }
+        m_block_points_dev = points_dev;
+        return 0;
+    });
+}
+
+int MarchingCubes::getBinsCenter_Device(PointCloudBlock& block, std::vector<BinsHeader>& bins_header) {
+    return runGuarded(
+        m_last_error, {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] getBinsCenter_Device try catch device error! \n"},
+        {1, "[MarchingCubes] getBinsCenter_Device try catch error! \n"}, [&]() -> int {
+            binsOfSortedPoints(m_block_points_dev, static_cast<std::int64_t>(block.points->size()), 0, bins_header);
+            return 0;
+        });
+}
+
+int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float logic_coordinate[3]) {
+    PointList& points = *block.points;
+    const std::int64_t n = static_cast<std::int64_t>(points.size());
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
+        "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+    const bool shared = deviceMemoryIsHostMemory();
+    for (std::int64_t done = 0; done < n;) {
+        const std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
+        const std::size_t bytes = static_cast<std::size_t>(c) * sizeof(RawPointWithHash);
+        RawPointWithHash* chunk_dev = shared ? points.data() + done : m_raw_points_hash_dev;
+        if (!shared) {
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice),
+                "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
+                "cudaMemcpyHostToDevice)");
+        }
+        launchKernel(static_cast<std::size_t>(c),
+                     ComputePointsHashValueKernel{chunk_dev, c, m_logic_coordinate_dev, m_resolution});
+        if (!shared) {
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost),
+                "cudaMemcpy(points_hash_data + done, m_raw_points_hash_dev , chunk * sizeof(RawPointWithHash), "
+                "cudaMemcpyDeviceToHost)");
+        }
+        done += c;
+    }
+    sortPointsFullyOnHost(points, m_sort_buffers);
+    return 0;
+}
+
+int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float logic_coordinate[3],
+                                         std::vector<BinsHeader>& bins_header) {
+    const PointList& points = *block.points;
+    const std::int64_t n = static_cast<std::int64_t>(points.size());
+    TESSA_DEVICE_CHECK(
+        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
+        "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+    for (std::int64_t done = 0; done < n;) {
+        std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
+        // Leave the run at the end of the chunk to the next chunk; a run longer than the buffer is cut.
+        const RawPointWithHash* chunk = points.data() + done;
+        std::int64_t e = c - 1;
+        while (e >= 0 && chunk[e].hash == chunk[c - 1].hash) --e;
+        if (e >= 1) c = e + 1;
+        const RawPointWithHash* chunk_dev = chunk;
+        if (!deviceMemoryIsHostMemory()) {
+            TESSA_DEVICE_CHECK(
+                deviceMemcpy(m_raw_points_hash_dev, chunk, static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
+                             CopyKind::HostToDevice),
+                "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
+                "cudaMemcpyHostToDevice)");
+            chunk_dev = m_raw_points_hash_dev;
+        }
+        binsOfSortedPoints(chunk_dev, c, done, bins_header);
+        done += c;
+    }
+    return 0;
+}
+
+int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
+                                std::vector<BinsHeader>& bins_header) {
+    bins_header.clear();
+    const std::uint64_t n = block->points->size();
+    bool done = false;
+    if (n < m_raw_points_capacity && !m_on_host) {
+        done =
+            computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
+    }
+    if (!done) {
+        diagnostic("[warining]: memory lacked, generateBins on Host\n");
+        m_on_host = true;
+        bins_header.clear();
+        int result = computePointsHash_Chunked(*block, logic_coordinate);
+        if (result != 0) return result;
+        result = getBinsCenter_Chunked(*block, logic_coordinate, bins_header);
+        if (result != 0) return result;
+    }
+    // Bin ids come from an atomic counter; the order of their points is the one that does not change
+    // (the offsets differ, so the order is total and a parallel sort gives it too).
+    __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
+                         [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
+    return 0;
+}
+
+}  // namespace SurfaceReconstruction
