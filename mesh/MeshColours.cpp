@@ -405,17 +405,22 @@ int colour(IndexedMesh& mesh, const std::vector<Vec3f>& points, const std::vecto
     std::size_t nearest = 0;
     if (!pending.empty()) {
         const Tree tree(3, grid, nanoflann::KDTreeSingleIndexAdaptorParams(16));
+        mesh_internal::TeamFailure failure;  // no room for a vertex's matches: thrown once the team has ended
 #pragma omp parallel
         {
             std::vector<std::pair<std::uint32_t, float>> matches;
 #pragma omp for schedule(dynamic, 64) reduction(+ : nearest)
             for (std::int64_t j = 0; j < static_cast<std::int64_t>(pending.size()); ++j) {
-                const std::uint32_t v = pending[static_cast<std::size_t>(j)];
-                found[v] = fromTree(grid, tree, mesh.vertices[v], static_cast<double>(resolution) * 8.0 / codeOf(v),
-                                    result[v], matches);
-                nearest += found[v] == NEAREST ? 1 : 0;
+                if (failure.failed()) continue;
+                failure.run([&] {
+                    const std::uint32_t v = pending[static_cast<std::size_t>(j)];
+                    found[v] = fromTree(grid, tree, mesh.vertices[v], static_cast<double>(resolution) * 8.0 / codeOf(v),
+                                        result[v], matches);
+                    nearest += found[v] == NEAREST ? 1 : 0;
+                });
             }
         }
+        failure.rethrow();
     }
     if (colouring) {
         colouring->points = used;

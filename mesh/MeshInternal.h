@@ -156,6 +156,34 @@ inline bool validIndices(const IndexedMesh& mesh) {
     return valid;
 }
 
+// The first exception thrown on any thread of a team, thrown again by rethrow() once the team has ended:
+// an exception that leaves an OpenMP region ends the process. Once one is kept, failed() tells the other
+// threads to pass over their remaining items.
+class TeamFailure {
+public:
+    template <class Body>
+    void run(Body&& body) noexcept {
+        try {
+            body();
+        } catch (...) {
+            const std::exception_ptr failure = std::current_exception();
+#pragma omp critical(tessaline_mesh_team_failure)
+            {
+                if (!m_first) m_first = failure;
+            }
+            m_failed.store(true, std::memory_order_relaxed);
+        }
+    }
+    bool failed() const noexcept { return m_failed.load(std::memory_order_relaxed); }
+    void rethrow() const {
+        if (m_first) std::rethrow_exception(m_first);
+    }
+
+private:
+    std::exception_ptr m_first;
+    std::atomic<bool> m_failed{false};
+};
+
 // Runs `body` and turns what it throws into a status: no exception leaves the library.
 template <class Body>
 int guarded(Body&& body) noexcept {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <nanoflann.hpp>
+#include <optional>
 
 #include "MeshInternal.h"
 
@@ -460,19 +461,28 @@ double measureReach(const Scan& scan, int k) {
     const std::size_t step = std::max<std::size_t>(1, n / REACH_SAMPLES);
     const std::int64_t samples = static_cast<std::int64_t>((n + step - 1) / step);
     std::vector<double> distances(static_cast<std::size_t>(samples), -1.0);
+    mesh_internal::TeamFailure failure;  // no room for a search: thrown once the team has ended
 #pragma omp parallel
     {
-        Search search;
-        Nearest nearest(k + 1);
+        std::optional<Search> search;
+        std::optional<Nearest> nearest;
+        failure.run([&] {
+            search.emplace();
+            nearest.emplace(k + 1);
+        });
 #pragma omp for schedule(dynamic, 64)
         for (std::int64_t t = 0; t < samples; ++t) {
-            const std::uint32_t s = static_cast<std::uint32_t>(static_cast<std::size_t>(t) * step);
-            search.enter(scan.grid, scan.points, scan.grid.cellHolding(s));
-            findNearest(scan.grid, scan.points, s, search, INFINITY, 16, nearest);
-            if (nearest.full())
-                distances[static_cast<std::size_t>(t)] = std::sqrt(static_cast<double>(nearest.squared(k)));
+            if (failure.failed()) continue;
+            failure.run([&] {
+                const std::uint32_t s = static_cast<std::uint32_t>(static_cast<std::size_t>(t) * step);
+                search->enter(scan.grid, scan.points, scan.grid.cellHolding(s));
+                findNearest(scan.grid, scan.points, s, *search, INFINITY, 16, *nearest);
+                if (nearest->full())
+                    distances[static_cast<std::size_t>(t)] = std::sqrt(static_cast<double>(nearest->squared(k)));
+            });
         }
     }
+    failure.rethrow();
     distances.erase(std::remove(distances.begin(), distances.end(), -1.0), distances.end());
     return median(distances);
 }
@@ -680,84 +690,96 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
     std::size_t too_few = 0, unclear = 0;
     const float reach_squared = static_cast<float>(reach * reach);
     const std::int64_t cells = static_cast<std::int64_t>(scan.grid.cells());
+    mesh_internal::TeamFailure failure;  // no room for a search: thrown once the team has ended
 #pragma omp parallel reduction(+ : too_few, unclear)
     {
-        Search search;
-        Nearest nearest(k + 1);
+        std::optional<Search> search_room;
+        std::optional<Nearest> nearest_room;
+        failure.run([&] {
+            search_room.emplace();
+            nearest_room.emplace(k + 1);
+        });
 #pragma omp for schedule(dynamic, 16)
         for (std::int64_t cell = 0; cell < cells; ++cell) {
-            bool around = false;
-            for (std::uint32_t s = scan.grid.begin(static_cast<std::size_t>(cell));
-                 s < scan.grid.end(static_cast<std::size_t>(cell)); ++s) {
-                const Origin origin = scan.origins[s];
-                const FrameNormalSource& source = sources[origin.frame];
-                if (!source.estimate) {
-                    const std::vector<Vec3f>& own = frames[origin.frame]->nor;
-                    const Vec3f given = origin.index < own.size() ? own[origin.index] : Vec3f{0.0f, 0.0f, 0.0f};
-                    const double length =
-                        std::sqrt(static_cast<double>(given[0]) * given[0] + static_cast<double>(given[1]) * given[1] +
-                                  static_cast<double>(given[2]) * given[2]);
-                    if (finite(given) && length > 0.0 && std::isfinite(length)) {
-                        for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(given[c] / length);
-                        scan.state[s] = KEPT;
+            if (failure.failed()) continue;
+            failure.run([&] {
+                Search& search = *search_room;
+                Nearest& nearest = *nearest_room;
+                bool around = false;
+                for (std::uint32_t s = scan.grid.begin(static_cast<std::size_t>(cell));
+                     s < scan.grid.end(static_cast<std::size_t>(cell)); ++s) {
+                    const Origin origin = scan.origins[s];
+                    const FrameNormalSource& source = sources[origin.frame];
+                    if (!source.estimate) {
+                        const std::vector<Vec3f>& own = frames[origin.frame]->nor;
+                        const Vec3f given = origin.index < own.size() ? own[origin.index] : Vec3f{0.0f, 0.0f, 0.0f};
+                        const double length = std::sqrt(static_cast<double>(given[0]) * given[0] +
+                                                        static_cast<double>(given[1]) * given[1] +
+                                                        static_cast<double>(given[2]) * given[2]);
+                        if (finite(given) && length > 0.0 && std::isfinite(length)) {
+                            for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(given[c] / length);
+                            scan.state[s] = KEPT;
+                        }
+                        continue;
                     }
-                    continue;
+                    if (!around) {
+                        search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
+                        around = true;
+                    }
+                    findNearest(scan.grid, scan.points, s, search, reach, max_ring, nearest);
+                    int within = 0;
+                    while (within < nearest.count() && nearest.squared(within) <= reach_squared) ++within;
+                    if (2 * (within - 1) < k) {
+                        ++too_few;
+                        continue;
+                    }
+                    // The covariance of the neighbours, about their mean, in double from offsets to the point.
+                    const Vec3f& p = scan.points[s];
+                    double mean[3] = {0.0, 0.0, 0.0};
+                    for (int j = 0; j < within; ++j)
+                        for (int c = 0; c < 3; ++c)
+                            mean[c] +=
+                                static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]);
+                    for (double& m : mean) m /= within;
+                    double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+                    for (int j = 0; j < within; ++j) {
+                        double d[3];
+                        for (int c = 0; c < 3; ++c)
+                            d[c] = static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]) -
+                                   mean[c];
+                        a[0] += d[0] * d[0];
+                        a[1] += d[0] * d[1];
+                        a[2] += d[0] * d[2];
+                        a[3] += d[1] * d[1];
+                        a[4] += d[1] * d[2];
+                        a[5] += d[2] * d[2];
+                    }
+                    double lambda[3], v[3];
+                    // A line of points (a middle spread of nothing, up to rounding) has no plane either.
+                    if (!leastEigenvector(a, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
+                        std::max(lambda[0], 0.0) > options.clear_plane * lambda[1]) {
+                        ++unclear;
+                        continue;
+                    }
+                    if (source.sensor_known) {
+                        double toward = 0.0;
+                        for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);
+                        if (toward < 0.0)
+                            for (double& c : v) c = -c;
+                        scan.state[s] = FACED;
+                    } else {
+                        scan.state[s] = FREE;
+                        std::uint32_t* row = &graph[static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS];
+                        int slot = 0;
+                        for (int j = 0; j < within && slot < GRAPH_NEIGHBOURS; ++j)
+                            if (nearest.index(j) != s) row[slot++] = nearest.index(j);
+                    }
+                    for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(v[c]);
                 }
-                if (!around) {
-                    search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
-                    around = true;
-                }
-                findNearest(scan.grid, scan.points, s, search, reach, max_ring, nearest);
-                int within = 0;
-                while (within < nearest.count() && nearest.squared(within) <= reach_squared) ++within;
-                if (2 * (within - 1) < k) {
-                    ++too_few;
-                    continue;
-                }
-                // The covariance of the neighbours, about their mean, in double from offsets to the point.
-                const Vec3f& p = scan.points[s];
-                double mean[3] = {0.0, 0.0, 0.0};
-                for (int j = 0; j < within; ++j)
-                    for (int c = 0; c < 3; ++c)
-                        mean[c] += static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]);
-                for (double& m : mean) m /= within;
-                double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-                for (int j = 0; j < within; ++j) {
-                    double d[3];
-                    for (int c = 0; c < 3; ++c)
-                        d[c] =
-                            static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]) - mean[c];
-                    a[0] += d[0] * d[0];
-                    a[1] += d[0] * d[1];
-                    a[2] += d[0] * d[2];
-                    a[3] += d[1] * d[1];
-                    a[4] += d[1] * d[2];
-                    a[5] += d[2] * d[2];
-                }
-                double lambda[3], v[3];
-                // A line of points (a middle spread of nothing, up to rounding) has no plane either.
-                if (!leastEigenvector(a, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
-                    std::max(lambda[0], 0.0) > options.clear_plane * lambda[1]) {
-                    ++unclear;
-                    continue;
-                }
-                if (source.sensor_known) {
-                    double toward = 0.0;
-                    for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);
-                    if (toward < 0.0)
-                        for (double& c : v) c = -c;
-                    scan.state[s] = FACED;
-                } else {
-                    scan.state[s] = FREE;
-                    std::uint32_t* row = &graph[static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS];
-                    int slot = 0;
-                    for (int j = 0; j < within && slot < GRAPH_NEIGHBOURS; ++j)
-                        if (nearest.index(j) != s) row[slot++] = nearest.index(j);
-                }
-                for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(v[c]);
-            }
+            });
         }
     }
+    failure.rethrow();
     if (any_free) orient(scan, std::move(graph), result);
 
     // Every point of a frame to estimate gets its normal, or (0, 0, 0); the frames take them only when all

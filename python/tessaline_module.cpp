@@ -35,6 +35,9 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// What a user reads when memory ran out, and what to change.
+constexpr const char* MEMORY_ADVICE = "lower the resolution or raise the memory limit";
+
 // Thrown from the step callback to end a run when the Python callable raised (or Ctrl-C was pressed):
 // the engine catches every exception inside process and returns 1.
 struct StopRun {};
@@ -541,7 +544,11 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     Tessaline engine;
     // The library's lines go through a sink: nowhere unless verbose (then to standard output, as printed).
     if (!verbose) engine.setDiagnosticSink([](const std::string&, bool) {});
-    if (engine.init() != 0) throw Error("no usable compute device: " + engine.getLastErrorMsg());
+    const int init_status = engine.init();
+    if (init_status == TESSALINE_OUT_OF_MEMORY)
+        throw Error("setting up the engine failed with status " + std::to_string(init_status) + ": " +
+                    engine.getLastErrorMsg());
+    if (init_status != 0) throw Error("no usable compute device: " + engine.getLastErrorMsg());
     engine.setResolution(resolution);
     if (engine.getLastErrorMsg() != "no error!") {  // the exported setter returns nothing
         const std::string text = engine.getLastErrorMsg();
@@ -597,7 +604,9 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     if (call.error) throw *call.error;
     if (interrupt.seen()) raiseInterrupt();
     if (status != 0) throw Error("reconstruction failed with status " + std::to_string(status) + ": " + last_error);
-    if (mesh_status != 0) throw Error("finishing the mesh failed with status " + std::to_string(mesh_status));
+    if (mesh_status != 0)
+        throw Error("finishing the mesh failed with status " + std::to_string(mesh_status) +
+                    (mesh_status == TESSALINE_OUT_OF_MEMORY ? std::string(": memory ran out; ") + MEMORY_ADVICE : ""));
     const float suggested = resolutionForSpacing(spacing);
     const std::string advice = suggested > 0.0f ? "; resolution='auto' would take " + millimetres(suggested) : "";
     if (mesh.triangles.empty() && removed > 0)
@@ -718,7 +727,18 @@ PYBIND11_MODULE(tessaline, m) {
     m.attr("__version__") = TESSALINE_VERSION_STRING;
     m.attr("backend") = TESSALINE_BACKEND;
     m.attr("RESOLUTION_PER_SPACING") = RESOLUTION_PER_SPACING;
-    py::register_exception<Error>(m, "Error", PyExc_RuntimeError);
+    static py::exception<Error>& error_type = py::register_exception<Error>(m, "Error", PyExc_RuntimeError);
+    // Memory that the module's own work (the frames' copies, the mesh's arrays) cannot have is reported as
+    // the library reports it: tessaline.Error with the memory status, not a bare MemoryError.
+    py::register_exception_translator([](std::exception_ptr failure) {
+        try {
+            if (failure) std::rethrow_exception(failure);
+        } catch (const std::bad_alloc&) {
+            PyErr_SetString(
+                error_type.ptr(),
+                ("out of memory (status " + std::to_string(TESSALINE_OUT_OF_MEMORY) + "); " + MEMORY_ADVICE).c_str());
+        }
+    });
 
     py::class_<ProcessStepInfo>(m, "StepInfo", "One step of a run, as the step callback receives it.")
         .def_property_readonly("step_name", [](const ProcessStepInfo& s) { return s.step_name; })

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "FakeDevices.h"
+#include "TestSupport.h"
+#include "common/ErrorLadder.h"
 #include "device/DeviceLayer.h"
 
 using namespace SurfaceReconstruction;
@@ -44,6 +46,45 @@ TEST(DeviceLayer, CheckReportsFailuresOnStandardErrorOnly) {
     EXPECT_EQ(deviceErrorName(2), std::string("cudaErrorMemoryAllocation"));
     EXPECT_TRUE(out.empty());
 }
+
+#if !defined(TESSALINE_CUDA)
+// On the host backend device memory is the host's: an allocation the host refuses is memory run out, with
+// its size and the memory status up the ladder, and nothing on standard error speaks of a device.
+TEST(DeviceLayer, HostMemoryRefusedIsAMemoryFailureWithoutDeviceWords) {
+    if (TESSALINE_TEST_SANITIZED) GTEST_SKIP() << "the sanitizers' allocator stops the process on such a size";
+    const std::size_t huge = std::size_t{1} << 62;  // beyond any machine's address space
+    void* p = nullptr;
+    std::uint64_t refused = 0;
+    std::string last_error;
+    int status = 0;
+    ::testing::internal::CaptureStderr();
+    try {
+        TESSA_DEVICE_CHECK(deviceMalloc(&p, huge), "cudaMalloc(&p, huge)");
+    } catch (const OutOfMemory& e) {
+        refused = e.bytes();
+    }
+    {
+        const MemoryStageScope stage("[Test] stage", 0);
+        status = runGuarded(last_error, {TESSALINE_DEVICE_COMPUTE, "device"}, {1, "other"}, [&]() -> int {
+            TESSA_DEVICE_CHECK(deviceMalloc(&p, huge), "cudaMalloc(&p, huge)");
+            return 0;
+        });
+    }
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(refused, huge);
+    EXPECT_EQ(status, TESSALINE_OUT_OF_MEMORY);
+    EXPECT_EQ(last_error,
+              "[Test] stage ran out of memory: it wanted 4398046511104 MiB more; lower the resolution or "
+              "raise the memory limit");
+    EXPECT_EQ(err, "");
+    // A failure the seam plays is a device's, as before: reported and thrown as DeviceError.
+    FakeDevices fake;
+    fake.fail_malloc_at = 0;
+    ::testing::internal::CaptureStderr();
+    EXPECT_THROW(TESSA_DEVICE_CHECK(deviceMalloc(&p, 16), "cudaMalloc(&p, 16)"), DeviceError);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("CUDA error"), std::string::npos);
+}
+#endif
 
 TEST(DeviceLayer, FailedCallThrowsDeviceErrorWithFixedText) {
     FakeDevices fake;

@@ -4,6 +4,7 @@
 
 #include "FakeDevices.h"
 #include "TestSupport.h"
+#include "common/MemoryFailure.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
@@ -214,4 +215,30 @@ TEST(MemoryBounds, ABlockBeyondTheFallbackCapacityTakesBothHostPathsAndMatchesTh
     if (!identical) {
         EXPECT_LT(meshDeviation(*bounded.mesh, *unbounded.mesh), 1e-3f);
     }
+}
+
+// The text of a memory failure names the stage, what it wanted in whole MiB (rounded up) and what to change.
+TEST(MemoryFailureText, NamesTheStageTheMiBAndTheAdvice) {
+    struct Case {
+        std::uint64_t wanted, failed;
+        const char* text;
+    };
+    const std::uint64_t MIB = 1 << 20;
+    const Case cases[] = {
+        {0, 0, "[S] x ran out of memory; lower the resolution or raise the memory limit"},
+        {0, 5 * MIB + 1,
+         "[S] x ran out of memory: it wanted 6 MiB more; lower the resolution or raise the memory limit"},
+        {300 * MIB, 0,
+         "[S] x ran out of memory: it wanted 300 MiB more; lower the resolution or raise the memory limit"},
+        {300 * MIB, 1,
+         "[S] x ran out of memory: 1 MiB could not be had, of about 300 MiB it wanted; lower the resolution or raise "
+         "the memory limit"},
+        {2 * MIB, 3 * MIB,
+         "[S] x ran out of memory: it wanted 3 MiB more; lower the resolution or raise the memory limit"},
+    };
+    for (const Case& c : cases) {
+        const MemoryStageScope stage("[S] x", c.wanted);
+        EXPECT_EQ(memoryFailureText(OutOfMemory(c.failed)), c.text) << c.wanted << " " << c.failed;
+    }
+    EXPECT_STREQ(t_memory_stage.name, "[Tessaline_OPT] process");  // the scopes gave the stage back
 }

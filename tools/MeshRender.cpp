@@ -9,6 +9,7 @@
 #include <limits>
 #include <stdexcept>
 
+#include "InOrder.h"
 #include "OutputFile.h"
 
 namespace tessaline_tools {
@@ -106,9 +107,10 @@ Image renderViews(const std::vector<Triangle>& triangles, int view_size) {
     image.height = 2 * view_size;
     image.rgb.assign(static_cast<std::size_t>(image.width) * image.height * 3, 255);
     const View views[4] = {{-120.0, 35.0}, {60.0, 35.0}, {-90.0, 90.0}, {-90.0, 5.0}};
-#pragma omp parallel for
-    for (int v = 0; v < 4; ++v)
-        renderView(triangles, views[v], view_size, image, (v % 2) * view_size, (v / 2) * view_size);
+    forEachInOrder(4, [&](std::size_t v) {
+        renderView(triangles, views[v], view_size, image, static_cast<int>(v % 2) * view_size,
+                   static_cast<int>(v / 2) * view_size);
+    });
     return image;
 }
 

@@ -145,20 +145,22 @@ void PlyReader::readScalars(const PlyElement& element, const std::vector<int>& c
         // Of the failures the first in the file comes out: the lowest record's.
         std::int64_t failed_at = n;
         std::exception_ptr failure;
+        // Each thread's values, allocated before the team: nothing there can fail but a record.
+        std::vector<double> all_values(columns.size() * static_cast<std::size_t>(omp_get_max_threads()));
 #pragma omp parallel if (n >= 8192)
         {
-            std::vector<double> values(columns.size());
+            double* const values = all_values.data() + columns.size() * static_cast<std::size_t>(omp_get_thread_num());
 #pragma omp for schedule(static)
             for (std::int64_t i = 0; i < n; ++i) {
                 try {
                     const std::size_t r = static_cast<std::size_t>(i);
                     if (m_format == Format::Ascii)
                         parseLine(element, piece.lines[r], piece.line_numbers[r], columns.data(), columns.size(),
-                                  values.data());
+                                  values);
                     else
                         decodeRecord(element, piece.data + r * element.record_bytes, columns.data(), columns.size(),
-                                     values.data());
-                    sink(first + static_cast<long>(i), static_cast<const double*>(values.data()));
+                                     values);
+                    sink(first + static_cast<long>(i), static_cast<const double*>(values));
                 } catch (...) {
 #pragma omp critical(tessaline_ply_failure)
                     if (i < failed_at) {

@@ -48,7 +48,13 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
     Tessaline tessaline;
     std::shared_ptr<std::FILE> diagnostics_file;
     tessaline.setDiagnosticSink(diagnosticSink(options, diagnostics_file));
-    if (tessaline.init() != 0) throw std::runtime_error("no usable compute device: " + tessaline.getLastErrorMsg());
+    const int init_status = tessaline.init();
+    if (init_status ==
+        SurfaceReconstruction::TESSALINE_OUT_OF_MEMORY)  // memory, not the device: the status goes with it
+        throw RunFailure("setting up the engine failed with status " + std::to_string(init_status) + ": " +
+                             tessaline.getLastErrorMsg(),
+                         init_status);
+    if (init_status != 0) throw std::runtime_error("no usable compute device: " + tessaline.getLastErrorMsg());
     tessaline.setResolution(options.resolution);
     const char* stage_names[4] = {"starting", "cutting into blocks", "fusing blocks", "meshing"};
     double stage_start[5] = {0, 0, 0, 0, 0};

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <random>
 
+#include "InOrder.h"
 #include "Part.h"
 
 namespace tessaline_tools {
@@ -212,9 +213,8 @@ std::vector<std::shared_ptr<FrameDataWithInfo>> simulateScan(const ScanSimulatio
         // the scan is cut at the same frame whatever the thread count.
         std::vector<std::shared_ptr<FrameDataWithInfo>> made(batch);
         const std::size_t first = frames.size();
-#pragma omp parallel for schedule(dynamic, 1)
-        for (long i = 0; i < static_cast<long>(batch); ++i)
-            made[static_cast<std::size_t>(i)] = makeFrame(first + static_cast<std::size_t>(i), settings, markers);
+        // A frame that cannot be made (no memory for it) fails the scan once the batch's team has ended.
+        forEachInOrder(batch, [&](std::size_t i) { made[i] = makeFrame(first + i, settings, markers); });
         for (auto& frame : made) {
             if (points >= settings.target_points) break;
             points += frame->xyz.size();

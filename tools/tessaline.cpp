@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cxxopts.hpp>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -322,6 +323,18 @@ struct Finishing {
     std::size_t fill_holes = 0;  // close holes of at most this many edges (0: none)
 };
 
+// What a user reads when memory ran out, and what to change.
+constexpr const char* MEMORY_ADVICE = "lower the resolution or raise the memory limit";
+
+// A step of the mesh library that ended with `status`: the failure with the library's status (66049 when
+// memory ran out, with what to change).
+[[noreturn]] void libraryFailure(const std::string& what, int status) {
+    std::string text = what + " failed with status " + std::to_string(status);
+    if (status == SurfaceReconstruction::TESSALINE_OUT_OF_MEMORY)
+        text += ": memory ran out; " + std::string(MEMORY_ADVICE);
+    throw tessaline_tools::RunFailure(text, status);
+}
+
 struct FinishedMesh {
     tessaline_tools::IndexedMesh mesh;
     SurfaceReconstruction::MeshStatistics statistics;
@@ -338,7 +351,7 @@ FinishedMesh finishMesh(const SurfaceReconstruction::MultiMeshData& soup, float 
     if (status == 0) status = SurfaceReconstruction::removeSmallPieces(out.mesh, finishing.min_piece, &out.removed);
     if (status == 0) status = SurfaceReconstruction::fillSmallHoles(out.mesh, finishing.fill_holes, &out.filled);
     if (status == 0) status = SurfaceReconstruction::describeMesh(out.mesh, out.statistics);
-    if (status != 0) throw std::runtime_error("finishing the mesh failed with status " + std::to_string(status));
+    if (status != 0) libraryFailure("finishing the mesh", status);
     out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return out;
 }
@@ -367,8 +380,7 @@ SurfaceReconstruction::PointSpacing measureSpacing(const tessaline_tools::Frames
     SurfaceReconstruction::PointSpacing spacing;
     const int status = exact ? SurfaceReconstruction::measurePointSpacing(frames, spacing)
                              : SurfaceReconstruction::estimatePointSpacing(frames, spacing);
-    if (status != 0)
-        throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
+    if (status != 0) libraryFailure("measuring the point spacing", status);
     return spacing;
 }
 
@@ -498,7 +510,7 @@ MadeNormals makeNormals(tessaline_tools::ScanInput& scan, const std::array<doubl
         if (sources[f].sensor_known) sources[f].sensor = extras.sensor ? extras.sensor_position : *sensor;
     }
     const int status = SurfaceReconstruction::estimateNormals(scan.frames, sources, out.estimate);
-    if (status != 0) throw std::runtime_error("estimating the normals failed with status " + std::to_string(status));
+    if (status != 0) libraryFailure("estimating the normals", status);
     out.made = true;
     out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return out;
@@ -549,7 +561,7 @@ void colourMesh(tessaline_tools::IndexedMesh& mesh, ColourSource& source, float 
     const auto start = Clock::now();
     const int status =
         SurfaceReconstruction::colourVertices(mesh, source.points, source.colours, resolution, &source.colouring);
-    if (status != 0) throw std::runtime_error("colouring the mesh failed with status " + std::to_string(status));
+    if (status != 0) libraryFailure("colouring the mesh", status);
     std::vector<SurfaceReconstruction::Vec3f>().swap(source.points);
     std::vector<SurfaceReconstruction::Rgb>().swap(source.colours);
     source.seconds += std::chrono::duration<double>(Clock::now() - start).count();
@@ -1056,6 +1068,11 @@ int main(int argc, char** argv) {
         return fail(json, e.what(), 2, 0);
     } catch (const tessaline_tools::RunFailure& e) {
         return fail(json, e.what(), 1, e.status());
+    } catch (const std::bad_alloc&) {
+        // The program's own work (reading, the kept colours, writing) ran out: reported as the library's
+        // memory status is, so that a script sees one status for memory wherever it ran out.
+        return fail(json, command + ": memory ran out; " + MEMORY_ADVICE, 1,
+                    SurfaceReconstruction::TESSALINE_OUT_OF_MEMORY);
     } catch (const std::exception& e) {
         return fail(json, e.what(), 1, 0);
     }

@@ -54,17 +54,25 @@ void format(bool device_report, const char* text, std::va_list arguments) {
 
 }  // namespace
 
-void diagnostic(const char* text, ...) {
+// A line that cannot be made (no memory for a long one) is lost: no exception leaves a diagnostic, which
+// the threads of a parallel team call too.
+void diagnostic(const char* text, ...) noexcept {
     std::va_list arguments;
     va_start(arguments, text);
-    format(false, text, arguments);
+    try {
+        format(false, text, arguments);
+    } catch (...) {
+    }
     va_end(arguments);
 }
 
-void deviceReport(const char* text, ...) {
+void deviceReport(const char* text, ...) noexcept {
     std::va_list arguments;
     va_start(arguments, text);
-    format(true, text, arguments);
+    try {
+        format(true, text, arguments);
+    } catch (...) {
+    }
     va_end(arguments);
 }
 

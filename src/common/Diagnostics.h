@@ -10,8 +10,8 @@
 
 namespace SurfaceReconstruction {
 
-void diagnostic(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void deviceReport(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void diagnostic(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
+void deviceReport(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
 
 // While it lives, the lines of this thread (and of worker threads, see above) go to `sink` (null or empty:
 // the standard streams).

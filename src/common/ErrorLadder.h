@@ -1,12 +1,15 @@
 // The failure handling that the operations of the stages share: no exception leaves an operation, a
 // device failure and any other failure each become a status and a fixed last-error text, and an
-// operation used before init answers "no init!".
+// operation used before init answers "no init!". Running out of memory is the memory status wherever it
+// happens, with a text that names the stage, what it wanted and what to change.
 #pragma once
 
 #include <string>
 
+#include "common/MemoryFailure.h"
 #include "common/RunStop.h"
 #include "device/DeviceLayer.h"
+#include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
 
@@ -17,7 +20,8 @@ struct Failure {
 };
 
 // Runs `body`, which returns a status. A DeviceError (reported on standard error where it was thrown)
-// becomes `device`, any other exception `other`; a stop asked of the run goes on up to the engine.
+// becomes `device`, memory that could not be had 66049 (the text from the thread's memory stage), any
+// other exception `other`; a stop asked of the run goes on up to the engine.
 template <class Body>
 int runGuarded(std::string& last_error, Failure device, Failure other, Body&& body) {
     try {
@@ -27,6 +31,12 @@ int runGuarded(std::string& last_error, Failure device, Failure other, Body&& bo
     } catch (const DeviceError&) {
         if (device.text != nullptr) last_error = device.text;
         return device.status;
+    } catch (const std::bad_alloc& failure) {
+        try {
+            last_error = memoryFailureText(failure);
+        } catch (...) {  // not even the text's room: the status says it
+        }
+        return static_cast<int>(TESSALINE_OUT_OF_MEMORY);
     } catch (...) {
         if (other.text != nullptr) last_error = other.text;
         return other.status;

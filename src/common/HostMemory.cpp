@@ -1,6 +1,9 @@
 // Host memory figures from /proc/meminfo and the process's memory cgroup.
 #include "common/HostMemory.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -104,6 +107,21 @@ bool readHostMemory(HostMemoryInfo& info) {
         info.available_bytes = std::min(info.available_bytes, left);
         info.total_bytes = std::min(info.total_bytes, limit);
     }
+    // An address-space limit (ulimit -v, RLIMIT_AS) counts every mapping, reserved or touched: what the
+    // process has mapped is /proc/self/statm's first figure, in pages.
+    struct rlimit address_space {};
+    if (getrlimit(RLIMIT_AS, &address_space) == 0 && address_space.rlim_cur != RLIM_INFINITY) {
+        std::FILE* statm = std::fopen((prefix + "/proc/self/statm").c_str(), "r");
+        unsigned long long pages = 0;
+        if (statm != nullptr) {
+            if (std::fscanf(statm, "%llu", &pages) == 1) {
+                const std::uint64_t mapped = pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+                const std::uint64_t limit = static_cast<std::uint64_t>(address_space.rlim_cur);
+                info.address_space_left_bytes = limit > mapped ? limit - mapped : 0;
+            }
+            std::fclose(statm);
+        }
+    }
     return have_total && have_available;
 }
 
@@ -114,7 +132,8 @@ void giveFreedHeapBack() {
 }
 
 std::uint64_t usableHostBytes(const HostMemoryInfo& info) {
-    return std::min(info.available_bytes + info.swap_free_bytes, info.cgroup_left_bytes);
+    return std::min(
+        {info.available_bytes + info.swap_free_bytes, info.cgroup_left_bytes, info.address_space_left_bytes});
 }
 
 }  // namespace SurfaceReconstruction

@@ -12,7 +12,9 @@ struct HostMemoryInfo {
     std::uint64_t available_bytes = 0;  // what the process can still get without swapping: the kernel's
                                         // MemAvailable, or what its memory cgroup still allows where lower
     std::uint64_t swap_free_bytes = 0;
-    std::uint64_t cgroup_left_bytes = UINT64_MAX;  // the memory cgroup's limit less its use; no limit: max
+    std::uint64_t cgroup_left_bytes = UINT64_MAX;         // the memory cgroup's limit less its use; no limit: max
+    std::uint64_t address_space_left_bytes = UINT64_MAX;  // the process's address-space limit (ulimit -v)
+                                                          // less what it has mapped; no limit: max
 };
 
 // Reads /proc/meminfo and the limit and use of the process's memory cgroup (version 2 memory.max and
@@ -20,7 +22,8 @@ struct HostMemoryInfo {
 // /proc/meminfo cannot be read.
 bool readHostMemory(HostMemoryInfo& info);
 
-// What the process may still use: available memory and free swap, never more than its cgroup allows.
+// What the process may still use: available memory and free swap, never more than its cgroup allows nor
+// more address space than its limit leaves.
 std::uint64_t usableHostBytes(const HostMemoryInfo& info);
 
 // Gives the free pages of the heap back to the system (glibc's malloc_trim; nothing elsewhere). Memory

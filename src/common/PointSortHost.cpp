@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/MemoryFailure.h"
 #include "common/PointSort.h"
 #include "common/RunStop.h"
 
@@ -42,7 +43,7 @@ void radixPairsByHash(const RawPointWithHash* points, std::int64_t n, PointSortB
     constexpr int DIGITS = 1 << DIGIT_BITS;
     std::vector<std::int64_t> counts(static_cast<std::size_t>(threads) * DIGITS);
     for (int shift = 32; shift < 64; shift += DIGIT_BITS) {
-        stopPoint();  // a large block's sort takes seconds: each pass is a safe point
+        if (!omp_in_parallel()) stopPoint();  // a large block's sort takes seconds: each pass is a safe point
         std::fill(counts.begin(), counts.end(), 0);
         bool varies = false;
 #pragma omp parallel num_threads(threads)
@@ -188,9 +189,12 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
     PointList& sorted = buffers.sorted;
     sorted.clear();
     sorted.resize(static_cast<std::size_t>(n));
-    // Runs begin where the hash (the pairs' upper half) changes.
-    stopPoint();
+    // Runs begin where the hash (the pairs' upper half) changes. Within a team of its own (a piece of a
+    // large block) the sort leaves the stop to the team's thread, after the team.
+    const bool outside_team = !omp_in_parallel();
+    if (outside_team) stopPoint();
     const std::atomic<bool>* stop = runStopFlag();
+    TeamFailure failure;  // no room for a run's keys: thrown once the team has ended
 #pragma omp parallel
     {
         std::vector<std::pair<std::uint64_t, std::uint32_t>> keys;
@@ -198,17 +202,18 @@ void sortFully(const RawPointWithHash* points, std::int64_t n, PointSortBuffers&
 #pragma omp for schedule(dynamic, 4096)
         for (std::int64_t i = 0; i < n; ++i) {
             if (i > 0 && (pairs[i - 1] >> 32) == (pairs[i] >> 32)) continue;
-            if (stopAsked(stop)) continue;  // the run stops after the loop
+            if (stopAsked(stop) || failure.failed()) continue;  // the run stops after the loop
             std::int64_t end = i + 1;
             while (end < n && (pairs[end] >> 32) == (pairs[i] >> 32)) ++end;
             // The records of about the next run are asked for now: they lie anywhere in the input, and
             // their reads then overlap this run's sort.
             for (std::int64_t j = end; j < n && j < end + (end - i); ++j)
                 __builtin_prefetch(points + (pairs[j] & 0xFFFFFFFFull));
-            writeRunSorted(points, pairs + i, end - i, sorted.data() + i, keys, by_x, other);
+            failure.run([&] { writeRunSorted(points, pairs + i, end - i, sorted.data() + i, keys, by_x, other); });
         }
     }
-    stopPoint();
+    failure.rethrow();
+    if (outside_team) stopPoint();
 }
 
 // A piece of the array in the full order through the buffers, copied back into its place.
@@ -249,9 +254,11 @@ void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<Poin
         return (static_cast<std::uint32_t>(p.hash) >> shift) & (GROUPS - 1);
     };
     std::vector<std::int64_t> start(GROUPS + 1, 0);
+    // Each thread's counts, allocated before the team: nothing within it can fail.
+    std::vector<std::int64_t> counts(static_cast<std::size_t>(omp_get_max_threads()) * GROUPS, 0);
 #pragma omp parallel
     {
-        std::vector<std::int64_t> mine(GROUPS, 0);
+        std::int64_t* mine = counts.data() + static_cast<std::size_t>(omp_get_thread_num()) * GROUPS;
 #pragma omp for schedule(static) nowait
         for (std::int64_t i = 0; i < n; ++i) ++mine[group(points[i])];
 #pragma omp critical
@@ -299,23 +306,23 @@ void sortWherePointsLie(RawPointWithHash* points, std::int64_t n, std::int64_t p
     const std::int64_t count = static_cast<std::int64_t>(pieces.size());
     // No exception leaves the team: the first one (no room for a piece's buffers, a stop asked within a
     // piece's passes) is kept and thrown once the team has ended.
-    std::exception_ptr first;
+    TeamFailure failure;
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel
     {
         // Inside this team the sort of a piece runs on its thread alone.
         PointSortBuffers buffers;
 #pragma omp for schedule(dynamic, 1)
         for (std::int64_t i = 0; i < count; ++i) {
-            try {
+            if (stopAsked(stop) || failure.failed()) continue;  // the run stops after the team
+            failure.run([&] {
                 sortPieceThroughBuffers(pieces[static_cast<std::size_t>(i)].points,
                                         pieces[static_cast<std::size_t>(i)].count, buffers);
-            } catch (...) {
-#pragma omp critical(tessaline_sort_failure)
-                if (!first) first = std::current_exception();
-            }
+            });
         }
     }
-    if (first) std::rethrow_exception(first);
+    failure.rethrow();
+    stopPoint();
 }
 
 }  // namespace

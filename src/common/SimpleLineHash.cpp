@@ -44,7 +44,10 @@ int SimpleLineHash::init(std::uint64_t bucket_size, std::uint64_t excess_size) {
         for (std::int64_t i = 0; i < total; ++i) m_locks[i] = 0;
         m_inited = true;
         return 0;
-    } catch (...) {  // the table keeps no last error: its callers name the failure
+    } catch (const std::bad_alloc&) {  // the table keeps no last error: its callers name the failure
+        m_inited = false;
+        return TESSALINE_OUT_OF_MEMORY;
+    } catch (...) {
         m_inited = false;
         return 1;
     }

@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/MemoryFailure.h"
+
 namespace SurfaceReconstruction {
 
 constexpr std::size_t MAPPED_AT_LEAST = std::size_t{1} << 20;
@@ -39,13 +41,20 @@ struct UninitialisedAllocator : std::allocator<T> {
     UninitialisedAllocator() = default;
     template <class U>
     UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+    // A refusal throws OutOfMemory with the size asked for, which the stage's memory failure names.
     T* allocate(std::size_t n) {
-        if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
-        if (n * sizeof(T) < MAPPED_AT_LEAST) return std::allocator<T>::allocate(n);
+        if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw OutOfMemory(UINT64_MAX);
+        if (n * sizeof(T) < MAPPED_AT_LEAST) {
+            try {
+                return std::allocator<T>::allocate(n);
+            } catch (const std::bad_alloc&) {
+                throw OutOfMemory(n * sizeof(T));
+            }
+        }
         static_assert(alignof(T) <= 64, "mapped arrays are aligned to 64 bytes");
         const std::size_t offset = nextMappedOffset();
         void* base = mmap(nullptr, n * sizeof(T) + offset, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (base == MAP_FAILED) throw std::bad_alloc();
+        if (base == MAP_FAILED) throw OutOfMemory(n * sizeof(T));
         char* data = static_cast<char*>(base) + offset;
         reinterpret_cast<std::size_t*>(data)[-1] = offset;
         return reinterpret_cast<T*>(data);

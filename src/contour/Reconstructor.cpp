@@ -96,6 +96,7 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     const std::uint64_t fields = static_cast<std::uint64_t>(std::max<std::int32_t>(0, m_field_data_pool->size()));
     const std::uint64_t need = RECONSTRUCTOR_RESERVE_BYTES + fields * RECONSTRUCTOR_BYTES_PER_FIELD;
     std::uint64_t usable = 0;
+    wantMemory(need);
     if (!reconstructorMemoryGuard(need, &usable)) return refuseForMemory(usable, need);
 
     const std::int32_t n = roots->datas_size.load();
@@ -154,7 +155,7 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         diagnostic("is_ok = false!\n");
         if (!reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES, &usable))
             return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES);
-        m_last_error = "[Reconstructor] process the mesh walk failed: memory ran out while triangles were made!";
+        m_last_error = memoryFailureText(0);  // memory ran out while triangles were made
         return TESSALINE_OUT_OF_MEMORY;
     }
     // The merge copies every part once more.
@@ -185,8 +186,9 @@ int Reconstructor::refuseForMemory(std::uint64_t usable, std::uint64_t need) {
     char text[256];
     std::snprintf(text, sizeof(text),
                   "[Reconstructor] process memory guard: the process may use %llu MiB more, the mesh needs %llu "
-                  "MiB!",
-                  static_cast<unsigned long long>(usable >> 20), static_cast<unsigned long long>(need >> 20));
+                  "MiB; %s",
+                  static_cast<unsigned long long>(usable >> 20), static_cast<unsigned long long>(need >> 20),
+                  MEMORY_ADVICE);
     m_last_error = text;
     diagnostic("%s\n", text);
     return TESSALINE_OUT_OF_MEMORY;

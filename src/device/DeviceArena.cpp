@@ -17,6 +17,7 @@
 #include <mutex>
 
 #include "common/Diagnostics.h"
+#include "device/DeviceLayerBackend.h"
 
 namespace SurfaceReconstruction {
 
@@ -136,7 +137,10 @@ DeviceResult malloc(void** ptr, std::size_t bytes) {
     const std::size_t pages_size = (rounded + s.page - 1) / s.page * s.page;
     const std::size_t mapping_size = pages_size + 2 * s.page;
     void* mapping = mmap(nullptr, mapping_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (mapping == MAP_FAILED) return DEVICE_ERROR_MEMORY_ALLOCATION;
+    if (mapping == MAP_FAILED) {
+        backend::noteHostMemoryRefused(bytes);  // the host's memory, not a device's
+        return DEVICE_ERROR_MEMORY_ALLOCATION;
+    }
     Allocation a;
     a.mapping = static_cast<char*>(mapping);
     a.mapping_size = mapping_size;

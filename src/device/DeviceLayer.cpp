@@ -5,12 +5,17 @@
 #include <cstdio>
 
 #include "common/Diagnostics.h"
+#include "common/MemoryFailure.h"
 #include "device/DeviceLayerBackend.h"
 
 namespace SurfaceReconstruction {
 
 namespace {
 std::atomic<const DeviceRuntimeSeam*> g_seam{nullptr};
+
+// The size of the host allocation the backend was refused on this thread since its last allocation; 0:
+// none.
+thread_local std::uint64_t t_host_memory_refused = 0;
 
 const DeviceRuntimeSeam* seam() { return g_seam.load(std::memory_order_acquire); }
 }  // namespace
@@ -19,8 +24,13 @@ void installDeviceRuntimeSeam(const DeviceRuntimeSeam* runtime_seam) {
     g_seam.store(runtime_seam, std::memory_order_release);
 }
 
+namespace backend {
+void noteHostMemoryRefused(std::size_t bytes) { t_host_memory_refused = bytes > 0 ? bytes : 1; }
+}  // namespace backend
+
 bool checkDeviceCall(DeviceResult result, const char* expression, const char* file, int line) {
     if (result == DEVICE_SUCCESS) return true;
+    if (result == DEVICE_ERROR_MEMORY_ALLOCATION && t_host_memory_refused != 0) return false;
     deviceReport("CUDA error at %s:%d code=%d(%s) \"%s\" \n", file, line, result, deviceErrorName(result), expression);
     return false;
 }
@@ -47,7 +57,15 @@ DeviceResult deviceMemGetInfo(std::size_t* free_bytes, std::size_t* total_bytes)
                                 : backend::memGetInfo(free_bytes, total_bytes);
 }
 
+void throwDeviceFailure(DeviceResult result) {
+    const std::uint64_t refused = t_host_memory_refused;
+    t_host_memory_refused = 0;
+    if (result == DEVICE_ERROR_MEMORY_ALLOCATION && refused != 0) throw OutOfMemory(refused);
+    throw DeviceError();
+}
+
 DeviceResult deviceMalloc(void** ptr, std::size_t bytes) {
+    t_host_memory_refused = 0;
     const DeviceRuntimeSeam* s = seam();
     if (s && s->malloc_result) {
         const DeviceResult injected = s->malloc_result(bytes);

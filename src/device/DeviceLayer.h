@@ -72,8 +72,13 @@ public:
 };
 
 // True on success. Otherwise prints "CUDA error at file:line code=N(name) "expression"" on
-// standard error and returns false.
+// standard error and returns false; an allocation that the host backend could not have from the host's
+// memory is no device failure and prints nothing (the stage's memory failure says it).
 bool checkDeviceCall(DeviceResult result, const char* expression, const char* file, int line);
+
+// Throws what a failed call means: host memory that the host backend could not have as OutOfMemory with
+// the size asked for, anything else DeviceError.
+[[noreturn]] void throwDeviceFailure(DeviceResult result);
 
 // Runtime operations; synchronous on both backends.
 DeviceResult deviceGetCount(int* count);
@@ -135,10 +140,11 @@ struct DeviceRuntimeSeam {
 void installDeviceRuntimeSeam(const DeviceRuntimeSeam* seam);
 
 // The standard call pattern: check, report with the given expression text, throw DeviceError.
-#define TESSA_DEVICE_CHECK(call, expression)                                                     \
-    do {                                                                                         \
-        if (!::SurfaceReconstruction::checkDeviceCall((call), (expression), __FILE__, __LINE__)) \
-            throw ::SurfaceReconstruction::DeviceError();                                        \
+#define TESSA_DEVICE_CHECK(call, expression)                                                            \
+    do {                                                                                                \
+        const ::SurfaceReconstruction::DeviceResult tessa_result_ = (call);                             \
+        if (!::SurfaceReconstruction::checkDeviceCall(tessa_result_, (expression), __FILE__, __LINE__)) \
+            ::SurfaceReconstruction::throwDeviceFailure(tessa_result_);                                 \
     } while (0)
 
 // Guarded, repeatable release: a null pointer makes no call; the pointer is nulled only after the

@@ -20,5 +20,9 @@ DeviceResult getLastError();
 const char* errorName(DeviceResult result);
 const char* errorString(DeviceResult result);
 
+// The host backend's allocation of `bytes` was refused by the host's memory: the failed call that
+// follows on this thread is a memory failure, not a device's.
+void noteHostMemoryRefused(std::size_t bytes);
+
 }  // namespace backend
 }  // namespace SurfaceReconstruction

@@ -70,7 +70,9 @@ bool memoryIsHostMemory() { return false; }
 #else
 DeviceResult malloc(void** ptr, std::size_t bytes) {
     *ptr = std::malloc(bytes == 0 ? 1 : bytes);
-    return *ptr == nullptr ? DEVICE_ERROR_MEMORY_ALLOCATION : DEVICE_SUCCESS;
+    if (*ptr != nullptr) return DEVICE_SUCCESS;
+    noteHostMemoryRefused(bytes);  // the host's memory, not a device's
+    return DEVICE_ERROR_MEMORY_ALLOCATION;
 }
 
 DeviceResult free(void* ptr) {

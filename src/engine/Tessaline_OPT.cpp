@@ -9,6 +9,7 @@
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
+#include "common/MemoryFailure.h"
 #include "common/ThreadPool.h"
 #include "common/TimeProfiler.h"
 #include "contour/Reconstructor.h"
@@ -106,7 +107,13 @@ int Tessaline_OPT::exclusively(Holder holder, const char* operation, Body&& body
     int result = 1;
     try {
         result = body(error);
-    } catch (...) {  // the bodies guard themselves; this only keeps the engine's state sound
+    } catch (const std::bad_alloc& failure) {  // the bodies guard themselves; this keeps the engine sound
+        result = static_cast<int>(TESSALINE_OUT_OF_MEMORY);
+        try {
+            error = memoryFailureText(failure);
+        } catch (...) {
+        }
+    } catch (...) {
         result = 1;
     }
     setLastError(error);
@@ -543,6 +550,13 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     TimeProfiler profiler;
     reportStep(STEP_PREPROCESS, 1, 1, 1);
     profiler.time_start("portioner");
+    std::uint64_t held_points = 0;
+    for (const auto& frame : m_held_frames)
+        if (frame) held_points += frame->xyz.size();
+    // What each stage wants, for the text of a memory failure: a cleaned copy of the frames (28 bytes a
+    // point), the blocks' lists (a 40-byte record a point and margin, about 1.7 a point), a block's cells.
+    std::unique_ptr<MemoryStageScope> stage =
+        std::make_unique<MemoryStageScope>("[Tessaline_OPT] process (screening the frames)", held_points * 28);
     screenHeldFrames();
     std::uint64_t usable_points = 0;
     for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
@@ -556,6 +570,9 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
 
     // From here on the stages belong to this run.
     m_stages_spent = true;
+    stage.reset();
+    stage = std::make_unique<MemoryStageScope>("[Portioner] process (frames into blocks)",
+                                               usable_points * sizeof(RawPointWithHash) * 17 / 10);
     while (!m_frame_queue.empty()) {
         stopPoint();
         std::shared_ptr<FrameDataWithInfo> frame = m_frame_queue.front();
@@ -565,10 +582,14 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     stopPoint();
 
     result = m_portioner->processWithoutModel();
+    stage.reset();
     if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!")
         return exitWith("[Tessaline_OPT] process no usable points: no frames, or every point was dropped!", result);
     if (result != 0) return exitWith(m_portioner->getLastError(), result);
     const int max_block_points = m_portioner->getMaxBlockPointsSize();
+    stage = std::make_unique<MemoryStageScope>(
+        "[Tessaline_OPT] process (the octree, the field store, the largest block's arrays)",
+        blockWorkingSetBytes(static_cast<std::uint64_t>(max_block_points), 0));
 
     auto hash_params = std::make_shared<HashParameters>(defaultHashParameters());
     auto octree = std::make_shared<HashOctree>();
@@ -581,7 +602,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
 
     auto field_data_pool = std::make_shared<FieldDataPool>();
     if (!field_data_pool->init()) {
-        last_error = "[Tessaline_OPT] process field_data_pool->init failed!";
+        last_error = memoryFailureText(0);
         return static_cast<int>(TESSALINE_OUT_OF_MEMORY);
     }
     m_marching_cubes->setFieldDataPool(field_data_pool);
@@ -590,6 +611,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     result = m_marching_cubes->initDevice(static_cast<std::uint64_t>(max_block_points));
     if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
     profiler.time_stop("portioner", true);
+    stage.reset();
 
     const int block_count = m_portioner->getPointCloudBlockCount();
     int left_out_blocks = 0, left_out_status = 0;
@@ -610,18 +632,26 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
         // A block that fails is left out of the mesh; the run goes on, and says so at its end. The stage may
         // give up the block's points once it no longer needs them.
         const std::size_t block_points = block->points->size();
-        const int block_result = m_marching_cubes->process(block);
+        int block_result = 0;
+        {
+            const MemoryStageScope block_stage("[MarchingCubes] process (a block's cells)",
+                                               blockWorkingSetBytes(block_points, 0));
+            block_result = m_marching_cubes->process(block);
+        }
         if (block_result == 0) {
             profiler.time_stop("marching_cubes", true);
         } else {
-            char text[512];
+            char text[768];
             std::snprintf(text, sizeof(text), "block %d at (%g, %g, %g) with %llu points: %s", i,
                           static_cast<double>(block->center[0]) + m_run_origin[0],
                           static_cast<double>(block->center[1]) + m_run_origin[1],
                           static_cast<double>(block->center[2]) + m_run_origin[2],
                           static_cast<unsigned long long>(block_points), m_marching_cubes->getLastError().c_str());
             diagnostic("[Tessaline_OPT] process left out %s\n", text);
-            if (left_out_blocks == 0) {
+            // A block left out for want of memory makes the run's status the memory status, whichever block
+            // was first.
+            if (left_out_blocks == 0 ||
+                (block_result == static_cast<int>(TESSALINE_OUT_OF_MEMORY) && left_out_status != block_result)) {
                 left_out_status = block_result;
                 first_left_out = text;
             }
@@ -643,7 +673,9 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
 
     stopPoint();
     profiler.time_start("reconstructor");
+    stage = std::make_unique<MemoryStageScope>("[Reconstructor] process (the mesh)", 0);
     result = m_reconstructor->process(mesh);
+    stage.reset();
     if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
     profiler.time_stop("reconstructor", true);
 
@@ -657,13 +689,16 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     last_error = "no error!";
     if (left_out_blocks > 0) {
         // The mesh holds the rest of the scan; the status says that it is not all of it.
-        char text[768];
+        char text[1024];
         std::snprintf(text, sizeof(text),
                       "[Tessaline_OPT] process left out part of the scan: %d of %d blocks (%llu points, margins "
                       "included); the mesh holds the rest. First: %s",
                       left_out_blocks, block_count, static_cast<unsigned long long>(left_out_points),
                       first_left_out.c_str());
         last_error = text;
+        if (left_out_status == static_cast<int>(TESSALINE_OUT_OF_MEMORY) &&
+            last_error.find(MEMORY_ADVICE) == std::string::npos)
+            last_error += std::string("; ") + MEMORY_ADVICE;
         diagnostic("%s\n", text);
         return left_out_status;
     }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <new>
 
+#include "common/MemoryFailure.h"
 #include "field/FieldComputation.h"
 #include "fusion/MarchingCubes.h"
 
@@ -25,7 +26,7 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
         centre_array.clear();
         centre_array.resize(static_cast<std::size_t>(n));
     } catch (const std::bad_alloc&) {
-        m_last_error = "voxel_field_centers alloc failed.";
+        m_last_error = memoryFailureText(static_cast<std::uint64_t>(n) * sizeof(VoxelFieldCenter));
         return TESSALINE_OUT_OF_MEMORY;
     }
     VoxelFieldCenter* centres = centre_array.data();

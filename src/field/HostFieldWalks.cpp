@@ -372,12 +372,13 @@ struct CellScratch {
 
     ColumnView view() const { return {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data(), tag.data()}; }
 
-    // Room for n points and the padding, keeping the points gathered.
+    // Room for n points and the padding, keeping the points gathered. x, whose size says the room, grows
+    // last: a growth that runs out of memory part way leaves x short, and the next call grows them all.
     void roomFor(std::size_t n) {
         if (x.size() >= n + HOST_COLUMN_PADDING) return;
         const std::size_t length = n + HOST_COLUMN_PADDING + n / 2;
-        for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) column->resize(length);
         tag.resize(length);
+        for (UninitialisedArray<float>* column : {&nz, &ny, &nx, &z, &y, &x}) column->resize(length);
     }
 };
 

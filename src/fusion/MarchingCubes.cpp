@@ -7,6 +7,7 @@
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
 #include "common/HostMemory.h"
+#include "common/MemoryFailure.h"
 #include "common/RunStop.h"
 #include "common/SimpleLineHash.h"
 #include "common/SpinLock.h"
@@ -64,6 +65,11 @@ int MarchingCubes::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) 
 }
 
 int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
+    return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, "[MarchingCubes] process try catch device error!"},
+                      {1, "[MarchingCubes] process try catch error!"}, [&]() -> int { return processBlock(block); });
+}
+
+int MarchingCubes::processBlock(const std::shared_ptr<PointCloudBlock>& block) {
     if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_hash_octree) {
         m_last_error = "[MarchingCubes] process error , m_hash_octree == nullptr !";
@@ -87,16 +93,17 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     // The block's cells must fit in what the process may still use, beside the reserve that the mesh
     // stage keeps; a block that asks for more is left out rather than taking the process down.
     const std::uint64_t wanted = blockWorkingSetBytes(block->points->size(), bins_header.size());
+    wantMemory(wanted);
     HostMemoryInfo memory;
     if (readHostMemory(memory)) {
         const std::uint64_t usable = usableHostBytes(memory);
         if (wanted + BLOCK_MEMORY_RESERVE_BYTES > usable) {
-            char text[256];
+            char text[320];
             std::snprintf(text, sizeof(text),
                           "[MarchingCubes] the block's cells want about %llu MiB, the process may use %llu MiB "
-                          "beside a reserve of %llu MiB",
+                          "beside a reserve of %llu MiB; %s",
                           static_cast<unsigned long long>(wanted >> 20), static_cast<unsigned long long>(usable >> 20),
-                          static_cast<unsigned long long>(BLOCK_MEMORY_RESERVE_BYTES >> 20));
+                          static_cast<unsigned long long>(BLOCK_MEMORY_RESERVE_BYTES >> 20), MEMORY_ADVICE);
             m_last_error = text;
             return TESSALINE_OUT_OF_MEMORY;
         }
@@ -122,7 +129,9 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     stopPoint();
     profiler.time_start("mc-step2");
     if (full_chain) profiler.time_start("mc-step2-1");
-    if (prepareSimpleHash(bins_header) != 0) {
+    result = prepareSimpleHash(bins_header);
+    if (result == static_cast<int>(TESSALINE_OUT_OF_MEMORY)) return result;  // its text says what was wanted
+    if (result != 0) {
         m_last_error = " [MarchingCubes] prepareSimpleHash failed";
         return 1;
     }

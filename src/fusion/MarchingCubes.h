@@ -95,6 +95,7 @@ public:
     int setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool);
     // Sizes the device buffers for the largest block of the run.
     int initDevice(std::uint64_t max_points);
+    // One block's cells and fields; memory that runs out leaves the block out with status 66049.
     int process(const std::shared_ptr<PointCloudBlock>& block);
     int deInitDevice();
     int deInit();
@@ -106,6 +107,7 @@ public:
     float resolution() const { return m_resolution; }
 
 private:
+    int processBlock(const std::shared_ptr<PointCloudBlock>& block);
     friend struct TestAccess;  // the tests reach the steps of a block below
 
     // Sorts the block's points by the Morton code of their bin and describes each bin; the order of

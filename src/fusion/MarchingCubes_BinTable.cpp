@@ -9,6 +9,7 @@
 
 #include "common/Atomics.h"
 #include "common/GridHash.h"
+#include "common/MemoryFailure.h"
 #include "common/Morton.h"
 #include "common/SimpleLineHash.h"
 #include "fusion/MarchingCubes.h"
@@ -31,7 +32,9 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
     const std::uint64_t excess = n + 1024;
     const int result = m_block_loc_hash->init(buckets, excess);
     if (result != 0) {
-        m_last_error = " [MarchingCubes] block_loc_hash->init failed";
+        m_last_error = result == static_cast<int>(TESSALINE_OUT_OF_MEMORY)
+                           ? memoryFailureText((buckets + excess) * sizeof(SimpleLineHashEntry))
+                           : " [MarchingCubes] block_loc_hash->init failed";
         return result;
     }
     const std::int64_t count = static_cast<std::int64_t>(n);

@@ -24,8 +24,10 @@
 
 #include "common/Diagnostics.h"
 #include "common/GridHash.h"
+#include "common/MemoryFailure.h"
 #include "common/Morton.h"
 #include "fusion/MarchingCubes.h"
+#include "tessaline/Tessaline.h"
 #include "volume/HashOctree.h"
 
 namespace SurfaceReconstruction {
@@ -243,9 +245,9 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
                 pending.push_back(p);
             } catch (const std::bad_alloc&) {
+                // No room for the record: the block fails (a cell left out would leave a hole unsaid).
                 if (records.size() > static_cast<std::size_t>(index)) records.pop_back();
-                m_last_error = "[MarchingCubes] tmp_cell_device_pool->allocDataIndex failed";
-                return false;
+                throw;
             }
             leaf->data_id = index;
             leaf->data_state = 1;
@@ -270,7 +272,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     };
     const auto visitCell = [&](const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search) {
         CellNode* leaf = nullptr;
-        if (m_hash_octree->insertLeafNodeAlongPath(*root, pos, target_half, path, leaf) != 0) return true;
+        const int inserted = m_hash_octree->insertLeafNodeAlongPath(*root, pos, target_half, path, leaf);
+        // The cell pool full fails the block; a position outside the root makes no cell.
+        if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
+        if (inserted != 0) return true;
         return visitLeaf(leaf, pos, word, search);
     };
 
@@ -686,7 +691,8 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             }
         };
         bool one_record_a_visit = true;
-        bool walk_failed = false;
+        // No exception leaves the team: the first (no room for a record or a list) is thrown after it.
+        TeamFailure walk_failure;
         // Cells of the bin's size search one key around them, two when sparse: from the bitmap, all the
         // cells of a bin take their bins from one read of the keys around it.
         const bool around_bins = m_bitmap_valid && searchReach(r, wide_search_edge) == 1;
@@ -715,8 +721,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                                     // While every visit reaches a new leaf, the walk only shapes the tree and
                                     // numbers the leaves; their records are made afterwards on all cores.
                                     CellNode* leaf = nullptr;
-                                    const bool reached =
-                                        m_hash_octree->insertLeafNodeAlongPath(*root, pos, r * 0.5f, path, leaf) == 0;
+                                    const int inserted =
+                                        m_hash_octree->insertLeafNodeAlongPath(*root, pos, r * 0.5f, path, leaf);
+                                    if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
+                                    const bool reached = inserted == 0;
                                     if (reached && leaf->data_id == -1 && leaf->child_count == 0) {
                                         leaf->data_id = static_cast<std::int32_t>(made);
                                         leaf->data_state = 1;
@@ -733,13 +741,14 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                                 }
                     }
                 } catch (...) {
-                    walk_failed = true;
+                    walk_failure.keep(std::current_exception());
                 }
             }
             const int thread = omp_get_thread_num();
             UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
 #pragma omp for schedule(dynamic, 64) nowait
             for (std::int64_t b = 0; b < bin_count; ++b) {
+                if (walk_failure.failed()) continue;
                 try {
                     const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
                     if (mask == 0) continue;
@@ -802,14 +811,12 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                         found_at[v] = static_cast<std::int64_t>(start);
                         found_by[v] = static_cast<std::uint16_t>(thread);
                     }
-                } catch (const std::bad_alloc&) {
-                    // no room for a list: the block fails below, no exception leaves the team
-#pragma omp atomic write
-                    walk_failed = true;
+                } catch (...) {
+                    walk_failure.keep(std::current_exception());
                 }
             }
         }
-        if (walk_failed) throw std::bad_alloc();
+        walk_failure.rethrow();
         searched = one_record_a_visit;
         if (searched) {
             records.resize(static_cast<std::size_t>(visits));
@@ -828,23 +835,28 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         found_by.assign(static_cast<std::size_t>(n), 0);
     }
     if (!searched) {
+        TeamFailure search_failure;  // no room for a list: thrown once the team has ended
 #pragma omp parallel
         {
             const int thread = omp_get_thread_num();
             UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
 #pragma omp for schedule(dynamic, 64)
             for (std::int64_t i = 0; i < n; ++i) {
-                const std::size_t start = list.size();
-                const auto result = search(pending[static_cast<std::size_t>(i)],
-                                           [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
-                CellNode_Device& record = records[static_cast<std::size_t>(i)];
-                record.point_count += result.first;
-                if (result.second) record.rules |= CELL_WIDENED_SEARCH;
-                found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
-                found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
-                found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+                if (search_failure.failed()) continue;
+                search_failure.run([&] {
+                    const std::size_t start = list.size();
+                    const auto result = search(pending[static_cast<std::size_t>(i)],
+                                               [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                    CellNode_Device& record = records[static_cast<std::size_t>(i)];
+                    record.point_count += result.first;
+                    if (result.second) record.rules |= CELL_WIDENED_SEARCH;
+                    found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
+                    found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
+                    found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+                });
             }
         }
+        search_failure.rethrow();
     }
 
     // Absorptions, in the order they happened: a record's relations are the searches of the records

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/Diagnostics.h"
+#include "common/MemoryFailure.h"
 #include "fusion/MarchingCubes.h"
 #include "volume/HashOctree.h"
 
@@ -79,6 +80,10 @@ std::int64_t MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
         c->data_state = 2;
         c->field_count = static_cast<std::uint8_t>(count);
     }
+    // A full store fails the block (its cells were reset above, and the block's tree goes back to the
+    // pool): fields dropped without a word would leave holes in the mesh.
+    if (first_slot.back() > 0 && !have_slots)
+        throw OutOfMemory(static_cast<std::uint64_t>(first_slot.back()) * sizeof(FieldSlot));
     return have_slots ? first_slot.back() : 0;
 }
 

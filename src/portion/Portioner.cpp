@@ -66,7 +66,14 @@ bool Portioner::frameFits(const FrameDataWithInfo& frame) const { return frame.x
 int Portioner::init() {
     std::size_t free_bytes = 0, total_bytes = 0;
     const bool known = deviceMemGetInfo(&free_bytes, &total_bytes) == DEVICE_SUCCESS;
-    const int result = initRawSurface_Device(PORTIONER_RAW_SURFACE_CAPACITY(maxFramePoints(), known, free_bytes));
+    const std::uint64_t capacity = PORTIONER_RAW_SURFACE_CAPACITY(maxFramePoints(), known, free_bytes);
+    const MemoryStageScope stage("[Portioner] init (the first pass's buffers)",
+                                 capacity * (3 * sizeof(float) + sizeof(RawSurfaceBlockPos)));
+    const int result = initRawSurface_Device(capacity);
+    if (result == static_cast<int>(TESSALINE_OUT_OF_MEMORY)) {
+        m_inited = false;  // the text says what the first pass's buffers wanted
+        return result;
+    }
     if (result != 0) {
         m_inited = false;
         m_last_error = "[Portioner] init try catch error!";
@@ -162,6 +169,8 @@ int Portioner::preProcessForAddScanFrame() {
             const std::uint64_t excess = std::max<std::uint64_t>(PORTIONER_HASH_EXCESS, m_raw_surface_block_vec.size());
             auto simple_line_hash = std::make_shared<SimpleLineHash>();
             int result = simple_line_hash->init(buckets, excess);
+            if (result == static_cast<int>(TESSALINE_OUT_OF_MEMORY))
+                m_last_error = memoryFailureText((buckets + excess) * sizeof(SimpleLineHashEntry));
             if (result != 0) return result;
             m_hash_entry_size = simple_line_hash->getHashBucketSize() + simple_line_hash->getHashExcessSize();
             m_hash_mask = simple_line_hash->getHashMask();
@@ -327,21 +336,32 @@ int Portioner::processWithoutModel() {
         m_last_error = "[Portioner] processWithoutModel: the blocks already come from a model!";
         return 1;
     }
-    if (reOrganizeRawSurfaceBlock_Task() != 0) {
+    // A failure for want of memory keeps the memory status and the text that says what was wanted.
+    int result = reOrganizeRawSurfaceBlock_Task();
+    if (result == static_cast<int>(TESSALINE_OUT_OF_MEMORY)) return result;
+    if (result != 0) {
         m_last_error = "[Portioner] reOrganizeRawSurfaceBlock_Task failed!";
         return 1;
     }
-    addSeamNeighbourBlocks();
-    int result = preProcessForAddScanFrame();
+    result = runGuarded(m_last_error, {1, "[Portioner] addSeamNeighbourBlocks try catch error!"}, [&]() -> int {
+        addSeamNeighbourBlocks();
+        return 0;
+    });
+    if (result != 0) return result;
+    result = preProcessForAddScanFrame();
     if (result != 0) {
-        m_last_error = "[Portioner] preProcessForAddScanFrame failed!";
+        if (result != static_cast<int>(TESSALINE_OUT_OF_MEMORY))
+            m_last_error = "[Portioner] preProcessForAddScanFrame failed!";
         return result;
     }
     // Device memory is host memory: the frames need no copy into batches on their way to the blocks.
     // Should the counts not fit the lists (which they always do), the batches take them as they come.
-    const bool direct = m_straight_from_frames && deviceMemoryIsHostMemory() && !m_frame_shares.empty() &&
-                        runGuarded(m_last_error, {1, "[Portioner] processScanFrameList_Device try catch error!"},
-                                   [&]() -> int { return partitionWaitingFramesOnHost(blockRes(), extRes()); }) == 0;
+    int direct_result = 1;
+    if (m_straight_from_frames && deviceMemoryIsHostMemory() && !m_frame_shares.empty())
+        direct_result = runGuarded(m_last_error, {1, "[Portioner] processScanFrameList_Device try catch error!"},
+                                   [&]() -> int { return partitionWaitingFramesOnHost(blockRes(), extRes()); });
+    if (direct_result == static_cast<int>(TESSALINE_OUT_OF_MEMORY)) return direct_result;
+    const bool direct = direct_result == 0;
     m_share_counts.clear();
     m_frame_shares.clear();
     if (direct) {

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "common/MemoryFailure.h"
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
 #include "common/SimpleLineHash.h"
@@ -90,14 +91,14 @@ public:
     ~ZeroedArray() { std::free(m_data); }
     ZeroedArray(const ZeroedArray&) = delete;
     ZeroedArray& operator=(const ZeroedArray&) = delete;
-    // Throws std::bad_alloc where the storage cannot be had.
+    // Throws OutOfMemory where the storage cannot be had.
     void assignZeroed(std::size_t n) {
         std::free(m_data);
         m_data = nullptr;
         m_size = 0;
         if (n == 0) return;
         m_data = static_cast<T*>(std::calloc(n, sizeof(T)));
-        if (m_data == nullptr) throw std::bad_alloc();
+        if (m_data == nullptr) throw OutOfMemory(static_cast<std::uint64_t>(n) * sizeof(T));
         m_size = n;
     }
     T* data() { return m_data; }

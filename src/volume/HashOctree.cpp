@@ -227,17 +227,23 @@ int HashOctree::init(const std::shared_ptr<HashParameters>& params) {
     m_inited = false;
     return runGuarded(m_last_error, {1, "BlockHashOctree: init try cath error!"}, [&]() -> int {
         if (!params) throw std::invalid_argument("no hash parameters");
+        // The table's slots are mapped at once (the system gives pages on first touch), the pool's first
+        // blocks too: an address-space limit below them fails here.
+        const std::uint64_t table_bytes = (params->HASH_BUCKET_NUM + params->HASH_EXCESS_LIST_SIZE) * sizeof(HashEntry);
+        const std::uint64_t pool_bytes =
+            params->CELL_POOL_INIT_BLOCKS * params->CELL_POOL_BLOCK_SIZE * sizeof(CellNode);
+        const MemoryStageScope stage("[HashOctree] init (the octree's table and cells)", table_bytes + pool_bytes);
         m_hash_params = params;
         m_hash_table = std::make_shared<HashTable>();
         m_global_params = std::make_shared<GlobalHashParams>();
         m_global_params->cur_ExcessHash_Index = static_cast<std::int32_t>(params->HASH_BUCKET_NUM);
         if (m_hash_table->init(params, m_global_params) != 0) {
-            m_last_error = "BlockHashOctree: m_hash_entries init failed!";
+            m_last_error = memoryFailureText(table_bytes);
             return TESSALINE_OUT_OF_MEMORY;
         }
         m_cell_pool = std::make_shared<CellNodePool>();
         if (m_cell_pool->init(params) != 0) {
-            m_last_error = "BlockHashOctree: m_cell_pool init failed!";
+            m_last_error = memoryFailureText(pool_bytes);
             return TESSALINE_OUT_OF_MEMORY;
         }
         m_hash_cell_list = std::make_shared<HashRootCellList>();
