@@ -814,6 +814,8 @@ TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
         EXPECT_TRUE(contains(r.out, "\"resolution_auto\": true"));
         EXPECT_EQ(jsonNumber(r.out, "boundary_edges"), 0.0) << c.units;  // a closed sphere
         EXPECT_GT(jsonNumber(r.out, "triangles"), 10000.0);
+        // The README's bound on the program's peak: 0.5 GiB and eight times the points' own 28 bytes.
+        EXPECT_LT(jsonNumber(r.out, "peak_memory_mib"), 512.0 + 8.0 * 28.0 * n / 1048576.0);
         EXPECT_EQ(r.err.find('\r'), std::string::npos);  // no progress bar into a file
         EXPECT_TRUE(std::filesystem::exists(output));
     }
