@@ -55,12 +55,15 @@ def test_a_sphere_gives_a_closed_mesh_on_the_sphere_facing_out():
     even = np.sqrt(4 * np.pi * 30.0**2 / 20000)
     assert mesh.resolution == pytest.approx(1.5 * even, rel=0.05)
     assert mesh.point_spacing[1] == pytest.approx(even, rel=0.05)
+    # Evenly spread, every point lies as densely as the median: all get the finest cells, code 8.
+    assert mesh.scale_codes == {64: 0, 32: 0, 16: 0, 8: 20000, 4: 0, 2: 0, 1: 0}
 
 
 def test_frames_in_metres_come_back_in_metres():
     points, normals = sphere(n=8000)
     mesh = tessaline.reconstruct([{"points": points / 1000.0, "normals": normals}], unit="m", resolution=1.0)
     assert mesh.resolution == 1.0  # millimetres, whatever the unit
+    assert mesh.scale_codes is None  # a fixed resolution keeps the points' own words
     assert np.abs(np.linalg.norm(mesh.vertices - 0.1, axis=1) - 0.03).max() < 5e-5
 
 
