@@ -681,6 +681,37 @@ std::int64_t runAt(const Bucketed& b, const LocalSpacing& local, const CellNumbe
     return -1;
 }
 
+// Counts the points of points[0, n) within `bound` (squared) of q and adds their offsets from q to `sum`,
+// point after point. Four distances at a time where the processor has SSE2, each rounded as squaredDistance
+// rounds it; the sums are taken in the points' order either way, so the figures are the same.
+inline void sumWithin(const float* q, const Vec3f* points, std::size_t n, float bound, double (&sum)[3],
+                      std::size_t& inside) {
+    const auto take = [&](const Vec3f& p) {
+        for (int a = 0; a < 3; ++a) sum[a] += static_cast<double>(p[a]) - q[a];
+        ++inside;
+    };
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    const __m128 qx = _mm_set1_ps(q[0]), qy = _mm_set1_ps(q[1]), qz = _mm_set1_ps(q[2]);
+    const __m128 within = _mm_set1_ps(bound);
+    const float* p = points[0].data();
+    for (; i + 4 <= n; i += 4, p += 12) {
+        const __m128 a = _mm_loadu_ps(p), b = _mm_loadu_ps(p + 4), c = _mm_loadu_ps(p + 8);
+        const __m128 x = _mm_shuffle_ps(a, _mm_shuffle_ps(b, c, _MM_SHUFFLE(1, 0, 3, 2)), _MM_SHUFFLE(3, 0, 3, 0));
+        const __m128 y = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(0, 0, 1, 1)),
+                                        _mm_shuffle_ps(b, c, _MM_SHUFFLE(2, 2, 3, 3)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 z = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(1, 1, 2, 2)),
+                                        _mm_shuffle_ps(c, c, _MM_SHUFFLE(3, 3, 0, 0)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 dx = _mm_sub_ps(qx, x), dy = _mm_sub_ps(qy, y), dz = _mm_sub_ps(qz, z);
+        const __m128 d = _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        for (int lanes = _mm_movemask_ps(_mm_cmple_ps(d, within)); lanes != 0; lanes &= lanes - 1)
+            take(points[i + static_cast<std::size_t>(__builtin_ctz(lanes))]);
+    }
+#endif
+    for (; i < n; ++i)
+        if (squaredDistance(q, points[i]) <= bound) take(points[i]);
+}
+
 // The ball around a point in which its density is measured: first one edge of the grid (about the distance
 // from a point as dense as the scan's median to its 64th nearest), doubled until it holds BALL_POINTS other
 // points or reaches BALL_EDGES edges.
@@ -710,12 +741,7 @@ float spacingAround(const Bucketed& b, const float* q) {
         std::size_t inside = 0;
         // Points of other groups in the same cells of the grid lie far outside the ball.
         forCellsInBox(b, from, to, [&](std::uint32_t cell) {
-            for (std::uint32_t x = b.start[cell]; x < b.start[cell + 1]; ++x) {
-                const Vec3f& p = b.points[x];
-                if (!(squaredDistance(q, p) <= bound)) continue;
-                for (int a = 0; a < 3; ++a) sum[a] += static_cast<double>(p[a]) - q[a];
-                ++inside;
-            }
+            sumWithin(q, &b.points[b.start[cell]], b.start[cell + 1] - b.start[cell], bound, sum, inside);
         });
         const std::size_t others = inside > 0 ? inside - 1 : 0;
         if (others < BALL_POINTS && edges < BALL_EDGES) continue;
