@@ -1,18 +1,23 @@
 // The Python module `tessaline`: numpy frames in, one finished mesh out, through the library's public
 // interface and its mesh library. The frames are copied out of numpy first; the run itself happens with
 // the GIL released, and the step callback takes it back for each call.
-#include <fcntl.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "tessaline/Tessaline.h"
 #include "tessaline/TessalineMesh.h"
@@ -295,6 +300,7 @@ Input readFrameArrays(const std::vector<FrameArrays>& arrays, float scale, const
         common.sensor = readSensor(sensor, "sensor", scale, origin);
     }
     for (const FrameArrays& f : arrays) {
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();  // Ctrl-C while a large scan is copied
         in.frames.push_back(readFrame(f, scale, origin));
         if (!f.colors.is_none()) {
             const std::vector<Rgb> colours = readColours(f.colors, label(f, "colors"), in.frames.back()->xyz.size());
@@ -337,30 +343,84 @@ py::object estimateMissingNormals(Input& in) {
     return std::move(counts);
 }
 
-// Standard output (the library's diagnostic lines) sent to /dev/null while it lives.
-class SilencedStdout {
+// Ctrl-C during a run. Python's handler only runs when the interpreter does, which it does not while the
+// library works with the GIL released. For the length of a run on the main thread a handler of the module's
+// stands in front of Python's: it counts the signal and hands it on (Python raises KeyboardInterrupt once
+// the call returns), and a watcher thread asks the engine to stop as soon as it sees the count move.
+std::mutex g_interrupt_lock;
+int g_interrupt_users = 0;
+struct sigaction g_python_handler;
+std::atomic<unsigned> g_interrupts{0};
+
+extern "C" void onInterrupt(int signal, siginfo_t* info, void* context) {
+    g_interrupts.fetch_add(1);
+    if (g_python_handler.sa_flags & SA_SIGINFO) {
+        if (g_python_handler.sa_sigaction != nullptr) g_python_handler.sa_sigaction(signal, info, context);
+    } else if (g_python_handler.sa_handler != SIG_IGN && g_python_handler.sa_handler != SIG_DFL) {
+        g_python_handler.sa_handler(signal);
+    }
+}
+
+class InterruptWatch {
 public:
-    SilencedStdout() {
-        std::fflush(stdout);
-        const int null = open("/dev/null", O_WRONLY);
-        if (null < 0) return;
-        m_saved = dup(STDOUT_FILENO);
-        if (m_saved >= 0) dup2(null, STDOUT_FILENO);
-        close(null);
-    }
-    ~SilencedStdout() {
-        std::fflush(stdout);
-        if (m_saved >= 0) {
-            dup2(m_saved, STDOUT_FILENO);
-            close(m_saved);
+    // With the GIL held. Off the main thread, Ctrl-C is not this call's: nothing is armed.
+    explicit InterruptWatch(Tessaline& engine) : m_engine(engine), m_start(g_interrupts.load()) {
+        const py::module_ threading = py::module_::import("threading");
+        if (!threading.attr("current_thread")().is(threading.attr("main_thread")())) return;
+        {
+            std::lock_guard<std::mutex> lock(g_interrupt_lock);
+            if (g_interrupt_users++ == 0) {
+                struct sigaction ours = {};
+                ours.sa_sigaction = onInterrupt;
+                ours.sa_flags = SA_SIGINFO | SA_RESTART;
+                sigemptyset(&ours.sa_mask);
+                sigaction(SIGINT, &ours, &g_python_handler);
+            }
         }
+        m_armed = true;
+        m_watcher = std::thread([this] {
+            std::unique_lock<std::mutex> lock(m_lock);
+            while (!m_done) {
+                if (seen()) {
+                    m_engine.requestStop();
+                    return;
+                }
+                m_wake.wait_for(lock, std::chrono::milliseconds(20));
+            }
+        });
     }
-    SilencedStdout(const SilencedStdout&) = delete;
-    SilencedStdout& operator=(const SilencedStdout&) = delete;
+    ~InterruptWatch() {
+        if (!m_armed) return;
+        {
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_done = true;
+        }
+        m_wake.notify_all();
+        m_watcher.join();
+        std::lock_guard<std::mutex> lock(g_interrupt_lock);
+        if (--g_interrupt_users == 0) sigaction(SIGINT, &g_python_handler, nullptr);
+    }
+    InterruptWatch(const InterruptWatch&) = delete;
+    InterruptWatch& operator=(const InterruptWatch&) = delete;
+
+    // Ctrl-C came since the watch began.
+    bool seen() const { return m_armed && g_interrupts.load() != m_start; }
 
 private:
-    int m_saved = -1;
+    Tessaline& m_engine;
+    const unsigned m_start;
+    bool m_armed = false;
+    bool m_done = false;
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    std::thread m_watcher;
 };
+
+// Raises KeyboardInterrupt, through Python's own handler where it is pending.
+[[noreturn]] void raiseInterrupt() {
+    if (PyErr_CheckSignals() == 0) PyErr_SetNone(PyExc_KeyboardInterrupt);
+    throw py::error_already_set();
+}
 
 struct Mesh {
     py::array vertices, triangles, words, normals;
@@ -459,6 +519,7 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     Input input = readFrames(frames_in, scale, sensor);
     Frames& frames = input.frames;
     const py::object normals_estimate = estimateMissingNormals(input);
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 
     PointSpacing spacing;
     ScaleCodeChoice codes;
@@ -471,6 +532,7 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
             py::gil_scoped_release released;
             status = chooseScaleCodes(frames, codes);
         }
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
         if (status != 0)
             throw Error("choosing the cell sizes from the points failed with status " + std::to_string(status));
         measured = true;
@@ -483,6 +545,8 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     }
 
     Tessaline engine;
+    // The library's lines go through a sink: nowhere unless verbose (then to standard output, as printed).
+    if (!verbose) engine.setDiagnosticSink([](const std::string&, bool) {});
     if (engine.init() != 0) throw Error("no usable compute device: " + engine.getLastErrorMsg());
     engine.setResolution(resolution);
     if (engine.getLastErrorMsg() != "no error!") {  // the exported setter returns nothing
@@ -515,22 +579,20 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     IndexedMesh mesh;
     double expected = 0.0;
     std::size_t removed = 0;
+    const InterruptWatch interrupt(engine);
     {
         py::gil_scoped_release released;
         auto soup = std::make_shared<MultiMeshData>();
-        {
-            std::optional<SilencedStdout> silence;
-            if (!verbose) silence.emplace();
-            status = engine.process(soup);
-        }
+        status = engine.process(soup);
         last_error = engine.getLastErrorMsg();
         engine.deInit();
-        if (status == 0) {
+        // The steps after the run each take well under a second; Ctrl-C is looked at between them.
+        if (status == 0 && !interrupt.seen()) {
             mesh_status = weldMesh(*soup, resolution * 1e-4f, mesh);
             soup.reset();
-            if (mesh_status == 0) mesh_status = removeSmallPieces(mesh, min_piece, &removed);
-            if (mesh_status == 0) mesh_status = fillSmallHoles(mesh, fill_holes);
-            if (mesh_status == 0 && input.coloured)
+            if (mesh_status == 0 && !interrupt.seen()) mesh_status = removeSmallPieces(mesh, min_piece, &removed);
+            if (mesh_status == 0 && !interrupt.seen()) mesh_status = fillSmallHoles(mesh, fill_holes);
+            if (mesh_status == 0 && input.coloured && !interrupt.seen())
                 mesh_status = colourVertices(mesh, input.colour_points, input.colours, resolution);
             // Only the warning needs it here: an estimate from a thinned sample.
             if (mesh_status == 0 && !measured) measured = estimatePointSpacing(frames, spacing) == 0;
@@ -539,6 +601,7 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
         frames.clear();
     }
     if (call.error) throw *call.error;
+    if (interrupt.seen()) raiseInterrupt();
     if (status != 0) throw Error("reconstruction failed with status " + std::to_string(status) + ": " + last_error);
     if (mesh_status != 0) throw Error("finishing the mesh failed with status " + std::to_string(mesh_status));
     PointSpacing finest = spacing;  // what 'auto' takes: the finest cells, code 8

@@ -16,6 +16,8 @@
 #include <map>
 #include <mutex>
 
+#include "Diagnostics.h"
+
 namespace SurfaceReconstruction {
 
 namespace {
@@ -116,8 +118,8 @@ bool inDeviceMemory(const void* p, std::size_t bytes) {
 }
 
 void failLaunch(const char* kernel, int field, const void* pointer) {
-    std::fprintf(stderr, "[DeviceArena] launch of %s refused: pointer field %d (%p) is not device memory\n", kernel,
-                 field, pointer);
+    deviceReport("[DeviceArena] launch of %s refused: pointer field %d (%p) is not device memory\n", kernel, field,
+                 pointer);
     t_last_error = DEVICE_ERROR_ILLEGAL_ADDRESS;
 }
 
@@ -158,7 +160,7 @@ DeviceResult free(void* ptr) {
     std::lock_guard<std::mutex> lock(s.mutex);
     const Allocation* a = mappingOf(s, ptr);
     if (a == nullptr || a->data != ptr) {
-        std::fprintf(stderr, "[DeviceArena] cudaFree(%p): not an allocation of the device\n", ptr);
+        deviceReport("[DeviceArena] cudaFree(%p): not an allocation of the device\n", ptr);
         return DEVICE_ERROR_INVALID_VALUE;
     }
     char* mapping = a->mapping;
@@ -179,8 +181,8 @@ DeviceResult memcpy(void* dst, const void* src, std::size_t bytes, CopyKind kind
         const bool dst_ok = dst_device ? within(mappingOf(s, dst), dst, bytes) : outside(s, dst, bytes);
         const bool src_ok = src_device ? within(mappingOf(s, src), src, bytes) : outside(s, src, bytes);
         if (!dst_ok || !src_ok) {
-            std::fprintf(stderr, "[DeviceArena] cudaMemcpy(%p, %p, %zu, %s): %s is not %s memory of that size\n", dst,
-                         src, bytes, kindName(kind), dst_ok ? "the source" : "the destination",
+            deviceReport("[DeviceArena] cudaMemcpy(%p, %p, %zu, %s): %s is not %s memory of that size\n", dst, src,
+                         bytes, kindName(kind), dst_ok ? "the source" : "the destination",
                          (dst_ok ? src_device : dst_device) ? "device" : "host");
             return DEVICE_ERROR_INVALID_VALUE;
         }
@@ -196,8 +198,7 @@ DeviceResult memset(void* ptr, int value, std::size_t bytes) {
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         if (!within(mappingOf(s, ptr), ptr, bytes)) {
-            std::fprintf(stderr, "[DeviceArena] cudaMemset(%p, %d, %zu): not device memory of that size\n", ptr, value,
-                         bytes);
+            deviceReport("[DeviceArena] cudaMemset(%p, %d, %zu): not device memory of that size\n", ptr, value, bytes);
             return DEVICE_ERROR_INVALID_VALUE;
         }
     }

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "DeviceLayerBackend.h"
+#include "Diagnostics.h"
 
 namespace SurfaceReconstruction {
 
@@ -20,8 +21,7 @@ void installDeviceRuntimeSeam(const DeviceRuntimeSeam* runtime_seam) {
 
 bool checkDeviceCall(DeviceResult result, const char* expression, const char* file, int line) {
     if (result == DEVICE_SUCCESS) return true;
-    std::fprintf(stderr, "CUDA error at %s:%d code=%d(%s) \"%s\" \n", file, line, result, deviceErrorName(result),
-                 expression);
+    deviceReport("CUDA error at %s:%d code=%d(%s) \"%s\" \n", file, line, result, deviceErrorName(result), expression);
     return false;
 }
 

@@ -13,6 +13,8 @@
 #include <typeinfo>
 #include <utility>
 
+#include "Diagnostics.h"
+
 #if defined(__CUDACC__)
 #define TESSA_HD __host__ __device__
 #define TESSA_KERNEL_LAUNCH_CUDA 1
@@ -22,6 +24,13 @@
 #else
 #define TESSA_HD
 #define TESSA_LAUNCH_BOUNDS(threads)
+#endif
+
+// A line from inside a kernel: the device's printf on a device, the library's diagnostic line on the host.
+#if defined(__CUDA_ARCH__)
+#define TESSA_KERNEL_REPORT(...) printf(__VA_ARGS__)
+#else
+#define TESSA_KERNEL_REPORT(...) ::SurfaceReconstruction::diagnostic(__VA_ARGS__)
 #endif
 
 #if defined(TESSALINE_GUARDED_DEVICE) && defined(TESSALINE_CUDA)

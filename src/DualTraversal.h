@@ -126,7 +126,7 @@ public:
 private:
     static bool split(const CellNode* c) { return c != nullptr && c->cell_type == CELL_TYPE_BRANCH; }
     // The child in octant o of a split cell, the cell itself otherwise.
-    static const CellNode* at(const CellNode* c, int o) { return split(c) ? c->children[OCTANT_CHILD[o]] : c; }
+    static const CellNode* at(const CellNode* c, int o) { return split(c) ? c->child(OCTANT_CHILD[o]) : c; }
     static bool all(const CellNode* a, const CellNode* b, const CellNode* c, const CellNode* d) {
         return a && b && c && d;
     }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "DeviceLayer.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
@@ -16,11 +17,13 @@ struct Failure {
 };
 
 // Runs `body`, which returns a status. A DeviceError (reported on standard error where it was thrown)
-// becomes `device`, any other exception `other`.
+// becomes `device`, any other exception `other`; a stop asked of the run goes on up to the engine.
 template <class Body>
 int runGuarded(std::string& last_error, Failure device, Failure other, Body&& body) {
     try {
         return body();
+    } catch (const RunStopped&) {
+        throw;
     } catch (const DeviceError&) {
         if (device.text != nullptr) last_error = device.text;
         return device.status;

@@ -188,6 +188,15 @@ struct RelationWalks {
     int relation_size;
     const RawPointWithHash* points;
 
+    // The plane fit of the passes' sides; other walks may remember a fit of the same sums.
+    TESSA_HD void fitPlane(const MomentSums& sums, int count, const float reference[3], float normal[3]) const {
+        fitPlaneNormal(sums, count, reference, normal);
+    }
+
+    // The root bounds of the walks' comparisons; other walks may remember them for the cells of one size.
+    TESSA_HD float squareAtMost(float limit) const { return squareWithRootAtMost(limit); }
+    TESSA_HD float squareAtLeast(float limit) const { return squareWithRootAtLeast(limit); }
+
     TESSA_HD void firstNormal(const CellNode_Device& cell, float out[3]) const {
         const RawPointWithHash& first = points[relations[cell.relation_offset].offset];
         out[0] = first.nx;
@@ -326,14 +335,14 @@ TESSA_HD inline void computeInitNormalWith(CellNode_Device& cell, int relation_s
     float reference0[3];
     walks.firstNormal(cell, reference0);
     field_internal::InitFirstSums first = {};
-    walks.initFirst(cell, reference0, squareWithRootAtLeast(radius), first);
+    walks.initFirst(cell, reference0, walks.squareAtLeast(radius), first);
     if (static_cast<float>(first.count0) / static_cast<float>(cell.point_count) >= 0.5f) {
-        fitPlaneNormal(first.set0, first.count0, reference0, cell.init_normal);
+        walks.fitPlane(first.set0, first.count0, reference0, cell.init_normal);
         return;
     }
 
     field_internal::InitSecondSums second = {};
-    walks.initSecond(cell, squareWithRootAtMost(radius), first.reference1, first.reference2, second);
+    walks.initSecond(cell, walks.squareAtMost(radius), first.reference1, first.reference2, second);
     const MomentSums* sets[3] = {&first.set0, &second.set1, &second.set2};
     const int counts[3] = {first.count0, second.count1, second.count2};
     const float* references[3] = {reference0, first.reference1, first.reference2};
@@ -348,7 +357,7 @@ TESSA_HD inline void computeInitNormalWith(CellNode_Device& cell, int relation_s
         setCellRejection(cell.rules, CELL_NO_COMMON_NORMAL);
         return;
     }
-    fitPlaneNormal(*sets[chosen], counts[chosen], references[chosen], cell.init_normal);
+    walks.fitPlane(*sets[chosen], counts[chosen], references[chosen], cell.init_normal);
 }
 
 TESSA_HD inline void computeInitNormal(CellNode_Device& cell, const RelationCell2Bins_Device* relations,
@@ -362,11 +371,12 @@ namespace field_internal {
 TESSA_HD inline bool sideUsable(const SheetSums& side) { return side.count > 4 && side.near_count > 0; }
 
 // Fits the side and, when the fit agrees with the reference, stores the sheet at the next free slot.
+template <class Walks>
 TESSA_HD inline void storeSheet(CellNode_Device& cell, const SheetSums& side, const float reference[3],
-                                VoxelFieldCenter& centres) {
+                                VoxelFieldCenter& centres, const Walks& walks) {
     if (!sideUsable(side)) return;
     float normal[3];
-    fitPlaneNormal(side.moments, side.count, reference, normal);
+    walks.fitPlane(side.moments, side.count, reference, normal);
     if (dot3f(normal, reference) <= 0.2f) {
         setCellRejection(cell.rules, CELL_FIT_ACROSS);
         return;
@@ -392,8 +402,8 @@ TESSA_HD inline void computeFineNormalWith(CellNode_Device& cell, const DevicePa
     if (cell.field_flag < 0) return;
     const float edge = cell.half_size + cell.half_size;
     const float radius = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
-    const float reach_square = squareWithRootAtMost(radius);
-    const float near_square = squareWithRootAtLeast(edge * 4.0f);
+    const float reach_square = walks.squareAtMost(radius);
+    const float near_square = walks.squareAtLeast(edge * 4.0f);
     field_internal::SheetSums front = {}, back = {};
     walks.sides(cell, params, edge, reach_square, near_square, front, back);
     if ((cell.word & 0x100u) != 0 && !field_internal::sideUsable(front) && !field_internal::sideUsable(back)) {
@@ -407,10 +417,10 @@ TESSA_HD inline void computeFineNormalWith(CellNode_Device& cell, const DevicePa
         return;
     }
 
-    field_internal::storeSheet(cell, front, cell.init_normal, centres);
+    field_internal::storeSheet(cell, front, cell.init_normal, centres, walks);
     if (field_internal::sideUsable(back)) {
         for (int k = 0; k < 3; ++k) cell.init_normal[k] = -cell.init_normal[k];
-        field_internal::storeSheet(cell, back, cell.init_normal, centres);
+        field_internal::storeSheet(cell, back, cell.init_normal, centres, walks);
     }
     if (cell.field_flag > 0) setCellRejection(cell.rules, CELL_KEPT);
 }
@@ -547,7 +557,7 @@ TESSA_HD inline void computeFieldDataWith(CellNode_Device& cell, const DevicePar
         half_box = box_edge * 0.5f;
         k = 4;
     }
-    setup.reach_square = squareWithRootAtMost(edge * static_cast<float>(k));
+    setup.reach_square = walks.squareAtMost(edge * static_cast<float>(k));
     for (int axis = 0; axis < 3; ++axis) {
         setup.lo[axis] = cell.center[axis] - half_box;
         setup.hi[axis] = cell.center[axis] + half_box;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "FieldComputation.h"
 #include "MarchingCubes.h"
@@ -94,12 +95,12 @@ int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& bloc
         // Where device memory is host memory and kernels round as the host does, the host's own passes
         // serve as the device path, with the vector walks where the processor has them.
         if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST && hostFieldWalksAvailable())
-            return processMarchingCubeTaskOnHost(*block, cells);
+            return processMarchingCubeTaskOnHost(*block, cells, true);
         return computeFiledData_Device(cells);
     }
-    std::printf("[warining]: memory lacked, computeFiledData on Host\n");
+    diagnostic("[warining]: memory lacked, computeFiledData on Host\n");
     m_on_host = true;
-    return processMarchingCubeTaskOnHost(*block, cells);
+    return processMarchingCubeTaskOnHost(*block, cells, true);
 }
 
 // The device driver: three launches back to back on the default stream, checked once at the end.
@@ -128,7 +129,7 @@ int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* 
     deviceSynchronize();
     const DeviceResult error = deviceGetLastError();
     if (error != DEVICE_SUCCESS) {
-        std::printf("[error]: processMarchingCubeTask failed! %s \n", deviceErrorString(error));
+        diagnostic("[error]: processMarchingCubeTask failed! %s \n", deviceErrorString(error));
         return 1;
     }
     return 0;

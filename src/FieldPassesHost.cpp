@@ -12,7 +12,8 @@ namespace SurfaceReconstruction {
 // The host driver: the same passes over host memory, all three for a cell in one iteration (each writes
 // only its own cell), the cells handed out in small chunks to balance the cores. Where the processor has
 // the vector walks, they take the block's points as columns; they make the same cells.
-int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells) {
+int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells,
+                                                 bool points_may_go) {
     const int n = static_cast<int>(cells.cell_nodes.size());
     const int relation_size = static_cast<int>(cells.relations.size());
     const RelationCell2Bins_Device* relations = cells.relations.data();
@@ -32,7 +33,12 @@ int MarchingCubes::processMarchingCubeTaskOnHost(const PointCloudBlock& block, C
     if (hostFieldWalksAvailable()) {
         bool columns = true;
         try {
-            m_point_columns.assign(points, block.points->size());
+            if (points_may_go) {
+                m_point_columns.assignGivingBack(*block.points);
+                m_block_points_dev = nullptr;
+            } else {
+                m_point_columns.assign(points, block.points->size());
+            }
         } catch (const std::bad_alloc&) {
             columns = false;  // the per-cell functions below need no columns
         }

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "GridHash.h"
 #include "SpinLock.h"
@@ -80,7 +81,7 @@ HashEntry* HashTable::findOrInsertHashEntry(std::int32_t x, std::int32_t y, std:
         }
         const std::int32_t n = m_global_params->cur_ExcessHash_Index.fetch_add(1);
         if (static_cast<std::uint64_t>(n) - m_hash_params->HASH_BUCKET_NUM >= m_hash_params->HASH_EXCESS_LIST_SIZE) {
-            std::printf("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
+            diagnostic("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
             return nullptr;
         }
         HashEntry& added = m_hash_entries[n];
@@ -117,16 +118,32 @@ bool CellNodePool::addBlock() {
     return true;
 }
 
+bool CellNodePool::addChildrenBlock() {
+    CellChildren* block =
+        static_cast<CellChildren*>(std::malloc(sizeof(CellChildren) * m_hash_params->CELL_POOL_BLOCK_SIZE));
+    if (block == nullptr) return false;
+    m_children_blocks.push_back(block);
+    m_children_growth.blockAdded();
+    return true;
+}
+
 int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
     deInit();
     m_hash_params = params;
     m_growth.setBlockSize(static_cast<std::int64_t>(params->CELL_POOL_BLOCK_SIZE));
+    m_children_growth.setBlockSize(static_cast<std::int64_t>(params->CELL_POOL_BLOCK_SIZE));
     m_blocks.reserve(params->CELL_POOL_MAX_BLOCKS);
+    m_children_blocks.reserve(params->CELL_POOL_MAX_BLOCKS);
     for (std::uint64_t i = 0; i < params->CELL_POOL_INIT_BLOCKS; ++i) {
         if (!addBlock()) {
             deInit();
             return TESSALINE_OUT_OF_MEMORY;
         }
+    }
+    // A tree has fewer cells with children than cells: the slots start with one block.
+    if (!addChildrenBlock()) {
+        deInit();
+        return TESSALINE_OUT_OF_MEMORY;
     }
     m_inited = true;
     return 0;
@@ -134,8 +151,11 @@ int CellNodePool::init(const std::shared_ptr<HashParameters>& params) {
 
 int CellNodePool::deInit() {
     for (CellNode* block : m_blocks) std::free(block);  // cells are trivially destructible
+    for (CellChildren* block : m_children_blocks) std::free(block);
     m_blocks.clear();
+    m_children_blocks.clear();
     m_growth.clear();
+    m_children_growth.clear();
     m_inited = false;
     return 0;
 }
@@ -148,6 +168,17 @@ int CellNodePool::allocDataIndex(std::int32_t& index) {
 CellNode* CellNodePool::cellAt(std::int32_t index) const {
     const std::int64_t block_size = static_cast<std::int64_t>(m_hash_params->CELL_POOL_BLOCK_SIZE);
     return &m_blocks[static_cast<std::size_t>(index / block_size)][index % block_size];
+}
+
+int CellNodePool::allocChildrenIndex(std::int32_t& index) {
+    return m_children_growth.reserve(1, index, [this] {
+        return m_children_blocks.size() < m_hash_params->CELL_POOL_MAX_BLOCKS && addChildrenBlock();
+    });
+}
+
+CellChildren* CellNodePool::childrenAt(std::int32_t index) const {
+    const std::int64_t block_size = static_cast<std::int64_t>(m_hash_params->CELL_POOL_BLOCK_SIZE);
+    return &m_children_blocks[static_cast<std::size_t>(index / block_size)][index % block_size];
 }
 
 // ---- HashRootCellList ------------------------------------------------------------------------------
@@ -164,7 +195,7 @@ std::int32_t HashRootCellList::add(const std::shared_ptr<HashRootCellData>& data
 
 std::shared_ptr<HashRootCellData> HashRootCellList::get(std::int32_t id) const {
     if (id >= datas_size.load() || id < 0) {
-        std::printf("id >= datas_size.load() || id < 0 \n");
+        diagnostic("id >= datas_size.load() || id < 0 \n");
         return nullptr;
     }
     return datas[static_cast<std::size_t>(id)];
@@ -181,7 +212,11 @@ void markBranch(CellNode& cell) {
     compareExchangeAcqRel(cell.cell_type, expected, CELL_TYPE_BRANCH);
 }
 
-CellNode* loadChild(CellNode* const& child) { return loadAcquire(child); }
+// Child k of a cell that descents may be extending at the same time, or null.
+CellNode* loadChild(const CellNode& cell, int k) {
+    const CellChildren* slots = loadAcquire(cell.children);
+    return slots != nullptr ? loadAcquire(slots->at[k]) : nullptr;
+}
 }  // namespace
 
 HashOctree::~HashOctree() {
@@ -318,7 +353,7 @@ int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const floa
             const CellNode* c = path.cells[i];
             if (c->cell_type == CELL_TYPE_LEAF) break;
             if (upper > c->half_size) break;
-            if (c->children[childIndex(pos, c->center)] != path.cells[i + 1]) break;
+            if (loadChild(*c, childIndex(pos, c->center)) != path.cells[i + 1]) break;
             ++i;
         }
         n = path.cells[i];
@@ -334,11 +369,21 @@ int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const floa
         if (upper > h) break;
         markBranch(*n);
         const int k = childIndex(pos, n->center);
-        CellNode* child = loadChild(n->children[k]);
+        CellNode* child = loadChild(*n, k);
         if (child == nullptr) {
             SpinGuard guard(n->lock);
-            child = n->children[k];
+            CellChildren* slots = n->children;
+            child = slots != nullptr ? slots->at[k] : nullptr;
             if (child == nullptr) {
+                if (slots == nullptr) {
+                    std::int32_t slots_index = -1;
+                    if (m_cell_pool->allocChildrenIndex(slots_index) != 0) {
+                        setError("m_cell_pool alloc failed!");
+                        return TESSALINE_OUT_OF_MEMORY;
+                    }
+                    slots = new (m_cell_pool->childrenAt(slots_index)) CellChildren{};
+                    storeRelease(n->children, slots);  // empty slots before they are seen
+                }
                 std::int32_t index = -1;
                 if (m_cell_pool->allocDataIndex(index) != 0) {
                     setError("m_cell_pool alloc failed!");
@@ -350,7 +395,7 @@ int HashOctree::insertLeafNodeAlongPath(const HashRootCellData& root, const floa
                 for (int axis = 0; axis < 3; ++axis)
                     child->center[axis] = n->center[axis] + static_cast<float>(CHILD_SIGN[k][axis]) * h * 0.5f;
                 child->parent = n;
-                storeRelease(n->children[k], child);  // complete before it is seen
+                storeRelease(slots->at[k], child);  // complete before it is seen
                 ++n->child_count;
             }
         }
@@ -380,17 +425,19 @@ std::shared_ptr<HashRootCellData> HashOctree::getHashRootCell(const float pos[3]
     return m_hash_cell_list->get(id);
 }
 
-bool HashOctree::dropTreeSince(std::int32_t mark, const float block_center[3]) {
+bool HashOctree::dropTreeSince(std::int32_t mark, std::int32_t children_mark, const float block_center[3]) {
     if (!m_inited || mark < 0 || mark >= m_cell_pool->cellCount()) return false;
+    if (children_mark < 0 || children_mark > m_cell_pool->childrenCount()) return false;
     const std::shared_ptr<HashRootCellData> root = getHashRootCell(block_center);
     CellNode* first = m_cell_pool->cellAt(mark);
     if (!root || root->root_cell != first) return false;  // a root of before: other cells may hang below it
-    for (CellNode*& child : first->children) child = nullptr;
+    first->children = nullptr;  // its slots were made after the mark, as was every cell below it
     first->child_count = 0;
     first->data_id = -1;
     first->data_state = 0;
     first->field_count = 0;
     m_cell_pool->truncate(mark + 1);
+    m_cell_pool->truncateChildren(children_mark);
     return true;
 }
 

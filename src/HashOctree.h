@@ -45,6 +45,7 @@ struct HashEntry {
 
 static_assert(std::is_trivially_destructible<HashEntry>::value, "the table frees its entries without destructors");
 static_assert(std::is_trivially_destructible<CellNode>::value, "the pool frees its cells without destructors");
+static_assert(std::is_trivially_destructible<CellChildren>::value, "the pool frees child slots without destructors");
 
 // The overflow counter shared by the whole table: the next free overflow slot.
 struct GlobalHashParams {
@@ -81,7 +82,8 @@ private:
     std::shared_ptr<HashParameters> m_hash_params;
 };
 
-// Cells from large blocks at fixed addresses; one atomic add a cell while a block has room.
+// Cells, and the child slots of the cells that have children, from large blocks at fixed addresses; one
+// atomic add a cell while a block has room.
 class CellNodePool {
 public:
     CellNodePool() = default;
@@ -97,17 +99,25 @@ public:
     int allocDataIndex(std::int32_t& index);
     CellNode* cellAt(std::int32_t index) const;
     void truncate(std::int32_t size) { m_growth.truncate(size); }
+    // The same for the eight child slots of a cell, made with value-initialisation.
+    int allocChildrenIndex(std::int32_t& index);
+    CellChildren* childrenAt(std::int32_t index) const;
+    void truncateChildren(std::int32_t size) { m_children_growth.truncate(size); }
 
     bool isInited() const { return m_inited; }
     std::int32_t blockCount() const { return m_growth.blocks(); }
     std::int32_t cellCount() const { return m_growth.size(); }
+    std::int32_t childrenCount() const { return m_children_growth.size(); }
 
 private:
     bool addBlock();
+    bool addChildrenBlock();
 
     bool m_inited = false;
     std::vector<CellNode*> m_blocks;
+    std::vector<CellChildren*> m_children_blocks;
     BlockPoolGrowth m_growth{1, 0};  // the block size comes with the parameters
+    BlockPoolGrowth m_children_growth{1, 0};
     std::shared_ptr<HashParameters> m_hash_params;
 };
 
@@ -167,10 +177,10 @@ public:
     std::shared_ptr<HashRootCellData> getHashRootCell(const float pos[3]);
     int getHashCellList(std::shared_ptr<HashRootCellList>& list);
     CellNodePool* cellPool() const { return m_cell_pool.get(); }
-    // Drops the cells made since the pool held `mark` cells, when they all hang below the root made
-    // first after the mark (one block's tree): the root stays, bare, and the pool takes the cells back.
-    // Gives false and changes nothing otherwise.
-    bool dropTreeSince(std::int32_t mark, const float block_center[3]);
+    // Drops the cells made since the pool held `mark` cells and `children_mark` child slots, when they all
+    // hang below the root made first after the mark (one block's tree): the root stays, bare, and the pool
+    // takes the cells and slots back. Gives false and changes nothing otherwise.
+    bool dropTreeSince(std::int32_t mark, std::int32_t children_mark, const float block_center[3]);
 
     std::string getLastError() const;
     bool isInited() const { return m_inited; }

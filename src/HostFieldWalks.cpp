@@ -9,18 +9,29 @@
 #endif
 #include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "FieldComputation.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
 // ---- columns ---------------------------------------------------------------------------------------
 
-void PointColumns::assign(const RawPointWithHash* points, std::size_t n) {
+void PointColumns::assign(const RawPointWithHash* points, std::size_t n) { assignInSlices(points, n, false); }
+
+void PointColumns::assignGivingBack(PointList& points) {
+    assignInSlices(points.data(), points.size(), true);
+    PointList().swap(points);
+}
+
+void PointColumns::assignInSlices(const RawPointWithHash* points, std::size_t n, bool give_back) {
     const std::size_t length = n + HOST_COLUMN_PADDING;
     for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) {
         releasePagesBeyond(*column, length);  // what a larger block took before
@@ -31,17 +42,22 @@ void PointColumns::assign(const RawPointWithHash* points, std::size_t n) {
     tag.clear();
     tag.resize(length);
     const std::int64_t count = static_cast<std::int64_t>(n);
-    // A small block is copied on one core: waking the team would cost more.
+    const std::int64_t slice = give_back ? static_cast<std::int64_t>(HOST_COLUMN_SLICE_POINTS) : count;
+    for (std::int64_t from = 0; from < count; from += slice) {
+        const std::int64_t to = std::min(count, from + slice);
+        // A small block is copied on one core: waking the team would cost more.
 #pragma omp parallel for schedule(static) if (count > 65536)
-    for (std::int64_t i = 0; i < count; ++i) {
-        const RawPointWithHash& p = points[i];
-        x[i] = p.x;
-        y[i] = p.y;
-        z[i] = p.z;
-        nx[i] = p.nx;
-        ny[i] = p.ny;
-        nz[i] = p.nz;
-        tag[i] = (p.laser < 8 ? p.laser : 8u) | ((p.w & 0x100) != 0 ? 0x100u : 0u);
+        for (std::int64_t i = from; i < to; ++i) {
+            const RawPointWithHash& p = points[i];
+            x[i] = p.x;
+            y[i] = p.y;
+            z[i] = p.z;
+            nx[i] = p.nx;
+            ny[i] = p.ny;
+            nz[i] = p.nz;
+            tag[i] = (p.laser < 8 ? p.laser : 8u) | ((p.w & 0x100) != 0 ? 0x100u : 0u);
+        }
+        if (give_back) releasePagesWithin(points + from, points + to);
     }
     // The padding is read by the last points' loads and masked off: plain zeros.
     for (std::size_t i = n; i < length; ++i) {
@@ -84,7 +100,7 @@ constexpr std::uint32_t EXP_TOP_LIMIT = 0x42b;  // the top 12 bits of 88.0f with
 
 __m256d doubles(std::uint64_t bits) { return _mm256_castsi256_pd(_mm256_set1_epi64x(static_cast<long long>(bits))); }
 
-__m128 exp4(__m256d xd) {
+__attribute__((always_inline)) inline __m128 exp4(__m256d xd) {
     const __m256d inv_ln2 = doubles(EXP_INV_LN2_SCALED), shift = doubles(EXP_SHIFT);
     __m256d kd = _mm256_fmadd_pd(inv_ln2, xd, shift);
     const __m256i ki = _mm256_castpd_si256(kd);
@@ -103,7 +119,7 @@ __m128 exp4(__m256d xd) {
 }
 
 // expf of the lanes of `x` that `lanes` selects; the others are left to chance.
-__m256 expLanes(__m256 x, int lanes) {
+__attribute__((always_inline)) inline __m256 expLanes(__m256 x, int lanes) {
     const __m256 low = _mm256_castps128_ps256(exp4(_mm256_cvtps_pd(_mm256_castps256_ps128(x))));
     __m256 y = _mm256_insertf128_ps(low, exp4(_mm256_cvtps_pd(_mm256_extractf128_ps(x, 1))), 1);
     const __m256i top = _mm256_and_si256(_mm256_srli_epi32(_mm256_castps_si256(x), 20), _mm256_set1_epi32(0x7ff));
@@ -146,6 +162,8 @@ int bitsOf(__m256 mask) { return _mm256_movemask_ps(mask); }
 
 int lowestLane(int bits) { return __builtin_ctz(static_cast<unsigned>(bits)); }
 
+int bitCount8(int bits) { return __builtin_popcount(static_cast<unsigned>(bits)); }
+
 // Where a walk reads its points: the block's columns, or a cell's points gathered in walk order.
 struct ColumnView {
     const float *x, *y, *z, *nx, *ny, *nz;
@@ -183,13 +201,19 @@ struct PointFilter {
     bool flag_filter;      // only points with the flag bit count
     std::uint32_t lasers;  // bit l: laser l counts (bit 8: lasers from 8 on)
 
-    PointFilter(const CellNode_Device& cell, const DeviceParameters& params, float edge) {
+    // `counting`: the lasers whose points count in cells of the cell's edge (lasersOf).
+    PointFilter(const CellNode_Device& cell, std::uint32_t counting) {
         flag_filter = (cell.word & 0x100u) != 0 && (cell.rules & CELL_ALL_POINTS) == 0;
-        lasers = 0;
-        for (int l = 0; l < 8; ++l)
-            if (!(edge < params.laser_min_edge[l])) lasers |= 1u << l;
-        if (!(edge < 0.0f)) lasers |= 1u << 8;
+        lasers = counting;
         all = !flag_filter && lasers == 0x1FFu;
+    }
+
+    static std::uint32_t lasersOf(const DeviceParameters& params, float edge) {
+        std::uint32_t counting = 0;
+        for (int l = 0; l < 8; ++l)
+            if (!(edge < params.laser_min_edge[l])) counting |= 1u << l;
+        if (!(edge < 0.0f)) counting |= 1u << 8;
+        return counting;
     }
 
     __m256 lanes(const ColumnView& c, std::size_t at) const {
@@ -235,6 +259,21 @@ struct ProductQuads {
     }
 };
 
+// Where lane l's quad lies in quads made by ProductQuads::transpose.
+constexpr int QUAD_AT[8] = {0, 8, 16, 24, 4, 12, 20, 28};
+
+// `sum` plus the quads of the lanes in `bits`, in lane order. Where all eight lanes are in (most chunks of
+// a dense cell) the additions are written out: only the chain of sums is left to wait on.
+inline __m128 addQuads(__m128 sum, const float* quads, int bits) {
+    if (bits == 0xFF) {
+#pragma GCC unroll 8
+        for (int l = 0; l < 8; ++l) sum = _mm_add_ps(sum, _mm_load_ps(quads + QUAD_AT[l]));
+        return sum;
+    }
+    for (; bits != 0; bits &= bits - 1) sum = _mm_add_ps(sum, _mm_load_ps(quads + QUAD_AT[lowestLane(bits)]));
+    return sum;
+}
+
 // Moment sums held in registers while a walk runs: (xx, xy, xz, yy), (yz, zz, x, y) and z, each
 // element its own double sum, added to in walk order.
 struct Moments {
@@ -245,6 +284,16 @@ struct Moments {
         first = _mm256_add_pd(first, _mm256_cvtps_pd(_mm_load_ps(q.first(l))));
         second = _mm256_add_pd(second, _mm256_cvtps_pd(_mm_load_ps(q.second(l))));
         z += static_cast<double>(q.z[l]);
+    }
+
+    // The lanes in `bits`, in lane order; all eight written out.
+    void addLanes(const ProductQuads& q, int bits) {
+        if (bits == 0xFF) {
+#pragma GCC unroll 8
+            for (int l = 0; l < 8; ++l) add(q, l);
+            return;
+        }
+        for (; bits != 0; bits &= bits - 1) add(q, lowestLane(bits));
     }
 
     void store(MomentSums& sums) const {
@@ -293,15 +342,8 @@ struct CellScratch {
     // Gathers the points of `cell` from `columns`; returns how many.
     std::size_t gather(const CellNode_Device& cell, const RelationCell2Bins_Device* relations, int relation_size,
                        const PointColumns& columns) {
-        std::size_t n = 0;
-        for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r)
-            n += static_cast<std::size_t>(
-                relations[cell.relation_offset + r].count > 0 ? relations[cell.relation_offset + r].count : 0);
-        if (x.size() < n + HOST_COLUMN_PADDING) {
-            const std::size_t length = n + HOST_COLUMN_PADDING + n / 2;
-            for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) column->resize(length);
-            tag.resize(length);
-        }
+        // The cell's point count is what its relations hold: room for that first, more where a list says so.
+        roomFor(cell.point_count > 0 ? static_cast<std::size_t>(cell.point_count) : 0);
         // Eight points a copy, whatever the run holds: the columns and the scratch have room past their
         // ends, the lanes past a run are overwritten by the next one, and the walks mask those past the last.
         std::size_t m = 0;
@@ -311,6 +353,11 @@ struct CellScratch {
         for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r) {
             const RelationCell2Bins_Device relation = relations[cell.relation_offset + r];
             if (relation.count <= 0) continue;
+            if (x.size() < m + static_cast<std::size_t>(relation.count) + HOST_COLUMN_PADDING) {
+                roomFor(m + static_cast<std::size_t>(relation.count));
+                float* moved[6] = {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data()};
+                std::copy(moved, moved + 6, to);
+            }
             for (int j = 0; j < relation.count; j += 8) {
                 const std::size_t i = static_cast<std::size_t>(relation.offset) + static_cast<std::size_t>(j);
                 const std::size_t k = m + static_cast<std::size_t>(j);
@@ -324,6 +371,111 @@ struct CellScratch {
     }
 
     ColumnView view() const { return {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data(), tag.data()}; }
+
+    // Room for n points and the padding, keeping the points gathered.
+    void roomFor(std::size_t n) {
+        if (x.size() >= n + HOST_COLUMN_PADDING) return;
+        const std::size_t length = n + HOST_COLUMN_PADDING + n / 2;
+        for (UninitialisedArray<float>* column : {&x, &y, &z, &nx, &ny, &nz}) column->resize(length);
+        tag.resize(length);
+    }
+};
+
+bool sameBits(float a, float b) {
+    std::uint32_t u, v;
+    std::memcpy(&u, &a, sizeof u);
+    std::memcpy(&v, &b, sizeof v);
+    return u == v;
+}
+
+// The last few results of one of the root bounds (squareWithRootAtMost or AtLeast), by their limits.
+struct RootBoundCache {
+    static constexpr int SIZE = 4;
+    float (*bound)(float);
+    float limits[SIZE] = {};
+    float squares[SIZE] = {};
+    int filled = 0, next = 0;
+
+    float operator()(float limit) {
+        for (int i = 0; i < filled; ++i)
+            if (sameBits(limits[i], limit)) return squares[i];
+        const float square = bound(limit);
+        limits[next] = limit;
+        squares[next] = square;
+        next = (next + 1) % SIZE;
+        filled = filled < SIZE ? filled + 1 : SIZE;
+        return square;
+    }
+};
+
+// What the walks of one cell hand on to its later walks. The first walk of the initial normal also sums
+// what the side walk sums for its front, over its own set of points (those near the centre among them):
+// where the side walk's front is that same set, point for point, and its back is empty, the side walk
+// takes the sums as they are, the same points added in the same order. The first walk sees whether every
+// point that the side walk would put on a side is in its set, and the box of its set's normals; when the
+// initial normal's dot product with every normal of that box exceeds the side's bound by more than the
+// product's rounding, every point of the set lies in front, and the side walk is not made at all;
+// otherwise a walk checks it point by point. A plane fit of sums fitted before takes the vector of that fit.
+struct CellCarry {
+    const DeviceParameters* params = nullptr;
+    bool bounds_known = false;
+    float bounds_edge;  // the cell edge of the bounds below
+    float near_square;  // the side walk's near radius and reach, as it takes them
+    float reach_square;
+    // What depends on a cell's edge alone, kept for the edges met last: cells of one size share it.
+    RootBoundCache at_most{squareWithRootAtMost}, at_least{squareWithRootAtLeast};
+    bool lasers_known = false;
+    float lasers_edge;
+    std::uint32_t lasers = 0;  // PointFilter::lasersOf(params, lasers_edge)
+    bool first_set = false;    // the first walk's set is described below
+    bool sides_in_set;         // every point the side walk could put on a side is in the set
+    std::uint32_t rules;       // the cell's rules in the first walk (the side walk's filter follows them)
+    float reference0[3];
+    float inside_square;
+    MomentSums set0;
+    int count0;
+    float position[3];  // the sum of the near points' positions
+    int near_count;
+    float normal_low[3], normal_high[3];  // the box of the set's normals
+    bool fitted = false;                  // the last fit is described below
+    MomentSums fit_sums;
+    int fit_count;
+    float fit_normal[3];                              // planeNormalOf(fit_sums, fit_count)
+    std::vector<std::pair<std::size_t, int>> chunks;  // the field value walk's chunks of the cell
+
+    void startCell() {
+        first_set = false;
+        fitted = false;
+    }
+    // The side walk's bounds for cells of this edge.
+    void boundsFor(float edge) {
+        if (bounds_known && sameBits(edge, bounds_edge)) return;
+        near_square = at_least(edge * 4.0f);
+        reach_square = at_most(edge * static_cast<float>(fieldSearchFactor(edge, params->wide_search_edge)));
+        bounds_edge = edge;
+        bounds_known = true;
+    }
+    std::uint32_t lasersFor(float edge) {
+        if (!lasers_known || !sameBits(edge, lasers_edge)) {
+            lasers = PointFilter::lasersOf(*params, edge);
+            lasers_edge = edge;
+            lasers_known = true;
+        }
+        return lasers;
+    }
+    // Whether the dot product of `toward` with every normal of the set's box is above 0.15 as the walks
+    // round it: the least exact product over the box, less a bound on the rounding of three products and
+    // two sums of terms no larger than those of the box.
+    bool setAbove(const float toward[3]) const {
+        if (count0 == 0) return true;
+        double least = 0.0, size = 1.0;
+        for (int k = 0; k < 3; ++k) {
+            const double t = toward[k], low = normal_low[k], high = normal_high[k];
+            least += t >= 0.0 ? t * low : t * high;
+            size += std::fabs(t) * std::max(std::fabs(low), std::fabs(high));
+        }
+        return least - 1e-6 * size > static_cast<double>(0.15f);
+    }
 };
 
 // The walks of one cell: through its relations over the block's columns, or (Gathered) over the cell's
@@ -334,6 +486,7 @@ struct ColumnWalks {
     int relation_size;
     ColumnView columns;
     std::size_t gathered;
+    CellCarry* carry;
 
     // Calls chunk(at, lanes) for the cell's points eight at a time, in walk order.
     template <class Chunk>
@@ -352,6 +505,39 @@ struct ColumnWalks {
         }
     }
 
+    // Calls check(at, lanes) as forEachEight would until it gives false; whether none did.
+    template <class Check>
+    bool allEight(const CellNode_Device& cell, Check&& check) const {
+        if (Gathered) {
+            for (std::size_t at = 0; at < gathered; at += 8)
+                if (!check(at, gathered - at < 8 ? static_cast<int>(gathered - at) : 8)) return false;
+            return true;
+        }
+        for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r) {
+            const RelationCell2Bins_Device relation = relations[cell.relation_offset + r];
+            for (int j = 0; j < relation.count; j += 8) {
+                const int lanes = relation.count - j < 8 ? relation.count - j : 8;
+                if (!check(static_cast<std::size_t>(relation.offset) + static_cast<std::size_t>(j), lanes))
+                    return false;
+            }
+        }
+        return true;
+    }
+
+    void fitPlane(const MomentSums& sums, int count, const float reference[3], float normal[3]) const {
+        if (!(carry->fitted && count == carry->fit_count && std::memcmp(&sums, &carry->fit_sums, sizeof sums) == 0)) {
+            planeNormalOf(sums, count, carry->fit_normal);
+            carry->fit_sums = sums;
+            carry->fit_count = count;
+            carry->fitted = true;
+        }
+        for (int k = 0; k < 3; ++k) normal[k] = carry->fit_normal[k];
+        turnToward(reference, normal);
+    }
+
+    float squareAtMost(float limit) const { return carry->at_most(limit); }
+    float squareAtLeast(float limit) const { return carry->at_least(limit); }
+
     void normalOf(std::size_t i, float out[3]) const {
         out[0] = columns.nx[i];
         out[1] = columns.ny[i];
@@ -368,32 +554,102 @@ struct ColumnWalks {
         const __m256 reference[3] = {broadcast(reference0[0]), broadcast(reference0[1]), broadcast(reference0[2])};
         const __m256 agree = broadcast(0.35f), inside = broadcast(inside_square);
         const int half = cell.point_count / 2, last = cell.point_count - 1;
+        // What the side walk would take: its filter, reach and near radius.
+        const float edge = cell.half_size + cell.half_size;
+        carry->boundsFor(edge);
+        const PointFilter filter(cell, carry->lasersFor(edge));
+        const __m256 near = broadcast(carry->near_square), reach = broadcast(carry->reach_square);
+        const __m256 infinite = broadcast(INFINITY), minus_infinite = broadcast(-INFINITY);
+        __m256 low[3] = {infinite, infinite, infinite}, high[3] = {minus_infinite, minus_infinite, minus_infinite};
+        bool sides_in_set = true;
         Moments set;
         int count = 0, g = 0;  // g: the points walked before the chunk
+        __m128 position = _mm_setzero_ps();
+        int near_count = 0;
         ProductQuads products;
+        alignas(32) float position_quads[32];
         forEachEight(cell, [&](std::size_t at, int lanes) {
             const EightPoints p(columns, at, centre);
+            const __m256 walked = firstLanes(lanes);
             const __m256 kept = _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(p.normalDot(reference), agree, _CMP_GT_OQ),
                                                             _mm256_cmp_ps(p.square, inside, _CMP_LT_OQ)),
-                                              firstLanes(lanes));
+                                              walked);
             // The walk numbers g + 1 to g + lanes: the references' points may be among them.
             if (half > g && half <= g + lanes) normalOf(at + static_cast<std::size_t>(half - g - 1), sums.reference1);
             if (last > g && last <= g + lanes) normalOf(at + static_cast<std::size_t>(last - g - 1), sums.reference2);
             g += lanes;
             int bits = bitsOf(kept);
+            // The points the side walk could put on a side: they count in the cell and lie within its reach.
+            const __m256 sided = _mm256_and_ps(_mm256_and_ps(filter.lanes(columns, at), walked),
+                                               _mm256_cmp_ps(p.square, reach, _CMP_NGT_UQ));
+            sides_in_set = sides_in_set && bitsOf(sided) == bits;
             if (bits == 0) return;
-            products.fill(p);
-            for (; bits != 0; bits &= bits - 1) {
-                set.add(products, lowestLane(bits));
-                ++count;
+            const __m256 n[3] = {p.nx, p.ny, p.nz};
+            for (int k = 0; k < 3; ++k) {
+                low[k] = _mm256_min_ps(low[k], _mm256_blendv_ps(infinite, n[k], kept));
+                high[k] = _mm256_max_ps(high[k], _mm256_blendv_ps(minus_infinite, n[k], kept));
             }
+            products.fill(p);
+            set.addLanes(products, bits);
+            count += bitCount8(bits);
+            const int near_bits = bitsOf(_mm256_cmp_ps(p.square, near, _CMP_LT_OQ)) & bits;
+            if (near_bits == 0) return;
+            ProductQuads::transpose(p.x, p.y, p.z, _mm256_setzero_ps(), position_quads);
+            position = addQuads(position, position_quads, near_bits);
+            near_count += bitCount8(near_bits);
         });
         set.store(sums.set0);
         sums.count0 = count;
+        CellCarry& c = *carry;
+        c.first_set = true;
+        c.sides_in_set = sides_in_set;
+        c.rules = cell.rules;
+        for (int k = 0; k < 3; ++k) {
+            c.reference0[k] = reference0[k];
+            alignas(32) float l[8], h[8];
+            _mm256_store_ps(l, low[k]);
+            _mm256_store_ps(h, high[k]);
+            c.normal_low[k] = *std::min_element(l, l + 8);
+            c.normal_high[k] = *std::max_element(h, h + 8);
+        }
+        c.inside_square = inside_square;
+        c.set0 = sums.set0;
+        c.count0 = count;
+        alignas(16) float sum[4];
+        _mm_store_ps(sum, position);
+        for (int k = 0; k < 3; ++k) c.position[k] = sum[k];
+        c.near_count = near_count;
+    }
+
+    // Whether the side walk's front is the first walk's set, point for point, and its back is empty.
+    bool sidesAreFirstSet(const CellNode_Device& cell, float edge) const {
+        const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
+        const __m256 reference[3] = {broadcast(carry->reference0[0]), broadcast(carry->reference0[1]),
+                                     broadcast(carry->reference0[2])};
+        const __m256 toward[3] = {broadcast(cell.init_normal[0]), broadcast(cell.init_normal[1]),
+                                  broadcast(cell.init_normal[2])};
+        const __m256 agree = broadcast(0.35f), inside = broadcast(carry->inside_square);
+        const __m256 reach = broadcast(carry->reach_square), above = broadcast(0.15f), below = broadcast(-0.15f);
+        const PointFilter filter(cell, carry->lasersFor(edge));
+        return allEight(cell, [&](std::size_t at, int lanes) {
+            const EightPoints p(columns, at, centre);
+            const __m256 walked = firstLanes(lanes);
+            const __m256 kept = _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(p.normalDot(reference), agree, _CMP_GT_OQ),
+                                                            _mm256_cmp_ps(p.square, inside, _CMP_LT_OQ)),
+                                              walked);
+            const __m256 within = _mm256_and_ps(_mm256_and_ps(filter.lanes(columns, at), walked),
+                                                _mm256_cmp_ps(p.square, reach, _CMP_NGT_UQ));
+            const __m256 dot = p.normalDot(toward);
+            const int front_bits = bitsOf(_mm256_and_ps(_mm256_cmp_ps(dot, above, _CMP_GT_OQ), within));
+            const int back_bits = bitsOf(_mm256_and_ps(_mm256_cmp_ps(dot, below, _CMP_LT_OQ), within));
+            return front_bits == bitsOf(kept) && back_bits == 0;
+        });
     }
 
     void initSecond(const CellNode_Device& cell, float reach_square, const float reference1[3],
                     const float reference2[3], field_internal::InitSecondSums& sums) const {
+        // Most of the first walk's points disagreed with the first point: its set seldom makes the sides.
+        carry->first_set = false;
         const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
         const __m256 first[3] = {broadcast(reference1[0]), broadcast(reference1[1]), broadcast(reference1[2])};
         const __m256 second[3] = {broadcast(reference2[0]), broadcast(reference2[1]), broadcast(reference2[2])};
@@ -409,14 +665,10 @@ struct ColumnWalks {
             int bits2 = bitsOf(_mm256_and_ps(_mm256_cmp_ps(p.normalDot(second), agree, _CMP_GT_OQ), within));
             if ((bits1 | bits2) == 0) return;
             products.fill(p);
-            for (; bits1 != 0; bits1 &= bits1 - 1) {
-                set1.add(products, lowestLane(bits1));
-                ++count1;
-            }
-            for (; bits2 != 0; bits2 &= bits2 - 1) {
-                set2.add(products, lowestLane(bits2));
-                ++count2;
-            }
+            set1.addLanes(products, bits1);
+            count1 += bitCount8(bits1);
+            set2.addLanes(products, bits2);
+            count2 += bitCount8(bits2);
         });
         set1.store(sums.set1);
         set2.store(sums.set2);
@@ -424,33 +676,41 @@ struct ColumnWalks {
         sums.count2 = count2;
     }
 
-    void sides(const CellNode_Device& cell, const DeviceParameters& params, float edge, float reach_square,
-               float near_square, field_internal::SheetSums& front, field_internal::SheetSums& back) const {
+    // (The filter's lasers come from the carry, which holds the parameters.)
+    void sides(const CellNode_Device& cell, const DeviceParameters&, float edge, float reach_square, float near_square,
+               field_internal::SheetSums& front, field_internal::SheetSums& back) const {
+        const CellCarry& c = *carry;
+        if (c.first_set && c.rules == cell.rules && near_square == c.near_square && reach_square == c.reach_square &&
+            ((c.sides_in_set && c.setAbove(cell.init_normal)) || sidesAreFirstSet(cell, edge))) {
+            front.moments = carry->set0;
+            front.count = carry->count0;
+            front.near_count = carry->near_count;
+            for (int k = 0; k < 3; ++k) front.position_sum[k] = carry->position[k];
+            Moments().store(back.moments);
+            back.count = 0;
+            back.near_count = 0;
+            for (int k = 0; k < 3; ++k) back.position_sum[k] = 0.0f;
+            return;
+        }
         const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
         const __m256 toward[3] = {broadcast(cell.init_normal[0]), broadcast(cell.init_normal[1]),
                                   broadcast(cell.init_normal[2])};
         const __m256 reach = broadcast(reach_square), near = broadcast(near_square);
         const __m256 above = broadcast(0.15f), below = broadcast(-0.15f);
-        const PointFilter filter(cell, params, edge);
+        const PointFilter filter(cell, carry->lasersFor(edge));
         // Each side's sums in locals of their own (an array indexed by side would live in memory).
+        // The positions as (x, y, z, 0) quads, each lane of the sum the per-cell function's sum of that axis.
         Moments moments_front, moments_back;
-        float position_front[3] = {}, position_back[3] = {};
+        __m128 position_front = _mm_setzero_ps(), position_back = _mm_setzero_ps();
         int count_front = 0, count_back = 0, near_front = 0, near_back = 0;
-        alignas(32) float px[8], py[8], pz[8];
+        alignas(32) float position_quads[32];
         ProductQuads products;
-        const auto addSide = [&](int bits, int near_bits, Moments& moments, float(&position)[3], int& count,
+        const auto addSide = [&](int bits, int near_bits, Moments& moments, __m128& position, int& count,
                                  int& near_count) {
-            for (; bits != 0; bits &= bits - 1) {
-                const int l = lowestLane(bits);
-                if ((near_bits >> l) & 1) {
-                    position[0] += px[l];
-                    position[1] += py[l];
-                    position[2] += pz[l];
-                    ++near_count;
-                }
-                moments.add(products, l);
-                ++count;
-            }
+            moments.addLanes(products, bits);
+            count += bitCount8(bits);
+            position = addQuads(position, position_quads, bits & near_bits);
+            near_count += bitCount8(bits & near_bits);
         };
         forEachEight(cell, [&](std::size_t at, int lanes) {
             const EightPoints p(columns, at, centre);
@@ -461,9 +721,8 @@ struct ColumnWalks {
             const int back_bits = bitsOf(_mm256_and_ps(_mm256_cmp_ps(dot, below, _CMP_LT_OQ), within));
             if ((front_bits | back_bits) == 0) return;
             const int near_bits = bitsOf(_mm256_cmp_ps(p.square, near, _CMP_LT_OQ));
-            _mm256_store_ps(px, p.x);
-            _mm256_store_ps(py, p.y);
-            _mm256_store_ps(pz, p.z);
+            if (((front_bits | back_bits) & near_bits) != 0)
+                ProductQuads::transpose(p.x, p.y, p.z, _mm256_setzero_ps(), position_quads);
             products.fill(p);
             addSide(front_bits, near_bits, moments_front, position_front, count_front, near_front);
             if (back_bits != 0) addSide(back_bits, near_bits, moments_back, position_back, count_back, near_back);
@@ -474,17 +733,31 @@ struct ColumnWalks {
         back.count = count_back;
         front.near_count = near_front;
         back.near_count = near_back;
+        alignas(16) float sum_front[4], sum_back[4];
+        _mm_store_ps(sum_front, position_front);
+        _mm_store_ps(sum_back, position_back);
         for (int k = 0; k < 3; ++k) {
-            front.position_sum[k] = position_front[k];
-            back.position_sum[k] = position_back[k];
+            front.position_sum[k] = sum_front[k];
+            back.position_sum[k] = sum_back[k];
         }
     }
 
-    void fieldSheets(const CellNode_Device& cell, const DeviceParameters& params, const VoxelFieldCenter& centres,
+    void fieldSheets(const CellNode_Device& cell, const DeviceParameters&, const VoxelFieldCenter& centres,
                      const field_internal::FieldWalkSetup& setup, field_internal::SheetField sheets[2],
                      field_internal::SecondFace& second_face) const {
-        const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
+        // Made apart for one or two sheets, with or without the skirt sums: the tests of the others fall away.
         const bool two = cell.field_flag >= 2;
+        if (two && setup.skirt_test) return fieldSheetsAs<true, true>(cell, centres, setup, sheets, second_face);
+        if (two) return fieldSheetsAs<true, false>(cell, centres, setup, sheets, second_face);
+        if (setup.skirt_test) return fieldSheetsAs<false, true>(cell, centres, setup, sheets, second_face);
+        fieldSheetsAs<false, false>(cell, centres, setup, sheets, second_face);
+    }
+
+    template <bool Two, bool Skirt>
+    void fieldSheetsAs(const CellNode_Device& cell, const VoxelFieldCenter& centres,
+                       const field_internal::FieldWalkSetup& setup, field_internal::SheetField sheets[2],
+                       field_internal::SecondFace& second_face) const {
+        const __m256 centre[3] = {broadcast(cell.center[0]), broadcast(cell.center[1]), broadcast(cell.center[2])};
         __m256 normal[2][3], foot[2][3], mean[2][3];
         for (int s = 0; s < 2; ++s)
             for (int k = 0; k < 3; ++k) {
@@ -497,34 +770,42 @@ struct ColumnWalks {
         const __m256 reach = broadcast(setup.reach_square), sub_cell = broadcast(setup.sub_cell);
         const __m256 agree = broadcast(0.15f), across = broadcast(-0.5f);
         const __m256 a = broadcast(setup.weight.a), denom = broadcast(setup.weight.denom);
-        const PointFilter filter(cell, params, setup.edge);
+        const PointFilter filter(cell, carry->lasersFor(setup.edge));
         // Each sheet's sums in registers of their own: (sum x, sum y, sum z, weight) and the same of the skirt
         // test, one addition of four lanes a point, each lane the sum the per-cell function makes.
         SheetAccumulator sheet0, sheet1;
         alignas(32) float sum_quads[32], reach_quads[32], nx[8], ny[8], nz[8], ox[8], oy[8], oz[8];
         alignas(32) std::int32_t bit[8];
+        // The skirt sums take every lane of the sheet, the others only the points that count in the cell.
         const auto addSheet = [&](SheetAccumulator& sheet, int bits, int count_bits, int mask_bits) {
-            for (; bits != 0; bits &= bits - 1) {
-                const int l = lowestLane(bits);
-                const int quad = (l & 3) * 8 + (l >> 2) * 4;
-                if (setup.skirt_test) {
-                    sheet.reach = _mm_add_ps(sheet.reach, _mm_load_ps(reach_quads + quad));
-                    if (((count_bits >> l) & 1) == 0) continue;
-                }
-                sheet.sum = _mm_add_ps(sheet.sum, _mm_load_ps(sum_quads + quad));
-                if ((mask_bits >> l) & 1) sheet.mask |= std::uint64_t{1} << bit[l];
+            if (Skirt) {
+                sheet.reach = addQuads(sheet.reach, reach_quads, bits);
+                bits &= count_bits;
             }
+            sheet.sum = addQuads(sheet.sum, sum_quads, bits);
+            for (int inside = bits & mask_bits; inside != 0; inside &= inside - 1)
+                sheet.mask |= std::uint64_t{1} << bit[lowestLane(inside)];
         };
-        forEachEight(cell, [&](std::size_t at, int lanes) {
+        // The weight of the points from `at` on as one sheet's foot gives it (the lanes past `lanes` are left
+        // to chance).
+        const auto weightOf = [&](std::size_t at, int lanes) {
+            const __m256 fx = _mm256_sub_ps(_mm256_loadu_ps(columns.x + at), foot[0][0]),
+                         fy = _mm256_sub_ps(_mm256_loadu_ps(columns.y + at), foot[0][1]),
+                         fz = _mm256_sub_ps(_mm256_loadu_ps(columns.z + at), foot[0][2]);
+            const __m256 d = _mm256_sqrt_ps(
+                _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(fx, fx), _mm256_mul_ps(fy, fy)), _mm256_mul_ps(fz, fz)));
+            return expLanes(_mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(d, a), d), denom), (1 << lanes) - 1);
+        };
+        const auto chunkAt = [&](std::size_t at, int lanes, __m256 weight_ahead) __attribute__((always_inline)) {
             const EightPoints p(columns, at, centre);
             const __m256 counts = filter.lanes(columns, at);
             __m256 considered = firstLanes(lanes);
-            if (!setup.skirt_test) considered = _mm256_and_ps(considered, counts);
+            if (!Skirt) considered = _mm256_and_ps(considered, counts);
             considered = _mm256_and_ps(considered, _mm256_cmp_ps(p.square, reach, _CMP_NGT_UQ));
             const __m256 dot0 = p.normalDot(normal[0]);
             const __m256 in_sheet0 = _mm256_and_ps(_mm256_cmp_ps(dot0, agree, _CMP_GT_OQ), considered);
             __m256 in_sheet1 = _mm256_setzero_ps();
-            if (two)
+            if (Two)
                 in_sheet1 = _mm256_andnot_ps(
                     in_sheet0, _mm256_and_ps(_mm256_cmp_ps(p.normalDot(normal[1]), agree, _CMP_GT_OQ), considered));
             const int bits0 = bitsOf(in_sheet0), bits1 = bitsOf(in_sheet1);
@@ -538,19 +819,19 @@ struct ColumnWalks {
                 // Each lane takes its sheet's foot point, mean point and normal.
                 __m256 n_s[3], foot_s[3], mean_s[3];
                 for (int k = 0; k < 3; ++k) {
-                    n_s[k] = _mm256_blendv_ps(normal[0][k], normal[1][k], in_sheet1);
-                    foot_s[k] = _mm256_blendv_ps(foot[0][k], foot[1][k], in_sheet1);
-                    mean_s[k] = _mm256_blendv_ps(mean[0][k], mean[1][k], in_sheet1);
+                    n_s[k] = Two ? _mm256_blendv_ps(normal[0][k], normal[1][k], in_sheet1) : normal[0][k];
+                    foot_s[k] = Two ? _mm256_blendv_ps(foot[0][k], foot[1][k], in_sheet1) : foot[0][k];
+                    mean_s[k] = Two ? _mm256_blendv_ps(mean[0][k], mean[1][k], in_sheet1) : mean[0][k];
                 }
-                __m256 weight = broadcast(1.0f);
-                if (setup.weight.gaussian) {
+                __m256 weight = weight_ahead;  // one sheet: the weight came ahead
+                if (Two && setup.weight.gaussian) {
                     const __m256 fx = _mm256_sub_ps(p.x, foot_s[0]), fy = _mm256_sub_ps(p.y, foot_s[1]),
                                  fz = _mm256_sub_ps(p.z, foot_s[2]);
                     const __m256 d = _mm256_sqrt_ps(_mm256_add_ps(
                         _mm256_add_ps(_mm256_mul_ps(fx, fx), _mm256_mul_ps(fy, fy)), _mm256_mul_ps(fz, fz)));
                     weight = expLanes(_mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(d, a), d), denom), bits0 | bits1);
                 }
-                if (setup.skirt_test)
+                if (Skirt)
                     ProductQuads::transpose(_mm256_mul_ps(p.ox, weight), _mm256_mul_ps(p.oy, weight),
                                             _mm256_mul_ps(p.oz, weight), weight, reach_quads);
                 __m256 q[3] = {p.x, p.y, p.z};
@@ -565,19 +846,19 @@ struct ColumnWalks {
                 ProductQuads::transpose(_mm256_mul_ps(_mm256_sub_ps(q[0], centre[0]), weight),
                                         _mm256_mul_ps(_mm256_sub_ps(q[1], centre[1]), weight),
                                         _mm256_mul_ps(_mm256_sub_ps(q[2], centre[2]), weight), weight, sum_quads);
-                // The sub-cell of each point inside the box: ix + 4 iy + 16 iz, each index truncated toward zero;
-                // an index outside 0..63 sets no bit (not clamped: an upper face runs into the next bit).
+                // The sub-cell of each point of a sheet inside the box: ix + 4 iy + 16 iz, each index truncated
+                // toward zero; an index outside 0..63 sets no bit (not clamped: an upper face runs into the next
+                // bit). Only the sheets' lanes are looked at, and the divisions only where one is inside.
                 const __m256 position[3] = {p.x, p.y, p.z};
                 __m256 inside_lanes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
-                __m256 index[3];
-                for (int k = 0; k < 3; ++k) {
+                for (int k = 0; k < 3; ++k)
                     inside_lanes =
                         _mm256_and_ps(inside_lanes, _mm256_and_ps(_mm256_cmp_ps(lo[k], position[k], _CMP_LE_OQ),
                                                                   _mm256_cmp_ps(position[k], hi[k], _CMP_LE_OQ)));
-                    index[k] = _mm256_div_ps(_mm256_sub_ps(q[k], lo[k]), sub_cell);
-                }
-                int mask_bits = bitsOf(inside_lanes);
+                int mask_bits = bitsOf(inside_lanes) & (bits0 | bits1);
                 if (mask_bits != 0) {
+                    __m256 index[3];
+                    for (int k = 0; k < 3; ++k) index[k] = _mm256_div_ps(_mm256_sub_ps(q[k], lo[k]), sub_cell);
                     // Truncation where every index lies well within an int; the saturating conversion elsewhere.
                     const __m256 limit = broadcast(1048576.0f);
                     __m256 small = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
@@ -623,7 +904,22 @@ struct ColumnWalks {
                     field_internal::addToSecondFace(second_face, n, o);
                 }
             }
-        });
+        };
+        // One sheet: each chunk's weights are worked out while the chunk before is summed (their roots,
+        // divisions and exponentials take long, and depend on nothing summed), the cell's chunks listed first.
+        if (Two || !setup.weight.gaussian) {
+            forEachEight(cell, [&](std::size_t at, int lanes) { chunkAt(at, lanes, broadcast(1.0f)); });
+        } else {
+            std::vector<std::pair<std::size_t, int>>& chunks = carry->chunks;
+            chunks.clear();
+            forEachEight(cell, [&](std::size_t at, int lanes) { chunks.emplace_back(at, lanes); });
+            __m256 next = chunks.empty() ? broadcast(1.0f) : weightOf(chunks[0].first, chunks[0].second);
+            for (std::size_t c = 0; c < chunks.size(); ++c) {
+                const __m256 weight = next;
+                if (c + 1 < chunks.size()) next = weightOf(chunks[c + 1].first, chunks[c + 1].second);
+                chunkAt(chunks[c].first, chunks[c].second, weight);
+            }
+        }
         sheet0.store(sheets[0]);
         sheet1.store(sheets[1]);
     }
@@ -632,6 +928,7 @@ struct ColumnWalks {
 template <class Walks>
 void computeCellField(CellNode_Device& cell, const DeviceParameters& params, VoxelFieldCenter& centres,
                       const Walks& walks) {
+    walks.carry->startCell();
     computeInitNormalWith(cell, walks.relation_size, params, walks);
     computeFineNormalWith(cell, params, centres, walks);
     computeFieldDataWith(cell, params, centres, walks);
@@ -675,12 +972,16 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
     const ColumnView block_view{columns.x.data(),  columns.y.data(),  columns.z.data(),  columns.nx.data(),
                                 columns.ny.data(), columns.nz.data(), columns.tag.data()};
     const std::int64_t count = static_cast<std::int64_t>(n);
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel
     {
         CellScratch scratch;
+        CellCarry carry;
+        carry.params = &params;
         // Cells differ by orders of magnitude in their points: small chunks, handed out as the cores come free.
 #pragma omp for schedule(dynamic, 32)
         for (std::int64_t i = 0; i < count; ++i) {
+            if (stopAsked(stop)) continue;  // the run stops after the loop
             CellNode_Device& cell = cells[i];
             // Runs of a few points each are gathered first: the four walks then read whole chunks.
             // (A cell that the initial normal rejects before any walk is not gathered.)
@@ -698,12 +999,14 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
             }
             if (gathered) {
                 computeCellField(cell, params, centres[i],
-                                 ColumnWalks<true>{relations, relation_size, scratch.view(), points});
+                                 ColumnWalks<true>{relations, relation_size, scratch.view(), points, &carry});
             } else {
-                computeCellField(cell, params, centres[i], ColumnWalks<false>{relations, relation_size, block_view, 0});
+                computeCellField(cell, params, centres[i],
+                                 ColumnWalks<false>{relations, relation_size, block_view, 0, &carry});
             }
         }
     }
+    stopPoint();
 }
 
 #else

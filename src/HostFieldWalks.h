@@ -28,8 +28,17 @@ struct PointColumns {
 
     // Fills the columns from `n` points (host memory), reusing the storage of the former block.
     void assign(const RawPointWithHash* points, std::size_t n);
+    // The same from a whole list, which is left empty: each slice of points gives its pages back to the
+    // system once it is copied, so that a large block's points and its columns are not both held in full.
+    void assignGivingBack(PointList& points);
     void release();
+
+private:
+    void assignInSlices(const RawPointWithHash* points, std::size_t n, bool give_back);
 };
+
+// Points a slice of assignGivingBack copies before it gives their pages back (10 MiB of points).
+constexpr std::size_t HOST_COLUMN_SLICE_POINTS = std::size_t{1} << 18;
 
 // Whether the vector walks can run here: AVX2 and FMA, and an exponential that agrees with the C
 // library's on a sample of the weights' range. Decided once a process.

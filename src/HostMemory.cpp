@@ -7,6 +7,10 @@
 #include <fstream>
 #include <mutex>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace SurfaceReconstruction {
 
 namespace {
@@ -101,6 +105,12 @@ bool readHostMemory(HostMemoryInfo& info) {
         info.total_bytes = std::min(info.total_bytes, limit);
     }
     return have_total && have_available;
+}
+
+void giveFreedHeapBack() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
 }
 
 std::uint64_t usableHostBytes(const HostMemoryInfo& info) {

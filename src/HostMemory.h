@@ -23,6 +23,10 @@ bool readHostMemory(HostMemoryInfo& info);
 // What the process may still use: available memory and free swap, never more than its cgroup allows.
 std::uint64_t usableHostBytes(const HostMemoryInfo& info);
 
+// Gives the free pages of the heap back to the system (glibc's malloc_trim; nothing elsewhere). Memory
+// freed in many small pieces, such as the frames of a run, otherwise stays resident in the heap.
+void giveFreedHeapBack();
+
 // Where /proc and /sys are looked for; "" is the real ones. The tests point it at a tree of their own.
 void setHostMemoryRoot(const std::string& root);
 

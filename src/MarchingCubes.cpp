@@ -4,9 +4,11 @@
 #include <cstdio>
 #include <new>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "HashOctree.h"
 #include "HostMemory.h"
+#include "RunStop.h"
 #include "SimpleLineHash.h"
 #include "SpinLock.h"
 #include "TimeProfiler.h"
@@ -100,21 +102,24 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
         }
     }
     profiler.time_stop("mc-step1", true);
-    if (full_chain) std::printf("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
+    if (full_chain) diagnostic("mc-bin_header_size: %d \n", static_cast<int>(bins_header.size()));
 
     // A block that ends without a sheet, or fails, keeps none of its cells: its tree goes back to the
     // pool, so that the cells in memory follow the surface, not the area scanned.
     const std::int32_t cell_mark = m_hash_octree->cellPool()->cellCount();
+    const std::int32_t children_mark = m_hash_octree->cellPool()->childrenCount();
     struct DropUnused {
         MarchingCubes& stage;
         const PointCloudBlock& block;
-        std::int32_t mark;
+        std::int32_t mark, children_mark;
         bool keep = false;
         ~DropUnused() {
-            if (!keep && !stage.m_keep_last_cells) stage.m_hash_octree->dropTreeSince(mark, block.center);
+            if (!keep && !stage.m_keep_last_cells)
+                stage.m_hash_octree->dropTreeSince(mark, children_mark, block.center);
         }
-    } drop_unused{*this, *block, cell_mark};
+    } drop_unused{*this, *block, cell_mark, children_mark};
 
+    stopPoint();
     profiler.time_start("mc-step2");
     if (full_chain) profiler.time_start("mc-step2-1");
     if (prepareSimpleHash(bins_header) != 0) {
@@ -136,16 +141,23 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
     if (result != 0) return result;
     if (full_chain) {
         profiler.time_stop("mc-step2-3", true);
-        std::printf("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(),
-                    cells->relation_size.load());
+        diagnostic("cell_node_size: %d , relation_size: %d \n", cells->cell_node_size.load(),
+                   cells->relation_size.load());
     }
     profiler.time_stop("mc-step2", true);
 
+    stopPoint();
     profiler.time_start("mc-step3");
     result = computeFiledData(block, bins_header, *cells);
     if (result != 0) return result;
+    // The relations and the sheets' centres, which only the field passes read, give their pages back now
+    // (the arrays stay for the next block), so that the next block's cells and searches do not find them
+    // still held. The point columns stay: the next block, no larger, writes them again.
+    if (!m_keep_last_cells) releasePagesBeyond(cells->relations, 0);
+    releasePagesBeyond(m_cell_buffers.centres, 0);
     profiler.time_stop("mc-step3", true);
 
+    stopPoint();
     profiler.time_start("mc-step4");
     drop_unused.keep = saveFieldData(*cells) > 0;
     profiler.time_stop("mc-step4", true);

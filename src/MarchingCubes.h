@@ -143,7 +143,10 @@ private:
     int processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
                                 RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
                                 VoxelFieldCenter* voxel_field_centers_dev);
-    int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells);
+    // With `points_may_go`, the block's points are given up once the vector walks have them as columns:
+    // from there on only the columns are read, and the block is not held twice.
+    int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells,
+                                      bool points_may_go = false);
     // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
     // Gives the number of sheets stored.
     std::int64_t saveFieldData(const CellNodeAndRelations& cells);

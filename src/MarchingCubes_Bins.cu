@@ -7,6 +7,7 @@
 #include <cstring>
 #include <parallel/algorithm>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "MarchingCubes.h"
 #include "Morton.h"
@@ -51,7 +52,7 @@ struct GetBinsCenterKernel {
         if (i != 0 && points[i - 1].hash == points[i].hash) return;
         const int id = deviceAtomicAdd(bins_header_size, 1);
         if (id >= bins_capacity) {
-            printf("bins_id >= MC_MAX_BINS_HEADER %d \n", id);
+            TESSA_KERNEL_REPORT("bins_id >= MC_MAX_BINS_HEADER %d \n", id);
             return;
         }
         std::uint32_t c[3];
@@ -104,12 +105,14 @@ struct GetBinsScaleKernel {
                 static_cast<std::uint16_t>(bin.word_high | ((static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu));
             bin.bin_sub_scale = combineScale(bin.bin_sub_scale, static_cast<std::int8_t>(p.w & 255));
             const float position[3] = {p.x, p.y, p.z};
-            std::uint32_t c[3];
+            // The sub-cell on each axis, truncated and held to 0..7 (a NaN to 0), its three bits spread into
+            // the code as mortonEncode places them.
+            std::uint32_t code = 0;
             for (int k = 0; k < 3; ++k) {
-                const int cell = floatToIntSaturate((position[k] - corner[k]) * inv);
-                c[k] = static_cast<std::uint32_t>(cell < 0 ? 0 : (cell > 7 ? 7 : cell));
+                const float v = (position[k] - corner[k]) * inv;
+                const std::uint32_t cell = v >= 7.0f ? 7u : (v > 0.0f ? static_cast<std::uint32_t>(v) : 0u);
+                code |= ((cell & 1u) | ((cell & 2u) << 2) | ((cell & 4u) << 4)) << k;
             }
-            const std::uint32_t code = mortonEncode(c[0], c[1], c[2]);
             bin.occupancy[code / 64] |= 1ull << (code % 64);
         }
     }
@@ -226,6 +229,10 @@ void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::
                      static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader), CopyKind::DeviceToHost),
         "cudaMemcpy(bins_header.data() + old_size, m_bins_header_dev , bins_header_size * "
         "sizeof(BinsHeader), cudaMemcpyDeviceToHost)");
+    // Where device memory is host memory the bins now lie twice: the array's pages go back to the system
+    // (its next use writes before it reads).
+    if (deviceMemoryIsHostMemory())
+        releasePagesWithin(m_bins_header_dev, m_bins_header_dev + static_cast<std::size_t>(bins_header_size));
 }
 
 int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float logic_coordinate[3]) {
@@ -345,7 +352,7 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
             computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
     }
     if (!done) {
-        std::printf("[warining]: memory lacked, generateBins on Host\n");
+        diagnostic("[warining]: memory lacked, generateBins on Host\n");
         m_on_host = true;
         bins_header.clear();
         int result = computePointsHash_Chunked(*block, logic_coordinate);

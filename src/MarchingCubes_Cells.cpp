@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "Diagnostics.h"
 #include "GridHash.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
@@ -44,6 +45,125 @@ std::uint32_t cellWord(const BinsHeader& bin, std::uint8_t scale) {
     return static_cast<std::uint32_t>(scale) | (static_cast<std::uint32_t>(bin.bin_flags) << 8) |
            (static_cast<std::uint32_t>(bin.word_high) << 16);
 }
+
+// The bits of a brick's word (four keys along x, then y, then z) of a range of keys on each axis: the
+// copies of the x range that the products place never overlap, so they add without carries.
+constexpr std::uint64_t alongX(int a, int b) { return ((std::uint64_t{2} << b) - 1) & ~((std::uint64_t{1} << a) - 1); }
+constexpr std::uint64_t everyFourth(int a, int b) {  // a 1 at bit 4 y for y in [a, b]
+    std::uint64_t v = 0;
+    for (int y = a; y <= b; ++y) v |= std::uint64_t{1} << (4 * y);
+    return v;
+}
+constexpr std::uint64_t everySixteenth(int a, int b) {  // a 1 at bit 16 z for z in [a, b]
+    std::uint64_t v = 0;
+    for (int z = a; z <= b; ++z) v |= std::uint64_t{1} << (16 * z);
+    return v;
+}
+template <std::uint64_t (*F)(int, int)>
+struct RangeTable {
+    std::uint64_t of[4][4] = {};
+    constexpr RangeTable() {
+        for (int a = 0; a < 4; ++a)
+            for (int b = a; b < 4; ++b) of[a][b] = F(a, b);
+    }
+};
+constexpr RangeTable<alongX> ALONG_X{};
+constexpr RangeTable<everyFourth> ALONG_Y{};
+constexpr RangeTable<everySixteenth> ALONG_Z{};
+
+// The place of each bit of a brick's word in a box of Size keys an axis: (x * Size + y) * Size + z.
+template <int Size>
+struct BrickPlaces {
+    int of[64] = {};
+    constexpr BrickPlaces() {
+        for (int bit = 0; bit < 64; ++bit) of[bit] = ((bit & 3) * Size + ((bit >> 2) & 3)) * Size + (bit >> 4);
+    }
+};
+template <int Size>
+constexpr BrickPlaces<Size> BRICK_PLACES{};
+
+// For each of the 27 cells around a bin (t = (dx + 1) * 9 + (dy + 1) * 3 + dz + 1), the places of the
+// 3 x 3 x 3 keys around the cell in the box of 5 x 5 x 5 keys around the bin, as bits of two words.
+struct CellsAround {
+    std::uint64_t of[27][2] = {};
+    constexpr CellsAround() {
+        for (int t = 0; t < 27; ++t)
+            for (int x = t / 9; x < t / 9 + 3; ++x)
+                for (int y = (t / 3) % 3; y < (t / 3) % 3 + 3; ++y)
+                    for (int z = t % 3; z < t % 3 + 3; ++z) {
+                        const int place = (x * 5 + y) * 5 + z;
+                        of[t][place >> 6] |= std::uint64_t{1} << (place & 63);
+                    }
+    }
+};
+constexpr CellsAround CELL_AROUND{};
+
+// For each of the 27 cells around a bin, the places (x * 7 + y) * 7 + z in the box of 7 x 7 x 7 keys around the
+// bin of the 3 x 3 x 3 keys around the cell (inner) and of the ring of the 5 x 5 x 5 around them (ring), as bits.
+struct AroundCell {
+    std::uint64_t inner[27][6] = {}, ring[27][6] = {};
+    constexpr AroundCell() {
+        for (int t = 0; t < 27; ++t) {
+            const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;
+            for (int x = cx - 2; x <= cx + 2; ++x)
+                for (int y = cy - 2; y <= cy + 2; ++y)
+                    for (int z = cz - 2; z <= cz + 2; ++z) {
+                        const int place = (x * 7 + y) * 7 + z;
+                        const bool in =
+                            x >= cx - 1 && x <= cx + 1 && y >= cy - 1 && y <= cy + 1 && z >= cz - 1 && z <= cz + 1;
+                        (in ? inner : ring)[t][place >> 6] |= std::uint64_t{1} << (place & 63);
+                    }
+        }
+    }
+};
+constexpr AroundCell AROUND_CELL{};
+
+// The bitmap of a block's occupied bin keys (MarchingCubes::buildBinBitmap).
+struct BitmapView {
+    const std::uint64_t* words;
+    const std::int32_t* word_rank;
+    const std::int32_t* min;
+    const std::int64_t* dim;  // bricks along each axis
+
+    // take(place, rank) for each occupied key of the box of Size keys an axis from `lo`, brick by brick; the
+    // place is (x * Size + y) * Size + z within the box.
+    template <int Size, class Take>
+    void forEachInBox(const std::int32_t lo[3], Take&& take) const {
+        std::int64_t first[3], last[3], corner[3];  // the box's keys within the bitmap, and its corner
+        for (int k = 0; k < 3; ++k) {
+            corner[k] = static_cast<std::int64_t>(lo[k]) - min[k];
+            first[k] = std::max<std::int64_t>(corner[k], 0);
+            last[k] = std::min<std::int64_t>(corner[k] + Size - 1, dim[k] * 4 - 1);
+            if (first[k] > last[k]) return;
+        }
+        for (std::int64_t bz = first[2] >> 2; bz <= last[2] >> 2; ++bz) {
+            const std::uint64_t along_z =
+                ALONG_Z.of[std::max(first[2], bz * 4) - bz * 4][std::min(last[2], bz * 4 + 3) - bz * 4];
+            for (std::int64_t by = first[1] >> 2; by <= last[1] >> 2; ++by) {
+                const std::uint64_t along_yz =
+                    ALONG_Y.of[std::max(first[1], by * 4) - by * 4][std::min(last[1], by * 4 + 3) - by * 4] * along_z;
+                for (std::int64_t bx = first[0] >> 2; bx <= last[0] >> 2; ++bx) {
+                    const std::size_t word_index = static_cast<std::size_t>((bz * dim[1] + by) * dim[0] + bx);
+                    const std::uint64_t word = words[word_index];
+                    const std::uint64_t mask =
+                        ALONG_X.of[std::max(first[0], bx * 4) - bx * 4][std::min(last[0], bx * 4 + 3) - bx * 4] *
+                        along_yz;
+                    std::uint64_t hits = word & mask;
+                    if (hits == 0) continue;
+                    // The box's place of the brick's first key; each bit adds its own place within the brick.
+                    const std::int64_t origin =
+                        ((bx * 4 - corner[0]) * Size + (by * 4 - corner[1])) * Size + (bz * 4 - corner[2]);
+                    const std::int32_t base = word_rank[word_index];
+                    for (; hits != 0; hits &= hits - 1) {
+                        const int bit = __builtin_ctzll(hits);
+                        take(origin + BRICK_PLACES<Size>.of[bit],
+                             base + bitCount64(word & ((std::uint64_t{1} << bit) - 1)));
+                    }
+                }
+            }
+        }
+    }
+};
 
 }  // namespace
 
@@ -136,7 +256,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             while (!stack.empty()) {
                 auto& [node, next_child] = stack.back();
                 if (node->child_count > 0 && next_child < 8) {
-                    CellNode* child = node->children[next_child++];
+                    CellNode* child = node->child(next_child++);
                     if (child) stack.push_back({child, 0});
                     continue;
                 }
@@ -184,47 +304,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             }
         }
     };
-    // With the bitmap, the ranks of the keys of the box of `size` keys an axis from `lo`, brick by brick:
-    // out[(x * size + y) * size + z], -1 where no bin is.
-    const auto boxRanks = [&](const std::int32_t lo[3], int size, std::int32_t* out) {
-        for (int i = 0; i < size * size * size; ++i) out[i] = -1;
-        std::int64_t first[3], last[3], corner[3];  // the box's keys within the bitmap, and its corner
-        for (int k = 0; k < 3; ++k) {
-            corner[k] = static_cast<std::int64_t>(lo[k]) - m_bitmap_min[k];
-            first[k] = std::max<std::int64_t>(corner[k], 0);
-            last[k] = std::min<std::int64_t>(corner[k] + size - 1, m_bitmap_dim[k] * 4 - 1);
-            if (first[k] > last[k]) return;
-        }
-        for (std::int64_t bz = first[2] >> 2; bz <= last[2] >> 2; ++bz) {
-            const int za = static_cast<int>(std::max(first[2], bz * 4) - bz * 4);
-            const int zb = static_cast<int>(std::min(last[2], bz * 4 + 3) - bz * 4);
-            for (std::int64_t by = first[1] >> 2; by <= last[1] >> 2; ++by) {
-                const int ya = static_cast<int>(std::max(first[1], by * 4) - by * 4);
-                const int yb = static_cast<int>(std::min(last[1], by * 4 + 3) - by * 4);
-                for (std::int64_t bx = first[0] >> 2; bx <= last[0] >> 2; ++bx) {
-                    const std::size_t word_index =
-                        static_cast<std::size_t>((bz * m_bitmap_dim[1] + by) * m_bitmap_dim[0] + bx);
-                    const std::uint64_t word = m_bin_bitmap[word_index];
-                    if (word == 0) continue;
-                    const int xa = static_cast<int>(std::max(first[0], bx * 4) - bx * 4);
-                    const int xb = static_cast<int>(std::min(last[0], bx * 4 + 3) - bx * 4);
-                    const std::uint64_t along_x = ((std::uint64_t{2} << xb) - 1) & ~((std::uint64_t{1} << xa) - 1);
-                    std::uint64_t lane = 0;
-                    for (int y = ya; y <= yb; ++y) lane |= along_x << (4 * y);
-                    std::uint64_t mask = 0;
-                    for (int z = za; z <= zb; ++z) mask |= lane << (16 * z);
-                    const std::int32_t base = m_bitmap_rank[word_index];
-                    for (std::uint64_t hits = word & mask; hits != 0; hits &= hits - 1) {
-                        const int bit = __builtin_ctzll(hits);
-                        const std::int64_t x = bx * 4 + (bit & 3) - corner[0];
-                        const std::int64_t y = by * 4 + ((bit >> 2) & 3) - corner[1];
-                        const std::int64_t z = bz * 4 + (bit >> 4) - corner[2];
-                        out[(x * size + y) * size + z] = base + bitCount64(word & ((std::uint64_t{1} << bit) - 1));
-                    }
-                }
-            }
-        }
-    };
+    const BitmapView bitmap{m_bin_bitmap.data(), m_bitmap_rank.data(), m_bitmap_min, m_bitmap_dim};
     const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
         if (!m_bitmap_valid) {
             for (int k = 0; k < n; ++k) {
@@ -257,30 +337,37 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             std::int32_t own[3];
             gridKey(bin.center, r, own);
             if (findBin(own[0], own[1], own[2]) != b) keys_agree = false;
-            // The bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index; a cell's
-            // first visitor is the smallest index of the 3 x 3 x 3 keys around the cell, taken axis by axis.
-            std::uint32_t ids[5][5][5];  // [x][y][z]
+            // The key of a neighbour cell's position on one axis depends on that axis's step alone.
+            for (int axis = 0; axis < 3; ++axis)
+                for (int d = -1; d <= 1; ++d)
+                    if (gridIndex(bin.center[axis] + static_cast<float>(d) * r, r) != own[axis] + d) keys_agree = false;
+            // A cell's first visitor is the smallest bin index of the 3 x 3 x 3 keys around the cell, this
+            // bin's among them: this bin is it where none of those keys holds a smaller index. With the
+            // bitmap, the places of the 5 x 5 x 5 keys around this one that hold a smaller index, as bits.
             if (m_bitmap_valid) {
-                std::int32_t ranks[5][5][5];
+                std::uint64_t smaller[2] = {0, 0};
                 const std::int32_t lo[3] = {own[0] - 2, own[1] - 2, own[2] - 2};
-                boxRanks(lo, 5, &ranks[0][0][0]);
-                for (int x = 0; x < 5; ++x)
-                    for (int y = 0; y < 5; ++y)
-                        for (int z = 0; z < 5; ++z) {
-                            const std::int32_t rank = ranks[x][y][z];
-                            ids[x][y][z] =
-                                rank < 0 ? UINT32_MAX
-                                         : static_cast<std::uint32_t>(m_rank_to_bin[static_cast<std::size_t>(rank)]);
-                        }
-            } else {
-                for (int x = 0; x < 5; ++x)
-                    for (int y = 0; y < 5; ++y) {
-                        std::uint32_t* row = ids[x][y];
-                        for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
-                        visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
-                                 [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
-                    }
+                bitmap.forEachInBox<5>(lo, [&](std::int64_t place, std::int32_t rank) {
+                    if (m_rank_to_bin[static_cast<std::size_t>(rank)] < b)
+                        smaller[place >> 6] |= std::uint64_t{1} << (place & 63);
+                });
+                std::uint32_t mask = 0;
+                for (int t = 0; t < 27; ++t)
+                    if (((smaller[0] & CELL_AROUND.of[t][0]) | (smaller[1] & CELL_AROUND.of[t][1])) == 0)
+                        mask |= std::uint32_t{1} << t;
+                first_visits[static_cast<std::size_t>(b)] = mask;
+                continue;
             }
+            // Otherwise the bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index, and
+            // the smallest index around each cell taken axis by axis.
+            std::uint32_t ids[5][5][5];  // [x][y][z]
+            for (int x = 0; x < 5; ++x)
+                for (int y = 0; y < 5; ++y) {
+                    std::uint32_t* row = ids[x][y];
+                    for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
+                    visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
+                             [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
+                }
             std::uint32_t along_z[5][5][3], along_y[5][3][3];
             for (int x = 0; x < 5; ++x)
                 for (int y = 0; y < 5; ++y)
@@ -290,10 +377,6 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 for (int y = 0; y < 3; ++y)
                     for (int z = 0; z < 3; ++z)
                         along_y[x][y][z] = std::min({along_z[x][y][z], along_z[x][y + 1][z], along_z[x][y + 2][z]});
-            // The key of a neighbour cell's position on one axis depends on that axis's step alone.
-            for (int axis = 0; axis < 3; ++axis)
-                for (int d = -1; d <= 1; ++d)
-                    if (gridIndex(bin.center[axis] + static_cast<float>(d) * r, r) != own[axis] + d) keys_agree = false;
             std::uint32_t mask = 0;
             int t = 0;
             for (int dx = -1; dx <= 1; ++dx)
@@ -312,7 +395,7 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         const BinsHeader& bin = bins_header[b];
         std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
         if (scale == static_cast<std::uint8_t>(SUB_SCALE_NANE)) {
-            std::printf("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
+            diagnostic("[MarchingCubes] buildOctreeAndRelationsByBins error (bin_sub_scale == SUB_SCALE_NANE)!\n");
             scale = 8;  // its points are not lost: the bin counts as one of the default scale
         }
         const std::uint32_t word = cellWord(bin, scale);
@@ -664,12 +747,19 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                     std::int64_t j = visit_start[static_cast<std::size_t>(b)];
                     // The ranks of the 7 x 7 x 7 keys around the bin (-1 where no bin is), read once for all
                     // its cells: a cell's search, widened or not, lies within them.
-                    std::int32_t around[7][7][7];  // [x][y][z]
+                    // The ranks of the occupied keys of the 7 x 7 x 7 around the bin, read once for all its cells
+                    // (a cell's search, widened or not, lies within them), and which of them are occupied, as bits
+                    // of their places (x * 7 + y) * 7 + z.
+                    std::int32_t around[343];
+                    std::uint64_t occupied[6] = {0, 0, 0, 0, 0, 0};
                     std::int32_t own[3];
                     if (around_bins) {
                         gridKey(bin.center, r, own);
                         const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
-                        boxRanks(lo, 7, &around[0][0][0]);
+                        bitmap.forEachInBox<7>(lo, [&](std::int64_t place, std::int32_t rank) {
+                            around[place] = rank;
+                            occupied[place >> 6] |= std::uint64_t{1} << (place & 63);
+                        });
                     }
                     for (int t = 0; t < 27; ++t) {
                         if (((mask >> t) & 1u) == 0) continue;
@@ -678,35 +768,26 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                         if (around_bins) {
                             // The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3
                             // keys around the cell row by row along z, then for a sparse cell the ring around them,
-                            // the ends of the rows through the box and the whole rows beside it.
-                            const int cx = t / 9 + 2, cy = (t / 3) % 3 + 2, cz = t % 3 + 2;  // the cell in `around`
+                            // the ends of the rows through the box and the whole rows beside it. Both lie in
+                            // rising place order, so the occupied places of each are taken in that order.
                             std::int32_t points = 0;
                             // Room for every key of a widened search, cut back to the bins found.
                             list.resize(start + 125);
                             RelationCell2Bins_Device* out = list.data() + start;
                             std::size_t taken = 0;
-                            const auto take = [&](std::int32_t rank) {
-                                if (rank < 0) return;
-                                const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
-                                points += run.count;
-                                out[taken++] = run;
-                            };
-                            for (int x = -1; x <= 1; ++x)
-                                for (int y = -1; y <= 1; ++y)
-                                    for (int z = -1; z <= 1; ++z) take(around[cx + x][cy + y][cz + z]);
-                            const bool widened = points < SPARSE_CELL_POINTS;
-                            if (widened) {
-                                for (int x = -2; x <= 2; ++x)
-                                    for (int y = -2; y <= 2; ++y) {
-                                        const std::int32_t* row = around[cx + x][cy + y];
-                                        if (x >= -1 && x <= 1 && y >= -1 && y <= 1) {
-                                            take(row[cz - 2]);
-                                            take(row[cz + 2]);
-                                        } else {
-                                            for (int z = -2; z <= 2; ++z) take(row[cz + z]);
-                                        }
+                            const auto takeAll = [&](const std::uint64_t(&places)[6]) {
+                                for (int w = 0; w < 6; ++w)
+                                    for (std::uint64_t hits = occupied[w] & places[w]; hits != 0; hits &= hits - 1) {
+                                        const std::int32_t rank = around[w * 64 + __builtin_ctzll(hits)];
+                                        const RelationCell2Bins_Device& run =
+                                            runs_by_rank[static_cast<std::size_t>(rank)];
+                                        points += run.count;
+                                        out[taken++] = run;
                                     }
-                            }
+                            };
+                            takeAll(AROUND_CELL.inner[t]);
+                            const bool widened = points < SPARSE_CELL_POINTS;
+                            if (widened) takeAll(AROUND_CELL.ring[t]);
                             list.resize(start + taken);
                             result = {points, widened};
                         } else {
@@ -810,26 +891,61 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     flat->cell_node_size = static_cast<std::int32_t>(n);
     flat->relation_size = static_cast<std::int32_t>(total);
     flat->relations.resize(static_cast<std::size_t>(total));
-#pragma omp parallel for schedule(dynamic, 64)
-    for (std::int64_t i = 0; i < n; ++i) {
-        const std::int64_t o = offsets[static_cast<std::size_t>(i)];
-        const std::int64_t k = offsets[static_cast<std::size_t>(i) + 1] - o;
-        if (k == 0) continue;
-        CellNode_Device& record = records[static_cast<std::size_t>(i)];
-        RelationCell2Bins_Device* out = flat->relations.data() + o;
-        const auto copyFound = [&](std::int32_t s) {
-            const UninitialisedArray<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
-            const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
-            out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
-        };
+    // The searches whose relations record i takes, in order.
+    const auto forEachSearchOf = [&](std::int64_t i, auto&& take) {
         const auto it = moved_lists.find(static_cast<std::int32_t>(i));
         if (it == moved_lists.end()) {
-            copyFound(static_cast<std::int32_t>(i));
+            take(static_cast<std::int32_t>(i));
         } else {
-            for (std::int32_t s : it->second) copyFound(s);
+            for (std::int32_t s : it->second) take(s);
         }
-        record.relation_offset = static_cast<std::int32_t>(o);
-        record.relation_count = static_cast<std::int32_t>(k);
+    };
+    // The records are copied slice by slice, and after each slice every thread's list gives back the pages
+    // that no later record copies from: the lists and the flat array are not both held in full.
+    // first_use[slice * threads + t]: where in thread t's list the searches that the records of that slice
+    // and the later ones copy begin.
+    constexpr std::int64_t FLATTEN_SLICE = 65536;
+    const std::size_t threads = lists.size();
+    const std::int64_t slices = (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
+    std::vector<std::int64_t> first_use(static_cast<std::size_t>(slices + 1) * threads, INT64_MAX);
+    for (std::int64_t i = 0; i < n; ++i) {
+        if (offsets[static_cast<std::size_t>(i) + 1] == offsets[static_cast<std::size_t>(i)]) continue;
+        std::int64_t* use = first_use.data() + static_cast<std::size_t>(i / FLATTEN_SLICE) * threads;
+        forEachSearchOf(i, [&](std::int32_t s) {
+            std::int64_t& at = use[found_by[static_cast<std::size_t>(s)]];
+            at = std::min(at, found_at[static_cast<std::size_t>(s)]);
+        });
+    }
+    for (std::int64_t slice = slices - 1; slice >= 0; --slice)
+        for (std::size_t t = 0; t < threads; ++t)
+            first_use[static_cast<std::size_t>(slice) * threads + t] =
+                std::min(first_use[static_cast<std::size_t>(slice) * threads + t],
+                         first_use[static_cast<std::size_t>(slice + 1) * threads + t]);
+    std::vector<std::int64_t> released(threads, 0);
+    for (std::int64_t slice = 0; slice < slices; ++slice) {
+        const std::int64_t end = std::min(n, (slice + 1) * FLATTEN_SLICE);
+#pragma omp parallel for schedule(dynamic, 64)
+        for (std::int64_t i = slice * FLATTEN_SLICE; i < end; ++i) {
+            const std::int64_t o = offsets[static_cast<std::size_t>(i)];
+            const std::int64_t k = offsets[static_cast<std::size_t>(i) + 1] - o;
+            if (k == 0) continue;
+            CellNode_Device& record = records[static_cast<std::size_t>(i)];
+            RelationCell2Bins_Device* out = flat->relations.data() + o;
+            forEachSearchOf(i, [&](std::int32_t s) {
+                const UninitialisedArray<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
+                const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
+                out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
+            });
+            record.relation_offset = static_cast<std::int32_t>(o);
+            record.relation_count = static_cast<std::int32_t>(k);
+        }
+        for (std::size_t t = 0; t < threads; ++t) {
+            UninitialisedArray<RelationCell2Bins_Device>& list = lists[t];
+            const std::int64_t upto = std::min(first_use[static_cast<std::size_t>(slice + 1) * threads + t],
+                                               static_cast<std::int64_t>(list.size()));
+            if (upto > released[t] && releasePagesWithin(list.data() + released[t], list.data() + upto))
+                released[t] = upto;
+        }
     }
     cell_node_and_relations = std::move(flat);
     return 0;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "Diagnostics.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
 
@@ -64,7 +65,7 @@ std::int64_t MarchingCubes::saveFieldData(const CellNodeAndRelations& cells) {
         const CellNode_Device& record = cells.cell_nodes[static_cast<std::size_t>(i)];
         CellNode* c = record.cell;
         if (c->data_state == 2 || c->cell_type != CELL_TYPE_LEAF) {
-            std::printf("[error]: cell_node repeat or is not leaf!\n");
+            diagnostic("[error]: cell_node repeat or is not leaf!\n");
             continue;
         }
         c->data_id = -1;

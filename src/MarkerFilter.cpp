@@ -9,6 +9,7 @@
 #include <exception>
 #include <utility>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 
 namespace SurfaceReconstruction {
@@ -143,7 +144,7 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
                 const float e = std::sqrt(dx * dx + dy * dy + dz * dz);
                 dist[f][j] = e;
                 if (e >= marker_max_dist_threshold) {
-                    std::printf("filterScanFrameByMarkers: dist >= marker_max_dist_threshold (%f) \n", e);
+                    diagnostic("filterScanFrameByMarkers: dist >= marker_max_dist_threshold (%f) \n", e);
                     continue;
                 }
                 marker.mean += e;  // a running sum until the statistics below
@@ -206,7 +207,7 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
         }
         m_max_frame_points = largest;
         std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(frames);
-        std::printf("filter frame by markers (%d / %d) \n", static_cast<int>(passed.size()), static_cast<int>(n));
+        diagnostic("filter frame by markers (%d / %d) \n", static_cast<int>(passed.size()), static_cast<int>(n));
         return 0;
     });
 }

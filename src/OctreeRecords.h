@@ -5,20 +5,32 @@
 
 namespace SurfaceReconstruction {
 
-// One cell of an octree. Cells live at fixed addresses for the whole run, so parents, children and
-// later stages hold raw pointers to them.
+struct CellNode;
+
+// The eight child slots of a cell, made with its first child: most cells of a run are leaves, and eight
+// empty pointers in each would be most of their memory.
+struct CellChildren {
+    CellNode* at[8] = {};
+};
+
+// One cell of an octree. Cells and their child slots live at fixed addresses for the whole run, so
+// parents, children and later stages hold raw pointers to them.
 struct CellNode {
     std::uint32_t lock = 0;  // guards the creation of children and the attachment of data
     float center[3] = {0.0f, 0.0f, 0.0f};
     float half_size = 0.5f;
-    CellNode* parent = nullptr;
-    CellNode* children[8] = {};
     std::uint8_t cell_type = 0;    // 0 not in a tree, 1 branch, 3 leaf; only ever moves upward
     std::uint8_t data_state = 0;   // 0 nothing, 1 relation record, 2 field records
     std::uint8_t field_count = 0;  // field records at data_id when data_state is 2
     std::uint8_t child_count = 0;  // live children; cleared when a leaf has absorbed its subtree
     std::int32_t data_id = -1;
+    CellNode* parent = nullptr;
+    CellChildren* children = nullptr;  // null until the first child is made
+
+    // Child k, or null; for readers that no descent runs beside.
+    CellNode* child(int k) const { return children != nullptr ? children->at[k] : nullptr; }
 };
+static_assert(sizeof(CellNode) <= 48, "CellNode keeps its eight child pointers apart");
 
 constexpr std::uint8_t CELL_TYPE_BRANCH = 1;
 constexpr std::uint8_t CELL_TYPE_LEAF = 3;

@@ -268,9 +268,8 @@ TESSA_HD inline void smallestEigenVector3(const double matrix[9], double out[3])
     }
 }
 
-// The unit normal of the plane fitted to `count` offsets, turned so that its dot product with
-// `reference` is not negative.
-TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const float reference[3], float normal[3]) {
+// The unit normal of the plane fitted to `count` offsets, as it comes from the solver (either way round).
+TESSA_HD inline void planeNormalOf(const MomentSums& sums, int count, float normal[3]) {
     const double n = static_cast<double>(count);
     double mean[3];
     for (int i = 0; i < 3; ++i) mean[i] = sums.first[i] / n;
@@ -284,10 +283,21 @@ TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const flo
     double vector[3];
     smallestEigenVector3(covariance, vector);
     for (int k = 0; k < 3; ++k) normal[k] = static_cast<float>(vector[k]);
+}
+
+// `normal` turned so that its dot product with `reference` is not negative.
+TESSA_HD inline void turnToward(const float reference[3], float normal[3]) {
     const float dot = normal[0] * reference[0] + normal[1] * reference[1] + normal[2] * reference[2];
     if (dot < 0.0f) {
         for (int k = 0; k < 3; ++k) normal[k] = -normal[k];
     }
+}
+
+// The unit normal of the plane fitted to `count` offsets, turned so that its dot product with
+// `reference` is not negative.
+TESSA_HD inline void fitPlaneNormal(const MomentSums& sums, int count, const float reference[3], float normal[3]) {
+    planeNormalOf(sums, count, normal);
+    turnToward(reference, normal);
 }
 
 }  // namespace

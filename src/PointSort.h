@@ -29,10 +29,15 @@ struct PointSortBuffers {
     }
 };
 
+// Points the host sort of a block's array takes at a time: 7 MiB of working arrays.
+constexpr std::int64_t SORT_PIECE_POINTS = std::int64_t{1} << 17;
+
 // The same two sorts on host memory, with either backend.
 void sortPointsFullyOnHost(RawPointWithHash* points, std::int64_t n);
-// The same for a whole array on the host, which the sorted copy replaces; `buffers` keeps the old storage.
-void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers);
+// The same for a whole array on the host. Up to `piece_points` points the sorted copy replaces the array
+// and `buffers` keeps the old storage; a larger array is sorted where it lies, a piece at a time through
+// working arrays of each thread's own, so that the sort never holds a second copy of a large block.
+void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers, std::int64_t piece_points = SORT_PIECE_POINTS);
 void sortPointsByHashStableOnHost(RawPointWithHash* points, std::int64_t n);
 
 }  // namespace SurfaceReconstruction

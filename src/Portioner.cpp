@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "ErrorLadder.h"
+#include "HostMemory.h"
 #include "ThreadPool.h"
 
 namespace SurfaceReconstruction {
@@ -344,7 +345,8 @@ int Portioner::processWithoutModel() {
     m_share_counts.clear();
     m_frame_shares.clear();
     if (direct) {
-        m_waiting_frames.clear();
+        m_waiting_frames.clear();  // each was let go as its points went onto the lists
+        giveFreedHeapBack();
         result = deInitPartition_Device();
         if (result != 0) return result;
     } else {
@@ -357,6 +359,7 @@ int Portioner::processWithoutModel() {
         }
         result = finishScanFrames();
         if (result != 0) return result;
+        giveFreedHeapBack();
     }
     if (m_point_cloud_blocks.empty()) return 1;
     dropEmptyBlocks();  // possibly all of them: points that the partition skips leave a run without blocks

@@ -35,6 +35,8 @@ constexpr int PORTIONER_MAX_FRAME_SIZE = 500;
 constexpr int PORTIONER_RAW_SURFACE_FRAMES = 1000;
 // Block changes a batch buffer starts with; it grows when a batch touches more blocks.
 constexpr int PORTIONER_MAX_BLOCK_CHANGES = 10000;
+// Bytes of frames let go in the host's second pass between two calls that give the freed heap back.
+constexpr std::uint64_t PORTIONER_FRAME_BYTES_TRIMMED = std::uint64_t{32} << 20;
 // Size of the table from block position to block.
 constexpr std::uint64_t PORTIONER_HASH_BUCKETS = 32768;
 constexpr std::uint64_t PORTIONER_HASH_EXCESS = 20000;

@@ -15,10 +15,13 @@
 #include <new>
 #include <stdexcept>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
+#include "HostMemory.h"
 #include "PointRuns.h"
 #include "PointSort.h"
 #include "Portioner.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
@@ -90,7 +93,7 @@ struct PartitionPoint {
         const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
         if (own < 0) {
             if (report)
-                printf(
+                TESSA_KERNEL_REPORT(
                     "processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
                     "block_res(%f) hash_mask(%d)\n",
                     x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
@@ -334,7 +337,7 @@ int runBlockComputation(std::string& last_error, Step step) {
                               step();
                               return 0;
                           } catch (const thrust::system::system_error& e) {
-                              std::printf("[Portioner] thruest error: %s !", e.what());
+                              diagnostic("[Portioner] thruest error: %s !", e.what());
                               return static_cast<int>(TESSALINE_DEVICE_COMPUTE);
                           }
                       });
@@ -396,12 +399,17 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
         if (lists[e] != nullptr) lists[e]->resize(static_cast<std::size_t>(totals[e]));
     std::vector<std::int32_t> words(m_share_counts.size(), 0);  // OR of the records' words
     const std::int64_t shares = static_cast<std::int64_t>(share_count);
+    const std::atomic<bool>* stop = runStopFlag();
+    // Each frame is let go once its points are on the lists, and the heap gives what the frames held back
+    // to the system every PORTIONER_FRAME_BYTES_TRIMMED bytes: as the lists fill, the frames leave, and
+    // the pass holds about the larger of the two instead of both (where nobody else holds the frames).
+    std::atomic<std::uint64_t> let_go{0};
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < shares; ++s) {
         std::int64_t* place = places.data() + static_cast<std::size_t>(s) * table;
         std::int32_t* word = words.data() + static_cast<std::size_t>(s) * table;
         for (std::size_t f = m_frame_shares[static_cast<std::size_t>(s)];
-             f < m_frame_shares[static_cast<std::size_t>(s) + 1]; ++f) {
+             f < m_frame_shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
             const FrameDataWithInfo& frame = *m_waiting_frames[f];
             const PartitionPoint partition = framePartition(frame, entries, m_hash_mask, block_res, half_ext);
             // A laser id outside 0 to 7 is read as 0, as the batch's copy of the frame's information has it.
@@ -416,8 +424,14 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
                     word[e] |= point.w;
                 });
             }
+            const std::uint64_t bytes = frame.xyz.size() * (sizeof(Vec3f) * 2 + sizeof(std::int32_t));
+            m_waiting_frames[f].reset();
+            const std::uint64_t before = let_go.fetch_add(bytes);
+            if ((before + bytes) / PORTIONER_FRAME_BYTES_TRIMMED != before / PORTIONER_FRAME_BYTES_TRIMMED)
+                giveFreedHeapBack();
         }
     }
+    stopPoint();
     for (std::size_t e = 0; e < table; ++e) {
         if (lists[e] == nullptr) continue;
         std::int32_t word = 0;

@@ -10,11 +10,13 @@
 #include <vector>
 
 #include "CellSurface.h"
+#include "Diagnostics.h"
 #include "DualTraversal.h"
 #include "ErrorLadder.h"
 #include "FieldDataPool.h"
 #include "HashOctree.h"
 #include "HostMemory.h"
+#include "RunStop.h"
 
 namespace SurfaceReconstruction {
 
@@ -105,8 +107,10 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     std::vector<MultiMeshData*> filling(static_cast<std::size_t>(omp_get_max_threads()), nullptr);
     TriangleSink sink{&is_ok, &filling};
     DualCubeContour<TriangleSink> contour(*m_field_data_pool, sink);
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int32_t id = 0; id < n; ++id) {
+        if (stopAsked(stop)) continue;  // the run stops after the loop
         if (is_ok.load(std::memory_order_relaxed) == 0 || !reconstructorMemoryGuard()) {
             is_ok = 0;
             continue;
@@ -115,7 +119,7 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         const std::shared_ptr<HashRootCellData> data = roots->get(id);
         const CellNode* root = data ? data->root_cell : nullptr;
         if (root == nullptr) {
-            std::printf(
+            diagnostic(
                 "[error]\xef\xbc\x9a"
                 "enumerate_hash (cur_cell == nullptr)! \n");
             continue;
@@ -145,8 +149,9 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
             is_ok = 0;
         }
     }
+    stopPoint();
     if (is_ok.load() == 0) {
-        std::printf("is_ok = false!\n");
+        diagnostic("is_ok = false!\n");
         if (!reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES, &usable))
             return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES);
         m_last_error = "[Reconstructor] process the mesh walk failed: memory ran out while triangles were made!";
@@ -157,7 +162,7 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     for (const MultiMeshData& part : parts)
         part_bytes += part.xyz.size() * sizeof(TriangleXYZ) + part.w.size() * sizeof(TriangleW);
     if (!reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES + part_bytes, &usable)) {
-        std::printf("is_ok = false!\n");
+        diagnostic("is_ok = false!\n");
         return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES + part_bytes);
     }
 
@@ -183,7 +188,7 @@ int Reconstructor::refuseForMemory(std::uint64_t usable, std::uint64_t need) {
                   "MiB!",
                   static_cast<unsigned long long>(usable >> 20), static_cast<unsigned long long>(need >> 20));
     m_last_error = text;
-    std::printf("%s\n", text);
+    diagnostic("%s\n", text);
     return TESSALINE_OUT_OF_MEMORY;
 }
 

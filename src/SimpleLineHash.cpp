@@ -8,6 +8,7 @@
 #include <new>
 
 #include "Atomics.h"
+#include "Diagnostics.h"
 #include "SpinLock.h"
 #include "tessaline/Tessaline.h"
 
@@ -108,7 +109,7 @@ int SimpleLineHash::insert(std::int32_t x, std::int32_t y, std::int32_t z, Simpl
         }
         const std::int64_t k = m_next_excess_index.fetch_add(1);
         if (static_cast<std::uint64_t>(k) - m_bucket_size >= m_excess_size) {
-            std::printf("---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
+            diagnostic("---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
             spinUnlock(lock);
             return 1;
         }

@@ -27,5 +27,7 @@ int Tessaline::getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>
     return m_opt->getOptimizedMarkerErrors(markers);
 }
 std::string Tessaline::getLastErrorMsg() { return m_opt->getLastErrorMsg(); }
+int Tessaline::setDiagnosticSink(DiagnosticSink sink) { return m_opt->setDiagnosticSink(std::move(sink)); }
+int Tessaline::requestStop() { return m_opt->requestStop(); }
 
 }  // namespace SurfaceReconstruction

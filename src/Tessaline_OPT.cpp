@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "HashOctree.h"
 #include "MarchingCubes.h"
@@ -27,14 +28,14 @@ constexpr int TOTAL_STEPS = 3;
 }  // namespace
 
 int printStepReport(ProcessStepInfo& info) {
-    std::printf("[info] cur step %s , (%d / %d) , (%d / %d) \n", toUtf8(info.step_name).c_str(), info.cur_step,
-                info.total_steps, info.cur_sub_step, info.total_sub_steps);
+    diagnostic("[info] cur step %s , (%d / %d) , (%d / %d) \n", toUtf8(info.step_name).c_str(), info.cur_step,
+               info.total_steps, info.cur_sub_step, info.total_sub_steps);
     return 1;
 }
 
 void printCellRuleCounts(const CellRuleCounts& counts) {
     const auto n = [](std::uint64_t v) { return static_cast<unsigned long long>(v); };
-    std::printf(
+    diagnostic(
         "[MarchingCubes] cells %llu, %llu with a surface; without one: %llu with fewer than 5 points, %llu "
         "without relations, %llu without a common normal, %llu without a side of 5 points, %llu with fits "
         "across their normals, %llu sparse and off their points; %llu sparse cells widened, %llu flagged "
@@ -95,6 +96,12 @@ int Tessaline_OPT::exclusively(Holder holder, const char* operation, Body&& body
         std::atomic<int>& holder;
         ~Release() { holder.store(HELD_BY_NONE); }
     } release{m_holder};
+    std::shared_ptr<const DiagnosticSink> sink;
+    {
+        std::lock_guard<std::mutex> lock(m_sink_lock);
+        sink = m_diagnostic_sink;
+    }
+    const DiagnosticScope lines(sink);
     std::string error = getLastErrorMsg();
     int result = 1;
     try {
@@ -104,6 +111,21 @@ int Tessaline_OPT::exclusively(Holder holder, const char* operation, Body&& body
     }
     setLastError(error);
     return result;
+}
+
+int Tessaline_OPT::setDiagnosticSink(DiagnosticSink sink) {
+    if (m_holder.load() == HELD_BY_RUN) {
+        setLastError("[Tessaline_OPT] setDiagnosticSink refused: a run is in progress!");
+        return 1;
+    }
+    std::lock_guard<std::mutex> lock(m_sink_lock);
+    m_diagnostic_sink = sink ? std::make_shared<const DiagnosticSink>(std::move(sink)) : nullptr;
+    return 0;
+}
+
+int Tessaline_OPT::requestStop() {
+    if (m_holder.load() == HELD_BY_RUN) m_stop_requested.store(true);
+    return 0;
 }
 
 void Tessaline_OPT::setLastError(const std::string& text) {
@@ -456,7 +478,7 @@ void Tessaline_OPT::screenHeldFrames() {
     }
     if (failed) throw std::bad_alloc();
     if (dropped > 0 || recoded > 0)
-        std::printf(
+        diagnostic(
             "addScanFrame: %llu points dropped (not finite, normal of length 0 or beyond the grid), %llu scale "
             "codes not 0-64 set to 8 \n",
             static_cast<unsigned long long>(dropped), static_cast<unsigned long long>(recoded));
@@ -475,7 +497,7 @@ int Tessaline_OPT::filterScanFrameByMarkers() {
     m_max_frame_points = static_cast<std::int32_t>(largest);
     m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(largest);
     std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(m_held_frames);
-    std::printf("filter frame by markers (%d / %d) \n", static_cast<int>(m_frame_queue.size()), static_cast<int>(n));
+    diagnostic("filter frame by markers (%d / %d) \n", static_cast<int>(m_frame_queue.size()), static_cast<int>(n));
     return 0;
 }
 
@@ -498,8 +520,16 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
                 "the next one (the frames added since are kept)!";
             return 1;
         }
-        return runGuarded(last_error, {1, "[Tessaline_OPT] process try catch error!"},
-                          [&]() -> int { return runStages(mesh, last_error); });
+        m_stop_requested.store(false);
+        const StopScope stop(&m_stop_requested);
+        return runGuarded(last_error, {1, "[Tessaline_OPT] process try catch error!"}, [&]() -> int {
+            try {
+                return runStages(mesh, last_error);
+            } catch (const RunStopped&) {
+                last_error = "[Tessaline_OPT] process stopped: a stop was requested!";
+                return 1;
+            }
+        });
     });
 }
 
@@ -527,10 +557,12 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     // From here on the stages belong to this run.
     m_stages_spent = true;
     while (!m_frame_queue.empty()) {
+        stopPoint();
         std::shared_ptr<FrameDataWithInfo> frame = m_frame_queue.front();
         m_frame_queue.pop_front();
         m_portioner->addScanFrameWithoutModel(frame);  // a refused frame just takes no part
     }
+    stopPoint();
 
     result = m_portioner->processWithoutModel();
     if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!")
@@ -565,16 +597,19 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     std::string first_left_out;
     reportStep(STEP_FUSION, 2, 0, block_count);
     for (int i = 0; i < block_count; ++i) {
+        stopPoint();
         reportStep(STEP_FUSION, 2, i, block_count);
-        std::printf("==========================================\n");
+        diagnostic("==========================================\n");
         profiler.time_start("marching_cubes");
         std::shared_ptr<PointCloudBlock> block;
         if (m_portioner->takePointCloudBlock(block, i) != 0) continue;
         if (!block || !block->points || block->points->empty()) {
-            std::printf("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
+            diagnostic("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
             continue;
         }
-        // A block that fails is left out of the mesh; the run goes on, and says so at its end.
+        // A block that fails is left out of the mesh; the run goes on, and says so at its end. The stage may
+        // give up the block's points once it no longer needs them.
+        const std::size_t block_points = block->points->size();
         const int block_result = m_marching_cubes->process(block);
         if (block_result == 0) {
             profiler.time_stop("marching_cubes", true);
@@ -584,15 +619,14 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
                           static_cast<double>(block->center[0]) + m_run_origin[0],
                           static_cast<double>(block->center[1]) + m_run_origin[1],
                           static_cast<double>(block->center[2]) + m_run_origin[2],
-                          static_cast<unsigned long long>(block->points->size()),
-                          m_marching_cubes->getLastError().c_str());
-            std::printf("[Tessaline_OPT] process left out %s\n", text);
+                          static_cast<unsigned long long>(block_points), m_marching_cubes->getLastError().c_str());
+            diagnostic("[Tessaline_OPT] process left out %s\n", text);
             if (left_out_blocks == 0) {
                 left_out_status = block_result;
                 first_left_out = text;
             }
             ++left_out_blocks;
-            left_out_points += block->points->size();
+            left_out_points += block_points;
         }
         block.reset();  // at most one block is held outside the Portioner's list
     }
@@ -607,6 +641,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     result = m_portioner->deInit();
     if (result != 0) return exitWith(m_portioner->getLastError(), result);
 
+    stopPoint();
     profiler.time_start("reconstructor");
     result = m_reconstructor->process(mesh);
     if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
@@ -629,12 +664,12 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
                       left_out_blocks, block_count, static_cast<unsigned long long>(left_out_points),
                       first_left_out.c_str());
         last_error = text;
-        std::printf("%s\n", text);
+        diagnostic("%s\n", text);
         return left_out_status;
     }
     if (mesh && mesh->xyz.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
         last_error = emptyMeshReason(counts, usable_points, m_resolution);
-        std::printf("%s\n", last_error.c_str());
+        diagnostic("%s\n", last_error.c_str());
     }
     return 0;
 }

@@ -66,6 +66,8 @@ public:
     int process(std::shared_ptr<MultiMeshData>& mesh);
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
     std::string getLastErrorMsg() const;
+    int setDiagnosticSink(DiagnosticSink sink);
+    int requestStop();
 
     bool isInited() const { return m_inited; }
 
@@ -98,6 +100,11 @@ private:
 
     bool m_inited = false;
     std::atomic<int> m_holder{HELD_BY_NONE};
+    // Where this engine's diagnostic lines go (null: the standard streams); read by each operation as it begins.
+    std::shared_ptr<const DiagnosticSink> m_diagnostic_sink;
+    std::mutex m_sink_lock;
+    // Asked from any thread; the run in progress looks at it at its safe points and clears it as it begins.
+    std::atomic<bool> m_stop_requested{false};
     // The stages of a run end with it: the next run needs deInit and init first.
     bool m_stages_spent = false;
     mutable std::mutex m_error_lock;  // the last error is read from any thread, also during a run

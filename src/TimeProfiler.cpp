@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdio>
 
+#include "Diagnostics.h"
+
 namespace SurfaceReconstruction {
 
 namespace {
@@ -38,14 +40,14 @@ double TimeProfiler::time_stop(std::string name, bool print) {
     const std::int64_t now = readTicks();
     auto found = m_names.find(name);
     if (found == m_names.end()) {
-        std::printf(" time_stop error ( can not find %s ) ! \n", name.c_str());
+        diagnostic(" time_stop error ( can not find %s ) ! \n", name.c_str());
         return 0.0;
     }
     const int index = found->second;
     m_stop_ticks[index] = now;
     m_elapsed_ms[index] = static_cast<double>(m_stop_ticks[index] - m_start_ticks[index]) /
                           static_cast<double>(m_frequency[index]) * 1000.0;
-    if (print) std::printf(" %s - elapsed time : %f ms \n", name.c_str(), m_elapsed_ms[index]);
+    if (print) diagnostic(" %s - elapsed time : %f ms \n", name.c_str(), m_elapsed_ms[index]);
     return m_elapsed_ms[index];
 }
 

@@ -1,11 +1,17 @@
 // A std::vector whose resize leaves the new elements uninitialised, for the large arrays of plain
 // records that the threads filling them write in full: zeroing them first would take one core while the
-// other waits, and touch every page twice.
+// other waits, and touch every page twice. Storage of MAPPED_AT_LEAST bytes or more is mapped from the
+// system on its own and unmapped when freed: the heap would keep a freed array of up to 32 MiB resident
+// (its threshold for mappings grows with every mapping freed), and how much it keeps would depend on
+// which thread freed what. A mapped array starts at an offset into its first page that changes from one
+// array to the next (a multiple of 64 bytes): arrays read side by side at the same index, as the columns
+// of a block's points are, would otherwise all fall on the same cache sets.
 #pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,6 +20,15 @@
 #include <vector>
 
 namespace SurfaceReconstruction {
+
+constexpr std::size_t MAPPED_AT_LEAST = std::size_t{1} << 20;
+
+// The offset of the next mapped array into its first page: 64 to 4032 bytes, the word before the array
+// holding it.
+inline std::size_t nextMappedOffset() {
+    static std::atomic<std::uint32_t> next{0};
+    return 64 * (1 + next.fetch_add(1, std::memory_order_relaxed) % 63);
+}
 
 template <class T>
 struct UninitialisedAllocator : std::allocator<T> {
@@ -24,6 +39,26 @@ struct UninitialisedAllocator : std::allocator<T> {
     UninitialisedAllocator() = default;
     template <class U>
     UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+    T* allocate(std::size_t n) {
+        if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
+        if (n * sizeof(T) < MAPPED_AT_LEAST) return std::allocator<T>::allocate(n);
+        static_assert(alignof(T) <= 64, "mapped arrays are aligned to 64 bytes");
+        const std::size_t offset = nextMappedOffset();
+        void* base = mmap(nullptr, n * sizeof(T) + offset, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (base == MAP_FAILED) throw std::bad_alloc();
+        char* data = static_cast<char*>(base) + offset;
+        reinterpret_cast<std::size_t*>(data)[-1] = offset;
+        return reinterpret_cast<T*>(data);
+    }
+    void deallocate(T* p, std::size_t n) noexcept {
+        if (n * sizeof(T) < MAPPED_AT_LEAST) {
+            std::allocator<T>::deallocate(p, n);
+        } else {
+            char* data = reinterpret_cast<char*>(p);
+            const std::size_t offset = reinterpret_cast<const std::size_t*>(data)[-1];
+            munmap(data - offset, n * sizeof(T) + offset);
+        }
+    }
     template <class U>
     void construct(U* p) noexcept {
         ::new (static_cast<void*>(p)) U;
@@ -45,15 +80,21 @@ using UninitialisedArray = std::vector<T, UninitialisedAllocator<T>>;
 // for a moment, which many small blocks in a row would pay for nothing.
 constexpr std::size_t RELEASE_AT_LEAST = std::size_t{4} << 20;
 
+// Gives the whole pages within [begin, end) back to the system, where they come to RELEASE_AT_LEAST
+// bytes or more, and says whether it did; what lies there reads as zeros when touched again.
+inline bool releasePagesWithin(const void* begin, const void* end) {
+    static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(begin), to = reinterpret_cast<std::uintptr_t>(end);
+    const std::uintptr_t first = (from + page - 1) / page * page, last = to / page * page;
+    if (last <= first || last - first < RELEASE_AT_LEAST) return false;
+    madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    return true;
+}
+
 template <class T>
 void releasePagesBeyond(UninitialisedArray<T>& array, std::size_t keep) {
     if (keep >= array.capacity()) return;
-    static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(array.data() + keep);
-    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(array.data() + array.capacity());
-    const std::uintptr_t first = (begin + page - 1) / page * page, last = end / page * page;
-    if (last > first && last - first >= RELEASE_AT_LEAST)
-        madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    releasePagesWithin(array.data() + keep, array.data() + array.capacity());
 }
 
 // The part of an array's last use that a next use of `share` (a ratio of the work) probably takes.

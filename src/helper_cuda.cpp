@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "DeviceLayer.h"
+#include "Diagnostics.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
@@ -41,7 +42,7 @@ int MapSMtoCores(int major, int minor) {
         if (row.sm == key) return row.cores;
     }
     const int fallback = SM_TO_CORES[sizeof(SM_TO_CORES) / sizeof(SM_TO_CORES[0]) - 1].cores;
-    std::printf("MapSMtoCores for SM %d.%d is undefined.  Default to use %d Cores/SM\n", major, minor, fallback);
+    diagnostic("MapSMtoCores for SM %d.%d is undefined.  Default to use %d Cores/SM\n", major, minor, fallback);
     return fallback;
 }
 

@@ -79,6 +79,7 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
              auto other = std::make_shared<MultiMeshData>();
              return e.process(other);
          }},
+        {"setDiagnosticSink", [](Tessaline& e) { return e.setDiagnosticSink([](const std::string&, bool) {}); }},
     };
     enum Caller { FROM_CALLBACK, THROUGH_A_COPY, FROM_ANOTHER_THREAD };
     for (Caller caller : {FROM_CALLBACK, THROUGH_A_COPY, FROM_ANOTHER_THREAD}) {
@@ -128,6 +129,82 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
             ASSERT_EQ(engine.init(), 0);
         }
     }
+}
+
+TEST(RunInProgress, AStopAskedFromAnyThreadEndsTheRunAtItsNextSafePointAndTheEngineStaysUsable) {
+    const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
+    // From the callback in each main step, and from another thread while the blocks are fused.
+    for (int step = 1; step <= 4; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        Tessaline engine;
+        ASSERT_EQ(engine.init(), 0);
+        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        int last_step = 0;
+        std::thread asker;
+        std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& info) {
+            last_step = info.cur_step;
+            if (step <= 3 && info.cur_step == step) engine.requestStop();
+            if (step == 4 && info.cur_step == 2 && !asker.joinable())
+                asker = std::thread([&] { engine.requestStop(); });
+            return 0;
+        };
+        ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
+        auto mesh = std::make_shared<MultiMeshData>();
+        const auto before = mesh;
+        int status = -1;
+        quiet([&] { status = engine.process(mesh); });
+        if (asker.joinable()) asker.join();
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process stopped: a stop was requested!");
+        EXPECT_EQ(mesh, before);  // no mesh was handed out
+        EXPECT_LE(last_step, step == 4 ? 3 : step + 1);
+        ASSERT_EQ(engine.deInit(), 0);
+        ASSERT_EQ(engine.init(), 0);
+        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        quiet([&] { status = engine.process(mesh); });
+        EXPECT_EQ(status, 0) << engine.getLastErrorMsg();  // a stop asked before a run is not remembered by it
+        EXPECT_GT(mesh->xyz.size(), 100u);
+    }
+    Tessaline idle;
+    ASSERT_EQ(idle.init(), 0);
+    EXPECT_EQ(idle.requestStop(), 0);  // outside a run: nothing to stop
+    for (const auto& f : small) ASSERT_EQ(idle.addScanFrame_ALL(f), 0);
+    auto mesh = std::make_shared<MultiMeshData>();
+    int status = -1;
+    quiet([&] { status = idle.process(mesh); });
+    EXPECT_EQ(status, 0) << idle.getLastErrorMsg();
+}
+
+TEST(Diagnostics, TheLinesGoToTheEnginesSinkAndBackToStandardOutputWithoutOne) {
+    const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
+    const auto run = [&](Tessaline& engine) {
+        ASSERT_EQ(engine.init(), 0);
+        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        auto mesh = std::make_shared<MultiMeshData>();
+        ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg();
+        ASSERT_EQ(engine.deInit(), 0);
+    };
+    std::vector<std::string> lines;
+    Tessaline engine;
+    ASSERT_EQ(engine.setDiagnosticSink([&](const std::string& text, bool report) {
+        if (!report) lines.push_back(text);
+    }),
+              0);
+    testing::internal::CaptureStdout();
+    run(engine);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");  // nothing of the library on standard output
+    const auto seen = [&](const char* text) {
+        return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return contains(l, text); });
+    };
+    EXPECT_TRUE(seen("filter frame by markers ("));
+    EXPECT_TRUE(seen("[MarchingCubes] cells "));
+    EXPECT_TRUE(seen(" - elapsed time : "));
+    for (const std::string& line : lines) EXPECT_EQ(line.back(), '\n') << line;  // whole lines, as printed
+    // An empty sink sends the lines back to standard output.
+    ASSERT_EQ(engine.setDiagnosticSink(nullptr), 0);
+    testing::internal::CaptureStdout();
+    run(engine);
+    EXPECT_TRUE(contains(testing::internal::GetCapturedStdout(), "[MarchingCubes] cells "));
 }
 
 TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {

@@ -24,11 +24,12 @@ public:
 
     CellNode* split(CellNode* c) {
         c->cell_type = CELL_TYPE_BRANCH;
+        c->children = &slots_.emplace_back();
         const float h = c->half_size * 0.5f;
         for (int k = 0; k < 8; ++k) {
-            c->children[k] = cell(c->center[0] + CHILD_SIGN[k][0] * h, c->center[1] + CHILD_SIGN[k][1] * h,
-                                  c->center[2] + CHILD_SIGN[k][2] * h, h);
-            c->children[k]->parent = c;
+            c->children->at[k] = cell(c->center[0] + CHILD_SIGN[k][0] * h, c->center[1] + CHILD_SIGN[k][1] * h,
+                                      c->center[2] + CHILD_SIGN[k][2] * h, h);
+            c->children->at[k]->parent = c;
         }
         c->child_count = 8;
         return c;
@@ -36,6 +37,7 @@ public:
 
 private:
     std::deque<CellNode> cells_;
+    std::deque<CellChildren> slots_;
 };
 
 using Cube = std::array<const CellNode*, 8>;
@@ -88,15 +90,15 @@ TEST(DualTraversal, TwoLevelsGiveEveryInnerPointAndAMissingLeafEndsOnlyItsGroups
     // A cell split twice: a 4 x 4 x 4 grid of leaves has 3 x 3 x 3 inner points.
     Forest forest;
     CellNode* root = forest.split(forest.cell(0, 0, 0, 2));
-    for (CellNode* child : root->children) forest.split(child);
+    for (CellNode* child : root->children->at) forest.split(child);
     const auto count = [&] { return dualCubes([&](auto& walk) { walk.visitCell(root); }).size(); };
     EXPECT_EQ(count(), 27u);
     // A corner leaf of the grid touches one dual cube, an inner one eight.
-    CellNode* corner_parent = root->children[OCTANT_CHILD[0]];
-    corner_parent->children[OCTANT_CHILD[0]] = nullptr;
+    CellNode* corner_parent = root->child(OCTANT_CHILD[0]);
+    corner_parent->children->at[OCTANT_CHILD[0]] = nullptr;
     EXPECT_EQ(count(), 26u);
-    corner_parent->children[OCTANT_CHILD[7]] = nullptr;  // the leaf at grid position (1, 1, 1)
-    EXPECT_EQ(count(), 26u - 8u + 1u);                   // its 8 groups, one of which was gone already
+    corner_parent->children->at[OCTANT_CHILD[7]] = nullptr;  // the leaf at grid position (1, 1, 1)
+    EXPECT_EQ(count(), 26u - 8u + 1u);                       // its 8 groups, one of which was gone already
 }
 
 TEST(DualTraversal, MixedLevelsMeetWithoutGaps) {
@@ -105,7 +107,7 @@ TEST(DualTraversal, MixedLevelsMeetWithoutGaps) {
     // and the midpoints of its three edges inside the root: 1 + 1 + 3 + 3 points.
     Forest forest;
     CellNode* root = forest.split(forest.cell(0, 0, 0, 2));
-    forest.split(root->children[OCTANT_CHILD[7]]);
+    forest.split(root->child(OCTANT_CHILD[7]));
     EXPECT_EQ(dualCubes([&](auto& walk) { walk.visitCell(root); }).size(), 8u);
 }
 

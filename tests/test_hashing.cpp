@@ -260,7 +260,7 @@ protected:
 
 int countCells(const CellNode* n) {
     int count = 1;
-    for (const CellNode* child : n->children) count += child ? countCells(child) : 0;
+    for (int k = 0; k < 8; ++k) count += n->child(k) ? countCells(n->child(k)) : 0;
     return count;
 }
 
@@ -345,11 +345,45 @@ TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
         const CellNode* n = stack.back();
         stack.pop_back();
         int children = 0;
-        for (const CellNode* child : n->children)
-            if (child) ++children, stack.push_back(child);
+        for (int k = 0; k < 8; ++k)
+            if (n->child(k)) ++children, stack.push_back(n->child(k));
         EXPECT_EQ(n->child_count, children);
     }
     for (CellNode* leaf : distinct) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+}
+
+TEST_F(SmallOctree, ATreeDroppedSinceAMarkGivesItsCellsAndChildSlotsBack) {
+    // A block whose tree is dropped: its root stays, bare, and the pool takes back every cell and child slot
+    // made since the mark; a descent there afterwards builds the same tree again from fresh slots. A root
+    // made before the mark is not dropped.
+    CellNodePool& pool = *octree.cellPool();
+    const std::int32_t mark = pool.cellCount(), children_mark = pool.childrenCount();
+    const float p[3] = {10.3f, 20.1f, 30.7f}, q[3] = {60.2f, 20.1f, 90.4f};
+    const auto r = root(p[0], p[1], p[2]);
+    const auto descend = [&] {
+        CellNode* leaf = nullptr;
+        for (const float* at : {p, q}) ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, at, 0.25f, leaf), 0);
+    };
+    descend();
+    const int cells = countCells(r->root_cell);  // the root, then one cell a level each way from where they part
+    const std::int32_t slots = pool.childrenCount() - children_mark;
+    EXPECT_EQ(pool.cellCount() - mark, cells);
+    EXPECT_EQ(slots, cells - 2);  // every cell but the two leaves has children
+    const float centre[3] = {64.0f, 64.0f, 64.0f};
+    ASSERT_TRUE(octree.dropTreeSince(mark, children_mark, centre));
+    EXPECT_EQ(pool.cellCount(), mark + 1);
+    EXPECT_EQ(pool.childrenCount(), children_mark);
+    EXPECT_EQ(r->root_cell->children, nullptr);
+    EXPECT_EQ(countCells(r->root_cell), 1);
+    descend();
+    EXPECT_EQ(countCells(r->root_cell), cells);
+    EXPECT_EQ(pool.childrenCount() - children_mark, slots);
+    const std::int32_t later = pool.cellCount(), later_children = pool.childrenCount();
+    CellNode* leaf = nullptr;
+    const float elsewhere[3] = {100.1f, 100.1f, 100.1f};
+    ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, elsewhere, 0.25f, leaf), 0);
+    EXPECT_FALSE(octree.dropTreeSince(later, later_children, centre));  // the root is older than the mark
+    EXPECT_EQ(countCells(r->root_cell), pool.cellCount() - mark);
 }
 
 TEST_F(SmallOctree, ConcurrentRootCreationGivesOneRootPerBlock) {

@@ -18,7 +18,8 @@ using testing_support::scanPoint;
 
 namespace {
 
-enum Surface { PLANE, WALL, EDGE, SCATTERED, FLIPPED, SURFACE_KINDS };
+// TOP_THEN_SIDE: an edge whose first point lies on the top face (EDGE starts on the side face).
+enum Surface { PLANE, WALL, EDGE, SCATTERED, FLIPPED, SURFACE_KINDS, TOP_THEN_SIDE = SURFACE_KINDS };
 
 // Cells far apart on the x axis, each over points of its own in runs of the given lengths.
 struct Scene {
@@ -33,14 +34,16 @@ struct Scene {
         params.laser_min_edge[5] = 2.0f;
     }
 
-    void addCell(std::mt19937& rng, float edge, Surface surface, bool short_runs) {
+    // A plain cell has no flags and no points of a laser with a smallest edge, and no points on the bounds
+    // of its reach: every point of its sides can be among the first walk's points.
+    void addCell(std::mt19937& rng, float edge, Surface surface, bool short_runs, bool plain = false) {
         std::uniform_real_distribution<float> u(-1.0f, 1.0f), unit(0.0f, 1.0f);
         CellNode_Device cell = emptyCellNodeDevice();
         cell.center[0] = 100.0f * static_cast<float>(cells.size());
         cell.half_size = edge * 0.5f;
         cell.point_count = 0;
         cell.field_flag = 0;
-        cell.word = unit(rng) < 0.2f ? 0x108u : 0x8u;
+        cell.word = unit(rng) < 0.2f && !plain ? 0x108u : 0x8u;
         if (unit(rng) < 0.3f) cell.rules |= CELL_WIDENED_SEARCH;
         cell.relation_offset = static_cast<std::int32_t>(relations.size());
         const float reach = edge * static_cast<float>(fieldSearchFactor(edge, params.wide_search_edge));
@@ -48,7 +51,10 @@ struct Scene {
         for (int made = 0; made < total;) {
             const int run = short_runs ? 1 + static_cast<int>(3 * unit(rng)) : 8 + static_cast<int>(60 * unit(rng));
             relations.push_back({static_cast<std::int32_t>(points.size()), run});
-            for (int k = 0; k < run; ++k) points.push_back(pointOf(rng, cell, edge, reach, surface, made + k));
+            for (int k = 0; k < run; ++k) {
+                points.push_back(pointOf(rng, cell, edge, reach, surface, made + k));
+                if (plain) points.back().laser = 0;
+            }
             cell.point_count += run;
             ++cell.relation_count;
             made += run;
@@ -59,6 +65,7 @@ struct Scene {
         const int start = static_cast<int>(points.size());
         for (const float bound : {squareWithRootAtLeast(reach), squareWithRootAtMost(reach),
                                   squareWithRootAtLeast(4.0f * edge), squareWithRootAtMost(4.0f * edge)}) {
+            if (plain && (bound == squareWithRootAtLeast(reach) || bound == squareWithRootAtMost(reach))) continue;
             float offset[2];
             if (offsetWithSquare(bound, offset))
                 points.push_back(scanPoint(cell.center[0], offset[0], offset[1], 0.0f, 0.0f, 1.0f, 0x108));
@@ -104,7 +111,8 @@ struct Scene {
                 n[2] = index % 2 ? 1.0f : -1.0f;
                 break;
             case EDGE:  // the top face and a side face of a block meet at x = 0.3 edge
-                if (index % 3 == 0) {
+            case TOP_THEN_SIDE:
+                if (index % 3 == (surface == EDGE ? 0 : 1)) {
                     x = 0.3f * edge;
                     z = -spread * unit(rng);
                     n[0] = 1.0f;
@@ -142,6 +150,11 @@ TEST(HostFieldWalks, MakeTheCellsThePerCellFunctionsMake) {
     const float edges[] = {0.04f, 0.08f, 0.1f, 0.2f, 0.3f, 0.5f, 0.9f, 1.5f, 3.0f, 4.5f};
     for (int i = 0; i < 3000; ++i)
         scene.addCell(rng, edges[i % 10], static_cast<Surface>((i / 10) % SURFACE_KINDS), (i / 50) % 2 == 0);
+    // Plain cells, whose side walk can take the first walk's sums: on a plane, at an edge (points across
+    // the sheet), on a thin wall, on scattered normals.
+    const Surface plain_surfaces[] = {PLANE, TOP_THEN_SIDE, WALL, SCATTERED};
+    for (int i = 0; i < 1000; ++i)
+        scene.addCell(rng, edges[i % 10], plain_surfaces[(i / 10) % 4], (i / 50) % 2 == 0, true);
     // Cells that end before the walks: rejected before, too few points, a relation past the array.
     scene.cells[7].field_flag = -1;
     scene.cells[8].point_count = 3;
@@ -185,6 +198,32 @@ TEST(HostFieldWalks, MakeTheCellsThePerCellFunctionsMake) {
     EXPECT_GT(all_points, 20);
     EXPECT_GT(off_centre, 5);
     EXPECT_GT(no_common_normal, 5);
+}
+
+TEST(HostFieldWalks, ColumnsThatTakeTheListHoldWhatAssignGives) {
+    if (!hostFieldWalksAvailable()) GTEST_SKIP() << "no AVX2 and FMA here: no columns are made";
+    // A list of more than one slice gives its pages back slice by slice as the columns fill: the columns
+    // must be those that a plain copy makes, and the list is left empty.
+    std::mt19937 rng(41);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    PointList list(HOST_COLUMN_SLICE_POINTS * 2 + 123);
+    for (RawPointWithHash& p : list) {
+        p = RawPointWithHash{};
+        p.x = unit(rng), p.y = unit(rng), p.z = unit(rng), p.nx = unit(rng), p.ny = unit(rng), p.nz = unit(rng);
+        p.w = static_cast<std::int32_t>(rng() & 0x1FF);
+        p.laser = static_cast<std::uint8_t>(rng() % 12);
+    }
+    PointColumns copied, taken;
+    copied.assign(list.data(), list.size());
+    taken.assignGivingBack(list);
+    EXPECT_TRUE(list.empty());
+    EXPECT_EQ(taken.size, copied.size);
+    const auto same = [](const auto& a, const auto& b) {
+        return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(a[0])) == 0;
+    };
+    EXPECT_TRUE(same(taken.x, copied.x) && same(taken.y, copied.y) && same(taken.z, copied.z));
+    EXPECT_TRUE(same(taken.nx, copied.nx) && same(taken.ny, copied.ny) && same(taken.nz, copied.nz));
+    EXPECT_TRUE(same(taken.tag, copied.tag));
 }
 
 TEST(HostFieldWalks, ExponentialAgreesWithExpf) {

@@ -241,6 +241,76 @@ TEST(PointSorts, BuffersKeptFromALargerBlockSortTheNextInTheFullOrder) {
     }
 }
 
+TEST(PointSorts, LongRunsOfOneHashComeOutInTheFullOrder) {
+    // Runs of one hash long enough for the sort by x bits: x bits spanning less than 2^8, 2^16 and 2^24
+    // (a bin's width), negative x, and x across zero (too wide: compared field by field instead); in each,
+    // points that repeat the x of the one before with another y, and points that repeat it whole.
+    const std::pair<float, float> ranges[] = {
+        {30.0f, 1e-5f}, {30.0f, 0.004f}, {30.0f, 0.5f}, {-12.0f, 0.5f}, {-0.2f, 0.4f}};
+    PointSortBuffers buffers;
+    for (const auto& [low, width] : ranges) {
+        std::mt19937 rng(static_cast<unsigned>(width * 1e6f));
+        std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+        std::vector<RawPointWithHash> points;
+        for (const std::int32_t hash : {5, 9, 7}) {
+            for (int i = 0; i < 200; ++i) {
+                RawPointWithHash p = scanPoint(low + width * unit(rng), 20.0f + unit(rng), 3.0f, 0.0f, 0.0f, 1.0f);
+                if (i % 5 == 4) p.x = points.back().x;
+                if (i % 7 == 6) p = points.back();
+                p.hash = hash;
+                points.push_back(p);
+            }
+        }
+        std::shuffle(points.begin(), points.end(), rng);
+        PointList list(points.begin(), points.end());
+        sortPointsFullyOnHost(list, buffers);
+        std::sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
+        ASSERT_EQ(list.size(), points.size());
+        EXPECT_EQ(std::memcmp(list.data(), points.data(), points.size() * sizeof(RawPointWithHash)), 0)
+            << "x from " << low << " over " << width;
+    }
+}
+
+TEST(PointSorts, ArraysLargerThanAPieceComeOutInTheFullOrderWhereTheyLie) {
+    // Arrays of more than a piece are cut into groups by the highest bits in which their hashes differ
+    // and sorted a piece at a time: whatever the spread of the hashes, the order must be the plain sort's.
+    struct Case {
+        const char* name;
+        int n;
+        std::int64_t piece;
+        std::function<std::int32_t(std::size_t, std::mt19937&)> hash;
+    };
+    const std::vector<Case> cases = {
+        {"the whole 32 bits, the upper half negative as int", 20000, 700,
+         [](std::size_t, std::mt19937& rng) { return static_cast<std::int32_t>(rng()); }},
+        {"a few dense bins: long runs of equal hash", 20000, 1000,
+         [](std::size_t i, std::mt19937&) { return static_cast<std::int32_t>((i * 7919) % 37) * 64; }},
+        {"most points in one group, cut again by lower bits", 30000, 500,
+         [](std::size_t i, std::mt19937& rng) {
+             return static_cast<std::int32_t>(i % 10 == 0 ? rng() : 0x40000000u | (rng() & 0xFFFu));
+         }},
+        {"one hash only: a run larger than a piece", 5000, 300, [](std::size_t, std::mt19937&) { return 12345; }},
+        {"hashes differing in the lowest bits only", 9000, 100,
+         [](std::size_t i, std::mt19937&) { return static_cast<std::int32_t>(0x7F000000u | (i % 5)); }},
+        {"one point more than a piece", 1001, 1000,
+         [](std::size_t i, std::mt19937&) { return static_cast<std::int32_t>((i * 31) % 97); }},
+    };
+    for (const Case& c : cases) {
+        PointSortBuffers buffers;
+        std::mt19937 rng(static_cast<unsigned>(c.n));
+        std::vector<RawPointWithHash> points = randomPoints(c.n, static_cast<unsigned>(c.piece));
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            points[i].hash = c.hash(i, rng);
+            if (i % 3 == 1) points[i] = points[i - 1];  // points equal in every byte
+        }
+        PointList list(points.begin(), points.end());
+        sortPointsFullyOnHost(list, buffers, c.piece);
+        std::stable_sort(points.begin(), points.end(), RawPointWithHash_CMP_LESS());
+        ASSERT_EQ(list.size(), points.size()) << c.name;
+        EXPECT_EQ(std::memcmp(list.data(), points.data(), points.size() * sizeof(RawPointWithHash)), 0) << c.name;
+    }
+}
+
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
     // A stage has room for max_points + 1: a block of many more goes in chunks, and so does one of exactly
     // the capacity.
@@ -485,6 +555,49 @@ TEST_F(CellsTest, OneScaleBlockMetAgainMakesTheRecordsOfTheBinOrderWalk) {
     EXPECT_TRUE(sameStart(records[1], records[0], records[0].size()));
     ASSERT_EQ(relations[1].size(), relations[0].size());
     EXPECT_TRUE(sameStart(relations[1], relations[0], relations[0].size()));
+}
+
+TEST_F(CellsTest, CellsOfALargeBlockHoldTheBinsAroundThem) {
+    // Two slabs of bins, 148,840 cells and 2.3 million relations: the threads' lists are
+    // copied slice by slice of records and give back their pages behind the copy. Every cell must hold
+    // the bins of the 3 x 3 x 3 keys around it, x then y then z (16 points a bin: no search is widened).
+    std::map<std::tuple<int, int, int>, RelationCell2Bins_Device> at_key;
+    std::vector<BinsHeader> bins;
+    int offset = 0;
+    for (const int z : {20, 21, 22, 60, 61, 62})
+        for (int x = 4; x < 124; ++x)
+            for (int y = 4; y < 124; ++y) {
+                bins.push_back(bin(x, y, z, 8, 16, offset));
+                at_key[{x, y, z}] = {offset, 16};
+                offset += 16;
+            }
+    for (const int threads : {1, manyThreads()}) {
+        setUpStage(stage, 1000);  // a fresh octree
+        const auto result = withThreads(threads, [&] { return cells(bins); });
+        // Keys 3 to 124 across, 19 to 23 and 59 to 63 up; a bin reaches the cells within one key of it.
+        ASSERT_EQ(result->cell_node_size.load(), 2 * 122 * 122 * 5);
+        ASSERT_EQ(result->relation_size.load(), 2 * 360 * 360 * 9);
+        for (const CellNode_Device& record : result->cell_nodes) {
+            const int k[3] = {static_cast<int>(std::floor(record.center[0] / 0.5f)),
+                              static_cast<int>(std::floor(record.center[1] / 0.5f)),
+                              static_cast<int>(std::floor(record.center[2] / 0.5f))};
+            std::vector<RelationCell2Bins_Device> expected;
+            for (int dx = -1; dx <= 1; ++dx)
+                for (int dy = -1; dy <= 1; ++dy)
+                    for (int dz = -1; dz <= 1; ++dz) {
+                        const auto it = at_key.find({k[0] + dx, k[1] + dy, k[2] + dz});
+                        if (it != at_key.end()) expected.push_back(it->second);
+                    }
+            ASSERT_EQ(record.relation_count, static_cast<std::int32_t>(expected.size())) << threads << " threads";
+            EXPECT_EQ(record.point_count, 16 * record.relation_count);
+            EXPECT_EQ(record.rules & CELL_WIDENED_SEARCH, 0u);
+            ASSERT_TRUE(std::equal(expected.begin(), expected.end(), result->relations.begin() + record.relation_offset,
+                                   [](const RelationCell2Bins_Device& a, const RelationCell2Bins_Device& b) {
+                                       return a.offset == b.offset && a.count == b.count;
+                                   }))
+                << threads << " threads, cell at " << k[0] << " " << k[1] << " " << k[2];
+        }
+    }
 }
 
 TEST_F(CellsTest, ScaleCodeZeroIsReportedAndCountsAsEight) {

@@ -226,6 +226,30 @@ TEST(PortionerRuns, StraightFromTheFramesGivesTheBlocksOfTheBatches) {
     expectSameBlocks(straight.blocks(), bruteForceBlocks(frames));
 }
 
+TEST(PortionerRuns, StraightPassLetsGoOfTheFramesItAloneHolds) {
+    // The frames of the application's own references stay as they are; those that only the Portioner
+    // holds are gone once their points are on the lists, and the lists hold every point.
+    const Frames frames = randomFrames(300, 80, 13);
+    const Blocks expected = bruteForceBlocks(frames);
+    std::vector<std::weak_ptr<FrameDataWithInfo>> watched;
+    Frames kept, handed;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        auto copy = std::make_shared<FrameDataWithInfo>(*frames[i]);
+        if (i % 3 == 0) kept.push_back(copy);
+        watched.push_back(copy);
+        handed.push_back(std::move(copy));
+    }
+    auto run = std::make_unique<PortionerRun>(handed);
+    handed.clear();
+    ASSERT_EQ(run->status, 0) << run->portioner.getLastError();
+    for (std::size_t i = 0; i < watched.size(); ++i) EXPECT_EQ(watched[i].expired(), i % 3 != 0) << "frame " << i;
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        EXPECT_EQ(kept[i]->xyz, frames[3 * i]->xyz);
+        EXPECT_EQ(kept[i]->w, frames[3 * i]->w);
+    }
+    expectSameBlocks(run->blocks(), expected);
+}
+
 TEST(PortionerRuns, SameFramesGiveIdenticalBlocksForAnyThreadCount) {
     const Frames frames = randomFrames(30, 500, 3);
     auto one = withThreads(1, [&] { return std::make_unique<PortionerRun>(frames); });

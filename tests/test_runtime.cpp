@@ -124,6 +124,36 @@ TEST(WorkingArrays, PagesBeyondWhatIsKeptGoBackToTheSystem) {
     EXPECT_EQ(likelyNeed(1000, 3.0), 1001u);  // never more than the last use
 }
 
+// Storage of a megabyte or more is mapped on its own, smaller storage comes from the heap: an array that
+// grows, shrinks or swaps across that size keeps its elements, and each storage goes back the way it came
+// (the sanitizer builds catch a mapping handed to the heap or the reverse).
+TEST(WorkingArrays, ArraysKeepTheirElementsAcrossTheSizeThatIsMapped) {
+    const std::size_t mapped = MAPPED_AT_LEAST / sizeof(std::uint64_t);
+    const auto value = [](std::size_t i) { return static_cast<std::uint64_t>(i) * 0x9E3779B97F4A7C15ull; };
+    const auto intact = [&](const UninitialisedArray<std::uint64_t>& array) {
+        for (std::size_t i = 0; i < array.size(); ++i)
+            if (array[i] != value(i)) return false;
+        return true;
+    };
+    UninitialisedArray<std::uint64_t> grown;
+    for (std::size_t i = 0; i < 3 * mapped; ++i) grown.push_back(value(i));  // heap, then mapped, twice larger
+    EXPECT_TRUE(intact(grown));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(grown.data()) % 64, 0u);
+    UninitialisedArray<std::uint64_t> small(100);
+    for (std::size_t i = 0; i < small.size(); ++i) small[i] = value(i);
+    small.swap(grown);
+    EXPECT_TRUE(intact(small) && small.size() == 3 * mapped);
+    EXPECT_TRUE(intact(grown) && grown.size() == 100);
+    small.resize(mapped / 2);
+    small.shrink_to_fit();  // mapped to heap
+    EXPECT_TRUE(intact(small) && small.size() == mapped / 2);
+    small.resize(mapped + 1);  // heap to mapped
+    small.back() = value(mapped);
+    EXPECT_EQ(small.size(), mapped + 1);
+    for (std::size_t i = 0; i < mapped / 2; ++i) ASSERT_EQ(small[i], value(i));
+    EXPECT_EQ(small.back(), value(mapped));
+}
+
 TEST(TimeProfiler, SpanRunsFromTheLastStartAndPrintsWhenAskedAndAStopWithoutStartEntersNothing) {
     TimeProfiler profiler;
     EXPECT_EQ(quiet([&] {

@@ -128,6 +128,18 @@ PlyReader::PlyReader(const std::string& path) : m_path(path) {
     // A file within a piece's size is read with one call, header and body together.
     const std::size_t size = static_cast<std::size_t>(info.st_size);
     m_unread = size;
+    // A refused header leaves no descriptor open: the destructor of a half-built reader never runs.
+    try {
+        readHeader(size);
+    } catch (...) {
+        close(m_fd);
+        m_fd = -1;
+        throw;
+    }
+}
+
+void PlyReader::readHeader(std::size_t size) {
+    const std::string& path = m_path;
 
     // The header, line by line.
     std::size_t header_bytes = 0;

@@ -97,6 +97,7 @@ private:
     void donePiece(const PlyElement& element, const Piece& piece);
     // Makes at least `bytes` bytes available from the read position unless the file ends before; returns
     // how many are.
+    void readHeader(std::size_t size);
     std::size_t fill(std::size_t bytes);
     [[noreturn]] void truncated(const PlyElement& element, long record) const;
     [[noreturn]] void lineError(long line, const std::string& text) const;

@@ -1,13 +1,12 @@
 // The library run: init, settings, frames, process, deInit; stage times from the step callback.
 #include "Reconstruction.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 
 namespace tessaline_tools {
@@ -20,36 +19,18 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Sends standard output (the library's diagnostic lines) to a file, or to standard error, while it lives.
-class RedirectedStdout {
-public:
-    explicit RedirectedStdout(const std::string& path) {
-        std::fflush(stdout);
-        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd < 0) throw std::runtime_error(path + ": cannot write the file");
-        m_saved = dup(STDOUT_FILENO);
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
+// Where the library's diagnostic lines go for a run: nowhere (quiet), a file (for the benchmarks to read),
+// standard error (beside a JSON summary on standard output), or, without a sink, standard output.
+SurfaceReconstruction::DiagnosticSink diagnosticSink(const RunOptions& options, std::shared_ptr<std::FILE>& file) {
+    if (!options.diagnostics_path.empty()) {
+        file.reset(std::fopen(options.diagnostics_path.c_str(), "w"), std::fclose);
+        if (!file) throw std::runtime_error(options.diagnostics_path + ": cannot write the file");
+        return [file](const std::string& text, bool) { std::fputs(text.c_str(), file.get()); };
     }
-    RedirectedStdout() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        m_saved = dup(STDOUT_FILENO);
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-    }
-    ~RedirectedStdout() {
-        std::fflush(stdout);
-        if (m_saved >= 0) {
-            dup2(m_saved, STDOUT_FILENO);
-            close(m_saved);
-        }
-    }
-    RedirectedStdout(const RedirectedStdout&) = delete;
-    RedirectedStdout& operator=(const RedirectedStdout&) = delete;
-
-private:
-    int m_saved = -1;
-};
+    if (options.quiet) return [](const std::string&, bool) {};
+    if (options.to_stderr) return [](const std::string& text, bool) { std::fputs(text.c_str(), stderr); };
+    return nullptr;
+}
 
 }  // namespace
 
@@ -65,6 +46,8 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
     for (const auto& f : frames) report.points += f->xyz.size();
 
     Tessaline tessaline;
+    std::shared_ptr<std::FILE> diagnostics_file;
+    tessaline.setDiagnosticSink(diagnosticSink(options, diagnostics_file));
     if (tessaline.init() != 0) throw std::runtime_error("no usable compute device: " + tessaline.getLastErrorMsg());
     tessaline.setResolution(options.resolution);
     const char* stage_names[4] = {"starting", "cutting into blocks", "fusing blocks", "meshing"};
@@ -93,17 +76,7 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
     }
     Frames().swap(frames);
     report.mesh = std::make_shared<MultiMeshData>();
-    int status;
-    {
-        std::unique_ptr<RedirectedStdout> redirect;
-        if (!options.diagnostics_path.empty())
-            redirect.reset(new RedirectedStdout(options.diagnostics_path));
-        else if (options.quiet)
-            redirect.reset(new RedirectedStdout("/dev/null"));
-        else if (options.to_stderr)
-            redirect.reset(new RedirectedStdout());
-        status = tessaline.process(report.mesh);
-    }
+    const int status = tessaline.process(report.mesh);
     stage_start[4] = std::chrono::duration<double>(Clock::now() - run_start).count();
     if (options.progress) std::fprintf(stderr, "\n");
     if (status != 0) {

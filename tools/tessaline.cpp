@@ -5,6 +5,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 #include <omp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +18,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cxxopts.hpp>
 #include <stdexcept>
@@ -1049,6 +1053,13 @@ int fail(bool json, const std::string& text, int status, int library_status) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#if defined(__GLIBC__)
+    // Arrays of 128 KiB or more are mapped on their own and given back when freed. The C library would
+    // raise that size with every such array freed, up to 32 MiB, and keep the freed arrays below it
+    // resident in its heaps: 10 to 35 MiB of a run's peak that nothing holds. A size the user set stays.
+    if (std::getenv("MALLOC_MMAP_THRESHOLD_") == nullptr && std::getenv("GLIBC_TUNABLES") == nullptr)
+        mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
     if (argc < 2) {
         std::fputs(USAGE, stderr);
         return 2;

@@ -9,7 +9,8 @@
 // Threads: one thread at a time drives an engine, and init, process and deInit stay on one thread (the
 // device is made current for that thread alone). The step callback runs on that thread, inside process.
 // Errors: no exception leaves the library; every operation returns a status (below) and, on a failure,
-// leaves a text for getLastErrorMsg. Diagnostic lines go to standard output, printf-style.
+// leaves a text for getLastErrorMsg. Diagnostic lines go to standard output, printf-style, unless the
+// application gives the engine a sink for them (setDiagnosticSink).
 #pragma once
 
 #include <array>
@@ -140,6 +141,11 @@ enum : int {
     TESSALINE_OUTSIDE_CELL = 0x10203,      // 66051
 };
 
+// Where an engine's diagnostic lines go (setDiagnosticSink): each line as the library would print it, its
+// newline included. `device_report` marks the device's failure reports, which go to standard error by
+// default; every other line goes to standard output by default.
+using DiagnosticSink = std::function<void(const std::string& text, bool device_report)>;
+
 // A handle to one engine; copies share that engine (the last one to go releases it). One engine serves one
 // run: init, the settings, the frames, process, then deInit; a further run starts again with init and the
 // settings. Every operation but getLastErrorMsg refuses to work before init (status 1, "no init!").
@@ -188,6 +194,18 @@ public:
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
     // The text of the last failure: "no error!" after a successful init or deInit, "no init!" before init.
     std::string getLastErrorMsg();
+
+    // Sends the engine's diagnostic lines to `sink` instead of standard output (and the device's failure
+    // reports instead of standard error), from its next operation on; an empty function sends them back.
+    // Before or after init, not during a run (1 then). The sink is called on the thread of the engine's
+    // operation, and for the few lines printed inside parallel loops on their worker threads; it must not
+    // call into the engine, and what it throws is dropped. The lines of worker threads of two engines running
+    // at the same moment may reach either engine's sink.
+    int setDiagnosticSink(DiagnosticSink sink);
+    // Asks the run in progress to stop: process ends at its next safe point, within about a second, with
+    // status 1 and the last error "[Tessaline_OPT] process stopped: a stop was requested!". Safe from any
+    // thread, also from the step callback; outside a run it does nothing. Always 0.
+    int requestStop();
 
     // Convenience overloads, defined here and forwarding to the operations above.
 

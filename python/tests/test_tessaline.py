@@ -3,6 +3,7 @@ program as Open3D and meshio read them."""
 import json
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 import threading
@@ -173,6 +174,63 @@ def test_an_exception_in_the_callback_ends_the_run_and_is_raised():
         tessaline.reconstruct([(points, normals)], step_callback=stop)
     assert calls == [1]  # nothing after the step that raised
     assert len(tessaline.reconstruct([(points, normals)]).triangles) > 0  # and the next run works
+
+
+def _python(script, **popen):
+    """Runs `script` in a fresh interpreter that imports this same module."""
+    env = dict(os.environ, PYTHONPATH=os.pathsep.join([str(pathlib.Path(tessaline.__file__).parent)] + sys.path))
+    return subprocess.Popen([sys.executable, "-c", script], env=env, text=True, **popen)
+
+
+SPHERE = """
+import numpy as np, sys, threading, tessaline
+def sphere(n):
+    i = np.arange(n) + 0.5
+    phi, theta = np.arccos(1 - 2 * i / n), np.pi * (1 + 5**0.5) * i
+    normals = np.stack([np.cos(theta) * np.sin(phi), np.sin(theta) * np.sin(phi), np.cos(phi)], axis=1)
+    return 100.0 + 30.0 * normals, normals
+"""
+
+
+def test_ctrl_c_during_the_fusion_ends_the_run_with_keyboard_interrupt():
+    # Ctrl-C arrives while the library fuses its one block without the GIL: the fusion stops at its next
+    # safe point (the mesh step is never reached), and KeyboardInterrupt comes out of the call.
+    script = SPHERE + """
+points, normals = sphere(3000000)
+def step(info):
+    if info.cur_step == 2 and info.cur_sub_step == 0:
+        print("fusing", flush=True)
+    if info.cur_step == 3:
+        print("meshing", flush=True)
+try:
+    tessaline.reconstruct([(points, normals)], resolution=1.0, step_callback=step)
+    print("finished")
+except KeyboardInterrupt:
+    print("interrupted")
+"""
+    child = _python(script, stdout=subprocess.PIPE)
+    assert child.stdout.readline().strip() == "fusing"
+    child.send_signal(signal.SIGINT)
+    out, _ = child.communicate(timeout=120)
+    assert out.split() == ["interrupted"]
+
+
+def test_standard_output_stays_the_process_own_whatever_the_runs_and_threads_do():
+    # A step callback that prints is seen; two runs on two threads at once leave standard output working
+    # (the library's lines go to a sink, nothing redirects the process's stream); none of them leak.
+    script = SPHERE + """
+points, normals = sphere(20000)
+tessaline.reconstruct([(points, normals)], step_callback=lambda s: print("step", s.cur_step, flush=True))
+runs = [threading.Thread(target=tessaline.reconstruct, args=([(points, normals)],)) for _ in range(2)]
+for r in runs: r.start()
+for r in runs: r.join()
+print("after both")
+"""
+    child = _python(script, stdout=subprocess.PIPE)
+    out, _ = child.communicate(timeout=120)
+    lines = out.splitlines()
+    assert lines[0] == "step 1" and lines[-2] == "step 3" and lines[-1] == "after both"
+    assert not any("elapsed time" in line or "filter frame" in line for line in lines)
 
 
 def test_the_gil_is_released_while_the_library_fuses():
