@@ -1090,10 +1090,8 @@ int chooseCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, S
     const int status = measureExact(pieces, choice.spacing, 20000, &local);
     if (status != 0) return status;
     // The finest cells, code 8, are those that points asking for c_max get where they lie as densely as the
-    // scan's median: resolutionForSpacing's cells for c_max, given code 8.
-    PointSpacing finest = choice.spacing;
-    finest.scale_code = 8;
-    const float resolution = resolutionForSpacing(finest);
+    // scan's median.
+    const float resolution = autoResolutionForSpacing(choice.spacing);
     if (!(resolution > 0.0f) || !local.cell_of) return 0;
 
     // Each cell's levels: log2 of the finest code whose cell is at least M x s x c_max / 8 wide, M the
@@ -1209,6 +1207,18 @@ int chooseScaleCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& fram
     const int status = mesh_internal::guarded([&] { return chooseCodes(frames, choice); });
     if (status != 0) choice = ScaleCodeChoice();
     return status;
+}
+
+float autoResolutionForSpacing(const PointSpacing& spacing) {
+    PointSpacing finest = spacing;
+    finest.scale_code = 8;
+    if (spacing.scale_code <= 8) return resolutionForSpacing(finest);
+    // Points asking for finer cells than code 8's, as dense as the median, have them at this multiple: a
+    // smaller one (resolutionForSpacing's) gave cells too small for the sparser places near the wished-for
+    // features and left slivers at their sharp edges.
+    if (!(spacing.density > 0.0f) || !std::isfinite(spacing.density)) return 0.0f;
+    const float resolution = FINER_CELL_PER_LOCAL_SPACING * spacing.density;
+    return std::min(std::max(resolution, LOWEST_RESOLUTION), HIGHEST_RESOLUTION);
 }
 
 float resolutionForSpacing(const PointSpacing& spacing) {

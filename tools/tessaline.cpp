@@ -377,9 +377,7 @@ SurfaceReconstruction::PointSpacing measureSpacing(const tessaline_tools::Frames
 std::string resolutionAdvice(const ResolutionChoice& choice) {
     char text[256];
     // What auto takes: the finest cells, code 8, as wide as the rule has them for the wished ones.
-    SurfaceReconstruction::PointSpacing finest = choice.spacing;
-    finest.scale_code = 8;
-    const float suggested = SurfaceReconstruction::resolutionForSpacing(finest);
+    const float suggested = SurfaceReconstruction::autoResolutionForSpacing(choice.spacing);
     if (!choice.automatic && suggested > choice.resolution * 1.05f)
         std::snprintf(text, sizeof(text), "use --resolution auto (it takes %.3g mm here) or a coarser --resolution",
                       suggested);
@@ -453,7 +451,7 @@ void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice&
         std::printf("point spacing: as dense as an even %.4g mm (estimated from a sample); ", choice.spacing.density);
     if (choice.automatic && choice.codes.resolution > 0.0f)
         std::printf("resolution auto: %.4g mm (%.2g x %.4g mm), cells from the points' density: %s\n",
-                    choice.resolution, SurfaceReconstruction::RESOLUTION_PER_SPACING, choice.spacing.density,
+                    choice.resolution, choice.resolution / choice.spacing.density, choice.spacing.density,
                     describeCodes(choice.codes).c_str());
     else if (choice.automatic)
         std::printf("resolution auto: %.4g mm (the spacing could not be measured)\n", choice.resolution);
@@ -604,7 +602,8 @@ int reconstruct(int argc, char** argv) {
     options.add_options()("o,output", "mesh file: .ply, .obj or .stl", cxxopts::value<std::string>())(
         "resolution",
         "edge of the finest cell in millimetres, or 'auto': chosen from the points, 1.5 x the spacing of an even "
-        "sampling as dense as they are, for the cells that at least a tenth of them ask for",
+        "sampling as dense as they are (2 x where at least a tenth ask for finer cells than code 8's), and every "
+        "point's scale code from the density around it (README: the resolution chosen from the points)",
         cxxopts::value<std::string>()->default_value("auto"))(
         "units", "length unit of the input: mm, cm, m or in; the mesh is written in it too",
         cxxopts::value<std::string>()->default_value("mm"))(
