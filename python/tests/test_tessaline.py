@@ -68,6 +68,19 @@ def test_frames_in_metres_come_back_in_metres():
     assert np.abs(np.linalg.norm(mesh.vertices - 0.1, axis=1) - 0.03).max() < 5e-5
 
 
+def test_a_fixed_resolution_keeps_the_points_wishes_and_auto_gives_none_finer_than_code_8():
+    # The upper half asks for cells of code 16. A vertex's word holds the OR of its cells' codes: at a fixed
+    # resolution the wish reaches the run as it was given; auto gives every point code 8 or coarser.
+    points, normals = sphere(n=20000)
+    words = np.where(normals[:, 2] > 0, 16, 8).astype(np.int32)
+    fixed = tessaline.reconstruct([(points, normals, words)], resolution=2.0)
+    assert fixed.scale_codes is None
+    assert np.any(fixed.words & 16) and np.any((fixed.words & 0xFF) == 8)
+    automatic = tessaline.reconstruct([(points, normals, words)])
+    assert not np.any(automatic.words & 0xF0)
+    assert sum(automatic.scale_codes.values()) == 20000
+
+
 def test_float64_points_far_from_the_origin_keep_their_precision():
     # 10,000 km out the floats of a run could not hold a tenth of a millimetre; the module takes a
     # whole number of metres off in double precision first and adds it back to float64 vertices.
