@@ -1,5 +1,6 @@
-// Times the point spacing on real or simulated scans: measurePointSpacing (exact) and estimatePointSpacing
-// (a thinned sample), each run several times on the frames in memory, reading not counted. Prints every
+// Times the point spacing on real or simulated scans: measurePointSpacing (exact), estimatePointSpacing
+// (a thinned sample) and chooseScaleCodes (every point's code from the density around it, the words put
+// back before each run), each run several times on the frames in memory, reading not counted. Prints every
 // figure also as a hexadecimal float, so that two builds can be compared bit for bit.
 #include <dirent.h>
 #include <omp.h>
@@ -115,6 +116,25 @@ int main(int argc, char** argv) {
         timed([&](auto& s) { return SurfaceReconstruction::measurePointSpacing(frames, s); }, "exact");
         if (estimate)
             timed([&](auto& s) { return SurfaceReconstruction::estimatePointSpacing(frames, s); }, "estimate");
+        // The codes: the words as read before each run, so that each starts from the scan's own wishes.
+        std::vector<std::vector<std::int32_t>> words;
+        for (const auto& frame : frames) words.push_back(frame->w);
+        SurfaceReconstruction::ScaleCodeChoice choice;
+        std::vector<double> seconds, cpu_seconds;
+        for (int r = 0; r < runs; ++r) {
+            for (std::size_t f = 0; f < frames.size(); ++f) frames[f]->w = words[f];
+            const auto start = Clock::now();
+            const double cpu_start = cpuSeconds();
+            if (SurfaceReconstruction::chooseScaleCodes(frames, choice) != 0)
+                throw std::runtime_error("chooseScaleCodes failed");
+            seconds.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+            cpu_seconds.push_back(cpuSeconds() - cpu_start);
+        }
+        print("codes", choice.spacing, seconds, cpu_seconds);
+        std::printf("codes     resolution %.9g (%a), neighbourhoods %zu, points by code (64 ... 1):", choice.resolution,
+                    choice.resolution, choice.neighbourhoods);
+        for (const std::size_t n : choice.points) std::printf(" %zu", n);
+        std::printf("\n");
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());
         return 1;

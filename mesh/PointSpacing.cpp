@@ -1,6 +1,7 @@
-// How far apart the points of a scan lie, and the resolution that suits them. The nearest points of each
-// measured point are found exactly, on all cores, in a hashed grid of small cells over all points; a plain
-// scan or a k-d tree answers the few lookups that the grid suits badly.
+// How far apart the points of a scan lie, the resolution that suits them, and each point's cell size from
+// the density around it. The nearest points of each measured point are found exactly, on all cores, in a
+// hashed grid of small cells over all points; a plain scan or a k-d tree answers the few lookups that the
+// grid suits badly. The same grid counts the points around each of its cells for the cell sizes.
 #include <omp.h>
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -575,9 +576,220 @@ std::size_t gridNeighbours(const Bucketed& b, const float* q, std::size_t k, Scr
 constexpr double SCAN_BUDGET = 67108864.0;  // point distances
 constexpr std::size_t SCAN_ONLY_POINTS = 4096;
 
+// The density around every point, measured once for each cell of the grid. The grid's cells are sorted by
+// key, and a key stands for one cell of each group hashed to its slot: a cell of the grid may hold points of
+// several groups, far apart. Here a cell is one cell of space: the grid's cells that hold points of several
+// groups are split, their points sorted by cell, into runs of one cell each.
+struct LocalSpacing {
+    // Each point's cell, in the order of the pieces' points; UNUSABLE for a point left out.
+    std::unique_ptr<std::uint32_t[]> cell_of;
+    std::vector<std::uint32_t> first_run;  // of each cell of the grid: its first cell of space, then one past
+    std::vector<std::uint32_t> run_start;  // of each cell of space: its first point, then one past the last
+    std::vector<float> spacing;            // of each cell of space: the even spacing around it
+};
+
+// The cell numbers of a point.
+struct CellNumbers {
+    std::int64_t n[3];
+    bool operator==(const CellNumbers& o) const { return n[0] == o.n[0] && n[1] == o.n[1] && n[2] == o.n[2]; }
+    bool operator<(const CellNumbers& o) const {
+        return n[0] != o.n[0] ? n[0] < o.n[0] : (n[1] != o.n[1] ? n[1] < o.n[1] : n[2] < o.n[2]);
+    }
+};
+inline CellNumbers numbersOf(const Grid& grid, const Vec3f& p) {
+    return {{grid.cellOf(p[0], 0), grid.cellOf(p[1], 1), grid.cellOf(p[2], 2)}};
+}
+
+// The cells of space: every cell of the grid whose points lie in more than one cell of space is sorted by
+// cell (stably: each cell keeps its points in their order) and cut into runs. On all cores; the result
+// depends on the points alone.
+void splitCells(Bucketed& b, LocalSpacing& local) {
+    const std::size_t cells = b.start.size() - 1;
+    local.first_run.assign(cells + 1, 0);
+    const std::ptrdiff_t cell_count = static_cast<std::ptrdiff_t>(cells);
+#pragma omp parallel
+    {
+        std::vector<std::pair<CellNumbers, std::uint32_t>> order;
+        std::vector<Vec3f> moved;
+#pragma omp for schedule(dynamic, 256)
+        for (std::ptrdiff_t c = 0; c < cell_count; ++c) {
+            const std::uint32_t begin = b.start[c], end = b.start[c + 1];
+            const CellNumbers first = numbersOf(b.grid, b.points[begin]);
+            std::uint32_t x = begin + 1;
+            while (x < end && numbersOf(b.grid, b.points[x]) == first) ++x;
+            if (x == end) {
+                local.first_run[c + 1] = 1;
+                continue;
+            }
+            order.clear();
+            for (std::uint32_t y = begin; y < end; ++y) order.push_back({numbersOf(b.grid, b.points[y]), y});
+            std::sort(order.begin(), order.end());  // the point's place breaks ties: stable
+            moved.clear();
+            std::uint32_t runs = 1;
+            for (std::size_t y = 0; y < order.size(); ++y) {
+                moved.push_back(b.points[order[y].second]);
+                if (y > 0 && !(order[y].first == order[y - 1].first)) ++runs;
+            }
+            std::copy(moved.begin(), moved.end(), b.points.get() + begin);
+            local.first_run[c + 1] = runs;
+        }
+    }
+    for (std::size_t c = 0; c < cells; ++c) local.first_run[c + 1] += local.first_run[c];
+    local.run_start.assign(local.first_run[cells] + 1, 0);
+    local.run_start.back() = b.start[cells];
+#pragma omp parallel for schedule(dynamic, 256)
+    for (std::ptrdiff_t c = 0; c < cell_count; ++c) {
+        std::uint32_t run = local.first_run[c];
+        local.run_start[run] = b.start[c];
+        for (std::uint32_t x = b.start[c] + 1; x < b.start[c + 1]; ++x)
+            if (!(numbersOf(b.grid, b.points[x]) == numbersOf(b.grid, b.points[x - 1]))) local.run_start[++run] = x;
+    }
+}
+
+// The cell of the grid that the cell numbers (i, j, k) fall in, or -1 where it holds no point; its points
+// may lie in other cells of space too.
+std::int64_t gridCellAt(const Bucketed& b, std::int64_t i, std::int64_t j, std::int64_t k) {
+    const Block& block = b.blocks[b.grid.bucket(i >> 2, j >> 2, k >> 2)];
+    const std::uint32_t place = Grid::placeOf(i, j, k);
+    if (((block.cells >> place) & 1) == 0) return -1;
+    return block.first + bitCount(block.cells & ((std::uint64_t(1) << place) - 1));
+}
+
+// Calls visit(cell) for every cell of the grid that holds points and whose numbers lie within [from, to] on
+// each axis, block by block (one hashed lookup a block); in the same order on every call.
+template <class Visit>
+void forCellsInBox(const Bucketed& b, const std::int64_t (&from)[3], const std::int64_t (&to)[3], Visit&& visit) {
+    for (std::int64_t bk = from[2] >> 2; bk <= to[2] >> 2; ++bk)
+        for (std::int64_t bj = from[1] >> 2; bj <= to[1] >> 2; ++bj)
+            for (std::int64_t bi = from[0] >> 2; bi <= to[0] >> 2; ++bi) {
+                const Block& block = b.blocks[b.grid.bucket(bi, bj, bk)];
+                const std::int64_t in_from[3] = {from[0] - 4 * bi, from[1] - 4 * bj, from[2] - 4 * bk};
+                const std::int64_t in_to[3] = {to[0] - 4 * bi, to[1] - 4 * bj, to[2] - 4 * bk};
+                for (std::uint64_t cells = block.cells & boxCells(in_from, in_to); cells != 0; cells &= cells - 1) {
+                    const std::uint64_t below = (cells & (~cells + 1)) - 1;
+                    visit(block.first + bitCount(block.cells & below));
+                }
+            }
+}
+
+// The cell of space with the numbers `at`, or -1 where no point lies.
+std::int64_t runAt(const Bucketed& b, const LocalSpacing& local, const CellNumbers& at) {
+    const std::int64_t cell = gridCellAt(b, at.n[0], at.n[1], at.n[2]);
+    if (cell < 0) return -1;
+    for (std::uint32_t run = local.first_run[cell]; run < local.first_run[cell + 1]; ++run)
+        if (numbersOf(b.grid, b.points[local.run_start[run]]) == at) return run;
+    return -1;
+}
+
+// Counts the points of points[0, n) within `bound` (squared) of q and adds their offsets from q to `sum`,
+// point after point. Four distances at a time where the processor has SSE2, each rounded as squaredDistance
+// rounds it; the sums are taken in the points' order either way, so the figures are the same.
+inline void sumWithin(const float* q, const Vec3f* points, std::size_t n, float bound, double (&sum)[3],
+                      std::size_t& inside) {
+    const auto take = [&](const Vec3f& p) {
+        for (int a = 0; a < 3; ++a) sum[a] += static_cast<double>(p[a]) - q[a];
+        ++inside;
+    };
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    const __m128 qx = _mm_set1_ps(q[0]), qy = _mm_set1_ps(q[1]), qz = _mm_set1_ps(q[2]);
+    const __m128 within = _mm_set1_ps(bound);
+    const float* p = points[0].data();
+    for (; i + 4 <= n; i += 4, p += 12) {
+        const __m128 a = _mm_loadu_ps(p), b = _mm_loadu_ps(p + 4), c = _mm_loadu_ps(p + 8);
+        const __m128 x = _mm_shuffle_ps(a, _mm_shuffle_ps(b, c, _MM_SHUFFLE(1, 0, 3, 2)), _MM_SHUFFLE(3, 0, 3, 0));
+        const __m128 y = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(0, 0, 1, 1)),
+                                        _mm_shuffle_ps(b, c, _MM_SHUFFLE(2, 2, 3, 3)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 z = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(1, 1, 2, 2)),
+                                        _mm_shuffle_ps(c, c, _MM_SHUFFLE(3, 3, 0, 0)), _MM_SHUFFLE(2, 0, 2, 0));
+        const __m128 dx = _mm_sub_ps(qx, x), dy = _mm_sub_ps(qy, y), dz = _mm_sub_ps(qz, z);
+        const __m128 d = _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        for (int lanes = _mm_movemask_ps(_mm_cmple_ps(d, within)); lanes != 0; lanes &= lanes - 1)
+            take(points[i + static_cast<std::size_t>(__builtin_ctz(lanes))]);
+    }
+#endif
+    for (; i < n; ++i)
+        if (squaredDistance(q, points[i]) <= bound) take(points[i]);
+}
+
+// The ball around a point in which its density is measured: first one edge of the grid (about the distance
+// from a point as dense as the scan's median to its 64th nearest), doubled until it holds BALL_POINTS other
+// points or reaches BALL_EDGES edges.
+constexpr std::size_t BALL_POINTS = 32;
+constexpr double BALL_EDGES = 4.0;
+
+// The even spacing around q, one of the points: that of the points within a ball around it, the surface
+// they cover taken as the share of the ball's disc that they reach. That share comes from how far their
+// mean lies from q: about all of the disc inside a surface, half at the border of the scan (a disc cut
+// through its centre, whose points' mean lies 4 / (3 pi) = 0.42 radii off), a quarter at a corner; straight
+// between those, 0.25 at least. Without it, a point at the border, whose neighbours lie on one side, would
+// be taken for one half as dense, and the border would get cells too coarse for it. +inf when no other point
+// lies within BALL_EDGES edges. Each point's distance is rounded as squaredDistance rounds it, and the sums
+// are taken in a fixed order: the same on any machine and thread count.
+float spacingAround(const Bucketed& b, const float* q) {
+    double t[3];
+    for (int a = 0; a < 3; ++a) t[a] = b.grid.coordinate(q[a], a);
+    for (double edges = 1.0;; edges *= 2.0) {
+        const double radius = edges / b.grid.per_edge;
+        const float bound = static_cast<float>(radius * radius);
+        std::int64_t from[3], to[3];
+        for (int a = 0; a < 3; ++a) {  // widened by what the rounding of cell numbers may shift a point
+            from[a] = Grid::floorOf(t[a] - edges - SLOP_EDGES);
+            to[a] = Grid::floorOf(t[a] + edges + SLOP_EDGES);
+        }
+        double sum[3] = {0.0, 0.0, 0.0};
+        std::size_t inside = 0;
+        // Points of other groups in the same cells of the grid lie far outside the ball.
+        forCellsInBox(b, from, to, [&](std::uint32_t cell) {
+            sumWithin(q, &b.points[b.start[cell]], b.start[cell + 1] - b.start[cell], bound, sum, inside);
+        });
+        const std::size_t others = inside > 0 ? inside - 1 : 0;
+        if (others < BALL_POINTS && edges < BALL_EDGES) continue;
+        if (others == 0) return std::numeric_limits<float>::infinity();
+        const double offset = std::sqrt(sum[0] * sum[0] + sum[1] * sum[1] + sum[2] * sum[2]) / inside;
+        const double share = std::min(1.0, std::max(0.25, 1.0 - (0.5 / (4.0 / (3.0 * PI))) * offset / radius));
+        return static_cast<float>(std::sqrt(PI * radius * radius * share / static_cast<double>(others)));
+    }
+}
+
+// Each cell of space's figure: the spacing around its first point, then the largest of its own and those of
+// the 26 cells around it: a point near a sparse stretch gets cells that its sparse neighbours also fill, and
+// a patch of denser points amid sparse ones does not make cells too small for the sparse points between.
+void measureRuns(const Bucketed& b, LocalSpacing& local) {
+    const std::size_t runs = local.run_start.size() - 1;
+    std::vector<float> own(runs);
+    std::vector<CellNumbers> numbers(runs);
+    const std::ptrdiff_t run_count = static_cast<std::ptrdiff_t>(runs);
+#pragma omp parallel for schedule(dynamic, 64)
+    for (std::ptrdiff_t r = 0; r < run_count; ++r) {
+        const Vec3f& first = b.points[local.run_start[r]];
+        own[r] = spacingAround(b, first.data());
+        numbers[r] = numbersOf(b.grid, first);
+    }
+    local.spacing.resize(runs);
+#pragma omp parallel for schedule(dynamic, 256)
+    for (std::ptrdiff_t r = 0; r < run_count; ++r) {
+        const CellNumbers& at = numbers[r];
+        const std::int64_t from[3] = {at.n[0] - 1, at.n[1] - 1, at.n[2] - 1};
+        const std::int64_t to[3] = {at.n[0] + 1, at.n[1] + 1, at.n[2] + 1};
+        float largest = own[r];
+        forCellsInBox(b, from, to, [&](std::uint32_t cell) {
+            for (std::uint32_t other = local.first_run[cell]; other < local.first_run[cell + 1]; ++other) {
+                const CellNumbers& there = numbers[other];
+                if (std::abs(there.n[0] - at.n[0]) <= 1 && std::abs(there.n[1] - at.n[1]) <= 1 &&
+                    std::abs(there.n[2] - at.n[2]) <= 1)
+                    largest = std::max(largest, own[other]);
+            }
+        });
+        local.spacing[r] = largest;
+    }
+}
+
 // The figures of `max_measured` points spread evenly over the usable points of `pieces`: every stride-th
 // is measured against all of them. `spacing.points` and `spacing.scale_code` count all usable points.
-int measureExact(std::vector<Piece>& pieces, PointSpacing& spacing, std::size_t max_measured) {
+// With `local`, also the spacing around every point: its cell's, the sparsest of the cells around it.
+int measureExact(std::vector<Piece>& pieces, PointSpacing& spacing, std::size_t max_measured,
+                 LocalSpacing* local = nullptr) {
     spacing = PointSpacing();
     if (max_measured == 0) return 1;
     std::vector<std::size_t> first_raw(pieces.size() + 1, 0);
@@ -680,7 +892,7 @@ int measureExact(std::vector<Piece>& pieces, PointSpacing& spacing, std::size_t 
             }
         }
     }
-    keys.reset();
+    if (!local) keys.reset();  // else they become the points' cells
     counts = {};
 
     // Each slot's points sorted by block and place (a counting sort), and the cells that hold points. First
@@ -761,6 +973,30 @@ int measureExact(std::vector<Piece>& pieces, PointSpacing& spacing, std::size_t 
     }
     places.reset();
     buffers.clear();
+    if (local) {
+        // The cells of space, each point's among them (from its key: the rank of its place among the occupied
+        // places of its block, then its run there), and their figures.
+        splitCells(b, *local);
+        local->cell_of = std::move(keys);
+        std::uint32_t* cell_of = local->cell_of.get();
+        const std::ptrdiff_t piece_count = static_cast<std::ptrdiff_t>(pieces.size());
+#pragma omp parallel for schedule(dynamic, 4)
+        for (std::ptrdiff_t p = 0; p < piece_count; ++p) {
+            const Piece& piece = pieces[p];
+            std::uint32_t* cell = cell_of + first_raw[p];
+            for (std::size_t i = 0; i < piece.count; ++i) {
+                const std::uint32_t key = cell[i];
+                if (key == UNUSABLE) continue;
+                const Block& block = b.blocks[key >> 6];
+                const std::uint32_t in_grid =
+                    block.first + bitCount(block.cells & ((std::uint64_t(1) << (key & 63)) - 1));
+                cell[i] = local->first_run[in_grid];
+                if (local->first_run[in_grid + 1] - cell[i] > 1)
+                    cell[i] = static_cast<std::uint32_t>(runAt(b, *local, numbersOf(grid, piece.xyz[i])));
+            }
+        }
+        measureRuns(b, *local);
+    }
 
     // Every measured point's nearest points: the grid first, in the order of the points' buckets, so that
     // lookups one after the other share the points they read; then the points it could not answer.
@@ -834,6 +1070,86 @@ int measure(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, Point
     return measureExact(pieces, spacing, max_measured);
 }
 
+// The log2 of each code of CODES.
+constexpr int CODE_LEVELS[7] = {6, 5, 4, 3, 2, 1, 0};
+// Below every level a cell can have: a cell whose spacing is not known (+inf) gets the coarsest code.
+constexpr int NO_LEVEL = -1000;
+
+int chooseCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, ScaleCodeChoice& choice) {
+    choice = ScaleCodeChoice();
+    for (const auto& frame : frames)
+        if (frame && (frame->nor.size() != frame->xyz.size() || frame->w.size() != frame->xyz.size())) return 1;
+    std::vector<Piece> pieces = piecesOf(frames, true);
+    // The words to write, piece by piece: piecesOf cuts every frame at the same points.
+    std::vector<std::int32_t*> words;
+    for (const auto& frame : frames)
+        if (frame)
+            for (std::size_t begin = 0; begin < frame->xyz.size(); begin += PIECE_POINTS)
+                words.push_back(frame->w.data() + begin);
+    LocalSpacing local;
+    const int status = measureExact(pieces, choice.spacing, 20000, &local);
+    if (status != 0) return status;
+    // The finest cells, code 8, are those that points asking for c_max get where they lie as densely as the
+    // scan's median.
+    const float resolution = autoResolutionForSpacing(choice.spacing);
+    if (!(resolution > 0.0f) || !local.cell_of) return 0;
+
+    // Each cell's levels: log2 of the finest code whose cell is at least M x s x c_max / 8 wide, M the
+    // multiple for a point of code 8 or coarser and the one for a point that asks for finer cells; a point of
+    // code c adds log2(c / 8). In double, from the float figures: the same on every machine.
+    const double c_max = static_cast<double>(choice.spacing.scale_code);
+    const std::size_t cells = local.spacing.size();
+    std::vector<std::array<int, 2>> levels(cells);  // {code 8 or coarser, finer}
+    const std::ptrdiff_t cell_count = static_cast<std::ptrdiff_t>(cells);
+#pragma omp parallel for schedule(static)
+    for (std::ptrdiff_t c = 0; c < cell_count; ++c) {
+        const double s = local.spacing[static_cast<std::size_t>(c)];
+        const double multiples[2] = {CELL_PER_LOCAL_SPACING, FINER_CELL_PER_LOCAL_SPACING};
+        for (int wish = 0; wish < 2; ++wish) {
+            const double fits = 8.0 * resolution / (multiples[wish] * s * c_max / 8.0);
+            levels[static_cast<std::size_t>(c)][wish] =
+                std::isfinite(s) && fits > 0.0 ? static_cast<int>(std::max(std::floor(std::log2(fits)), -64.0))
+                                               : NO_LEVEL;
+        }
+    }
+    std::vector<std::size_t> first_raw(pieces.size() + 1, 0);
+    for (std::size_t p = 0; p < pieces.size(); ++p) first_raw[p + 1] = first_raw[p] + pieces[p].count;
+    struct Tally {
+        std::size_t codes[7] = {};
+        std::size_t finer = 0, kept = 0;
+    };
+    std::vector<Tally> tallies(pieces.size());
+    const std::ptrdiff_t piece_count = static_cast<std::ptrdiff_t>(pieces.size());
+#pragma omp parallel for schedule(dynamic, 4)
+    for (std::ptrdiff_t p = 0; p < piece_count; ++p) {
+        const Piece& piece = pieces[static_cast<std::size_t>(p)];
+        const std::uint32_t* cell_of = local.cell_of.get() + first_raw[static_cast<std::size_t>(p)];
+        std::int32_t* w = words[static_cast<std::size_t>(p)];
+        Tally tally;
+        for (std::size_t i = 0; i < piece.count; ++i) {
+            if (cell_of[i] == UNUSABLE) continue;
+            const int own = codeIndexIn(piece, i);
+            const int level = levels[cell_of[i]][own < 3 ? 1 : 0];
+            const int code_level = std::min(3, std::max(0, level + CODE_LEVELS[own] - 3));
+            ++tally.codes[6 - code_level];
+            if (own < 3) {
+                ++tally.finer;
+                if (code_level == 3) ++tally.kept;
+            }
+            w[i] = static_cast<std::int32_t>((static_cast<std::uint32_t>(w[i]) & ~0xFFu) | (1u << code_level));
+        }
+        tallies[static_cast<std::size_t>(p)] = tally;
+    }
+    for (const Tally& tally : tallies) {
+        for (int k = 0; k < 7; ++k) choice.points[k] += tally.codes[k];
+        choice.finer_wishes += tally.finer;
+        choice.finer_kept += tally.kept;
+    }
+    choice.resolution = resolution;
+    choice.neighbourhoods = cells;
+    return 0;
+}
+
 int estimate(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, PointSpacing& spacing,
              std::size_t max_candidates, std::size_t max_measured) {
     spacing = PointSpacing();
@@ -885,6 +1201,24 @@ int estimatePointSpacing(const std::vector<std::shared_ptr<FrameDataWithInfo>>& 
     const int status = mesh_internal::guarded([&] { return estimate(frames, spacing, max_candidates, max_measured); });
     if (status != 0) spacing = PointSpacing();
     return status;
+}
+
+int chooseScaleCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, ScaleCodeChoice& choice) {
+    const int status = mesh_internal::guarded([&] { return chooseCodes(frames, choice); });
+    if (status != 0) choice = ScaleCodeChoice();
+    return status;
+}
+
+float autoResolutionForSpacing(const PointSpacing& spacing) {
+    PointSpacing finest = spacing;
+    finest.scale_code = 8;
+    if (spacing.scale_code <= 8) return resolutionForSpacing(finest);
+    // Points asking for finer cells than code 8's, as dense as the median, have them at this multiple: a
+    // smaller one (resolutionForSpacing's) gave cells too small for the sparser places near the wished-for
+    // features and left slivers at their sharp edges.
+    if (!(spacing.density > 0.0f) || !std::isfinite(spacing.density)) return 0.0f;
+    const float resolution = FINER_CELL_PER_LOCAL_SPACING * spacing.density;
+    return std::min(std::max(resolution, LOWEST_RESOLUTION), HIGHEST_RESOLUTION);
 }
 
 float resolutionForSpacing(const PointSpacing& spacing) {

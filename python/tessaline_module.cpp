@@ -430,6 +430,7 @@ struct Mesh {
     py::object colors = py::none();            // uint8 (V, 3) when some frame came with colours
     float resolution = 0.0f;                   // millimetres
     py::object point_spacing = py::none();     // (median, even) in millimetres, when the resolution was chosen from it
+    py::object scale_codes = py::none();       // 'auto': {code: points given it}, from the points' density
     py::object normals_estimate = py::none();  // the counts of estimateNormals, when some frames had no normals
 };
 
@@ -524,17 +525,22 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 
     PointSpacing spacing;
+    ScaleCodeChoice codes;
     bool measured = false;
     if (automatic) {
+        // Every point's code from the density around it (the frames are the module's copies), and the
+        // resolution.
         int status;
         {
             py::gil_scoped_release released;
-            status = measurePointSpacing(frames, spacing);
+            status = chooseScaleCodes(frames, codes);
         }
         if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-        if (status != 0) throw Error("measuring the point spacing failed with status " + std::to_string(status));
+        if (status != 0)
+            throw Error("choosing the cell sizes from the points failed with status " + std::to_string(status));
         measured = true;
-        resolution = resolutionForSpacing(spacing);
+        spacing = codes.spacing;
+        resolution = codes.resolution;
         if (!(resolution > 0.0f)) {
             resolution = 0.5f;
             warn("the point spacing cannot be measured (fewer than two distinct points): resolution 0.5 mm");
@@ -607,7 +613,7 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     if (mesh_status != 0)
         throw Error("finishing the mesh failed with status " + std::to_string(mesh_status) +
                     (mesh_status == TESSALINE_OUT_OF_MEMORY ? std::string(": memory ran out; ") + MEMORY_ADVICE : ""));
-    const float suggested = resolutionForSpacing(spacing);
+    const float suggested = autoResolutionForSpacing(spacing);  // what 'auto' takes: the finest cells, code 8
     const std::string advice = suggested > 0.0f ? "; resolution='auto' would take " + millimetres(suggested) : "";
     if (mesh.triangles.empty() && removed > 0)
         warn("the mesh is empty: min_piece=" + std::to_string(min_piece) + " removed every piece (" +
@@ -624,6 +630,11 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     out.resolution = resolution;
     out.normals_estimate = normals_estimate;
     if (automatic && spacing.median > 0.0f) out.point_spacing = py::make_tuple(spacing.median, spacing.density);
+    if (automatic && codes.resolution > 0.0f) {
+        py::dict given;
+        for (int k = 0; k < 7; ++k) given[py::int_(64 >> k)] = codes.points[k];
+        out.scale_codes = given;
+    }
     return out;
 }
 
@@ -686,8 +697,11 @@ frames: a list of frames, each a dict {"points": P, "normals": N, "words": W, "s
     in. A point whose plane is ambiguous is left out of the run; Mesh.normals_estimate counts them. Points given as float64 keep their precision far from the
     origin: a whole number of metres near their middle is taken off in double precision before they become
     floats, and the mesh's vertices come back as float64 with it added back.
-resolution: the edge of the finest cells in millimetres, or "auto": 1.5 times the spacing of an even
-    sampling as dense as the points.
+resolution: the edge of the finest cells in millimetres, or "auto": every point's scale code is set from the
+    density of the points around it (sparse places get coarser cells; a wish for finer cells is kept where
+    the points are dense enough), and the resolution, the finest cells, is 1.5 times the spacing of an even
+    sampling as dense as the points (2 times where at least a tenth of the points ask for cells finer than
+    code 8's); Mesh.scale_codes counts the points given each code.
 unit: the unit of the points: "mm" (default), "cm", "m", "in" or the millimetres in one unit. The mesh comes
     back in it.
 step_callback: called with a StepInfo before each step of the run, on the calling thread; an exception it
@@ -764,6 +778,9 @@ PYBIND11_MODULE(tessaline, m) {
         .def_readonly("resolution", &Mesh::resolution, "the finest cell edge of the run, millimetres")
         .def_readonly("point_spacing", &Mesh::point_spacing,
                       "('auto' only) the points' median spacing to the nearest point and the even spacing as dense, mm")
+        .def_readonly("scale_codes", &Mesh::scale_codes,
+                      "('auto' only) {code: points}: how many points were given each scale code, 64 to 1, from "
+                      "the density around them (only 8 and coarser are given); None for a fixed resolution")
         .def_readonly("normals_estimate", &Mesh::normals_estimate,
                       "None, or where frames came without normals the counts of their estimate: points, "
                       "neighbours, toward_sensor, propagated (oriented from the outside in), left_out, "

@@ -785,23 +785,99 @@ TEST(Spacing, TheResolutionSizesTheCellsTheFinestTenthOfThePointsAskFor) {
         ASSERT_EQ(measurePointSpacing({frame}, spacing), 0);
         EXPECT_EQ(spacing.scale_code, c.code);
     }
+    // The fixed rule, and what auto takes for code-8 cells: 1.5 x density without wishes for finer cells, 2 x
+    // density with them, whatever c_max.
     const struct {
         float density;
         int code;
-        float resolution;
-    } rules[] = {{1.0f, 8, 1.5f},
-                 {1.0f, 16, 3.0f},
-                 {2.0f, 4, 1.5f},
-                 {1e-6f, 8, 0.001f},
-                 {1e9f, 8, 100000.0f},
-                 {0.0f, 8, 0.0f},
-                 {std::numeric_limits<float>::quiet_NaN(), 8, 0.0f}};
+        float resolution, automatic;
+    } rules[] = {{1.0f, 8, 1.5f, 1.5f},
+                 {1.0f, 16, 3.0f, 2.0f},
+                 {0.5f, 64, 6.0f, 1.0f},
+                 {2.0f, 4, 1.5f, 3.0f},
+                 {1e-6f, 8, 0.001f, 0.001f},
+                 {1e-6f, 16, 0.001f, 0.001f},
+                 {1e9f, 8, 100000.0f, 100000.0f},
+                 {0.0f, 8, 0.0f, 0.0f},
+                 {std::numeric_limits<float>::quiet_NaN(), 16, 0.0f, 0.0f}};
     for (const auto& r : rules) {
         PointSpacing spacing;
         spacing.density = r.density;
         spacing.scale_code = r.code;
         EXPECT_FLOAT_EQ(resolutionForSpacing(spacing), r.resolution) << r.density << " " << r.code;
+        EXPECT_FLOAT_EQ(autoResolutionForSpacing(spacing), r.automatic) << r.density << " " << r.code;
     }
+}
+
+TEST(ScaleCodes, TheCodesFollowTheDensityAndKeepAWishForFinerCellsWhereThePointsAllowIt) {
+    // Three strips of a plane, lattices of steps 0.65, 1 and 1.3; in the lower half of the outer two the points
+    // ask for code 16 (flag 0x100), the others keep 8 and a flag in bit 16. The middle strip holds the median
+    // point: the even spacing is the lattice's, sqrt20 sqrt(pi / 64) = 0.9908 steps. Code 16 is c_max (23 % of
+    // the points ask for it), so the resolution is 2.0 x 0.9908 = 1.982 (cells of 1.98, 3.96, 7.93 for codes
+    // 8, 4, 2). The cells a point should have at the even spacing s of its strip, 2.0 s for a wish, 1.1 x 2 s
+    // for the others (each at least 1.1 times from the nearest edge of a code):
+    //   step 0.65: a wish 1.29 -> code 8 (kept); the others 1.42 -> 8
+    //   step 1:    the others 2.18 -> 4
+    //   step 1.3:  a wish 2.58 -> 4 (coarsened); the others 2.83 -> 4
+    const struct {
+        float from, to, step;
+        int wish, other;
+    } strips[] = {{5, 45, 0.65f, 8, 8}, {45, 185, 1.0f, 0, 4}, {185, 225, 1.3f, 4, 4}};
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (const auto& strip : strips)
+        for (float y = 5; y < 105; y += strip.step)
+            for (float x = strip.from; x < strip.to; x += strip.step) {
+                frame->xyz.push_back({x, y, 5});
+                frame->nor.push_back({0, 0, 1});
+                frame->w.push_back(y < 55 && strip.wish != 0 ? 0x110 : 0x10008);
+            }
+    const std::vector<std::int32_t> asked = frame->w;
+    std::vector<std::int32_t> first;
+    for (const int threads : {1, 3}) {
+        frame->w = asked;
+        ScaleCodeChoice choice;
+        withThreads(threads, [&] { ASSERT_EQ(chooseScaleCodes({frame}, choice), 0); });
+        EXPECT_NEAR(choice.resolution, 2.0 * std::sqrt(20.0) * std::sqrt(M_PI / 64), 1e-3);
+        if (threads == 1) first = frame->w;
+        EXPECT_EQ(frame->w, first) << threads << " threads";  // bit for bit
+        std::size_t codes[7] = {}, wishes = 0, kept = 0;
+        for (std::size_t i = 0; i < asked.size(); ++i) {
+            const std::int32_t w = frame->w[i];
+            EXPECT_EQ(w & ~0xFF, asked[i] & ~0xFF) << i;  // the flags stay
+            const int code = w & 0xFF;
+            ++codes[code == 8 ? 3 : code == 4 ? 4 : code == 2 ? 5 : code == 1 ? 6 : 0];
+            wishes += (asked[i] & 0xFF) == 16;
+            kept += (asked[i] & 0xFF) == 16 && code == 8;
+            // Away from the strips' seams and the plane's border, where the sparser side reaches over.
+            const Vec3f& p = frame->xyz[i];
+            for (const auto& strip : strips) {
+                if (p[0] > strip.from + 15 && p[0] < strip.to - 15 && p[1] > 20 && p[1] < 90) {
+                    EXPECT_EQ(code, (asked[i] & 0xFF) == 16 ? strip.wish : strip.other)
+                        << "step " << strip.step << " at " << p[0] << ", " << p[1];
+                }
+            }
+        }
+        for (int k = 0; k < 7; ++k) EXPECT_EQ(choice.points[k], codes[k]) << k;
+        EXPECT_EQ(choice.finer_wishes, wishes);
+        EXPECT_EQ(choice.finer_kept, kept);
+    }
+    // Refused, the frames unchanged: words not one a point. Too few points: no resolution, words untouched.
+    // A point the run leaves out keeps its word.
+    auto short_words = lattice(10, 1.0f, 0x110);
+    short_words->w.pop_back();
+    const std::vector<std::int32_t> before = short_words->w;
+    ScaleCodeChoice choice;
+    EXPECT_EQ(chooseScaleCodes({short_words}, choice), 1);
+    EXPECT_EQ(short_words->w, before);
+    auto alone = lattice(1, 1.0f, 0x110, 5);
+    EXPECT_EQ(chooseScaleCodes({alone, nullptr}, choice), 0);
+    EXPECT_EQ(choice.resolution, 0.0f);
+    EXPECT_EQ(alone->w, std::vector<std::int32_t>(5, 0x110));
+    auto holed = lattice(30, 1.0f, 0x110);
+    holed->nor[7] = {0, 0, 0};
+    ASSERT_EQ(chooseScaleCodes({holed}, choice), 0);
+    EXPECT_EQ(holed->w[7], 0x110);
+    EXPECT_EQ(choice.points[3] + choice.points[4] + choice.points[5] + choice.points[6], 899u);
 }
 
 TEST(Spacing, ExpectedTrianglesCountEachPointsSurfaceInItsOwnCells) {

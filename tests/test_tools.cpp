@@ -827,6 +827,44 @@ TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
     EXPECT_TRUE(contains(text.out, "point spacing: median "));
 }
 
+TEST(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
+    // A sphere sampled evenly above its equator and four times more thinly below (every 4th point of the
+    // lattice), words 8. One resolution for both halves, from the dense half that holds most points, leaves
+    // the sparse half full of holes; the codes from each point's density give it cells twice as wide, and
+    // the sphere comes out whole but for the odd pinhole where cells of two sizes meet.
+    TESSALINE_REQUIRE_PROGRAM();
+    const int n = 40000;
+    const float r = 30.0f;
+    FrameDataWithInfo frame;
+    for (int i = 0; i < n; ++i) {
+        const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1.0 + std::sqrt(5.0)) * (i + 0.5);
+        const Vec3f v = {float(std::cos(theta) * std::sin(phi)), float(std::sin(theta) * std::sin(phi)),
+                         float(std::cos(phi))};
+        if (v[2] < 0 && i % 4 != 0) continue;
+        frame.xyz.push_back({100 + r * v[0], 100 + r * v[1], 100 + r * v[2]});
+        frame.nor.push_back(v);
+        frame.w.push_back(8);
+    }
+    const std::string input = programTemp("half_sparse.ply"), output = programTemp("half_sparse_mesh.ply");
+    tessaline_tools::writePlyPointCloud(input, frame);
+    const ProgramRun automatic = runProgram("reconstruct " + input + " -o " + output + " --json");
+    ASSERT_EQ(automatic.status, 0) << automatic.err;
+    const double resolution = jsonNumber(automatic.out, "resolution_mm");
+    EXPECT_GT(jsonNumber(automatic.out, "4"), 4000.0);  // about the 5,000 points of the sparse half
+    char fixed_resolution[32];
+    std::snprintf(fixed_resolution, sizeof(fixed_resolution), "%.9g", resolution);
+    const ProgramRun fixed =
+        runProgram("reconstruct " + input + " -o " + output + " --json --resolution " + fixed_resolution);
+    ASSERT_EQ(fixed.status, 0) << fixed.err;
+    EXPECT_TRUE(contains(fixed.out, "\"scale_codes\": null"));  // the points' own words
+    const double sphere = 4 * M_PI * r * r;
+    EXPECT_GT(jsonNumber(automatic.out, "area"), 0.995 * sphere);
+    EXPECT_LT(jsonNumber(automatic.out, "boundary_edges") * 20, jsonNumber(fixed.out, "boundary_edges"));
+    EXPECT_EQ(jsonNumber(automatic.out, "pieces"), 1.0);
+    const ProgramRun text = runProgram("reconstruct " + input + " -o " + output);
+    EXPECT_TRUE(contains(text.out, "cells from the points' density: code 8 ")) << text.out;
+}
+
 TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
     TESSALINE_REQUIRE_PROGRAM();
     const std::string input = sphereFile("lines.ply", 3000, 20.0f), output = programTemp("lines.ply");

@@ -1,6 +1,6 @@
 // Tessaline's mesh library, beside the engine: what an application does around a run. Before it, the
-// resolution for its points (the median spacing of the points) and normals for points that came without
-// them; after it, a finished mesh from the
+// resolution for its points (the median spacing of the points), every point's cell size from the density
+// around it, and normals for points that came without them; after it, a finished mesh from the
 // engine's triangle soup: welded vertices with their words and area-weighted normals, small loose
 // pieces removed, small holes filled, and its vertices coloured from the scan's coloured points.
 //
@@ -172,6 +172,57 @@ constexpr float RESOLUTION_PER_SPACING = 1.5f;
 // RESOLUTION_PER_SPACING density spacings (1.5 x density x scale_code / 8), kept within the engine's
 // accepted 0.001 to 100000; 0 when the density spacing is not above 0 and finite.
 TESSALINE_MESH_API float resolutionForSpacing(const PointSpacing& spacing);
+
+// How chooseScaleCodes sized the cells of a scan.
+struct ScaleCodeChoice {
+    PointSpacing spacing;     // the scan's spacing, as measurePointSpacing measures it (from 20,000 points)
+    float resolution = 0.0f;  // the run's resolution, the edge of code-8 cells, the finest; 0 when not chosen
+    // Usable points given each code, finest first: 64, 32, 16, 8, 4, 2, 1 (only 8 to 1 are given).
+    std::size_t points[7] = {};
+    std::size_t finer_wishes = 0;    // usable points whose own code asked for cells finer than code 8's
+    std::size_t finer_kept = 0;      // of them, those given the finest cells of the run (code 8)
+    std::size_t neighbourhoods = 0;  // places whose density was measured: the cells of the search grid
+};
+
+// chooseScaleCodes: a point's cells are at least this many times the even spacing around it, times c_max / c
+// (c its own scale code, c_max the finest code that a tenth of the points ask for) ...
+constexpr float CELL_PER_LOCAL_SPACING = 1.1f;
+// ... and this many, for a point that asks for cells finer than code 8's: a wish for finer cells is kept only
+// where the points are dense enough for it with room to spare.
+constexpr float FINER_CELL_PER_LOCAL_SPACING = 2.0f;
+
+// The resolution chooseScaleCodes takes for points this far apart (`scale_code` read as c_max): the edge of
+// the cells that a point asking for c_max gets where it lies as densely as the even spacing, given code 8:
+// FINER_CELL_PER_LOCAL_SPACING x density when c_max asks for cells finer than code 8's, else
+// resolutionForSpacing's RESOLUTION_PER_SPACING x density; kept within 0.001 to 100000, 0 when the density
+// spacing is not above 0 and finite.
+TESSALINE_MESH_API float autoResolutionForSpacing(const PointSpacing& spacing);
+
+// For `--resolution auto`: sets the scale code (low byte of the word) of every usable point of `frames`
+// from the density of the points around it, and chooses the resolution of the run. The density is measured once
+// for each cell of a grid about as wide as the distance from a point as dense as the scan's median to its 64th
+// nearest (measurePointSpacing's grid), around the cell's first point: the spacing of an even sampling as dense
+// as the points within a ball around it (one edge of the grid, doubled until it holds 32 other points, at most 4
+// edges), the surface they cover taken from how far their mean lies from the point (all of the ball's disc
+// inside a surface, half at the border of the scan), so that the border of a scan is not taken for a sparse
+// place. A point takes the largest spacing s among its cell and the 26 around it. Its cells should then be at
+// least M x s x c_max / c wide, c its own code (0 and unlisted codes count as 8), c_max the finest code that at
+// least a tenth of the points ask for, M CELL_PER_LOCAL_SPACING, or FINER_CELL_PER_LOCAL_SPACING where c asks
+// for cells finer than code 8's: sparse points get larger cells, dense ones finer, and a wish for finer cells is
+// kept where the points are dense enough for it and coarsened where they are not. The resolution (the edge of
+// code-8 cells) is autoResolutionForSpacing's: the finest cells, those of points as dense as the scan's median
+// that ask for c_max. Each point gets the finest of the codes 8, 4, 2, 1 whose cells are at least as wide as it
+// should have: points as dense as the median that ask for c_max get code 8, and cells 8 times the resolution
+// are the coarsest.
+// Only 8 and coarser are given: the engine's rectification of levels, which spreads a wish to the bins of code 8
+// around it, would otherwise bring bins of codes 4 and 16 side by side, and there the surface tears. The flags
+// (bits 8-31) are kept, and the words of the points that a run leaves out (not finite, a normal of length 0, at
+// the origin) are not touched. Deterministic, the same for any number of threads; uses the OpenMP threads. 1
+// (TESSALINE_FAILURE) for a frame whose normals or words are not one a point, or more than 2^32 - 1 usable
+// points; 66049 when memory runs out; the frames are then unchanged. With fewer than two distinct points
+// `resolution` stays 0 and the words are not touched.
+TESSALINE_MESH_API int chooseScaleCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                                        ScaleCodeChoice& choice);
 
 // About how many triangles a run on these frames, at this resolution, gives where the points cover the
 // surface: each point stands for density^2 of surface, and a cell of edge h (resolution x 8 / the point's

@@ -56,13 +56,29 @@ def test_a_sphere_gives_a_closed_mesh_on_the_sphere_facing_out():
     even = np.sqrt(4 * np.pi * 30.0**2 / 20000)
     assert mesh.resolution == pytest.approx(1.5 * even, rel=0.05)
     assert mesh.point_spacing[1] == pytest.approx(even, rel=0.05)
+    # Evenly spread, every point lies as densely as the median: all get the finest cells, code 8.
+    assert mesh.scale_codes == {64: 0, 32: 0, 16: 0, 8: 20000, 4: 0, 2: 0, 1: 0}
 
 
 def test_frames_in_metres_come_back_in_metres():
     points, normals = sphere(n=8000)
     mesh = tessaline.reconstruct([{"points": points / 1000.0, "normals": normals}], unit="m", resolution=1.0)
     assert mesh.resolution == 1.0  # millimetres, whatever the unit
+    assert mesh.scale_codes is None  # a fixed resolution keeps the points' own words
     assert np.abs(np.linalg.norm(mesh.vertices - 0.1, axis=1) - 0.03).max() < 5e-5
+
+
+def test_a_fixed_resolution_keeps_the_points_wishes_and_auto_gives_none_finer_than_code_8():
+    # The upper half asks for cells of code 16. A vertex's word holds the OR of its cells' codes: at a fixed
+    # resolution the wish reaches the run as it was given; auto gives every point code 8 or coarser.
+    points, normals = sphere(n=20000)
+    words = np.where(normals[:, 2] > 0, 16, 8).astype(np.int32)
+    fixed = tessaline.reconstruct([(points, normals, words)], resolution=2.0)
+    assert fixed.scale_codes is None
+    assert np.any(fixed.words & 16) and np.any((fixed.words & 0xFF) == 8)
+    automatic = tessaline.reconstruct([(points, normals, words)])
+    assert not np.any(automatic.words & 0xF0)
+    assert sum(automatic.scale_codes.values()) == 20000
 
 
 def test_float64_points_far_from_the_origin_keep_their_precision():
