@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <iterator>
+#include <sstream>
 
 #include "InOrder.h"
 #include "MeshIO.h"
@@ -737,6 +738,43 @@ TEST(Program, ReconstructsTheBunnyScanList) {
     EXPECT_LT(median, 0.1);  // millimetres
     std::ifstream in(output, std::ios::binary | std::ios::ate);
     EXPECT_GT(static_cast<long>(in.tellg()), 84 + 50 * 100000);  // hundreds of thousands of triangles
+}
+
+// The program reads the markers that simulate writes beside its frames and names the frames they leave out,
+// which are the misregistered ones, in its summary and its JSON; --markers none runs without them, and a
+// markers file it cannot read is refused with its name and line.
+TEST(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string folder = tempPath("markers"), output = tempPath("markers.ply");
+    std::filesystem::remove_all(folder);
+    const ProgramRun simulated = runProgram("simulate --points 60000 --misregister 3 -o " + folder);
+    ASSERT_EQ(simulated.status, 0) << simulated.err;
+    const std::string said = "misregistered frames (about 0.3 mm off):";
+    const std::size_t at = simulated.out.find(said);
+    ASSERT_NE(at, std::string::npos) << simulated.out;
+    std::istringstream named(simulated.out.substr(at + said.size()));
+    std::vector<std::size_t> wrong;
+    for (std::size_t f; wrong.size() < 3 && named >> f;) wrong.push_back(f);
+    ASSERT_EQ(wrong.size(), 3u) << simulated.out;
+    const std::string list = std::to_string(wrong[0]) + " " + std::to_string(wrong[1]) + " " + std::to_string(wrong[2]);
+
+    const ProgramRun plain = runProgram("reconstruct " + folder + " --quiet -o " + output);
+    ASSERT_EQ(plain.status, 0) << plain.err;
+    EXPECT_TRUE(contains(plain.out, "frames left out by their markers (3): " + list + "\n"));
+    const ProgramRun json = runProgram("reconstruct " + folder + " --quiet --json -o " + output);
+    ASSERT_EQ(json.status, 0) << json.err;
+    const std::string json_list =
+        std::to_string(wrong[0]) + ", " + std::to_string(wrong[1]) + ", " + std::to_string(wrong[2]);
+    EXPECT_TRUE(contains(json.out, "\"frames_left_out\": [" + json_list + "]}"));
+
+    const ProgramRun none = runProgram("reconstruct " + folder + " --quiet --json --markers none -o " + output);
+    ASSERT_EQ(none.status, 0) << none.err;
+    EXPECT_TRUE(contains(none.out, "\"markers\": null"));
+    const std::string bad = folder + "/bad-markers.txt";
+    std::ofstream(bad) << "# id x y z nx ny nz\n0 1 2 3 0 0 1\n1 45 0 0\n";
+    const ProgramRun refused = runProgram("reconstruct " + folder + " --quiet --markers " + bad + " -o " + output);
+    EXPECT_NE(refused.status, 0);
+    EXPECT_TRUE(contains(refused.err, bad + ": line 3: a marker is 'id x y z nx ny nz', seven numbers"));
 }
 
 TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {

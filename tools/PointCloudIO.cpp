@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
@@ -17,6 +18,7 @@
 namespace tessaline_tools {
 
 using SurfaceReconstruction::FrameDataWithInfo;
+using SurfaceReconstruction::MarkerInfos;
 
 namespace {
 
@@ -283,6 +285,50 @@ void writePlyPoints(const std::string& path, const std::vector<std::shared_ptr<F
     good = std::fclose(out) == 0 && good;
     if (!good) throw std::runtime_error(path + ": cannot write the file");
     file.commit();
+}
+
+MarkerInfos readOptimizedMarkers(const std::string& path, float scale) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error(path + ": cannot open the file");
+    MarkerInfos markers;
+    std::string line;
+    long number = 0;
+    while (std::getline(in, line)) {
+        ++number;
+        const std::size_t first = line.find_first_not_of(" \t\r");
+        if (first == std::string::npos || line[first] == '#') continue;
+        double value[7];
+        const char* at = line.c_str();
+        for (int k = 0; k < 7; ++k) {
+            char* end = nullptr;
+            value[k] = std::strtod(at, &end);
+            if (end == at || !std::isfinite(value[k]))
+                throw std::runtime_error(path + ": line " + std::to_string(number) +
+                                         ": a marker is 'id x y z nx ny nz', seven numbers");
+            at = end;
+        }
+        while (*at == ' ' || *at == '\t' || *at == '\r') ++at;
+        if (*at != '\0')
+            throw std::runtime_error(path + ": line " + std::to_string(number) +
+                                     ": more than the seven numbers of a marker (id x y z nx ny nz)");
+        markers.ids.push_back(identifier(value[0], path, "a marker id"));
+        markers.xyz.push_back({toFloat(value[1] * scale), toFloat(value[2] * scale), toFloat(value[3] * scale)});
+        markers.nor.push_back({toFloat(value[4]), toFloat(value[5]), toFloat(value[6])});
+    }
+    if (in.bad()) throw std::runtime_error(path + ": cannot read the file");
+    return markers;
+}
+
+void writeOptimizedMarkers(const std::string& path, const MarkerInfos& markers) {
+    OutputFile output(path);
+    FILE* file = std::fopen(output.temporaryPath().c_str(), "w");
+    if (file == nullptr) throw std::runtime_error(path + ": cannot write the file");
+    std::fprintf(file, "# id x y z nx ny nz (millimetres)\n");
+    for (std::size_t m = 0; m < markers.ids.size(); ++m)
+        std::fprintf(file, "%d %.6f %.6f %.6f %.6f %.6f %.6f\n", markers.ids[m], markers.xyz[m][0], markers.xyz[m][1],
+                     markers.xyz[m][2], markers.nor[m][0], markers.nor[m][1], markers.nor[m][2]);
+    if (std::fclose(file) != 0) throw std::runtime_error(path + ": cannot write the file");
+    output.commit();
 }
 
 }  // namespace tessaline_tools

@@ -40,4 +40,12 @@ void writePlyPointCloud(const std::string& path, const SurfaceReconstruction::Fr
 void writePlyPoints(const std::string& path,
                     const std::vector<std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo>>& frames);
 
+// The optimized markers of a scan as text, the file optimized-markers.txt beside simulated frames: one
+// marker a line, "id x y z nx ny nz", world coordinates; blank lines and lines starting with '#' are passed
+// over. Positions are scaled by `scale`, normals kept. Throws std::runtime_error naming the file and, for a
+// bad line, its number.
+SurfaceReconstruction::MarkerInfos readOptimizedMarkers(const std::string& path, float scale);
+// Writes `markers` in that layout (millimetres, 6 decimals); the file appears only when complete.
+void writeOptimizedMarkers(const std::string& path, const SurfaceReconstruction::MarkerInfos& markers);
+
 }  // namespace tessaline_tools

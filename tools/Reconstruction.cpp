@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -32,6 +33,23 @@ SurfaceReconstruction::DiagnosticSink diagnosticSink(const RunOptions& options, 
     return nullptr;
 }
 
+// The frames named by the library's line that starts with FRAMES_LEFT_OUT_BY_MARKERS, added to `frames`;
+// any other line leaves them as they are.
+void noteFramesLeftOut(const std::string& line, std::vector<std::size_t>& frames) {
+    const std::string start = SurfaceReconstruction::FRAMES_LEFT_OUT_BY_MARKERS;
+    if (line.compare(0, start.size(), start) != 0) return;
+    const std::size_t colon = line.find("):", start.size());
+    if (colon == std::string::npos) return;
+    const char* at = line.c_str() + colon + 2;
+    for (;;) {
+        char* end = nullptr;
+        const unsigned long long f = std::strtoull(at, &end, 10);
+        if (end == at) break;
+        frames.push_back(static_cast<std::size_t>(f));
+        at = end;
+    }
+}
+
 }  // namespace
 
 double peakMemoryMiB() {
@@ -47,7 +65,20 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
 
     Tessaline tessaline;
     std::shared_ptr<std::FILE> diagnostics_file;
-    tessaline.setDiagnosticSink(diagnosticSink(options, diagnostics_file));
+    SurfaceReconstruction::DiagnosticSink sink = diagnosticSink(options, diagnostics_file);
+    if (options.markers) {
+        // The library names the frames it leaves out in a line of its own: noted here, then sent on.
+        sink = [inner = std::move(sink), &report](const std::string& text, bool device_report) {
+            noteFramesLeftOut(text, report.frames_left_out);
+            if (inner) {
+                inner(text, device_report);
+            } else {
+                std::fputs(text.c_str(), device_report ? stderr : stdout);
+                if (device_report) std::fflush(stderr);
+            }
+        };
+    }
+    tessaline.setDiagnosticSink(sink);
     const int init_status = tessaline.init();
     if (init_status ==
         SurfaceReconstruction::TESSALINE_OUT_OF_MEMORY)  // memory, not the device: the status goes with it
@@ -56,6 +87,11 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
                          init_status);
     if (init_status != 0) throw std::runtime_error("no usable compute device: " + tessaline.getLastErrorMsg());
     tessaline.setResolution(options.resolution);
+    if (options.markers) {
+        SurfaceReconstruction::MarkerInfos markers = *options.markers;
+        if (tessaline.setOptimizedMarkers(markers) != 0)
+            throw std::runtime_error("the optimized markers were refused: " + tessaline.getLastErrorMsg());
+    }
     const char* stage_names[4] = {"starting", "cutting into blocks", "fusing blocks", "meshing"};
     double stage_start[5] = {0, 0, 0, 0, 0};
     const auto run_start = Clock::now();
@@ -90,6 +126,7 @@ RunReport runReconstruction(Frames frames, const RunOptions& options) {
         tessaline.deInit();
         throw RunFailure("reconstruction failed with status " + std::to_string(status) + ": " + text, status);
     }
+    if (options.markers) tessaline.getOptimizedMarkerErrors(report.marker_errors);
     tessaline.deInit();
     for (int s = 0; s < 3; ++s) report.stage_seconds[s] = stage_start[s + 2] - stage_start[s + 1];
     report.seconds = stage_start[4];

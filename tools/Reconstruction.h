@@ -19,6 +19,8 @@ struct RunOptions {
     bool progress = true;     // a progress line on standard error (meant for a terminal)
     // When set, the library's diagnostic lines go to this file instead (for the benchmarks to read).
     std::string diagnostics_path;
+    // The scan's optimized markers: when given, the run leaves out the frames whose markers stand out.
+    std::shared_ptr<const SurfaceReconstruction::MarkerInfos> markers;
 };
 
 struct RunReport {
@@ -27,6 +29,9 @@ struct RunReport {
     double stage_seconds[3] = {0, 0, 0};  // cutting into blocks, fusing blocks, meshing
     double seconds = 0;                   // the whole `process`
     std::shared_ptr<SurfaceReconstruction::MultiMeshData> mesh;
+    // With markers: their statistics after the run, and the frames it left out (from 0, in input order).
+    std::shared_ptr<std::vector<SurfaceReconstruction::OptedMarker>> marker_errors;
+    std::vector<std::size_t> frames_left_out;
 };
 
 // A run that the library ended with a status other than 0.

@@ -84,6 +84,35 @@ bool isDirectory(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+std::string joinPath(const std::string& folder, const std::string& name) {
+    return folder.empty() || folder == "." ? name : folder + "/" + name;
+}
+
+// The optimized markers that `simulate` writes beside its frames and `reconstruct` reads from beside them.
+constexpr const char* MARKERS_FILE = "optimized-markers.txt";
+
+// The file of optimized markers for a run: `given` (--markers FILE), none for "none", else the
+// optimized-markers.txt beside the inputs (in an input folder, or in the folder of an input file); "" for
+// none. Two different such files are refused: which one is meant is for the user to say.
+std::string markersFileFor(const std::vector<std::string>& inputs, const std::string& given) {
+    if (given == "none") return "";
+    if (!given.empty()) return given;
+    std::vector<std::string> found;
+    for (const std::string& input : inputs) {
+        const std::size_t slash = input.find_last_of('/');
+        const std::string folder =
+            isDirectory(input) ? input : (slash == std::string::npos ? "." : input.substr(0, slash + 1));
+        const std::string candidate = joinPath(folder, MARKERS_FILE);
+        struct stat info;
+        if (stat(candidate.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+        if (std::find(found.begin(), found.end(), candidate) == found.end()) found.push_back(candidate);
+    }
+    if (found.size() > 1)
+        throw std::runtime_error("optimized markers beside more than one input (" + found[0] + ", " + found[1] +
+                                 "): name the scan's with --markers FILE, or --markers none");
+    return found.empty() ? "" : found[0];
+}
+
 // The point files of `folder` (every format readScanFile knows, .txt aside) in name order, leaving out
 // `output`'s target: a run never reads its own mesh.
 std::vector<std::string> scanFilesIn(const std::string& folder, const std::string& output) {
@@ -453,9 +482,42 @@ std::string describeCodes(const SurfaceReconstruction::ScaleCodeChoice& codes) {
     return text;
 }
 
+// The markers' errors over the whole scan: the observations the run accepted, their mean and the largest.
+struct MarkerSummary {
+    std::size_t given = 0, observations = 0;
+    double mean = 0.0, max = 0.0;  // millimetres
+};
+
+MarkerSummary summariseMarkers(const tessaline_tools::RunReport& run) {
+    MarkerSummary summary;
+    if (!run.marker_errors) return summary;
+    double sum = 0.0;
+    for (const SurfaceReconstruction::OptedMarker& m : *run.marker_errors) {
+        ++summary.given;
+        summary.observations += static_cast<std::size_t>(std::max(0, m.count));
+        sum += static_cast<double>(m.mean) * m.count;
+        summary.max = std::max(summary.max, static_cast<double>(m.max));
+    }
+    if (summary.observations > 0) summary.mean = sum / static_cast<double>(summary.observations);
+    return summary;
+}
+
+// The frames the markers left out, as one line: "frames left out by their markers (2): 183 366".
+std::string describeLeftOut(const std::vector<std::size_t>& frames) {
+    if (frames.empty()) return "no frame left out by its markers";
+    std::string text = "frames left out by their markers (" + std::to_string(frames.size()) + "):";
+    for (const std::size_t f : frames) text += " " + std::to_string(f);
+    return text;
+}
+
 void printSummary(const tessaline_tools::RunReport& run, const ResolutionChoice& choice, const FinishedMesh& finished,
                   const Finishing& finishing, const Timings& timings, const char* input_label) {
     std::printf("frames %zu, points %zu, blocks %d\n", run.frames, run.points, run.blocks);
+    if (run.marker_errors) {
+        const MarkerSummary m = summariseMarkers(run);
+        std::printf("markers %zu: %zu observations, mean error %.4g mm, largest %.4g mm; %s\n", m.given, m.observations,
+                    m.mean, m.max, describeLeftOut(run.frames_left_out).c_str());
+    }
     if (choice.spacing.median > 0.0f)
         std::printf("point spacing: median %.4g mm to the nearest point, as dense as an even %.4g mm; ",
                     choice.spacing.median, choice.spacing.density);
@@ -634,6 +696,11 @@ int reconstruct(int argc, char** argv) {
         "sensor",
         "X,Y,Z: where the scanner stood, in the input's unit, for points without normals whose files do not say: "
         "their normals are turned toward it",
+        cxxopts::value<std::string>())(
+        "markers",
+        "the scan's optimized markers (lines 'id x y z nx ny nz', the input's unit): frames whose own markers, "
+        "placed by their pose, stand out from them are left out; default: optimized-markers.txt beside the "
+        "inputs when there is one; 'none': no markers",
         cxxopts::value<std::string>())("h,help", "show this text")(
         "inputs",
         "point clouds (.ply, .ptx, .pts, .xyz, .txt, .pcd, .las; with normals or without), folders of them, or a "
@@ -681,6 +748,12 @@ int reconstruct(int argc, char** argv) {
     const auto start = Clock::now();
     const auto since = [](Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); };
     const std::vector<std::string> inputs = args["inputs"].as<std::vector<std::string>>();
+    const std::string markers_file =
+        markersFileFor(inputs, args.count("markers") ? args["markers"].as<std::string>() : std::string());
+    std::shared_ptr<const SurfaceReconstruction::MarkerInfos> markers;
+    if (!markers_file.empty())
+        markers = std::make_shared<const SurfaceReconstruction::MarkerInfos>(
+            tessaline_tools::readOptimizedMarkers(markers_file, to_mm));
     tessaline_tools::ScanInput scan = readInputs(inputs, to_mm, scale_code, output, quiet);
     if (scan.hasOrigin() && !tessaline_tools::keepsOrigin(output))
         throw std::runtime_error(output +
@@ -747,6 +820,7 @@ int reconstruct(int argc, char** argv) {
     run_options.quiet = !verbose;
     run_options.to_stderr = json;
     run_options.progress = !quiet && isatty(STDERR_FILENO);
+    run_options.markers = markers;
     const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(std::move(frames), run_options);
     FinishedMesh finished = finishMesh(*run.mesh, choice.resolution, finishing);
     const std::string warning = sizeWarning(choice, finished.statistics.triangles, expected);
@@ -795,6 +869,15 @@ int reconstruct(int argc, char** argv) {
         j.count("boundary_edges", s.boundary_edges).count("boundary_loops", s.boundary_loops).count("pieces", s.pieces);
         j.number("area", s.area).count("triangles_removed", finished.removed).count("holes_filled", finished.filled);
         j.number("expected_triangles_at_least", expected);
+        if (run.marker_errors) {
+            const MarkerSummary m = summariseMarkers(run);
+            j.open("markers").text("file", markers_file).count("given", m.given).count("observations", m.observations);
+            j.number("mean_error_mm", m.mean).number("max_error_mm", m.max).openList("frames_left_out");
+            for (const std::size_t f : run.frames_left_out) j.count(nullptr, f);
+            j.closeList().close();
+        } else {
+            j.null("markers");
+        }
         if (normals.made) {
             const SurfaceReconstruction::NormalEstimate& e = normals.estimate;
             j.open("normals").count("estimated", e.points).count("neighbours", static_cast<std::size_t>(e.neighbours));
@@ -853,10 +936,6 @@ int reconstruct(int argc, char** argv) {
     return empty ? 3 : 0;
 }
 
-std::string joinPath(const std::string& folder, const std::string& name) {
-    return folder.empty() || folder == "." ? name : folder + "/" + name;
-}
-
 void makeFolder(const std::string& folder) {
     if (isDirectory(folder)) return;
     if (mkdir(folder.c_str(), 0777) != 0) throw std::runtime_error(folder + ": cannot create the directory");
@@ -870,7 +949,7 @@ int simulate(int argc, char** argv) {
                           cxxopts::value<std::string>())("points", "points of the whole scan",
                                                          cxxopts::value<std::size_t>()->default_value("600000"))(
         "seed", "seed of the scan's random streams", cxxopts::value<std::uint64_t>()->default_value("1"))(
-        "misregister", "frames to register about 1 mm wrongly (spread over the scan), for the markers to find",
+        "misregister", "frames to register about 0.3 mm wrongly (spread over the scan), for the markers to find",
         cxxopts::value<std::size_t>()->default_value("0"))("threads", "worker threads (0: all cores)",
                                                            cxxopts::value<int>()->default_value("0"))("h,help",
                                                                                                       "show this text");
@@ -892,6 +971,7 @@ int simulate(int argc, char** argv) {
     settings.misregistered =
         tessaline_tools::spreadMisregisteredFrames(args["misregister"].as<std::size_t>(), settings.target_points);
     settings.misregistration_shift = tessaline_tools::NOTICEABLE_MISREGISTRATION;
+    settings.misregistration_degrees = tessaline_tools::NOTICEABLE_MISREGISTRATION_DEGREES;
     const tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
     std::size_t points = 0;
     for (std::size_t i = 0; i < frames.size(); ++i) {
@@ -901,15 +981,7 @@ int simulate(int argc, char** argv) {
         points += frames[i]->xyz.size();
     }
     const SurfaceReconstruction::MarkerInfos markers = tessaline_tools::simulatedMarkers();
-    tessaline_tools::OutputFile markers_file(joinPath(folder, "optimized-markers.txt"));
-    FILE* file = std::fopen(markers_file.temporaryPath().c_str(), "w");
-    if (file == nullptr) throw std::runtime_error(folder + ": cannot write optimized-markers.txt");
-    std::fprintf(file, "# id x y z nx ny nz (millimetres)\n");
-    for (std::size_t m = 0; m < markers.ids.size(); ++m)
-        std::fprintf(file, "%d %.6f %.6f %.6f %.6f %.6f %.6f\n", markers.ids[m], markers.xyz[m][0], markers.xyz[m][1],
-                     markers.xyz[m][2], markers.nor[m][0], markers.nor[m][1], markers.nor[m][2]);
-    if (std::fclose(file) != 0) throw std::runtime_error(folder + ": cannot write optimized-markers.txt");
-    markers_file.commit();
+    tessaline_tools::writeOptimizedMarkers(joinPath(folder, MARKERS_FILE), markers);
     std::printf("wrote %zu frames, %zu points, to %s\n", frames.size(), points, folder.c_str());
     if (!settings.misregistered.empty()) {
         std::printf("misregistered frames (about %g mm off):", tessaline_tools::NOTICEABLE_MISREGISTRATION);

@@ -130,6 +130,10 @@ struct MultiMeshData {
 
 class Tessaline_OPT;
 
+// The start of the diagnostic line that names the frames a run left out by their markers, followed by
+// " (count): f1 f2 ... \n".
+inline constexpr const char* FRAMES_LEFT_OUT_BY_MARKERS = "filterScanFrameByMarkers: frames left out by their markers";
+
 // Status codes of all operations.
 enum : int {
     TESSALINE_OK = 0,
@@ -170,6 +174,11 @@ public:
     // After init: the settings of the laser `info.laser_id` (copied). 0, or 1 when laser_id is not 0 to 7.
     int setLaserInfo(const LaserInfo& info);
     // After init: the optimized markers of the scan (copied). 1 when xyz or nor have fewer entries than ids.
+    // With markers set, process leaves out the frames whose markers, placed by the frame's pose, stand out
+    // from the optimized ones (an error of 0.5 or more, or far above the marker's spread), and the frames
+    // near them that stand out by tighter limits; one diagnostic line, starting with
+    // FRAMES_LEFT_OUT_BY_MARKERS, names them by their place in the order they were added (from 0). Without
+    // markers every frame takes part.
     int setOptimizedMarkers(MarkerInfos& markers);
     // After init: the function told of each step of process (the callback is copied; what it returns
     // steers nothing). An empty function ends the next run with status 1. Without one, init installs a
@@ -189,8 +198,9 @@ public:
     // point was dropped. A further run needs deInit, init and the settings again.
     int process(std::shared_ptr<MultiMeshData>& mesh);
 
-    // After init: shares the list that setOptimizedMarkers made (null before any). process does not
-    // measure frames against the markers, so counts and errors stay 0.
+    // After init: shares the list that setOptimizedMarkers made (null before any). With markers set, process
+    // measures every frame's markers against them (through the frame's pose) and fills in each marker's
+    // count, mean, rms and max error; counts and errors stay 0 until then.
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
     // The text of the last failure: "no error!" after a successful init or deInit, "no init!" before init.
     std::string getLastErrorMsg();

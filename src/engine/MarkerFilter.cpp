@@ -103,6 +103,7 @@ bool MarkerFilter::standsOut(const std::vector<std::int32_t>& labels, const std:
 
 int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                            std::deque<std::shared_ptr<FrameDataWithInfo>>& passed) {
+    m_rejected.clear();
     if (refuseBeforeInit(m_inited, m_last_error)) return 1;
     if (!m_opted_markers_cloud || !m_opted_markers_kdtree || !m_opted_markers) {
         m_last_error = "m_opted_markers_cloud == nullptr || m_opted_markers_kdtree == nullptr";
@@ -197,6 +198,7 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
         // Result: passing frames go on as they are (the application's, never changed); rejected ones are dropped.
         std::int32_t largest = 0;
         for (std::size_t f = 0; f < n; ++f) {
+            if (frames[f] && bad2[f]) m_rejected.push_back(f);
             if (frames[f] && !bad2[f]) {
                 const FrameDataWithInfo& frame = *frames[f];
                 passed.push_back(frames[f]);

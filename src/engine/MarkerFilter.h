@@ -65,6 +65,8 @@ public:
 
     std::string getLastErrorMsg() const { return m_last_error; }
     std::int32_t maxFramePoints() const { return m_max_frame_points; }
+    // The frames the last filter run dropped, by their place in the `frames` it was given, ascending.
+    const std::vector<std::size_t>& rejectedFrames() const { return m_rejected; }
 
 private:
     // Whether a frame with these marker labels stands out: an error of the threshold or more, one above `upper` rms
@@ -75,6 +77,7 @@ private:
     bool m_inited = false;
     std::string m_last_error = "no error!";
     std::int32_t m_max_frame_points = 0;
+    std::vector<std::size_t> m_rejected;
     std::shared_ptr<std::vector<OptedMarker>> m_opted_markers;
     std::shared_ptr<PointXYZLNormalCloud> m_opted_markers_cloud;
     std::shared_ptr<MarkerKdTree> m_opted_markers_kdtree;

@@ -14,6 +14,7 @@
 #include "common/TimeProfiler.h"
 #include "contour/Reconstructor.h"
 #include "device/helper_cuda.h"
+#include "engine/MarkerFilter.h"
 #include "fusion/MarchingCubes.h"
 #include "portion/Portioner.h"
 #include "volume/HashOctree.h"
@@ -492,6 +493,7 @@ void Tessaline_OPT::screenHeldFrames() {
 }
 
 int Tessaline_OPT::filterScanFrameByMarkers() {
+    if (m_opted_markers) return filterByOptimizedMarkers();
     const std::size_t n = m_held_frames.size();
     std::size_t largest = 0;
     // The frames are the application's (another engine may read them at the same time): their marker
@@ -505,6 +507,26 @@ int Tessaline_OPT::filterScanFrameByMarkers() {
     m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(largest);
     std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(m_held_frames);
     diagnostic("filter frame by markers (%d / %d) \n", static_cast<int>(m_frame_queue.size()), static_cast<int>(n));
+    return 0;
+}
+
+int Tessaline_OPT::filterByOptimizedMarkers() {
+    // The filter shares the application's list: the statistics it gathers are what getOptimizedMarkerErrors
+    // hands out. It reads the frames and their markers and changes neither.
+    MarkerFilter filter;
+    int result = filter.init();
+    if (result == 0) result = filter.setOptimizedMarkers(m_opted_markers);
+    if (result == 0) result = filter.filterScanFrameByMarkers(m_held_frames, m_frame_queue);
+    if (result != 0) return result;  // only when memory runs out: the markers are set
+    m_max_frame_points = filter.maxFramePoints();
+    m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(m_max_frame_points);
+    const std::vector<std::size_t>& rejected = filter.rejectedFrames();
+    if (!rejected.empty()) {
+        // One line naming them all, by their place in the order in which they were added (from 0).
+        std::string names;
+        for (const std::size_t f : rejected) names += " " + std::to_string(f);
+        diagnostic("%s (%zu):%s \n", FRAMES_LEFT_OUT_BY_MARKERS, rejected.size(), names.c_str());
+    }
     return 0;
 }
 

@@ -77,8 +77,12 @@ private:
     // Blocks from a known point list instead of the frames; no exported operation leads here.
     int setSimplifiedModel(const std::vector<Vec3f>& model);
 
-    // The step of a run that moves the held frames to the work queue; always 0.
+    // The step of a run that moves the held frames to the work queue: all of them, or with optimized markers
+    // set those that the markers do not reject. 0, or 1 when the marker filter fails.
     int filterScanFrameByMarkers();
+    // That step with markers set: MarkerFilter measures the frames against them, fills in the statistics of
+    // the shared list and keeps back the frames that stand out, which one diagnostic line names.
+    int filterByOptimizedMarkers();
     // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
     int runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error);
     // Replaces every held frame that has points the run cannot use by a copy without them (the
