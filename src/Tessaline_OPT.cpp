@@ -160,7 +160,7 @@ int Tessaline_OPT::init() {
             m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(m_max_frame_points);
 
             if (!m_portioner_params) m_portioner_params = std::make_shared<PortionerParameters>();
-            computeBlockSizing(*m_portioner_params, m_resolution);
+            computeBlockSizing(*m_portioner_params, m_resolution, m_block_size_setting);
 
             // Destroying the former pool stops and joins its workers before the new stages exist.
             m_thread_pool.reset();
@@ -255,9 +255,61 @@ int Tessaline_OPT::setResolution(const float& resolution) {
         if (m_portioner) m_portioner->setResolution(m_resolution);
         if (m_marching_cubes) m_marching_cubes->setResolution(m_resolution);
         if (m_reconstructor) m_reconstructor->setResolution(m_resolution);
-        computeBlockSizing(*m_portioner_params, m_resolution);
+        computeBlockSizing(*m_portioner_params, m_resolution, m_block_size_setting);
         return 0;
     });
+}
+
+int Tessaline_OPT::setRunOrigin(const std::array<double, 3>& origin) {
+    const std::array<double, 3> value = origin;
+    return exclusively(HELD_BY_CALL, "setRunOrigin", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (!std::isfinite(value[0]) || !std::isfinite(value[1]) || !std::isfinite(value[2])) {
+            last_error = "[Tessaline_OPT] setRunOrigin the origin must be finite, the former one is kept!";
+            return 1;
+        }
+        m_origin_fixed = true;
+        for (int k = 0; k < 3; ++k) m_fixed_origin[k] = value[k];
+        return 0;
+    });
+}
+
+int Tessaline_OPT::clearRunOrigin() {
+    return exclusively(HELD_BY_CALL, "clearRunOrigin", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        m_origin_fixed = false;
+        return 0;
+    });
+}
+
+int Tessaline_OPT::getRunOrigin(std::array<double, 3>& origin) {
+    return exclusively(HELD_BY_CALL, "getRunOrigin", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        for (int k = 0; k < 3; ++k)
+            origin[static_cast<std::size_t>(k)] = m_origin_fixed ? m_fixed_origin[k] : m_run_origin[k];
+        return 0;
+    });
+}
+
+int Tessaline_OPT::setBlockSize(std::uint32_t cells) {
+    return exclusively(HELD_BY_CALL, "setBlockSize", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (cells != 0 && !validBlockSize(cells)) {
+            last_error =
+                "[Tessaline_OPT] setBlockSize the block edge must be a power of two from 32 to 512 resolutions (0: "
+                "the default), the former one is kept!";
+            return 1;
+        }
+        m_block_size_setting = cells;
+        computeBlockSizing(*m_portioner_params, m_resolution, m_block_size_setting);
+        return 0;
+    });
+}
+
+std::uint32_t Tessaline_OPT::getBlockSize() {
+    PortionerParameters params{};
+    computeBlockSizing(params, m_resolution, m_block_size_setting);
+    return params.block_size;
 }
 
 int Tessaline_OPT::setLaserInfo(const LaserInfo& info) {
@@ -384,6 +436,10 @@ bool listedScaleCode(std::int32_t word) {
 }  // namespace
 
 void Tessaline_OPT::chooseRunOrigin() {
+    if (m_origin_fixed) {
+        for (int k = 0; k < 3; ++k) m_run_origin[k] = m_fixed_origin[k];
+        return;
+    }
     for (double& o : m_run_origin) o = 0.0;
     // The median of an even sample of the finite points: a few stray points far away do not move it.
     std::uint64_t total = 0;

@@ -2,6 +2,7 @@
 // and runs the pipeline of a run.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -59,6 +60,11 @@ public:
     int deInit();
 
     int setResolution(const float& resolution);
+    int setRunOrigin(const std::array<double, 3>& origin);
+    int clearRunOrigin();
+    int getRunOrigin(std::array<double, 3>& origin);
+    int setBlockSize(std::uint32_t cells);
+    std::uint32_t getBlockSize();
     int setLaserInfo(const LaserInfo& info);
     int setOptimizedMarkers(MarkerInfos& markers);
     int setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback);
@@ -79,6 +85,7 @@ private:
 
     // The step of a run that moves the held frames to the work queue; always 0.
     int filterScanFrameByMarkers();
+    // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
     // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
     int runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error);
     // Replaces every held frame that has points the run cannot use by a copy without them (the
@@ -113,6 +120,11 @@ private:
     // Where the run's positions are measured from: 0 for a scan near the origin, otherwise a point of
     // the block grid near the scan's centre, so that far coordinates keep the precision of near ones.
     double m_run_origin[3] = {0.0, 0.0, 0.0};
+    // The origin the application fixed (setRunOrigin); without one a run chooses its own.
+    bool m_origin_fixed = false;
+    double m_fixed_origin[3] = {0.0, 0.0, 0.0};
+    // The block edge the application asked for, in resolutions; 0 for the default.
+    std::uint32_t m_block_size_setting = 0;
     std::shared_ptr<DeviceParameters> m_device_params;
     std::shared_ptr<PortionerParameters> m_portioner_params;
     std::vector<std::shared_ptr<FrameDataWithInfo>> m_held_frames;

@@ -167,6 +167,23 @@ public:
     // Outside 0.001 to 100000, or not finite, it is refused and the former one (0.5 until one is set)
     // stays; the reason is then in getLastErrorMsg.
     void setResolution(float resolution);
+    // After init, before process: the point of the application's coordinates that the run measures every
+    // position from. Each position has it taken off in double precision before it becomes a float, the grid
+    // of blocks starts at it (block (0, 0, 0) has its low corner there), and the mesh is moved back in double
+    // precision. Without one, a run takes its own: 0 for a scan within 16384 resolutions of the origin,
+    // otherwise a whole number of blocks near the median of the points. Fix it where meshes of different
+    // runs must fit together (the parts of a scan run block by block, a live session). 1 when not finite.
+    int setRunOrigin(const std::array<double, 3>& origin);
+    // Goes back to the run's own origin (above).
+    int clearRunOrigin();
+    // The origin of the last run, or the fixed one when set; (0, 0, 0) before any.
+    int getRunOrigin(std::array<double, 3>& origin);
+    // After init: the edge of a block in resolutions, a power of two from 32 to 512; 0 restores the default,
+    // 256 (128 below a resolution of 0.2). The default does not depend on the machine: the same scan is cut
+    // into the same blocks everywhere. 1 for any other value; the former one stays.
+    int setBlockSize(std::uint32_t cells);
+    // The edge of a block in resolutions that the next run takes (with the resolution set now).
+    std::uint32_t getBlockSize();
     // After init: the settings of the laser `info.laser_id` (copied). 0, or 1 when laser_id is not 0 to 7.
     int setLaserInfo(const LaserInfo& info);
     // After init: the optimized markers of the scan (copied). 1 when xyz or nor have fewer entries than ids.
