@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "BlockSelection.h"
 #include "Diagnostics.h"
 #include "ErrorLadder.h"
 #include "HashOctree.h"
@@ -484,6 +485,12 @@ void Tessaline_OPT::screenHeldFrames() {
     // Beyond this distance from the run's origin a position's finest grid index (an eighth of the
     // resolution) comes near the end of a 32-bit integer.
     const double limit = static_cast<double>(1u << 30) * (m_resolution / 8.0);
+    // A run restricted to some blocks keeps only the points that can reach the blocks it computes: in one
+    // of them or in its margin (with a resolution to spare). The rest could change no cell of those blocks.
+    const bool restricted = !m_owned_blocks.empty();
+    const BlockKeySet computed = blocksToCompute(m_owned_blocks);
+    const float block_res = static_cast<float>(m_portioner_params->block_size) * m_resolution;
+    const float reach = static_cast<float>(m_portioner_params->ext_size + 1) * m_resolution;
     std::uint64_t dropped = 0, recoded = 0;
     // Frame by frame on all cores: each is screened and, where it must change, copied on its own.
     const std::int64_t frame_count = static_cast<std::int64_t>(m_held_frames.size());
@@ -500,24 +507,31 @@ void Tessaline_OPT::screenHeldFrames() {
                     if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(relative(p, k)) > limit) return false;
                 return n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f;
             };
-            std::size_t bad = 0, unlisted = 0;
+            const auto reaches = [&](std::size_t i) {
+                if (!restricted) return true;
+                const float p[3] = {relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)};
+                return reachesBlocks(p, block_res, reach, computed);
+            };
+            std::size_t bad = 0, unlisted = 0, elsewhere = 0;
             for (std::size_t i = 0; i < in.xyz.size(); ++i) {
                 if (!usable(i))
                     ++bad;
+                else if (!reaches(i))
+                    ++elsewhere;
                 else if (!listedScaleCode(in.w[i]))
                     ++unlisted;
             }
-            if (bad == 0 && unlisted == 0 && !shifted) continue;
+            if (bad == 0 && unlisted == 0 && elsewhere == 0 && !shifted) continue;
             auto copy = std::make_shared<FrameDataWithInfo>();
             copy->frame_info = in.frame_info;
             copy->marker_ids = in.marker_ids;
             copy->marker_xyz = in.marker_xyz;
             copy->marker_nor = in.marker_nor;
-            copy->xyz.reserve(in.xyz.size() - bad);
-            copy->nor.reserve(in.xyz.size() - bad);
-            copy->w.reserve(in.xyz.size() - bad);
+            copy->xyz.reserve(in.xyz.size() - bad - elsewhere);
+            copy->nor.reserve(in.xyz.size() - bad - elsewhere);
+            copy->w.reserve(in.xyz.size() - bad - elsewhere);
             for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-                if (!usable(i)) continue;
+                if (!usable(i) || !reaches(i)) continue;
                 copy->xyz.push_back({relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)});
                 copy->nor.push_back(in.nor[i]);
                 // An unknown size wish becomes one cell a bin; the flags stay.
@@ -567,8 +581,32 @@ void Tessaline_OPT::reportStep(const wchar_t* name, int cur_step, int cur_sub_st
     m_step_callback(info);  // an empty callback throws and ends the run
 }
 
-int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
-    return exclusively(HELD_BY_RUN, "process", [&](std::string& last_error) {
+int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) { return runGuardedStages("process", mesh, nullptr); }
+
+int Tessaline_OPT::processParts(std::vector<MeshPart>& parts) {
+    std::shared_ptr<MultiMeshData> unused;
+    std::vector<MeshPart> made;
+    const int status = runGuardedStages("processParts", unused, &made);
+    if (status == 0) parts = std::move(made);
+    return status;
+}
+
+int Tessaline_OPT::setOwnedBlocks(const std::vector<BlockKey>& blocks) {
+    return exclusively(HELD_BY_CALL, "setOwnedBlocks", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        return runGuarded(last_error, {1, "[Tessaline_OPT] setOwnedBlocks try catch error!"}, [&]() -> int {
+            std::vector<BlockKey> sorted = blocks;
+            std::sort(sorted.begin(), sorted.end());
+            sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
+            m_owned_blocks = std::move(sorted);
+            return 0;
+        });
+    });
+}
+
+int Tessaline_OPT::runGuardedStages(const char* operation, std::shared_ptr<MultiMeshData>& mesh,
+                                    std::vector<MeshPart>* parts) {
+    return exclusively(HELD_BY_RUN, operation, [&](std::string& last_error) {
         if (refuseBeforeInit(m_inited, last_error)) return 1;
         if (m_stages_spent) {
             last_error =
@@ -580,7 +618,7 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
         const StopScope stop(&m_stop_requested);
         return runGuarded(last_error, {1, "[Tessaline_OPT] process try catch error!"}, [&]() -> int {
             try {
-                return runStages(mesh, last_error);
+                return runStages(mesh, parts, last_error);
             } catch (const RunStopped&) {
                 last_error = "[Tessaline_OPT] process stopped: a stop was requested!";
                 return 1;
@@ -589,7 +627,8 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
     });
 }
 
-int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error) {
+int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts,
+                             std::string& last_error) {
     // A stage that fails hands its own text up; its status is returned unchanged.
     const auto exitWith = [&last_error](const std::string& stage_error, int status) {
         last_error = stage_error;
@@ -602,6 +641,15 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     screenHeldFrames();
     std::uint64_t usable_points = 0;
     for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
+    if (!m_owned_blocks.empty() && usable_points == 0) {
+        // No point reaches the blocks asked for: they have no triangles.
+        m_stages_spent = true;
+        std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(m_held_frames);
+        if (parts != nullptr) parts->clear();
+        mesh = std::make_shared<MultiMeshData>();
+        last_error = "no error!";
+        return 0;
+    }
     profiler.time_start("filterScanFrameByMarkers");
     int result = filterScanFrameByMarkers();
     if (result != 0) {
@@ -647,6 +695,10 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
     profiler.time_stop("portioner", true);
 
+    // A run restricted to some blocks computes those and their neighbours on the high side alone.
+    const bool restricted = !m_owned_blocks.empty();
+    const BlockKeySet computed = blocksToCompute(m_owned_blocks);
+    const float block_res = static_cast<float>(m_portioner_params->block_size) * m_resolution;
     const int block_count = m_portioner->getPointCloudBlockCount();
     int left_out_blocks = 0, left_out_status = 0;
     std::uint64_t left_out_points = 0;
@@ -663,6 +715,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
             diagnostic("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
             continue;
         }
+        if (restricted && computed.count(blockKeyOfCentre(block->center, block_res)) == 0) continue;
         // A block that fails is left out of the mesh; the run goes on, and says so at its end. The stage may
         // give up the block's points once it no longer needs them.
         const std::size_t block_points = block->points->size();
@@ -699,15 +752,38 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
 
     stopPoint();
     profiler.time_start("reconstructor");
-    result = m_reconstructor->process(mesh);
-    if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
+    std::vector<MeshPart> made;
+    result = m_reconstructor->processParts(m_owned_blocks, made);
+    if (result != 0) {
+        mesh = std::make_shared<MultiMeshData>();
+        return exitWith(m_reconstructor->getLastError(), result);
+    }
     profiler.time_stop("reconstructor", true);
 
-    if (mesh && hasRunOrigin()) {
+    if (hasRunOrigin()) {
         // Back to the application's coordinates, in double so that only the final rounding remains.
-        for (TriangleXYZ& t : mesh->xyz)
-            for (int v = 0; v < 9; ++v)
-                t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
+        for (MeshPart& part : made)
+            for (TriangleXYZ& t : part.mesh.xyz)
+                for (int v = 0; v < 9; ++v)
+                    t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
+    }
+    bool empty = true;
+    for (const MeshPart& part : made) empty = empty && part.mesh.xyz.empty();
+    if (parts != nullptr) {
+        *parts = std::move(made);
+    } else {
+        // The parts in the order of their keys, into arrays of their final size; each goes once copied.
+        mesh = std::make_shared<MultiMeshData>();
+        std::size_t triangles = 0;
+        for (const MeshPart& part : made) triangles += part.mesh.xyz.size();
+        mesh->xyz.reserve(triangles);
+        mesh->w.reserve(triangles);
+        for (MeshPart& part : made) {
+            mesh->xyz.insert(mesh->xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
+            mesh->w.insert(mesh->w.end(), part.mesh.w.begin(), part.mesh.w.end());
+            std::vector<TriangleXYZ>().swap(part.mesh.xyz);
+            std::vector<TriangleW>().swap(part.mesh.w);
+        }
     }
 
     last_error = "no error!";
@@ -723,7 +799,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
         diagnostic("%s\n", text);
         return left_out_status;
     }
-    if (mesh && mesh->xyz.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
+    if (empty && !restricted && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
         last_error = emptyMeshReason(counts, usable_points, m_resolution);
         diagnostic("%s\n", last_error.c_str());
     }

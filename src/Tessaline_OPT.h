@@ -70,6 +70,8 @@ public:
     int setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback);
     int addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame);
     int process(std::shared_ptr<MultiMeshData>& mesh);
+    int setOwnedBlocks(const std::vector<BlockKey>& blocks);
+    int processParts(std::vector<MeshPart>& parts);
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
     std::string getLastErrorMsg() const;
     int setDiagnosticSink(DiagnosticSink sink);
@@ -86,8 +88,10 @@ private:
     // The step of a run that moves the held frames to the work queue; always 0.
     int filterScanFrameByMarkers();
     // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
-    // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
-    int runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error);
+    // `parts` null: the whole mesh into `mesh`; otherwise the owned blocks' parts into `parts`.
+    int runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts, std::string& last_error);
+    // process and processParts: the guards around runStages.
+    int runGuardedStages(const char* operation, std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts);
     // Replaces every held frame that has points the run cannot use by a copy without them (the
     // application's frame stays as it is); prints what it dropped and changed.
     void screenHeldFrames();
@@ -125,6 +129,8 @@ private:
     double m_fixed_origin[3] = {0.0, 0.0, 0.0};
     // The block edge the application asked for, in resolutions; 0 for the default.
     std::uint32_t m_block_size_setting = 0;
+    // The blocks whose triangles the next run makes; empty: all.
+    std::vector<BlockKey> m_owned_blocks;
     std::shared_ptr<DeviceParameters> m_device_params;
     std::shared_ptr<PortionerParameters> m_portioner_params;
     std::vector<std::shared_ptr<FrameDataWithInfo>> m_held_frames;

@@ -2,9 +2,12 @@
 // a mesh that does not depend on the memory of the machine it was made on.
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 
 #include "HostMemory.h"
 #include "TestSupport.h"
+#include "tessaline/TessalineMesh.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
@@ -92,4 +95,93 @@ TEST(BlockGrid, AFixedOriginIsTheRunsOrigin) {
     ASSERT_EQ(t.getRunOrigin(origin), 0);
     EXPECT_EQ(origin, (std::array<double, 3>{100.25, -3.5, 7.0}));
     t.deInit();
+}
+
+namespace {
+
+// Runs of the small scan on a grid of blocks of 32 resolutions (16 mm, some 60 blocks with triangles)
+// measured from an origin off the block multiples.
+constexpr float SPLIT_RESOLUTION = 0.5f;
+constexpr std::uint32_t SPLIT_BLOCK = 32;
+const std::array<double, 3> SPLIT_ORIGIN = {3.0, -5.0, 1.0};
+
+void splitGrid(Tessaline& t) {
+    t.setRunOrigin(SPLIT_ORIGIN);
+    t.setBlockSize(SPLIT_BLOCK);
+}
+
+// The parts of one run restricted to `owned`.
+std::vector<MeshPart> partsOf(const std::vector<BlockKey>& owned) {
+    std::vector<MeshPart> parts;
+    Tessaline t;
+    EXPECT_EQ(t.init(), 0);
+    t.setResolution(SPLIT_RESOLUTION);
+    splitGrid(t);
+    EXPECT_EQ(t.setOwnedBlocks(owned), 0);
+    for (const auto& f : smallScan()) t.addScanFrame_ALL(f);
+    quiet([&] { EXPECT_EQ(t.processParts(parts), 0) << t.getLastErrorMsg(); });
+    t.deInit();
+    return parts;
+}
+
+// The parts of several runs put together in the order of their keys.
+MultiMeshData merged(std::vector<MeshPart> parts) {
+    std::sort(parts.begin(), parts.end(), [](const MeshPart& a, const MeshPart& b) { return a.block < b.block; });
+    MultiMeshData soup;
+    for (const MeshPart& p : parts) {
+        soup.xyz.insert(soup.xyz.end(), p.mesh.xyz.begin(), p.mesh.xyz.end());
+        soup.w.insert(soup.w.end(), p.mesh.w.begin(), p.mesh.w.end());
+    }
+    return soup;
+}
+
+bool sameWelded(const IndexedMesh& a, const IndexedMesh& b) {
+    return a.triangles == b.triangles && a.words == b.words && a.vertices.size() == b.vertices.size() &&
+           std::memcmp(a.vertices.data(), b.vertices.data(), a.vertices.size() * sizeof(Vec3f)) == 0;
+}
+
+}  // namespace
+
+// The scan's blocks split into runs of several shapes: slabs along x, a checkerboard, single blocks beside
+// the rest. Every block's part comes from exactly one run, and the parts put together are the whole run's
+// triangles bit for bit, welded into the same vertices and triangles.
+TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
+    const Session whole = runSession(smallScan(), SPLIT_RESOLUTION, splitGrid);
+    ASSERT_EQ(whole.status, 0) << whole.error;
+    const std::vector<MeshPart> all = partsOf({});
+    std::vector<BlockKey> keys;
+    for (const MeshPart& p : all) keys.push_back(p.block);
+    ASSERT_GT(keys.size(), 20u);
+    ASSERT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+    ASSERT_TRUE(sameMesh(merged(all), *whole.mesh));
+    IndexedMesh reference;
+    ASSERT_EQ(weldMesh(*whole.mesh, SPLIT_RESOLUTION * 1e-4f, reference), 0);
+
+    struct Split {
+        const char* name;
+        std::function<int(const BlockKey&, std::size_t)> group;  // the run a block goes to
+    };
+    const Split splits[] = {
+        {"slabs along x", [](const BlockKey& k, std::size_t) { return ((k.x % 3) + 3) % 3; }},
+        {"checkerboard", [](const BlockKey& k, std::size_t) { return ((k.x + k.y + k.z) % 2 + 2) % 2; }},
+        {"single blocks", [](const BlockKey&, std::size_t i) { return i % 9 == 4 ? static_cast<int>(i) + 1 : 0; }},
+    };
+    for (const Split& split : splits) {
+        std::map<int, std::vector<BlockKey>> groups;
+        for (std::size_t i = 0; i < keys.size(); ++i) groups[split.group(keys[i], i)].push_back(keys[i]);
+        ASSERT_GT(groups.size(), 1u) << split.name;
+        std::vector<MeshPart> parts;
+        for (const auto& g : groups) {
+            std::vector<MeshPart> made = partsOf(g.second);
+            for (const MeshPart& p : made)  // a run makes parts of its own blocks alone
+                EXPECT_TRUE(std::binary_search(g.second.begin(), g.second.end(), p.block)) << split.name;
+            for (MeshPart& p : made) parts.push_back(std::move(p));
+        }
+        EXPECT_EQ(parts.size(), keys.size()) << split.name;
+        const MultiMeshData soup = merged(parts);
+        EXPECT_TRUE(sameMesh(soup, *whole.mesh)) << split.name;
+        IndexedMesh welded;
+        ASSERT_EQ(weldMesh(soup, SPLIT_RESOLUTION * 1e-4f, welded), 0);
+        EXPECT_TRUE(sameWelded(welded, reference)) << split.name;
+    }
 }

@@ -128,6 +128,28 @@ struct MultiMeshData {
     std::vector<TriangleW> w;
 };
 
+// A block of a run's grid, by its index on each axis: block (i, j, k) holds the positions whose offset
+// from the run origin lies in [i, i + 1) block edges on x, [j, j + 1) on y, [k, k + 1) on z (block edge =
+// block size x resolution).
+struct BlockKey {
+    std::int32_t x = 0, y = 0, z = 0;
+
+    friend bool operator<(const BlockKey& a, const BlockKey& b) {
+        if (a.x != b.x) return a.x < b.x;
+        if (a.y != b.y) return a.y < b.y;
+        return a.z < b.z;
+    }
+    friend bool operator==(const BlockKey& a, const BlockKey& b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
+    friend bool operator!=(const BlockKey& a, const BlockKey& b) { return !(a == b); }
+};
+
+// The triangles that a run makes for one block: those of the dual cubes whose lowest corner cell lies in
+// the block (the block's inside and its seams towards its neighbours on the high side).
+struct MeshPart {
+    BlockKey block;
+    MultiMeshData mesh;
+};
+
 class Tessaline_OPT;
 
 // Status codes of all operations.
@@ -205,6 +227,17 @@ public:
     // releases the held frames. 0, or a status code with getLastErrorMsg; 1 "no usable points" when every
     // point was dropped. A further run needs deInit, init and the settings again.
     int process(std::shared_ptr<MultiMeshData>& mesh);
+
+    // After init, before process: the blocks whose triangles the next run makes (copied); an empty list: all
+    // of them. The run computes these blocks and their neighbours on the high side, whose cells the seams
+    // need, from the points that reach them (frames may hold more), and makes exactly the triangles that a
+    // run of the whole scan makes for these blocks. Give the run origin (setRunOrigin) and keep the block
+    // size when parts of several runs are to fit together.
+    int setOwnedBlocks(const std::vector<BlockKey>& blocks);
+    // As process, but the triangles come block by block: one part for each owned block that has any, in
+    // the order of the keys. The parts of any split of a scan's blocks into runs, put together in the order
+    // of their keys, are the triangles of process over the whole scan, bit for bit.
+    int processParts(std::vector<MeshPart>& parts);
 
     // After init: shares the list that setOptimizedMarkers made (null before any). process does not
     // measure frames against the markers, so counts and errors stay 0.
