@@ -8,6 +8,7 @@
 #include "HostMemory.h"
 #include "TestSupport.h"
 #include "tessaline/TessalineMesh.h"
+#include "tessaline/TessalineSession.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
@@ -184,4 +185,56 @@ TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
         ASSERT_EQ(weldMesh(soup, SPLIT_RESOLUTION * 1e-4f, welded), 0);
         EXPECT_TRUE(sameWelded(welded, reference)) << split.name;
     }
+}
+
+// The session's mesh against one run over the same frames on the session's grid: the same soup and the
+// same welded mesh.
+void expectBatchMesh(const ScanSession& session, const Frames& frames, const std::string& when) {
+    const Session batch = runSession(frames, SPLIT_RESOLUTION, splitGrid);
+    ASSERT_EQ(batch.status, 0) << batch.error;
+    ASSERT_FALSE(batch.mesh->xyz.empty());
+    EXPECT_TRUE(sameMesh(session.soup(), *batch.mesh)) << when;
+    IndexedMesh live, reference;
+    ASSERT_EQ(session.mesh(live), 0);
+    ASSERT_EQ(weldMesh(*batch.mesh, SPLIT_RESOLUTION * 1e-4f, reference), 0);
+    EXPECT_TRUE(sameWelded(live, reference)) << when;
+}
+
+// A session fed the small scan frame by frame, updated every few frames: at the midpoint and at the end its
+// mesh is the batch run's. Then a patch of 2 mm: its update re-meshes at most the 27 blocks around it
+// (the 8 blocks whose region or margin it can reach, and their neighbours on the low side).
+TEST(BlockGrid, ASessionFedFrameByFrameIsTheBatchRun) {
+    Frames frames = smallScan();
+    ScanSession session(SPLIT_RESOLUTION, SPLIT_ORIGIN, SPLIT_BLOCK);
+    const std::size_t step = std::max<std::size_t>(1, frames.size() / 4), middle = frames.size() / 2;
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        ASSERT_EQ(session.add(frames[f]), 0);
+        const bool check = f + 1 == middle || f + 1 == frames.size();
+        if ((f + 1) % step != 0 && !check) continue;
+        std::vector<BlockKey> remeshed;
+        std::vector<MeshPart> parts;
+        ASSERT_EQ(session.update(remeshed, parts), 0) << session.lastError();
+        for (const MeshPart& p : parts) EXPECT_TRUE(std::binary_search(remeshed.begin(), remeshed.end(), p.block));
+        if (check)
+            expectBatchMesh(session, Frames(frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>(f + 1)),
+                            "after " + std::to_string(f + 1) + " frames");
+    }
+    // The points of all frames within 2 mm of the first point of the scan, once more.
+    auto patch = std::make_shared<FrameDataWithInfo>();
+    const Vec3f centre = frames[0]->xyz[0];
+    for (const auto& frame : smallScan())
+        for (std::size_t i = 0; i < frame->xyz.size(); ++i) {
+            float d2 = 0.0f;
+            for (int k = 0; k < 3; ++k) d2 += (frame->xyz[i][k] - centre[k]) * (frame->xyz[i][k] - centre[k]);
+            if (d2 < 4.0f) addPoint(*patch, frame->xyz[i], frame->nor[i], frame->w[i]);
+        }
+    ASSERT_GT(patch->xyz.size(), 10u);
+    ASSERT_EQ(session.add(patch), 0);
+    frames.push_back(patch);
+    std::vector<BlockKey> remeshed;
+    std::vector<MeshPart> parts;
+    ASSERT_EQ(session.update(remeshed, parts), 0) << session.lastError();
+    EXPECT_GT(remeshed.size(), 0u);
+    EXPECT_LE(remeshed.size(), 27u);
+    expectBatchMesh(session, frames, "after the patch");
 }
