@@ -3,8 +3,10 @@
 // is timed, with the blocks it re-meshed, and after the last one a batch run over all frames on the session's grid is
 // timed and its mesh compared byte for byte with the session's.
 #include <omp.h>
+#include <sys/resource.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +33,7 @@ int main(int argc, char** argv) {
     std::uint32_t block_size = 0;
     float resolution = 0.5f;
     bool patches = false;
+    std::string memory;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument == "--points" && i + 1 < argc) {
@@ -46,6 +49,8 @@ int main(int argc, char** argv) {
                 return 2;
             }
             patches = name == "patches";
+        } else if (argument == "--memory" && i + 1 < argc) {
+            memory = argv[++i];
         } else if (argument == "--resolution" && i + 1 < argc) {
             resolution = static_cast<float>(std::atof(argv[++i]));
         } else {
@@ -63,6 +68,41 @@ int main(int argc, char** argv) {
     for (const auto& frame : frames) points += frame->xyz.size();
     std::printf("threads %d, %zu points in %zu frames, resolution %g, %d updates\n", omp_get_max_threads(), points,
                 frames.size(), static_cast<double>(resolution), updates);
+
+    if (!memory.empty()) {
+        Tessaline engine;
+        if (engine.init() != 0) return 1;
+        engine.setDiagnosticSink([](const std::string&, bool) {});
+        engine.setResolution(resolution);
+        engine.setBlockSize(block_size);
+        engine.setRunOrigin({0.0, 0.0, 0.0});
+        const float edge = static_cast<float>(engine.getBlockSize()) * resolution;
+        const Vec3f first = frames[0]->xyz[0];
+        const BlockKey key{static_cast<std::int32_t>(std::floor(first[0] / edge)),
+                           static_cast<std::int32_t>(std::floor(first[1] / edge)),
+                           static_cast<std::int32_t>(std::floor(first[2] / edge))};
+        if (memory == "part") engine.setOwnedBlocks({key});
+        for (const auto& frame : frames) engine.addScanFrame_ALL(frame);
+        rusage before;
+        getrusage(RUSAGE_SELF, &before);
+        std::vector<MeshPart> parts;
+        const auto start = std::chrono::steady_clock::now();
+        if (engine.processParts(parts) != 0) {
+            std::fprintf(stderr, "run failed: %s\n", engine.getLastErrorMsg().c_str());
+            return 1;
+        }
+        const double seconds = secondsSince(start);
+        std::size_t triangles = 0;
+        for (const MeshPart& p : parts) triangles += p.mesh.xyz.size();
+        rusage usage;
+        getrusage(RUSAGE_SELF, &usage);
+        std::printf(
+            "%s run: %zu parts, %zu triangles, %.3f s, peak resident %.0f MiB (before the run %.0f MiB, "
+            "frames %.0f MiB)\n",
+            memory.c_str(), parts.size(), triangles, seconds, static_cast<double>(usage.ru_maxrss) / 1024.0,
+            static_cast<double>(before.ru_maxrss) / 1024.0, static_cast<double>(points) * 28.0 / 1048576.0);
+        return 0;
+    }
 
     ScanSession session(resolution, std::nullopt, block_size);
     std::printf("%8s %8s %10s %8s %10s\n", "update", "frames", "re-meshed", "parts", "seconds");
