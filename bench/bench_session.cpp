@@ -77,7 +77,12 @@ int main(int argc, char** argv) {
         engine.setBlockSize(block_size);
         engine.setRunOrigin({0.0, 0.0, 0.0});
         const float edge = static_cast<float>(engine.getBlockSize()) * resolution;
-        const Vec3f first = frames[0]->xyz[0];
+        // The block of the point farthest along (1, 1, 1): its neighbours on the high side hold little, so
+        // the run computes about that block alone.
+        Vec3f first = frames[0]->xyz[0];
+        for (const auto& frame : frames)
+            for (const Vec3f& p : frame->xyz)
+                if (p[0] + p[1] + p[2] > first[0] + first[1] + first[2]) first = p;
         const BlockKey key{static_cast<std::int32_t>(std::floor(first[0] / edge)),
                            static_cast<std::int32_t>(std::floor(first[1] / edge)),
                            static_cast<std::int32_t>(std::floor(first[2] / edge))};
