@@ -21,6 +21,7 @@
 
 #include "tessaline/Tessaline.h"
 #include "tessaline/TessalineMesh.h"
+#include "tessaline/TessalineSession.h"
 
 namespace py = pybind11;
 using namespace SurfaceReconstruction;
@@ -504,10 +505,36 @@ std::string millimetres(double value) {
     return text;
 }
 
+// A run origin (x, y, z) in the caller's unit as millimetres, or nothing for None.
+std::optional<std::array<double, 3>> readOrigin(const py::object& value, float scale) {
+    if (value.is_none()) return std::nullopt;
+    const auto a = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(value);
+    if (!a || a.ndim() != 1 || a.shape(0) != 3) throw py::value_error("origin must be None or three numbers (x, y, z)");
+    std::array<double, 3> origin{};
+    for (int k = 0; k < 3; ++k) {
+        origin[static_cast<std::size_t>(k)] = a.data()[k] * static_cast<double>(scale);
+        if (!std::isfinite(origin[static_cast<std::size_t>(k)])) throw py::value_error("origin must be finite");
+    }
+    return origin;
+}
+
+// A block edge in resolutions: None for the default, else a power of two from 32 to 512.
+std::uint32_t readBlockSize(const py::object& value) {
+    if (value.is_none()) return 0;
+    if (!py::isinstance<py::int_>(value) || py::isinstance<py::bool_>(value))
+        throw py::type_error("block_size must be None or a whole number of resolutions");
+    const long long cells = value.cast<long long>();
+    if (cells < 32 || cells > 512 || (cells & (cells - 1)) != 0)
+        throw py::value_error("block_size must be a power of two from 32 to 512 resolutions");
+    return static_cast<std::uint32_t>(cells);
+}
+
 Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, const py::object& unit,
                  const py::object& step_callback, const py::object& min_piece_in, const py::object& fill_holes_in,
-                 bool verbose, const py::object& sensor) {
+                 bool verbose, const py::object& sensor, const py::object& origin_in, const py::object& block_size_in) {
     const float scale = millimetresPerUnit(unit);
+    const std::optional<std::array<double, 3>> run_origin = readOrigin(origin_in, scale);
+    const std::uint32_t block_size = readBlockSize(block_size_in);
     const std::size_t min_piece = count(min_piece_in, "min_piece"), fill_holes = count(fill_holes_in, "fill_holes");
     if (fill_holes > 0 && fill_holes < 3)
         throw py::value_error("fill_holes must be 0 or at least 3 (a hole has three edges or more)");
@@ -561,6 +588,13 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
         engine.deInit();
         throw py::value_error(text);
     }
+    if (run_origin) {
+        // The frames' own shift (float64 points) is already off them: the grid's origin is taken from it too.
+        std::array<double, 3> relative = *run_origin;
+        for (int k = 0; k < 3; ++k) relative[static_cast<std::size_t>(k)] -= input.doubles ? input.origin[k] : 0.0;
+        engine.setRunOrigin(relative);
+    }
+    engine.setBlockSize(block_size);
     StepCall call{step_callback, std::nullopt};
     engine.setProcessStepCallBack([&call](ProcessStepInfo& info) {
         py::gil_scoped_acquire gil;
@@ -638,6 +672,96 @@ Mesh reconstruct(const py::object& frames_in, const py::object& resolution_in, c
     return out;
 }
 
+const char* const SESSION_DOC = R"(A live session: frames added as the scanner delivers them, the mesh kept up to date.
+
+    session = tessaline.Session(resolution=0.5, unit="mm", origin=None, block_size=None)
+    session.add(frames); keys, parts = session.update(); mesh = session.mesh()
+
+An update re-meshes only the blocks that the new points reach and those whose seams touch them; after any
+sequence of adds and updates, mesh() is the mesh that reconstruct gives for all frames so far with
+origin=session.origin and block_size=session.block_size. Points are taken as float32 in the session's
+unit (float64 points must lie within half a metre of the origin of their coordinates).)";
+
+// tessaline.Session: the frames converted as reconstruct converts them, the blocks on the library's session.
+class PySession {
+public:
+    PySession(const py::object& resolution, const py::object& unit, const py::object& origin,
+              const py::object& block_size)
+        : m_scale(millimetresPerUnit(unit)),
+          m_session(readResolution(resolution, millimetresPerUnit(unit)), readOrigin(origin, m_scale),
+                    readBlockSize(block_size)) {}
+
+    void add(const py::object& frames) {
+        Input in = readFrames(frames, m_scale);
+        if (in.missing_normals) throw py::value_error("Session frames need normals");
+        for (int k = 0; k < 3; ++k)
+            if (in.origin[k] != 0.0)
+                throw py::value_error("Session points lie too far out for float32: give them nearer the origin");
+        for (const auto& frame : in.frames)
+            if (m_session.add(frame) != 0) throw Error(m_session.lastError());
+    }
+
+    py::tuple update() {
+        std::vector<BlockKey> keys;
+        std::vector<MeshPart> parts;
+        int status;
+        {
+            py::gil_scoped_release released;
+            status = m_session.update(keys, parts);
+        }
+        if (status != 0)
+            throw Error("update failed with status " + std::to_string(status) + ": " + m_session.lastError());
+        py::list key_list;
+        for (const BlockKey& k : keys) key_list.append(py::make_tuple(k.x, k.y, k.z));
+        py::dict part_dict;
+        for (const MeshPart& p : parts) {
+            const py::ssize_t t = static_cast<py::ssize_t>(p.mesh.xyz.size());
+            py::array_t<float> xyz({t, py::ssize_t(3), py::ssize_t(3)});
+            py::array_t<std::uint32_t> words({t, py::ssize_t(3)});
+            for (py::ssize_t i = 0; i < t; ++i) {
+                for (int v = 0; v < 9; ++v)
+                    xyz.mutable_data()[9 * i + v] = p.mesh.xyz[static_cast<std::size_t>(i)].xyz[v] / m_scale;
+                for (int v = 0; v < 3; ++v)
+                    words.mutable_data()[3 * i + v] = p.mesh.w[static_cast<std::size_t>(i)].w[v];
+            }
+            part_dict[py::make_tuple(p.block.x, p.block.y, p.block.z)] = py::make_tuple(xyz, words);
+        }
+        return py::make_tuple(key_list, part_dict);
+    }
+
+    Mesh mesh() const {
+        IndexedMesh welded;
+        int status;
+        {
+            py::gil_scoped_release released;
+            status = m_session.mesh(welded);
+        }
+        if (status != 0) throw Error("welding the mesh failed with status " + std::to_string(status));
+        Mesh out = toPython(welded, m_scale, Input{});
+        out.resolution = m_session.resolution();
+        return out;
+    }
+
+    py::object origin() const {
+        const auto o = m_session.origin();
+        if (!o) return py::none();
+        return py::make_tuple((*o)[0] / m_scale, (*o)[1] / m_scale, (*o)[2] / m_scale);
+    }
+    std::uint32_t blockSize() const { return m_session.blockSize(); }
+
+private:
+    static float readResolution(const py::object& value, float scale) {
+        if (!PyNumber_Check(value.ptr()) || py::isinstance<py::str>(value))
+            throw py::type_error("resolution must be a number in the session's unit");
+        const float r = value.cast<float>() * scale;
+        if (!(r >= 0.001f && r <= 100000.0f)) throw py::value_error("resolution must lie in 0.001-100000 mm");
+        return r;
+    }
+
+    float m_scale;
+    ScanSession m_session;
+};
+
 // The spacing of the frames' points, in their own unit: (median to the nearest point, even spacing as dense).
 py::tuple pointSpacing(const py::object& frames_in) {
     Input input = readFrames(frames_in, 1.0f);
@@ -708,6 +832,9 @@ step_callback: called with a StepInfo before each step of the run, on the callin
     raises ends the run and is raised here. Ctrl-C ends a run the same way.
 min_piece: remove pieces of fewer triangles than this. fill_holes: close holes of at most this many edges.
 sensor: where the scanner stood (x, y, z in `unit`), for the frames without normals that give no S.
+origin: None, or the run's origin (x, y, z in `unit`): where positions are measured from and the grid of
+  blocks starts (Session.origin, for the mesh of a session). block_size: None (256 resolutions, 128 below
+  0.2 mm), or a power of two from 32 to 512 resolutions.
 verbose: let the library's diagnostic lines through to standard output (by default they are silenced,
     which silences the whole process's standard output for the length of the run).
 
@@ -792,7 +919,24 @@ PYBIND11_MODULE(tessaline, m) {
 
     m.def("reconstruct", &reconstruct, py::arg("frames"), py::arg("resolution") = "auto", py::kw_only(),
           py::arg("unit") = "mm", py::arg("step_callback") = py::none(), py::arg("min_piece") = 0,
-          py::arg("fill_holes") = 0, py::arg("verbose") = false, py::arg("sensor") = py::none(), RECONSTRUCT_DOC);
+          py::arg("fill_holes") = 0, py::arg("verbose") = false, py::arg("sensor") = py::none(),
+          py::arg("origin") = py::none(), py::arg("block_size") = py::none(), RECONSTRUCT_DOC);
+
+    py::class_<PySession>(m, "Session", SESSION_DOC)
+        .def(py::init<const py::object&, const py::object&, const py::object&, const py::object&>(), py::kw_only(),
+             py::arg("resolution"), py::arg("unit") = "mm", py::arg("origin") = py::none(),
+             py::arg("block_size") = py::none())
+        .def("add", &PySession::add, py::arg("frames"),
+             "Keeps copies of the frames (a list, as for reconstruct; normals required); nothing is computed.")
+        .def("update", &PySession::update,
+             "Re-meshes the blocks that the frames added since the last update reach, with those whose seams\n"
+             "touch them. Returns (keys, parts): the re-meshed blocks' keys (i, j, k) in order, and a dict from\n"
+             "key to (triangles float32 (T, 3, 3) in the session's unit, words uint32 (T, 3)) for those with\n"
+             "triangles.")
+        .def("mesh", &PySession::mesh, "The whole welded mesh now: the mesh of one run over the frames so far.")
+        .def_property_readonly("origin", &PySession::origin,
+                               "the grid's origin in the session's unit (fixed by the first update when not given)")
+        .def_property_readonly("block_size", &PySession::blockSize, "the block edge in resolutions");
     m.def("point_spacing", &pointSpacing, py::arg("frames"),
           "(median, even): the median distance from a point to its nearest neighbour at another position, and\n"
           "the spacing of an even sampling as dense as the points, over all frames together, in the unit of\n"

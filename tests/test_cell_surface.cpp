@@ -1,6 +1,7 @@
 // Contouring: the dual traversal on hand-built trees, the dual cube tables checked for what they
 // claim, the sheet matching and winding of one dual cube, and the sink of the triangles.
 #include <deque>
+#include <set>
 
 #include "TestSupport.h"
 #include "contour/CellSurface.h"
@@ -296,6 +297,23 @@ TEST_F(DualCube, AValueOfZeroIsNotNegativeAndDegenerateTrianglesAreDropped) {
     // Corner 0 at exactly 0, its neighbours negative: vertices fall on corner 0 and collapse.
     for (int k = 0; k < 8; ++k) sheets(k, {{k == 0 ? 0.0f : -1.0f, 1.0f}});
     EXPECT_TRUE(contour().empty());
+}
+
+// The edge from corner 0 (0.18) to corner 4 (-0.9) seen from every configuration that crosses it: the
+// tables hand the edge's corners over in either order, and the vertex must not depend on it (cubes that
+// share an edge would otherwise give it in two last bits: 0.16666669 and 0.16666663 here).
+TEST_F(DualCube, AVertexOnAnEdgeHasTheSameBitsWhateverTheCorners) {
+    std::set<float> heights;
+    for (int negative = 0; negative < 256; ++negative) {
+        if ((negative & 1) != 0 || (negative & 16) == 0) continue;
+        for (int k = 0; k < 8; ++k)
+            sheets(k, {{k == 0 ? 0.18f : k == 4 ? -0.9f : ((negative >> k) & 1) ? -0.5f : 0.5f, 1.0f}});
+        for (const auto& [xyz, w] : contour())
+            for (int v = 0; v < 3; ++v)
+                if (xyz.xyz[3 * v] == 0.0f && xyz.xyz[3 * v + 1] == 0.0f) heights.insert(xyz.xyz[3 * v + 2]);
+    }
+    ASSERT_EQ(heights.size(), 1u);
+    EXPECT_NEAR(*heights.begin(), 0.18 / 1.08, 1e-6);
 }
 
 TEST(TriangleSinkTest, NaNTrianglesAreDroppedAndLengthsStayEqual) {

@@ -177,12 +177,16 @@ TEST_F(BinsTest, FlagsAndOccupancyWithTheUpperFaceClamped) {
     EXPECT_EQ(bits, 2);
 }
 
-TEST_F(BinsTest, PointsBelowTheGridKeepTheirHash) {
-    auto b = block({point(-7.0f, 10.0f, 10.0f), point(10.1f, 10.1f, 10.1f)});
-    EXPECT_EQ(bins(stage, b).size(), 2u);
-    bool kept = false;
-    for (const RawPointWithHash& p : *b->points) kept = kept || (p.x == -7.0f && p.hash == 7);
-    EXPECT_TRUE(kept);
+// A point that rounding puts just below the low face of the margin (the grid starts at -6) joins the first
+// bin on that axis, whatever hash the Portioner left in it: bin (0, 32, 32), centre x -5.75.
+TEST_F(BinsTest, PointsJustBelowTheGridJoinTheFirstBin) {
+    auto b = block({point(-6.0000005f, 10.1f, 10.1f), point(-5.9f, 10.1f, 10.1f)});
+    (*b->points)[1].hash = 123456;
+    const auto result = bins(stage, b);
+    ASSERT_EQ(result.size(), 1u);
+    EXPECT_EQ(result[0].point_count, 2);
+    EXPECT_FLOAT_EQ(result[0].center[0], -5.75f);
+    for (const RawPointWithHash& p : *b->points) EXPECT_EQ(static_cast<std::uint32_t>(p.hash), mortonEncode(0, 32, 32));
 }
 
 TEST_F(BinsTest, BinsCoverEveryPointInPointOrder) {

@@ -128,6 +128,28 @@ struct MultiMeshData {
     std::vector<TriangleW> w;
 };
 
+// A block of a run's grid, by its index on each axis: block (i, j, k) holds the positions whose offset
+// from the run origin lies in [i, i + 1) block edges on x, [j, j + 1) on y, [k, k + 1) on z (block edge =
+// block size x resolution).
+struct BlockKey {
+    std::int32_t x = 0, y = 0, z = 0;
+
+    friend bool operator<(const BlockKey& a, const BlockKey& b) {
+        if (a.x != b.x) return a.x < b.x;
+        if (a.y != b.y) return a.y < b.y;
+        return a.z < b.z;
+    }
+    friend bool operator==(const BlockKey& a, const BlockKey& b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
+    friend bool operator!=(const BlockKey& a, const BlockKey& b) { return !(a == b); }
+};
+
+// The triangles that a run makes for one block: those of the dual cubes whose lowest corner cell lies in
+// the block (the block's inside and its seams towards its neighbours on the high side).
+struct MeshPart {
+    BlockKey block;
+    MultiMeshData mesh;
+};
+
 class Tessaline_OPT;
 
 // The start of the diagnostic line that names the frames a run left out by their markers, followed by
@@ -171,6 +193,23 @@ public:
     // Outside 0.001 to 100000, or not finite, it is refused and the former one (0.5 until one is set)
     // stays; the reason is then in getLastErrorMsg.
     void setResolution(float resolution);
+    // After init, before process: the point of the application's coordinates that the run measures every
+    // position from. Each position has it taken off in double precision before it becomes a float, the grid
+    // of blocks starts at it (block (0, 0, 0) has its low corner there), and the mesh is moved back in double
+    // precision. Without one, a run takes its own: 0 for a scan within 16384 resolutions of the origin,
+    // otherwise a whole number of blocks near the median of the points. Fix it where meshes of different
+    // runs must fit together (the parts of a scan run block by block, a live session). 1 when not finite.
+    int setRunOrigin(const std::array<double, 3>& origin);
+    // Goes back to the run's own origin (above).
+    int clearRunOrigin();
+    // The origin of the last run, or the fixed one when set; (0, 0, 0) before any.
+    int getRunOrigin(std::array<double, 3>& origin);
+    // After init: the edge of a block in resolutions, a power of two from 32 to 512; 0 restores the default,
+    // 256 (128 below a resolution of 0.2). The default does not depend on the machine: the same scan is cut
+    // into the same blocks everywhere. 1 for any other value; the former one stays.
+    int setBlockSize(std::uint32_t cells);
+    // The edge of a block in resolutions that the next run takes (with the resolution set now).
+    std::uint32_t getBlockSize();
     // After init: the settings of the laser `info.laser_id` (copied). 0, or 1 when laser_id is not 0 to 7.
     int setLaserInfo(const LaserInfo& info);
     // After init: the optimized markers of the scan (copied). 1 when xyz or nor have fewer entries than ids.
@@ -197,6 +236,17 @@ public:
     // releases the held frames. 0, or a status code with getLastErrorMsg; 1 "no usable points" when every
     // point was dropped. A further run needs deInit, init and the settings again.
     int process(std::shared_ptr<MultiMeshData>& mesh);
+
+    // After init, before process: the blocks whose triangles the next run makes (copied); an empty list: all
+    // of them. The run computes these blocks and their neighbours on the high side, whose cells the seams
+    // need, from the points that reach them (frames may hold more), and makes exactly the triangles that a
+    // run of the whole scan makes for these blocks. Give the run origin (setRunOrigin) and keep the block
+    // size when parts of several runs are to fit together.
+    int setOwnedBlocks(const std::vector<BlockKey>& blocks);
+    // As process, but the triangles come block by block: one part for each owned block that has any, in
+    // the order of the keys. The parts of any split of a scan's blocks into runs, put together in the order
+    // of their keys, are the triangles of process over the whole scan, bit for bit.
+    int processParts(std::vector<MeshPart>& parts);
 
     // After init: shares the list that setOptimizedMarkers made (null before any). With markers set, process
     // measures every frame's markers against them (through the frame's pose) and fills in each marker's

@@ -206,12 +206,14 @@ def sphere(n):
 
 
 def test_ctrl_c_during_the_fusion_ends_the_run_with_keyboard_interrupt():
-    # Ctrl-C arrives while the library fuses its one block without the GIL: the fusion stops at its next
+    # Ctrl-C arrives while the library fuses its first block without the GIL: the fusion stops at its next
     # safe point (the mesh step is never reached), and KeyboardInterrupt comes out of the call.
     script = SPHERE + """
 points, normals = sphere(3000000)
+said = set()
 def step(info):
-    if info.cur_step == 2 and info.cur_sub_step == 0:
+    if info.cur_step == 2 and info.cur_sub_step == 0 and not said:  # the first block only
+        said.add(2)
         print("fusing", flush=True)
     if info.cur_step == 3:
         print("meshing", flush=True)
@@ -465,3 +467,35 @@ def test_open3d_reads_the_colours_of_the_program_s_files(tmp_path):
         assert mesh.has_vertex_colors(), name
         colours = np.rint(np.asarray(mesh.vertex_colors) * 255).astype(np.uint8)
         _check_halves(np.asarray(mesh.vertices), colours, summary["resolution_mm"])
+
+
+def test_a_session_fed_frame_by_frame_is_the_batch_run():
+    """Eight frames, each a band of a sphere, added one by one: at the midpoint and at the end the
+    session's mesh is the batch run's over the same frames on the same grid, array for array."""
+    points, normals = sphere(n=20000, radius=20.0, centre=(40.0, -10.0, 30.0))
+    order = np.argsort(points[:, 2], kind="stable")
+    frames = [(points[i].astype(np.float32), normals[i].astype(np.float32)) for i in np.array_split(order, 8)]
+    session = tessaline.Session(resolution=0.6, block_size=32)
+    seen = []
+    for count, frame in enumerate(frames, 1):
+        session.add([frame])
+        keys, parts = session.update()
+        assert set(parts) <= set(keys)
+        seen.append(len(keys))
+        if count in (4, 8):
+            batch = tessaline.reconstruct(frames[:count], resolution=0.6, origin=session.origin, block_size=32)
+            live = session.mesh()
+            assert len(live.triangles) > 1000
+            for name in ("vertices", "triangles", "words", "normals"):
+                np.testing.assert_array_equal(getattr(live, name), getattr(batch, name), err_msg=name)
+    assert session.block_size == 32
+    assert min(seen[1:]) < max(seen)  # a band re-meshes its own blocks and their seams, not the sphere
+
+
+@pytest.mark.parametrize(
+    "kwargs, error",
+    [({"resolution": 0.5, "block_size": 48}, ValueError), ({"resolution": 0.5, "origin": (1, 2)}, ValueError),
+     ({"resolution": "auto"}, TypeError)])
+def test_session_settings_it_cannot_use_are_refused(kwargs, error):
+    with pytest.raises(error):
+        tessaline.Session(**kwargs)

@@ -34,8 +34,20 @@ inline void setFieldComputationEdges(DeviceParameters& params) {
     params.fine_box_edge = 0.1f;
 }
 
-// Sets the block size from the resolution and the device's total memory: 256 cells, 512 on a device of
-// more than 7 GiB, halved below a resolution of 0.2. Without a memory figure it stays at 256.
-void computeBlockSizing(PortionerParameters& params, float resolution);
+// The block edge of a run when the application asks for none: 256 cells, halved below a resolution of
+// 0.2. It depends on nothing but the resolution, so that the same scan is cut alike on every machine.
+constexpr std::uint32_t DEFAULT_BLOCK_SIZE = 256;
+// The block edges an application may ask for: powers of two in this range (a block must hold its two
+// margins, and a block with its margins must fit the bins' 10-bit Morton coordinates).
+constexpr std::uint32_t MIN_BLOCK_SIZE = 32;
+constexpr std::uint32_t MAX_BLOCK_SIZE = 512;
+
+// True for a block edge an application may ask for.
+inline bool validBlockSize(std::uint32_t cells) {
+    return cells >= MIN_BLOCK_SIZE && cells <= MAX_BLOCK_SIZE && (cells & (cells - 1)) == 0;
+}
+
+// Sets the block size: `requested` cells when not 0, otherwise the default above.
+void computeBlockSizing(PortionerParameters& params, float resolution, std::uint32_t requested = 0);
 
 }  // namespace SurfaceReconstruction

@@ -9,6 +9,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "common/CellRecords.h"
@@ -158,9 +159,12 @@ public:
         float vertices[12][3];
         std::uint32_t words[12];
         for (int e = 0; e < 12; ++e) {
-            const int a = DUAL_CUBE_EDGES[e][0], b = DUAL_CUBE_EDGES[e][1];
+            int a = DUAL_CUBE_EDGES[e][0], b = DUAL_CUBE_EDGES[e][1];
+            if ((s[a]->value < 0.0f) == (s[b]->value < 0.0f)) continue;
+            // The vertex runs from the edge's corner below 0 to the other one, whichever cube makes it and in
+            // whatever order its corners come: every cube that shares the edge gives the same bits.
+            if (!(s[a]->value < 0.0f)) std::swap(a, b);
             const float va = s[a]->value, vb = s[b]->value;
-            if ((va < 0.0f) == (vb < 0.0f)) continue;
             const float t = (0.0f - va) / (vb - va);
             for (int axis = 0; axis < 3; ++axis) vertices[e][axis] = (p[b][axis] - p[a][axis]) * t + p[a][axis];
             words[e] = ((s[a]->word | s[b]->word) & 255u) | group | (quality << 16);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "common/BlockSelection.h"
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
 #include "common/HostMemory.h"
@@ -84,6 +85,30 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         return 1;
     }
     mesh = std::make_shared<MultiMeshData>();
+    std::vector<MeshPart> parts;
+    const int result = processParts({}, parts);
+    if (result != 0) return result;
+    // The parts in key order, into arrays of their final size; each part goes as soon as it is copied.
+    std::size_t triangles = 0;
+    for (const MeshPart& part : parts) triangles += part.mesh.xyz.size();
+    mesh->xyz.reserve(triangles);
+    mesh->w.reserve(triangles);
+    for (MeshPart& part : parts) {
+        mesh->xyz.insert(mesh->xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
+        mesh->w.insert(mesh->w.end(), part.mesh.w.begin(), part.mesh.w.end());
+        std::vector<TriangleXYZ>().swap(part.mesh.xyz);
+        std::vector<TriangleW>().swap(part.mesh.w);
+    }
+    return 0;
+}
+
+int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<MeshPart>& parts) {
+    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (!m_hash_octree || !m_field_data_pool) {
+        m_last_error = "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !";
+        return 1;
+    }
+    parts.clear();
     std::atomic<unsigned char> is_ok{1};
     std::shared_ptr<HashRootCellList> roots;
     if (m_hash_octree->getHashCellList(roots) != 0) {
@@ -99,24 +124,14 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     wantMemory(need);
     if (!reconstructorMemoryGuard(need, &usable)) return refuseForMemory(usable, need);
 
-    const std::int32_t n = roots->datas_size.load();
     const float block_size = m_portioner_params ? static_cast<float>(m_portioner_params->block_size) : 0.0f;
-    // Each root's triangles go into a part of its own, merged in root order: the triangles follow the
-    // roots whatever the number of workers, and the roots, which differ much in size (the largest blocks
-    // come first), go to the workers as they come free.
-    std::vector<MultiMeshData> parts(static_cast<std::size_t>(std::max<std::int32_t>(n, 0)));
-    std::vector<MultiMeshData*> filling(static_cast<std::size_t>(omp_get_max_threads()), nullptr);
-    TriangleSink sink{&is_ok, &filling};
-    DualCubeContour<TriangleSink> contour(*m_field_data_pool, sink);
-    const std::atomic<bool>* stop = runStopFlag();
-#pragma omp parallel for schedule(dynamic, 1)
+    const float block_res = block_size * m_resolution;
+    // The roots to walk, in the order of their keys: the triangles of a block come out alike whichever
+    // blocks a run holds and in whatever order it made them.
+    const std::int32_t n = roots->datas_size.load();
+    const BlockKeySet owned_set(owned.begin(), owned.end());
+    std::vector<std::pair<BlockKey, std::int32_t>> walk_list;
     for (std::int32_t id = 0; id < n; ++id) {
-        if (stopAsked(stop)) continue;  // the run stops after the loop
-        if (is_ok.load(std::memory_order_relaxed) == 0 || !reconstructorMemoryGuard()) {
-            is_ok = 0;
-            continue;
-        }
-        filling[static_cast<std::size_t>(omp_get_thread_num())] = &parts[static_cast<std::size_t>(id)];
         const std::shared_ptr<HashRootCellData> data = roots->get(id);
         const CellNode* root = data ? data->root_cell : nullptr;
         if (root == nullptr) {
@@ -125,6 +140,32 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
                 "enumerate_hash (cur_cell == nullptr)! \n");
             continue;
         }
+        const BlockKey key = blockKeyOfCentre(root->center, block_res);
+        if (owned_set.empty() || owned_set.count(key) != 0) walk_list.emplace_back(key, id);
+    }
+    std::sort(walk_list.begin(), walk_list.end(),
+              [](const std::pair<BlockKey, std::int32_t>& a, const std::pair<BlockKey, std::int32_t>& b) {
+                  return a.first < b.first;
+              });
+    const std::int64_t count = static_cast<std::int64_t>(walk_list.size());
+    // Each root's triangles go into a part of its own: the triangles follow the keys whatever the number of
+    // workers, and the roots, which differ much in size, go to the workers as they come free.
+    std::vector<MeshPart> made(walk_list.size());
+    std::vector<MultiMeshData*> filling(static_cast<std::size_t>(omp_get_max_threads()), nullptr);
+    TriangleSink sink{&is_ok, &filling};
+    DualCubeContour<TriangleSink> contour(*m_field_data_pool, sink);
+    const std::atomic<bool>* stop = runStopFlag();
+#pragma omp parallel for schedule(dynamic, 1)
+    for (std::int64_t i = 0; i < count; ++i) {
+        if (stopAsked(stop)) continue;  // the run stops after the loop
+        if (is_ok.load(std::memory_order_relaxed) == 0 || !reconstructorMemoryGuard()) {
+            is_ok = 0;
+            continue;
+        }
+        MeshPart& part = made[static_cast<std::size_t>(i)];
+        part.block = walk_list[static_cast<std::size_t>(i)].first;
+        filling[static_cast<std::size_t>(omp_get_thread_num())] = &part.mesh;
+        const CellNode* root = roots->get(walk_list[static_cast<std::size_t>(i)].second)->root_cell;
         try {
             // Each root contours its inside and its seams towards the neighbours on the high side.
             const CellNode* neighbours[8];
@@ -158,27 +199,16 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         m_last_error = memoryFailureText(0);  // memory ran out while triangles were made
         return TESSALINE_OUT_OF_MEMORY;
     }
-    // The merge copies every part once more.
+    // Putting the parts together copies every part once more.
     std::uint64_t part_bytes = 0;
-    for (const MultiMeshData& part : parts)
-        part_bytes += part.xyz.size() * sizeof(TriangleXYZ) + part.w.size() * sizeof(TriangleW);
+    for (const MeshPart& part : made)
+        part_bytes += part.mesh.xyz.size() * sizeof(TriangleXYZ) + part.mesh.w.size() * sizeof(TriangleW);
     if (!reconstructorMemoryGuard(RECONSTRUCTOR_RESERVE_BYTES + part_bytes, &usable)) {
         diagnostic("is_ok = false!\n");
         return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES + part_bytes);
     }
-
-    // The roots' parts in root order, into arrays of their final size; each part goes as soon as it is
-    // copied.
-    std::size_t triangles = 0;
-    for (const MultiMeshData& part : parts) triangles += part.xyz.size();
-    mesh->xyz.reserve(triangles);
-    mesh->w.reserve(triangles);
-    for (MultiMeshData& part : parts) {
-        mesh->xyz.insert(mesh->xyz.end(), part.xyz.begin(), part.xyz.end());
-        mesh->w.insert(mesh->w.end(), part.w.begin(), part.w.end());
-        std::vector<TriangleXYZ>().swap(part.xyz);
-        std::vector<TriangleW>().swap(part.w);
-    }
+    for (MeshPart& part : made)
+        if (!part.mesh.xyz.empty()) parts.push_back(std::move(part));
     return 0;
 }
 

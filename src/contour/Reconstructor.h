@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/Parameters.h"
 #include "tessaline/Tessaline.h"
@@ -38,7 +39,11 @@ public:
     int setResolution(const float& resolution);
     int setHashOctree(const std::shared_ptr<HashOctree>& octree);
     int setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool);
+    // The triangles of all roots, part after part in the order of the roots' keys.
     int process(std::shared_ptr<MultiMeshData>& mesh);
+    // The triangles of the roots of the owned blocks (all roots where `owned` is empty), one part for each
+    // root that makes any, in the order of the keys.
+    int processParts(const std::vector<BlockKey>& owned, std::vector<MeshPart>& parts);
     std::string getLastError() const { return m_last_error; }
     int deInit();
 

@@ -13,6 +13,13 @@ Tessaline& Tessaline::operator=(const Tessaline& other) = default;
 int Tessaline::init() { return m_opt->init(); }
 int Tessaline::deInit() { return m_opt->deInit(); }
 void Tessaline::setResolution(float resolution) { m_opt->setResolution(resolution); }
+int Tessaline::setRunOrigin(const std::array<double, 3>& origin) { return m_opt->setRunOrigin(origin); }
+int Tessaline::clearRunOrigin() { return m_opt->clearRunOrigin(); }
+int Tessaline::getRunOrigin(std::array<double, 3>& origin) { return m_opt->getRunOrigin(origin); }
+int Tessaline::setBlockSize(std::uint32_t cells) { return m_opt->setBlockSize(cells); }
+std::uint32_t Tessaline::getBlockSize() { return m_opt->getBlockSize(); }
+int Tessaline::setOwnedBlocks(const std::vector<BlockKey>& blocks) { return m_opt->setOwnedBlocks(blocks); }
+int Tessaline::processParts(std::vector<MeshPart>& parts) { return m_opt->processParts(parts); }
 int Tessaline::setLaserInfo(const LaserInfo& info) { return m_opt->setLaserInfo(info); }
 int Tessaline::setOptimizedMarkers(MarkerInfos& markers) { return m_opt->setOptimizedMarkers(markers); }
 int Tessaline::setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback) {

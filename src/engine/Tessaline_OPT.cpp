@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/BlockSelection.h"
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
 #include "common/MemoryFailure.h"
@@ -168,7 +169,7 @@ int Tessaline_OPT::init() {
             m_device_params->MAX_FRAME_POINTS = static_cast<std::uint32_t>(m_max_frame_points);
 
             if (!m_portioner_params) m_portioner_params = std::make_shared<PortionerParameters>();
-            computeBlockSizing(*m_portioner_params, m_resolution);
+            computeBlockSizing(*m_portioner_params, m_resolution, m_block_size_setting);
 
             // Destroying the former pool stops and joins its workers before the new stages exist.
             m_thread_pool.reset();
@@ -263,9 +264,61 @@ int Tessaline_OPT::setResolution(const float& resolution) {
         if (m_portioner) m_portioner->setResolution(m_resolution);
         if (m_marching_cubes) m_marching_cubes->setResolution(m_resolution);
         if (m_reconstructor) m_reconstructor->setResolution(m_resolution);
-        computeBlockSizing(*m_portioner_params, m_resolution);
+        computeBlockSizing(*m_portioner_params, m_resolution, m_block_size_setting);
         return 0;
     });
+}
+
+int Tessaline_OPT::setRunOrigin(const std::array<double, 3>& origin) {
+    const std::array<double, 3> value = origin;
+    return exclusively(HELD_BY_CALL, "setRunOrigin", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (!std::isfinite(value[0]) || !std::isfinite(value[1]) || !std::isfinite(value[2])) {
+            last_error = "[Tessaline_OPT] setRunOrigin the origin must be finite, the former one is kept!";
+            return 1;
+        }
+        m_origin_fixed = true;
+        for (int k = 0; k < 3; ++k) m_fixed_origin[k] = value[k];
+        return 0;
+    });
+}
+
+int Tessaline_OPT::clearRunOrigin() {
+    return exclusively(HELD_BY_CALL, "clearRunOrigin", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        m_origin_fixed = false;
+        return 0;
+    });
+}
+
+int Tessaline_OPT::getRunOrigin(std::array<double, 3>& origin) {
+    return exclusively(HELD_BY_CALL, "getRunOrigin", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        for (int k = 0; k < 3; ++k)
+            origin[static_cast<std::size_t>(k)] = m_origin_fixed ? m_fixed_origin[k] : m_run_origin[k];
+        return 0;
+    });
+}
+
+int Tessaline_OPT::setBlockSize(std::uint32_t cells) {
+    return exclusively(HELD_BY_CALL, "setBlockSize", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        if (cells != 0 && !validBlockSize(cells)) {
+            last_error =
+                "[Tessaline_OPT] setBlockSize the block edge must be a power of two from 32 to 512 resolutions (0: "
+                "the default), the former one is kept!";
+            return 1;
+        }
+        m_block_size_setting = cells;
+        computeBlockSizing(*m_portioner_params, m_resolution, m_block_size_setting);
+        return 0;
+    });
+}
+
+std::uint32_t Tessaline_OPT::getBlockSize() {
+    PortionerParameters params{};
+    computeBlockSizing(params, m_resolution, m_block_size_setting);
+    return params.block_size;
 }
 
 int Tessaline_OPT::setLaserInfo(const LaserInfo& info) {
@@ -392,6 +445,10 @@ bool listedScaleCode(std::int32_t word) {
 }  // namespace
 
 void Tessaline_OPT::chooseRunOrigin() {
+    if (m_origin_fixed) {
+        for (int k = 0; k < 3; ++k) m_run_origin[k] = m_fixed_origin[k];
+        return;
+    }
     for (double& o : m_run_origin) o = 0.0;
     // The median of an even sample of the finite points: a few stray points far away do not move it.
     std::uint64_t total = 0;
@@ -436,6 +493,12 @@ void Tessaline_OPT::screenHeldFrames() {
     // Beyond this distance from the run's origin a position's finest grid index (an eighth of the
     // resolution) comes near the end of a 32-bit integer.
     const double limit = static_cast<double>(1u << 30) * (m_resolution / 8.0);
+    // A run restricted to some blocks keeps only the points that can reach the blocks it computes: in one
+    // of them or in its margin (with a resolution to spare). The rest could change no cell of those blocks.
+    const bool restricted = !m_owned_blocks.empty();
+    const BlockKeySet computed = blocksToCompute(m_owned_blocks);
+    const float block_res = static_cast<float>(m_portioner_params->block_size) * m_resolution;
+    const float reach = static_cast<float>(m_portioner_params->ext_size + 1) * m_resolution;
     std::uint64_t dropped = 0, recoded = 0;
     // Frame by frame on all cores: each is screened and, where it must change, copied on its own.
     const std::int64_t frame_count = static_cast<std::int64_t>(m_held_frames.size());
@@ -452,24 +515,31 @@ void Tessaline_OPT::screenHeldFrames() {
                     if (!std::isfinite(p[k]) || !std::isfinite(n[k]) || std::fabs(relative(p, k)) > limit) return false;
                 return n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f;
             };
-            std::size_t bad = 0, unlisted = 0;
+            const auto reaches = [&](std::size_t i) {
+                if (!restricted) return true;
+                const float p[3] = {relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)};
+                return reachesBlocks(p, block_res, reach, computed);
+            };
+            std::size_t bad = 0, unlisted = 0, elsewhere = 0;
             for (std::size_t i = 0; i < in.xyz.size(); ++i) {
                 if (!usable(i))
                     ++bad;
+                else if (!reaches(i))
+                    ++elsewhere;
                 else if (!listedScaleCode(in.w[i]))
                     ++unlisted;
             }
-            if (bad == 0 && unlisted == 0 && !shifted) continue;
+            if (bad == 0 && unlisted == 0 && elsewhere == 0 && !shifted) continue;
             auto copy = std::make_shared<FrameDataWithInfo>();
             copy->frame_info = in.frame_info;
             copy->marker_ids = in.marker_ids;
             copy->marker_xyz = in.marker_xyz;
             copy->marker_nor = in.marker_nor;
-            copy->xyz.reserve(in.xyz.size() - bad);
-            copy->nor.reserve(in.xyz.size() - bad);
-            copy->w.reserve(in.xyz.size() - bad);
+            copy->xyz.reserve(in.xyz.size() - bad - elsewhere);
+            copy->nor.reserve(in.xyz.size() - bad - elsewhere);
+            copy->w.reserve(in.xyz.size() - bad - elsewhere);
             for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-                if (!usable(i)) continue;
+                if (!usable(i) || !reaches(i)) continue;
                 copy->xyz.push_back({relative(in.xyz[i], 0), relative(in.xyz[i], 1), relative(in.xyz[i], 2)});
                 copy->nor.push_back(in.nor[i]);
                 // An unknown size wish becomes one cell a bin; the flags stay.
@@ -540,8 +610,32 @@ void Tessaline_OPT::reportStep(const wchar_t* name, int cur_step, int cur_sub_st
     m_step_callback(info);  // an empty callback throws and ends the run
 }
 
-int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
-    return exclusively(HELD_BY_RUN, "process", [&](std::string& last_error) {
+int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) { return runGuardedStages("process", mesh, nullptr); }
+
+int Tessaline_OPT::processParts(std::vector<MeshPart>& parts) {
+    std::shared_ptr<MultiMeshData> unused;
+    std::vector<MeshPart> made;
+    const int status = runGuardedStages("processParts", unused, &made);
+    if (status == 0) parts = std::move(made);
+    return status;
+}
+
+int Tessaline_OPT::setOwnedBlocks(const std::vector<BlockKey>& blocks) {
+    return exclusively(HELD_BY_CALL, "setOwnedBlocks", [&](std::string& last_error) {
+        if (refuseBeforeInit(m_inited, last_error)) return 1;
+        return runGuarded(last_error, {1, "[Tessaline_OPT] setOwnedBlocks try catch error!"}, [&]() -> int {
+            std::vector<BlockKey> sorted = blocks;
+            std::sort(sorted.begin(), sorted.end());
+            sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
+            m_owned_blocks = std::move(sorted);
+            return 0;
+        });
+    });
+}
+
+int Tessaline_OPT::runGuardedStages(const char* operation, std::shared_ptr<MultiMeshData>& mesh,
+                                    std::vector<MeshPart>* parts) {
+    return exclusively(HELD_BY_RUN, operation, [&](std::string& last_error) {
         if (refuseBeforeInit(m_inited, last_error)) return 1;
         if (m_stages_spent) {
             last_error =
@@ -553,7 +647,7 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
         const StopScope stop(&m_stop_requested);
         return runGuarded(last_error, {1, "[Tessaline_OPT] process try catch error!"}, [&]() -> int {
             try {
-                return runStages(mesh, last_error);
+                return runStages(mesh, parts, last_error);
             } catch (const RunStopped&) {
                 last_error = "[Tessaline_OPT] process stopped: a stop was requested!";
                 return 1;
@@ -562,7 +656,8 @@ int Tessaline_OPT::process(std::shared_ptr<MultiMeshData>& mesh) {
     });
 }
 
-int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error) {
+int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts,
+                             std::string& last_error) {
     // A stage that fails hands its own text up; its status is returned unchanged.
     const auto exitWith = [&last_error](const std::string& stage_error, int status) {
         last_error = stage_error;
@@ -582,6 +677,15 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     screenHeldFrames();
     std::uint64_t usable_points = 0;
     for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
+    if (!m_owned_blocks.empty() && usable_points == 0) {
+        // No point reaches the blocks asked for: they have no triangles.
+        m_stages_spent = true;
+        std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(m_held_frames);
+        if (parts != nullptr) parts->clear();
+        mesh = std::make_shared<MultiMeshData>();
+        last_error = "no error!";
+        return 0;
+    }
     profiler.time_start("filterScanFrameByMarkers");
     int result = filterScanFrameByMarkers();
     if (result != 0) {
@@ -635,6 +739,10 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     profiler.time_stop("portioner", true);
     stage.reset();
 
+    // A run restricted to some blocks computes those and their neighbours on the high side alone.
+    const bool restricted = !m_owned_blocks.empty();
+    const BlockKeySet computed = blocksToCompute(m_owned_blocks);
+    const float block_res = static_cast<float>(m_portioner_params->block_size) * m_resolution;
     const int block_count = m_portioner->getPointCloudBlockCount();
     int left_out_blocks = 0, left_out_status = 0;
     std::uint64_t left_out_points = 0;
@@ -651,6 +759,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
             diagnostic("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
             continue;
         }
+        if (restricted && computed.count(blockKeyOfCentre(block->center, block_res)) == 0) continue;
         // A block that fails is left out of the mesh; the run goes on, and says so at its end. The stage may
         // give up the block's points once it no longer needs them.
         const std::size_t block_points = block->points->size();
@@ -696,16 +805,39 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
     stopPoint();
     profiler.time_start("reconstructor");
     stage = std::make_unique<MemoryStageScope>("[Reconstructor] process (the mesh)", 0);
-    result = m_reconstructor->process(mesh);
+    std::vector<MeshPart> made;
+    result = m_reconstructor->processParts(m_owned_blocks, made);
     stage.reset();
-    if (result != 0) return exitWith(m_reconstructor->getLastError(), result);
+    if (result != 0) {
+        mesh = std::make_shared<MultiMeshData>();
+        return exitWith(m_reconstructor->getLastError(), result);
+    }
     profiler.time_stop("reconstructor", true);
 
-    if (mesh && hasRunOrigin()) {
+    if (hasRunOrigin()) {
         // Back to the application's coordinates, in double so that only the final rounding remains.
-        for (TriangleXYZ& t : mesh->xyz)
-            for (int v = 0; v < 9; ++v)
-                t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
+        for (MeshPart& part : made)
+            for (TriangleXYZ& t : part.mesh.xyz)
+                for (int v = 0; v < 9; ++v)
+                    t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
+    }
+    bool empty = true;
+    for (const MeshPart& part : made) empty = empty && part.mesh.xyz.empty();
+    if (parts != nullptr) {
+        *parts = std::move(made);
+    } else {
+        // The parts in the order of their keys, into arrays of their final size; each goes once copied.
+        mesh = std::make_shared<MultiMeshData>();
+        std::size_t triangles = 0;
+        for (const MeshPart& part : made) triangles += part.mesh.xyz.size();
+        mesh->xyz.reserve(triangles);
+        mesh->w.reserve(triangles);
+        for (MeshPart& part : made) {
+            mesh->xyz.insert(mesh->xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
+            mesh->w.insert(mesh->w.end(), part.mesh.w.begin(), part.mesh.w.end());
+            std::vector<TriangleXYZ>().swap(part.mesh.xyz);
+            std::vector<TriangleW>().swap(part.mesh.w);
+        }
     }
 
     last_error = "no error!";
@@ -724,7 +856,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& 
         diagnostic("%s\n", text);
         return left_out_status;
     }
-    if (mesh && mesh->xyz.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
+    if (empty && !restricted && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
         last_error = emptyMeshReason(counts, usable_points, m_resolution);
         diagnostic("%s\n", last_error.c_str());
     }

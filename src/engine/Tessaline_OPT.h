@@ -2,6 +2,7 @@
 // and runs the pipeline of a run.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -59,11 +60,18 @@ public:
     int deInit();
 
     int setResolution(const float& resolution);
+    int setRunOrigin(const std::array<double, 3>& origin);
+    int clearRunOrigin();
+    int getRunOrigin(std::array<double, 3>& origin);
+    int setBlockSize(std::uint32_t cells);
+    std::uint32_t getBlockSize();
     int setLaserInfo(const LaserInfo& info);
     int setOptimizedMarkers(MarkerInfos& markers);
     int setProcessStepCallBack(std::function<int(ProcessStepInfo&)>& callback);
     int addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame);
     int process(std::shared_ptr<MultiMeshData>& mesh);
+    int setOwnedBlocks(const std::vector<BlockKey>& blocks);
+    int processParts(std::vector<MeshPart>& parts);
     int getOptimizedMarkerErrors(std::shared_ptr<std::vector<OptedMarker>>& markers);
     std::string getLastErrorMsg() const;
     int setDiagnosticSink(DiagnosticSink sink);
@@ -84,7 +92,10 @@ private:
     // the shared list and keeps back the frames that stand out, which one diagnostic line names.
     int filterByOptimizedMarkers();
     // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
-    int runStages(std::shared_ptr<MultiMeshData>& mesh, std::string& last_error);
+    // `parts` null: the whole mesh into `mesh`; otherwise the owned blocks' parts into `parts`.
+    int runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts, std::string& last_error);
+    // process and processParts: the guards around runStages.
+    int runGuardedStages(const char* operation, std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts);
     // Replaces every held frame that has points the run cannot use by a copy without them (the
     // application's frame stays as it is); prints what it dropped and changed.
     void screenHeldFrames();
@@ -117,6 +128,13 @@ private:
     // Where the run's positions are measured from: 0 for a scan near the origin, otherwise a point of
     // the block grid near the scan's centre, so that far coordinates keep the precision of near ones.
     double m_run_origin[3] = {0.0, 0.0, 0.0};
+    // The origin the application fixed (setRunOrigin); without one a run chooses its own.
+    bool m_origin_fixed = false;
+    double m_fixed_origin[3] = {0.0, 0.0, 0.0};
+    // The block edge the application asked for, in resolutions; 0 for the default.
+    std::uint32_t m_block_size_setting = 0;
+    // The blocks whose triangles the next run makes; empty: all.
+    std::vector<BlockKey> m_owned_blocks;
     std::shared_ptr<DeviceParameters> m_device_params;
     std::shared_ptr<PortionerParameters> m_portioner_params;
     std::vector<std::shared_ptr<FrameDataWithInfo>> m_held_frames;

@@ -18,7 +18,9 @@ namespace SurfaceReconstruction {
 
 namespace {
 
-// Morton code of the bin of each point; points below the grid keep the hash they have.
+// Morton code of the bin of each point. A point within rounding below the low face of the margin (the
+// partition and this difference round apart) goes to the first bin on that axis: its code must not depend
+// on anything outside the block.
 struct ComputePointsHashValueKernel {
     RawPointWithHash* points;
     std::int64_t points_size;
@@ -29,9 +31,9 @@ struct ComputePointsHashValueKernel {
         if (static_cast<std::int64_t>(i) >= points_size) return;
         RawPointWithHash& p = points[i];
         const float d[3] = {p.x - logic_coordinate[0], p.y - logic_coordinate[1], p.z - logic_coordinate[2]};
-        if (d[0] < 0.0f || d[1] < 0.0f || d[2] < 0.0f) return;
         std::uint32_t index[3];
-        for (int k = 0; k < 3; ++k) index[k] = static_cast<std::uint32_t>(floatToIntSaturate(d[k] / bin_size));
+        for (int k = 0; k < 3; ++k)
+            index[k] = d[k] > 0.0f ? static_cast<std::uint32_t>(floatToIntSaturate(d[k] / bin_size)) : 0u;
         p.hash = static_cast<std::int32_t>(mortonEncode(index[0], index[1], index[2]));
     }
 };

@@ -11,23 +11,11 @@
 
 namespace SurfaceReconstruction {
 
-void computeBlockSizing(PortionerParameters& params, float resolution) {
-    params.block_size = 256;
+void computeBlockSizing(PortionerParameters& params, float resolution, std::uint32_t requested) {
+    params.block_size = requested != 0 ? requested : DEFAULT_BLOCK_SIZE;
+    if (requested == 0 && static_cast<double>(resolution) < 0.2) params.block_size >>= 1;
     params.ext_size = PORTIONER_EXT_SIZE;
     params.block_with_ext_size = params.block_size + 2 * PORTIONER_EXT_SIZE;
-
-    std::size_t free_bytes = 0, total_bytes = 0;
-    if (deviceMemGetInfo(&free_bytes, &total_bytes) != DEVICE_SUCCESS) return;
-
-    const float total_gib = static_cast<float>(total_bytes) * (1.0f / 1024) * (1.0f / 1024) * (1.0f / 1024);
-    if (total_gib > 7.0f) {
-        params.block_size = 512;
-        params.block_with_ext_size = params.block_size + 2 * PORTIONER_EXT_SIZE;
-    }
-    if (static_cast<double>(resolution) < 0.2) {
-        params.block_size >>= 1;
-        params.block_with_ext_size = params.block_size + 2 * PORTIONER_EXT_SIZE;
-    }
 }
 
 Portioner::~Portioner() {
