@@ -7,6 +7,7 @@
 
 #include "common/ErrorLadder.h"
 #include "common/HostMemory.h"
+#include "common/RunStop.h"
 #include "common/ThreadPool.h"
 
 namespace SurfaceReconstruction {
@@ -331,6 +332,7 @@ int Portioner::processWithoutModel() {
         m_last_error = "[Portioner] reOrganizeRawSurfaceBlock_Task failed!";
         return 1;
     }
+    stopPoint();  // the steps of the second pass are the run's safe points
     result = runGuarded(m_last_error, {1, "[Portioner] addSeamNeighbourBlocks try catch error!"}, [&]() -> int {
         addSeamNeighbourBlocks();
         return 0;
@@ -342,6 +344,7 @@ int Portioner::processWithoutModel() {
             m_last_error = "[Portioner] preProcessForAddScanFrame failed!";
         return result;
     }
+    stopPoint();
     // Device memory is host memory: the frames need no copy into batches on their way to the blocks.
     // Should the counts not fit the lists (which they always do), the batches take them as they come.
     int direct_result = 1;

@@ -303,16 +303,19 @@ void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& fra
     const std::size_t table = static_cast<std::size_t>(entry_count);
     const std::int64_t share_count = static_cast<std::int64_t>(shares.size()) - 1;
     counts.assign(static_cast<std::size_t>(share_count) * table, 0);
+    const std::atomic<bool>* stop = runStopFlag();
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < share_count; ++s) {
         std::int64_t* mine = counts.data() + static_cast<std::size_t>(s) * table;
-        for (std::size_t f = shares[static_cast<std::size_t>(s)]; f < shares[static_cast<std::size_t>(s) + 1]; ++f) {
+        for (std::size_t f = shares[static_cast<std::size_t>(s)];
+             f < shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
             const FrameDataWithInfo& frame = *frames[f];
             const PartitionPoint partition = framePartition(frame, entries, mask, block_res, half_ext);
             for (std::size_t i = 0; i < frame.xyz.size(); ++i)
                 partition.forEachRecord(i, [mine](std::int32_t e) { ++mine[e]; });
         }
     }
+    stopPoint();  // the counts of a stopped run are incomplete: it ends here
 }
 
 // Sorts a block position list on the device and removes repeats; returns the new length.
