@@ -119,6 +119,30 @@ void refuseIrregularFile(const std::string& path) {
         throw std::runtime_error(path + ": not a regular file");
 }
 
+void readAtLeast(int fd, const std::string& path, std::size_t bytes, std::unique_ptr<char[]>& buffer,
+                 std::size_t& capacity, std::size_t& begin, std::size_t& end, std::uint64_t& unread) {
+    if (capacity < bytes + 1) {  // one byte more: room for the closing line end of a text without one
+        std::unique_ptr<char[]> larger(new char[bytes + 1]);
+        if (end > begin) std::memcpy(larger.get(), buffer.get() + begin, end - begin);
+        buffer = std::move(larger);
+        capacity = bytes + 1;
+        end -= begin;
+        begin = 0;
+    } else if (begin > 0) {
+        std::memmove(buffer.get(), buffer.get() + begin, end - begin);
+        end -= begin;
+        begin = 0;
+    }
+    while (end < bytes) {
+        const ssize_t n = read(fd, buffer.get() + end, capacity - 1 - end);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw std::runtime_error(path + ": cannot read the file (" + std::strerror(errno) + ")");
+        if (n == 0) break;  // shorter than it was: the end is now
+        end += static_cast<std::size_t>(n);
+        unread -= std::min<std::uint64_t>(unread, static_cast<std::uint64_t>(n));
+    }
+}
+
 PlyReader::PlyReader(const std::string& path) : m_path(path) {
     struct stat info;
     if (stat(path.c_str(), &info) != 0) throw std::runtime_error(path + ": cannot open the file");
@@ -273,26 +297,7 @@ std::size_t PlyReader::fill(std::size_t bytes) {
         }
         return m_end - m_begin;
     }
-    if (m_capacity < bytes + 1) {  // room for an ASCII body's closing line end
-        std::unique_ptr<char[]> larger(new char[bytes + 1]);
-        if (m_end > m_begin) std::memcpy(larger.get(), m_buffer.get() + m_begin, m_end - m_begin);
-        m_buffer = std::move(larger);
-        m_capacity = bytes + 1;
-        m_end -= m_begin;
-        m_begin = 0;
-    } else if (m_begin > 0) {
-        std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
-        m_end -= m_begin;
-        m_begin = 0;
-    }
-    while (m_end < bytes) {
-        const ssize_t n = read(m_fd, m_buffer.get() + m_end, m_capacity - 1 - m_end);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) throw std::runtime_error(m_path + ": cannot read the file (" + std::strerror(errno) + ")");
-        if (n == 0) break;  // shorter than it was: the end is now
-        m_end += static_cast<std::size_t>(n);
-        m_unread -= std::min<std::uint64_t>(m_unread, static_cast<std::uint64_t>(n));
-    }
+    readAtLeast(m_fd, m_path, bytes, m_buffer, m_capacity, m_begin, m_end, m_unread);
     if (m_end < bytes || m_unread == 0) {
         m_eof = true;
         if (m_in_body) closeAsciiBody();

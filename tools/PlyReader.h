@@ -45,6 +45,11 @@ struct PlyRecord {
 // Throws "PATH: not a regular file" for a path that names a device, a pipe or a folder: such a file
 // could feed a reader without end. A path that does not exist passes, for the reader's own text.
 void refuseIrregularFile(const std::string& path);
+// The buffered reads of the readers: the unread bytes [begin, end) moved to the front of the buffer (a
+// larger one when `bytes` do not fit, always with a byte to spare), then read from `fd` until `bytes` are
+// there or the file ends; `unread` counts what the file still holds.
+void readAtLeast(int fd, const std::string& path, std::size_t bytes, std::unique_ptr<char[]>& buffer,
+                 std::size_t& capacity, std::size_t& begin, std::size_t& end, std::uint64_t& unread);
 
 class PlyReader {
 public:

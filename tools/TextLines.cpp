@@ -59,26 +59,7 @@ std::size_t TextLines::fill(std::size_t bytes) {
         }
         return m_end - m_begin;
     }
-    if (m_capacity < bytes + 1) {  // room for the closing line end of a file without one
-        std::unique_ptr<char[]> larger(new char[bytes + 1]);
-        if (m_end > m_begin) std::memcpy(larger.get(), m_buffer.get() + m_begin, m_end - m_begin);
-        m_buffer = std::move(larger);
-        m_capacity = bytes + 1;
-        m_end -= m_begin;
-        m_begin = 0;
-    } else if (m_begin > 0) {
-        std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
-        m_end -= m_begin;
-        m_begin = 0;
-    }
-    while (m_end < bytes) {
-        const ssize_t n = read(m_fd, m_buffer.get() + m_end, m_capacity - 1 - m_end);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) throw std::runtime_error(m_path + ": cannot read the file (" + std::strerror(errno) + ")");
-        if (n == 0) break;  // shorter than it was: the end is now
-        m_end += static_cast<std::size_t>(n);
-        m_unread -= std::min<std::uint64_t>(m_unread, static_cast<std::uint64_t>(n));
-    }
+    readAtLeast(m_fd, m_path, bytes, m_buffer, m_capacity, m_begin, m_end, m_unread);
     if (m_end < bytes || m_unread == 0) {
         m_eof = true;
         closeLastLine();
