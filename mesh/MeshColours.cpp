@@ -53,23 +53,6 @@ struct ColourPoint {
     Rgb rgb;
 };
 
-// A cell coordinate of 21 bits spread to every third bit: three interleaved give a code whose order keeps
-// cells near in space near in memory.
-std::uint64_t spreadBits(std::uint64_t v) {
-    v &= 0x1fffff;
-    v = (v | v << 32) & 0x1f00000000ffffull;
-    v = (v | v << 16) & 0x1f0000ff0000ffull;
-    v = (v | v << 8) & 0x100f00f00f00f00full;
-    v = (v | v << 4) & 0x10c30c30c30c30c3ull;
-    v = (v | v << 2) & 0x1249249249249249ull;
-    return v;
-}
-
-std::uint64_t cellCode(const std::int32_t c[3]) {
-    return spreadBits(static_cast<std::uint64_t>(c[0])) | spreadBits(static_cast<std::uint64_t>(c[1])) << 1 |
-           spreadBits(static_cast<std::uint64_t>(c[2])) << 2;
-}
-
 // Sorts `order` by `codes` (both reordered), least significant digit first, 11 bits a pass, as many
 // passes as the codes have bits: stable, so that equal codes keep the order they came in.
 // The list is cut into one part a thread: each part counts its digits, then puts its codes after those of
@@ -190,7 +173,7 @@ public:
     std::uint64_t codeOf(const Vec3f& p) const {
         std::int32_t c[3];
         for (int k = 0; k < 3; ++k) c[k] = axisCell(p[k], k);
-        return cellCode(c);
+        return mesh_internal::cellCode(c);
     }
 
     // Calls visit(point) for the points of every cell that the box of half edge `r` around `p` meets, cells
@@ -210,7 +193,7 @@ public:
         for (b[0] = lo[0] >> 2; b[0] <= hi[0] >> 2; ++b[0])
             for (b[1] = lo[1] >> 2; b[1] <= hi[1] >> 2; ++b[1])
                 for (b[2] = lo[2] >> 2; b[2] <= hi[2] >> 2; ++b[2]) {
-                    const Brick* brick = find(cellCode(b));
+                    const Brick* brick = find(mesh_internal::cellCode(b));
                     if (brick == nullptr) continue;
                     std::int32_t from[3], to[3];
                     for (int k = 0; k < 3; ++k) {

@@ -19,6 +19,23 @@ namespace SurfaceReconstruction {
 namespace mesh_internal {
 
 // An edge as one number, lower vertex index first, so that both directions of an edge meet.
+// A cell coordinate of 21 bits spread to every third bit: three interleaved give a code whose order keeps
+// cells near in space near in memory.
+inline std::uint64_t spreadBits(std::uint64_t v) {
+    v &= 0x1fffff;
+    v = (v | v << 32) & 0x1f00000000ffffull;
+    v = (v | v << 16) & 0x1f0000ff0000ffull;
+    v = (v | v << 8) & 0x100f00f00f00f00full;
+    v = (v | v << 4) & 0x10c30c30c30c30c3ull;
+    v = (v | v << 2) & 0x1249249249249249ull;
+    return v;
+}
+
+inline std::uint64_t cellCode(const std::int32_t c[3]) {
+    return spreadBits(static_cast<std::uint64_t>(c[0])) | spreadBits(static_cast<std::uint64_t>(c[1])) << 1 |
+           spreadBits(static_cast<std::uint64_t>(c[2])) << 2;
+}
+
 inline std::uint64_t edgeKey(std::uint32_t a, std::uint32_t b) {
     return a < b ? (static_cast<std::uint64_t>(a) << 32 | b) : (static_cast<std::uint64_t>(b) << 32 | a);
 }

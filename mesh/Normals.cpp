@@ -45,23 +45,6 @@ enum State : std::uint8_t {
 
 bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
 
-// A cell coordinate of 21 bits spread to every third bit: three interleaved give a code whose order keeps
-// cells near in space near in memory.
-std::uint64_t spreadBits(std::uint64_t v) {
-    v &= 0x1fffff;
-    v = (v | v << 32) & 0x1f00000000ffffull;
-    v = (v | v << 16) & 0x1f0000ff0000ffull;
-    v = (v | v << 8) & 0x100f00f00f00f00full;
-    v = (v | v << 4) & 0x10c30c30c30c30c3ull;
-    v = (v | v << 2) & 0x1249249249249249ull;
-    return v;
-}
-
-std::uint64_t cellCode(const std::int32_t c[3]) {
-    return spreadBits(static_cast<std::uint64_t>(c[0])) | spreadBits(static_cast<std::uint64_t>(c[1])) << 1 |
-           spreadBits(static_cast<std::uint64_t>(c[2])) << 2;
-}
-
 constexpr std::int32_t CELLS_PER_AXIS = (1 << 21) - 2;
 
 // Where a point of the scan came from: its frame and its place in the frame.
@@ -98,7 +81,7 @@ public:
         for (std::int64_t i = 0; i < static_cast<std::int64_t>(n); ++i) {
             std::int32_t c[3];
             cellOf(points[static_cast<std::size_t>(i)], c);
-            codes[static_cast<std::size_t>(i)] = cellCode(c);
+            codes[static_cast<std::size_t>(i)] = mesh_internal::cellCode(c);
             order[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(i);
             highest |= codes[static_cast<std::size_t>(i)];
         }
@@ -162,7 +145,7 @@ public:
     std::uint32_t find(const std::int32_t c[3]) const {
         for (int k = 0; k < 3; ++k)
             if (c[k] < 0 || c[k] > CELLS_PER_AXIS) return NONE;
-        const std::uint64_t code = cellCode(c);
+        const std::uint64_t code = mesh_internal::cellCode(c);
         for (std::size_t slot = hash(code);; slot = (slot + 1) & m_mask) {
             if (m_slots[slot].code == code) return m_slots[slot].cell;
             if (m_slots[slot].code == EMPTY) return NONE;
