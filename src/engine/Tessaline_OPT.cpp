@@ -442,6 +442,20 @@ bool listedScaleCode(std::int32_t word) {
     }
 }
 
+// The parts in the order of their keys, into arrays of their final size; each goes once copied.
+void joinParts(std::vector<MeshPart>& parts, MultiMeshData& mesh) {
+    std::size_t triangles = 0;
+    for (const MeshPart& part : parts) triangles += part.mesh.xyz.size();
+    mesh.xyz.reserve(triangles);
+    mesh.w.reserve(triangles);
+    for (MeshPart& part : parts) {
+        mesh.xyz.insert(mesh.xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
+        mesh.w.insert(mesh.w.end(), part.mesh.w.begin(), part.mesh.w.end());
+        std::vector<TriangleXYZ>().swap(part.mesh.xyz);
+        std::vector<TriangleW>().swap(part.mesh.w);
+    }
+}
+
 }  // namespace
 
 void Tessaline_OPT::chooseRunOrigin() {
@@ -658,69 +672,119 @@ int Tessaline_OPT::runGuardedStages(const char* operation, std::shared_ptr<Multi
 
 int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts,
                              std::string& last_error) {
-    // A stage that fails hands its own text up; its status is returned unchanged.
-    const auto exitWith = [&last_error](const std::string& stage_error, int status) {
-        last_error = stage_error;
-        return status;
-    };
-
     TimeProfiler profiler;
     reportStep(STEP_PREPROCESS, 1, 1, 1);
     profiler.time_start("portioner");
     std::uint64_t held_points = 0;
     for (const auto& frame : m_held_frames)
         if (frame) held_points += frame->xyz.size();
-    // What each stage wants, for the text of a memory failure: a cleaned copy of the frames (28 bytes a
-    // point), the blocks' lists (a 40-byte record a point and margin, about 1.7 a point), a block's cells.
-    std::unique_ptr<MemoryStageScope> stage =
-        std::make_unique<MemoryStageScope>("[Tessaline_OPT] process (screening the frames)", held_points * 28);
-    screenHeldFrames();
     std::uint64_t usable_points = 0;
-    for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
-    if (!m_owned_blocks.empty() && usable_points == 0) {
-        // No point reaches the blocks asked for: they have no triangles.
-        m_stages_spent = true;
-        std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(m_held_frames);
-        if (parts != nullptr) parts->clear();
-        mesh = std::make_shared<MultiMeshData>();
-        last_error = "no error!";
-        return 0;
+    {
+        // What each stage wants, for the text of a memory failure: a cleaned copy of the frames (28 bytes a
+        // point), the blocks' lists (a 40-byte record a point and margin, about 1.7 a point), a block's cells.
+        const MemoryStageScope stage("[Tessaline_OPT] process (screening the frames)", held_points * 28);
+        screenHeldFrames();
+        for (const auto& frame : m_held_frames) usable_points += frame->xyz.size();
+        if (!m_owned_blocks.empty() && usable_points == 0) {
+            // No point reaches the blocks asked for: they have no triangles.
+            m_stages_spent = true;
+            std::vector<std::shared_ptr<FrameDataWithInfo>>().swap(m_held_frames);
+            if (parts != nullptr) parts->clear();
+            mesh = std::make_shared<MultiMeshData>();
+            last_error = "no error!";
+            return 0;
+        }
+        profiler.time_start("filterScanFrameByMarkers");
+        const int result = filterScanFrameByMarkers();
+        if (result != 0) {
+            last_error = "filterScanFrameByMarkers error";
+            return result;
+        }
+        profiler.time_stop("filterScanFrameByMarkers", true);
     }
-    profiler.time_start("filterScanFrameByMarkers");
-    int result = filterScanFrameByMarkers();
-    if (result != 0) {
-        last_error = "filterScanFrameByMarkers error";
-        return result;
-    }
-    profiler.time_stop("filterScanFrameByMarkers", true);
 
     // From here on the stages belong to this run.
     m_stages_spent = true;
-    stage.reset();
-    stage = std::make_unique<MemoryStageScope>("[Portioner] process (frames into blocks)",
-                                               usable_points * sizeof(RawPointWithHash) * 17 / 10);
-    while (!m_frame_queue.empty()) {
-        stopPoint();
-        std::shared_ptr<FrameDataWithInfo> frame = m_frame_queue.front();
-        m_frame_queue.pop_front();
-        m_portioner->addScanFrameWithoutModel(frame);  // a refused frame just takes no part
-    }
+    int result = portionFrames(usable_points, last_error);
+    if (result != 0) return result;
+    result = prepareFusion(profiler, last_error);
+    if (result != 0) return result;
+
+    const int block_count = m_portioner->getPointCloudBlockCount();
+    const LeftOutBlocks left_out = fuseBlocks(profiler, block_count);
+    const CellRuleCounts counts = m_marching_cubes->cellRuleCounts();
+    printCellRuleCounts(counts);
+    reportStep(STEP_MESH, 3, 1, 1);
+    result = endFusion(last_error);
+    if (result != 0) return result;
+
     stopPoint();
+    profiler.time_start("reconstructor");
+    std::vector<MeshPart> made;
+    {
+        const MemoryStageScope stage("[Reconstructor] process (the mesh)", 0);
+        result = m_reconstructor->processParts(m_owned_blocks, made);
+    }
+    if (result != 0) {
+        mesh = std::make_shared<MultiMeshData>();
+        last_error = m_reconstructor->getLastError();  // the stage's own text, its status unchanged
+        return result;
+    }
+    profiler.time_stop("reconstructor", true);
 
-    result = m_portioner->processWithoutModel();
-    stage.reset();
-    if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!")
-        return exitWith("[Tessaline_OPT] process no usable points: no frames, or every point was dropped!", result);
-    if (result != 0) return exitWith(m_portioner->getLastError(), result);
+    if (hasRunOrigin()) toApplicationCoordinates(made);
+    bool empty = true;
+    for (const MeshPart& part : made) empty = empty && part.mesh.xyz.empty();
+    if (parts != nullptr) {
+        *parts = std::move(made);
+    } else {
+        mesh = std::make_shared<MultiMeshData>();
+        joinParts(made, *mesh);
+    }
+
+    last_error = "no error!";
+    if (left_out.blocks > 0) return reportLeftOut(left_out, block_count, last_error);
+    if (empty && m_owned_blocks.empty() && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
+        last_error = emptyMeshReason(counts, usable_points, m_resolution);
+        diagnostic("%s\n", last_error.c_str());
+    }
+    return 0;
+}
+
+int Tessaline_OPT::portionFrames(std::uint64_t usable_points, std::string& last_error) {
+    int result = 0;
+    {
+        const MemoryStageScope stage("[Portioner] process (frames into blocks)",
+                                     usable_points * sizeof(RawPointWithHash) * 17 / 10);
+        while (!m_frame_queue.empty()) {
+            stopPoint();
+            std::shared_ptr<FrameDataWithInfo> frame = m_frame_queue.front();
+            m_frame_queue.pop_front();
+            m_portioner->addScanFrameWithoutModel(frame);  // a refused frame just takes no part
+        }
+        stopPoint();
+        result = m_portioner->processWithoutModel();
+    }
+    // A stage that fails hands its own text up; its status is returned unchanged.
+    if (result != 0 && usable_points == 0 && m_portioner->getLastError() == "no error!") {
+        last_error = "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!";
+        return result;
+    }
+    if (result != 0) last_error = m_portioner->getLastError();
+    return result;
+}
+
+int Tessaline_OPT::prepareFusion(TimeProfiler& profiler, std::string& last_error) {
     const int max_block_points = m_portioner->getMaxBlockPointsSize();
-    stage = std::make_unique<MemoryStageScope>(
-        "[Tessaline_OPT] process (the octree, the field store, the largest block's arrays)",
-        blockWorkingSetBytes(static_cast<std::uint64_t>(max_block_points), 0));
-
+    const MemoryStageScope stage("[Tessaline_OPT] process (the octree, the field store, the largest block's arrays)",
+                                 blockWorkingSetBytes(static_cast<std::uint64_t>(max_block_points), 0));
     auto hash_params = std::make_shared<HashParameters>(defaultHashParameters());
     auto octree = std::make_shared<HashOctree>();
-    result = octree->init(hash_params);
-    if (result != 0) return exitWith(octree->getLastError(), result);
+    int result = octree->init(hash_params);
+    if (result != 0) {
+        last_error = octree->getLastError();
+        return result;
+    }
     octree->setResolution(m_resolution);
     octree->setBlockSize(static_cast<std::int32_t>(m_portioner_params->block_size));
     m_marching_cubes->setHashOctree(octree);
@@ -735,18 +799,20 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<M
     m_reconstructor->setFieldDataPool(field_data_pool);
 
     result = m_marching_cubes->initDevice(static_cast<std::uint64_t>(max_block_points));
-    if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
+    if (result != 0) {
+        last_error = m_marching_cubes->getLastError();
+        return result;
+    }
     profiler.time_stop("portioner", true);
-    stage.reset();
+    return 0;
+}
 
+Tessaline_OPT::LeftOutBlocks Tessaline_OPT::fuseBlocks(TimeProfiler& profiler, int block_count) {
     // A run restricted to some blocks computes those and their neighbours on the high side alone.
     const bool restricted = !m_owned_blocks.empty();
     const BlockKeySet computed = blocksToCompute(m_owned_blocks);
     const float block_res = static_cast<float>(m_portioner_params->block_size) * m_resolution;
-    const int block_count = m_portioner->getPointCloudBlockCount();
-    int left_out_blocks = 0, left_out_status = 0;
-    std::uint64_t left_out_points = 0;
-    std::string first_left_out;
+    LeftOutBlocks left_out;
     reportStep(STEP_FUSION, 2, 0, block_count);
     for (int i = 0; i < block_count; ++i) {
         stopPoint();
@@ -772,95 +838,64 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<M
         if (block_result == 0) {
             profiler.time_stop("marching_cubes", true);
         } else {
-            char text[768];
-            std::snprintf(text, sizeof(text), "block %d at (%g, %g, %g) with %llu points: %s", i,
-                          static_cast<double>(block->center[0]) + m_run_origin[0],
-                          static_cast<double>(block->center[1]) + m_run_origin[1],
-                          static_cast<double>(block->center[2]) + m_run_origin[2],
-                          static_cast<unsigned long long>(block_points), m_marching_cubes->getLastError().c_str());
-            diagnostic("[Tessaline_OPT] process left out %s\n", text);
-            // A block left out for want of memory makes the run's status the memory status, whichever block
-            // was first.
-            if (left_out_blocks == 0 ||
-                (block_result == static_cast<int>(TESSALINE_OUT_OF_MEMORY) && left_out_status != block_result)) {
-                left_out_status = block_result;
-                first_left_out = text;
-            }
-            ++left_out_blocks;
-            left_out_points += block_points;
+            noteLeftOut(left_out, i, block->center, block_points, block_result);
         }
         block.reset();  // at most one block is held outside the Portioner's list
     }
+    return left_out;
+}
 
-    const CellRuleCounts counts = m_marching_cubes->cellRuleCounts();
-    printCellRuleCounts(counts);
-    reportStep(STEP_MESH, 3, 1, 1);
-    result = m_marching_cubes->deInitDevice();
-    if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
-    result = m_marching_cubes->deInit();
-    if (result != 0) return exitWith(m_marching_cubes->getLastError(), result);
-    result = m_portioner->deInit();
-    if (result != 0) return exitWith(m_portioner->getLastError(), result);
+void Tessaline_OPT::noteLeftOut(LeftOutBlocks& left_out, int index, const float centre[3], std::size_t points,
+                                int status) const {
+    char text[768];
+    std::snprintf(text, sizeof(text), "block %d at (%g, %g, %g) with %llu points: %s", index,
+                  static_cast<double>(centre[0]) + m_run_origin[0], static_cast<double>(centre[1]) + m_run_origin[1],
+                  static_cast<double>(centre[2]) + m_run_origin[2], static_cast<unsigned long long>(points),
+                  m_marching_cubes->getLastError().c_str());
+    diagnostic("[Tessaline_OPT] process left out %s\n", text);
+    // A block left out for want of memory makes the run's status the memory status, whichever block was first.
+    if (left_out.blocks == 0 || (status == static_cast<int>(TESSALINE_OUT_OF_MEMORY) && left_out.status != status)) {
+        left_out.status = status;
+        left_out.first = text;
+    }
+    ++left_out.blocks;
+    left_out.points += points;
+}
 
-    stopPoint();
-    profiler.time_start("reconstructor");
-    stage = std::make_unique<MemoryStageScope>("[Reconstructor] process (the mesh)", 0);
-    std::vector<MeshPart> made;
-    result = m_reconstructor->processParts(m_owned_blocks, made);
-    stage.reset();
+int Tessaline_OPT::endFusion(std::string& last_error) {
+    int result = m_marching_cubes->deInitDevice();
+    if (result == 0) result = m_marching_cubes->deInit();
     if (result != 0) {
-        mesh = std::make_shared<MultiMeshData>();
-        return exitWith(m_reconstructor->getLastError(), result);
+        last_error = m_marching_cubes->getLastError();
+        return result;
     }
-    profiler.time_stop("reconstructor", true);
+    result = m_portioner->deInit();
+    if (result != 0) last_error = m_portioner->getLastError();
+    return result;
+}
 
-    if (hasRunOrigin()) {
-        // Back to the application's coordinates, in double so that only the final rounding remains.
-        for (MeshPart& part : made)
-            for (TriangleXYZ& t : part.mesh.xyz)
-                for (int v = 0; v < 9; ++v)
-                    t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
-    }
-    bool empty = true;
-    for (const MeshPart& part : made) empty = empty && part.mesh.xyz.empty();
-    if (parts != nullptr) {
-        *parts = std::move(made);
-    } else {
-        // The parts in the order of their keys, into arrays of their final size; each goes once copied.
-        mesh = std::make_shared<MultiMeshData>();
-        std::size_t triangles = 0;
-        for (const MeshPart& part : made) triangles += part.mesh.xyz.size();
-        mesh->xyz.reserve(triangles);
-        mesh->w.reserve(triangles);
-        for (MeshPart& part : made) {
-            mesh->xyz.insert(mesh->xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
-            mesh->w.insert(mesh->w.end(), part.mesh.w.begin(), part.mesh.w.end());
-            std::vector<TriangleXYZ>().swap(part.mesh.xyz);
-            std::vector<TriangleW>().swap(part.mesh.w);
-        }
-    }
+// Back to the application's coordinates, in double so that only the final rounding remains.
+void Tessaline_OPT::toApplicationCoordinates(std::vector<MeshPart>& parts) const {
+    for (MeshPart& part : parts)
+        for (TriangleXYZ& t : part.mesh.xyz)
+            for (int v = 0; v < 9; ++v)
+                t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
+}
 
-    last_error = "no error!";
-    if (left_out_blocks > 0) {
-        // The mesh holds the rest of the scan; the status says that it is not all of it.
-        char text[1024];
-        std::snprintf(text, sizeof(text),
-                      "[Tessaline_OPT] process left out part of the scan: %d of %d blocks (%llu points, margins "
-                      "included); the mesh holds the rest. First: %s",
-                      left_out_blocks, block_count, static_cast<unsigned long long>(left_out_points),
-                      first_left_out.c_str());
-        last_error = text;
-        if (left_out_status == static_cast<int>(TESSALINE_OUT_OF_MEMORY) &&
-            last_error.find(MEMORY_ADVICE) == std::string::npos)
-            last_error += std::string("; ") + MEMORY_ADVICE;
-        diagnostic("%s\n", text);
-        return left_out_status;
-    }
-    if (empty && !restricted && usable_points >= EMPTY_MESH_NOTICE_POINTS) {
-        last_error = emptyMeshReason(counts, usable_points, m_resolution);
-        diagnostic("%s\n", last_error.c_str());
-    }
-    return 0;
+// The mesh holds the rest of the scan; the status says that it is not all of it.
+int Tessaline_OPT::reportLeftOut(const LeftOutBlocks& left_out, int block_count, std::string& last_error) const {
+    char text[1024];
+    std::snprintf(text, sizeof(text),
+                  "[Tessaline_OPT] process left out part of the scan: %d of %d blocks (%llu points, margins "
+                  "included); the mesh holds the rest. First: %s",
+                  left_out.blocks, block_count, static_cast<unsigned long long>(left_out.points),
+                  left_out.first.c_str());
+    last_error = text;
+    if (left_out.status == static_cast<int>(TESSALINE_OUT_OF_MEMORY) &&
+        last_error.find(MEMORY_ADVICE) == std::string::npos)
+        last_error += std::string("; ") + MEMORY_ADVICE;
+    diagnostic("%s\n", text);
+    return left_out.status;
 }
 
 }  // namespace SurfaceReconstruction

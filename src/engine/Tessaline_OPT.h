@@ -22,6 +22,7 @@ class Portioner;
 class MarchingCubes;
 class Reconstructor;
 class ThreadPool;
+class TimeProfiler;
 struct TestAccess;
 
 // Workers of the engine's pool.
@@ -94,6 +95,27 @@ private:
     // The stages of a run, from the held frames to the mesh; `last_error` takes the text of a failure.
     // `parts` null: the whole mesh into `mesh`; otherwise the owned blocks' parts into `parts`.
     int runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts, std::string& last_error);
+    // The steps of runStages that follow the frames' screening, in order. Those returning a status return
+    // 0, or a failed stage's status unchanged with the stage's own text in `last_error`.
+    // The queued frames into the Portioner's blocks.
+    int portionFrames(std::uint64_t usable_points, std::string& last_error);
+    // The octree, the field store and the arrays of the largest block.
+    int prepareFusion(TimeProfiler& profiler, std::string& last_error);
+    // The blocks that a run left out: how many, their points, and the status and text of the one it names.
+    struct LeftOutBlocks {
+        int blocks = 0;
+        int status = 0;
+        std::uint64_t points = 0;
+        std::string first;
+    };
+    // Each block's cells and fields; a block that fails is left out and noted.
+    LeftOutBlocks fuseBlocks(TimeProfiler& profiler, int block_count);
+    void noteLeftOut(LeftOutBlocks& left_out, int index, const float centre[3], std::size_t points, int status) const;
+    // The fusion's and the Portioner's device memory and state given back.
+    int endFusion(std::string& last_error);
+    void toApplicationCoordinates(std::vector<MeshPart>& parts) const;
+    // The text and status of a run that left blocks out.
+    int reportLeftOut(const LeftOutBlocks& left_out, int block_count, std::string& last_error) const;
     // process and processParts: the guards around runStages.
     int runGuardedStages(const char* operation, std::shared_ptr<MultiMeshData>& mesh, std::vector<MeshPart>* parts);
     // Replaces every held frame that has points the run cannot use by a copy without them (the

@@ -333,6 +333,88 @@ struct SheetAccumulator {
     }
 };
 
+// The field value walk's steps on eight points, apart from its sums. Always inlined: they run once a chunk of
+// the hottest walk, and their vectors stay in registers.
+
+// The weight that a sheet's foot gives eight points from their offsets (fx, fy, fz) to it, on the lanes of
+// `lanes` (the others are left to chance): exp(a d^2 / denom), d rounded as the per-cell function rounds it.
+__attribute__((always_inline)) inline __m256 footWeight(__m256 fx, __m256 fy, __m256 fz, __m256 a, __m256 denom,
+                                                        int lanes) {
+    const __m256 d = _mm256_sqrt_ps(
+        _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(fx, fx), _mm256_mul_ps(fy, fy)), _mm256_mul_ps(fz, fz)));
+    return expLanes(_mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(d, a), d), denom), lanes);
+}
+
+// The points q projected onto the planes of their sheets: t = (q - m) . n, then q = q - t n.
+__attribute__((always_inline)) inline void projectOntoSheets(__m256 q[3], const __m256 mean[3], const __m256 n[3]) {
+    const __m256 mx = _mm256_sub_ps(q[0], mean[0]), my = _mm256_sub_ps(q[1], mean[1]),
+                 mz = _mm256_sub_ps(q[2], mean[2]);
+    const __m256 t =
+        _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(mx, n[0]), _mm256_mul_ps(my, n[1])), _mm256_mul_ps(mz, n[2]));
+    for (int k = 0; k < 3; ++k) q[k] = _mm256_sub_ps(q[k], _mm256_mul_ps(t, n[k]));
+}
+
+// The sub-cell of each point of a sheet inside the box [lo, hi], at its (projected) place q: bit[l] = ix + 4 iy
+// + 16 iz, each index truncated toward zero. Returns the lanes of `sheet_bits` inside the box whose bit lies in
+// 0..63; an index outside that sets no bit (not clamped: an upper face runs into the next bit). Only the sheets'
+// lanes are looked at, and the divisions only where one is inside.
+__attribute__((always_inline)) inline int subCellBits(const EightPoints& p, const __m256 q[3], const __m256 lo[3],
+                                                      const __m256 hi[3], __m256 sub_cell, int sheet_bits,
+                                                      std::int32_t bit[8]) {
+    const __m256 position[3] = {p.x, p.y, p.z};
+    __m256 inside_lanes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
+    for (int k = 0; k < 3; ++k)
+        inside_lanes = _mm256_and_ps(inside_lanes, _mm256_and_ps(_mm256_cmp_ps(lo[k], position[k], _CMP_LE_OQ),
+                                                                 _mm256_cmp_ps(position[k], hi[k], _CMP_LE_OQ)));
+    int mask_bits = bitsOf(inside_lanes) & sheet_bits;
+    if (mask_bits == 0) return 0;
+    __m256 index[3];
+    for (int k = 0; k < 3; ++k) index[k] = _mm256_div_ps(_mm256_sub_ps(q[k], lo[k]), sub_cell);
+    // Truncation where every index lies well within an int; the saturating conversion elsewhere.
+    const __m256 limit = broadcast(1048576.0f);
+    __m256 small = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
+    for (int k = 0; k < 3; ++k)
+        small = _mm256_and_ps(small, _mm256_cmp_ps(_mm256_andnot_ps(broadcast(-0.0f), index[k]), limit, _CMP_LT_OQ));
+    if ((bitsOf(small) & mask_bits) == mask_bits) {
+        const __m256i b = _mm256_add_epi32(_mm256_cvttps_epi32(index[0]),
+                                           _mm256_add_epi32(_mm256_slli_epi32(_mm256_cvttps_epi32(index[1]), 2),
+                                                            _mm256_slli_epi32(_mm256_cvttps_epi32(index[2]), 4)));
+        _mm256_store_si256(reinterpret_cast<__m256i*>(bit), b);
+    } else {
+        alignas(32) float ix[8], iy[8], iz[8];
+        _mm256_store_ps(ix, index[0]);
+        _mm256_store_ps(iy, index[1]);
+        _mm256_store_ps(iz, index[2]);
+        for (int bits = mask_bits; bits != 0; bits &= bits - 1) {
+            const int l = lowestLane(bits);
+            bit[l] = floatToIntSaturate(ix[l]) + 4 * floatToIntSaturate(iy[l]) + 16 * floatToIntSaturate(iz[l]);
+        }
+    }
+    for (int bits = mask_bits; bits != 0; bits &= bits - 1) {
+        const int l = lowestLane(bits);
+        if (bit[l] < 0 || bit[l] >= 64) mask_bits &= ~(1 << l);
+    }
+    return mask_bits;
+}
+
+// The points of `face_bits` into the sums of the cell's second face, in lane order.
+__attribute__((always_inline)) inline void addLanesToSecondFace(const EightPoints& p, int face_bits,
+                                                                field_internal::SecondFace& second_face) {
+    alignas(32) float nx[8], ny[8], nz[8], ox[8], oy[8], oz[8];
+    _mm256_store_ps(nx, p.nx);
+    _mm256_store_ps(ny, p.ny);
+    _mm256_store_ps(nz, p.nz);
+    _mm256_store_ps(ox, p.ox);
+    _mm256_store_ps(oy, p.oy);
+    _mm256_store_ps(oz, p.oz);
+    for (; face_bits != 0; face_bits &= face_bits - 1) {
+        const int l = lowestLane(face_bits);
+        const float n[3] = {nx[l], ny[l], nz[l]};
+        const float o[3] = {ox[l], oy[l], oz[l]};
+        field_internal::addToSecondFace(second_face, n, o);
+    }
+}
+
 // A cell's points gathered in walk order into columns of their own: a cell whose relations hold one or
 // two points each would otherwise load eight lanes for each of them.
 struct CellScratch {
@@ -775,7 +857,7 @@ struct ColumnWalks {
         // Each sheet's sums in registers of their own: (sum x, sum y, sum z, weight) and the same of the skirt
         // test, one addition of four lanes a point, each lane the sum the per-cell function makes.
         SheetAccumulator sheet0, sheet1;
-        alignas(32) float sum_quads[32], reach_quads[32], nx[8], ny[8], nz[8], ox[8], oy[8], oz[8];
+        alignas(32) float sum_quads[32], reach_quads[32];
         alignas(32) std::int32_t bit[8];
         // The skirt sums take every lane of the sheet, the others only the points that count in the cell.
         const auto addSheet = [&](SheetAccumulator& sheet, int bits, int count_bits, int mask_bits) {
@@ -790,12 +872,9 @@ struct ColumnWalks {
         // The weight of the points from `at` on as one sheet's foot gives it (the lanes past `lanes` are left
         // to chance).
         const auto weightOf = [&](std::size_t at, int lanes) {
-            const __m256 fx = _mm256_sub_ps(_mm256_loadu_ps(columns.x + at), foot[0][0]),
-                         fy = _mm256_sub_ps(_mm256_loadu_ps(columns.y + at), foot[0][1]),
-                         fz = _mm256_sub_ps(_mm256_loadu_ps(columns.z + at), foot[0][2]);
-            const __m256 d = _mm256_sqrt_ps(
-                _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(fx, fx), _mm256_mul_ps(fy, fy)), _mm256_mul_ps(fz, fz)));
-            return expLanes(_mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(d, a), d), denom), (1 << lanes) - 1);
+            return footWeight(_mm256_sub_ps(_mm256_loadu_ps(columns.x + at), foot[0][0]),
+                              _mm256_sub_ps(_mm256_loadu_ps(columns.y + at), foot[0][1]),
+                              _mm256_sub_ps(_mm256_loadu_ps(columns.z + at), foot[0][2]), a, denom, (1 << lanes) - 1);
         };
         const auto chunkAt = [&](std::size_t at, int lanes, __m256 weight_ahead) __attribute__((always_inline)) {
             const EightPoints p(columns, at, centre);
@@ -825,86 +904,22 @@ struct ColumnWalks {
                     mean_s[k] = Two ? _mm256_blendv_ps(mean[0][k], mean[1][k], in_sheet1) : mean[0][k];
                 }
                 __m256 weight = weight_ahead;  // one sheet: the weight came ahead
-                if (Two && setup.weight.gaussian) {
-                    const __m256 fx = _mm256_sub_ps(p.x, foot_s[0]), fy = _mm256_sub_ps(p.y, foot_s[1]),
-                                 fz = _mm256_sub_ps(p.z, foot_s[2]);
-                    const __m256 d = _mm256_sqrt_ps(_mm256_add_ps(
-                        _mm256_add_ps(_mm256_mul_ps(fx, fx), _mm256_mul_ps(fy, fy)), _mm256_mul_ps(fz, fz)));
-                    weight = expLanes(_mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(d, a), d), denom), bits0 | bits1);
-                }
+                if (Two && setup.weight.gaussian)
+                    weight = footWeight(_mm256_sub_ps(p.x, foot_s[0]), _mm256_sub_ps(p.y, foot_s[1]),
+                                        _mm256_sub_ps(p.z, foot_s[2]), a, denom, bits0 | bits1);
                 if (Skirt)
                     ProductQuads::transpose(_mm256_mul_ps(p.ox, weight), _mm256_mul_ps(p.oy, weight),
                                             _mm256_mul_ps(p.oz, weight), weight, reach_quads);
                 __m256 q[3] = {p.x, p.y, p.z};
-                if (setup.project) {
-                    // t = (p - m) . n, then q = p - t n
-                    const __m256 mx = _mm256_sub_ps(p.x, mean_s[0]), my = _mm256_sub_ps(p.y, mean_s[1]),
-                                 mz = _mm256_sub_ps(p.z, mean_s[2]);
-                    const __m256 t = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(mx, n_s[0]), _mm256_mul_ps(my, n_s[1])),
-                                                   _mm256_mul_ps(mz, n_s[2]));
-                    for (int k = 0; k < 3; ++k) q[k] = _mm256_sub_ps(q[k], _mm256_mul_ps(t, n_s[k]));
-                }
+                if (setup.project) projectOntoSheets(q, mean_s, n_s);
                 ProductQuads::transpose(_mm256_mul_ps(_mm256_sub_ps(q[0], centre[0]), weight),
                                         _mm256_mul_ps(_mm256_sub_ps(q[1], centre[1]), weight),
                                         _mm256_mul_ps(_mm256_sub_ps(q[2], centre[2]), weight), weight, sum_quads);
-                // The sub-cell of each point of a sheet inside the box: ix + 4 iy + 16 iz, each index truncated
-                // toward zero; an index outside 0..63 sets no bit (not clamped: an upper face runs into the next
-                // bit). Only the sheets' lanes are looked at, and the divisions only where one is inside.
-                const __m256 position[3] = {p.x, p.y, p.z};
-                __m256 inside_lanes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
-                for (int k = 0; k < 3; ++k)
-                    inside_lanes =
-                        _mm256_and_ps(inside_lanes, _mm256_and_ps(_mm256_cmp_ps(lo[k], position[k], _CMP_LE_OQ),
-                                                                  _mm256_cmp_ps(position[k], hi[k], _CMP_LE_OQ)));
-                int mask_bits = bitsOf(inside_lanes) & (bits0 | bits1);
-                if (mask_bits != 0) {
-                    __m256 index[3];
-                    for (int k = 0; k < 3; ++k) index[k] = _mm256_div_ps(_mm256_sub_ps(q[k], lo[k]), sub_cell);
-                    // Truncation where every index lies well within an int; the saturating conversion elsewhere.
-                    const __m256 limit = broadcast(1048576.0f);
-                    __m256 small = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
-                    for (int k = 0; k < 3; ++k)
-                        small = _mm256_and_ps(
-                            small, _mm256_cmp_ps(_mm256_andnot_ps(broadcast(-0.0f), index[k]), limit, _CMP_LT_OQ));
-                    if ((bitsOf(small) & mask_bits) == mask_bits) {
-                        const __m256i b =
-                            _mm256_add_epi32(_mm256_cvttps_epi32(index[0]),
-                                             _mm256_add_epi32(_mm256_slli_epi32(_mm256_cvttps_epi32(index[1]), 2),
-                                                              _mm256_slli_epi32(_mm256_cvttps_epi32(index[2]), 4)));
-                        _mm256_store_si256(reinterpret_cast<__m256i*>(bit), b);
-                    } else {
-                        alignas(32) float ix[8], iy[8], iz[8];
-                        _mm256_store_ps(ix, index[0]);
-                        _mm256_store_ps(iy, index[1]);
-                        _mm256_store_ps(iz, index[2]);
-                        for (int bits = mask_bits; bits != 0; bits &= bits - 1) {
-                            const int l = lowestLane(bits);
-                            bit[l] = floatToIntSaturate(ix[l]) + 4 * floatToIntSaturate(iy[l]) +
-                                     16 * floatToIntSaturate(iz[l]);
-                        }
-                    }
-                    for (int bits = mask_bits; bits != 0; bits &= bits - 1) {
-                        const int l = lowestLane(bits);
-                        if (bit[l] < 0 || bit[l] >= 64) mask_bits &= ~(1 << l);
-                    }
-                }
+                const int mask_bits = subCellBits(p, q, lo, hi, sub_cell, bits0 | bits1, bit);
                 addSheet(sheet0, bits0, count_bits, mask_bits);
                 if (bits1 != 0) addSheet(sheet1, bits1, count_bits, mask_bits);
             }
-            if (face_bits != 0) {
-                _mm256_store_ps(nx, p.nx);
-                _mm256_store_ps(ny, p.ny);
-                _mm256_store_ps(nz, p.nz);
-                _mm256_store_ps(ox, p.ox);
-                _mm256_store_ps(oy, p.oy);
-                _mm256_store_ps(oz, p.oz);
-                for (; face_bits != 0; face_bits &= face_bits - 1) {
-                    const int l = lowestLane(face_bits);
-                    const float n[3] = {nx[l], ny[l], nz[l]};
-                    const float o[3] = {ox[l], oy[l], oz[l]};
-                    field_internal::addToSecondFace(second_face, n, o);
-                }
-            }
+            if (face_bits != 0) addLanesToSecondFace(p, face_bits, second_face);
         };
         // One sheet: each chunk's weights are worked out while the chunk before is summed (their roots,
         // divisions and exponentials take long, and depend on nothing summed), the cell's chunks listed first.

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -204,199 +205,362 @@ void CellBuildBuffers::fitTo(std::size_t points) {
     last_points = points;
 }
 
-int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
-                                           std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations) {
-    std::shared_ptr<HashRootCellData> root;
-    if (m_hash_octree->insertBlockHash(block.center, root) != 0 || !root) {
-        m_last_error = "[MarchingCubes] m_hash_octree->insertBlockHash failed!";
-        return 1;
+// The steps of MarchingCubes::buildOctreeAndRelations for one block, and the state they share: the walk
+// that shapes the tree and makes the records, the neighbourhood searches that find each record's bins,
+// and the flattening of what they found into one array.
+class MarchingCubes::CellBuild {
+public:
+    CellBuild(MarchingCubes& mc, const std::vector<BinsHeader>& bins_header, const HashRootCellData& root);
+
+    // Under one scale, which of the 27 cells around each bin the bin visits first. False where the block
+    // takes the walk over all bins instead: more than one scale, or keys that do not follow the offsets.
+    bool findFirstVisits();
+    // The walk over all bins in bin order, each visiting the cells of its scale.
+    void walkBinsInOrder();
+    // What the searches read of the bins, and their output emptied.
+    void prepareSearches();
+    // One scale: the walk of the first visits, with the searches of their cells beside it. False where the
+    // walk met something in the way and the records still wait for their own searches.
+    bool walkAndSearchFirstVisits();
+    // Each record's own search, once, into the list of the thread that runs it.
+    void searchByRecord();
+    // The records that moved into the records of the leaves that absorbed their cells.
+    void applyAbsorptions();
+    // Each cell's relations together, in record order; non-zero where they do not fit.
+    int flatten(std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations);
+
+private:
+    template <class Take>
+    class Search;
+    // The ranks of the occupied keys of the 7 x 7 x 7 around a bin, and which are occupied, as bits of
+    // their places (x * 7 + y) * 7 + z.
+    struct BinsAround {
+        std::int32_t rank[343];
+        std::uint64_t occupied[6] = {};
+    };
+
+    // The record of a leaf reached for the first time, with its pending search.
+    void makeRecord(CellNode* leaf, const float pos[3], std::uint32_t word, const PendingSearch& search);
+    // Finer bins got to a leaf's place first: their records move into the leaf's, depth first.
+    void absorbFinerRecords(CellNode* leaf);
+    // What a visit does with the leaf it reached.
+    bool visitLeaf(CellNode* leaf, const float pos[3], std::uint32_t word, const PendingSearch& search);
+    // The cell at `pos` of the wished size, its record made by the first bin that reaches it.
+    bool visitCell(const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search);
+
+    // The bins of the keys (x, y, z) to (x, y, z + n - 1), in that order: take(bin index, k) for the
+    // bin at z + k. With the bitmap, visitRowRanks's take_rank(rank, k) sees the rank of each occupied
+    // key: bins by rank lie in space order, where their bin indices do not.
+    template <class TakeRank>
+    void visitRowRanks(std::int32_t x, std::int32_t y, std::int32_t z, int n, TakeRank&& take_rank) const;
+    template <class Take>
+    void visitRow(std::int32_t x, std::int32_t y, std::int32_t z, int n, Take&& take) const;
+
+    // Whether each neighbour cell's key is bin b's key plus the offset.
+    bool keysFollowOffsets(const BinsHeader& bin, const std::int32_t own[3], std::int64_t b) const;
+    // Bit t: bin b, at key `own`, is the first visitor of its t-th neighbour cell; from the bitmap, or
+    // from the bins of the rows around it.
+    std::uint32_t firstVisitsByBitmap(std::int64_t b, const std::int32_t own[3]) const;
+    std::uint32_t firstVisitsByRows(std::int64_t b, const std::int32_t own[3]) const;
+
+    // The cells a bin visits, by its scale: the default one, coarser and finer.
+    void visitDefaultCells(const BinsHeader& bin, std::uint32_t word);
+    void visitCoarseCells(const BinsHeader& bin, std::uint8_t scale, std::uint32_t word);
+    void visitFineCells(const BinsHeader& bin, std::uint8_t scale, std::uint32_t word);
+
+    // The search of a record, around its position at the size of the bin that made it: `take` sees every
+    // bin found, in search order. Returns the points found and whether the search was widened.
+    template <class Take>
+    std::pair<std::int32_t, bool> search(const PendingSearch& p, Take&& take) const;
+
+    // The centre of the neighbour cell of a bin at offset (dx, dy, dz), at the default scale.
+    void neighbourCentre(const BinsHeader& bin, int dx, int dy, int dz, float pos[3]) const {
+        pos[0] = bin.center[0] + static_cast<float>(dx) * r;
+        pos[1] = bin.center[1] + static_cast<float>(dy) * r;
+        pos[2] = bin.center[2] + static_cast<float>(dz) * r;
     }
-    const float r = m_resolution;
-    // The arrays of the former block are used again where nothing else holds them.
-    std::shared_ptr<CellNodeAndRelations> flat = std::move(m_cell_buffers.spare);
+    // A visit outside the block's root cell makes no cell: it is neither walked nor searched.
+    void dropVisitsOutsideRoot();
+    // Where each bin's first visits begin among all of them, and the per-visit arrays sized.
+    void numberVisits();
+    // The walk of the first visits, in bin order, on one thread.
+    void walkFirstVisits();
+    // A first visit while every visit so far reached a new leaf: the leaf is numbered, or the walk turns
+    // into the ordinary one from here on.
+    void walkFirstVisit(std::size_t b, const float pos[3], std::uint32_t word, std::int64_t& made);
+    // The records and pending searches of the visits of bins [from, to) before visit `end`.
+    void makeVisitRecords(std::int64_t from, std::int64_t to, std::int64_t end, bool searched);
+    // The searches of bin b's first visits into `list`, the list of `thread`.
+    void searchFirstVisitsOf(std::int64_t b, int thread, bool around_bins,
+                             UninitialisedArray<RelationCell2Bins_Device>& list);
+    void readBinsAround(const BinsHeader& bin, BinsAround& around) const;
+    std::pair<std::int32_t, bool> takeAroundCell(const BinsAround& around, int t,
+                                                 UninitialisedArray<RelationCell2Bins_Device>& list) const;
+
+    // take(s) for the searches whose relations record i takes, in order.
+    template <class Take>
+    void forEachSearchOf(std::int64_t i, Take&& take) const;
+    // Where each record's relations begin in the flat array; the number of them all.
+    std::int64_t relationOffsets(std::int64_t n);
+    // first_use[slice * threads + t]: where in thread t's list the searches that the records of that slice
+    // and the later ones copy begin.
+    std::vector<std::int64_t> firstUses(std::int64_t n, std::int64_t slices) const;
+    void copyRelations(std::int64_t n);
+
+    static constexpr std::int64_t FLATTEN_SLICE = 65536;
+
+    MarchingCubes& mc;
+    const std::vector<BinsHeader>& bins_header;
+    const HashRootCellData& root;
+    const float r;
+    const std::int64_t bin_count;
+    const BitmapView bitmap;
+    CellBuildBuffers& buffers;
+    std::shared_ptr<CellNodeAndRelations> flat;
+    UninitialisedArray<CellNode_Device>& records;
+    UninitialisedArray<PendingSearch>& pending;
+    std::vector<Absorption> absorptions;
+    DescentPath path;
+    std::vector<std::uint32_t> first_visits;  // per bin, bit t: its t-th neighbour cell is a first visit
+    float wide_search_edge = 0.0f;
+    // What a search takes of a bin, apart from the large headers, which it would otherwise pull through
+    // the cache for two numbers; and the same by the bitmap's rank, for the searches along rows.
+    std::vector<RelationCell2Bins_Device> runs;
+    std::vector<RelationCell2Bins_Device> runs_by_rank;
+    std::vector<std::int64_t> visit_start;  // per bin, its first visits' place among all
+    std::int64_t visits = 0;
+    bool one_record_a_visit = true;
+    // For records that absorbed others or moved on: the searches whose relations they take.
+    std::unordered_map<std::int32_t, std::vector<std::int32_t>> moved_lists;
+};
+
+namespace {
+
+// The arrays of the former block are used again where nothing else holds them.
+std::shared_ptr<CellNodeAndRelations> reusedFlat(CellBuildBuffers& buffers) {
+    std::shared_ptr<CellNodeAndRelations> flat = std::move(buffers.spare);
     if (!flat) flat = std::make_shared<CellNodeAndRelations>();
     flat->cell_nodes.clear();
     flat->relations.clear();
     flat->cell_node_size = 0;
     flat->relation_size = 0;
-    UninitialisedArray<CellNode_Device>& records = flat->cell_nodes;
-    UninitialisedArray<PendingSearch>& pending = m_cell_buffers.pending;
+    return flat;
+}
+
+}  // namespace
+
+MarchingCubes::CellBuild::CellBuild(MarchingCubes& mc, const std::vector<BinsHeader>& bins_header,
+                                    const HashRootCellData& root)
+    : mc(mc),
+      bins_header(bins_header),
+      root(root),
+      r(mc.m_resolution),
+      bin_count(static_cast<std::int64_t>(bins_header.size())),
+      bitmap{mc.m_bin_bitmap.data(), mc.m_bitmap_rank.data(), mc.m_bitmap_min, mc.m_bitmap_dim},
+      buffers(mc.m_cell_buffers),
+      flat(reusedFlat(mc.m_cell_buffers)),
+      records(flat->cell_nodes),
+      pending(mc.m_cell_buffers.pending) {
     pending.clear();
-    std::vector<Absorption> absorptions;
-    DescentPath path;
     // About four cells a bin on a surface: room for that up front spares most regrowth of the arrays.
     records.reserve(bins_header.size() * 4);
     pending.reserve(bins_header.size() * 4);
+}
 
-    // The cell at `pos` of the wished size, its record made by the first bin that reaches it.
-    // What a visit does with the leaf it reached.
-    const auto visitLeaf = [&](CellNode* leaf, const float pos[3], std::uint32_t word, const PendingSearch& search) {
-        if (leaf->data_id == -1) {
-            const std::int32_t index = static_cast<std::int32_t>(records.size());
-            try {
-                CellNode_Device record = emptyCellNodeDevice();
-                record.cell = leaf;
-                for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
-                record.half_size = leaf->half_size;
-                record.point_count = 0;
-                record.word = word;
-                records.push_back(record);
-                PendingSearch p = search;
-                for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
-                pending.push_back(p);
-            } catch (const std::bad_alloc&) {
-                // No room for the record: the block fails (a cell left out would leave a hole unsaid).
-                if (records.size() > static_cast<std::size_t>(index)) records.pop_back();
-                throw;
-            }
-            leaf->data_id = index;
-            leaf->data_state = 1;
-        }
-        if (leaf->child_count > 0) {
-            // Finer bins got here first: their records move into this leaf's, depth first.
-            std::vector<std::pair<CellNode*, int>> stack{{leaf, 0}};
-            while (!stack.empty()) {
-                auto& [node, next_child] = stack.back();
-                if (node->child_count > 0 && next_child < 8) {
-                    CellNode* child = node->child(next_child++);
-                    if (child) stack.push_back({child, 0});
-                    continue;
-                }
-                if (node != leaf && node->data_state == 1 && node->data_id >= 0)
-                    absorptions.push_back({leaf->data_id, node->data_id});
-                node->child_count = 0;
-                stack.pop_back();
-            }
-        }
-        return true;
-    };
-    const auto visitCell = [&](const float pos[3], float target_half, std::uint32_t word, const PendingSearch& search) {
-        CellNode* leaf = nullptr;
-        const int inserted = m_hash_octree->insertLeafNodeAlongPath(*root, pos, target_half, path, leaf);
-        // The cell pool full fails the block; a position outside the root makes no cell.
-        if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
-        if (inserted != 0) return true;
-        return visitLeaf(leaf, pos, word, search);
-    };
+// ---- The tree walk ----
 
-    // The bins of the keys (x, y, z) to (x, y, z + n - 1), in that order: take(bin index, k) for the
-    // bin at z + k. The part of the bit's place that x and y give is found once for the row.
-    // With the bitmap, take_rank(rank, k) sees the rank of each occupied key: bins by rank lie in space
-    // order, where their bin indices do not.
-    const auto visitRowRanks = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take_rank) {
-        const std::int64_t dx = static_cast<std::int64_t>(x) - m_bitmap_min[0];
-        const std::int64_t dy = static_cast<std::int64_t>(y) - m_bitmap_min[1];
-        if (dx < 0 || dy < 0 || (dx >> 2) >= m_bitmap_dim[0] || (dy >> 2) >= m_bitmap_dim[1]) return;
-        const std::int64_t column = (dy >> 2) * m_bitmap_dim[0] + (dx >> 2);
-        const std::int64_t layer = m_bitmap_dim[1] * m_bitmap_dim[0];
-        const int low = static_cast<int>(((dy & 3) << 2) + (dx & 3));
-        // The row's keys within the bitmap, then brick by brick along z: the row holds 4 bits of a
-        // brick's word, 16 apart, and only the bins there are looked at, in rising z.
-        const std::int64_t first = std::max<std::int64_t>(static_cast<std::int64_t>(z) - m_bitmap_min[2], 0);
-        const std::int64_t last =
-            std::min<std::int64_t>(static_cast<std::int64_t>(z) + n - 1 - m_bitmap_min[2], m_bitmap_dim[2] * 4 - 1);
-        for (std::int64_t brick = first >> 2; brick <= last >> 2; ++brick) {
-            std::uint64_t row = 0;
-            for (std::int64_t q = std::max(first, brick * 4); q <= std::min(last, brick * 4 + 3); ++q)
-                row |= std::uint64_t{1} << (low + 16 * (q & 3));
-            const std::size_t word_index = static_cast<std::size_t>(brick * layer + column);
-            const std::uint64_t word = m_bin_bitmap[word_index];
-            for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
-                const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
-                const int q = (__builtin_ctzll(below) - low) >> 4;
-                take_rank(m_bitmap_rank[word_index] + bitCount64(word & (below - 1)),
-                          static_cast<int>(brick * 4 + q - (static_cast<std::int64_t>(z) - m_bitmap_min[2])));
-            }
-        }
-    };
-    const BitmapView bitmap{m_bin_bitmap.data(), m_bitmap_rank.data(), m_bitmap_min, m_bitmap_dim};
-    const auto visitRow = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n, auto&& take) {
-        if (!m_bitmap_valid) {
-            for (int k = 0; k < n; ++k) {
-                const std::int32_t id = findBin(x, y, z + k);
-                if (id >= 0) take(id, k);
-            }
-            return;
-        }
-        visitRowRanks(x, y, z, n,
-                      [&](std::int64_t rank, int k) { take(m_rank_to_bin[static_cast<std::size_t>(rank)], k); });
-    };
+void MarchingCubes::CellBuild::makeRecord(CellNode* leaf, const float pos[3], std::uint32_t word,
+                                          const PendingSearch& search) {
+    const std::int32_t index = static_cast<std::int32_t>(records.size());
+    try {
+        CellNode_Device record = emptyCellNodeDevice();
+        record.cell = leaf;
+        for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
+        record.half_size = leaf->half_size;
+        record.point_count = 0;
+        record.word = word;
+        records.push_back(record);
+        PendingSearch p = search;
+        for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
+        pending.push_back(p);
+    } catch (const std::bad_alloc&) {
+        // No room for the record: the block fails (a cell left out would leave a hole unsaid).
+        if (records.size() > static_cast<std::size_t>(index)) records.pop_back();
+        throw;
+    }
+    leaf->data_id = index;
+    leaf->data_state = 1;
+}
 
-    // A block whose bins all ask for the default scale makes cells of one size only, one at each bin key
-    // and next to one, and no cell absorbs another: which bin makes a cell's record is then the first bin
-    // in bin order with the cell in its 3 x 3 x 3 neighbourhood, found for all cells at once on all cores.
-    // Only those first visits walk the tree, in the order the walk over all bins would make them; the
-    // others would find the record made.
-    const std::int64_t bin_count = static_cast<std::int64_t>(bins_header.size());
-    std::vector<std::uint32_t> first_visits;  // per bin, bit t: its t-th neighbour cell is a first visit
+void MarchingCubes::CellBuild::absorbFinerRecords(CellNode* leaf) {
+    std::vector<std::pair<CellNode*, int>> stack{{leaf, 0}};
+    while (!stack.empty()) {
+        auto& [node, next_child] = stack.back();
+        if (node->child_count > 0 && next_child < 8) {
+            CellNode* child = node->child(next_child++);
+            if (child) stack.push_back({child, 0});
+            continue;
+        }
+        if (node != leaf && node->data_state == 1 && node->data_id >= 0)
+            absorptions.push_back({leaf->data_id, node->data_id});
+        node->child_count = 0;
+        stack.pop_back();
+    }
+}
+
+bool MarchingCubes::CellBuild::visitLeaf(CellNode* leaf, const float pos[3], std::uint32_t word,
+                                         const PendingSearch& search) {
+    if (leaf->data_id == -1) makeRecord(leaf, pos, word, search);
+    if (leaf->child_count > 0) absorbFinerRecords(leaf);
+    return true;
+}
+
+bool MarchingCubes::CellBuild::visitCell(const float pos[3], float target_half, std::uint32_t word,
+                                         const PendingSearch& search) {
+    CellNode* leaf = nullptr;
+    const int inserted = mc.m_hash_octree->insertLeafNodeAlongPath(root, pos, target_half, path, leaf);
+    // The cell pool full fails the block; a position outside the root makes no cell.
+    if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
+    if (inserted != 0) return true;
+    return visitLeaf(leaf, pos, word, search);
+}
+
+// ---- The bins along rows of keys ----
+
+template <class TakeRank>
+void MarchingCubes::CellBuild::visitRowRanks(std::int32_t x, std::int32_t y, std::int32_t z, int n,
+                                             TakeRank&& take_rank) const {
+    const std::int64_t dx = static_cast<std::int64_t>(x) - mc.m_bitmap_min[0];
+    const std::int64_t dy = static_cast<std::int64_t>(y) - mc.m_bitmap_min[1];
+    if (dx < 0 || dy < 0 || (dx >> 2) >= mc.m_bitmap_dim[0] || (dy >> 2) >= mc.m_bitmap_dim[1]) return;
+    const std::int64_t column = (dy >> 2) * mc.m_bitmap_dim[0] + (dx >> 2);
+    const std::int64_t layer = mc.m_bitmap_dim[1] * mc.m_bitmap_dim[0];
+    const int low = static_cast<int>(((dy & 3) << 2) + (dx & 3));
+    // The row's keys within the bitmap, then brick by brick along z: the row holds 4 bits of a
+    // brick's word, 16 apart, and only the bins there are looked at, in rising z.
+    const std::int64_t first = std::max<std::int64_t>(static_cast<std::int64_t>(z) - mc.m_bitmap_min[2], 0);
+    const std::int64_t last =
+        std::min<std::int64_t>(static_cast<std::int64_t>(z) + n - 1 - mc.m_bitmap_min[2], mc.m_bitmap_dim[2] * 4 - 1);
+    for (std::int64_t brick = first >> 2; brick <= last >> 2; ++brick) {
+        std::uint64_t row = 0;
+        for (std::int64_t q = std::max(first, brick * 4); q <= std::min(last, brick * 4 + 3); ++q)
+            row |= std::uint64_t{1} << (low + 16 * (q & 3));
+        const std::size_t word_index = static_cast<std::size_t>(brick * layer + column);
+        const std::uint64_t word = mc.m_bin_bitmap[word_index];
+        for (std::uint64_t hits = word & row; hits != 0; hits &= hits - 1) {
+            const std::uint64_t below = hits & (~hits + 1);  // the lowest bit left
+            const int q = (__builtin_ctzll(below) - low) >> 4;
+            take_rank(mc.m_bitmap_rank[word_index] + bitCount64(word & (below - 1)),
+                      static_cast<int>(brick * 4 + q - (static_cast<std::int64_t>(z) - mc.m_bitmap_min[2])));
+        }
+    }
+}
+
+template <class Take>
+void MarchingCubes::CellBuild::visitRow(std::int32_t x, std::int32_t y, std::int32_t z, int n, Take&& take) const {
+    if (!mc.m_bitmap_valid) {
+        for (int k = 0; k < n; ++k) {
+            const std::int32_t id = mc.findBin(x, y, z + k);
+            if (id >= 0) take(id, k);
+        }
+        return;
+    }
+    visitRowRanks(x, y, z, n,
+                  [&](std::int64_t rank, int k) { take(mc.m_rank_to_bin[static_cast<std::size_t>(rank)], k); });
+}
+
+// ---- The first visits under one scale ----
+//
+// A block whose bins all ask for the default scale makes cells of one size only, one at each bin key
+// and next to one, and no cell absorbs another: which bin makes a cell's record is then the first bin
+// in bin order with the cell in its 3 x 3 x 3 neighbourhood, found for all cells at once on all cores.
+// Only those first visits walk the tree, in the order the walk over all bins would make them; the
+// others would find the record made.
+
+bool MarchingCubes::CellBuild::findFirstVisits() {
     bool one_scale = bin_count > 0;
 #pragma omp parallel for schedule(static) reduction(&& : one_scale)
     for (std::int64_t b = 0; b < bin_count; ++b)
         one_scale = one_scale && static_cast<std::uint8_t>(bins_header[static_cast<std::size_t>(b)].bin_sub_scale) == 8;
-    if (one_scale) {
-        first_visits.assign(static_cast<std::size_t>(bin_count), 0u);
-        bool keys_agree = true;  // each cell's key is its bin's key plus the offset
+    if (!one_scale) return false;
+    first_visits.assign(static_cast<std::size_t>(bin_count), 0u);
+    bool keys_agree = true;  // each cell's key is its bin's key plus the offset
 #pragma omp parallel for schedule(static) reduction(&& : keys_agree)
-        for (std::int64_t b = 0; b < bin_count; ++b) {
-            const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
-            std::int32_t own[3];
-            gridKey(bin.center, r, own);
-            if (findBin(own[0], own[1], own[2]) != b) keys_agree = false;
-            // The key of a neighbour cell's position on one axis depends on that axis's step alone.
-            for (int axis = 0; axis < 3; ++axis)
-                for (int d = -1; d <= 1; ++d)
-                    if (gridIndex(bin.center[axis] + static_cast<float>(d) * r, r) != own[axis] + d) keys_agree = false;
-            // A cell's first visitor is the smallest bin index of the 3 x 3 x 3 keys around the cell, this
-            // bin's among them: this bin is it where none of those keys holds a smaller index. With the
-            // bitmap, the places of the 5 x 5 x 5 keys around this one that hold a smaller index, as bits.
-            if (m_bitmap_valid) {
-                std::uint64_t smaller[2] = {0, 0};
-                const std::int32_t lo[3] = {own[0] - 2, own[1] - 2, own[2] - 2};
-                bitmap.forEachInBox<5>(lo, [&](std::int64_t place, std::int32_t rank) {
-                    if (m_rank_to_bin[static_cast<std::size_t>(rank)] < b)
-                        smaller[place >> 6] |= std::uint64_t{1} << (place & 63);
-                });
-                std::uint32_t mask = 0;
-                for (int t = 0; t < 27; ++t)
-                    if (((smaller[0] & CELL_AROUND.of[t][0]) | (smaller[1] & CELL_AROUND.of[t][1])) == 0)
-                        mask |= std::uint32_t{1} << t;
-                first_visits[static_cast<std::size_t>(b)] = mask;
-                continue;
-            }
-            // Otherwise the bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index, and
-            // the smallest index around each cell taken axis by axis.
-            std::uint32_t ids[5][5][5];  // [x][y][z]
-            for (int x = 0; x < 5; ++x)
-                for (int y = 0; y < 5; ++y) {
-                    std::uint32_t* row = ids[x][y];
-                    for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
-                    visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
-                             [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
-                }
-            std::uint32_t along_z[5][5][3], along_y[5][3][3];
-            for (int x = 0; x < 5; ++x)
-                for (int y = 0; y < 5; ++y)
-                    for (int z = 0; z < 3; ++z)
-                        along_z[x][y][z] = std::min({ids[x][y][z], ids[x][y][z + 1], ids[x][y][z + 2]});
-            for (int x = 0; x < 5; ++x)
-                for (int y = 0; y < 3; ++y)
-                    for (int z = 0; z < 3; ++z)
-                        along_y[x][y][z] = std::min({along_z[x][y][z], along_z[x][y + 1][z], along_z[x][y + 2][z]});
-            std::uint32_t mask = 0;
-            int t = 0;
-            for (int dx = -1; dx <= 1; ++dx)
-                for (int dy = -1; dy <= 1; ++dy)
-                    for (int dz = -1; dz <= 1; ++dz, ++t) {
-                        const int x = dx + 1, y = dy + 1, z = dz + 1;
-                        const std::uint32_t first =
-                            std::min({along_y[x][y][z], along_y[x + 1][y][z], along_y[x + 2][y][z]});
-                        if (first == static_cast<std::uint32_t>(b)) mask |= std::uint32_t{1} << t;
-                    }
-            first_visits[static_cast<std::size_t>(b)] = mask;
-        }
-        if (!keys_agree) first_visits.clear();
+    for (std::int64_t b = 0; b < bin_count; ++b) {
+        const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+        std::int32_t own[3];
+        gridKey(bin.center, r, own);
+        if (!keysFollowOffsets(bin, own, b)) keys_agree = false;
+        first_visits[static_cast<std::size_t>(b)] =
+            mc.m_bitmap_valid ? firstVisitsByBitmap(b, own) : firstVisitsByRows(b, own);
     }
-    for (std::size_t b = 0; b < bins_header.size() && first_visits.empty(); ++b) {
+    if (!keys_agree) first_visits.clear();
+    return !first_visits.empty();
+}
+
+bool MarchingCubes::CellBuild::keysFollowOffsets(const BinsHeader& bin, const std::int32_t own[3],
+                                                 std::int64_t b) const {
+    bool agree = true;
+    if (mc.findBin(own[0], own[1], own[2]) != b) agree = false;
+    // The key of a neighbour cell's position on one axis depends on that axis's step alone.
+    for (int axis = 0; axis < 3; ++axis)
+        for (int d = -1; d <= 1; ++d)
+            if (gridIndex(bin.center[axis] + static_cast<float>(d) * r, r) != own[axis] + d) agree = false;
+    return agree;
+}
+
+// A cell's first visitor is the smallest bin index of the 3 x 3 x 3 keys around the cell, this bin's among
+// them: this bin is it where none of those keys holds a smaller index. With the bitmap, the places of the
+// 5 x 5 x 5 keys around this one that hold a smaller index, as bits.
+std::uint32_t MarchingCubes::CellBuild::firstVisitsByBitmap(std::int64_t b, const std::int32_t own[3]) const {
+    std::uint64_t smaller[2] = {0, 0};
+    const std::int32_t lo[3] = {own[0] - 2, own[1] - 2, own[2] - 2};
+    bitmap.forEachInBox<5>(lo, [&](std::int64_t place, std::int32_t rank) {
+        if (mc.m_rank_to_bin[static_cast<std::size_t>(rank)] < b)
+            smaller[place >> 6] |= std::uint64_t{1} << (place & 63);
+    });
+    std::uint32_t mask = 0;
+    for (int t = 0; t < 27; ++t)
+        if (((smaller[0] & CELL_AROUND.of[t][0]) | (smaller[1] & CELL_AROUND.of[t][1])) == 0)
+            mask |= std::uint32_t{1} << t;
+    return mask;
+}
+
+// Without the bitmap, the bins of the 5 x 5 x 5 keys around this one, a missing bin as the largest index,
+// and the smallest index around each cell taken axis by axis.
+std::uint32_t MarchingCubes::CellBuild::firstVisitsByRows(std::int64_t b, const std::int32_t own[3]) const {
+    std::uint32_t ids[5][5][5];  // [x][y][z]
+    for (int x = 0; x < 5; ++x)
+        for (int y = 0; y < 5; ++y) {
+            std::uint32_t* row = ids[x][y];
+            for (int z = 0; z < 5; ++z) row[z] = UINT32_MAX;
+            visitRow(own[0] + x - 2, own[1] + y - 2, own[2] - 2, 5,
+                     [row](std::int32_t id, int k) { row[k] = static_cast<std::uint32_t>(id); });
+        }
+    std::uint32_t along_z[5][5][3], along_y[5][3][3];
+    for (int x = 0; x < 5; ++x)
+        for (int y = 0; y < 5; ++y)
+            for (int z = 0; z < 3; ++z) along_z[x][y][z] = std::min({ids[x][y][z], ids[x][y][z + 1], ids[x][y][z + 2]});
+    for (int x = 0; x < 5; ++x)
+        for (int y = 0; y < 3; ++y)
+            for (int z = 0; z < 3; ++z)
+                along_y[x][y][z] = std::min({along_z[x][y][z], along_z[x][y + 1][z], along_z[x][y + 2][z]});
+    std::uint32_t mask = 0;
+    int t = 0;
+    for (int dx = -1; dx <= 1; ++dx)
+        for (int dy = -1; dy <= 1; ++dy)
+            for (int dz = -1; dz <= 1; ++dz, ++t) {
+                const int x = dx + 1, y = dy + 1, z = dz + 1;
+                const std::uint32_t first = std::min({along_y[x][y][z], along_y[x + 1][y][z], along_y[x + 2][y][z]});
+                if (first == static_cast<std::uint32_t>(b)) mask |= std::uint32_t{1} << t;
+            }
+    return mask;
+}
+
+// ---- The walk over all bins ----
+
+void MarchingCubes::CellBuild::walkBinsInOrder() {
+    for (std::size_t b = 0; b < bins_header.size(); ++b) {
         const BinsHeader& bin = bins_header[b];
         std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
         if (scale == static_cast<std::uint8_t>(SUB_SCALE_NANE)) {
@@ -404,464 +568,528 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             scale = 8;  // its points are not lost: the bin counts as one of the default scale
         }
         const std::uint32_t word = cellWord(bin, scale);
-        bool ok = true;
         if (scale == 8) {
-            for (int dx = -1; dx <= 1 && ok; ++dx)
-                for (int dy = -1; dy <= 1 && ok; ++dy)
-                    for (int dz = -1; dz <= 1 && ok; ++dz) {
-                        const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
-                        ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
-                    }
+            visitDefaultCells(bin, word);
         } else if (scale < 8) {
-            const std::int32_t m = 8 / scale;
-            const float e = static_cast<float>(m) * r;
-            std::int32_t base[3];
-            gridKey(bin.center, e, base);
-            for (int dx = -1; dx <= 1 && ok; ++dx)
-                for (int dy = -1; dy <= 1 && ok; ++dy)
-                    for (int dz = -1; dz <= 1 && ok; ++dz) {
-                        const float pos[3] = {static_cast<float>(base[0] + dx) * e + e * 0.5f,
-                                              static_cast<float>(base[1] + dy) * e + e * 0.5f,
-                                              static_cast<float>(base[2] + dz) * e + e * 0.5f};
-                        ok = visitCell(pos, e * 0.5f, word, PendingSearch{SearchKind::Coarse, {}, e * 0.5f, m});
-                    }
+            visitCoarseCells(bin, scale, word);
         } else if (scale == 16 || scale == 32 || scale == 64) {
-            const int per_axis = scale / 8;
-            const float e = r / static_cast<float>(per_axis);
-            const float corner[3] = {bin.center[0] - r * 0.5f, bin.center[1] - r * 0.5f, bin.center[2] - r * 0.5f};
-            const unsigned char* bytes = reinterpret_cast<const unsigned char*>(bin.occupancy);
-            bool visited[512] = {};
-            for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(per_axis * per_axis * per_axis) && ok; ++i) {
-                const bool occupied = scale == 16   ? bin.occupancy[i] != 0
-                                      : scale == 32 ? bytes[i] != 0
-                                                    : ((bin.occupancy[i / 64] >> (i % 64)) & 1u) != 0;
-                if (!occupied) continue;
-                std::uint32_t c[3];
-                mortonDecode(i, c[0], c[1], c[2]);
-                float sub_center[3];
-                for (int k = 0; k < 3; ++k) sub_center[k] = static_cast<float>(c[k]) * e + corner[k] + e * 0.5f;
-                for (int dx = -1; dx <= 1 && ok; ++dx)
-                    for (int dy = -1; dy <= 1 && ok; ++dy)
-                        for (int dz = -1; dz <= 1 && ok; ++dz) {
-                            const int a = static_cast<int>(c[0]) + dx, bb = static_cast<int>(c[1]) + dy,
-                                      cc = static_cast<int>(c[2]) + dz;
-                            if (a >= 0 && a < per_axis && bb >= 0 && bb < per_axis && cc >= 0 && cc < per_axis) {
-                                const std::uint32_t code =
-                                    mortonEncode(static_cast<std::uint32_t>(a), static_cast<std::uint32_t>(bb),
-                                                 static_cast<std::uint32_t>(cc));
-                                if (visited[code]) continue;
-                                visited[code] = true;
-                            }
-                            const float pos[3] = {sub_center[0] + dx * e, sub_center[1] + dy * e,
-                                                  sub_center[2] + dz * e};
-                            ok = visitCell(pos, e * 0.5f, word, PendingSearch{SearchKind::Fine, {}, e, 0});
-                        }
-            }
+            visitFineCells(bin, scale, word);
         }
     }
+}
 
-    // The search of a record, around its position at the size of the bin that made it: `take` sees every
-    // bin found, in search order. Returns the points found and whether the search was widened.
-    const float wide_search_edge = m_device_params->wide_search_edge;
-    // What a search takes of a bin, apart from the large headers, which it would otherwise pull through
-    // the cache for two numbers.
-    std::vector<RelationCell2Bins_Device> runs(bins_header.size());
+// The 27 cells of the bin's size around it.
+void MarchingCubes::CellBuild::visitDefaultCells(const BinsHeader& bin, std::uint32_t word) {
+    bool ok = true;
+    for (int dx = -1; dx <= 1 && ok; ++dx)
+        for (int dy = -1; dy <= 1 && ok; ++dy)
+            for (int dz = -1; dz <= 1 && ok; ++dz) {
+                const float pos[3] = {bin.center[0] + dx * r, bin.center[1] + dy * r, bin.center[2] + dz * r};
+                ok = visitCell(pos, r * 0.5f, word, PendingSearch{SearchKind::Normal, {}, r, 0});
+            }
+}
+
+// The 27 cells of m = 8 / scale bins an edge around the one that holds the bin, on their own grid.
+void MarchingCubes::CellBuild::visitCoarseCells(const BinsHeader& bin, std::uint8_t scale, std::uint32_t word) {
+    bool ok = true;
+    const std::int32_t m = 8 / scale;
+    const float e = static_cast<float>(m) * r;
+    std::int32_t base[3];
+    gridKey(bin.center, e, base);
+    for (int dx = -1; dx <= 1 && ok; ++dx)
+        for (int dy = -1; dy <= 1 && ok; ++dy)
+            for (int dz = -1; dz <= 1 && ok; ++dz) {
+                const float pos[3] = {static_cast<float>(base[0] + dx) * e + e * 0.5f,
+                                      static_cast<float>(base[1] + dy) * e + e * 0.5f,
+                                      static_cast<float>(base[2] + dz) * e + e * 0.5f};
+                ok = visitCell(pos, e * 0.5f, word, PendingSearch{SearchKind::Coarse, {}, e * 0.5f, m});
+            }
+}
+
+// The cells of scale / 8 an edge within the bin: those around each occupied sub-cell, each once.
+void MarchingCubes::CellBuild::visitFineCells(const BinsHeader& bin, std::uint8_t scale, std::uint32_t word) {
+    bool ok = true;
+    const int per_axis = scale / 8;
+    const float e = r / static_cast<float>(per_axis);
+    const float corner[3] = {bin.center[0] - r * 0.5f, bin.center[1] - r * 0.5f, bin.center[2] - r * 0.5f};
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(bin.occupancy);
+    bool visited[512] = {};
+    for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(per_axis * per_axis * per_axis) && ok; ++i) {
+        const bool occupied = scale == 16   ? bin.occupancy[i] != 0
+                              : scale == 32 ? bytes[i] != 0
+                                            : ((bin.occupancy[i / 64] >> (i % 64)) & 1u) != 0;
+        if (!occupied) continue;
+        std::uint32_t c[3];
+        mortonDecode(i, c[0], c[1], c[2]);
+        float sub_center[3];
+        for (int k = 0; k < 3; ++k) sub_center[k] = static_cast<float>(c[k]) * e + corner[k] + e * 0.5f;
+        for (int dx = -1; dx <= 1 && ok; ++dx)
+            for (int dy = -1; dy <= 1 && ok; ++dy)
+                for (int dz = -1; dz <= 1 && ok; ++dz) {
+                    const int a = static_cast<int>(c[0]) + dx, bb = static_cast<int>(c[1]) + dy,
+                              cc = static_cast<int>(c[2]) + dz;
+                    if (a >= 0 && a < per_axis && bb >= 0 && bb < per_axis && cc >= 0 && cc < per_axis) {
+                        const std::uint32_t code =
+                            mortonEncode(static_cast<std::uint32_t>(a), static_cast<std::uint32_t>(bb),
+                                         static_cast<std::uint32_t>(cc));
+                        if (visited[code]) continue;
+                        visited[code] = true;
+                    }
+                    const float pos[3] = {sub_center[0] + dx * e, sub_center[1] + dy * e, sub_center[2] + dz * e};
+                    ok = visitCell(pos, e * 0.5f, word, PendingSearch{SearchKind::Fine, {}, e, 0});
+                }
+    }
+}
+
+// ---- The neighbourhood searches ----
+
+void MarchingCubes::CellBuild::prepareSearches() {
+    wide_search_edge = mc.m_device_params->wide_search_edge;
+    runs.resize(bins_header.size());
 #pragma omp parallel for schedule(static)
     for (std::int64_t b = 0; b < bin_count; ++b)
         runs[static_cast<std::size_t>(b)] = {bins_header[static_cast<std::size_t>(b)].point_offset,
                                              bins_header[static_cast<std::size_t>(b)].point_count};
-    // The same by the bitmap's rank, for the searches along rows.
-    std::vector<RelationCell2Bins_Device> runs_by_rank(m_bitmap_valid ? m_rank_to_bin.size() : 0);
+    runs_by_rank.resize(mc.m_bitmap_valid ? mc.m_rank_to_bin.size() : 0);
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < static_cast<std::int64_t>(runs_by_rank.size()); ++i)
         runs_by_rank[static_cast<std::size_t>(i)] =
-            runs[static_cast<std::size_t>(m_rank_to_bin[static_cast<std::size_t>(i)])];
-    const auto search = [&](const PendingSearch& p, auto&& take) {
-        std::int32_t points = 0;
-        bool widened = false;
-        const auto found = [&](std::int32_t id) {
-            if (id < 0) return;
-            const RelationCell2Bins_Device& run = runs[static_cast<std::size_t>(id)];
-            points += run.count;
-            take(run);
-        };
-        const auto visit = [&](std::int32_t x, std::int32_t y, std::int32_t z) { found(findBin(x, y, z)); };
-        const auto row = [&](std::int32_t x, std::int32_t y, std::int32_t z, int n) {
-            if (!m_bitmap_valid) {
-                visitRow(x, y, z, n, [&](std::int32_t id, int) { found(id); });
-                return;
-            }
-            visitRowRanks(x, y, z, n, [&](std::int64_t rank, int) {
-                const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
-                points += run.count;
-                take(run);
-            });
-        };
-        // The bin keys that the search spans, for the wider search of a sparse cell.
-        std::int32_t lo[3], hi[3];
+            runs[static_cast<std::size_t>(mc.m_rank_to_bin[static_cast<std::size_t>(i)])];
+
+    // What each search found: how many runs, where in which thread's list. Every entry is written.
+    buffers.found.clear();
+    buffers.found_at.clear();
+    buffers.found_by.clear();
+    std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = buffers.lists;
+    if (lists.size() < static_cast<std::size_t>(omp_get_max_threads()))
+        lists.resize(static_cast<std::size_t>(omp_get_max_threads()));
+    for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) list.clear();
+}
+
+// One search: the points of the bins it found so far, what `take` is given, and the bin keys that it
+// spans, for the wider search of a sparse cell.
+template <class Take>
+class MarchingCubes::CellBuild::Search {
+public:
+    Search(const CellBuild& build, Take& take) : build(build), take(take) {}
+
+    std::pair<std::int32_t, bool> run(const PendingSearch& p) {
         if (p.kind == SearchKind::Normal) {
-            const int reach = searchReach(p.size, wide_search_edge);
-            std::int32_t key[3];
-            gridKey(p.pos, r, key);
-            for (int i = -reach; i <= reach; ++i)
-                for (int j = -reach; j <= reach; ++j) row(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1);
-            for (int k = 0; k < 3; ++k) {
-                lo[k] = key[k] - reach;
-                hi[k] = key[k] + reach;
-            }
+            normal(p);
         } else if (p.kind == SearchKind::Coarse) {
-            const float h = p.size;
-            float start[3];
-            for (int k = 0; k < 3; ++k) start[k] = p.pos[k] - h - 2 * h;
-            const int steps = 3 * p.m;
-            if (steps > MAX_COARSE_STEPS) return std::make_pair(points, widened);
-            // Each axis's keys once: the key on one axis does not depend on the steps along the others.
-            std::int32_t keys[3][MAX_COARSE_STEPS];
-            for (int axis = 0; axis < 3; ++axis)
-                for (int i = 0; i < steps; ++i)
-                    keys[axis][i] = gridIndex(r * static_cast<float>(i) + start[axis] + r * 0.5f, r);
-            for (int i = 0; i < steps; ++i)
-                for (int j = 0; j < steps; ++j)
-                    for (int k = 0; k < steps; ++k) visit(keys[0][i], keys[1][j], keys[2][k]);
-            for (int k = 0; k < 3; ++k) {
-                lo[k] = gridIndex(r * 0.0f + start[k] + r * 0.5f, r);
-                hi[k] = gridIndex(r * static_cast<float>(steps - 1) + start[k] + r * 0.5f, r);
-            }
+            if (!coarse(p)) return std::make_pair(points, false);
         } else {
-            const int reach = searchReach(p.size, wide_search_edge);
-            std::int32_t base[3];
-            gridKey(p.pos, r, base);
-            for (int k = 0; k < 3; ++k) {
-                lo[k] = gridIndex(static_cast<float>(-reach) * p.size + p.pos[k], r);
-                hi[k] = gridIndex(static_cast<float>(reach) * p.size + p.pos[k], r);
-            }
-            // Each axis's keys once, as for the coarse search.
-            std::int32_t keys[3][2 * MAX_FINE_REACH + 1];
-            for (int axis = 0; axis < 3; ++axis)
-                for (int i = -reach; i <= reach; ++i)
-                    keys[axis][i + reach] = gridIndex(static_cast<float>(i) * p.size + p.pos[axis], r);
-            // The keys of one axis rise with the step, so each distinct key is a run of equal ones. When
-            // every key triple has its slot, a repeated key only meets a slot already seen: the distinct
-            // keys alone, in the same order, make the same visits.
-            std::int32_t distinct[3][2 * MAX_FINE_REACH + 1];
-            int distinct_count[3] = {0, 0, 0};
-            bool rising = true;
-            for (int axis = 0; axis < 3; ++axis)
-                for (int i = 0; i <= 2 * reach; ++i) {
-                    int& c = distinct_count[axis];
-                    if (c > 0 && keys[axis][i] == distinct[axis][c - 1]) continue;
-                    if (c > 0 && keys[axis][i] < distinct[axis][c - 1]) rising = false;
-                    distinct[axis][c++] = keys[axis][i];
-                }
-            const auto slotOf = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
-                return ((z - base[2]) * 3 + (y - base[1])) * 3 + (x - base[0]) + 13 * reach;
-            };
-            const int lowest_slot = slotOf(distinct[0][0], distinct[1][0], distinct[2][0]);
-            const int highest_slot = slotOf(distinct[0][distinct_count[0] - 1], distinct[1][distinct_count[1] - 1],
-                                            distinct[2][distinct_count[2] - 1]);
-            bool seen[125] = {};
-            if (rising && lowest_slot >= 0 && highest_slot < 125) {
-                for (int i = 0; i < distinct_count[0]; ++i)
-                    for (int j = 0; j < distinct_count[1]; ++j)
-                        for (int k = 0; k < distinct_count[2]; ++k) {
-                            const int slot = slotOf(distinct[0][i], distinct[1][j], distinct[2][k]);
-                            if (seen[slot]) continue;
-                            seen[slot] = true;
-                            visit(distinct[0][i], distinct[1][j], distinct[2][k]);
-                        }
-            } else {
-                for (int i = -reach; i <= reach; ++i)
-                    for (int j = -reach; j <= reach; ++j)
-                        for (int k = -reach; k <= reach; ++k) {
-                            const std::int32_t key[3] = {keys[0][i + reach], keys[1][j + reach], keys[2][k + reach]};
-                            const int slot =
-                                ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
-                            if (slot >= 0 && slot < 125) {
-                                if (seen[slot]) continue;
-                                seen[slot] = true;
-                            }
-                            visit(key[0], key[1], key[2]);
-                        }
-            }
+            fine(p);
         }
         // A sparse cell, most often one at the outer layer of the band of cells around the surface, takes
         // one more ring of bins: with its few points alone it would be rejected or fit poorly, and every
         // dual cube it is a corner of would stay open.
+        bool widened = false;
         if (points < SPARSE_CELL_POINTS) {
             widened = true;
-            // Row by row along z: a row through the searched box takes its two ends only.
-            for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
-                for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y) {
-                    if (x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && lo[2] <= hi[2]) {
-                        row(x, y, lo[2] - 1, 1);
-                        row(x, y, hi[2] + 1, 1);
-                    } else {
-                        row(x, y, lo[2] - 1, hi[2] - lo[2] + 3);
-                    }
-                }
+            widen();
         }
         return std::make_pair(points, widened);
-    };
+    }
 
-    // What each search found: how many runs, where in which thread's list. Every entry is written.
-    UninitialisedArray<std::int32_t>& found = m_cell_buffers.found;
-    UninitialisedArray<std::int64_t>& found_at = m_cell_buffers.found_at;
-    UninitialisedArray<std::uint16_t>& found_by = m_cell_buffers.found_by;
-    found.clear();
-    found_at.clear();
-    found_by.clear();
-    std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = m_cell_buffers.lists;
-    if (lists.size() < static_cast<std::size_t>(omp_get_max_threads()))
-        lists.resize(static_cast<std::size_t>(omp_get_max_threads()));
-    for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) list.clear();
+private:
+    void found(std::int32_t id) {
+        if (id < 0) return;
+        const RelationCell2Bins_Device& run = build.runs[static_cast<std::size_t>(id)];
+        points += run.count;
+        take(run);
+    }
+    void visit(std::int32_t x, std::int32_t y, std::int32_t z) { found(build.mc.findBin(x, y, z)); }
+    void row(std::int32_t x, std::int32_t y, std::int32_t z, int n) {
+        if (!build.mc.m_bitmap_valid) {
+            build.visitRow(x, y, z, n, [&](std::int32_t id, int) { found(id); });
+            return;
+        }
+        build.visitRowRanks(x, y, z, n, [&](std::int64_t rank, int) {
+            const RelationCell2Bins_Device& run = build.runs_by_rank[static_cast<std::size_t>(rank)];
+            points += run.count;
+            take(run);
+        });
+    }
 
-    // One scale: the walk makes the records in the order of the first visits, so the searches need not
-    // wait for it. One thread walks the tree while the others search the cells by first visit, and it
-    // joins them when done. Should a visit not make the one record expected of it (a tree already there
-    // from an earlier pass over the block, a failed insertion), the searches are made again by record.
-    bool searched = false;
-    if (!first_visits.empty()) {
-        const auto neighbourCentre = [r](const BinsHeader& bin, int dx, int dy, int dz, float pos[3]) {
-            pos[0] = bin.center[0] + static_cast<float>(dx) * r;
-            pos[1] = bin.center[1] + static_cast<float>(dy) * r;
-            pos[2] = bin.center[2] + static_cast<float>(dz) * r;
-        };
-        // A visit outside the block's root cell makes no cell: it is neither walked nor searched.
-        const CellNode& root_cell = *root->root_cell;
-#pragma omp parallel for schedule(static)
-        for (std::int64_t b = 0; b < bin_count; ++b) {
-            std::uint32_t& mask = first_visits[static_cast<std::size_t>(b)];
-            for (int t = 0; t < 27; ++t) {
-                if (((mask >> t) & 1u) == 0) continue;
-                float pos[3];
-                neighbourCentre(bins_header[static_cast<std::size_t>(b)], t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, pos);
-                for (int k = 0; k < 3; ++k)
-                    if (std::fabs(pos[k] - root_cell.center[k]) > root_cell.half_size) mask &= ~(std::uint32_t{1} << t);
-            }
+    // The cell of the bin's size: the keys within its reach, row by row along z.
+    void normal(const PendingSearch& p) {
+        const float r = build.r;
+        const int reach = searchReach(p.size, build.wide_search_edge);
+        std::int32_t key[3];
+        gridKey(p.pos, r, key);
+        for (int i = -reach; i <= reach; ++i)
+            for (int j = -reach; j <= reach; ++j) row(key[0] + i, key[1] + j, key[2] - reach, 2 * reach + 1);
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = key[k] - reach;
+            hi[k] = key[k] + reach;
         }
-        std::vector<std::int64_t> visit_start(static_cast<std::size_t>(bin_count) + 1, 0);
-        for (std::int64_t b = 0; b < bin_count; ++b)
-            visit_start[static_cast<std::size_t>(b) + 1] =
-                visit_start[static_cast<std::size_t>(b)] + bitCount64(first_visits[static_cast<std::size_t>(b)]);
-        const std::int64_t visits = visit_start.back();
-        records.reserve(static_cast<std::size_t>(visits));
-        pending.reserve(static_cast<std::size_t>(visits));
-        // Every visit's entries are written by its search, and its leaf by the walk before it is read.
-        found.resize(static_cast<std::size_t>(visits));
-        found_at.resize(static_cast<std::size_t>(visits));
-        found_by.resize(static_cast<std::size_t>(visits));
-        UninitialisedArray<std::int32_t>& visit_points = m_cell_buffers.visit_points;
-        UninitialisedArray<std::uint8_t>& visit_widened = m_cell_buffers.visit_widened;
-        UninitialisedArray<CellNode*>& leaves = m_cell_buffers.leaves;
-        visit_points.clear();
-        visit_points.resize(static_cast<std::size_t>(visits));
-        visit_widened.clear();
-        visit_widened.resize(static_cast<std::size_t>(visits));
-        leaves.clear();
-        leaves.resize(static_cast<std::size_t>(visits));
-        // The records and pending searches of the visits of bins [from, to) before visit `end`, at the
-        // visits' places.
-        // With `searched`, the visits' searches are done and their results go into the records; otherwise
-        // each record gets its pending search.
-        const auto makeVisitRecords = [&](std::int64_t from, std::int64_t to, std::int64_t end, bool searched) {
-            for (std::int64_t b = from; b < to; ++b) {
-                const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
-                const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
-                std::int64_t j = visit_start[static_cast<std::size_t>(b)];
-                for (int t = 0; t < 27 && j < end; ++t) {
-                    if (((mask >> t) & 1u) == 0) continue;
-                    const std::size_t v = static_cast<std::size_t>(j++);
-                    const CellNode* leaf = leaves[v];
-                    CellNode_Device record = emptyCellNodeDevice();
-                    record.cell = leaves[v];
-                    for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
-                    record.half_size = leaf->half_size;
-                    record.point_count = 0;
-                    record.word = cellWord(bin, 8);
-                    if (searched) {
-                        record.point_count = visit_points[v];
-                        if (visit_widened[v] != 0) record.rules |= CELL_WIDENED_SEARCH;
-                    } else {
-                        PendingSearch& p = pending[v];
-                        p = PendingSearch{SearchKind::Normal, {}, r, 0};
-                        neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
-                    }
-                    records[v] = record;
-                }
-            }
-        };
-        bool one_record_a_visit = true;
-        // No exception leaves the team: the first (no room for a record or a list) is thrown after it.
-        TeamFailure walk_failure;
-        // Cells of the bin's size search one key around them, two when sparse: from the bitmap, all the
-        // cells of a bin take their bins from one read of the keys around it.
-        const bool around_bins = m_bitmap_valid && searchReach(r, wide_search_edge) == 1;
-#pragma omp parallel
-        {
-#pragma omp single nowait
-            {
-                try {
-                    std::int64_t made = 0;  // visits whose leaf was new, in order
-                    const PendingSearch normal{SearchKind::Normal, {}, r, 0};
-                    for (std::size_t b = 0; b < bins_header.size(); ++b) {
-                        const BinsHeader& bin = bins_header[b];
-                        const std::uint32_t word = cellWord(bin, 8);
-                        int t = 0;
-                        bool ok = true;
-                        for (int dx = -1; dx <= 1 && ok; ++dx)
-                            for (int dy = -1; dy <= 1 && ok; ++dy)
-                                for (int dz = -1; dz <= 1 && ok; ++dz, ++t) {
-                                    if (((first_visits[b] >> t) & 1u) == 0) continue;
-                                    float pos[3];
-                                    neighbourCentre(bin, dx, dy, dz, pos);
-                                    if (!one_record_a_visit) {
-                                        ok = visitCell(pos, r * 0.5f, word, normal);
-                                        continue;
-                                    }
-                                    // While every visit reaches a new leaf, the walk only shapes the tree and
-                                    // numbers the leaves; their records are made afterwards on all cores.
-                                    CellNode* leaf = nullptr;
-                                    const int inserted =
-                                        m_hash_octree->insertLeafNodeAlongPath(*root, pos, r * 0.5f, path, leaf);
-                                    if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
-                                    const bool reached = inserted == 0;
-                                    if (reached && leaf->data_id == -1 && leaf->child_count == 0) {
-                                        leaf->data_id = static_cast<std::int32_t>(made);
-                                        leaf->data_state = 1;
-                                        leaves[static_cast<std::size_t>(made++)] = leaf;
-                                        continue;
-                                    }
-                                    // Something in the way: the records of the visits so far are made as the
-                                    // walk makes them, and from this visit on the walk takes its own steps.
-                                    one_record_a_visit = false;
-                                    records.resize(static_cast<std::size_t>(made));
-                                    pending.resize(static_cast<std::size_t>(made), normal);
-                                    makeVisitRecords(0, static_cast<std::int64_t>(b) + 1, made, false);
-                                    if (reached) ok = visitLeaf(leaf, pos, word, normal);
-                                }
-                    }
-                } catch (...) {
-                    walk_failure.keep(std::current_exception());
-                }
-            }
-            const int thread = omp_get_thread_num();
-            UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
-#pragma omp for schedule(dynamic, 64) nowait
-            for (std::int64_t b = 0; b < bin_count; ++b) {
-                if (walk_failure.failed()) continue;
-                try {
-                    const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
-                    if (mask == 0) continue;
-                    const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
-                    std::int64_t j = visit_start[static_cast<std::size_t>(b)];
-                    // The ranks of the 7 x 7 x 7 keys around the bin (-1 where no bin is), read once for all
-                    // its cells: a cell's search, widened or not, lies within them.
-                    // The ranks of the occupied keys of the 7 x 7 x 7 around the bin, read once for all its cells
-                    // (a cell's search, widened or not, lies within them), and which of them are occupied, as bits
-                    // of their places (x * 7 + y) * 7 + z.
-                    std::int32_t around[343];
-                    std::uint64_t occupied[6] = {0, 0, 0, 0, 0, 0};
-                    std::int32_t own[3];
-                    if (around_bins) {
-                        gridKey(bin.center, r, own);
-                        const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
-                        bitmap.forEachInBox<7>(lo, [&](std::int64_t place, std::int32_t rank) {
-                            around[place] = rank;
-                            occupied[place >> 6] |= std::uint64_t{1} << (place & 63);
-                        });
-                    }
-                    for (int t = 0; t < 27; ++t) {
-                        if (((mask >> t) & 1u) == 0) continue;
-                        const std::size_t start = list.size();
-                        std::pair<std::int32_t, bool> result;
-                        if (around_bins) {
-                            // The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3
-                            // keys around the cell row by row along z, then for a sparse cell the ring around them,
-                            // the ends of the rows through the box and the whole rows beside it. Both lie in
-                            // rising place order, so the occupied places of each are taken in that order.
-                            std::int32_t points = 0;
-                            // Room for every key of a widened search, cut back to the bins found.
-                            list.resize(start + 125);
-                            RelationCell2Bins_Device* out = list.data() + start;
-                            std::size_t taken = 0;
-                            const auto takeAll = [&](const std::uint64_t(&places)[6]) {
-                                for (int w = 0; w < 6; ++w)
-                                    for (std::uint64_t hits = occupied[w] & places[w]; hits != 0; hits &= hits - 1) {
-                                        const std::int32_t rank = around[w * 64 + __builtin_ctzll(hits)];
-                                        const RelationCell2Bins_Device& run =
-                                            runs_by_rank[static_cast<std::size_t>(rank)];
-                                        points += run.count;
-                                        out[taken++] = run;
-                                    }
-                            };
-                            takeAll(AROUND_CELL.inner[t]);
-                            const bool widened = points < SPARSE_CELL_POINTS;
-                            if (widened) takeAll(AROUND_CELL.ring[t]);
-                            list.resize(start + taken);
-                            result = {points, widened};
-                        } else {
-                            PendingSearch p{SearchKind::Normal, {}, r, 0};
-                            neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
-                            result = search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
-                        }
-                        const std::size_t v = static_cast<std::size_t>(j++);
-                        visit_points[v] = result.first;
-                        visit_widened[v] = result.second ? 1 : 0;
-                        found[v] = static_cast<std::int32_t>(list.size() - start);
-                        found_at[v] = static_cast<std::int64_t>(start);
-                        found_by[v] = static_cast<std::uint16_t>(thread);
-                    }
-                } catch (...) {
-                    walk_failure.keep(std::current_exception());
-                }
-            }
+    }
+
+    // A coarser cell: the bins of the 3 x 3 x 3 cells of its size around it, step by bin. False where the
+    // steps exceed the largest coarse ratio: nothing is searched.
+    bool coarse(const PendingSearch& p) {
+        const float r = build.r;
+        const float h = p.size;
+        float start[3];
+        for (int k = 0; k < 3; ++k) start[k] = p.pos[k] - h - 2 * h;
+        const int steps = 3 * p.m;
+        if (steps > MAX_COARSE_STEPS) return false;
+        // Each axis's keys once: the key on one axis does not depend on the steps along the others.
+        std::int32_t keys[3][MAX_COARSE_STEPS];
+        for (int axis = 0; axis < 3; ++axis)
+            for (int i = 0; i < steps; ++i)
+                keys[axis][i] = gridIndex(r * static_cast<float>(i) + start[axis] + r * 0.5f, r);
+        for (int i = 0; i < steps; ++i)
+            for (int j = 0; j < steps; ++j)
+                for (int k = 0; k < steps; ++k) visit(keys[0][i], keys[1][j], keys[2][k]);
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = gridIndex(r * 0.0f + start[k] + r * 0.5f, r);
+            hi[k] = gridIndex(r * static_cast<float>(steps - 1) + start[k] + r * 0.5f, r);
         }
-        walk_failure.rethrow();
-        searched = one_record_a_visit;
-        if (searched) {
-            records.resize(static_cast<std::size_t>(visits));
-#pragma omp parallel for schedule(dynamic, 256)
-            for (std::int64_t b = 0; b < bin_count; ++b) makeVisitRecords(b, b + 1, visits, true);
+        return true;
+    }
+
+    // A finer cell: the bins at its steps within its reach, each key once.
+    void fine(const PendingSearch& p) {
+        const float r = build.r;
+        const int reach = searchReach(p.size, build.wide_search_edge);
+        std::int32_t base[3];
+        gridKey(p.pos, r, base);
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = gridIndex(static_cast<float>(-reach) * p.size + p.pos[k], r);
+            hi[k] = gridIndex(static_cast<float>(reach) * p.size + p.pos[k], r);
+        }
+        // Each axis's keys once, as for the coarse search.
+        std::int32_t keys[3][2 * MAX_FINE_REACH + 1];
+        for (int axis = 0; axis < 3; ++axis)
+            for (int i = -reach; i <= reach; ++i)
+                keys[axis][i + reach] = gridIndex(static_cast<float>(i) * p.size + p.pos[axis], r);
+        // The keys of one axis rise with the step, so each distinct key is a run of equal ones. When
+        // every key triple has its slot, a repeated key only meets a slot already seen: the distinct
+        // keys alone, in the same order, make the same visits.
+        std::int32_t distinct[3][2 * MAX_FINE_REACH + 1];
+        int distinct_count[3] = {0, 0, 0};
+        bool rising = true;
+        for (int axis = 0; axis < 3; ++axis)
+            for (int i = 0; i <= 2 * reach; ++i) {
+                int& c = distinct_count[axis];
+                if (c > 0 && keys[axis][i] == distinct[axis][c - 1]) continue;
+                if (c > 0 && keys[axis][i] < distinct[axis][c - 1]) rising = false;
+                distinct[axis][c++] = keys[axis][i];
+            }
+        const auto slotOf = [&](std::int32_t x, std::int32_t y, std::int32_t z) {
+            return ((z - base[2]) * 3 + (y - base[1])) * 3 + (x - base[0]) + 13 * reach;
+        };
+        const int lowest_slot = slotOf(distinct[0][0], distinct[1][0], distinct[2][0]);
+        const int highest_slot = slotOf(distinct[0][distinct_count[0] - 1], distinct[1][distinct_count[1] - 1],
+                                        distinct[2][distinct_count[2] - 1]);
+        bool seen[125] = {};
+        if (rising && lowest_slot >= 0 && highest_slot < 125) {
+            for (int i = 0; i < distinct_count[0]; ++i)
+                for (int j = 0; j < distinct_count[1]; ++j)
+                    for (int k = 0; k < distinct_count[2]; ++k) {
+                        const int slot = slotOf(distinct[0][i], distinct[1][j], distinct[2][k]);
+                        if (seen[slot]) continue;
+                        seen[slot] = true;
+                        visit(distinct[0][i], distinct[1][j], distinct[2][k]);
+                    }
         } else {
-            for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) list.clear();
+            for (int i = -reach; i <= reach; ++i)
+                for (int j = -reach; j <= reach; ++j)
+                    for (int k = -reach; k <= reach; ++k) {
+                        const std::int32_t key[3] = {keys[0][i + reach], keys[1][j + reach], keys[2][k + reach]};
+                        const int slot =
+                            ((key[2] - base[2]) * 3 + (key[1] - base[1])) * 3 + (key[0] - base[0]) + 13 * reach;
+                        if (slot >= 0 && slot < 125) {
+                            if (seen[slot]) continue;
+                            seen[slot] = true;
+                        }
+                        visit(key[0], key[1], key[2]);
+                    }
         }
     }
 
-    // Otherwise each record's own search, once, into the list of the thread that runs it.
-    const std::int64_t n = static_cast<std::int64_t>(records.size());
-    if (!searched) {
-        found.assign(static_cast<std::size_t>(n), 0);
-        found_at.assign(static_cast<std::size_t>(n), 0);
-        found_by.assign(static_cast<std::size_t>(n), 0);
-    }
-    if (!searched) {
-        TeamFailure search_failure;  // no room for a list: thrown once the team has ended
-#pragma omp parallel
-        {
-            const int thread = omp_get_thread_num();
-            UninitialisedArray<RelationCell2Bins_Device>& list = lists[static_cast<std::size_t>(thread)];
-#pragma omp for schedule(dynamic, 64)
-            for (std::int64_t i = 0; i < n; ++i) {
-                if (search_failure.failed()) continue;
-                search_failure.run([&] {
-                    const std::size_t start = list.size();
-                    const auto result = search(pending[static_cast<std::size_t>(i)],
-                                               [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
-                    CellNode_Device& record = records[static_cast<std::size_t>(i)];
-                    record.point_count += result.first;
-                    if (result.second) record.rules |= CELL_WIDENED_SEARCH;
-                    found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
-                    found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
-                    found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
-                });
+    // The ring of keys around the searched box, row by row along z: a row through the box takes its two
+    // ends only.
+    void widen() {
+        for (std::int32_t x = lo[0] - 1; x <= hi[0] + 1; ++x)
+            for (std::int32_t y = lo[1] - 1; y <= hi[1] + 1; ++y) {
+                if (x >= lo[0] && x <= hi[0] && y >= lo[1] && y <= hi[1] && lo[2] <= hi[2]) {
+                    row(x, y, lo[2] - 1, 1);
+                    row(x, y, hi[2] + 1, 1);
+                } else {
+                    row(x, y, lo[2] - 1, hi[2] - lo[2] + 3);
+                }
             }
-        }
-        search_failure.rethrow();
     }
 
-    // Absorptions, in the order they happened: a record's relations are the searches of the records
-    // it holds, its own first unless it moved on.
-    std::unordered_map<std::int32_t, std::vector<std::int32_t>> moved_lists;
+    const CellBuild& build;
+    Take& take;
+    std::int32_t points = 0;
+    std::int32_t lo[3], hi[3];
+};
+
+template <class Take>
+std::pair<std::int32_t, bool> MarchingCubes::CellBuild::search(const PendingSearch& p, Take&& take) const {
+    Search<std::remove_reference_t<Take>> one(*this, take);
+    return one.run(p);
+}
+
+void MarchingCubes::CellBuild::searchByRecord() {
+    UninitialisedArray<std::int32_t>& found = buffers.found;
+    UninitialisedArray<std::int64_t>& found_at = buffers.found_at;
+    UninitialisedArray<std::uint16_t>& found_by = buffers.found_by;
+    const std::int64_t n = static_cast<std::int64_t>(records.size());
+    found.assign(static_cast<std::size_t>(n), 0);
+    found_at.assign(static_cast<std::size_t>(n), 0);
+    found_by.assign(static_cast<std::size_t>(n), 0);
+    TeamFailure search_failure;  // no room for a list: thrown once the team has ended
+#pragma omp parallel
+    {
+        const int thread = omp_get_thread_num();
+        UninitialisedArray<RelationCell2Bins_Device>& list = buffers.lists[static_cast<std::size_t>(thread)];
+#pragma omp for schedule(dynamic, 64)
+        for (std::int64_t i = 0; i < n; ++i) {
+            if (search_failure.failed()) continue;
+            search_failure.run([&] {
+                const std::size_t start = list.size();
+                const auto result = search(pending[static_cast<std::size_t>(i)],
+                                           [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                CellNode_Device& record = records[static_cast<std::size_t>(i)];
+                record.point_count += result.first;
+                if (result.second) record.rules |= CELL_WIDENED_SEARCH;
+                found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
+                found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
+                found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+            });
+        }
+    }
+    search_failure.rethrow();
+}
+
+// ---- One scale: the walk of the first visits and their searches side by side ----
+//
+// The walk makes the records in the order of the first visits, so the searches need not wait for it. One
+// thread walks the tree while the others search the cells by first visit, and it joins them when done.
+// Should a visit not make the one record expected of it (a tree already there from an earlier pass over
+// the block, a failed insertion), the searches are made again by record.
+
+bool MarchingCubes::CellBuild::walkAndSearchFirstVisits() {
+    dropVisitsOutsideRoot();
+    numberVisits();
+    // No exception leaves the team: the first (no room for a record or a list) is thrown after it.
+    TeamFailure walk_failure;
+    // Cells of the bin's size search one key around them, two when sparse: from the bitmap, all the
+    // cells of a bin take their bins from one read of the keys around it.
+    const bool around_bins = mc.m_bitmap_valid && searchReach(r, wide_search_edge) == 1;
+#pragma omp parallel
+    {
+#pragma omp single nowait
+        walk_failure.run([&] { walkFirstVisits(); });
+        const int thread = omp_get_thread_num();
+        UninitialisedArray<RelationCell2Bins_Device>& list = buffers.lists[static_cast<std::size_t>(thread)];
+#pragma omp for schedule(dynamic, 64) nowait
+        for (std::int64_t b = 0; b < bin_count; ++b) {
+            if (walk_failure.failed()) continue;
+            walk_failure.run([&] { searchFirstVisitsOf(b, thread, around_bins, list); });
+        }
+    }
+    walk_failure.rethrow();
+    if (!one_record_a_visit) {
+        for (UninitialisedArray<RelationCell2Bins_Device>& list : buffers.lists) list.clear();
+        return false;
+    }
+    records.resize(static_cast<std::size_t>(visits));
+#pragma omp parallel for schedule(dynamic, 256)
+    for (std::int64_t b = 0; b < bin_count; ++b) makeVisitRecords(b, b + 1, visits, true);
+    return true;
+}
+
+void MarchingCubes::CellBuild::dropVisitsOutsideRoot() {
+    const CellNode& root_cell = *root.root_cell;
+#pragma omp parallel for schedule(static)
+    for (std::int64_t b = 0; b < bin_count; ++b) {
+        std::uint32_t& mask = first_visits[static_cast<std::size_t>(b)];
+        for (int t = 0; t < 27; ++t) {
+            if (((mask >> t) & 1u) == 0) continue;
+            float pos[3];
+            neighbourCentre(bins_header[static_cast<std::size_t>(b)], t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, pos);
+            for (int k = 0; k < 3; ++k)
+                if (std::fabs(pos[k] - root_cell.center[k]) > root_cell.half_size) mask &= ~(std::uint32_t{1} << t);
+        }
+    }
+}
+
+void MarchingCubes::CellBuild::numberVisits() {
+    visit_start.assign(static_cast<std::size_t>(bin_count) + 1, 0);
+    for (std::int64_t b = 0; b < bin_count; ++b)
+        visit_start[static_cast<std::size_t>(b) + 1] =
+            visit_start[static_cast<std::size_t>(b)] + bitCount64(first_visits[static_cast<std::size_t>(b)]);
+    visits = visit_start.back();
+    records.reserve(static_cast<std::size_t>(visits));
+    pending.reserve(static_cast<std::size_t>(visits));
+    // Every visit's entries are written by its search, and its leaf by the walk before it is read.
+    buffers.found.resize(static_cast<std::size_t>(visits));
+    buffers.found_at.resize(static_cast<std::size_t>(visits));
+    buffers.found_by.resize(static_cast<std::size_t>(visits));
+    buffers.visit_points.clear();
+    buffers.visit_points.resize(static_cast<std::size_t>(visits));
+    buffers.visit_widened.clear();
+    buffers.visit_widened.resize(static_cast<std::size_t>(visits));
+    buffers.leaves.clear();
+    buffers.leaves.resize(static_cast<std::size_t>(visits));
+}
+
+void MarchingCubes::CellBuild::walkFirstVisits() {
+    std::int64_t made = 0;  // visits whose leaf was new, in order
+    const PendingSearch normal{SearchKind::Normal, {}, r, 0};
+    for (std::size_t b = 0; b < bins_header.size(); ++b) {
+        const BinsHeader& bin = bins_header[b];
+        const std::uint32_t word = cellWord(bin, 8);
+        int t = 0;
+        bool ok = true;
+        for (int dx = -1; dx <= 1 && ok; ++dx)
+            for (int dy = -1; dy <= 1 && ok; ++dy)
+                for (int dz = -1; dz <= 1 && ok; ++dz, ++t) {
+                    if (((first_visits[b] >> t) & 1u) == 0) continue;
+                    float pos[3];
+                    neighbourCentre(bin, dx, dy, dz, pos);
+                    if (!one_record_a_visit) {
+                        ok = visitCell(pos, r * 0.5f, word, normal);
+                        continue;
+                    }
+                    walkFirstVisit(b, pos, word, made);
+                }
+    }
+}
+
+void MarchingCubes::CellBuild::walkFirstVisit(std::size_t b, const float pos[3], std::uint32_t word,
+                                              std::int64_t& made) {
+    // While every visit reaches a new leaf, the walk only shapes the tree and numbers the leaves; their
+    // records are made afterwards on all cores.
+    const PendingSearch normal{SearchKind::Normal, {}, r, 0};
+    CellNode* leaf = nullptr;
+    const int inserted = mc.m_hash_octree->insertLeafNodeAlongPath(root, pos, r * 0.5f, path, leaf);
+    if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
+    const bool reached = inserted == 0;
+    if (reached && leaf->data_id == -1 && leaf->child_count == 0) {
+        leaf->data_id = static_cast<std::int32_t>(made);
+        leaf->data_state = 1;
+        buffers.leaves[static_cast<std::size_t>(made++)] = leaf;
+        return;
+    }
+    // Something in the way: the records of the visits so far are made as the walk makes them, and from
+    // this visit on the walk takes its own steps.
+    one_record_a_visit = false;
+    records.resize(static_cast<std::size_t>(made));
+    pending.resize(static_cast<std::size_t>(made), normal);
+    makeVisitRecords(0, static_cast<std::int64_t>(b) + 1, made, false);
+    if (reached) visitLeaf(leaf, pos, word, normal);
+}
+
+// At the visits' places. With `searched`, the visits' searches are done and their results go into the
+// records; otherwise each record gets its pending search.
+void MarchingCubes::CellBuild::makeVisitRecords(std::int64_t from, std::int64_t to, std::int64_t end, bool searched) {
+    for (std::int64_t b = from; b < to; ++b) {
+        const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
+        const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+        std::int64_t j = visit_start[static_cast<std::size_t>(b)];
+        for (int t = 0; t < 27 && j < end; ++t) {
+            if (((mask >> t) & 1u) == 0) continue;
+            const std::size_t v = static_cast<std::size_t>(j++);
+            const CellNode* leaf = buffers.leaves[v];
+            CellNode_Device record = emptyCellNodeDevice();
+            record.cell = buffers.leaves[v];
+            for (int k = 0; k < 3; ++k) record.center[k] = leaf->center[k];
+            record.half_size = leaf->half_size;
+            record.point_count = 0;
+            record.word = cellWord(bin, 8);
+            if (searched) {
+                record.point_count = buffers.visit_points[v];
+                if (buffers.visit_widened[v] != 0) record.rules |= CELL_WIDENED_SEARCH;
+            } else {
+                PendingSearch& p = pending[v];
+                p = PendingSearch{SearchKind::Normal, {}, r, 0};
+                neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+            }
+            records[v] = record;
+        }
+    }
+}
+
+void MarchingCubes::CellBuild::searchFirstVisitsOf(std::int64_t b, int thread, bool around_bins,
+                                                   UninitialisedArray<RelationCell2Bins_Device>& list) {
+    const std::uint32_t mask = first_visits[static_cast<std::size_t>(b)];
+    if (mask == 0) return;
+    const BinsHeader& bin = bins_header[static_cast<std::size_t>(b)];
+    std::int64_t j = visit_start[static_cast<std::size_t>(b)];
+    // Read once for all the bin's cells: a cell's search, widened or not, lies within them.
+    BinsAround around;
+    if (around_bins) readBinsAround(bin, around);
+    for (int t = 0; t < 27; ++t) {
+        if (((mask >> t) & 1u) == 0) continue;
+        const std::size_t start = list.size();
+        std::pair<std::int32_t, bool> result;
+        if (around_bins) {
+            result = takeAroundCell(around, t, list);
+        } else {
+            PendingSearch p{SearchKind::Normal, {}, r, 0};
+            neighbourCentre(bin, t / 9 - 1, (t / 3) % 3 - 1, t % 3 - 1, p.pos);
+            result = search(p, [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+        }
+        const std::size_t v = static_cast<std::size_t>(j++);
+        buffers.visit_points[v] = result.first;
+        buffers.visit_widened[v] = result.second ? 1 : 0;
+        buffers.found[v] = static_cast<std::int32_t>(list.size() - start);
+        buffers.found_at[v] = static_cast<std::int64_t>(start);
+        buffers.found_by[v] = static_cast<std::uint16_t>(thread);
+    }
+}
+
+void MarchingCubes::CellBuild::readBinsAround(const BinsHeader& bin, BinsAround& around) const {
+    std::int32_t own[3];
+    gridKey(bin.center, r, own);
+    const std::int32_t lo[3] = {own[0] - 3, own[1] - 3, own[2] - 3};
+    bitmap.forEachInBox<7>(lo, [&](std::int64_t place, std::int32_t rank) {
+        around.rank[place] = rank;
+        around.occupied[place >> 6] |= std::uint64_t{1} << (place & 63);
+    });
+}
+
+// The search of the cell at the bin's key plus (dx, dy, dz), in its order: the 3 x 3 x 3 keys around the
+// cell row by row along z, then for a sparse cell the ring around them, the ends of the rows through the
+// box and the whole rows beside it. Both lie in rising place order, so the occupied places of each are
+// taken in that order.
+std::pair<std::int32_t, bool> MarchingCubes::CellBuild::takeAroundCell(
+    const BinsAround& around, int t, UninitialisedArray<RelationCell2Bins_Device>& list) const {
+    const std::size_t start = list.size();
+    std::int32_t points = 0;
+    // Room for every key of a widened search, cut back to the bins found.
+    list.resize(start + 125);
+    RelationCell2Bins_Device* out = list.data() + start;
+    std::size_t taken = 0;
+    const auto takeAll = [&](const std::uint64_t(&places)[6]) {
+        for (int w = 0; w < 6; ++w)
+            for (std::uint64_t hits = around.occupied[w] & places[w]; hits != 0; hits &= hits - 1) {
+                const std::int32_t rank = around.rank[w * 64 + __builtin_ctzll(hits)];
+                const RelationCell2Bins_Device& run = runs_by_rank[static_cast<std::size_t>(rank)];
+                points += run.count;
+                out[taken++] = run;
+            }
+    };
+    takeAll(AROUND_CELL.inner[t]);
+    const bool widened = points < SPARSE_CELL_POINTS;
+    if (widened) takeAll(AROUND_CELL.ring[t]);
+    list.resize(start + taken);
+    return {points, widened};
+}
+
+// ---- Absorptions and flattening ----
+
+// In the order they happened: a record's relations are the searches of the records it holds, its own
+// first unless it moved on.
+void MarchingCubes::CellBuild::applyAbsorptions() {
     const auto searchesOf = [&](std::int32_t i) {
         const auto it = moved_lists.find(i);
         return it != moved_lists.end() ? it->second : std::vector<std::int32_t>{i};
@@ -878,9 +1106,36 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         moved_lists[move.from].clear();
         from.point_count = 0;
     }
+}
 
-    // Flattening: each cell's relations together, in record order.
-    UninitialisedArray<std::int64_t>& offsets = m_cell_buffers.offsets;
+template <class Take>
+void MarchingCubes::CellBuild::forEachSearchOf(std::int64_t i, Take&& take) const {
+    const auto it = moved_lists.find(static_cast<std::int32_t>(i));
+    if (it == moved_lists.end()) {
+        take(static_cast<std::int32_t>(i));
+    } else {
+        for (std::int32_t s : it->second) take(s);
+    }
+}
+
+int MarchingCubes::CellBuild::flatten(std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations) {
+    const std::int64_t n = static_cast<std::int64_t>(records.size());
+    const std::int64_t total = relationOffsets(n);
+    if (total > INT32_MAX) {
+        mc.m_last_error = "[MarchingCubes] reOrganizeCellRelations failed!";
+        return 1;
+    }
+    flat->cell_node_size = static_cast<std::int32_t>(n);
+    flat->relation_size = static_cast<std::int32_t>(total);
+    flat->relations.resize(static_cast<std::size_t>(total));
+    copyRelations(n);
+    cell_node_and_relations = std::move(flat);
+    return 0;
+}
+
+// A record keeps its relations where it holds points and found bins.
+std::int64_t MarchingCubes::CellBuild::relationOffsets(std::int64_t n) {
+    UninitialisedArray<std::int64_t>& offsets = buffers.offsets;
     offsets.clear();
     offsets.resize(static_cast<std::size_t>(n) + 1);
     offsets[0] = 0;
@@ -888,44 +1143,26 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
         std::int64_t k = 0;
         const auto it = moved_lists.find(static_cast<std::int32_t>(i));
         if (it == moved_lists.end()) {
-            k = found[static_cast<std::size_t>(i)];
+            k = buffers.found[static_cast<std::size_t>(i)];
         } else {
-            for (std::int32_t s : it->second) k += found[static_cast<std::size_t>(s)];
+            for (std::int32_t s : it->second) k += buffers.found[static_cast<std::size_t>(s)];
         }
         const bool kept = records[static_cast<std::size_t>(i)].point_count >= 1 && k >= 1;
         offsets[static_cast<std::size_t>(i) + 1] = offsets[static_cast<std::size_t>(i)] + (kept ? k : 0);
     }
-    const std::int64_t total = offsets.back();
-    if (total > INT32_MAX) {
-        m_last_error = "[MarchingCubes] reOrganizeCellRelations failed!";
-        return 1;
-    }
-    flat->cell_node_size = static_cast<std::int32_t>(n);
-    flat->relation_size = static_cast<std::int32_t>(total);
-    flat->relations.resize(static_cast<std::size_t>(total));
-    // The searches whose relations record i takes, in order.
-    const auto forEachSearchOf = [&](std::int64_t i, auto&& take) {
-        const auto it = moved_lists.find(static_cast<std::int32_t>(i));
-        if (it == moved_lists.end()) {
-            take(static_cast<std::int32_t>(i));
-        } else {
-            for (std::int32_t s : it->second) take(s);
-        }
-    };
-    // The records are copied slice by slice, and after each slice every thread's list gives back the pages
-    // that no later record copies from: the lists and the flat array are not both held in full.
-    // first_use[slice * threads + t]: where in thread t's list the searches that the records of that slice
-    // and the later ones copy begin.
-    constexpr std::int64_t FLATTEN_SLICE = 65536;
-    const std::size_t threads = lists.size();
-    const std::int64_t slices = (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
+    return offsets.back();
+}
+
+std::vector<std::int64_t> MarchingCubes::CellBuild::firstUses(std::int64_t n, std::int64_t slices) const {
+    const UninitialisedArray<std::int64_t>& offsets = buffers.offsets;
+    const std::size_t threads = buffers.lists.size();
     std::vector<std::int64_t> first_use(static_cast<std::size_t>(slices + 1) * threads, INT64_MAX);
     for (std::int64_t i = 0; i < n; ++i) {
         if (offsets[static_cast<std::size_t>(i) + 1] == offsets[static_cast<std::size_t>(i)]) continue;
         std::int64_t* use = first_use.data() + static_cast<std::size_t>(i / FLATTEN_SLICE) * threads;
         forEachSearchOf(i, [&](std::int32_t s) {
-            std::int64_t& at = use[found_by[static_cast<std::size_t>(s)]];
-            at = std::min(at, found_at[static_cast<std::size_t>(s)]);
+            std::int64_t& at = use[buffers.found_by[static_cast<std::size_t>(s)]];
+            at = std::min(at, buffers.found_at[static_cast<std::size_t>(s)]);
         });
     }
     for (std::int64_t slice = slices - 1; slice >= 0; --slice)
@@ -933,6 +1170,17 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             first_use[static_cast<std::size_t>(slice) * threads + t] =
                 std::min(first_use[static_cast<std::size_t>(slice) * threads + t],
                          first_use[static_cast<std::size_t>(slice + 1) * threads + t]);
+    return first_use;
+}
+
+// The records are copied slice by slice, and after each slice every thread's list gives back the pages
+// that no later record copies from: the lists and the flat array are not both held in full.
+void MarchingCubes::CellBuild::copyRelations(std::int64_t n) {
+    const UninitialisedArray<std::int64_t>& offsets = buffers.offsets;
+    std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = buffers.lists;
+    const std::size_t threads = lists.size();
+    const std::int64_t slices = (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
+    const std::vector<std::int64_t> first_use = firstUses(n, slices);
     std::vector<std::int64_t> released(threads, 0);
     for (std::int64_t slice = 0; slice < slices; ++slice) {
         const std::int64_t end = std::min(n, (slice + 1) * FLATTEN_SLICE);
@@ -944,9 +1192,10 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
             CellNode_Device& record = records[static_cast<std::size_t>(i)];
             RelationCell2Bins_Device* out = flat->relations.data() + o;
             forEachSearchOf(i, [&](std::int32_t s) {
-                const UninitialisedArray<RelationCell2Bins_Device>& list = lists[found_by[static_cast<std::size_t>(s)]];
-                const auto begin = list.begin() + found_at[static_cast<std::size_t>(s)];
-                out = std::copy(begin, begin + found[static_cast<std::size_t>(s)], out);
+                const UninitialisedArray<RelationCell2Bins_Device>& list =
+                    lists[buffers.found_by[static_cast<std::size_t>(s)]];
+                const auto begin = list.begin() + buffers.found_at[static_cast<std::size_t>(s)];
+                out = std::copy(begin, begin + buffers.found[static_cast<std::size_t>(s)], out);
             });
             record.relation_offset = static_cast<std::int32_t>(o);
             record.relation_count = static_cast<std::int32_t>(k);
@@ -959,8 +1208,24 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
                 released[t] = upto;
         }
     }
-    cell_node_and_relations = std::move(flat);
-    return 0;
+}
+
+// The walk that shapes the tree is made in bin order; the searches and the flattening run in parallel.
+int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
+                                           std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations) {
+    std::shared_ptr<HashRootCellData> root;
+    if (m_hash_octree->insertBlockHash(block.center, root) != 0 || !root) {
+        m_last_error = "[MarchingCubes] m_hash_octree->insertBlockHash failed!";
+        return 1;
+    }
+    CellBuild build(*this, bins_header, *root);
+    const bool one_scale = build.findFirstVisits();
+    if (!one_scale) build.walkBinsInOrder();
+    build.prepareSearches();
+    const bool searched = one_scale && build.walkAndSearchFirstVisits();
+    if (!searched) build.searchByRecord();
+    build.applyAbsorptions();
+    return build.flatten(cell_node_and_relations);
 }
 
 }  // namespace SurfaceReconstruction
