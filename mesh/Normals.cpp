@@ -34,6 +34,11 @@ constexpr double LINE_SPREAD = 1e-6;
 // The edge of the search's cells in distances to the k-th nearest point (median): the 27 cells around a
 // point's own then hold its neighbours for most points, and not many more.
 constexpr double CELL_PER_NEIGHBOURHOOD = 1.5;
+// Beside a sharp edge some neighbours lie on the other face and tilt the plane toward it: the plane is fitted
+// once more without the neighbours farther off it than this many times the median offset. On the simulated
+// part without its normals it takes the F-score at 0.1 mm from 0.977 to 0.979 (0.988 with the scan's own), and
+// beside a right-angled edge it turns the normals one spacing away from the edge to their own face.
+constexpr double OFF_PLANE_MEDIANS = 2.0;
 
 // What a point is to the estimation.
 enum State : std::uint8_t {
@@ -616,6 +621,55 @@ void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estima
     }
 }
 
+// The plane of `count` points given as offsets `d` from the point being fitted: their mean `mean` and the unit
+// normal `v` of least spread, with the spreads `lambda` (ascending); `use` (optional) picks the points. False
+// when the points have no direction of least spread.
+bool fitPlane(const double (*d)[3], int count, const bool* use, double mean[3], double lambda[3], double v[3]) {
+    int used = 0;
+    for (int c = 0; c < 3; ++c) mean[c] = 0.0;
+    for (int j = 0; j < count; ++j) {
+        if (use && !use[j]) continue;
+        ++used;
+        for (int c = 0; c < 3; ++c) mean[c] += d[j][c];
+    }
+    if (used == 0) return false;
+    for (int c = 0; c < 3; ++c) mean[c] /= used;
+    double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    for (int j = 0; j < count; ++j) {
+        if (use && !use[j]) continue;
+        const double e[3] = {d[j][0] - mean[0], d[j][1] - mean[1], d[j][2] - mean[2]};
+        a[0] += e[0] * e[0];
+        a[1] += e[0] * e[1];
+        a[2] += e[0] * e[2];
+        a[3] += e[1] * e[1];
+        a[4] += e[1] * e[2];
+        a[5] += e[2] * e[2];
+    }
+    return leastEigenvector(a, lambda, v);
+}
+
+// The plane fitted again without the points far off the first one (see OFF_PLANE_MEDIANS): `v` replaced when
+// some are dropped, at least half are kept and they still span a plane.
+void refitWithoutFarPoints(const double (*d)[3], int count, const double mean[3], double v[3]) {
+    double off[MAX_NEIGHBOURS + 1], sorted[MAX_NEIGHBOURS + 1];
+    for (int j = 0; j < count; ++j) {
+        off[j] = std::fabs((d[j][0] - mean[0]) * v[0] + (d[j][1] - mean[1]) * v[1] + (d[j][2] - mean[2]) * v[2]);
+        sorted[j] = off[j];
+    }
+    std::nth_element(sorted, sorted + count / 2, sorted + count);
+    const double limit = OFF_PLANE_MEDIANS * sorted[count / 2];
+    bool use[MAX_NEIGHBOURS + 1];
+    int kept = 0;
+    for (int j = 0; j < count; ++j) {
+        use[j] = off[j] <= limit;
+        kept += use[j] ? 1 : 0;
+    }
+    if (kept == count || kept < std::max(MIN_NEIGHBOURS, count / 2)) return;
+    double refit_mean[3], lambda[3], refit[3];
+    if (!fitPlane(d, count, use, refit_mean, lambda, refit) || !(lambda[1] > LINE_SPREAD * lambda[2])) return;
+    for (int c = 0; c < 3; ++c) v[c] = refit[c];
+}
+
 int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                 const std::vector<FrameNormalSource>& sources, NormalEstimate& result, const NormalOptions& options) {
     result = NormalEstimate();
@@ -716,34 +770,20 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                         ++too_few;
                         continue;
                     }
-                    // The covariance of the neighbours, about their mean, in double from offsets to the point.
+                    // The neighbours as offsets to the point, in double.
                     const Vec3f& p = scan.points[s];
-                    double mean[3] = {0.0, 0.0, 0.0};
+                    double d[MAX_NEIGHBOURS + 1][3];
                     for (int j = 0; j < within; ++j)
                         for (int c = 0; c < 3; ++c)
-                            mean[c] +=
-                                static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]);
-                    for (double& m : mean) m /= within;
-                    double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-                    for (int j = 0; j < within; ++j) {
-                        double d[3];
-                        for (int c = 0; c < 3; ++c)
-                            d[c] = static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]) -
-                                   mean[c];
-                        a[0] += d[0] * d[0];
-                        a[1] += d[0] * d[1];
-                        a[2] += d[0] * d[2];
-                        a[3] += d[1] * d[1];
-                        a[4] += d[1] * d[2];
-                        a[5] += d[2] * d[2];
-                    }
-                    double lambda[3], v[3];
+                            d[j][c] = static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]);
+                    double mean[3], lambda[3], v[3];
                     // A line of points (a middle spread of nothing, up to rounding) has no plane either.
-                    if (!leastEigenvector(a, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
+                    if (!fitPlane(d, within, nullptr, mean, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
                         std::max(lambda[0], 0.0) > options.clear_plane * lambda[1]) {
                         ++unclear;
                         continue;
                     }
+                    refitWithoutFarPoints(d, within, mean, v);
                     if (source.sensor_known) {
                         double toward = 0.0;
                         for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);

@@ -51,6 +51,27 @@ float worstAgreement(const FrameDataWithInfo& frame, Expected expected) {
     return worst;
 }
 
+// The direction of least spread of the rows of `q` about their mean (Eigen's solver).
+Eigen::Vector3d leastSpread(const Eigen::MatrixX3d& q) {
+    const Eigen::MatrixX3d centred = q.rowwise() - q.colwise().mean();
+    return Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(centred.transpose() * centred).eigenvectors().col(0);
+}
+
+// The plane of the rows of `q` fitted again without those more than twice the median offset off the
+// first plane (normal `first`), when that drops some and keeps at least half of them (and 5).
+Eigen::Vector3d fittedAgain(const Eigen::MatrixX3d& q, const Eigen::Vector3d& first) {
+    const Eigen::VectorXd off = ((q.rowwise() - q.colwise().mean()) * first).cwiseAbs();
+    std::vector<double> sorted(off.data(), off.data() + off.size());
+    std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+    std::vector<int> kept;
+    for (int j = 0; j < off.size(); ++j)
+        if (off[j] <= 2.0 * sorted[sorted.size() / 2]) kept.push_back(j);
+    if (kept.size() == sorted.size() || kept.size() < std::max<std::size_t>(5, sorted.size() / 2)) return first;
+    Eigen::MatrixX3d near(kept.size(), 3);
+    for (std::size_t j = 0; j < kept.size(); ++j) near.row(j) = q.row(kept[j]);
+    return leastSpread(near);
+}
+
 }  // namespace
 
 TEST(PointNormals, FacedTowardTheScannerOrOrientedFromTheOutsideInOnClosedAndOpenSurfaces) {
@@ -153,8 +174,9 @@ TEST(PointNormals, AmbiguousPointsAreLeftOutAndKeptNormalsOrientTheirNeighbours)
 }
 
 // Noisy points on a wavy sheet, dense in one corner and sparse elsewhere: every plane matches the least
-// eigenvector (Eigen) of the covariance of the 17 nearest points found by brute force, and the normals come
-// out bit for bit the same on 1, 2 and 3 threads.
+// eigenvector (Eigen) of the covariance of the 17 nearest points found by brute force, fitted again without
+// the points more than twice the median offset off the first plane, and the normals come out bit for
+// bit the same on 1, 2 and 3 threads.
 TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountGivesTheSameNormals) {
     std::mt19937 random(7);
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
@@ -193,16 +215,59 @@ TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountGivesTheSameNorma
         }
         std::partial_sort(order.begin(), order.begin() + 17, order.end());
         if (order[16].first > reach * reach) continue;  // fitted to fewer
-        Eigen::Matrix<double, 17, 3> q;
+        Eigen::MatrixX3d q(17, 3);
         for (int j = 0; j < 17; ++j)
             for (int k = 0; k < 3; ++k) q(j, k) = p[order[j].second][k];
-        const Eigen::Matrix<double, 17, 3> centred = q.rowwise() - q.colwise().mean();
-        const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(centred.transpose() * centred);
-        const Eigen::Vector3d expected = solver.eigenvectors().col(0);
+        const Eigen::Vector3d expected = fittedAgain(q, leastSpread(q));
         const double agreement =
             std::fabs(expected[0] * normals[0][i][0] + expected[1] * normals[0][i][1] + expected[2] * normals[0][i][2]);
         ASSERT_GT(agreement, 1.0 - 1e-5) << "point " << i;
         ++checked;
     }
     EXPECT_GT(checked, 800u);
+}
+
+// A sharp edge: a top face (z = 0, x <= 0) and a side face (x = 0, z < 0) sampled on a grid. A plane of the
+// 17 nearest points tilts toward the other face beside the edge; fitted again without the far points, the
+// normals of the points one to two spacings from the edge are those of their own face.
+TEST(PointNormals, BesideASharpEdgeTheNormalIsThatOfTheNearFace) {
+    constexpr float STEP = 0.25f;
+    auto frame = std::make_shared<FrameDataWithInfo>();
+    for (int j = -20; j <= 20; ++j)
+        for (int i = 0; i <= 40; ++i) {
+            frame->xyz.push_back({-STEP * i, STEP * j, 0.0f});             // top, the edge included
+            if (i > 0) frame->xyz.push_back({0.0f, STEP * j, -STEP * i});  // side
+        }
+    frame->nor.assign(frame->xyz.size(), Vec3f{0, 0, 0});
+    FrameNormalSource source;
+    source.sensor_known = true;
+    source.sensor = {40.0, 0.0, 40.0};
+    NormalEstimate estimate;
+    ASSERT_EQ(estimateNormals({frame}, {source}, estimate), 0);
+    int checked = 0, tilted_without = 0;
+    for (std::size_t i = 0; i < frame->xyz.size(); ++i) {
+        const Vec3f& p = frame->xyz[i];
+        const bool top = p[2] == 0.0f;
+        const float from_edge = top ? -p[0] : -p[2];
+        if (from_edge < 0.9f * STEP || from_edge > 2.1f * STEP || std::fabs(p[1]) > 3.0f) continue;
+        const Vec3f face = top ? Vec3f{0, 0, 1} : Vec3f{1, 0, 0};
+        EXPECT_GT(dot(frame->nor[i], face), std::cos(3.0f * float(M_PI) / 180.0f))
+            << p[0] << " " << p[1] << " " << p[2];
+        ++checked;
+        // The first plane alone (brute force), for contrast: one spacing from the edge it leans by more.
+        std::vector<std::pair<float, std::size_t>> order;
+        for (std::size_t j = 0; j < frame->xyz.size(); ++j) {
+            const Vec3f& o = frame->xyz[j];
+            order.push_back(
+                {(o[0] - p[0]) * (o[0] - p[0]) + (o[1] - p[1]) * (o[1] - p[1]) + (o[2] - p[2]) * (o[2] - p[2]), j});
+        }
+        std::partial_sort(order.begin(), order.begin() + 17, order.end());
+        Eigen::MatrixX3d q(17, 3);
+        for (int j = 0; j < 17; ++j)
+            for (int k = 0; k < 3; ++k) q(j, k) = frame->xyz[order[j].second][k];
+        const Eigen::Vector3d first = leastSpread(q);
+        if (std::fabs(first[0] * face[0] + first[2] * face[2]) < std::cos(3.0 * M_PI / 180.0)) ++tilted_without;
+    }
+    EXPECT_GT(checked, 40);
+    EXPECT_GE(tilted_without, checked / 2);  // those one spacing from the edge
 }

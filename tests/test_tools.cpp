@@ -567,6 +567,7 @@ TEST(Pictures, FrontAndBackFacesShowAndThePngReadsBack) {
 
 TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     TESSALINE_REQUIRE_PROGRAM();
+    std::filesystem::remove_all(tempPath("never_parts"));
     const std::string missing = tempPath("missing.ply"), never = tempPath("never.ply");
     const std::string cloud = writeFile("cloud_only.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n");
     const std::string normals = "property float nx\nproperty float ny\nproperty float nz\n";
@@ -635,6 +636,7 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
         {"compare " + cloud + " part", 1, "no triangles"},  // a point cloud: no faces
         {"render " + cloud + " -o " + tempPath("never.png"), 1, ""},
         {"simulate", 1, "no output directory"},
+        {"simulate -o " + tempPath("never_parts") + " --parts 3", 1, "not a grid of parts such as 3x2"},
         {"reconstruct " + frame + " -o " + never + " --threads 100000", 1, "--threads must be 0"},
         {"reconstruct " + frame + " -o " + never + " --threads -1", 1, "--threads must be 0"},
         {"reconstruct " + frame + " -o " + never + " --resolution 1e-9", 1, "from 0.001 to 100000"},
@@ -666,6 +668,36 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     EXPECT_FALSE(std::ifstream(never).good());
     EXPECT_FALSE(std::ifstream(tempPath("never.png")).good());
     EXPECT_FALSE(std::ifstream(tempPath("never_demo")).good());
+    EXPECT_FALSE(std::filesystem::exists(tempPath("never_parts")));
+}
+
+// A grid of parts: each part scanned on its own and moved by the pitch, frames named by part so that they
+// sort in scan order, every part's markers in the file beside them, matched by every frame.
+TEST(Program, SimulatedGridOfPartsIsOneScanOfSeparatePieces) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string folder = tempPath("parts_grid");
+    std::filesystem::remove_all(folder);
+    ASSERT_EQ(runProgram("simulate --points 40000 --parts 2x2 -o " + folder).status, 0);
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names.front(), "optimized-markers.txt");
+    EXPECT_EQ(names[1], "part_0000_frame_00000.ply");
+    EXPECT_EQ(names.back().rfind("part_0003_frame_", 0), 0u);
+    const std::string mesh = tempPath("parts_grid.ply");
+    const ProgramRun run = runProgram("reconstruct " + folder + " --resolution 0.5 --json -o " + mesh);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_TRUE(contains(run.out, "\"given\": 152")) << run.out;  // 38 markers a part
+    EXPECT_TRUE(contains(run.out, "\"frames_left_out\": []")) << run.out;
+    const IndexedMesh read = tessaline_tools::readMesh(mesh);
+    float low[2] = {1e30f, 1e30f}, high[2] = {-1e30f, -1e30f};
+    for (const Vec3f& v : read.vertices)
+        for (int k = 0; k < 2; ++k) low[k] = std::min(low[k], v[k]), high[k] = std::max(high[k], v[k]);
+    // Two parts along x and two along y, 160 mm apart: the mesh spans the pitch and one part's width.
+    for (int k = 0; k < 2; ++k) {
+        EXPECT_GT(high[k] - low[k], 160.0f) << k;
+        EXPECT_LT(high[k] - low[k], 160.0f + 130.0f) << k;
+    }
 }
 
 TEST(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {

@@ -941,6 +941,20 @@ void makeFolder(const std::string& folder) {
     if (mkdir(folder.c_str(), 0777) != 0) throw std::runtime_error(folder + ": cannot create the directory");
 }
 
+// The distance between the centres of neighbouring parts of `simulate --parts`: the part with its rings of
+// markers is about 130 mm across.
+constexpr double PART_PITCH = 160.0;
+
+// "KxL" of --parts: K columns (along x) and L rows (along y), each from 1 to 1000.
+std::pair<std::size_t, std::size_t> partGrid(const std::string& text) {
+    std::size_t columns = 0, rows = 0;
+    char x = 0, end = 0;
+    if (std::sscanf(text.c_str(), "%zu%c%zu%c", &columns, &x, &rows, &end) != 3 || (x != 'x' && x != 'X') ||
+        columns < 1 || rows < 1 || columns > 1000 || rows > 1000)
+        throw std::runtime_error("--parts " + text + ": not a grid of parts such as 3x2 (K x L, each 1 to 1000)");
+    return {columns, rows};
+}
+
 int simulate(int argc, char** argv) {
     cxxopts::Options options(
         "tessaline simulate",
@@ -950,9 +964,11 @@ int simulate(int argc, char** argv) {
                                                          cxxopts::value<std::size_t>()->default_value("600000"))(
         "seed", "seed of the scan's random streams", cxxopts::value<std::uint64_t>()->default_value("1"))(
         "misregister", "frames to register about 0.3 mm wrongly (spread over the scan), for the markers to find",
-        cxxopts::value<std::size_t>()->default_value("0"))("threads", "worker threads (0: all cores)",
-                                                           cxxopts::value<int>()->default_value("0"))("h,help",
-                                                                                                      "show this text");
+        cxxopts::value<std::size_t>()->default_value("0"))(
+        "parts", "a grid of K x L parts on one table, each scanned on its own (the points shared among them)",
+        cxxopts::value<std::string>()->default_value("1x1"))(
+        "threads", "worker threads (0: all cores)", cxxopts::value<int>()->default_value("0"))("h,help",
+                                                                                               "show this text");
     const cxxopts::ParseResult args = options.parse(argc, argv);
     if (args.count("help")) {
         std::printf(
@@ -963,28 +979,63 @@ int simulate(int argc, char** argv) {
     }
     if (!args.count("output")) throw std::runtime_error("no output directory given (-o DIR)");
     applyThreads(args);
+    const auto [columns, rows] = partGrid(args["parts"].as<std::string>());
     const std::string folder = args["output"].as<std::string>();
     makeFolder(folder);
     tessaline_tools::ScanSimulation settings;
     settings.target_points = args["points"].as<std::size_t>();
     settings.seed = args["seed"].as<std::uint64_t>();
-    settings.misregistered =
-        tessaline_tools::spreadMisregisteredFrames(args["misregister"].as<std::size_t>(), settings.target_points);
     settings.misregistration_shift = tessaline_tools::NOTICEABLE_MISREGISTRATION;
     settings.misregistration_degrees = tessaline_tools::NOTICEABLE_MISREGISTRATION_DEGREES;
-    const tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
-    std::size_t points = 0;
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        char name[32];
-        std::snprintf(name, sizeof(name), "frame_%05zu.ply", i);
-        tessaline_tools::writePlyPointCloud(joinPath(folder, name), *frames[i]);
-        points += frames[i]->xyz.size();
+    const std::size_t parts = columns * rows;
+    const std::size_t total_points = settings.target_points;
+    const SurfaceReconstruction::MarkerInfos part_markers = tessaline_tools::simulatedMarkers();
+    SurfaceReconstruction::MarkerInfos markers;
+    std::size_t points = 0, frame_count = 0;
+    // One part after the other, each written before the next is made: a scan of any size in the memory of
+    // one part's frames. A grid of parts names its frames by part, so that the names sort in scan order.
+    for (std::size_t part = 0; part < parts; ++part) {
+        settings.seed = args["seed"].as<std::uint64_t>() + part;
+        settings.target_points = (total_points + parts - 1) / parts;
+        settings.misregistered =
+            tessaline_tools::spreadMisregisteredFrames(args["misregister"].as<std::size_t>(), settings.target_points);
+        const tessaline_tools::Frames frames = tessaline_tools::simulateScan(settings);
+        const float shift[3] = {static_cast<float>(PART_PITCH * static_cast<double>(part % columns)),
+                                static_cast<float>(PART_PITCH * static_cast<double>(part / columns)), 0.0f};
+        const std::int32_t first_marker = static_cast<std::int32_t>(part * part_markers.ids.size());
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            SurfaceReconstruction::FrameDataWithInfo& frame = *frames[i];
+            if (parts > 1) {
+                for (SurfaceReconstruction::Vec3f& p : frame.xyz)
+                    for (int k = 0; k < 3; ++k) p[k] += shift[k];
+                for (int k = 0; k < 3; ++k) frame.frame_info.translation[k] += shift[k];
+                for (std::int32_t& id : frame.marker_ids) id += first_marker;
+            }
+            char name[48];
+            if (parts > 1)
+                std::snprintf(name, sizeof(name), "part_%04zu_frame_%05zu.ply", part, i);
+            else
+                std::snprintf(name, sizeof(name), "frame_%05zu.ply", i);
+            tessaline_tools::writePlyPointCloud(joinPath(folder, name), frame);
+            points += frame.xyz.size();
+        }
+        frame_count += frames.size();
+        for (std::size_t m = 0; m < part_markers.ids.size(); ++m) {
+            markers.ids.push_back(static_cast<std::int32_t>(markers.ids.size()));
+            SurfaceReconstruction::Vec3f at = part_markers.xyz[m];
+            for (int k = 0; k < 3; ++k) at[k] += shift[k];
+            markers.xyz.push_back(at);
+            markers.nor.push_back(part_markers.nor[m]);
+        }
+        if (parts > 1)
+            std::fprintf(stderr, "\rtessaline: part %zu of %zu simulated (%zu points)", part + 1, parts, points);
     }
-    const SurfaceReconstruction::MarkerInfos markers = tessaline_tools::simulatedMarkers();
+    if (parts > 1) std::fprintf(stderr, "\n");
     tessaline_tools::writeOptimizedMarkers(joinPath(folder, MARKERS_FILE), markers);
-    std::printf("wrote %zu frames, %zu points, to %s\n", frames.size(), points, folder.c_str());
+    std::printf("wrote %zu frames, %zu points, to %s\n", frame_count, points, folder.c_str());
     if (!settings.misregistered.empty()) {
-        std::printf("misregistered frames (about %g mm off):", tessaline_tools::NOTICEABLE_MISREGISTRATION);
+        std::printf("misregistered frames%s (about %g mm off):", parts > 1 ? " of each part" : "",
+                    tessaline_tools::NOTICEABLE_MISREGISTRATION);
         for (std::size_t f : settings.misregistered) std::printf(" %zu", f);
         std::printf("\n");
     }
