@@ -321,6 +321,7 @@ def main(argv=None):
 
     cluster = None
     try:
+        _parse_resolution(args.resolution)  # refused before any cluster starts
         if args.scheduler:
             client = distributed.Client(args.scheduler)
         else:
