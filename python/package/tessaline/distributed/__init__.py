@@ -31,6 +31,7 @@ import os
 import shutil
 import sys
 import tempfile
+import uuid
 from dataclasses import dataclass, field
 
 import numpy as np
@@ -167,7 +168,9 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
                          "coordinates of the input to a millimetre; write .ply or .obj")
     markers_file = _tools.markers_file_for(inputs, "" if markers is None else os.fspath(markers))
 
-    futures = client.map(_measure, scan_units, settings=settings, key=[f"measure-{i}" for i in range(len(scan_units))])
+    token = uuid.uuid4().hex[:12]
+    futures = client.map(_measure, scan_units, settings=settings,
+                         key=[f"measure-{i}-{token}" for i in range(len(scan_units))])
     measured = client.gather(futures)
 
     without_normals = [u[1] for u, m in zip(scan_units, measured) if not all(m["normals"])]
@@ -200,7 +203,7 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
         # The engine's own origin: the median of every stride-th point of the run, frame after frame.
         stride = max(1, points // RUN_ORIGIN_SAMPLES)
         firsts = np.cumsum([0] + [int(c.sum()) for c in counts])[:-1]
-        futures = [client.submit(_sample, unit, settings, int(first), stride, key=f"sample-{i}")
+        futures = [client.submit(_sample, unit, settings, int(first), stride, key=f"sample-{i}-{token}")
                    for i, (unit, first) in enumerate(zip(scan_units, firsts))]
         sample = np.concatenate([np.asarray(s).reshape(-1, 3) for s in client.gather(futures)])
         run_origin = tuple(_tools.choose_run_origin(sample, resolution, block_size))
@@ -243,12 +246,19 @@ def run_plan(client, plan, output, parts_dir=None):
     own_dir = parts_dir is None
     folder = tempfile.mkdtemp(prefix="tessaline-parts-") if own_dir else os.fspath(parts_dir)
     os.makedirs(folder, exist_ok=True)
+    # Names this run's tasks: a key that a former run's task still holds on the cluster would be taken as done.
+    token = uuid.uuid4().hex[:12]
     try:
-        futures = [client.submit(_run_tile, plan, tile, folder, key=f"tile-{tile.index}") for tile in plan.tiles]
-        written = client.gather(futures)
+        futures = [client.submit(_run_tile, plan, tile, folder, key=f"tile-{tile.index}-{token}")
+                   for tile in plan.tiles]
+        try:
+            written = client.gather(futures)
+        except BaseException:
+            client.cancel(futures)  # the other tiles stop writing into a folder about to go
+            raise
         keys = sorted(tuple(key) for tile in written for key, _ in tile)
         parts = [os.path.join(folder, _tools.part_name(*key)) for key in keys]
-        result = client.submit(_merge, plan, parts, output, key="merge").result()
+        result = client.submit(_merge, plan, parts, output, key=f"merge-{token}").result()
         result = dict(result, tiles=len(plan.tiles), parts=len(parts), points=plan.points,
                       run_origin=plan.run_origin, block_size=plan.block_size, resolution=plan.resolution)
         if result["triangles"] == 0:
