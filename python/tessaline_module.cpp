@@ -1,4 +1,5 @@
-// The Python module `tessaline`: numpy frames in, one finished mesh out, through the library's public
+// The Python module `tessaline` (its compiled part, tessaline._core, which tessaline/__init__.py
+// re-exports): numpy frames in, one finished mesh out, through the library's public
 // interface and its mesh library. The frames are copied out of numpy first; the run itself happens with
 // the GIL released, and the step callback takes it back for each call.
 #include <pybind11/numpy.h>
@@ -858,7 +859,10 @@ corner, a line, an isolated point) or the point is not finite. Deterministic; th
 
 }  // namespace
 
-PYBIND11_MODULE(tessaline, m) {
+// The program's pieces for distributed runs (distributed_bindings.cpp).
+void bindTools(py::module_& core);
+
+PYBIND11_MODULE(_core, m) {
     m.doc() =
         "Tessaline: registered laser-scan frames in, one triangle mesh out.\n\n"
         "    mesh = tessaline.reconstruct([(points, normals)], resolution='auto')\n\n"
@@ -869,6 +873,7 @@ PYBIND11_MODULE(tessaline, m) {
     m.attr("backend") = TESSALINE_BACKEND;
     m.attr("RESOLUTION_PER_SPACING") = RESOLUTION_PER_SPACING;
     static py::exception<Error>& error_type = py::register_exception<Error>(m, "Error", PyExc_RuntimeError);
+    error_type.attr("__module__") = "tessaline";
     // Memory that the module's own work (the frames' copies, the mesh's arrays) cannot have is reported as
     // the library reports it: tessaline.Error with the memory status, not a bare MemoryError.
     py::register_exception_translator([](std::exception_ptr failure) {
@@ -944,4 +949,5 @@ PYBIND11_MODULE(tessaline, m) {
           "whose normals can be estimated.");
     m.def("estimate_normals", &estimateNormalsOf, py::arg("points"), py::arg("sensor") = py::none(), py::kw_only(),
           py::arg("neighbours") = 16, ESTIMATE_NORMALS_DOC);
+    bindTools(m);
 }

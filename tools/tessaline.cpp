@@ -3,7 +3,6 @@
 // `render` and `compare` make scans of the built-in part, pictures and accuracy figures.
 #include "tessaline/Tessaline.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #if defined(__GLIBC__)
 #include <malloc.h>
@@ -33,6 +32,7 @@
 #include "PointCloudIO.h"
 #include "RangeScan.h"
 #include "Reconstruction.h"
+#include "ScanFiles.h"
 #include "ScanFormats.h"
 #include "ScanInput.h"
 #include "ScanSimulator.h"
@@ -91,61 +91,8 @@ std::string joinPath(const std::string& folder, const std::string& name) {
 // The optimized markers that `simulate` writes beside its frames and `reconstruct` reads from beside them.
 constexpr const char* MARKERS_FILE = "optimized-markers.txt";
 
-// The file of optimized markers for a run: `given` (--markers FILE), none for "none", else the
-// optimized-markers.txt beside the inputs (in an input folder, or in the folder of an input file); "" for
-// none. Two different such files are refused: which one is meant is for the user to say.
-std::string markersFileFor(const std::vector<std::string>& inputs, const std::string& given) {
-    if (given == "none") return "";
-    if (!given.empty()) return given;
-    std::vector<std::string> found;
-    for (const std::string& input : inputs) {
-        const std::size_t slash = input.find_last_of('/');
-        const std::string folder =
-            isDirectory(input) ? input : (slash == std::string::npos ? "." : input.substr(0, slash + 1));
-        const std::string candidate = joinPath(folder, MARKERS_FILE);
-        struct stat info;
-        if (stat(candidate.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-        if (std::find(found.begin(), found.end(), candidate) == found.end()) found.push_back(candidate);
-    }
-    if (found.size() > 1)
-        throw std::runtime_error("optimized markers beside more than one input (" + found[0] + ", " + found[1] +
-                                 "): name the scan's with --markers FILE, or --markers none");
-    return found.empty() ? "" : found[0];
-}
-
-// The point files of `folder` (every format readScanFile knows, .txt aside) in name order, leaving out
-// `output`'s target: a run never reads its own mesh.
-std::vector<std::string> scanFilesIn(const std::string& folder, const std::string& output) {
-    struct stat output_info;
-    const bool output_exists = stat(tessaline_tools::outputTarget(output).c_str(), &output_info) == 0;
-    std::vector<std::string> files;
-    DIR* dir = opendir(folder.c_str());
-    if (dir == nullptr) throw std::runtime_error(folder + ": cannot read the directory");
-    while (dirent* entry = readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (tessaline_tools::scanFormatOf(name, true) == tessaline_tools::ScanFormat::Unknown) continue;
-        const std::string path = folder + "/" + name;
-        struct stat info;
-        if (output_exists && stat(path.c_str(), &info) == 0 && info.st_dev == output_info.st_dev &&
-            info.st_ino == output_info.st_ino)
-            continue;
-        files.push_back(path);
-    }
-    closedir(dir);
-    std::sort(files.begin(), files.end());
-    if (files.empty())
-        throw std::runtime_error(folder + ": no point files (.ply, .ptx, .pts, .xyz, .pcd, .las) in the directory");
-    return files;
-}
-
-// Millimetres in one unit of the input.
-float unitToMillimetres(const std::string& unit) {
-    if (unit == "mm") return 1.0f;
-    if (unit == "cm") return 10.0f;
-    if (unit == "m") return 1000.0f;
-    if (unit == "in") return 25.4f;
-    throw std::runtime_error("unknown unit '" + unit + "' (use mm, cm, m or in)");
-}
+using tessaline_tools::markersFileFor;
+using tessaline_tools::unitToMillimetres;
 
 // The frames of every input: scan lists, point files of any format readScanFile knows and folders of them
 // (`output` left out of a folder), with what the files say beside the points: normals given or not, the
@@ -154,59 +101,36 @@ float unitToMillimetres(const std::string& unit) {
 tessaline_tools::ScanInput readInputs(const std::vector<std::string>& inputs, float to_mm, int scale_code,
                                       const std::string& output, bool quiet) {
     // The files of each input first: the origin must be known before any point is read.
-    std::vector<std::vector<std::string>> files(inputs.size());
-    for (std::size_t i = 0; i < inputs.size(); ++i) {
-        if (endsWith(lower(inputs[i]), ".conf")) continue;
-        files[i] = isDirectory(inputs[i]) ? scanFilesIn(inputs[i], output) : std::vector<std::string>{inputs[i]};
-    }
+    const std::vector<tessaline_tools::ScanUnit> units = tessaline_tools::scanUnits(inputs, output);
     tessaline_tools::ScanInput scan;
-    for (const auto& list : files) {
-        const auto las = std::find_if(list.begin(), list.end(), [](const std::string& file) {
-            return tessaline_tools::scanFormatOf(file) == tessaline_tools::ScanFormat::Las;
-        });
-        if (las == list.end()) continue;
-        scan.origin = tessaline_tools::lasOrigin(*las, to_mm);
-        break;
-    }
+    scan.origin = tessaline_tools::scanOrigin(units, to_mm);
     tessaline_tools::ScanReadOptions options;
     options.scale = to_mm;
     options.scale_code = scale_code;
     options.origin = scan.origin;
-    for (std::size_t input = 0; input < inputs.size(); ++input) {
-        if (endsWith(lower(inputs[input]), ".conf")) {
-            tessaline_tools::RangeScanOptions range;
-            range.scale = to_mm;
-            range.scale_code = scale_code;
-            for (auto& frame : tessaline_tools::readRangeScanSet(inputs[input], range)) {
-                tessaline_tools::FrameExtras extras;
-                extras.source = inputs[input];
-                extras.sensor = true;  // each scan's pose puts the scanner at its translation
-                for (int k = 0; k < 3; ++k)
-                    extras.sensor_position[k] = frame->frame_info.translation[k] - scan.origin[k];
-                if (scan.hasOrigin())
-                    for (auto& p : frame->xyz)
-                        for (int k = 0; k < 3; ++k)
-                            p[k] = static_cast<float>(static_cast<double>(p[k]) - scan.origin[k]);
-                scan.add(frame, std::move(extras));
-            }
-            continue;
-        }
-        const std::vector<std::string>& list = files[input];
-        // The files on all cores, each one's frames into its place; the notes and the first failure in file order.
-        std::vector<tessaline_tools::ScanInput> read(list.size());
-        std::vector<tessaline_tools::ScanReadNotes> notes(list.size());
-        tessaline_tools::forEachInOrder(
-            list.size(), [&](std::size_t i) { tessaline_tools::readScanFile(list[i], options, read[i], notes[i]); });
-        for (std::size_t i = 0; i < list.size(); ++i) {
+    for (std::size_t first = 0; first < units.size();) {
+        // A scan list alone; the files of one input on all cores, each one's frames into its place, the notes
+        // and the first failure in file order.
+        std::size_t last = first + 1;
+        if (!units[first].range_set)
+            while (last < units.size() && !units[last].range_set && units[last].input == units[first].input) ++last;
+        std::vector<tessaline_tools::ScanInput> read(last - first);
+        std::vector<tessaline_tools::ScanReadNotes> notes(last - first);
+        tessaline_tools::forEachInOrder(last - first, [&](std::size_t i) {
+            tessaline_tools::readScanUnit(units[first + i], options, read[i], notes[i]);
+        });
+        for (std::size_t i = 0; i < read.size(); ++i) {
             for (std::size_t f = 0; f < read[i].frames.size(); ++f)
                 scan.add(std::move(read[i].frames[f]), std::move(read[i].extras[f]));
+            const std::string& path = units[first + i].path;
             if (notes[i].dropped > 0 && !quiet)
                 std::fprintf(stderr, "tessaline: %s: %zu points with NaN coordinates or no normal left out\n",
-                             list[i].c_str(), notes[i].dropped);
+                             path.c_str(), notes[i].dropped);
             if (notes[i].faces > 0 && !quiet)
                 std::fprintf(stderr, "tessaline: %s is a mesh (%ld faces): its vertices are read as points\n",
-                             list[i].c_str(), notes[i].faces);
+                             path.c_str(), notes[i].faces);
         }
+        first = last;
     }
     return scan;
 }

@@ -191,7 +191,7 @@ def test_an_exception_in_the_callback_ends_the_run_and_is_raised():
 
 def _python(script, **popen):
     """Runs `script` in a fresh interpreter that imports this same module."""
-    env = dict(os.environ, PYTHONPATH=os.pathsep.join([str(pathlib.Path(tessaline.__file__).parent)] + sys.path))
+    env = dict(os.environ, PYTHONPATH=os.pathsep.join([str(pathlib.Path(tessaline.__file__).parents[1])] + sys.path))
     return subprocess.Popen([sys.executable, "-c", script], env=env, text=True, **popen)
 
 

@@ -1,0 +1,588 @@
+// The program's pieces for the package's distributed runs (tessaline._core.tools): its readers, the order
+// in which it reads its inputs, the global choices a run makes over the whole scan (the run origin, the
+// frames its markers leave out), runs of chosen blocks over the files that reach them, and the finishing
+// steps and writer of `tessaline reconstruct`. Each is a plain function of files and numbers, so that a
+// task on any worker computes what one machine would.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "MeshIO.h"
+#include "PointCloudIO.h"
+#include "ScanFiles.h"
+#include "ScanFormats.h"
+#include "tessaline/Tessaline.h"
+#include "tessaline/TessalineMesh.h"
+
+namespace py = pybind11;
+using namespace SurfaceReconstruction;
+
+namespace {
+
+using tessaline_tools::Origin;
+using tessaline_tools::ScanUnit;
+
+// A unit as Python holds it: (input, path, range_set).
+using UnitTuple = std::tuple<std::size_t, std::string, bool>;
+
+ScanUnit unitOf(const UnitTuple& t) { return ScanUnit{std::get<0>(t), std::get<1>(t), std::get<2>(t)}; }
+
+// How the program reads every unit of a run: --units, --scale-code and the geo-referenced origin.
+struct ReadSettings {
+    float to_mm = 1.0f;
+    int scale_code = 8;          // the word of points whose file has none
+    bool explicit_code = false;  // --scale-code given: every point's wish replaced, its flags kept
+    Origin origin = {0.0, 0.0, 0.0};
+};
+
+ReadSettings readSettings(float to_mm, int scale_code, bool explicit_code, const Origin& origin) {
+    ReadSettings s;
+    s.to_mm = to_mm;
+    s.scale_code = scale_code;
+    s.explicit_code = explicit_code;
+    s.origin = origin;
+    return s;
+}
+
+// The frames of one unit, as the program has them before its run.
+tessaline_tools::ScanInput readUnit(const ScanUnit& unit, const ReadSettings& settings) {
+    tessaline_tools::ScanReadOptions options;
+    options.scale = settings.to_mm;
+    options.scale_code = settings.scale_code;
+    options.origin = settings.origin;
+    tessaline_tools::ScanInput scan;
+    tessaline_tools::ScanReadNotes notes;
+    tessaline_tools::readScanUnit(unit, options, scan, notes);
+    if (settings.explicit_code)
+        for (auto& frame : scan.frames)
+            for (auto& w : frame->w) w = (w & ~0xFF) | settings.scale_code;
+    return scan;
+}
+
+bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
+
+// The first pass: what the plan needs of each frame of a unit. Its point count (all points, as the engine
+// counts them for its origin's sample), the box of its finite points, whether it came with normals and
+// colours, its pose and its markers.
+py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code, const Origin& origin) {
+    tessaline_tools::ScanInput scan;
+    {
+        py::gil_scoped_release release;
+        scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+    }
+    const std::size_t n = scan.frames.size();
+    py::array_t<std::int64_t> counts(static_cast<py::ssize_t>(n));
+    py::array_t<double> lo({static_cast<py::ssize_t>(n), py::ssize_t(3)}),
+        hi({static_cast<py::ssize_t>(n), py::ssize_t(3)});
+    py::list normals, colours, markers;
+    auto c = counts.mutable_unchecked<1>();
+    auto l = lo.mutable_unchecked<2>();
+    auto h = hi.mutable_unchecked<2>();
+    for (std::size_t f = 0; f < n; ++f) {
+        const FrameDataWithInfo& frame = *scan.frames[f];
+        const auto i = static_cast<py::ssize_t>(f);
+        c(i) = static_cast<std::int64_t>(frame.xyz.size());
+        float a[3] = {INFINITY, INFINITY, INFINITY}, b[3] = {-INFINITY, -INFINITY, -INFINITY};
+        for (const Vec3f& p : frame.xyz) {
+            if (!finite(p)) continue;
+            for (int k = 0; k < 3; ++k) {
+                a[k] = std::min(a[k], p[k]);
+                b[k] = std::max(b[k], p[k]);
+            }
+        }
+        for (int k = 0; k < 3; ++k) {
+            l(i, k) = a[k];
+            h(i, k) = b[k];
+        }
+        normals.append(scan.extras[f].normals);
+        colours.append(!scan.extras[f].colours.empty() && scan.extras[f].colours.size() == frame.xyz.size());
+        if (frame.marker_ids.empty()) {
+            markers.append(py::none());
+            continue;
+        }
+        py::dict m;
+        m["ids"] =
+            py::array_t<std::int32_t>(static_cast<py::ssize_t>(frame.marker_ids.size()), frame.marker_ids.data());
+        m["xyz"] = py::array_t<float>({static_cast<py::ssize_t>(frame.marker_xyz.size()), py::ssize_t(3)},
+                                      reinterpret_cast<const float*>(frame.marker_xyz.data()));
+        m["nor"] = py::array_t<float>({static_cast<py::ssize_t>(frame.marker_nor.size()), py::ssize_t(3)},
+                                      reinterpret_cast<const float*>(frame.marker_nor.data()));
+        m["rotation"] = py::array_t<double>(9, frame.frame_info.rotation);
+        m["translation"] = py::array_t<double>(3, frame.frame_info.translation);
+        markers.append(m);
+    }
+    py::dict out;
+    out["counts"] = counts;
+    out["lo"] = lo;
+    out["hi"] = hi;
+    out["normals"] = normals;
+    out["colours"] = colours;
+    out["markers"] = markers;
+    return out;
+}
+
+// The engine's sample for its own run origin, of one unit: the finite points whose index among all points
+// of the run (frame after frame, `first` the index of this unit's first point) is a multiple of `stride`.
+py::array_t<double> sampleUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
+                               const Origin& origin, std::uint64_t first, std::uint64_t stride) {
+    std::vector<double> sample;
+    {
+        py::gil_scoped_release release;
+        const tessaline_tools::ScanInput scan =
+            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+        std::uint64_t index = first;
+        for (const auto& frame : scan.frames)
+            for (const Vec3f& p : frame->xyz) {
+                if (index++ % stride != 0 || !finite(p)) continue;
+                for (int k = 0; k < 3; ++k) sample.push_back(static_cast<double>(p[k]));
+            }
+    }
+    py::array_t<double> out({static_cast<py::ssize_t>(sample.size() / 3), py::ssize_t(3)});
+    std::copy(sample.begin(), sample.end(), out.mutable_data());
+    return out;
+}
+
+// The engine's own run origin from its sample (Tessaline::setRunOrigin: 0 within 16384 resolutions of the
+// origin, otherwise a whole number of blocks near the median), computed as the engine computes it.
+Origin chooseRunOrigin(py::array_t<double, py::array::c_style | py::array::forcecast> sample, float resolution,
+                       std::uint32_t block_size) {
+    Origin origin = {0.0, 0.0, 0.0};
+    const auto n = static_cast<std::size_t>(sample.ndim() == 2 ? sample.shape(0) : 0);
+    if (n == 0) return origin;
+    const double near = 16384.0 * static_cast<double>(resolution);
+    const double block = static_cast<double>(block_size) * static_cast<double>(resolution);
+    const double grid = static_cast<double>(1u << 30) * (static_cast<double>(resolution) / 8.0);
+    for (int k = 0; k < 3; ++k) {
+        std::vector<double> v(n);
+        for (std::size_t i = 0; i < n; ++i) v[i] = sample.data()[3 * i + static_cast<std::size_t>(k)];
+        std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(n / 2), v.end());
+        const double middle = v[n / 2];
+        if (std::fabs(middle) <= near || std::fabs(middle) > grid) continue;
+        origin[static_cast<std::size_t>(k)] = std::round(middle / block) * block;
+    }
+    return origin;
+}
+
+// The block edge in resolutions that the engine takes by default at `resolution`.
+std::uint32_t engineBlockSize(float resolution) {
+    Tessaline engine;
+    engine.setDiagnosticSink([](const std::string&, bool) {});
+    if (engine.init() != 0) throw std::runtime_error("the engine cannot start: " + engine.getLastErrorMsg());
+    engine.setResolution(resolution);
+    const std::string error = engine.getLastErrorMsg();
+    const std::uint32_t size = engine.getBlockSize();
+    engine.deInit();
+    if (error != "no error!") throw std::runtime_error("resolution refused: " + error);
+    return size;
+}
+
+// The frames (places in the run's order) that the optimized markers leave out. The engine's filter reads a
+// frame's pose and markers alone, never its points: it is run here on frames of one point each, restricted
+// to the block of that point, and its line naming the frames is read.
+std::vector<std::size_t> framesLeftOutByMarkers(const std::string& markers_file, float to_mm, const py::list& frames) {
+    MarkerInfos markers = tessaline_tools::readOptimizedMarkers(markers_file, to_mm);
+    std::vector<std::shared_ptr<FrameDataWithInfo>> held;
+    for (const py::handle item : frames) {
+        auto frame = std::make_shared<FrameDataWithInfo>();
+        frame->xyz = {Vec3f{1.0f, 1.0f, 1.0f}};
+        frame->nor = {Vec3f{0.0f, 0.0f, 1.0f}};
+        frame->w = {8};
+        if (!item.is_none()) {
+            const py::dict m = py::reinterpret_borrow<py::dict>(item);
+            const auto ids = m["ids"].cast<py::array_t<std::int32_t, py::array::forcecast>>();
+            const auto xyz = m["xyz"].cast<py::array_t<float, py::array::c_style | py::array::forcecast>>();
+            const auto nor = m["nor"].cast<py::array_t<float, py::array::c_style | py::array::forcecast>>();
+            const auto rotation = m["rotation"].cast<py::array_t<double, py::array::forcecast>>();
+            const auto translation = m["translation"].cast<py::array_t<double, py::array::forcecast>>();
+            frame->marker_ids.assign(ids.data(), ids.data() + ids.size());
+            for (py::ssize_t i = 0; i < xyz.shape(0); ++i)
+                frame->marker_xyz.push_back({xyz.at(i, 0), xyz.at(i, 1), xyz.at(i, 2)});
+            for (py::ssize_t i = 0; i < nor.shape(0); ++i)
+                frame->marker_nor.push_back({nor.at(i, 0), nor.at(i, 1), nor.at(i, 2)});
+            std::copy(rotation.data(), rotation.data() + 9, frame->frame_info.rotation);
+            std::copy(translation.data(), translation.data() + 3, frame->frame_info.translation);
+        }
+        held.push_back(std::move(frame));
+    }
+    std::vector<std::size_t> left_out;
+    bool named = false;
+    std::string error;
+    int status = 0;
+    {
+        py::gil_scoped_release release;
+        Tessaline engine;
+        engine.setDiagnosticSink([&](const std::string& line, bool) {
+            const std::string start = FRAMES_LEFT_OUT_BY_MARKERS;
+            if (line.compare(0, start.size(), start) != 0) return;
+            named = true;
+            const char* at = line.c_str() + line.find("):") + 2;
+            for (;;) {
+                char* end = nullptr;
+                const unsigned long long f = std::strtoull(at, &end, 10);
+                if (end == at) break;
+                left_out.push_back(static_cast<std::size_t>(f));
+                at = end;
+            }
+        });
+        status = engine.init();
+        if (status == 0) status = engine.setRunOrigin({0.0, 0.0, 0.0});
+        if (status == 0) status = engine.setOwnedBlocks({BlockKey{0, 0, 0}});
+        if (status == 0) status = engine.setOptimizedMarkers(markers);
+        for (const auto& frame : held)
+            if (status == 0) status = engine.addScanFrame_ALL(frame);
+        std::vector<MeshPart> parts;
+        if (status == 0) status = engine.processParts(parts);
+        error = engine.getLastErrorMsg();
+        engine.deInit();
+    }
+    // Every frame left out ends the run without points; the line has named them by then.
+    if (status != 0 && !named)
+        throw std::runtime_error(markers_file +
+                                 ": measuring the frames against the optimized markers failed: " + error);
+    return left_out;
+}
+
+std::int32_t gridIndex(float value, float cell) {
+    float q = value / cell;
+    if (q < 0.0f) q = q - 1.0f;
+    if (!(q > -2147483648.0f && q < 2147483648.0f)) return q > 0.0f ? INT32_MAX : INT32_MIN;
+    return static_cast<std::int32_t>(q);
+}
+
+// A position relative to the run origin, as the engine takes it (double precision, then one rounding).
+float relative(float v, double origin) {
+    return origin == 0.0 ? v : static_cast<float>(static_cast<double>(v) - origin);
+}
+
+// The blocks whose region, widened by `reach`, meets the box [lo, hi] of each frame: every block that a
+// run could give triangles, a few to spare. Sorted by key.
+py::array_t<std::int32_t> candidateBlocks(py::array_t<double, py::array::c_style | py::array::forcecast> lo,
+                                          py::array_t<double, py::array::c_style | py::array::forcecast> hi,
+                                          const Origin& origin, float block_res, float reach) {
+    std::vector<BlockKey> keys;
+    const auto n = lo.ndim() == 2 ? lo.shape(0) : 0;
+    for (py::ssize_t f = 0; f < n; ++f) {
+        std::int32_t a[3], b[3];
+        bool box = true;
+        for (int k = 0; k < 3; ++k) {
+            const float l = static_cast<float>(lo.at(f, k)), h = static_cast<float>(hi.at(f, k));
+            if (!(l <= h)) box = false;
+            a[k] = gridIndex(relative(l, origin[static_cast<std::size_t>(k)]) - reach, block_res);
+            b[k] = gridIndex(relative(h, origin[static_cast<std::size_t>(k)]) + reach, block_res);
+        }
+        if (!box) continue;
+        for (std::int32_t x = a[0]; x <= b[0]; ++x)
+            for (std::int32_t y = a[1]; y <= b[1]; ++y)
+                for (std::int32_t z = a[2]; z <= b[2]; ++z) keys.push_back(BlockKey{x, y, z});
+    }
+    std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    py::array_t<std::int32_t> out({static_cast<py::ssize_t>(keys.size()), py::ssize_t(3)});
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        out.mutable_data()[3 * i] = keys[i].x;
+        out.mutable_data()[3 * i + 1] = keys[i].y;
+        out.mutable_data()[3 * i + 2] = keys[i].z;
+    }
+    return out;
+}
+
+// The keys of the blocks whose region, widened by `reach`, meets each frame's box: (F, 6), lowest x, y, z
+// then highest; a frame without a finite point gets an empty range (lowest above highest).
+py::array_t<std::int32_t> frameBlockRanges(py::array_t<double, py::array::c_style | py::array::forcecast> lo,
+                                           py::array_t<double, py::array::c_style | py::array::forcecast> hi,
+                                           const Origin& origin, float block_res, float reach) {
+    const auto n = lo.ndim() == 2 ? lo.shape(0) : 0;
+    py::array_t<std::int32_t> out({n, py::ssize_t(6)});
+    auto r = out.mutable_unchecked<2>();
+    for (py::ssize_t f = 0; f < n; ++f)
+        for (int k = 0; k < 3; ++k) {
+            const float l = static_cast<float>(lo.at(f, k)), h = static_cast<float>(hi.at(f, k));
+            const bool box = l <= h;
+            r(f, k) = box ? gridIndex(relative(l, origin[static_cast<std::size_t>(k)]) - reach, block_res) : 1;
+            r(f, 3 + k) = box ? gridIndex(relative(h, origin[static_cast<std::size_t>(k)]) + reach, block_res) : 0;
+        }
+    return out;
+}
+
+struct KeyHash {
+    std::size_t operator()(const BlockKey& k) const {
+        return (static_cast<std::size_t>(static_cast<std::uint32_t>(k.x)) * 73856093u) ^
+               (static_cast<std::size_t>(static_cast<std::uint32_t>(k.y)) * 19349663u) ^
+               (static_cast<std::size_t>(static_cast<std::uint32_t>(k.z)) * 83492791u);
+    }
+};
+
+constexpr char PART_MAGIC[8] = {'T', 'S', 'L', 'P', 'A', 'R', 'T', '1'};
+
+std::string partName(const BlockKey& k) {
+    char name[96];
+    std::snprintf(name, sizeof(name), "part_%d_%d_%d.bin", k.x, k.y, k.z);
+    return name;
+}
+
+// Writes one block's triangles whole or not at all: into a temporary file, renamed into place, so that a
+// task run again after its worker died finds either nothing or the same complete part.
+void writePart(const std::string& folder, const MeshPart& part) {
+    const std::string path = folder + "/" + partName(part.block);
+    const std::string temporary = path + ".tmp" + std::to_string(getpid());
+    std::ofstream out(temporary, std::ios::binary);
+    const std::int32_t key[3] = {part.block.x, part.block.y, part.block.z};
+    const std::uint64_t n = part.mesh.xyz.size();
+    out.write(PART_MAGIC, 8);
+    out.write(reinterpret_cast<const char*>(key), sizeof(key));
+    out.write(reinterpret_cast<const char*>(&n), sizeof(n));
+    out.write(reinterpret_cast<const char*>(part.mesh.xyz.data()),
+              static_cast<std::streamsize>(n * sizeof(TriangleXYZ)));
+    out.write(reinterpret_cast<const char*>(part.mesh.w.data()), static_cast<std::streamsize>(n * sizeof(TriangleW)));
+    out.close();
+    if (!out || std::rename(temporary.c_str(), path.c_str()) != 0) {
+        std::remove(temporary.c_str());
+        throw std::runtime_error(path + ": cannot write the mesh part");
+    }
+}
+
+// Appends the triangles of a part file to `soup`.
+void readPart(const std::string& path, MultiMeshData& soup) {
+    std::ifstream in(path, std::ios::binary);
+    char magic[8];
+    std::int32_t key[3];
+    std::uint64_t n = 0;
+    in.read(magic, 8);
+    in.read(reinterpret_cast<char*>(key), sizeof(key));
+    in.read(reinterpret_cast<char*>(&n), sizeof(n));
+    if (!in || std::string(magic, 8) != std::string(PART_MAGIC, 8))
+        throw std::runtime_error(path + ": not a mesh part of this run");
+    in.seekg(0, std::ios::end);
+    const std::uint64_t size = static_cast<std::uint64_t>(in.tellg());
+    if (size != 8 + sizeof(key) + sizeof(n) + n * (sizeof(TriangleXYZ) + sizeof(TriangleW)))
+        throw std::runtime_error(path + ": a mesh part of the wrong size (cut short?)");
+    in.seekg(8 + sizeof(key) + sizeof(n));
+    const std::size_t at = soup.xyz.size();
+    soup.xyz.resize(at + n);
+    soup.w.resize(at + n);
+    in.read(reinterpret_cast<char*>(soup.xyz.data() + at), static_cast<std::streamsize>(n * sizeof(TriangleXYZ)));
+    in.read(reinterpret_cast<char*>(soup.w.data() + at), static_cast<std::streamsize>(n * sizeof(TriangleW)));
+    if (!in) throw std::runtime_error(path + ": cannot read the mesh part");
+}
+
+// One tile: the owned blocks' triangles from the units that may reach them, each frame's points that reach
+// the blocks the run computes (the owned ones and their neighbours on the high side) within `reach`, in the
+// run's frame order; frames that the plan left out (`skip`: per unit, the places of its frames) stay out.
+// The parts go to `folder`, one file a block with triangles; returns their keys and triangle counts.
+std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
+    const std::vector<UnitTuple>& units, const std::vector<std::vector<std::size_t>>& skip, float to_mm, int scale_code,
+    bool explicit_code, const Origin& geo_origin, float resolution, const Origin& run_origin, std::uint32_t block_size,
+    py::array_t<std::int32_t, py::array::c_style | py::array::forcecast> owned, float reach,
+    const std::string& folder) {
+    std::vector<BlockKey> blocks;
+    for (py::ssize_t i = 0; i < owned.shape(0); ++i) blocks.push_back({owned.at(i, 0), owned.at(i, 1), owned.at(i, 2)});
+    std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> written;
+    py::gil_scoped_release release;
+    std::unordered_set<BlockKey, KeyHash> computed;
+    for (const BlockKey& b : blocks)
+        for (int d = 0; d < 8; ++d)
+            computed.insert(BlockKey{b.x + (d & 1), b.y + ((d >> 1) & 1), b.z + ((d >> 2) & 1)});
+    const float block_res = static_cast<float>(block_size) * resolution;
+    const auto reaches = [&](const Vec3f& p) {
+        std::int32_t lo[3], hi[3];
+        for (int k = 0; k < 3; ++k) {
+            const float r = relative(p[static_cast<std::size_t>(k)], run_origin[static_cast<std::size_t>(k)]);
+            lo[k] = gridIndex(r - reach, block_res);
+            hi[k] = gridIndex(r + reach, block_res);
+        }
+        for (std::int32_t x = lo[0]; x <= hi[0]; ++x)
+            for (std::int32_t y = lo[1]; y <= hi[1]; ++y)
+                for (std::int32_t z = lo[2]; z <= hi[2]; ++z)
+                    if (computed.count(BlockKey{x, y, z}) != 0) return true;
+        return false;
+    };
+
+    Tessaline engine;
+    engine.setDiagnosticSink([](const std::string&, bool) {});
+    int status = engine.init();
+    if (status != 0) throw std::runtime_error("the engine cannot start: " + engine.getLastErrorMsg());
+    engine.setResolution(resolution);
+    if (engine.getLastErrorMsg() != "no error!") status = 1;
+    if (status == 0) status = engine.setRunOrigin(run_origin);
+    if (status == 0) status = engine.setBlockSize(block_size);
+    if (status == 0) status = engine.setOwnedBlocks(blocks);
+    const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin);
+    for (std::size_t u = 0; u < units.size() && status == 0; ++u) {
+        tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
+        const std::vector<std::size_t>& left_out = skip[u];
+        for (std::size_t f = 0; f < scan.frames.size() && status == 0; ++f) {
+            if (std::find(left_out.begin(), left_out.end(), f) != left_out.end()) continue;
+            const FrameDataWithInfo& in = *scan.frames[f];
+            auto kept = std::make_shared<FrameDataWithInfo>();
+            kept->frame_info = in.frame_info;
+            for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+                if (!finite(in.xyz[i]) || !reaches(in.xyz[i])) continue;
+                kept->xyz.push_back(in.xyz[i]);
+                kept->nor.push_back(in.nor[i]);
+                kept->w.push_back(in.w[i]);
+            }
+            scan.frames[f].reset();
+            if (!kept->xyz.empty()) status = engine.addScanFrame_ALL(kept);
+        }
+    }
+    std::vector<MeshPart> parts;
+    if (status == 0) status = engine.processParts(parts);
+    if (status != 0) {
+        const std::string error = engine.getLastErrorMsg();
+        engine.deInit();
+        throw std::runtime_error("the run of its blocks failed with status " + std::to_string(status) + ": " + error);
+    }
+    engine.deInit();
+    for (const MeshPart& part : parts) {
+        writePart(folder, part);
+        written.push_back({{part.block.x, part.block.y, part.block.z}, part.mesh.xyz.size()});
+    }
+    return written;
+}
+
+[[noreturn]] void meshFailure(const std::string& what, int status) {
+    std::string text = what + " failed with status " + std::to_string(status);
+    if (status == TESSALINE_OUT_OF_MEMORY) text += ": memory ran out; lower the resolution or raise the memory limit";
+    throw std::runtime_error(text);
+}
+
+// The last step, as `tessaline reconstruct` finishes its soup: the parts in key order (`parts`, sorted by
+// the caller) welded at a ten-thousandth of the resolution, small pieces removed, small holes filled, the
+// vertices coloured from the coloured points of `coloured` units (read again, in the run's order), scaled
+// to the input's unit and written with the geo-referenced origin added back. Returns the mesh's figures;
+// an empty mesh is not written.
+py::dict mergeParts(const std::vector<std::string>& parts, float resolution, std::size_t min_piece,
+                    std::size_t fill_holes, const std::vector<UnitTuple>& coloured, float to_mm, int scale_code,
+                    bool explicit_code, const Origin& geo_origin, const std::string& output) {
+    MeshStatistics statistics;
+    std::size_t degenerate = 0, removed = 0, filled = 0;
+    {
+        py::gil_scoped_release release;
+        IndexedMesh mesh;
+        {
+            MultiMeshData soup;
+            for (const std::string& path : parts) readPart(path, soup);
+            const int status = weldMesh(soup, resolution * 1e-4f, mesh, &degenerate);
+            if (status != 0) meshFailure("welding the mesh", status);
+        }
+        int status = removeSmallPieces(mesh, min_piece, &removed);
+        if (status == 0) status = fillSmallHoles(mesh, fill_holes, &filled);
+        if (status == 0) status = describeMesh(mesh, statistics);
+        if (status != 0) meshFailure("finishing the mesh", status);
+        if (!coloured.empty() && statistics.triangles > 0) {
+            std::vector<Vec3f> points;
+            std::vector<Rgb> colours;
+            const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin);
+            for (const UnitTuple& unit : coloured) {
+                const tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
+                for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+                    const auto& c = scan.extras[f].colours;
+                    if (c.size() != scan.frames[f]->xyz.size()) continue;
+                    points.insert(points.end(), scan.frames[f]->xyz.begin(), scan.frames[f]->xyz.end());
+                    colours.insert(colours.end(), c.begin(), c.end());
+                }
+            }
+            status = colourVertices(mesh, points, colours, resolution);
+            if (status != 0) meshFailure("colouring the mesh", status);
+        }
+        if (statistics.triangles > 0) {
+            tessaline_tools::scaleMesh(mesh, 1.0f / to_mm);
+            const bool shifted = geo_origin[0] != 0.0 || geo_origin[1] != 0.0 || geo_origin[2] != 0.0;
+            Origin in_unit;
+            for (int k = 0; k < 3; ++k)
+                in_unit[static_cast<std::size_t>(k)] = geo_origin[static_cast<std::size_t>(k)] / to_mm;
+            tessaline_tools::writeMesh(output, mesh, shifted ? &in_unit : nullptr);
+        }
+    }
+    py::dict out;
+    out["triangles"] = statistics.triangles;
+    out["vertices"] = statistics.vertices;
+    out["boundary_edges"] = statistics.boundary_edges;
+    out["pieces"] = statistics.pieces;
+    out["degenerate_dropped"] = degenerate;
+    out["triangles_removed"] = removed;
+    out["holes_filled"] = filled;
+    return out;
+}
+
+}  // namespace
+
+void bindTools(py::module_& core) {
+    py::module_ m = core.def_submodule(
+        "tools",
+        "The program's readers, input order, global choices, runs of chosen blocks and finishing steps, "
+        "for tessaline.distributed.");
+    m.def("unit_to_millimetres", &tessaline_tools::unitToMillimetres, py::arg("unit"));
+    m.def(
+        "scan_units",
+        [](const std::vector<std::string>& inputs, const std::string& output) {
+            std::vector<UnitTuple> out;
+            for (const ScanUnit& u : tessaline_tools::scanUnits(inputs, output))
+                out.emplace_back(u.input, u.path, u.range_set);
+            return out;
+        },
+        py::arg("inputs"), py::arg("output") = "",
+        "The units of the inputs in the program's reading order: (input, path, range_set) for each .conf scan list "
+        "and each point file (folders in name order, `output` left out).");
+    m.def(
+        "scan_origin",
+        [](const std::vector<UnitTuple>& units, float to_mm) {
+            std::vector<ScanUnit> list;
+            for (const UnitTuple& u : units) list.push_back(unitOf(u));
+            return tessaline_tools::scanOrigin(list, to_mm);
+        },
+        py::arg("units"), py::arg("to_mm"), "The geo-referenced origin of a run (its first LAS file's), mm.");
+    m.def("markers_file_for", &tessaline_tools::markersFileFor, py::arg("inputs"), py::arg("given") = "");
+    m.def("measure_unit", &measureUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"));
+    m.def("sample_unit", &sampleUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("first"), py::arg("stride"));
+    m.def("choose_run_origin", &chooseRunOrigin, py::arg("sample"), py::arg("resolution"), py::arg("block_size"));
+    m.def("engine_block_size", &engineBlockSize, py::arg("resolution"));
+    m.def("frames_left_out_by_markers", &framesLeftOutByMarkers, py::arg("markers_file"), py::arg("to_mm"),
+          py::arg("frames"));
+    m.def("candidate_blocks", &candidateBlocks, py::arg("lo"), py::arg("hi"), py::arg("origin"), py::arg("block_res"),
+          py::arg("reach"));
+    m.def("frame_block_ranges", &frameBlockRanges, py::arg("lo"), py::arg("hi"), py::arg("origin"),
+          py::arg("block_res"), py::arg("reach"));
+    m.def("part_name", [](std::int32_t x, std::int32_t y, std::int32_t z) { return partName(BlockKey{x, y, z}); });
+    m.def("run_tile", &runTile, py::arg("units"), py::arg("skip"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("geo_origin"), py::arg("resolution"), py::arg("run_origin"),
+          py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"));
+    m.def("merge_parts", &mergeParts, py::arg("parts"), py::arg("resolution"), py::arg("min_piece"),
+          py::arg("fill_holes"), py::arg("coloured"), py::arg("to_mm"), py::arg("scale_code"), py::arg("explicit_code"),
+          py::arg("geo_origin"), py::arg("output"));
+    m.def(
+        "read_points",
+        [](const std::string& path, float to_mm) {
+            const tessaline_tools::ScanInput scan =
+                readUnit(ScanUnit{0, path, false}, readSettings(to_mm, 8, false, Origin{0.0, 0.0, 0.0}));
+            py::list frames;
+            for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+                const auto& fr = *scan.frames[f];
+                const auto n = static_cast<py::ssize_t>(fr.xyz.size());
+                py::dict d;
+                d["points"] = py::array_t<float>({n, py::ssize_t(3)}, reinterpret_cast<const float*>(fr.xyz.data()));
+                d["normals"] = scan.extras[f].normals
+                                   ? py::object(py::array_t<float>({n, py::ssize_t(3)},
+                                                                   reinterpret_cast<const float*>(fr.nor.data())))
+                                   : py::object(py::none());
+                frames.append(d);
+            }
+            return frames;
+        },
+        py::arg("path"), py::arg("to_mm") = 1.0f,
+        "The frames of one point file as the program reads it: [{'points', 'normals' (None without)}].");
+}

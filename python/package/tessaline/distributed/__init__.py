@@ -1,0 +1,356 @@
+"""Meshing a scan too large for one machine, tile by tile, on a Dask distributed cluster.
+
+    tessaline.distributed.reconstruct(["frames/"], client, resolution=0.5, output="mesh.ply")
+    python3 -m tessaline.distributed frames/ -o mesh.ply --resolution 0.5 --local-workers 2
+
+The mesh is the one `tessaline reconstruct` writes for the same inputs and options, byte for byte. The
+run goes in four steps:
+
+1. measure: a task a unit of the inputs (a point file, or a .conf scan list) reads it with the program's
+   readers and returns each frame's point count, the box of its points, whether it came with normals and
+   colours, its pose and its markers;
+2. plan (on the client): every choice the program or the engine makes over the whole scan, made once as
+   they make it: the units and their order, the geo-referenced origin (the first LAS file's), the frames
+   the optimized markers leave out (the engine's own filter, run on the frames' markers alone), the run
+   origin (the engine's median of an even sample of all points, from a second pass where the scan lies
+   farther from the origin than that choice can matter), the block size; then the blocks that may get
+   triangles, cut into tiles of `tile_blocks` blocks in key order;
+3. tiles: a task a tile reads only the units whose frames reach its blocks, keeps the points that reach
+   them and their margin, runs the engine on its blocks alone (setRunOrigin, setBlockSize,
+   setOwnedBlocks, processParts) and writes one file a block with triangles into a folder the workers
+   share;
+4. merge: one task puts the parts together in key order, welds them, removes small pieces, fills small
+   holes, colours the vertices from the coloured points and writes the mesh, as the program does.
+
+What is not reproduced yet is refused before any tile runs, with the reason: `resolution='auto'` (the
+cells are chosen from the density of all points at once), and frames without normals (their normals are
+estimated over all points of the scan).
+"""
+import argparse
+import os
+import shutil
+import sys
+import tempfile
+import uuid
+from dataclasses import dataclass, field
+
+import numpy as np
+
+from .. import _core
+
+_tools = _core.tools
+
+# The margin of a block is 12 resolutions; a point that reaches a block within this many is kept for it.
+REACH_RESOLUTIONS = 16.0
+# The engine measures from the origin itself while the points' median lies within this many resolutions.
+RUN_ORIGIN_NEAR_RESOLUTIONS = 16384.0
+# The points of the engine's sample for its run origin.
+RUN_ORIGIN_SAMPLES = 4096
+
+
+class RefusedError(ValueError):
+    """A run whose mesh a distributed run cannot yet make the same as the program's."""
+
+
+class TileError(RuntimeError):
+    """A tile that failed: its message names the tile, its blocks and its files."""
+
+
+@dataclass
+class Settings:
+    """How every unit of a run is read (the program's --units, --scale-code and geo-referenced origin)."""
+
+    to_mm: float
+    scale_code: int
+    explicit_code: bool
+    origin: tuple
+
+    def read_args(self):
+        return (self.to_mm, self.scale_code, self.explicit_code, self.origin)
+
+
+@dataclass
+class Tile:
+    index: int
+    blocks: np.ndarray  # (K, 3) int32, in key order
+    units: list  # places in Plan.units of the units that reach them
+
+
+@dataclass
+class Plan:
+    units: list  # (input, path, range_set) in the program's reading order
+    settings: Settings
+    resolution: float
+    block_size: int
+    run_origin: tuple
+    frame_counts: list  # frames of each unit
+    left_out: list  # per unit, the places of its frames that the markers leave out
+    coloured: list  # places of the units with coloured frames
+    tiles: list = field(default_factory=list)
+    markers_file: str = ""
+    min_piece: int = 0
+    fill_holes: int = 0
+    points: int = 0
+
+    def files_of(self, tile):
+        return [self.units[u][1] for u in tile.units]
+
+
+def _measure(unit, settings):
+    return _tools.measure_unit(unit, *settings.read_args())
+
+
+def _sample(unit, settings, first, stride):
+    return _tools.sample_unit(unit, *settings.read_args(), first, stride)
+
+
+def _describe_blocks(blocks):
+    first, last = tuple(int(v) for v in blocks[0]), tuple(int(v) for v in blocks[-1])
+    return f"{len(blocks)} block{'s' if len(blocks) != 1 else ''} {first}" + (f" to {last}" if len(blocks) > 1 else "")
+
+
+def _run_tile(plan, tile, folder):
+    units = [plan.units[u] for u in tile.units]
+    skip = [plan.left_out[u] for u in tile.units]
+    try:
+        return _tools.run_tile(units, skip, *plan.settings.read_args(), plan.resolution, plan.run_origin,
+                               plan.block_size, tile.blocks, REACH_RESOLUTIONS * plan.resolution, folder)
+    except Exception as failure:
+        files = ", ".join(plan.files_of(tile)) or "none"
+        raise TileError(f"tile {tile.index} ({_describe_blocks(tile.blocks)}) failed: {failure}; its files: {files}") \
+            from None
+
+
+def _merge(plan, parts, output):
+    coloured = [plan.units[u] for u in plan.coloured]
+    return _tools.merge_parts(parts, plan.resolution, plan.min_piece, plan.fill_holes, coloured,
+                              *plan.settings.read_args(), output)
+
+
+def _parse_resolution(resolution):
+    if isinstance(resolution, str):
+        if resolution == "auto":
+            raise RefusedError(
+                "resolution 'auto' is not available in distributed runs yet: it chooses the cells from the density "
+                "of all points at once; give the resolution in millimetres (for the same mesh as `tessaline "
+                "reconstruct --resolution MM`)")
+        try:
+            resolution = float(resolution)
+        except ValueError:
+            raise ValueError(f"resolution must be a number of millimetres, not '{resolution}'") from None
+    resolution = float(resolution)
+    if not 0.001 <= resolution <= 100000.0:
+        raise ValueError(f"resolution must be a number of millimetres from 0.001 to 100000, not {resolution}")
+    return resolution
+
+
+def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=None, markers=None, output="",
+              min_piece=0, fill_holes=0):
+    """The measuring pass on the cluster and the plan of the tiles (see the module's text)."""
+    resolution = _parse_resolution(resolution)
+    if isinstance(inputs, (str, os.PathLike)):
+        inputs = [inputs]
+    inputs = [os.fspath(i) for i in inputs]
+    if not inputs:
+        raise ValueError("no input given")
+    if int(tile_blocks) < 1:
+        raise ValueError(f"tile_blocks must be 1 or more, not {tile_blocks}")
+    if scale_code is not None and scale_code not in (1, 2, 4, 8, 16, 32, 64):
+        raise ValueError("scale_code must be 1, 2, 4, 8, 16, 32 or 64")
+    if fill_holes and fill_holes < 3:
+        raise ValueError("fill_holes must be 0 or at least 3 (a hole has three edges or more)")
+    to_mm = _tools.unit_to_millimetres(units)
+    scan_units = [tuple(u) for u in _tools.scan_units(inputs, output)]
+    settings = Settings(to_mm, 8 if scale_code is None else int(scale_code), scale_code is not None,
+                        tuple(_tools.scan_origin(scan_units, to_mm)))
+    if any(settings.origin) and output.lower().endswith(".stl"):
+        raise ValueError(f"{output}: STL holds coordinates as floats, which cannot keep the geo-referenced "
+                         "coordinates of the input to a millimetre; write .ply or .obj")
+    markers_file = _tools.markers_file_for(inputs, "" if markers is None else os.fspath(markers))
+
+    token = uuid.uuid4().hex[:12]
+    futures = client.map(_measure, scan_units, settings=settings,
+                         key=[f"measure-{i}-{token}" for i in range(len(scan_units))])
+    measured = client.gather(futures)
+
+    without_normals = [u[1] for u, m in zip(scan_units, measured) if not all(m["normals"])]
+    if without_normals:
+        names = ", ".join(without_normals[:3]) + (f" and {len(without_normals) - 3} more" if len(without_normals) > 3
+                                                   else "")
+        raise RefusedError(f"{names}: points without normals; distributed runs do not estimate normals yet (the "
+                           "estimate looks at all points of the scan at once): give frames with normals")
+    counts = [np.asarray(m["counts"], dtype=np.int64) for m in measured]
+    points = int(sum(int(c.sum()) for c in counts))
+    if points == 0:
+        raise ValueError(", ".join(inputs) + ": the input holds no points")
+
+    # The frames the optimized markers leave out, by their place in the run (all frames, in order).
+    left_out = [[] for _ in scan_units]
+    if markers_file:
+        frame_markers = [fm for m in measured for fm in m["markers"]]
+        starts = np.cumsum([0] + [len(c) for c in counts])
+        for f in _tools.frames_left_out_by_markers(markers_file, to_mm, frame_markers):
+            u = int(np.searchsorted(starts, f, side="right") - 1)
+            left_out[u].append(int(f - starts[u]))
+
+    block_size = _tools.engine_block_size(resolution)
+    lo = np.concatenate([m["lo"] for m in measured])
+    hi = np.concatenate([m["hi"] for m in measured])
+    run_origin = (0.0, 0.0, 0.0)
+    near = RUN_ORIGIN_NEAR_RESOLUTIONS * np.float64(np.float32(resolution))
+    finite = lo[:, 0] <= hi[:, 0]
+    if finite.any() and (np.abs(lo[finite]).max() > near or np.abs(hi[finite]).max() > near):
+        # The engine's own origin: the median of every stride-th point of the run, frame after frame.
+        stride = max(1, points // RUN_ORIGIN_SAMPLES)
+        firsts = np.cumsum([0] + [int(c.sum()) for c in counts])[:-1]
+        futures = [client.submit(_sample, unit, settings, int(first), stride, key=f"sample-{i}-{token}")
+                   for i, (unit, first) in enumerate(zip(scan_units, firsts))]
+        sample = np.concatenate([np.asarray(s).reshape(-1, 3) for s in client.gather(futures)])
+        run_origin = tuple(_tools.choose_run_origin(sample, resolution, block_size))
+
+    # The blocks that may get triangles, from the boxes of the frames that take part.
+    block_res = float(np.float32(block_size) * np.float32(resolution))
+    reach = REACH_RESOLUTIONS * resolution
+    taking_part = np.ones(len(lo), dtype=bool)
+    starts = np.cumsum([0] + [len(c) for c in counts])
+    for u, frames in enumerate(left_out):
+        for f in frames:
+            taking_part[starts[u] + f] = False
+    ranges = np.asarray(_tools.frame_block_ranges(lo, hi, run_origin, block_res, reach))
+    ranges[~taking_part] = (1, 1, 1, 0, 0, 0)
+    candidates = np.asarray(_tools.candidate_blocks(lo[taking_part], hi[taking_part], run_origin, block_res, reach))
+    unit_of_frame = np.repeat(np.arange(len(scan_units)), [len(c) for c in counts])
+
+    plan = Plan(units=scan_units, settings=settings, resolution=resolution, block_size=block_size,
+                run_origin=run_origin, frame_counts=[len(c) for c in counts], left_out=left_out,
+                coloured=[u for u, m in enumerate(measured) if any(m["colours"])], markers_file=markers_file,
+                min_piece=int(min_piece), fill_holes=int(fill_holes), points=points)
+    tile_blocks = int(tile_blocks)
+    for index, start in enumerate(range(0, len(candidates), tile_blocks)):
+        blocks = candidates[start:start + tile_blocks].astype(np.int32)
+        # The blocks the tile's run computes: its own and their neighbours on the high side.
+        steps = np.array([(d & 1, (d >> 1) & 1, (d >> 2) & 1) for d in range(8)], dtype=np.int32)
+        computed = np.unique((blocks[:, None, :] + steps[None, :, :]).reshape(-1, 3), axis=0)
+        meets = np.zeros(len(ranges), dtype=bool)
+        for chunk in range(0, len(computed), 256):
+            c = computed[chunk:chunk + 256]
+            inside = (c[None, :, :] >= ranges[:, None, :3]) & (c[None, :, :] <= ranges[:, None, 3:])
+            meets |= inside.all(axis=2).any(axis=1)
+        plan.tiles.append(Tile(index=index, blocks=blocks, units=sorted(set(unit_of_frame[meets].tolist()))))
+    return plan
+
+
+def run_plan(client, plan, output, parts_dir=None):
+    """Runs the tiles of `plan` and the merge; writes `output`. Returns the mesh's figures (a dict)."""
+    output = os.fspath(output)
+    own_dir = parts_dir is None
+    folder = tempfile.mkdtemp(prefix="tessaline-parts-") if own_dir else os.fspath(parts_dir)
+    os.makedirs(folder, exist_ok=True)
+    # Names this run's tasks: a key that a former run's task still holds on the cluster would be taken as done.
+    token = uuid.uuid4().hex[:12]
+    try:
+        futures = [client.submit(_run_tile, plan, tile, folder, key=f"tile-{tile.index}-{token}")
+                   for tile in plan.tiles]
+        try:
+            written = client.gather(futures)
+        except BaseException:
+            client.cancel(futures)  # the other tiles stop writing into a folder about to go
+            raise
+        keys = sorted(tuple(key) for tile in written for key, _ in tile)
+        parts = [os.path.join(folder, _tools.part_name(*key)) for key in keys]
+        result = client.submit(_merge, plan, parts, output, key=f"merge-{token}").result()
+        result = dict(result, tiles=len(plan.tiles), parts=len(parts), points=plan.points,
+                      run_origin=plan.run_origin, block_size=plan.block_size, resolution=plan.resolution)
+        if result["triangles"] == 0:
+            raise RuntimeError(f"the mesh is empty: at a resolution of {plan.resolution:.3g} mm no cell held enough "
+                               "points; nothing was written")
+        return result
+    finally:
+        if own_dir:
+            shutil.rmtree(folder, ignore_errors=True)
+
+
+def reconstruct(inputs, client=None, resolution="auto", tile_blocks=8, units="mm", output=None, scale_code=None,
+                markers=None, min_piece=0, fill_holes=0, parts_dir=None):
+    """Meshes `inputs` (the program's formats: files or folders of frames, .conf scan lists) on the Dask
+    cluster of `client` (the current client, or a local cluster for the call, when None) and writes
+    `output` (.ply, .obj or .stl): the mesh of `tessaline reconstruct INPUTS --resolution MM -o OUTPUT`,
+    byte for byte. `tile_blocks` blocks of the engine's grid make one task; `parts_dir` is the folder the
+    workers share for the parts (a temporary folder by default, which suits a cluster on one machine).
+    `markers`: a file of optimized markers, 'none', or None for optimized-markers.txt beside the inputs.
+    Returns the mesh's figures (triangles, vertices, tiles, ...). Raises RefusedError for what cannot be
+    made the same as the program's yet, TileError naming the tile and its files when a tile fails."""
+    if output is None:
+        raise ValueError("no output given (output='mesh.ply')")
+    output = os.fspath(output)
+    if not output.lower().endswith((".ply", ".obj", ".stl")):
+        raise ValueError(f"{output}: unknown mesh format (use .ply, .obj or .stl)")
+    own = None
+    if client is None:
+        import distributed
+
+        try:
+            client = distributed.get_client()
+        except ValueError:
+            own = distributed.Client(distributed.LocalCluster(processes=True))
+            client = own
+    try:
+        plan = make_plan(client, inputs, resolution, tile_blocks=tile_blocks, units=units, scale_code=scale_code,
+                         markers=markers, output=output, min_piece=min_piece, fill_holes=fill_holes)
+        return run_plan(client, plan, output, parts_dir=parts_dir)
+    finally:
+        if own is not None:
+            cluster = own.cluster
+            own.close()
+            cluster.close()
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(
+        prog="python3 -m tessaline.distributed",
+        description="Scan frames in, one triangle mesh out, tile by tile on a Dask cluster: the mesh of "
+        "`tessaline reconstruct` for the same inputs and options, byte for byte.")
+    parser.add_argument("inputs", nargs="+", help="point files (.ply, .ptx, .pts, .xyz, .txt, .pcd, .las), folders "
+                        "of them, or .conf scan lists")
+    parser.add_argument("-o", "--output", required=True, help="mesh file: .ply, .obj or .stl")
+    where = parser.add_mutually_exclusive_group()
+    where.add_argument("--scheduler", help="address of a running Dask scheduler (tcp://host:8786)")
+    where.add_argument("--local-workers", type=int, default=2, help="workers of a local cluster (default 2)")
+    parser.add_argument("--memory-limit", default="auto", help="memory of each local worker, e.g. 2GiB")
+    parser.add_argument("--resolution", default="auto", help="edge of the finest cell in millimetres")
+    parser.add_argument("--units", default="mm", help="length unit of the input: mm, cm, m or in")
+    parser.add_argument("--scale-code", type=int, help="cell size wish of every point: 1, 2, 4, 8, 16, 32 or 64")
+    parser.add_argument("--markers", help="the optimized markers file, or 'none' (default: beside the inputs)")
+    parser.add_argument("--min-piece", type=int, default=0, help="remove pieces of fewer triangles (0: keep all)")
+    parser.add_argument("--fill-holes", type=int, default=0, help="close holes of at most this many edges")
+    parser.add_argument("--tile-blocks", type=int, default=8, help="blocks of the grid a task meshes (default 8)")
+    parser.add_argument("--parts-dir", help="a folder every worker shares for the mesh parts (default: temporary)")
+    args = parser.parse_args(argv)
+
+    import distributed
+
+    cluster = None
+    try:
+        _parse_resolution(args.resolution)  # refused before any cluster starts
+        if args.scheduler:
+            client = distributed.Client(args.scheduler)
+        else:
+            cluster = distributed.LocalCluster(n_workers=args.local_workers, threads_per_worker=1, processes=True,
+                                               memory_limit=args.memory_limit)
+            client = distributed.Client(cluster)
+        with client:
+            result = reconstruct(args.inputs, client, resolution=args.resolution, tile_blocks=args.tile_blocks,
+                                 units=args.units, output=args.output, scale_code=args.scale_code,
+                                 markers=args.markers, min_piece=args.min_piece, fill_holes=args.fill_holes,
+                                 parts_dir=args.parts_dir)
+    except (RefusedError, TileError, ValueError, RuntimeError, OSError) as failure:
+        print(f"tessaline.distributed: {failure}", file=sys.stderr)
+        return 1
+    finally:
+        if cluster is not None:
+            cluster.close()
+    print(f"points {result['points']}, tiles {result['tiles']}, parts {result['parts']}, resolution "
+          f"{result['resolution']:g} mm, triangles {result['triangles']}, vertices {result['vertices']}, "
+          f"boundary edges {result['boundary_edges']}, pieces {result['pieces']}")
+    print(f"wrote {args.output}")
+    return 0

@@ -1,0 +1,205 @@
+"""tessaline.distributed on a local Dask cluster of two worker processes: the mesh of each input format
+is the program's byte for byte, a worker killed during the run changes nothing, and a failing tile names
+itself and its files."""
+import os
+import pathlib
+import signal
+import struct
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+distributed = pytest.importorskip("distributed")
+import tessaline  # noqa: E402
+import tessaline.distributed as td  # noqa: E402
+
+CLI = os.environ.get("TESSALINE_CLI")
+pytestmark = pytest.mark.skipif(not CLI, reason="TESSALINE_CLI is not set")
+
+
+@pytest.fixture(scope="module")
+def client():
+    # The workers are fresh interpreters: they find the package where this one did.
+    package = str(pathlib.Path(tessaline.__file__).parents[1])
+    os.environ["PYTHONPATH"] = os.pathsep.join([package] + [p for p in [os.environ.get("PYTHONPATH")] if p])
+    cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, memory_limit="1GiB",
+                                       dashboard_address=None)
+    with distributed.Client(cluster) as c:
+        yield c
+    cluster.close()
+
+
+@pytest.fixture(scope="module")
+def scan(tmp_path_factory):
+    """A simulated scan with its markers, two frames registered wrongly for the markers to leave out."""
+    folder = tmp_path_factory.mktemp("scan") / "frames"
+    subprocess.run([CLI, "simulate", "-o", str(folder), "--points", "60000", "--misregister", "2"], check=True,
+                   capture_output=True)
+    return folder
+
+
+def program_mesh(inputs, out, *options):
+    result = subprocess.run([CLI, "reconstruct", *map(str, inputs), "-o", str(out), "--quiet", *options],
+                            capture_output=True, text=True)
+    assert result.returncode == 0, result.stderr
+    return out.read_bytes()
+
+
+def scan_points(scan, keep=3):
+    """Every `keep`-th point of the scan (positions and normals), as the program reads them."""
+    frames = [f for p in sorted(scan.glob("*.ply")) for f in tessaline._core.tools.read_points(str(p))]
+    points = np.concatenate([f["points"] for f in frames])[::keep].astype(np.float64)
+    normals = np.concatenate([f["normals"] for f in frames])[::keep].astype(np.float64)
+    return points, normals
+
+
+@pytest.mark.parametrize("tile_blocks", [1, 8])
+def test_the_mesh_of_a_scan_is_the_programs(client, scan, tmp_path, tile_blocks):
+    expected = program_mesh([scan], tmp_path / "program.ply", "--resolution", "0.5")
+    plan = td.make_plan(client, [scan], 0.5, tile_blocks=tile_blocks)
+    # The markers leave out the two frames `simulate` registered wrongly, as the program's run does.
+    assert sum(len(f) for f in plan.left_out) == 2
+    assert len(plan.tiles) == (8 if tile_blocks == 1 else 1)
+    td.run_plan(client, plan, tmp_path / "distributed.ply")
+    assert (tmp_path / "distributed.ply").read_bytes() == expected
+
+
+def write_ply(path, points, normals):
+    header = ("ply\nformat binary_little_endian 1.0\nelement vertex %d\nproperty float x\nproperty float y\n"
+              "property float z\nproperty float nx\nproperty float ny\nproperty float nz\nend_header\n" % len(points))
+    body = np.hstack([points, normals]).astype("<f4").tobytes()
+    path.write_bytes(header.encode() + body)
+
+
+def write_text(path, points, normals):  # XYZ text with normals and colours by height
+    colours = np.clip((points[:, 2:3] - points[:, 2].min()) * 4, 0, 255).astype(int) * np.array([[1, 0, 0]]) + [0, 80, 200]
+    np.savetxt(path, np.hstack([points, normals, colours]), fmt=["%.5f"] * 6 + ["%d"] * 3)
+
+
+def write_pcd(path, points, normals):
+    header = ("# .PCD v0.7\nVERSION 0.7\nFIELDS x y z normal_x normal_y normal_z\nSIZE 4 4 4 4 4 4\nTYPE F F F F F F\n"
+              "COUNT 1 1 1 1 1 1\nWIDTH %d\nHEIGHT 1\nVIEWPOINT 0 0 0 1 0 0 0\nPOINTS %d\nDATA ascii\n"
+              % (len(points), len(points)))
+    with open(path, "w") as f:
+        f.write(header)
+        np.savetxt(f, np.hstack([points, normals]), fmt="%.5f")
+
+
+def write_ptx(path, points, normals):
+    """A scan of a dome seen from above: 80 x 80 beams, a few of which found nothing (0 0 0)."""
+    u, v = np.meshgrid(np.linspace(-30, 30, 80), np.linspace(-30, 30, 80), indexing="ij")
+    z = np.sqrt(np.maximum(40.0**2 - u**2 - v**2, 0.0))
+    grid = np.stack([u.ravel(), v.ravel(), z.ravel(), np.full(u.size, 0.5)], axis=1)
+    grid[::97, :3] = 0.0
+    lines = ["80", "80", "0 0 100", "1 0 0", "0 1 0", "0 0 1", "1 0 0 0", "0 1 0 0", "0 0 1 0", "0 0 0 1"]
+    path.write_text("\n".join(lines) + "\n" + "\n".join("%.4f %.4f %.4f %.2f" % tuple(r) for r in grid) + "\n")
+
+
+# Each format the program reads, meshed both ways; the single PLY lies 20 m away, so that the engine
+# takes its run origin from the median of the points' sample.
+FORMATS = [
+    ("frames.ply", write_ply, (20000.0, -5.0, 3.0), "0.5"),
+    ("points.xyz", write_text, (0.0, 0.0, 0.0), "0.5"),
+    ("points.pcd", write_pcd, (0.0, 0.0, 0.0), "0.5"),
+    ("dome.ptx", write_ptx, (0.0, 0.0, 0.0), "1"),
+]
+
+
+@pytest.mark.parametrize("name,writer,shift,resolution", FORMATS, ids=[f[0] for f in FORMATS])
+def test_every_format_gives_the_programs_mesh(client, scan, tmp_path, name, writer, shift, resolution):
+    points, normals = scan_points(scan)
+    path = tmp_path / name
+    writer(path, points + shift, normals)
+    expected = program_mesh([path], tmp_path / "program.ply", "--resolution", resolution)
+    result = td.reconstruct([path], client, resolution=resolution, tile_blocks=2, output=tmp_path / "dist.ply")
+    assert (tmp_path / "dist.ply").read_bytes() == expected
+    if shift[0] != 0.0:
+        assert result["run_origin"][0] == pytest.approx(20000.0, abs=128.0) and result["run_origin"][0] % 128 == 0
+
+
+def write_las(path, points):
+    """LAS 1.2, point format 0, a scale of 1 um: points without normals."""
+    scale, n = 0.001, len(points)
+    header = bytearray(227)
+    header[0:4] = b"LASF"
+    header[24:26] = bytes([1, 2])
+    struct.pack_into("<HII", header, 94, 227, 227, 0)
+    struct.pack_into("<BHI", header, 104, 0, 20, n)
+    struct.pack_into("<3d3d", header, 131, scale, scale, scale, 0.0, 0.0, 0.0)
+    hi, lo = points.max(axis=0), points.min(axis=0)
+    struct.pack_into("<6d", header, 179, hi[0], lo[0], hi[1], lo[1], hi[2], lo[2])
+    records = bytearray()
+    for p in np.round(points / scale).astype(np.int32):
+        records += struct.pack("<3iHBBbBH", *p, 0, 0, 0, 0, 0, 0)
+    path.write_bytes(bytes(header) + bytes(records))
+
+
+def test_what_cannot_be_the_same_yet_is_refused_with_the_reason(client, scan, tmp_path):
+    points, normals = scan_points(scan, keep=20)
+    write_las(tmp_path / "cloud.las", points)
+    write_ply(tmp_path / "bare.ply", points, normals)
+    bare = (tmp_path / "bare.ply").read_bytes().replace(b"property float nx\nproperty float ny\nproperty float nz\n",
+                                                         b"property float a\nproperty float b\nproperty float c\n")
+    (tmp_path / "bare.ply").write_bytes(bare)
+    for path in ["cloud.las", "bare.ply"]:
+        with pytest.raises(td.RefusedError, match=f"{path}: points without normals"):
+            td.reconstruct([tmp_path / path], client, resolution=0.5, output=tmp_path / "x.ply")
+    with pytest.raises(td.RefusedError, match="resolution 'auto'"):
+        td.reconstruct([scan], client, output=tmp_path / "x.ply")
+    assert not (tmp_path / "x.ply").exists()
+
+
+class KillOnFirstTile(distributed.WorkerPlugin):
+    """Kills its worker's process as the first tile starts to run there, once (the flag file says when)."""
+
+    def __init__(self, flag):
+        self.flag = flag
+
+    def transition(self, key, start, finish, **kwargs):
+        if finish == "executing" and str(key).startswith("tile-") and os.path.exists(self.flag):
+            os.remove(self.flag)
+            os.kill(os.getpid(), signal.SIGKILL)
+
+
+def test_a_worker_killed_during_the_run_changes_nothing(client, scan, tmp_path):
+    import cloudpickle
+
+    cloudpickle.register_pickle_by_value(sys.modules[__name__])
+    expected = program_mesh([scan], tmp_path / "program.ply", "--resolution", "0.5")
+    flag = tmp_path / "kill-once"
+    flag.write_text("")
+    client.register_worker_plugin(KillOnFirstTile(str(flag)), name="kill-on-first-tile")
+    try:
+        td.reconstruct([scan], client, resolution=0.5, tile_blocks=1, output=tmp_path / "dist.ply")
+    finally:
+        client.unregister_worker_plugin("kill-on-first-tile")
+    assert not flag.exists()  # a worker did die
+    assert (tmp_path / "dist.ply").read_bytes() == expected
+
+
+def test_a_failing_tile_names_itself_and_its_files(client, scan, tmp_path):
+    frames = tmp_path / "frames"
+    frames.mkdir()
+    for p in sorted(scan.glob("frame_*.ply"))[:20]:
+        (frames / p.name).write_bytes(p.read_bytes())
+    plan = td.make_plan(client, [frames], 0.5, tile_blocks=1)
+    # A file cut short after the plan was made: the tiles that read it fail, naming it.
+    victim = frames / "frame_00005.ply"
+    victim.write_bytes(victim.read_bytes()[:-100])
+    with pytest.raises(td.TileError, match=r"tile \d+ \(1 block \(-?\d+, -?\d+, -?\d+\)\) failed: .*frame_00005"):
+        td.run_plan(client, plan, tmp_path / "dist.ply")
+    assert not (tmp_path / "dist.ply").exists()
+
+
+def test_the_command_writes_the_programs_mesh(scan, tmp_path):
+    expected = program_mesh([scan], tmp_path / "program.ply", "--resolution", "0.5")
+    result = subprocess.run([sys.executable, "-m", "tessaline.distributed", str(scan), "-o", str(tmp_path / "d.ply"),
+                             "--resolution", "0.5", "--local-workers", "2", "--memory-limit", "1GiB"],
+                            capture_output=True, text=True, timeout=300)
+    assert result.returncode == 0, result.stderr
+    assert (tmp_path / "d.ply").read_bytes() == expected
+    refused = subprocess.run([sys.executable, "-m", "tessaline.distributed", str(scan), "-o", str(tmp_path / "e.ply"),
+                              "--local-workers", "1"], capture_output=True, text=True, timeout=300)
+    assert refused.returncode == 1 and "resolution 'auto'" in refused.stderr
