@@ -346,17 +346,11 @@ constexpr std::size_t EDGE_SAMPLE = 8192;
 constexpr std::size_t EDGE_LOOKUPS = 256;
 constexpr std::size_t POINTS_PER_SLOT = 2048;
 
-Grid gridFor(const std::vector<Piece>& pieces, std::size_t raw, std::size_t points) {
+// The grid from its sample (the usable points whose place among all points is a multiple of the step):
+// its first point is the origin, the median distance to the 64th nearest the edge, scaled to `points`.
+Grid gridFromSample(const std::vector<Vec3f>& sample, std::size_t points) {
     Grid grid;
     while (grid.bits < MAX_SLOT_BITS && (std::size_t(1) << grid.bits) < points / POINTS_PER_SLOT) ++grid.bits;
-    const std::size_t step = std::max<std::size_t>(1, raw / EDGE_SAMPLE);
-    std::vector<Vec3f> sample;
-    std::size_t next = 0, passed = 0;
-    for (const Piece& piece : pieces) {
-        for (; next < passed + piece.count; next += step)
-            if (usableIn(piece, next - passed)) sample.push_back(piece.xyz[next - passed]);
-        passed += piece.count;
-    }
     if (sample.empty()) return grid;
     for (int a = 0; a < 3; ++a) grid.origin[a] = sample[0][a];
     double edge = 0.0;
@@ -384,6 +378,21 @@ Grid gridFor(const std::vector<Piece>& pieces, std::size_t raw, std::size_t poin
     }
     grid.per_edge = 1.0 / edge;
     return grid;
+}
+
+// Every step-th of all `raw` points, where usable, makes the grid's sample.
+std::size_t gridSampleStep(std::size_t raw) { return std::max<std::size_t>(1, raw / EDGE_SAMPLE); }
+
+Grid gridFor(const std::vector<Piece>& pieces, std::size_t raw, std::size_t points) {
+    const std::size_t step = gridSampleStep(raw);
+    std::vector<Vec3f> sample;
+    std::size_t next = 0, passed = 0;
+    for (const Piece& piece : pieces) {
+        for (; next < passed + piece.count; next += step)
+            if (usableIn(piece, next - passed)) sample.push_back(piece.xyz[next - passed]);
+        passed += piece.count;
+    }
+    return gridFromSample(sample, points);
 }
 
 // The points sorted by key: slot by slot, in a slot block by block, in a block cell by cell. The cells of
@@ -726,11 +735,12 @@ constexpr double BALL_EDGES = 4.0;
 // be taken for one half as dense, and the border would get cells too coarse for it. +inf when no other point
 // lies within BALL_EDGES edges. Each point's distance is rounded as squaredDistance rounds it, and the sums
 // are taken in a fixed order: the same on any machine and thread count.
-float spacingAround(const Bucketed& b, const float* q) {
+template <class ForCells>
+float spacingAroundIn(const Grid& grid, ForCells&& forCells, const float* q) {
     double t[3];
-    for (int a = 0; a < 3; ++a) t[a] = b.grid.coordinate(q[a], a);
+    for (int a = 0; a < 3; ++a) t[a] = grid.coordinate(q[a], a);
     for (double edges = 1.0;; edges *= 2.0) {
-        const double radius = edges / b.grid.per_edge;
+        const double radius = edges / grid.per_edge;
         const float bound = static_cast<float>(radius * radius);
         std::int64_t from[3], to[3];
         for (int a = 0; a < 3; ++a) {  // widened by what the rounding of cell numbers may shift a point
@@ -740,9 +750,7 @@ float spacingAround(const Bucketed& b, const float* q) {
         double sum[3] = {0.0, 0.0, 0.0};
         std::size_t inside = 0;
         // Points of other groups in the same cells of the grid lie far outside the ball.
-        forCellsInBox(b, from, to, [&](std::uint32_t cell) {
-            sumWithin(q, &b.points[b.start[cell]], b.start[cell + 1] - b.start[cell], bound, sum, inside);
-        });
+        forCells(from, to, [&](const Vec3f* points, std::size_t n) { sumWithin(q, points, n, bound, sum, inside); });
         const std::size_t others = inside > 0 ? inside - 1 : 0;
         if (others < BALL_POINTS && edges < BALL_EDGES) continue;
         if (others == 0) return std::numeric_limits<float>::infinity();
@@ -750,6 +758,14 @@ float spacingAround(const Bucketed& b, const float* q) {
         const double share = std::min(1.0, std::max(0.25, 1.0 - (0.5 / (4.0 / (3.0 * PI))) * offset / radius));
         return static_cast<float>(std::sqrt(PI * radius * radius * share / static_cast<double>(others)));
     }
+}
+
+float spacingAround(const Bucketed& b, const float* q) {
+    const auto cells = [&b](const std::int64_t(&from)[3], const std::int64_t(&to)[3], auto&& visit) {
+        forCellsInBox(b, from, to,
+                      [&](std::uint32_t cell) { visit(&b.points[b.start[cell]], b.start[cell + 1] - b.start[cell]); });
+    };
+    return spacingAroundIn(b.grid, cells, q);
 }
 
 // Each cell of space's figure: the spacing around its first point, then the largest of its own and those of
@@ -1075,6 +1091,26 @@ constexpr int CODE_LEVELS[7] = {6, 5, 4, 3, 2, 1, 0};
 // Below every level a cell can have: a cell whose spacing is not known (+inf) gets the coarsest code.
 constexpr int NO_LEVEL = -1000;
 
+// A cell's levels: log2 of the finest code whose cell is at least M x s x c_max / 8 wide, M the multiple for a
+// point of code 8 or coarser and the one for a point that asks for finer cells; in double, from the float
+// figures: the same on every machine. {code 8 or coarser, finer}
+std::array<int, 2> levelsOf(double s, float resolution, double c_max) {
+    std::array<int, 2> levels;
+    const double multiples[2] = {CELL_PER_LOCAL_SPACING, FINER_CELL_PER_LOCAL_SPACING};
+    for (int wish = 0; wish < 2; ++wish) {
+        const double fits = 8.0 * resolution / (multiples[wish] * s * c_max / 8.0);
+        levels[wish] =
+            std::isfinite(s) && fits > 0.0 ? static_cast<int>(std::max(std::floor(std::log2(fits)), -64.0)) : NO_LEVEL;
+    }
+    return levels;
+}
+
+// The log2 of the code a point of its own code `own` (an index of CODES) gets in a cell of these levels: a
+// point of code c adds log2(c / 8); 8 the finest, 1 the coarsest.
+int codeLevelOf(const std::array<int, 2>& levels, int own) {
+    return std::min(3, std::max(0, levels[own < 3 ? 1 : 0] + CODE_LEVELS[own] - 3));
+}
+
 int chooseCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, ScaleCodeChoice& choice) {
     choice = ScaleCodeChoice();
     for (const auto& frame : frames)
@@ -1094,24 +1130,14 @@ int chooseCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, S
     const float resolution = autoResolutionForSpacing(choice.spacing);
     if (!(resolution > 0.0f) || !local.cell_of) return 0;
 
-    // Each cell's levels: log2 of the finest code whose cell is at least M x s x c_max / 8 wide, M the
-    // multiple for a point of code 8 or coarser and the one for a point that asks for finer cells; a point of
-    // code c adds log2(c / 8). In double, from the float figures: the same on every machine.
+    // Each cell's levels (levelsOf).
     const double c_max = static_cast<double>(choice.spacing.scale_code);
     const std::size_t cells = local.spacing.size();
     std::vector<std::array<int, 2>> levels(cells);  // {code 8 or coarser, finer}
     const std::ptrdiff_t cell_count = static_cast<std::ptrdiff_t>(cells);
 #pragma omp parallel for schedule(static)
-    for (std::ptrdiff_t c = 0; c < cell_count; ++c) {
-        const double s = local.spacing[static_cast<std::size_t>(c)];
-        const double multiples[2] = {CELL_PER_LOCAL_SPACING, FINER_CELL_PER_LOCAL_SPACING};
-        for (int wish = 0; wish < 2; ++wish) {
-            const double fits = 8.0 * resolution / (multiples[wish] * s * c_max / 8.0);
-            levels[static_cast<std::size_t>(c)][wish] =
-                std::isfinite(s) && fits > 0.0 ? static_cast<int>(std::max(std::floor(std::log2(fits)), -64.0))
-                                               : NO_LEVEL;
-        }
-    }
+    for (std::ptrdiff_t c = 0; c < cell_count; ++c)
+        levels[static_cast<std::size_t>(c)] = levelsOf(local.spacing[static_cast<std::size_t>(c)], resolution, c_max);
     std::vector<std::size_t> first_raw(pieces.size() + 1, 0);
     for (std::size_t p = 0; p < pieces.size(); ++p) first_raw[p + 1] = first_raw[p] + pieces[p].count;
     struct Tally {
@@ -1129,8 +1155,7 @@ int chooseCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, S
         for (std::size_t i = 0; i < piece.count; ++i) {
             if (cell_of[i] == UNUSABLE) continue;
             const int own = codeIndexIn(piece, i);
-            const int level = levels[cell_of[i]][own < 3 ? 1 : 0];
-            const int code_level = std::min(3, std::max(0, level + CODE_LEVELS[own] - 3));
+            const int code_level = codeLevelOf(levels[cell_of[i]], own);
             ++tally.codes[6 - code_level];
             if (own < 3) {
                 ++tally.finer;
@@ -1225,6 +1250,185 @@ float resolutionForSpacing(const PointSpacing& spacing) {
     if (!(spacing.density > 0.0f) || !std::isfinite(spacing.density)) return 0.0f;
     const float resolution = RESOLUTION_PER_SPACING * spacing.density * static_cast<float>(spacing.scale_code) / 8.0f;
     return std::min(std::max(resolution, LOWEST_RESOLUTION), HIGHEST_RESOLUTION);
+}
+
+std::size_t spacingPointsOf(const FrameDataWithInfo& frame, std::size_t (&codes)[7]) {
+    const std::size_t n = std::min({frame.xyz.size(), frame.nor.size(), frame.w.size()});
+    for (int k = 0; k < 7; ++k) codes[k] = 0;
+    for (std::size_t i = 0; i < n; ++i)
+        if (usable(frame.xyz[i], frame.nor[i])) ++codes[CODE_INDEX.of[frame.w[i] & 0xFF]];
+    return n;
+}
+
+std::size_t spacingGridStep(std::size_t raw) { return gridSampleStep(raw); }
+
+std::size_t spacingMeasureStride(std::size_t usable, std::size_t max_measured) {
+    return strideFor(usable, std::max<std::size_t>(1, max_measured));
+}
+
+void spacingSamplesOf(const FrameDataWithInfo& frame, std::size_t raw_first, std::size_t usable_first,
+                      std::size_t grid_step, std::size_t stride, std::vector<Vec3f>& grid_sample,
+                      std::vector<Vec3f>& measured) {
+    const std::size_t n = std::min({frame.xyz.size(), frame.nor.size(), frame.w.size()});
+    std::size_t u = usable_first;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!usable(frame.xyz[i], frame.nor[i])) continue;
+        if ((raw_first + i) % grid_step == 0) grid_sample.push_back(frame.xyz[i]);
+        if (u++ % stride == 0) measured.push_back(frame.xyz[i]);
+    }
+}
+
+int spacingGridFromSample(const std::vector<Vec3f>& sample, std::size_t raw, ScaleCodeGrid& grid) {
+    return mesh_internal::guarded([&] {
+        // As measureExact sizes it: a scan of few points is only scanned and its grid sized to the sample.
+        const Grid g = gridFromSample(sample, raw <= SCAN_ONLY_POINTS ? 0 : raw);
+        for (int a = 0; a < 3; ++a) grid.origin[a] = g.origin[a];
+        grid.per_edge = g.per_edge;
+        return 0;
+    });
+}
+
+int nearestSquaredDistances(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                            const std::vector<Vec3f>& queries, std::size_t k, std::vector<float>& squared) {
+    return mesh_internal::guarded([&] {
+        if (k == 0) return 1;
+        std::vector<Vec3f> points;
+        for (const auto& frame : frames) {
+            if (!frame) continue;
+            const std::size_t n = std::min({frame->xyz.size(), frame->nor.size(), frame->w.size()});
+            for (std::size_t i = 0; i < n; ++i)
+                if (usable(frame->xyz[i], frame->nor[i])) points.push_back(frame->xyz[i]);
+        }
+        squared.assign(queries.size() * k, std::numeric_limits<float>::infinity());
+        if (points.empty()) return 0;
+        const std::ptrdiff_t count = static_cast<std::ptrdiff_t>(queries.size());
+        const Cloud cloud{points.data(), points.size()};
+        const Tree tree(3, cloud, nanoflann::KDTreeSingleIndexAdaptorParams(16));
+#pragma omp parallel
+        {
+            std::vector<float> best(k);
+            std::vector<std::uint32_t> index(k);
+#pragma omp for schedule(dynamic, 16)
+            for (std::ptrdiff_t q = 0; q < count; ++q) {
+                const std::size_t found = tree.knnSearch(queries[q].data(), k, index.data(), best.data());
+                std::sort(best.begin(), best.begin() + static_cast<std::ptrdiff_t>(found));
+                std::copy(best.begin(), best.begin() + static_cast<std::ptrdiff_t>(found),
+                          squared.begin() + static_cast<std::ptrdiff_t>(q * k));
+            }
+        }
+        return 0;
+    });
+}
+
+int scaleCodeChoiceFromNeighbours(const std::vector<float>& squared, std::size_t k, const std::size_t (&codes)[7],
+                                  ScaleCodeChoice& choice) {
+    choice = ScaleCodeChoice();
+    if (k == 0 || squared.size() % k != 0) return 1;
+    std::size_t points = 0;
+    for (const std::size_t c : codes) points += c;
+    choice.spacing.scale_code = finestTenth(codes, points);
+    choice.spacing.points = points;
+    if (points < 2) return 0;
+    std::vector<float> nearest, even;
+    for (std::size_t q = 0; q < squared.size() / k; ++q) {
+        std::size_t found = 0;
+        while (found < k && squared[q * k + found] < std::numeric_limits<float>::infinity()) ++found;
+        const Measured m = figuresOf(&squared[q * k], found);
+        if (m.nearest >= 0.0f) nearest.push_back(m.nearest);
+        if (m.even >= 0.0f) even.push_back(m.even);
+    }
+    choice.spacing.measured = squared.size() / k;
+    choice.spacing.median = median(nearest);
+    choice.spacing.density = choice.spacing.median > 0.0f ? median(even) : 0.0f;
+    choice.resolution = autoResolutionForSpacing(choice.spacing);
+    return 0;
+}
+
+int chooseScaleCodesWithin(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, const ScaleCodeGrid& at,
+                           float resolution, int c_max) {
+    return mesh_internal::guarded([&] {
+        if (!(resolution > 0.0f) || !(at.per_edge > 0.0)) return 1;
+        Grid grid;
+        for (int a = 0; a < 3; ++a) grid.origin[a] = at.origin[a];
+        grid.per_edge = at.per_edge;
+        // The usable points in their order, then sorted by cell (stably): the cells of space, each point's
+        // run in the order of the whole scan, as measureExact has them.
+        std::vector<Vec3f> points;
+        std::vector<std::int32_t*> words;
+        std::vector<int> own;
+        for (const auto& frame : frames) {
+            if (!frame) continue;
+            const std::size_t n = std::min({frame->xyz.size(), frame->nor.size(), frame->w.size()});
+            for (std::size_t i = 0; i < n; ++i) {
+                if (!usable(frame->xyz[i], frame->nor[i])) continue;
+                points.push_back(frame->xyz[i]);
+                words.push_back(&frame->w[i]);
+                own.push_back(CODE_INDEX.of[frame->w[i] & 0xFF]);
+            }
+        }
+        if (points.size() > UINT32_MAX) return 1;
+        std::vector<std::pair<CellNumbers, std::uint32_t>> order(points.size());
+        for (std::size_t i = 0; i < points.size(); ++i)
+            order[i] = {numbersOf(grid, points[i]), static_cast<std::uint32_t>(i)};
+        std::sort(order.begin(), order.end());
+        std::vector<Vec3f> sorted(points.size());
+        std::vector<CellNumbers> cells;        // of each run
+        std::vector<std::uint32_t> run_start;  // of each run, then one past the last
+        std::vector<std::uint32_t> run_of(points.size());
+        for (std::size_t y = 0; y < order.size(); ++y) {
+            sorted[y] = points[order[y].second];
+            if (y == 0 || !(order[y].first == order[y - 1].first)) {
+                cells.push_back(order[y].first);
+                run_start.push_back(static_cast<std::uint32_t>(y));
+            }
+            run_of[order[y].second] = static_cast<std::uint32_t>(cells.size() - 1);
+        }
+        run_start.push_back(static_cast<std::uint32_t>(order.size()));
+        const auto runAtNumbers = [&](const CellNumbers& c) -> std::int64_t {
+            const auto it = std::lower_bound(cells.begin(), cells.end(), c);
+            return it != cells.end() && *it == c ? it - cells.begin() : -1;
+        };
+        // The cells within [from, to] in the order forCellsInBox visits them: block by block (z, y, x), in a
+        // block by place (z, y, x).
+        const auto forCells = [&](const std::int64_t(&from)[3], const std::int64_t(&to)[3], auto&& visit) {
+            for (std::int64_t bk = from[2] >> 2; bk <= to[2] >> 2; ++bk)
+                for (std::int64_t bj = from[1] >> 2; bj <= to[1] >> 2; ++bj)
+                    for (std::int64_t bi = from[0] >> 2; bi <= to[0] >> 2; ++bi)
+                        for (std::int64_t k = 4 * bk; k < 4 * bk + 4; ++k)
+                            for (std::int64_t j = 4 * bj; j < 4 * bj + 4; ++j)
+                                for (std::int64_t i = 4 * bi; i < 4 * bi + 4; ++i) {
+                                    if (i < from[0] || i > to[0] || j < from[1] || j > to[1] || k < from[2] ||
+                                        k > to[2])
+                                        continue;
+                                    const std::int64_t run = runAtNumbers({{i, j, k}});
+                                    if (run >= 0) visit(&sorted[run_start[run]], run_start[run + 1] - run_start[run]);
+                                }
+        };
+        const std::ptrdiff_t runs = static_cast<std::ptrdiff_t>(cells.size());
+        std::vector<float> around(cells.size()), spacing(cells.size());
+#pragma omp parallel for schedule(dynamic, 64)
+        for (std::ptrdiff_t r = 0; r < runs; ++r)
+            around[r] = spacingAroundIn(grid, forCells, sorted[run_start[r]].data());
+#pragma omp parallel for schedule(dynamic, 256)
+        for (std::ptrdiff_t r = 0; r < runs; ++r) {
+            float largest = around[r];
+            for (std::int64_t dk = -1; dk <= 1; ++dk)
+                for (std::int64_t dj = -1; dj <= 1; ++dj)
+                    for (std::int64_t di = -1; di <= 1; ++di) {
+                        const CellNumbers& c = cells[r];
+                        const std::int64_t other = runAtNumbers({{c.n[0] + di, c.n[1] + dj, c.n[2] + dk}});
+                        if (other >= 0) largest = std::max(largest, around[other]);
+                    }
+            spacing[r] = largest;
+        }
+        const double code_max = static_cast<double>(c_max);
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            const int code_level = codeLevelOf(levelsOf(spacing[run_of[i]], resolution, code_max), own[i]);
+            *words[i] =
+                static_cast<std::int32_t>((static_cast<std::uint32_t>(*words[i]) & ~0xFFu) | (1u << code_level));
+        }
+        return 0;
+    });
 }
 
 double expectedTriangles(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, const PointSpacing& spacing,

@@ -87,6 +87,9 @@ py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool ex
     py::array_t<double> lo({static_cast<py::ssize_t>(n), py::ssize_t(3)}),
         hi({static_cast<py::ssize_t>(n), py::ssize_t(3)});
     py::list normals, colours, markers;
+    // What chooseScaleCodes sees of each frame: its points, and its usable ones by code.
+    py::array_t<std::int64_t> seen(static_cast<py::ssize_t>(n));
+    py::array_t<std::int64_t> codes({static_cast<py::ssize_t>(n), py::ssize_t(7)});
     auto c = counts.mutable_unchecked<1>();
     auto l = lo.mutable_unchecked<2>();
     auto h = hi.mutable_unchecked<2>();
@@ -106,6 +109,9 @@ py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool ex
             l(i, k) = a[k];
             h(i, k) = b[k];
         }
+        std::size_t coded[7];
+        seen.mutable_at(i) = static_cast<std::int64_t>(spacingPointsOf(frame, coded));
+        for (int k = 0; k < 7; ++k) codes.mutable_at(i, k) = static_cast<std::int64_t>(coded[k]);
         normals.append(scan.extras[f].normals);
         colours.append(!scan.extras[f].colours.empty() && scan.extras[f].colours.size() == frame.xyz.size());
         if (frame.marker_ids.empty()) {
@@ -130,6 +136,65 @@ py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool ex
     out["normals"] = normals;
     out["colours"] = colours;
     out["markers"] = markers;
+    out["seen"] = seen;
+    out["codes"] = codes;
+    return out;
+}
+
+py::array_t<float> pointArray(const std::vector<Vec3f>& points) {
+    py::array_t<float> out({static_cast<py::ssize_t>(points.size()), py::ssize_t(3)});
+    if (!points.empty()) std::copy(points[0].data(), points[0].data() + 3 * points.size(), out.mutable_data());
+    return out;
+}
+
+std::vector<Vec3f> pointsOf(const py::array_t<float, py::array::c_style | py::array::forcecast>& a) {
+    std::vector<Vec3f> points(a.ndim() == 2 ? static_cast<std::size_t>(a.shape(0)) : 0);
+    if (!points.empty()) std::copy(a.data(), a.data() + 3 * points.size(), points[0].data());
+    return points;
+}
+
+// Resolution auto, the samples of one unit: the grid's (every `grid_step`-th point of all the run's points,
+// where usable) and the measured points (every `stride`-th usable point); `seen_first` and `usable_first`
+// are the places of the unit's first point among them.
+std::pair<py::array_t<float>, py::array_t<float>> spacingSamplesUnit(const UnitTuple& unit, float to_mm, int scale_code,
+                                                                     bool explicit_code, const Origin& origin,
+                                                                     std::uint64_t seen_first,
+                                                                     std::uint64_t usable_first,
+                                                                     std::uint64_t grid_step, std::uint64_t stride) {
+    std::vector<Vec3f> grid_sample, measured;
+    {
+        py::gil_scoped_release release;
+        const tessaline_tools::ScanInput scan =
+            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+        for (const auto& frame : scan.frames) {
+            std::size_t coded[7];
+            const std::size_t seen = spacingPointsOf(*frame, coded);
+            spacingSamplesOf(*frame, seen_first, usable_first, grid_step, stride, grid_sample, measured);
+            seen_first += seen;
+            for (const std::size_t c : coded) usable_first += c;
+        }
+    }
+    return {pointArray(grid_sample), pointArray(measured)};
+}
+
+// Resolution auto: the k nearest squared distances of each measured point among the usable points of one
+// unit (the plan keeps the k smallest over all units).
+py::array_t<float> nearestUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
+                               const Origin& origin, py::array_t<float, py::array::c_style | py::array::forcecast> q,
+                               std::size_t k) {
+    const std::vector<Vec3f> queries = pointsOf(q);
+    std::vector<float> squared;
+    int status = 0;
+    {
+        py::gil_scoped_release release;
+        const tessaline_tools::ScanInput scan =
+            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+        status = nearestSquaredDistances(scan.frames, queries, k, squared);
+    }
+    if (status != 0)
+        throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
+    py::array_t<float> out({static_cast<py::ssize_t>(queries.size()), static_cast<py::ssize_t>(k)});
+    std::copy(squared.begin(), squared.end(), out.mutable_data());
     return out;
 }
 
@@ -384,8 +449,21 @@ void readPart(const std::string& path, MultiMeshData& soup) {
 std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     const std::vector<UnitTuple>& units, const std::vector<std::vector<std::size_t>>& skip, float to_mm, int scale_code,
     bool explicit_code, const Origin& geo_origin, float resolution, const Origin& run_origin, std::uint32_t block_size,
-    py::array_t<std::int32_t, py::array::c_style | py::array::forcecast> owned, float reach,
-    const std::string& folder) {
+    py::array_t<std::int32_t, py::array::c_style | py::array::forcecast> owned, float reach, const std::string& folder,
+    const py::object& codes) {
+    // Resolution auto: (grid origin, 1 / grid edge, c_max, margin): the codes are set from the points that
+    // reach the blocks within reach + margin, before those within reach go to the engine.
+    bool automatic = !codes.is_none();
+    ScaleCodeGrid code_grid;
+    int finest_tenth = 8;
+    float margin = 0.0f;
+    if (automatic) {
+        const auto t = codes.cast<std::tuple<Origin, double, int, float>>();
+        for (int k = 0; k < 3; ++k) code_grid.origin[k] = std::get<0>(t)[static_cast<std::size_t>(k)];
+        code_grid.per_edge = std::get<1>(t);
+        finest_tenth = std::get<2>(t);
+        margin = std::get<3>(t);
+    }
     std::vector<BlockKey> blocks;
     for (py::ssize_t i = 0; i < owned.shape(0); ++i) blocks.push_back({owned.at(i, 0), owned.at(i, 1), owned.at(i, 2)});
     std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> written;
@@ -395,12 +473,12 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
         for (int d = 0; d < 8; ++d)
             computed.insert(BlockKey{b.x + (d & 1), b.y + ((d >> 1) & 1), b.z + ((d >> 2) & 1)});
     const float block_res = static_cast<float>(block_size) * resolution;
-    const auto reaches = [&](const Vec3f& p) {
+    const auto reaches = [&](const Vec3f& p, float within) {
         std::int32_t lo[3], hi[3];
         for (int k = 0; k < 3; ++k) {
             const float r = relative(p[static_cast<std::size_t>(k)], run_origin[static_cast<std::size_t>(k)]);
-            lo[k] = gridIndex(r - reach, block_res);
-            hi[k] = gridIndex(r + reach, block_res);
+            lo[k] = gridIndex(r - within, block_res);
+            hi[k] = gridIndex(r + within, block_res);
         }
         for (std::int32_t x = lo[0]; x <= hi[0]; ++x)
             for (std::int32_t y = lo[1]; y <= hi[1]; ++y)
@@ -419,22 +497,52 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     if (status == 0) status = engine.setBlockSize(block_size);
     if (status == 0) status = engine.setOwnedBlocks(blocks);
     const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin);
+    // The frames as the tile keeps them, in the run's order; with auto, also the frames left out, whose points
+    // count for the density around the others.
+    std::vector<std::shared_ptr<FrameDataWithInfo>> kept_frames;
+    std::vector<bool> taking_part;
+    const float keep_within = automatic ? reach + margin : reach;
     for (std::size_t u = 0; u < units.size() && status == 0; ++u) {
         tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
         const std::vector<std::size_t>& left_out = skip[u];
-        for (std::size_t f = 0; f < scan.frames.size() && status == 0; ++f) {
-            if (std::find(left_out.begin(), left_out.end(), f) != left_out.end()) continue;
+        for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+            const bool takes_part = std::find(left_out.begin(), left_out.end(), f) == left_out.end();
+            if (!takes_part && !automatic) continue;
             const FrameDataWithInfo& in = *scan.frames[f];
             auto kept = std::make_shared<FrameDataWithInfo>();
             kept->frame_info = in.frame_info;
             for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-                if (!finite(in.xyz[i]) || !reaches(in.xyz[i])) continue;
+                if (!finite(in.xyz[i]) || !reaches(in.xyz[i], keep_within)) continue;
                 kept->xyz.push_back(in.xyz[i]);
                 kept->nor.push_back(in.nor[i]);
                 kept->w.push_back(in.w[i]);
             }
             scan.frames[f].reset();
-            if (!kept->xyz.empty()) status = engine.addScanFrame_ALL(kept);
+            if (!automatic) {
+                if (!kept->xyz.empty()) status = engine.addScanFrame_ALL(kept);
+                if (status != 0) break;
+                continue;
+            }
+            kept_frames.push_back(std::move(kept));
+            taking_part.push_back(takes_part);
+        }
+    }
+    if (automatic && status == 0) {
+        if (chooseScaleCodesWithin(kept_frames, code_grid, resolution, finest_tenth) != 0)
+            throw std::runtime_error("choosing the cell sizes from the points failed");
+        for (std::size_t f = 0; f < kept_frames.size() && status == 0; ++f) {
+            const FrameDataWithInfo& in = *kept_frames[f];
+            if (!taking_part[f]) continue;
+            auto inner = std::make_shared<FrameDataWithInfo>();
+            inner->frame_info = in.frame_info;
+            for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+                if (!reaches(in.xyz[i], reach)) continue;
+                inner->xyz.push_back(in.xyz[i]);
+                inner->nor.push_back(in.nor[i]);
+                inner->w.push_back(in.w[i]);
+            }
+            kept_frames[f].reset();
+            if (!inner->xyz.empty()) status = engine.addScanFrame_ALL(inner);
         }
     }
     std::vector<MeshPart> parts;
@@ -560,7 +668,42 @@ void bindTools(py::module_& core) {
     m.def("part_name", [](std::int32_t x, std::int32_t y, std::int32_t z) { return partName(BlockKey{x, y, z}); });
     m.def("run_tile", &runTile, py::arg("units"), py::arg("skip"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("geo_origin"), py::arg("resolution"), py::arg("run_origin"),
-          py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"));
+          py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"), py::arg("codes") = py::none());
+    m.def("spacing_samples_unit", &spacingSamplesUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("seen_first"), py::arg("usable_first"),
+          py::arg("grid_step"), py::arg("stride"));
+    m.def("nearest_unit", &nearestUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("queries"), py::arg("k"));
+    m.def("spacing_grid_step", &spacingGridStep, py::arg("points_seen"));
+    m.def(
+        "spacing_measure_stride", [](std::size_t usable) { return spacingMeasureStride(usable); }, py::arg("usable"));
+    m.def(
+        "spacing_grid",
+        [](py::array_t<float, py::array::c_style | py::array::forcecast> sample, std::size_t seen) {
+            ScaleCodeGrid grid;
+            if (spacingGridFromSample(pointsOf(sample), seen, grid) != 0)
+                throw std::runtime_error("the spacing grid cannot be made");
+            return std::make_pair(Origin{grid.origin[0], grid.origin[1], grid.origin[2]}, grid.per_edge);
+        },
+        py::arg("sample"), py::arg("points_seen"));
+    m.def(
+        "scale_code_choice",
+        [](py::array_t<float, py::array::c_style | py::array::forcecast> squared, std::size_t k,
+           const std::array<std::size_t, 7>& codes) {
+            std::vector<float> flat(squared.data(), squared.data() + squared.size());
+            std::size_t counted[7];
+            std::copy(codes.begin(), codes.end(), counted);
+            ScaleCodeChoice choice;
+            if (scaleCodeChoiceFromNeighbours(flat, k, counted, choice) != 0)
+                throw std::runtime_error("the point spacing cannot be measured");
+            py::dict out;
+            out["resolution"] = choice.resolution;
+            out["scale_code"] = choice.spacing.scale_code;
+            out["median"] = choice.spacing.median;
+            out["density"] = choice.spacing.density;
+            return out;
+        },
+        py::arg("squared"), py::arg("k"), py::arg("codes"));
     m.def("merge_parts", &mergeParts, py::arg("parts"), py::arg("resolution"), py::arg("min_piece"),
           py::arg("fill_holes"), py::arg("coloured"), py::arg("to_mm"), py::arg("scale_code"), py::arg("explicit_code"),
           py::arg("geo_origin"), py::arg("output"));

@@ -224,6 +224,46 @@ TESSALINE_MESH_API float autoResolutionForSpacing(const PointSpacing& spacing);
 TESSALINE_MESH_API int chooseScaleCodes(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                         ScaleCodeChoice& choice);
 
+// chooseScaleCodes in pieces, for a scan meshed tile by tile (tessaline.distributed): the figures over the
+// whole scan from what each file gives, then each point's code from the points around it alone. Used as
+// below they give every point the code chooseScaleCodes gives it over all frames, in their order.
+struct ScaleCodeGrid {  // the grid whose cells the density is measured in
+    double origin[3] = {0.0, 0.0, 0.0};
+    double per_edge = 1.0;  // 1 / its edge
+};
+
+// The points of one frame that chooseScaleCodes sees (the first min(xyz, nor, w)), returned, and its usable
+// ones by code into `codes` (finest first, as ScaleCodeChoice::points).
+TESSALINE_MESH_API std::size_t spacingPointsOf(const FrameDataWithInfo& frame, std::size_t (&codes)[7]);
+// The grid's sample is every step-th of all `points_seen` points (where usable); the measured points every
+// stride-th usable point.
+TESSALINE_MESH_API std::size_t spacingGridStep(std::size_t points_seen);
+TESSALINE_MESH_API std::size_t spacingMeasureStride(std::size_t usable, std::size_t max_measured = 20000);
+// Appends one frame's share of both samples: `seen_first` and `usable_first` are the places of its first point
+// among all points seen and all usable points of the scan.
+TESSALINE_MESH_API void spacingSamplesOf(const FrameDataWithInfo& frame, std::size_t seen_first,
+                                         std::size_t usable_first, std::size_t grid_step, std::size_t stride,
+                                         std::vector<Vec3f>& grid_sample, std::vector<Vec3f>& measured);
+// The grid from its sample, in the scan's order, and the count of all points seen.
+TESSALINE_MESH_API int spacingGridFromSample(const std::vector<Vec3f>& sample, std::size_t points_seen,
+                                             ScaleCodeGrid& grid);
+// The k smallest squared distances (ascending, padded with +inf) from each query to the usable points of
+// `frames`, k a query, rounded as measurePointSpacing rounds them: the k smallest of the union of two sets
+// of points are the k smallest of their two lists.
+TESSALINE_MESH_API int nearestSquaredDistances(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                                               const std::vector<Vec3f>& queries, std::size_t k,
+                                               std::vector<float>& squared);
+// The spacing and resolution from the measured points' k nearest over the whole scan (k = min(65, usable
+// points)) and the usable points' codes: `choice.spacing` and `choice.resolution` as chooseScaleCodes sets them.
+TESSALINE_MESH_API int scaleCodeChoiceFromNeighbours(const std::vector<float>& squared, std::size_t k,
+                                                     const std::size_t (&codes)[7], ScaleCodeChoice& choice);
+// Sets the codes of the usable points of `frames` from these points alone, on `grid`, at `resolution` and
+// with c_max `finest_tenth`. A point's code is chooseScaleCodes' when the frames hold, in the scan's order,
+// every usable point of the scan within 7 edges of the grid of it on each axis (its cell and the 26 around
+// it, the balls of up to 4 edges around their first points). 1 for a resolution or grid not above 0.
+TESSALINE_MESH_API int chooseScaleCodesWithin(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                                              const ScaleCodeGrid& grid, float resolution, int finest_tenth);
+
 // About how many triangles a run on these frames, at this resolution, gives where the points cover the
 // surface: each point stands for density^2 of surface, and a cell of edge h (resolution x 8 / the point's
 // scale code) gives about 2.8 triangles a h^2 of surface. A mesh far below this means cells too small for

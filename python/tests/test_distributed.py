@@ -55,10 +55,13 @@ def scan_points(scan, keep=3):
     return points, normals
 
 
+# Resolution auto gives this scan codes 8, 4 and 2 (its density varies): each tile's codes must be the ones
+# chooseScaleCodes gives over the whole scan, the left-out frames' points counted.
+@pytest.mark.parametrize("resolution", ["0.5", "auto"])
 @pytest.mark.parametrize("tile_blocks", [1, 8])
-def test_the_mesh_of_a_scan_is_the_programs(client, scan, tmp_path, tile_blocks):
-    expected = program_mesh([scan], tmp_path / "program.ply", "--resolution", "0.5")
-    plan = td.make_plan(client, [scan], 0.5, tile_blocks=tile_blocks)
+def test_the_mesh_of_a_scan_is_the_programs(client, scan, tmp_path, tile_blocks, resolution):
+    expected = program_mesh([scan], tmp_path / "program.ply", "--resolution", resolution)
+    plan = td.make_plan(client, [scan], resolution, tile_blocks=tile_blocks)
     # The markers leave out the two frames `simulate` registered wrongly, as the program's run does.
     assert sum(len(f) for f in plan.left_out) == 2
     assert len(plan.tiles) == (8 if tile_blocks == 1 else 1)
@@ -101,13 +104,15 @@ def write_ptx(path, points, normals):
 # takes its run origin from the median of the points' sample.
 FORMATS = [
     ("frames.ply", write_ply, (20000.0, -5.0, 3.0), "0.5"),
+    ("frames.ply", write_ply, (20000.0, -5.0, 3.0), "auto"),
     ("points.xyz", write_text, (0.0, 0.0, 0.0), "0.5"),
+    ("points.xyz", write_text, (0.0, 0.0, 0.0), "auto"),
     ("points.pcd", write_pcd, (0.0, 0.0, 0.0), "0.5"),
     ("dome.ptx", write_ptx, (0.0, 0.0, 0.0), "1"),
 ]
 
 
-@pytest.mark.parametrize("name,writer,shift,resolution", FORMATS, ids=[f[0] for f in FORMATS])
+@pytest.mark.parametrize("name,writer,shift,resolution", FORMATS, ids=[f[0] + "-" + f[3] for f in FORMATS])
 def test_every_format_gives_the_programs_mesh(client, scan, tmp_path, name, writer, shift, resolution):
     points, normals = scan_points(scan)
     path = tmp_path / name
@@ -116,7 +121,9 @@ def test_every_format_gives_the_programs_mesh(client, scan, tmp_path, name, writ
     result = td.reconstruct([path], client, resolution=resolution, tile_blocks=2, output=tmp_path / "dist.ply")
     assert (tmp_path / "dist.ply").read_bytes() == expected
     if shift[0] != 0.0:
-        assert result["run_origin"][0] == pytest.approx(20000.0, abs=128.0) and result["run_origin"][0] % 128 == 0
+        block = result["block_size"] * float(np.float32(result["resolution"]))  # a whole number of blocks
+        assert result["run_origin"][0] == pytest.approx(20000.0, abs=block)
+        assert result["run_origin"][0] / block == pytest.approx(round(result["run_origin"][0] / block), abs=1e-9)
 
 
 def write_las(path, points):
@@ -146,8 +153,6 @@ def test_what_cannot_be_the_same_yet_is_refused_with_the_reason(client, scan, tm
     for path in ["cloud.las", "bare.ply"]:
         with pytest.raises(td.RefusedError, match=f"{path}: points without normals"):
             td.reconstruct([tmp_path / path], client, resolution=0.5, output=tmp_path / "x.ply")
-    with pytest.raises(td.RefusedError, match="resolution 'auto'"):
-        td.reconstruct([scan], client, output=tmp_path / "x.ply")
     assert not (tmp_path / "x.ply").exists()
 
 
@@ -200,6 +205,9 @@ def test_the_command_writes_the_programs_mesh(scan, tmp_path):
                             capture_output=True, text=True, timeout=300)
     assert result.returncode == 0, result.stderr
     assert (tmp_path / "d.ply").read_bytes() == expected
-    refused = subprocess.run([sys.executable, "-m", "tessaline.distributed", str(scan), "-o", str(tmp_path / "e.ply"),
-                              "--local-workers", "1"], capture_output=True, text=True, timeout=300)
-    assert refused.returncode == 1 and "resolution 'auto'" in refused.stderr
+    # The default resolution is the program's: auto.
+    expected = program_mesh([scan], tmp_path / "program-auto.ply")
+    result = subprocess.run([sys.executable, "-m", "tessaline.distributed", str(scan), "-o", str(tmp_path / "e.ply"),
+                             "--local-workers", "1"], capture_output=True, text=True, timeout=300)
+    assert result.returncode == 0, result.stderr
+    assert (tmp_path / "e.ply").read_bytes() == expected

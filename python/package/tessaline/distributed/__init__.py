@@ -22,9 +22,13 @@ run goes in four steps:
 4. merge: one task puts the parts together in key order, welds them, removes small pieces, fills small
    holes, colours the vertices from the coloured points and writes the mesh, as the program does.
 
-What is not reproduced yet is refused before any tile runs, with the reason: `resolution='auto'` (the
-cells are chosen from the density of all points at once), and frames without normals (their normals are
-estimated over all points of the scan).
+With `resolution='auto'` (the default, as in the program) the plan measures the point spacing as the
+program does (the density grid from every n-th point of the run, every m-th usable point's 64 nearest
+among all points, from each unit's nearest kept in a merge) and each tile gives its points their codes from
+the points around them, reading CODE_MARGIN_EDGES cells of that grid beyond its reach.
+
+What is not reproduced yet is refused before any tile runs, with the reason: frames without normals (their
+normals are estimated over all points of the scan).
 """
 import argparse
 import os
@@ -46,6 +50,14 @@ REACH_RESOLUTIONS = 16.0
 RUN_ORIGIN_NEAR_RESOLUTIONS = 16384.0
 # The points of the engine's sample for its run origin.
 RUN_ORIGIN_SAMPLES = 4096
+# Resolution auto: a point's scale code comes from the usable points within 7 edges of the density grid of it
+# (its cell and the 26 around it, and the balls of up to 4 edges around their first points); a tile keeps
+# the points within this many edges beyond its reach, one to spare.
+CODE_MARGIN_EDGES = 8.0
+# ... and refuses a margin beyond this many resolutions: each tile would then hold most of the scan.
+CODE_MARGIN_LIMIT_RESOLUTIONS = 256.0
+# The neighbours measured for the point spacing: 64 and the point itself.
+SPACING_NEIGHBOURS = 65
 
 
 class RefusedError(ValueError):
@@ -91,6 +103,8 @@ class Plan:
     min_piece: int = 0
     fill_holes: int = 0
     points: int = 0
+    codes: tuple = None  # resolution auto: (grid origin, 1 / grid edge, c_max, margin in mm); None otherwise
+    spacing: dict = None  # resolution auto: the figures it was chosen from
 
     def files_of(self, tile):
         return [self.units[u][1] for u in tile.units]
@@ -104,6 +118,61 @@ def _sample(unit, settings, first, stride):
     return _tools.sample_unit(unit, *settings.read_args(), first, stride)
 
 
+def _spacing_samples(unit, settings, seen_first, usable_first, grid_step, stride):
+    return _tools.spacing_samples_unit(unit, *settings.read_args(), seen_first, usable_first, grid_step, stride)
+
+
+def _nearest(unit, settings, queries, k):
+    return _tools.nearest_unit(unit, *settings.read_args(), queries, k)
+
+
+def _choose_auto(client, scan_units, settings, measured, token):
+    """Resolution auto as the program chooses it (chooseScaleCodes): the grid of the density from every n-th
+    point of the run, the spacing from every m-th usable point's 64 nearest among all points (the 65 smallest
+    squared distances of each unit's points, the smallest of them kept), c_max from the codes of all usable
+    points. Returns (resolution, codes for the tiles, the figures)."""
+    seen = [np.asarray(m["seen"], dtype=np.int64) for m in measured]
+    codes = [np.asarray(m["codes"], dtype=np.int64).reshape(-1, 7) for m in measured]
+    seen_total = int(sum(int(s.sum()) for s in seen))
+    code_counts = [int(c) for c in sum(c.sum(axis=0) for c in codes)]
+    usable = sum(code_counts)
+    if usable < 2:
+        return 0.5, None, {"median": 0.0, "density": 0.0}  # the program's resolution when it cannot measure
+    grid_step = _tools.spacing_grid_step(seen_total)
+    stride = _tools.spacing_measure_stride(usable)
+    seen_first = np.cumsum([0] + [int(s.sum()) for s in seen])[:-1]
+    usable_first = np.cumsum([0] + [int(c.sum()) for c in codes])[:-1]
+    futures = [client.submit(_spacing_samples, unit, settings, int(sf), int(uf), grid_step, stride,
+                             key=f"spacing-{i}-{token}")
+               for i, (unit, sf, uf) in enumerate(zip(scan_units, seen_first, usable_first))]
+    samples = client.gather(futures)
+    grid_sample = np.concatenate([np.asarray(g).reshape(-1, 3) for g, _ in samples])
+    queries = np.concatenate([np.asarray(q).reshape(-1, 3) for _, q in samples])
+    origin, per_edge = _tools.spacing_grid(grid_sample, seen_total)
+    k = min(SPACING_NEIGHBOURS, usable)
+    import distributed
+
+    futures = [client.submit(_nearest, unit, settings, queries, k, key=f"nearest-{i}-{token}")
+               for i, unit in enumerate(scan_units)]
+    best = np.full((len(queries), k), np.inf, dtype=np.float32)
+    for future in distributed.as_completed(futures):  # one unit's distances at a time beside the best so far
+        found = np.asarray(future.result(), dtype=np.float32).reshape(len(queries), k)
+        best = np.sort(np.concatenate([best, found], axis=1), axis=1)[:, :k]
+        future.release()
+    figures = _tools.scale_code_choice(best, k, code_counts)
+    resolution = float(figures["resolution"])
+    if not resolution > 0.0:
+        return 0.5, None, dict(figures)
+    margin = CODE_MARGIN_EDGES / per_edge
+    if margin > CODE_MARGIN_LIMIT_RESOLUTIONS * resolution:
+        raise RefusedError(
+            f"resolution 'auto' ({resolution:.4g} mm): the density grid's cells are {1.0 / per_edge:.4g} mm wide, "
+            f"and each tile would have to read {margin:.4g} mm beyond its blocks (more than "
+            f"{CODE_MARGIN_LIMIT_RESOLUTIONS:g} resolutions; the points are spread very unevenly): give the "
+            "resolution in millimetres")
+    return resolution, (tuple(origin), float(per_edge), int(figures["scale_code"]), float(margin)), dict(figures)
+
+
 def _describe_blocks(blocks):
     first, last = tuple(int(v) for v in blocks[0]), tuple(int(v) for v in blocks[-1])
     return f"{len(blocks)} block{'s' if len(blocks) != 1 else ''} {first}" + (f" to {last}" if len(blocks) > 1 else "")
@@ -114,7 +183,7 @@ def _run_tile(plan, tile, folder):
     skip = [plan.left_out[u] for u in tile.units]
     try:
         return _tools.run_tile(units, skip, *plan.settings.read_args(), plan.resolution, plan.run_origin,
-                               plan.block_size, tile.blocks, REACH_RESOLUTIONS * plan.resolution, folder)
+                               plan.block_size, tile.blocks, REACH_RESOLUTIONS * plan.resolution, folder, plan.codes)
     except Exception as failure:
         files = ", ".join(plan.files_of(tile)) or "none"
         raise TileError(f"tile {tile.index} ({_describe_blocks(tile.blocks)}) failed: {failure}; its files: {files}") \
@@ -130,10 +199,7 @@ def _merge(plan, parts, output):
 def _parse_resolution(resolution):
     if isinstance(resolution, str):
         if resolution == "auto":
-            raise RefusedError(
-                "resolution 'auto' is not available in distributed runs yet: it chooses the cells from the density "
-                "of all points at once; give the resolution in millimetres (for the same mesh as `tessaline "
-                "reconstruct --resolution MM`)")
+            return resolution
         try:
             resolution = float(resolution)
         except ValueError:
@@ -183,6 +249,9 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
     points = int(sum(int(c.sum()) for c in counts))
     if points == 0:
         raise ValueError(", ".join(inputs) + ": the input holds no points")
+    codes, spacing = None, None
+    if resolution == "auto":
+        resolution, codes, spacing = _choose_auto(client, scan_units, settings, measured, token)
 
     # The frames the optimized markers leave out, by their place in the run (all frames, in order).
     left_out = [[] for _ in scan_units]
@@ -216,15 +285,20 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
     for u, frames in enumerate(left_out):
         for f in frames:
             taking_part[starts[u] + f] = False
-    ranges = np.asarray(_tools.frame_block_ranges(lo, hi, run_origin, block_res, reach))
-    ranges[~taking_part] = (1, 1, 1, 0, 0, 0)
+    # The frames a tile reads: with auto, also those the markers leave out (their points count for the density
+    # around the others), each as far as the margin of the codes.
+    ranges = np.asarray(_tools.frame_block_ranges(lo, hi, run_origin, block_res,
+                                                  reach + (codes[3] if codes else 0.0)))
+    if codes is None:
+        ranges[~taking_part] = (1, 1, 1, 0, 0, 0)
     candidates = np.asarray(_tools.candidate_blocks(lo[taking_part], hi[taking_part], run_origin, block_res, reach))
     unit_of_frame = np.repeat(np.arange(len(scan_units)), [len(c) for c in counts])
 
     plan = Plan(units=scan_units, settings=settings, resolution=resolution, block_size=block_size,
                 run_origin=run_origin, frame_counts=[len(c) for c in counts], left_out=left_out,
                 coloured=[u for u, m in enumerate(measured) if any(m["colours"])], markers_file=markers_file,
-                min_piece=int(min_piece), fill_holes=int(fill_holes), points=points)
+                min_piece=int(min_piece), fill_holes=int(fill_holes), points=points, codes=codes,
+                spacing=spacing)
     tile_blocks = int(tile_blocks)
     for index, start in enumerate(range(0, len(candidates), tile_blocks)):
         blocks = candidates[start:start + tile_blocks].astype(np.int32)
