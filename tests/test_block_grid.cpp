@@ -1,6 +1,5 @@
 // The grid a run cuts its scan into: the block size and the run origin that an application may fix, and
 // a mesh that does not depend on the memory of the machine it was made on.
-#include <functional>
 #include <map>
 
 #include "TestSupport.h"

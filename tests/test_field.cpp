@@ -1,12 +1,6 @@
 // The per-cell passes of the field computation on hand-made cells, and the plane fit and closed-form eigen
 // solver they rest on, against hand-made point sets and against Eigen's solver as an independent reference.
 #include <Eigen/Dense>
-#include <array>
-#include <cmath>
-#include <cstring>
-#include <limits>
-#include <random>
-#include <vector>
 
 #include "TestSupport.h"
 #include "field/FieldComputation.h"

@@ -1,8 +1,6 @@
 // The grid hash, the SimpleLineHash and the octree's hash table: chains into the overflow area,
 // concurrent find-or-insert and exhaustion; the pools of cells and field slots grown from many threads;
 // the octree's roots and descents.
-#include <limits>
-
 #include "TestSupport.h"
 #include "common/GridHash.h"
 #include "common/SimpleLineHash.h"
@@ -300,21 +298,12 @@ TEST_F(SmallOctree, PointsOutsideTheRootAreRefusedAndTheFaceIsInside) {
 }
 
 TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
-    const float base[3] = {3.0f, 5.0f, 7.0f};
-    const auto r = root(base[0], base[1], base[2]);
-    constexpr int THREADS = 8;
-    std::vector<std::vector<CellNode*>> leaves(THREADS);
-    onThreads(THREADS, [&](int t) {
-        for (int i = 0; i < 400; ++i) {
-            const float p[3] = {base[0] + (i % 20) * 0.5f, base[1] + (i / 20) * 0.5f, base[2]};
-            CellNode* leaf = nullptr;
-            ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, p, 0.25f, leaf), 0);
-            leaves[t].push_back(leaf);
-        }
+    const auto r = root(3.0f, 5.0f, 7.0f);
+    const auto leaves = oneEntryPerKeyFromThreads<CellNode>(8, 400, [&](int i) {
+        const float p[3] = {3.0f + (i % 20) * 0.5f, 5.0f + (i / 20) * 0.5f, 7.0f};
+        CellNode* leaf = nullptr;
+        return octree.insertLeafNodeForHashBlock(*r, p, 0.25f, leaf) == 0 ? leaf : nullptr;
     });
-    for (int t = 1; t < THREADS; ++t) EXPECT_EQ(leaves[t], leaves[0]);
-    std::set<CellNode*> distinct(leaves[0].begin(), leaves[0].end());
-    EXPECT_EQ(distinct.size(), 400u);
     // Every child pointer is counted once, and every returned leaf stayed a leaf.
     std::vector<const CellNode*> stack{r->root_cell};
     while (!stack.empty()) {
@@ -325,7 +314,7 @@ TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
             if (n->child(k)) ++children, stack.push_back(n->child(k));
         EXPECT_EQ(n->child_count, children);
     }
-    for (CellNode* leaf : distinct) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+    for (CellNode* leaf : leaves) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
 }
 
 TEST_F(SmallOctree, ATreeDroppedSinceAMarkGivesItsCellsAndChildSlotsBack) {
@@ -363,18 +352,10 @@ TEST_F(SmallOctree, ATreeDroppedSinceAMarkGivesItsCellsAndChildSlotsBack) {
 }
 
 TEST_F(SmallOctree, ConcurrentRootCreationGivesOneRootPerBlock) {
-    constexpr int THREADS = 8;
-    std::vector<std::vector<std::shared_ptr<HashRootCellData>>> got(THREADS);
-    onThreads(THREADS, [&](int t) {
-        for (int i = 0; i < 64; ++i) {
-            const int b = (i + t) % 64;  // 64 blocks of edge 128 in a 4 x 4 x 4 cube
-            got[t].push_back(root((b % 4) * 128.0f + 1.0f, (b / 4 % 4) * 128.0f + 2.0f, (b / 16) * 128.0f + 3.0f));
-        }
+    oneEntryPerKeyFromThreads<HashRootCellData>(8, 64, [&](int b) {  // 64 blocks of edge 128 in a 4 x 4 x 4 cube
+        return root((b % 4) * 128.0f + 1.0f, (b / 4 % 4) * 128.0f + 2.0f, (b / 16) * 128.0f + 3.0f).get();
     });
     std::shared_ptr<HashRootCellList> list;
     ASSERT_EQ(octree.getHashCellList(list), 0);
     EXPECT_EQ(list->datas_size.load(), 64);
-    // Thread t asked for block (i + t) % 64 at step i; thread 0 asked for it at step (i + t) % 64.
-    for (int t = 1; t < THREADS; ++t)
-        for (int i = 0; i < 64; ++i) EXPECT_EQ(got[t][i], got[0][(i + t) % 64]) << "thread " << t << ", step " << i;
 }

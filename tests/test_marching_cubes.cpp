@@ -1,13 +1,7 @@
 // The marching cubes stage: Morton codes, bins and their occupancy, the chunked path against the whole
 // block, cells and relations, thread counts, and the field of the whole stage on simulated surfaces.
-#include <algorithm>
-#include <cmath>
-#include <cstring>
 #include <map>
-#include <random>
-#include <set>
 #include <tuple>
-#include <vector>
 
 #include "FakeDevices.h"
 #include "TestAccess.h"

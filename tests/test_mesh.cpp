@@ -13,19 +13,6 @@ namespace {
 
 using Tri = std::array<std::uint32_t, 3>;
 
-// The soup of an indexed mesh: every triangle with its own corners, all words `word`.
-MultiMeshData soupOf(const std::vector<Vec3f>& vertices, const std::vector<Tri>& triangles, std::uint32_t word = 8) {
-    MultiMeshData soup;
-    for (const Tri& t : triangles) {
-        TriangleXYZ xyz;
-        for (int v = 0; v < 3; ++v)
-            for (int k = 0; k < 3; ++k) xyz.xyz[3 * v + k] = vertices[t[v]][k];
-        soup.xyz.push_back(xyz);
-        soup.w.push_back(TriangleW{{word, word, word}});
-    }
-    return soup;
-}
-
 // The octahedron with corners on the axes at distance 1 from `c`, faces counter-clockwise from outside.
 IndexedMesh octahedron(Vec3f c = {0, 0, 0}) {
     IndexedMesh mesh;
@@ -279,7 +266,7 @@ TEST(Weld, WordsAreTheOrOfEveryCornerAndCollapsedOrBrokenTrianglesAreDropped) {
 }
 
 TEST(Weld, RefusesWhatItCannotWeld) {
-    MultiMeshData soup = soupOf(cube().vertices, cube().triangles);
+    MultiMeshData soup = nearSoup(1, {0.0f, 0.0f, 0.0f}, 1e-3f, 2.5f, 100);
     IndexedMesh mesh = cube();
     for (float tolerance :
          {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
@@ -528,9 +515,7 @@ std::shared_ptr<FrameDataWithInfo> lattice(int n, float step, std::int32_t word 
     for (int c = 0; c < copies; ++c)
         for (int y = 0; y < n; ++y)
             for (int x = 0; x < n; ++x) {
-                frame->xyz.push_back({x * step, y * step, 100.0f});
-                frame->nor.push_back({0, 0, 1});
-                frame->w.push_back(word);
+                addPoint(*frame, {x * step, y * step, 100.0f}, {0, 0, 1}, word);
             }
     return frame;
 }
@@ -718,9 +703,7 @@ TEST(Spacing, TheResolutionSizesTheCellsTheFinestTenthOfThePointsAskFor) {
         float x = 1;
         for (const auto& [count, word] : c.points)
             for (int i = 0; i < count; ++i) {
-                frame->xyz.push_back({x++, 0, 0});
-                frame->nor.push_back({0, 0, 1});
-                frame->w.push_back(word);
+                addPoint(*frame, {x++, 0, 0}, {0, 0, 1}, word);
             }
         PointSpacing spacing;
         ASSERT_EQ(measurePointSpacing({frame}, spacing), 0);
@@ -768,9 +751,7 @@ TEST(ScaleCodes, TheCodesFollowTheDensityAndKeepAWishForFinerCellsWhereThePoints
     for (const auto& strip : strips)
         for (float y = 5; y < 105; y += strip.step)
             for (float x = strip.from; x < strip.to; x += strip.step) {
-                frame->xyz.push_back({x, y, 5});
-                frame->nor.push_back({0, 0, 1});
-                frame->w.push_back(y < 55 && strip.wish != 0 ? 0x110 : 0x10008);
+                addPoint(*frame, {x, y, 5}, {0, 0, 1}, y < 55 && strip.wish != 0 ? 0x110 : 0x10008);
             }
     const std::vector<std::int32_t> asked = frame->w;
     std::vector<std::int32_t> first;

@@ -194,17 +194,6 @@ TEST(PortionerRuns, EveryPointReachesItsBlockAndTheMarginsThatHoldIt) {
     EXPECT_EQ(run.portioner.getMaxBlockPointsSize(), static_cast<int>(run.block(0)->points->size()));
 }
 
-TEST(PortionerRuns, BatchesAfterTheFirstAppendInPointOrder) {
-    // More frames than a batch holds: each block's list grows batch after batch, in frame order.
-    const Frames frames = randomFrames(PORTIONER_MAX_FRAME_SIZE * 2 + 37, 12, 5);
-    PortionerRun run(frames);
-    ASSERT_EQ(run.status, 0) << run.portioner.getLastError();
-    expectSameBlocks(run.blocks(), bruteForceBlocks(frames));
-    // The records were counted before the batches: each list was allocated once, at its size.
-    for (int i = 0; i < run.portioner.getPointCloudBlockCount(); ++i)
-        EXPECT_EQ(run.block(i)->points->capacity(), run.block(i)->points->size()) << "block " << i;
-}
-
 TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
     const Frames frames = randomFrames(12, 400, 11);
     PortionerRun run(frames, /*raw_points_capacity=*/16);
@@ -224,6 +213,10 @@ TEST(PortionerRuns, StraightFromTheFramesGivesTheBlocksOfTheBatches) {
     PortionerRun batched(frames, 0, {}, /*batches=*/true);
     expectIdenticalBlocks(straight, batched);
     expectSameBlocks(straight.blocks(), bruteForceBlocks(frames));
+    // The records were counted before the second pass: each list was allocated once, at its size.
+    for (PortionerRun* run : {&straight, &batched})
+        for (int i = 0; i < run->portioner.getPointCloudBlockCount(); ++i)
+            EXPECT_EQ(run->block(i)->points->capacity(), run->block(i)->points->size()) << "block " << i;
 }
 
 TEST(PortionerRuns, StraightPassLetsGoOfTheFramesItAloneHolds) {

@@ -5,11 +5,7 @@
 // lines only with --verbose, --json), finishing options, and every format it writes read back.
 #include <png.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <iterator>
 #include <sstream>
 
 #include "InOrder.h"
