@@ -22,6 +22,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -269,6 +270,14 @@ inline const Session& smallScanRun() {
     return run;
 }
 
+// A session that must succeed; where it does not, the test fails with its error.
+inline Session runOk(const Frames& frames, float resolution = 0.5f,
+                     const std::function<void(Tessaline&)>& before = nullptr) {
+    Session run = runSession(frames, resolution, before);
+    EXPECT_EQ(run.status, 0) << run.error;
+    return run;
+}
+
 // The mesh of a session that must succeed.
 inline std::shared_ptr<MultiMeshData> meshOf(const Frames& frames, float resolution = 0.5f) {
     const Session run = runSession(frames, resolution);
@@ -342,6 +351,12 @@ inline std::string programPath() { return std::string(); }
 #define TESSALINE_REQUIRE_PROGRAM() GTEST_SKIP() << "the tessaline program is not built (TESSALINE_BUILD_TOOLS=OFF)"
 #endif
 
+// The tests of the program, which skip where it is not built.
+class Program : public ::testing::Test {
+protected:
+    void SetUp() override { TESSALINE_REQUIRE_PROGRAM(); }
+};
+
 // A run of the program: its exit status and what it wrote on standard output and error.
 struct ProgramRun {
     int status;
@@ -354,6 +369,13 @@ inline ProgramRun runProgram(const std::string& arguments) {
     const int status = std::system(
         ("timeout 300 " + programPath() + " " + arguments + " >" + base + ".out 2>" + base + ".err").c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(base + ".out"), readFile(base + ".err")};
+}
+
+// A run of the program that must succeed; where it does not, the test fails with what it said.
+inline ProgramRun runProgramOk(const std::string& arguments) {
+    ProgramRun run = runProgram(arguments);
+    EXPECT_EQ(run.status, 0) << arguments << ": " << run.err;
+    return run;
 }
 
 // /proc/meminfo with `available_mib` and the cgroup files given (path below the root, content) in a root

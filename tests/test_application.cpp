@@ -46,8 +46,7 @@ TEST(SharedFrames, TwoEnginesOnTwoThreadsReadTheSameFramesAndEachGivesTheMeshOfA
 
 TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefusedAndTheRunIsUnharmed) {
     const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
-    const Session alone = runSession(small);
-    ASSERT_EQ(alone.status, 0) << alone.error;
+    const Session alone = runOk(small);
     ASSERT_GT(alone.mesh->xyz.size(), 100u);
     MarkerInfos markers;
     markers.ids = {1};
@@ -204,8 +203,7 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
             for (int c = 0; c < 200; ++c) rows.push_back({c * 5.0f + 0.5f, (strip * 10 + r) * 6.7f + 0.5f, 3.0f});
         floor.push_back(frameOf(rows));
     }
-    const Session flat = runSession(floor);
-    ASSERT_EQ(flat.status, 0) << flat.error;
+    const Session flat = runOk(floor);
     EXPECT_TRUE(flat.mesh->xyz.empty());
     EXPECT_TRUE(contains(flat.error, "20000 points gave no triangles"));
     EXPECT_TRUE(contains(flat.error, "too sparse for the resolution"));
@@ -316,8 +314,7 @@ TEST(Geometry, APlaneThroughTheOriginIsClosedThere) {
         }
         return false;
     };
-    const Session run = runSession({frameOf(plane)}, 0.02f);
-    ASSERT_EQ(run.status, 0) << run.error;
+    const Session run = runOk({frameOf(plane)}, 0.02f);
     ASSERT_GT(run.mesh->xyz.size(), 100u);
     for (const auto& spot : std::vector<std::array<float, 2>>{{0.0f, 0.0f}, {0.05f, -0.05f}, {0.5f, 0.5f}})
         EXPECT_TRUE(covers(*run.mesh, spot[0], spot[1])) << spot[0] << ", " << spot[1];
@@ -339,8 +336,7 @@ TEST(Geometry, AScanFarFromTheOriginGivesTheMeshOfTheSameScanNearItMovedThere) {
             }
         near.push_back(n), far.push_back(shifted);
     }
-    const Session at_origin = runSession(near, 2.0f), away = runSession(far, 2.0f);
-    ASSERT_EQ(at_origin.status, 0) << at_origin.error;
+    const Session at_origin = runOk(near, 2.0f), away = runSession(far, 2.0f);
     ASSERT_GT(at_origin.mesh->xyz.size(), 10000u);
     ASSERT_EQ(away.status, 0) << away.error;
     ASSERT_EQ(away.mesh->xyz.size(), at_origin.mesh->xyz.size());
@@ -371,8 +367,7 @@ TEST(Geometry, FlagBitsAboveTheFlagByteReachTheTrianglesOfTheirCells) {
                 copy->w[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(copy->w[i]) | high);
         flagged.push_back(copy);
     }
-    const Session a = runSession(plain, resolution), b = runSession(flagged, resolution);
-    ASSERT_EQ(a.status, 0) << a.error;
+    const Session a = runOk(plain, resolution), b = runSession(flagged, resolution);
     ASSERT_EQ(b.status, 0) << b.error;
     ASSERT_GT(a.mesh->xyz.size(), 1000u);
     ASSERT_EQ(b.mesh->xyz.size(), a.mesh->xyz.size());
@@ -421,8 +416,7 @@ TEST(MemoryGuard, ABlockBeyondWhatTheProcessMayUseIsLeftOutAndTheRunSaysSo) {
     const std::uint64_t limit_mib = (BLOCK_MEMORY_RESERVE_BYTES >> 20) + plane_wants / 2;
     ASSERT_LT(blockWorkingSetBytes(sphere_points, sphere_points) >> 20, plane_wants / 2);
 
-    const Session alone = runSession(sphere);
-    ASSERT_EQ(alone.status, 0) << alone.error;
+    const Session alone = runOk(sphere);
     ASSERT_GT(alone.mesh->xyz.size(), 1000u);
     Session starved;
     {
@@ -441,7 +435,6 @@ TEST(MemoryGuard, ABlockBeyondWhatTheProcessMayUseIsLeftOutAndTheRunSaysSo) {
     for (const TriangleXYZ& t : starved.mesh->xyz) EXPECT_GT(t.xyz[0], 250.0f);
 
     // With room for it the plane's block is there too, and the run is whole.
-    const Session fed = runSession(both);
-    ASSERT_EQ(fed.status, 0) << fed.error;
+    const Session fed = runOk(both);
     EXPECT_GT(fed.mesh->xyz.size(), alone.mesh->xyz.size() + 10000);
 }

@@ -119,8 +119,7 @@ bool sameWelded(const IndexedMesh& a, const IndexedMesh& b) {
 // the rest. Every block's part comes from exactly one run, and the parts put together are the whole run's
 // triangles bit for bit, welded into the same vertices and triangles.
 TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
-    const Session whole = runSession(smallScan(), SPLIT_RESOLUTION, splitGrid);
-    ASSERT_EQ(whole.status, 0) << whole.error;
+    const Session whole = runOk(smallScan(), SPLIT_RESOLUTION, splitGrid);
     const std::vector<MeshPart> all = partsOf({});
     std::vector<BlockKey> keys;
     for (const MeshPart& p : all) keys.push_back(p.block);
@@ -162,8 +161,7 @@ TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
 // The session's mesh against one run over the same frames on the session's grid: the same soup and the
 // same welded mesh.
 void expectBatchMesh(const ScanSession& session, const Frames& frames, const std::string& when) {
-    const Session batch = runSession(frames, SPLIT_RESOLUTION, splitGrid);
-    ASSERT_EQ(batch.status, 0) << batch.error;
+    const Session batch = runOk(frames, SPLIT_RESOLUTION, splitGrid);
     ASSERT_FALSE(batch.mesh->xyz.empty());
     EXPECT_TRUE(sameMesh(session.soup(), *batch.mesh)) << when;
     IndexedMesh live, reference;

@@ -363,16 +363,6 @@ TEST_F(BinsTest, MoreBinsThanTheArrayHoldsGrowsIt) {
     EXPECT_EQ(output.find("bins_id >= MC_MAX_BINS_HEADER"), std::string::npos);
 }
 
-TEST_F(BinsTest, SameBlockSameBinsForAnyThreadCount) {
-    const auto points = randomPoints(30000, 13);
-    auto a = block(points), b = block(points);
-    const auto one = withThreads(1, [&] { return bins(stage, a); });
-    const auto many = withThreads(manyThreads(), [&] { return bins(stage, b); });
-    EXPECT_EQ(one.size(), many.size());
-    EXPECT_TRUE(sameStart(one, many, one.size()));
-    EXPECT_TRUE(sameStart(*a->points, *b->points, points.size()));
-}
-
 TEST_F(CellsTest, IsolatedBinMakesTwentySevenCellsAndTwoAdjacentThirtySix) {
     {
         const auto result = cells({bin(60, 60, 60, 8, 20, 0)});
@@ -445,40 +435,6 @@ TEST_F(CellsTest, FineBinsVisitEachInnerTargetOnce) {
     // Cells of a quarter bin around the octant: 3 x 3 x 3 of them, each with a record.
     EXPECT_EQ(result->cell_node_size.load(), 27);
     for (const CellNode_Device& record : result->cell_nodes) EXPECT_FLOAT_EQ(record.half_size, 0.125f);
-}
-
-TEST_F(CellsTest, RecordsAndRelationsAreTheSameForAnyThreadCount) {
-    std::mt19937 rng(21);
-    std::uniform_int_distribution<int> pos(20, 60), code(0, 4);
-    const int codes[5] = {8, 8, 16, 4, 32};
-    std::vector<BinsHeader> bins;
-    int offset = 0;
-    for (int i = 0; i < 400; ++i) {
-        BinsHeader b = bin(pos(rng), pos(rng), 40 + i % 3, codes[code(rng)], 1 + i % 4, offset);
-        b.occupancy[i % 8] = 0x0101010101010101ull << (i % 8);
-        offset += b.point_count;
-        bins.push_back(b);
-    }
-    std::vector<std::vector<CellNode_Device>> runs;
-    std::vector<std::vector<RelationCell2Bins_Device>> relations;
-    for (int t : {1, manyThreads(), 1}) {
-        setUpStage(stage, 1000);  // a fresh octree
-        withThreads(t, [&] {
-            std::vector<BinsHeader> copy = bins;
-            EXPECT_EQ(TestAccess::prepareSimpleHash(stage, copy), 0);
-            EXPECT_EQ(TestAccess::rectifyBinLevels(stage, copy), 0);
-            const auto result = cells(copy);
-            runs.push_back(withoutCells(result->cell_nodes));
-            relations.push_back(listOf(result->relations));
-            return 0;
-        });
-    }
-    for (std::size_t i = 1; i < runs.size(); ++i) {
-        EXPECT_EQ(runs[i].size(), runs[0].size());
-        EXPECT_TRUE(sameStart(runs[i], runs[0], runs[0].size())) << "run " << i;
-        EXPECT_EQ(relations[i].size(), relations[0].size());
-        EXPECT_TRUE(sameStart(relations[i], relations[0], relations[0].size())) << "run " << i;
-    }
 }
 
 // A block whose bins all ask for the default scale finds its cells' first visitors all at once; a block
@@ -684,33 +640,6 @@ TEST_F(StageRun, DevicePathAndHostPathGiveTheSameField) {
     if (KERNELS_MAY_DIFFER_FROM_HOST)
         std::printf("device path and host path: fields differ by at most %g\n", static_cast<double>(largest));
     EXPECT_GT(sheets, 1000);
-}
-
-TEST_F(StageRun, ABlockAfterALargerOneMakesTheCellsItMakesAlone) {
-    // The stage keeps its working arrays from block to block and gives back what the next block will not
-    // use: a smaller block after a larger one must come out as it does in a stage of its own.
-    const auto sphereBlock = [](float radius, float spacing, float x) {
-        auto b = block(spherePoints(radius, spacing));
-        b->center[0] = x;
-        for (RawPointWithHash& p : *b->points) p.x += x - 32.0f;
-        return b;
-    };
-    MarchingCubes alone;
-    setUpStage(alone, 2000000);
-    output = quiet([&] { ASSERT_EQ(alone.process(sphereBlock(5.0f, 0.2f, 96.0f)), 0); });
-    const auto expected = TestAccess::lastCells(alone);
-
-    TestAccess::keepLastCells(stage, false);  // its records and relations go to the next block
-    ASSERT_EQ(process(sphereBlock(12.0f, 0.15f, 32.0f)), 0) << stage.getLastError();
-    TestAccess::keepLastCells(stage, true);
-    ASSERT_EQ(process(sphereBlock(5.0f, 0.2f, 96.0f)), 0) << stage.getLastError();
-    const auto actual = TestAccess::lastCells(stage);
-    ASSERT_GT(expected->cell_nodes.size(), 1000u);
-    ASSERT_EQ(actual->cell_nodes.size(), expected->cell_nodes.size());
-    ASSERT_EQ(actual->relations.size(), expected->relations.size());
-    EXPECT_TRUE(
-        sameStart(withoutCells(actual->cell_nodes), withoutCells(expected->cell_nodes), expected->cell_nodes.size()));
-    EXPECT_TRUE(sameStart(listOf(actual->relations), listOf(expected->relations), expected->relations.size()));
 }
 
 TEST_F(StageRun, ABlockThatFallsBackPrintsBothWarningsAndTheNextTriesTheDeviceAgain) {

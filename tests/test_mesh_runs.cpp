@@ -111,11 +111,13 @@ TEST(MeshRuns, ASphereBecomesAClosedOutwardSurfaceOnTheSphere) {
 }
 
 TEST(MeshRuns, SameFramesSameMeshForAnyThreadCount) {
-    const auto frames = sphereScan({40.0f, 20.0f, 30.0f}, 6.0f, 0.3f);
-    const auto one = withThreads(1, [&] { return meshOf(frames); });
-    const auto many = withThreads(manyThreads(), [&] { return meshOf(frames); });
-    ASSERT_GT(one->xyz.size(), 100u);
-    EXPECT_TRUE(sameMesh(*one, *many));
+    // A sphere, and a simulated scan: cells of several sizes (the bins' levels rectified), flags, many blocks.
+    for (const Frames& frames : {sphereScan({40.0f, 20.0f, 30.0f}, 6.0f, 0.3f), smallScan()}) {
+        const auto one = withThreads(1, [&] { return meshOf(frames); });
+        const auto many = withThreads(manyThreads(), [&] { return meshOf(frames); });
+        ASSERT_GT(one->xyz.size(), 100u);
+        EXPECT_TRUE(sameMesh(*one, *many));
+    }
 }
 
 TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {

@@ -474,8 +474,7 @@ std::string planeScan(int n, double dx) {
 
 }  // namespace
 
-TEST(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
     const std::string folder = tempPath("scan_formats");
     mkdir(folder.c_str(), 0755);
     std::ofstream(folder + "/a.PTX") << planeScan(60, 0);
@@ -489,8 +488,7 @@ TEST(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
     std::ofstream(folder + "/notes.md") << "not a scan\n";
     const std::string output = folder + "/mesh.ply";
     for (int run = 0; run < 2; ++run) {  // the second run finds its own mesh of the first in the folder
-        const ProgramRun r = runProgram("reconstruct " + folder + " --json --quiet -o " + output);
-        ASSERT_EQ(r.status, 0) << r.err;
+        const ProgramRun r = runProgramOk("reconstruct " + folder + " --json --quiet -o " + output);
         EXPECT_TRUE(contains(r.out, "\"frames\": 2, \"points\": 7200")) << r.out;
     }
     const IndexedMesh mesh = tessaline_tools::readMesh(output);
@@ -498,8 +496,7 @@ TEST(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
     for (const auto& v : mesh.vertices) ASSERT_NEAR(v[2], 300.0f, 0.05f);
 }
 
-TEST(Program, ALasRunWritesItsMeshAtTheGeoReferencedCoordinates) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, ALasRunWritesItsMeshAtTheGeoReferencedCoordinates) {
     // A 200 x 200 point plane 5 mm apart at UTM coordinates, in metres; LAS has no normals.
     const double scale[3] = {0.001, 0.001, 0.001}, offset[3] = {600000, 5000000, 0};
     const double min[3] = {600000, 5000000, 50}, max[3] = {600000.99, 5000000.99, 50};

@@ -505,8 +505,7 @@ TEST(Pictures, FrontAndBackFacesShowAndThePngReadsBack) {
     EXPECT_THROW(tessaline_tools::writePng("/no/such/folder/x.png", image), std::runtime_error);
 }
 
-TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, BadInputGivesOneErrorLineAndNoOutput) {
     const std::string missing = tempPath("missing.ply"), never = tempPath("never.ply");
     const std::string cloud = writeFile("cloud_only.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n");
     const std::string normals = "property float nx\nproperty float ny\nproperty float nz\n";
@@ -608,8 +607,7 @@ TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
     EXPECT_FALSE(std::ifstream(tempPath("never_demo")).good());
 }
 
-TEST(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
     const std::string folder = tempPath("careless");
     std::filesystem::remove_all(folder);
     ASSERT_EQ(runProgram("simulate --points 20000 -o " + folder).status, 0);
@@ -651,8 +649,7 @@ TEST(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
     // mesh placed there is, with a note.
     std::string frames_seen;
     for (int run = 0; run < 3; ++run) {
-        const ProgramRun r = runProgram("reconstruct " + folder + " -o " + folder + "/mesh.ply");
-        ASSERT_EQ(r.status, 0) << r.err;
+        const ProgramRun r = runProgramOk("reconstruct " + folder + " -o " + folder + "/mesh.ply");
         const std::string frames = r.out.substr(0, r.out.find(','));
         if (run > 0) {
             EXPECT_EQ(frames, frames_seen);
@@ -669,12 +666,10 @@ TEST(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
 // The program reads the markers that simulate writes beside its frames and names the frames they leave out,
 // which are the misregistered ones, in its summary and its JSON; --markers none runs without them, and a
 // markers file it cannot read is refused with its name and line.
-TEST(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
     const std::string folder = tempPath("markers"), output = tempPath("markers.ply");
     std::filesystem::remove_all(folder);
-    const ProgramRun simulated = runProgram("simulate --points 60000 --misregister 3 -o " + folder);
-    ASSERT_EQ(simulated.status, 0) << simulated.err;
+    const ProgramRun simulated = runProgramOk("simulate --points 60000 --misregister 3 -o " + folder);
     const std::string said = "misregistered frames (about 0.3 mm off):";
     const std::size_t at = simulated.out.find(said);
     ASSERT_NE(at, std::string::npos) << simulated.out;
@@ -684,17 +679,14 @@ TEST(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
     ASSERT_EQ(wrong.size(), 3u) << simulated.out;
     const std::string list = std::to_string(wrong[0]) + " " + std::to_string(wrong[1]) + " " + std::to_string(wrong[2]);
 
-    const ProgramRun plain = runProgram("reconstruct " + folder + " --quiet -o " + output);
-    ASSERT_EQ(plain.status, 0) << plain.err;
+    const ProgramRun plain = runProgramOk("reconstruct " + folder + " --quiet -o " + output);
     EXPECT_TRUE(contains(plain.out, "frames left out by their markers (3): " + list + "\n"));
-    const ProgramRun json = runProgram("reconstruct " + folder + " --quiet --json -o " + output);
-    ASSERT_EQ(json.status, 0) << json.err;
+    const ProgramRun json = runProgramOk("reconstruct " + folder + " --quiet --json -o " + output);
     const std::string json_list =
         std::to_string(wrong[0]) + ", " + std::to_string(wrong[1]) + ", " + std::to_string(wrong[2]);
     EXPECT_TRUE(contains(json.out, "\"frames_left_out\": [" + json_list + "]}"));
 
-    const ProgramRun none = runProgram("reconstruct " + folder + " --quiet --json --markers none -o " + output);
-    ASSERT_EQ(none.status, 0) << none.err;
+    const ProgramRun none = runProgramOk("reconstruct " + folder + " --quiet --json --markers none -o " + output);
     EXPECT_TRUE(contains(none.out, "\"markers\": null"));
     const std::string bad = folder + "/bad-markers.txt";
     std::ofstream(bad) << "# id x y z nx ny nz\n0 1 2 3 0 0 1\n1 45 0 0\n";
@@ -703,19 +695,16 @@ TEST(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
     EXPECT_TRUE(contains(refused.err, bad + ": line 3: a marker is 'id x y z nx ny nz', seven numbers"));
 }
 
-TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
     const std::string folder = tempPath("demo");
-    const ProgramRun demo = runProgram("demo --points 150000 --quiet -o " + folder);
-    ASSERT_EQ(demo.status, 0) << demo.err;
+    const ProgramRun demo = runProgramOk("demo --points 150000 --quiet -o " + folder);
     EXPECT_TRUE(contains(demo.out, "distance to the true surface:"));
     EXPECT_TRUE(contains(demo.out, "F-score at 0.1"));
     EXPECT_GT(tessaline_tools::readPlyMesh(folder + "/tessaline-demo.ply").triangles.size(), 20000u);
     EXPECT_TRUE(std::ifstream(folder + "/tessaline-demo.png").good());
 
     // The mesh lies on the part: checked here with the comparison itself, through the program.
-    const ProgramRun compared = runProgram("compare " + folder + "/tessaline-demo.ply part");
-    ASSERT_EQ(compared.status, 0) << compared.err;
+    const ProgramRun compared = runProgramOk("compare " + folder + "/tessaline-demo.ply part");
     double median = -1, p95 = -1;
     ASSERT_TRUE(distances(compared.out + compared.err, median, p95)) << compared.out;
     EXPECT_LT(median, 0.05);
@@ -753,16 +742,14 @@ std::string sphereFile(const std::string& name, int n, float r, float scale = 1.
 
 }  // namespace
 
-TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
     const float radius = 30.0f;
     const int n = 20000;
     const double even = std::sqrt(4 * M_PI * radius * radius / n);  // 0.75 mm
     for (const auto& [scale, units] : {std::pair<float, std::string>{1.0f, "mm"}, {0.001f, "m"}}) {
         const std::string input = sphereFile("sphere_" + units + ".ply", n, radius, scale);
         const std::string output = programTemp("sphere.ply");
-        const ProgramRun r = runProgram("reconstruct " + input + " --units " + units + " -o " + output + " --json");
-        ASSERT_EQ(r.status, 0) << r.err;
+        const ProgramRun r = runProgramOk("reconstruct " + input + " --units " + units + " -o " + output + " --json");
         ASSERT_FALSE(r.out.empty());
         EXPECT_EQ(r.out.front(), '{');
         EXPECT_EQ(r.out.substr(r.out.size() - 2), "}\n");  // one JSON object, nothing else
@@ -777,29 +764,25 @@ TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
     }
     // Without --json the summary names the spacing and the choice.
     const ProgramRun text =
-        runProgram("reconstruct " + sphereFile("sphere.ply", n, radius) + " -o " + programTemp("s.obj"));
-    ASSERT_EQ(text.status, 0) << text.err;
+        runProgramOk("reconstruct " + sphereFile("sphere.ply", n, radius) + " -o " + programTemp("s.obj"));
     EXPECT_TRUE(contains(text.out, "resolution auto: "));
     EXPECT_TRUE(contains(text.out, "point spacing: median "));
 }
 
-TEST(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
+TEST_F(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
     // A sphere sampled evenly above its equator and four times more thinly below (every 4th point of the
     // lattice), words 8. One resolution for both halves, from the dense half that holds most points, leaves
     // the sparse half full of holes; the codes from each point's density give it cells twice as wide, and
     // the sphere comes out whole but for the odd pinhole where cells of two sizes meet.
-    TESSALINE_REQUIRE_PROGRAM();
     const float r = 30.0f;
     const std::string input =
         sphereFile("half_sparse.ply", 40000, r, 1.0f, [](int i, const Vec3f& v) { return v[2] >= 0 || i % 4 == 0; });
     const std::string common = "reconstruct " + input + " -o " + programTemp("half_sparse_mesh.ply");
-    const ProgramRun automatic = runProgram(common + " --json");
-    ASSERT_EQ(automatic.status, 0) << automatic.err;
+    const ProgramRun automatic = runProgramOk(common + " --json");
     EXPECT_GT(jsonNumber(automatic.out, "4"), 4000.0);  // about the 5,000 points of the sparse half
     char fixed_resolution[32];
     std::snprintf(fixed_resolution, sizeof(fixed_resolution), "%.9g", jsonNumber(automatic.out, "resolution_mm"));
-    const ProgramRun fixed = runProgram(common + " --json --resolution " + fixed_resolution);
-    ASSERT_EQ(fixed.status, 0) << fixed.err;
+    const ProgramRun fixed = runProgramOk(common + " --json --resolution " + fixed_resolution);
     EXPECT_TRUE(contains(fixed.out, "\"scale_codes\": null"));  // the points' own words
     EXPECT_GT(jsonNumber(automatic.out, "area"), 0.995 * 4 * M_PI * r * r);
     EXPECT_LT(jsonNumber(automatic.out, "boundary_edges") * 20, jsonNumber(fixed.out, "boundary_edges"));
@@ -807,8 +790,7 @@ TEST(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
     EXPECT_TRUE(contains(runProgram(common).out, "cells from the points' density: code 8 "));
 }
 
-TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
     const std::string common = "reconstruct " + sphereFile("lines.ply", 3000, 20.0f) + " -o " + programTemp("l.ply");
     const char* library_line = "[MarchingCubes] cells ";
     const struct {
@@ -816,15 +798,13 @@ TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
         bool on_out, on_err;
     } rows[] = {{"", false, false}, {" --verbose", true, false}, {" --verbose --json", false, true}};
     for (const auto& row : rows) {
-        const ProgramRun run = runProgram(common + row.options);
-        ASSERT_EQ(run.status, 0) << run.err;
+        const ProgramRun run = runProgramOk(common + row.options);
         EXPECT_EQ(contains(run.out, library_line), row.on_out) << row.options;  // kept out of the JSON
         EXPECT_EQ(contains(run.err, library_line), row.on_err) << row.options;
     }
 }
 
-TEST(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
     // 2000 points 2.4 mm apart: at 1 mm a few cells hold enough points, at 0.5 mm none does.
     const std::string input = sphereFile("sparse.ply", 2000, 30.0f);
     const std::string small = programTemp("small.ply"), empty = programTemp("empty.ply");
@@ -845,8 +825,7 @@ TEST(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
     EXPECT_EQ(chosen.err.find("warning"), std::string::npos) << chosen.err;
 }
 
-TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, MinPieceAndFillHolesFinishTheMesh) {
     // In one folder, a sphere of radius 30 with its top cut off (a round hole) and, 100 mm away, a closed
     // sphere of radius 5 as dense: two pieces, one hole.
     std::filesystem::create_directories(programTemp("pieces"));
@@ -854,13 +833,11 @@ TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
     sphereFile("pieces/bit.ply", 560, 5.0f, 1.0f, nullptr, 100.0f);
     const std::string common =
         "reconstruct " + programTemp("pieces") + " -o " + programTemp("finished.ply") + " --json";
-    const ProgramRun plain = runProgram(common);
-    ASSERT_EQ(plain.status, 0) << plain.err;
+    const ProgramRun plain = runProgramOk(common);
     EXPECT_EQ(jsonNumber(plain.out, "pieces"), 2.0);
     EXPECT_EQ(jsonNumber(plain.out, "boundary_loops"), 1.0);
     EXPECT_GT(jsonNumber(plain.out, "boundary_edges"), 20.0);
-    const ProgramRun finished = runProgram(common + " --min-piece 2000 --fill-holes 1000");
-    ASSERT_EQ(finished.status, 0) << finished.err;
+    const ProgramRun finished = runProgramOk(common + " --min-piece 2000 --fill-holes 1000");
     EXPECT_EQ(jsonNumber(finished.out, "pieces"), 1.0);
     EXPECT_EQ(jsonNumber(finished.out, "boundary_edges"), 0.0);
     EXPECT_EQ(jsonNumber(finished.out, "holes_filled"), 1.0);
@@ -870,27 +847,23 @@ TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
     EXPECT_EQ(runProgram(common + " --fill-holes 2").status, 1);  // a hole has three edges or more
 }
 
-TEST(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
-    TESSALINE_REQUIRE_PROGRAM();
-    const std::string input = sphereFile("formats.ply", 8000, 20.0f);
-    for (const char* ext : {".ply", ".obj", ".stl"}) {
-        const std::string mesh = programTemp(std::string("formats") + ext), picture = programTemp("formats.png");
-        ASSERT_EQ(runProgram("reconstruct " + input + " -o " + mesh).status, 0) << ext;
-        const ProgramRun rendered = runProgram("render " + mesh + " -o " + picture + " --size 64");
-        EXPECT_EQ(rendered.status, 0) << rendered.err;
-        EXPECT_TRUE(std::filesystem::exists(picture));
-        // Against the PLY of the same run: the same surface, all of it within 0.1 mm both ways (the
-        // triangles' edges are about 1 mm).
-        const ProgramRun compared =
-            runProgram("compare " + mesh + " " + programTemp("formats.ply") + " --samples 20000");
-        ASSERT_EQ(compared.status, 0) << compared.err;
-        EXPECT_TRUE(contains(compared.out, "F-score at 0.1 1.000"));
-        EXPECT_TRUE(contains(compared.out, "covered (within 1 mm): 100.0%"));
-    }
+// The program's render and compare read what reconstruct writes (each format read back on its own:
+// MeshFiles.EveryFormatWrittenReadsBackTheSameSurface).
+TEST_F(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
+    const std::string input = sphereFile("formats.ply", 8000, 20.0f), ply = programTemp("formats.ply");
+    const std::string stl = programTemp("formats.stl"), picture = programTemp("formats.png");
+    ASSERT_EQ(runProgram("reconstruct " + input + " -o " + ply).status, 0);
+    ASSERT_EQ(runProgram("reconstruct " + input + " -o " + stl).status, 0);
+    const ProgramRun rendered = runProgram("render " + stl + " -o " + picture + " --size 64");
+    EXPECT_EQ(rendered.status, 0) << rendered.err;
+    EXPECT_TRUE(std::filesystem::exists(picture));
+    // The same surface in both files, all of it within 0.1 mm both ways (the triangles' edges are about 1 mm).
+    const ProgramRun compared = runProgramOk("compare " + stl + " " + ply + " --samples 20000");
+    EXPECT_TRUE(contains(compared.out, "F-score at 0.1 1.000"));
+    EXPECT_TRUE(contains(compared.out, "covered (within 1 mm): 100.0%"));
 }
 
-TEST(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
     const ProgramRun version = runProgram("--version");
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out,
@@ -901,8 +874,7 @@ TEST(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
     EXPECT_TRUE(contains(device.out, "the compute device is ready"));
 }
 
-TEST(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
-    TESSALINE_REQUIRE_PROGRAM();
+TEST_F(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
     // 20,000 points of a sphere of radius 30 mm around (100, 100, 100) mm, in metres, without normals.
     const int n = 20000;
     std::string text = "ply\nformat ascii 1.0\nelement vertex " + std::to_string(n) +
@@ -933,8 +905,7 @@ TEST(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
 
     // No scanner known: oriented from the outside in, and the run says so in one line.
     const std::string outside = programTemp("outside.ply"), inside = programTemp("inside.ply");
-    const ProgramRun run = runProgram("reconstruct " + input + " --units m -o " + outside);
-    ASSERT_EQ(run.status, 0) << run.err;
+    const ProgramRun run = runProgramOk("reconstruct " + input + " --units m -o " + outside);
     EXPECT_TRUE(contains(run.err,
                          "tessaline: normals estimated for 20000 points from their 16 nearest neighbours: 0 faced "
                          "toward the scanner, 20000 oriented from the outside in, 0 left out"));
@@ -943,8 +914,7 @@ TEST(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
 
     // A scanner at the centre, given in the input's unit: every normal faces it, and the mesh faces inward.
     const ProgramRun faced =
-        runProgram("reconstruct " + input + " --units m -o " + inside + " --sensor 0.1,0.1,0.1 --json --quiet");
-    ASSERT_EQ(faced.status, 0) << faced.err;
+        runProgramOk("reconstruct " + input + " --units m -o " + inside + " --sensor 0.1,0.1,0.1 --json --quiet");
     EXPECT_TRUE(faced.err.empty()) << faced.err;  // --quiet
     EXPECT_TRUE(
         contains(faced.out, "\"normals\": {\"estimated\": 20000, \"neighbours\": 16, \"toward_sensor\": 20000"));
