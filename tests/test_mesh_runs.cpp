@@ -1,19 +1,12 @@
 // Whole runs. On scenes built in code: a sphere must become a closed surface on the sphere, the same for
 // any thread count; a thin wall two surfaces; sharp edges, sparse points, a flagged zone
 // and block seams must give a mesh without holes and without surface beyond the points. On the real
-// scans: the reader, the engine's block count against a brute-force count, and the reference surface.
+// scans: the reader and the reference surface (their blocks against a brute-force count: test_portioner).
 #include <map>
-#include <sstream>
-#include <tuple>
 
 #include "MeshIO.h"
 #include "SurfaceCompare.h"
-#include "TestAccess.h"
 #include "TestSupport.h"
-#include "common/GridHash.h"
-#include "contour/Reconstructor.h"
-#include "engine/Tessaline_OPT.h"
-#include "volume/HashOctree.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
@@ -118,6 +111,7 @@ TEST(MeshRuns, SameFramesSameMeshForAnyThreadCount) {
         ASSERT_GT(one->xyz.size(), 100u);
         EXPECT_TRUE(sameMesh(*one, *many));
     }
+    EXPECT_EQ(smallScanRun().output.find("[error]"), std::string::npos);  // no stage of the scan's blocks complained
 }
 
 TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {
@@ -275,49 +269,6 @@ TEST(SurfaceCompleteness, TheRunLineCountsTheCellsOfEachRule) {
     EXPECT_GT(all_points, 0u);  // the disc's border
     EXPECT_GT(edges, 0u);       // the plate's edge at x = 35
     EXPECT_GT(widened, 0u);     // the outer layer of the band of cells
-}
-
-TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndEveryBlockGetsItsCells) {
-    TESSALINE_REQUIRE_BUNNY();
-    Tessaline_OPT engine;
-    ASSERT_EQ(engine.init(), 0);
-    engine.setResolution(0.5f);
-    const float block_res = static_cast<float>(TestAccess::portionerParams(engine)->block_size) * 0.5f;
-    auto frames = bunnyFrames();
-    for (std::int32_t& w : frames[0]->w) w = 16;  // one scan asks for finer cells: the full chain
-    std::set<std::tuple<int, int, int>> positions;
-    for (const auto& f : frames) {
-        for (const Vec3f& p : f->xyz)
-            positions.insert({gridIndex(p[0], block_res), gridIndex(p[1], block_res), gridIndex(p[2], block_res)});
-        ASSERT_EQ(engine.addScanFrame(f), 0);
-    }
-    int total_sub_steps = -1;
-    std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& info) {
-        if (info.cur_step == 2) total_sub_steps = info.total_sub_steps;
-        return 0;
-    };
-    ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
-    auto mesh = std::make_shared<MultiMeshData>();
-    const std::string out = quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
-    EXPECT_EQ(total_sub_steps, static_cast<int>(positions.size()));
-    // The stage's count lines of every block: each block of the full chain got its cells.
-    std::size_t bin_lines = 0, cell_lines = 0;
-    std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
-        bin_lines += line.rfind("mc-bin_header_size: ", 0) == 0 ? 1 : 0;
-        cell_lines += line.rfind("cell_node_size: ", 0) == 0 ? 1 : 0;
-    }
-    EXPECT_GT(cell_lines, 0u);
-    EXPECT_EQ(bin_lines, cell_lines);
-    // The field values of every block are in the store, reachable from the octree's leaves.
-    const auto& pool = TestAccess::reconstructor(engine)->fieldDataPool();
-    ASSERT_NE(pool, nullptr);
-    EXPECT_GT(pool->size(), 100000);
-    std::shared_ptr<HashRootCellList> roots;
-    ASSERT_EQ(TestAccess::reconstructor(engine)->hashOctree()->getHashCellList(roots), 0);
-    EXPECT_EQ(roots->datas_size.load(), total_sub_steps);
-    EXPECT_EQ(out.find("[error]"), std::string::npos);
-    EXPECT_EQ(engine.deInit(), 0);
 }
 
 TEST(EndToEnd, BunnyScansReadWithPosesAndGridNormalsAndTheirMeshLiesOnTheReferenceSurface) {

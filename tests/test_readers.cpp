@@ -54,6 +54,9 @@ std::string bytes(T value) {
     return ::testing::AssertionSuccess();
 }
 
+// The transform of a scan whose points are in the world already.
+const char* const IDENTITY = "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n";
+
 // A PTX scan: header lines, then the point lines.
 std::string ptxScan(int columns, int rows, const std::string& position, const std::string& matrix,
                     const std::vector<std::string>& points) {
@@ -76,11 +79,10 @@ TEST(PtxFiles, ScansMoveIntoTheWorldWithGridNormalsFacingTheScanner) {
     const std::string turned = "0 1 0 0\n-1 0 0 0\n0 0 1 0\n100 200 300 1\n";
     // Scan 2: an identity transform, its points in the world already, the scanner at (1, 2, 3) before the
     // plane x = 10; with colours.
-    const std::string identity = "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n";
     const std::string path =
         writeFile("two_scans.ptx",
                   ptxScan(3, 4, "100 200 300", turned, grid) + "\n" +
-                      ptxScan(2, 2, "1 2 3", identity,
+                      ptxScan(2, 2, "1 2 3", IDENTITY,
                               {"10 0 0 0.1 255 0 0", "10 1 0 0.1 0 255 0", "10 0 1 0.1 0 0 255", "10 1 1 0.1 1 2 3"}));
     const ScanInput scan = readScan(path, 2.0f);  // in half millimetres
     ASSERT_EQ(scan.frames.size(), 2u);
@@ -117,29 +119,27 @@ TEST(PtxFiles, AStepInDepthGivesNoNormalAcrossIt) {
     for (int c = 0; c < 4; ++c)
         for (int r = 0; r < 3; ++r)
             grid.push_back(std::to_string(0.1 * c) + " " + std::to_string(0.1 * r) + (c < 2 ? " 5 1" : " 50 1"));
-    const ScanInput scan =
-        readScan(writeFile("step.ptx", ptxScan(4, 3, "0 0 0", "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n", grid)));
+    const ScanInput scan = readScan(writeFile("step.ptx", ptxScan(4, 3, "0 0 0", IDENTITY, grid)));
     for (const Vec3f& n : scan.frames[0]->nor) EXPECT_TRUE(near(n, {0, 0, -1}, 1e-5));
 }
 
 TEST(PtxFiles, DamagedScansAreRefusedNamingFileAndLine) {
-    const std::string identity = "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n";
     const std::vector<std::string> four(4, "1 2 3 0.5");
     std::vector<std::string> five = four;
     five[2] = "1 2 3 0.5 7";
     const std::pair<std::string, std::string> cases[] = {
-        {writeFile("short.ptx", ptxScan(2, 2, "0 0 0", identity, {"1.000000 2.000000 3.000000 0.5", "1 2 3 0.5"})),
+        {writeFile("short.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, {"1.000000 2.000000 3.000000 0.5", "1 2 3 0.5"})),
          "truncated data (scan 1 ends after 2 of 4 points)"},
-        {writeFile("five.ptx", ptxScan(2, 2, "0 0 0", identity, five)),
+        {writeFile("five.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, five)),
          "line 13: 5 values where the scan's points have 4"},
-        {writeFile("three.ptx", ptxScan(2, 2, "0 0 0", identity, std::vector<std::string>(4, "1.5 2.5 3.5"))),
+        {writeFile("three.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, std::vector<std::string>(4, "1.5 2.5 3.5"))),
          "line 11: 3 values where a point has 4 (x y z intensity) or 7"},
-        {writeFile("huge.ptx", ptxScan(100000, 100000, "0 0 0", identity, four)), "larger than the rest of the file"},
-        {writeFile("half.ptx", ptxScan(2, 2, "0 0 0", identity, four).replace(0, 1, "2.5")),
+        {writeFile("huge.ptx", ptxScan(100000, 100000, "0 0 0", IDENTITY, four)), "larger than the rest of the file"},
+        {writeFile("half.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, four).replace(0, 1, "2.5")),
          "line 1: a scan starts with its number of columns"},
         {writeFile("matrix.ptx", "2\n2\n0 0 0\n1 0 0\n0 1 0\n0 0 1\n1 0 0 0\n0 1 0 0\n"),
          "ends in a scan's header, before a row of the transform"},
-        {writeFile("word.ptx", ptxScan(2, 2, "0 0 zero", identity, four)), "line 3: 'zero' is not a number"},
+        {writeFile("word.ptx", ptxScan(2, 2, "0 0 zero", IDENTITY, four)), "line 3: 'zero' is not a number"},
         {writeFile("empty.ptx", "\n\n"), "no scan in the PTX file"},
     };
     expectRefusals(cases);

@@ -677,14 +677,14 @@ TEST_F(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
     std::vector<std::size_t> wrong;
     for (std::size_t f; wrong.size() < 3 && named >> f;) wrong.push_back(f);
     ASSERT_EQ(wrong.size(), 3u) << simulated.out;
-    const std::string list = std::to_string(wrong[0]) + " " + std::to_string(wrong[1]) + " " + std::to_string(wrong[2]);
+    const auto list = [&](const char* between) {
+        return std::to_string(wrong[0]) + between + std::to_string(wrong[1]) + between + std::to_string(wrong[2]);
+    };
 
     const ProgramRun plain = runProgramOk("reconstruct " + folder + " --quiet -o " + output);
-    EXPECT_TRUE(contains(plain.out, "frames left out by their markers (3): " + list + "\n"));
+    EXPECT_TRUE(contains(plain.out, "frames left out by their markers (3): " + list(" ") + "\n"));
     const ProgramRun json = runProgramOk("reconstruct " + folder + " --quiet --json -o " + output);
-    const std::string json_list =
-        std::to_string(wrong[0]) + ", " + std::to_string(wrong[1]) + ", " + std::to_string(wrong[2]);
-    EXPECT_TRUE(contains(json.out, "\"frames_left_out\": [" + json_list + "]}"));
+    EXPECT_TRUE(contains(json.out, "\"frames_left_out\": [" + list(", ") + "]}"));
 
     const ProgramRun none = runProgramOk("reconstruct " + folder + " --quiet --json --markers none -o " + output);
     EXPECT_TRUE(contains(none.out, "\"markers\": null"));
