@@ -351,12 +351,6 @@ inline std::string programPath() { return std::string(); }
 #define TESSALINE_REQUIRE_PROGRAM() GTEST_SKIP() << "the tessaline program is not built (TESSALINE_BUILD_TOOLS=OFF)"
 #endif
 
-// The tests of the program, which skip where it is not built.
-class Program : public ::testing::Test {
-protected:
-    void SetUp() override { TESSALINE_REQUIRE_PROGRAM(); }
-};
-
 // A run of the program: its exit status and what it wrote on standard output and error.
 struct ProgramRun {
     int status;

@@ -474,7 +474,8 @@ std::string planeScan(int n, double dx) {
 
 }  // namespace
 
-TEST_F(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
+TEST(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string folder = tempPath("scan_formats");
     mkdir(folder.c_str(), 0755);
     std::ofstream(folder + "/a.PTX") << planeScan(60, 0);
@@ -496,7 +497,8 @@ TEST_F(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh)
     for (const auto& v : mesh.vertices) ASSERT_NEAR(v[2], 300.0f, 0.05f);
 }
 
-TEST_F(Program, ALasRunWritesItsMeshAtTheGeoReferencedCoordinates) {
+TEST(Program, ALasRunWritesItsMeshAtTheGeoReferencedCoordinates) {
+    TESSALINE_REQUIRE_PROGRAM();
     // A 200 x 200 point plane 5 mm apart at UTM coordinates, in metres; LAS has no normals.
     const double scale[3] = {0.001, 0.001, 0.001}, offset[3] = {600000, 5000000, 0};
     const double min[3] = {600000, 5000000, 50}, max[3] = {600000.99, 5000000.99, 50};

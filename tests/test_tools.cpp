@@ -505,7 +505,8 @@ TEST(Pictures, FrontAndBackFacesShowAndThePngReadsBack) {
     EXPECT_THROW(tessaline_tools::writePng("/no/such/folder/x.png", image), std::runtime_error);
 }
 
-TEST_F(Program, BadInputGivesOneErrorLineAndNoOutput) {
+TEST(Program, BadInputGivesOneErrorLineAndNoOutput) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string missing = tempPath("missing.ply"), never = tempPath("never.ply");
     const std::string cloud = writeFile("cloud_only.ply", std::string(XYZ_HEADER) + "end_header\n1 2 3\n");
     const std::string normals = "property float nx\nproperty float ny\nproperty float nz\n";
@@ -607,7 +608,8 @@ TEST_F(Program, BadInputGivesOneErrorLineAndNoOutput) {
     EXPECT_FALSE(std::ifstream(tempPath("never_demo")).good());
 }
 
-TEST_F(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
+TEST(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string folder = tempPath("careless");
     std::filesystem::remove_all(folder);
     ASSERT_EQ(runProgram("simulate --points 20000 -o " + folder).status, 0);
@@ -666,7 +668,8 @@ TEST_F(Program, OutputsReplaceOnlyRegularFilesAndARunNeverReadsItsOwnMesh) {
 // The program reads the markers that simulate writes beside its frames and names the frames they leave out,
 // which are the misregistered ones, in its summary and its JSON; --markers none runs without them, and a
 // markers file it cannot read is refused with its name and line.
-TEST_F(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
+TEST(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string folder = tempPath("markers"), output = tempPath("markers.ply");
     std::filesystem::remove_all(folder);
     const ProgramRun simulated = runProgramOk("simulate --points 60000 --misregister 3 -o " + folder);
@@ -695,7 +698,8 @@ TEST_F(Program, MarkersBesideTheFramesLeaveOutTheMisregisteredOnes) {
     EXPECT_TRUE(contains(refused.err, bad + ": line 3: a marker is 'id x y z nx ny nz', seven numbers"));
 }
 
-TEST_F(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
+TEST(Program, DemoWritesMeshAndPictureAndReportsTheAccuracy) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string folder = tempPath("demo");
     const ProgramRun demo = runProgramOk("demo --points 150000 --quiet -o " + folder);
     EXPECT_TRUE(contains(demo.out, "distance to the true surface:"));
@@ -742,7 +746,8 @@ std::string sphereFile(const std::string& name, int n, float r, float scale = 1.
 
 }  // namespace
 
-TEST_F(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
+TEST(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
+    TESSALINE_REQUIRE_PROGRAM();
     const float radius = 30.0f;
     const int n = 20000;
     const double even = std::sqrt(4 * M_PI * radius * radius / n);  // 0.75 mm
@@ -769,7 +774,8 @@ TEST_F(Program, AutoResolutionFollowsThePointsInAnyUnitAndTheSummaryIsJson) {
     EXPECT_TRUE(contains(text.out, "point spacing: median "));
 }
 
-TEST_F(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
+TEST(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
+    TESSALINE_REQUIRE_PROGRAM();
     // A sphere sampled evenly above its equator and four times more thinly below (every 4th point of the
     // lattice), words 8. One resolution for both halves, from the dense half that holds most points, leaves
     // the sparse half full of holes; the codes from each point's density give it cells twice as wide, and
@@ -790,7 +796,8 @@ TEST_F(Program, AutoGivesTheSparseHalfOfASphereCellsItCanFill) {
     EXPECT_TRUE(contains(runProgram(common).out, "cells from the points' density: code 8 "));
 }
 
-TEST_F(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
+TEST(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string common = "reconstruct " + sphereFile("lines.ply", 3000, 20.0f) + " -o " + programTemp("l.ply");
     const char* library_line = "[MarchingCubes] cells ";
     const struct {
@@ -804,7 +811,8 @@ TEST_F(Program, LibraryLinesReachTheOutputOnlyWithVerbose) {
     }
 }
 
-TEST_F(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
+TEST(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
+    TESSALINE_REQUIRE_PROGRAM();
     // 2000 points 2.4 mm apart: at 1 mm a few cells hold enough points, at 0.5 mm none does.
     const std::string input = sphereFile("sparse.ply", 2000, 30.0f);
     const std::string small = programTemp("small.ply"), empty = programTemp("empty.ply");
@@ -825,7 +833,8 @@ TEST_F(Program, AMeshTooSmallForItsPointsWarnsAndAnEmptyOneFails) {
     EXPECT_EQ(chosen.err.find("warning"), std::string::npos) << chosen.err;
 }
 
-TEST_F(Program, MinPieceAndFillHolesFinishTheMesh) {
+TEST(Program, MinPieceAndFillHolesFinishTheMesh) {
+    TESSALINE_REQUIRE_PROGRAM();
     // In one folder, a sphere of radius 30 with its top cut off (a round hole) and, 100 mm away, a closed
     // sphere of radius 5 as dense: two pieces, one hole.
     std::filesystem::create_directories(programTemp("pieces"));
@@ -849,7 +858,8 @@ TEST_F(Program, MinPieceAndFillHolesFinishTheMesh) {
 
 // The program's render and compare read what reconstruct writes (each format read back on its own:
 // MeshFiles.EveryFormatWrittenReadsBackTheSameSurface).
-TEST_F(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
+TEST(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
+    TESSALINE_REQUIRE_PROGRAM();
     const std::string input = sphereFile("formats.ply", 8000, 20.0f), ply = programTemp("formats.ply");
     const std::string stl = programTemp("formats.stl"), picture = programTemp("formats.png");
     ASSERT_EQ(runProgram("reconstruct " + input + " -o " + ply).status, 0);
@@ -863,7 +873,8 @@ TEST_F(Program, RenderAndCompareReadEveryFormatReconstructWrites) {
     EXPECT_TRUE(contains(compared.out, "covered (within 1 mm): 100.0%"));
 }
 
-TEST_F(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
+TEST(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
+    TESSALINE_REQUIRE_PROGRAM();
     const ProgramRun version = runProgram("--version");
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out,
@@ -874,7 +885,8 @@ TEST_F(Program, VersionNamesTheBackendAndDeviceCheckSpeaksForItself) {
     EXPECT_TRUE(contains(device.out, "the compute device is ready"));
 }
 
-TEST_F(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
+TEST(Program, PointsWithoutNormalsGetThemFromTheirNeighboursAndTheRunSaysHow) {
+    TESSALINE_REQUIRE_PROGRAM();
     // 20,000 points of a sphere of radius 30 mm around (100, 100, 100) mm, in metres, without normals.
     const int n = 20000;
     std::string text = "ply\nformat ascii 1.0\nelement vertex " + std::to_string(n) +
