@@ -68,7 +68,6 @@ struct TestAccess {
         return m.processMarchingCubeTaskOnHost(block, cells);
     }
     static bool onHost(const MarchingCubes& m) { return m.m_on_host; }
-    static std::uint64_t rawPointsCapacity(const MarchingCubes& m) { return m.m_raw_points_capacity; }
     static void keepLastCells(MarchingCubes& m, bool keep) { m.m_keep_last_cells = keep; }
     static const std::shared_ptr<CellNodeAndRelations>& lastCells(const MarchingCubes& m) { return m.m_last_cells; }
 };

@@ -4,24 +4,31 @@
 
 #include <gtest/gtest.h>
 #include <omp.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "RangeScan.h"
 #include "ScanSimulator.h"
+#include "common/HostMemory.h"
 #include "portion/Portioner.h"
 #include "tessaline/Tessaline.h"
 
@@ -62,9 +69,14 @@ template <class F>
 auto withThreads(int threads, F&& f) {
     const int before = omp_get_max_threads();
     omp_set_num_threads(threads);
-    auto result = f();
-    omp_set_num_threads(before);
-    return result;
+    if constexpr (std::is_void_v<decltype(f())>) {
+        f();
+        omp_set_num_threads(before);
+    } else {
+        auto result = f();
+        omp_set_num_threads(before);
+        return result;
+    }
 }
 
 inline int manyThreads() { return std::max(2, omp_get_max_threads()); }
@@ -114,6 +126,13 @@ inline Frames sphereScan(const Vec3f& centre, float radius, float spacing, int f
                  {centre[0] + radius * nor[0], centre[1] + radius * nor[1], centre[2] + radius * nor[2]}, nor);
     }
     return result;
+}
+
+// Direction i of n spread evenly over the unit sphere (a Fibonacci lattice): n points on a sphere of
+// radius r lie close to sqrt(4 pi r^2 / n) apart.
+inline Vec3f fibonacciDirection(int i, int n) {
+    const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1.0 + std::sqrt(5.0)) * (i + 0.5);
+    return {float(std::cos(theta) * std::sin(phi)), float(std::sin(theta) * std::sin(phi)), float(std::cos(phi))};
 }
 
 // A simulated scan of the built-in part: at least `points` points, `rays` samples along a laser line.
@@ -199,6 +218,20 @@ struct Session {
     std::shared_ptr<MultiMeshData> mesh = std::make_shared<MultiMeshData>();
 };
 
+// Inits `engine` and hands it the frames; whether every call succeeded.
+inline bool initWith(Tessaline& engine, const Frames& frames) {
+    bool ok = engine.init() == 0;
+    for (const auto& f : frames) ok = engine.addScanFrame_ALL(f) == 0 && ok;
+    return ok;
+}
+
+// The status of the engine's run, its lines kept off the test's output.
+inline int processQuietly(Tessaline& engine, std::shared_ptr<MultiMeshData>& mesh) {
+    int status = -1;
+    quiet([&] { status = engine.process(mesh); });
+    return status;
+}
+
 // The session with the library's lines left on standard output, for runs on several threads at once.
 inline Session runUncaptured(const Frames& frames, float resolution = 0.5f,
                              const std::function<void(Tessaline&)>& before = nullptr) {
@@ -237,6 +270,14 @@ inline const Session& smallScanRun() {
     return run;
 }
 
+// A session that must succeed; where it does not, the test fails with its error.
+inline Session runOk(const Frames& frames, float resolution = 0.5f,
+                     const std::function<void(Tessaline&)>& before = nullptr) {
+    Session run = runSession(frames, resolution, before);
+    EXPECT_EQ(run.status, 0) << run.error;
+    return run;
+}
+
 // The mesh of a session that must succeed.
 inline std::shared_ptr<MultiMeshData> meshOf(const Frames& frames, float resolution = 0.5f) {
     const Session run = runSession(frames, resolution);
@@ -259,6 +300,29 @@ inline std::shared_ptr<DeviceParameters> configurePortioner(Portioner& portioner
 }
 
 inline std::string tempPath(const std::string& name) { return ::testing::TempDir() + "tessaline_" + name; }
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Writes `bytes` to the temporary file `name`; its path.
+inline std::string writeFile(const std::string& name, const std::string& bytes) {
+    const std::string path = tempPath(name);
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+}
+
+// The text of the error that `f` throws, empty when none.
+template <class F>
+std::string errorOf(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return std::string();
+}
 
 // The real bunny scans beside the repository, in millimetres; tests that need them skip without them.
 inline std::string bunnyPath(const std::string& file) {
@@ -286,6 +350,50 @@ inline std::string programPath() { return TESSALINE_CLI_PATH; }
 inline std::string programPath() { return std::string(); }
 #define TESSALINE_REQUIRE_PROGRAM() GTEST_SKIP() << "the tessaline program is not built (TESSALINE_BUILD_TOOLS=OFF)"
 #endif
+
+// A run of the program: its exit status and what it wrote on standard output and error.
+struct ProgramRun {
+    int status;
+    std::string out, err;
+};
+
+inline ProgramRun runProgram(const std::string& arguments) {
+    const std::string base = tempPath("program_" + std::to_string(getpid()));  // one per test process
+    // Under a time limit: an input that makes the program hang fails the test instead of stalling it.
+    const int status = std::system(
+        ("timeout 300 " + programPath() + " " + arguments + " >" + base + ".out 2>" + base + ".err").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(base + ".out"), readFile(base + ".err")};
+}
+
+// A run of the program that must succeed; where it does not, the test fails with what it said.
+inline ProgramRun runProgramOk(const std::string& arguments) {
+    ProgramRun run = runProgram(arguments);
+    EXPECT_EQ(run.status, 0) << arguments << ": " << run.err;
+    return run;
+}
+
+// /proc/meminfo with `available_mib` and the cgroup files given (path below the root, content) in a root
+// of the test's own, which the library reads for as long as this lives.
+struct FakeHostMemory {
+    std::string root;
+    FakeHostMemory(const std::string& name, std::uint64_t available_mib,
+                   const std::vector<std::pair<std::string, std::string>>& files) {
+        root = tempPath("host_" + name);
+        std::filesystem::remove_all(root);
+        const auto write = [&](const std::string& path, const std::string& text) {
+            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
+            std::ofstream(root + path) << text;
+        };
+        write("/proc/meminfo", "MemTotal:       67108864 kB\nMemFree:        1000 kB\nMemAvailable:   " +
+                                   std::to_string(available_mib * 1024) + " kB\nSwapFree:       0 kB\n");
+        for (const auto& f : files) write(f.first, f.second);
+        setHostMemoryRoot(root);
+    }
+    ~FakeHostMemory() {
+        setHostMemoryRoot("");
+        std::filesystem::remove_all(root);
+    }
+};
 
 }  // namespace testing_support
 }  // namespace SurfaceReconstruction

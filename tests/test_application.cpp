@@ -1,8 +1,6 @@
 // The library in a real application: engines that share frames and run at once, calls made during a
 // run from the step callback, from another thread and through a copy of the handle, settings that would
 // ask for absurd work, and runs that give no triangles.
-#include <filesystem>
-
 #include "ScanSimulator.h"
 #include "TestSupport.h"
 #include "common/HostMemory.h"
@@ -48,8 +46,7 @@ TEST(SharedFrames, TwoEnginesOnTwoThreadsReadTheSameFramesAndEachGivesTheMeshOfA
 
 TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefusedAndTheRunIsUnharmed) {
     const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
-    const Session alone = runSession(small);
-    ASSERT_EQ(alone.status, 0) << alone.error;
+    const Session alone = runOk(small);
     ASSERT_GT(alone.mesh->xyz.size(), 100u);
     MarkerInfos markers;
     markers.ids = {1};
@@ -60,25 +57,13 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
     const std::vector<std::pair<const char*, std::function<int(Tessaline&)>>> calls = {
         {"init", [](Tessaline& e) { return e.init(); }},
         {"deInit", [](Tessaline& e) { return e.deInit(); }},
-        {"setResolution",
-         [](Tessaline& e) {
-             e.setResolution(5000.0f);
-             return inProgress(e.getLastErrorMsg()) ? 1 : 0;
-         }},
+        {"setResolution", [](Tessaline& e) { return e.setResolution(5000.0f), inProgress(e.getLastErrorMsg()); }},
         {"setLaserInfo", [&](Tessaline& e) { return e.setLaserInfo(laser); }},
         {"setOptimizedMarkers", [&](Tessaline& e) { return e.setOptimizedMarkers(markers); }},
-        {"setProcessStepCallBack",
-         [](Tessaline& e) {
-             std::function<int(ProcessStepInfo&)> other = [](ProcessStepInfo&) { return 0; };
-             return e.setProcessStepCallBack(other);
-         }},
+        {"setProcessStepCallBack", [](Tessaline& e) { return e.setProcessStepCallBack([](ProcessStepInfo&) {}); }},
         {"addScanFrame_ALL", [](Tessaline& e) { return e.addScanFrame_ALL(smallScan()[0]); }},
         {"addScanFrame_async", [](Tessaline& e) { return e.addScanFrame_async(smallScan()[0]); }},
-        {"process",
-         [](Tessaline& e) {
-             auto other = std::make_shared<MultiMeshData>();
-             return e.process(other);
-         }},
+        {"process", [](Tessaline& e) { return e.process(*std::make_shared<MultiMeshData>()); }},
         {"setDiagnosticSink", [](Tessaline& e) { return e.setDiagnosticSink([](const std::string&, bool) {}); }},
     };
     enum Caller { FROM_CALLBACK, THROUGH_A_COPY, FROM_ANOTHER_THREAD };
@@ -86,8 +71,7 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
         for (const auto& call : calls) {
             SCOPED_TRACE(std::string(call.first) + " caller " + std::to_string(caller));
             Tessaline engine;
-            ASSERT_EQ(engine.init(), 0);
-            for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+            ASSERT_TRUE(initWith(engine, small));
             std::vector<int> results;
             std::vector<std::string> errors;
             int reads = 0;
@@ -113,9 +97,7 @@ TEST(RunInProgress, EveryChangingCallFromTheCallbackACopyOrAnotherThreadIsRefuse
             };
             ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
             auto mesh = std::make_shared<MultiMeshData>();
-            int status = -1;
-            quiet([&] { status = engine.process(mesh); });
-            ASSERT_EQ(status, 0) << engine.getLastErrorMsg();
+            ASSERT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
             EXPECT_EQ(engine.getLastErrorMsg(), "no error!");  // a run that succeeds clears the last error
             ASSERT_EQ(results.size(), 3u);
             for (std::size_t i = 0; i < results.size(); ++i) {
@@ -137,8 +119,7 @@ TEST(RunInProgress, AStopAskedFromAnyThreadEndsTheRunAtItsNextSafePointAndTheEng
     for (int step = 1; step <= 4; ++step) {
         SCOPED_TRACE("step " + std::to_string(step));
         Tessaline engine;
-        ASSERT_EQ(engine.init(), 0);
-        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
+        ASSERT_TRUE(initWith(engine, small));
         int last_step = 0;
         std::thread asker;
         std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& info) {
@@ -151,36 +132,26 @@ TEST(RunInProgress, AStopAskedFromAnyThreadEndsTheRunAtItsNextSafePointAndTheEng
         ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
         auto mesh = std::make_shared<MultiMeshData>();
         const auto before = mesh;
-        int status = -1;
-        quiet([&] { status = engine.process(mesh); });
+        const int status = processQuietly(engine, mesh);
         if (asker.joinable()) asker.join();
         EXPECT_EQ(status, 1);
         EXPECT_EQ(engine.getLastErrorMsg(), "[Tessaline_OPT] process stopped: a stop was requested!");
         EXPECT_EQ(mesh, before);  // no mesh was handed out
         EXPECT_LE(last_step, step == 4 ? 3 : step + 1);
         ASSERT_EQ(engine.deInit(), 0);
-        ASSERT_EQ(engine.init(), 0);
-        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
-        quiet([&] { status = engine.process(mesh); });
-        EXPECT_EQ(status, 0) << engine.getLastErrorMsg();  // a stop asked before a run is not remembered by it
+        ASSERT_TRUE(initWith(engine, small));
+        if (step == 4) EXPECT_EQ(engine.requestStop(), 0);  // outside a run: nothing to stop
+        // A stop asked before a run, or during the one before, is not remembered by the next.
+        EXPECT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
         EXPECT_GT(mesh->xyz.size(), 100u);
     }
-    Tessaline idle;
-    ASSERT_EQ(idle.init(), 0);
-    EXPECT_EQ(idle.requestStop(), 0);  // outside a run: nothing to stop
-    for (const auto& f : small) ASSERT_EQ(idle.addScanFrame_ALL(f), 0);
-    auto mesh = std::make_shared<MultiMeshData>();
-    int status = -1;
-    quiet([&] { status = idle.process(mesh); });
-    EXPECT_EQ(status, 0) << idle.getLastErrorMsg();
 }
 
 TEST(Diagnostics, TheLinesGoToTheEnginesSinkAndBackToStandardOutputWithoutOne) {
     const Frames small = sphereScan({30, 30, 30}, 10.0f, 0.4f);
     const auto run = [&](Tessaline& engine) {
-        ASSERT_EQ(engine.init(), 0);
-        for (const auto& f : small) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
         auto mesh = std::make_shared<MultiMeshData>();
+        ASSERT_TRUE(initWith(engine, small));
         ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg();
         ASSERT_EQ(engine.deInit(), 0);
     };
@@ -222,18 +193,9 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
             EXPECT_TRUE(contains(run.output, run.error)) << resolution;  // and in one diagnostic line
         }
     }
-    // Points too sparse for the resolution: the reason names the rule that rejected the cells.
-    std::mt19937 rng(7);
-    std::uniform_real_distribution<float> coord(-500.0f, 500.0f);
-    std::vector<Vec3f> scattered;
-    for (int i = 0; i < 5000; ++i) scattered.push_back({coord(rng), coord(rng), coord(rng)});
-    const Session sparse = runSession({frameOf(scattered)});
-    ASSERT_EQ(sparse.status, 0) << sparse.error;
-    EXPECT_TRUE(sparse.mesh->xyz.empty());
-    EXPECT_TRUE(contains(sparse.error, "5000 points gave no triangles"));
-    EXPECT_TRUE(contains(sparse.error, "too sparse for the resolution"));
     // A floor scanned in strips, its points 5 mm by 6.7 mm apart: flat and even, yet far too sparse for
-    // cells of 0.5 mm. The run says so once, in the last error and in one line.
+    // cells of 0.5 mm. The run says so once, in the last error and in one line, naming the rule that
+    // rejected the cells.
     Frames floor;
     for (int strip = 0; strip < 10; ++strip) {
         std::vector<Vec3f> rows;
@@ -241,8 +203,7 @@ TEST(AbsurdSettings, HugeCellsEndPromptlyAndSayWhyThereAreNoTriangles) {
             for (int c = 0; c < 200; ++c) rows.push_back({c * 5.0f + 0.5f, (strip * 10 + r) * 6.7f + 0.5f, 3.0f});
         floor.push_back(frameOf(rows));
     }
-    const Session flat = runSession(floor);
-    ASSERT_EQ(flat.status, 0) << flat.error;
+    const Session flat = runOk(floor);
     EXPECT_TRUE(flat.mesh->xyz.empty());
     EXPECT_TRUE(contains(flat.error, "20000 points gave no triangles"));
     EXPECT_TRUE(contains(flat.error, "too sparse for the resolution"));
@@ -258,47 +219,17 @@ TEST(AbsurdSettings, AHugeFrameLeavesTheEngineUsableForTheNextInit) {
     for (int i = 0; i < side; ++i)
         for (int j = 0; j < side; ++j) plane.push_back({i * 0.25f + 1.0f, j * 0.25f + 1.0f, 5.0f});
     Tessaline engine;
-    ASSERT_EQ(engine.init(), 0);
-    ASSERT_EQ(engine.addScanFrame_ALL(frameOf(std::move(plane))), 0);
     auto mesh = std::make_shared<MultiMeshData>();
-    quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
+    ASSERT_TRUE(initWith(engine, {frameOf(std::move(plane))}));
+    ASSERT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
     EXPECT_GT(mesh->xyz.size(), 100000u);
-    ASSERT_EQ(engine.deInit(), 0);
     for (int again = 0; again < 2; ++again) {
-        ASSERT_EQ(engine.init(), 0) << engine.getLastErrorMsg();
-        for (const auto& f : smallScan()) ASSERT_EQ(engine.addScanFrame_ALL(f), 0);
-        quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
-        EXPECT_TRUE(sameMesh(*mesh, *smallScanRun().mesh));
         ASSERT_EQ(engine.deInit(), 0);
+        ASSERT_TRUE(initWith(engine, smallScan())) << engine.getLastErrorMsg();
+        ASSERT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
+        EXPECT_TRUE(sameMesh(*mesh, *smallScanRun().mesh));
     }
 }
-
-namespace {
-
-// A /proc and /sys of the test's own, for as long as it lives: meminfo with `available_mib` and the
-// cgroup files given (path below the root, content).
-struct FakeHostMemory {
-    std::string root;
-    FakeHostMemory(const std::string& name, std::uint64_t available_mib,
-                   const std::vector<std::pair<std::string, std::string>>& files) {
-        root = tempPath("host_" + name);
-        std::filesystem::remove_all(root);
-        const auto write = [&](const std::string& path, const std::string& text) {
-            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
-            std::ofstream(root + path) << text;
-        };
-        write("/proc/meminfo", "MemTotal:       67108864 kB\nMemFree:        1000 kB\nMemAvailable:   " +
-                                   std::to_string(available_mib * 1024) + " kB\nSwapFree:       0 kB\n");
-        for (const auto& f : files) write(f.first, f.second);
-        setHostMemoryRoot(root);
-    }
-    ~FakeHostMemory() {
-        setHostMemoryRoot("");
-        std::filesystem::remove_all(root);
-    }
-};
-
-}  // namespace
 
 TEST(MemoryGuard, TheUsableMemoryIsTheLeastOfAvailableAndWhatTheCgroupAllows) {
     const std::uint64_t MiB = 1 << 20;
@@ -383,8 +314,7 @@ TEST(Geometry, APlaneThroughTheOriginIsClosedThere) {
         }
         return false;
     };
-    const Session run = runSession({frameOf(plane)}, 0.02f);
-    ASSERT_EQ(run.status, 0) << run.error;
+    const Session run = runOk({frameOf(plane)}, 0.02f);
     ASSERT_GT(run.mesh->xyz.size(), 100u);
     for (const auto& spot : std::vector<std::array<float, 2>>{{0.0f, 0.0f}, {0.05f, -0.05f}, {0.5f, 0.5f}})
         EXPECT_TRUE(covers(*run.mesh, spot[0], spot[1])) << spot[0] << ", " << spot[1];
@@ -393,23 +323,21 @@ TEST(Geometry, APlaneThroughTheOriginIsClosedThere) {
 TEST(Geometry, AScanFarFromTheOriginGivesTheMeshOfTheSameScanNearItMovedThere) {
     // Positions on a grid of half units are exact in float both near the origin and 6 million units away,
     // so the far frames hold exactly the near points moved by the offset.
-    const Frames near_sphere = sphereScan({0, 0, 0}, 150.0f, 2.0f);
     const double offset[3] = {92.0 * 65536.0, -92.0 * 65536.0, 91.0 * 65536.0};
-    Frames near, far;
-    for (const auto& f : near_sphere) {
-        auto n = std::make_shared<FrameDataWithInfo>(*f), shifted = std::make_shared<FrameDataWithInfo>(*f);
-        for (std::size_t i = 0; i < f->xyz.size(); ++i)
+    const Frames near = changedCopies(sphereScan({0, 0, 0}, 150.0f, 2.0f), [](std::size_t, FrameDataWithInfo& f) {
+        for (Vec3f& p : f.xyz)
+            for (float& c : p) c = std::round(c * 2.0f) * 0.5f;
+    });
+    const Frames far = changedCopies(near, [&](std::size_t, FrameDataWithInfo& f) {
+        for (Vec3f& p : f.xyz)
             for (int k = 0; k < 3; ++k) {
-                n->xyz[i][k] = std::round(f->xyz[i][k] * 2.0f) * 0.5f;
-                shifted->xyz[i][k] = static_cast<float>(n->xyz[i][k] + offset[k]);
-                ASSERT_EQ(static_cast<double>(shifted->xyz[i][k]) - offset[k], static_cast<double>(n->xyz[i][k]));
+                const float moved = static_cast<float>(p[k] + offset[k]);
+                ASSERT_EQ(static_cast<double>(moved) - offset[k], static_cast<double>(p[k]));
+                p[k] = moved;
             }
-        near.push_back(n), far.push_back(shifted);
-    }
-    const Session at_origin = runSession(near, 2.0f), away = runSession(far, 2.0f);
-    ASSERT_EQ(at_origin.status, 0) << at_origin.error;
+    });
+    const Session at_origin = runOk(near, 2.0f), away = runOk(far, 2.0f);
     ASSERT_GT(at_origin.mesh->xyz.size(), 10000u);
-    ASSERT_EQ(away.status, 0) << away.error;
     ASSERT_EQ(away.mesh->xyz.size(), at_origin.mesh->xyz.size());
     std::size_t moved = 0;
     for (std::size_t t = 0; t < away.mesh->xyz.size(); ++t) {
@@ -430,28 +358,19 @@ TEST(Geometry, FlagBitsAboveTheFlagByteReachTheTrianglesOfTheirCells) {
     const float radius = 10.0f, resolution = 0.5f;
     const std::uint32_t high = 0x80A50000u;
     const Frames plain = sphereScan({30, 30, 30}, radius, 0.4f);
-    Frames flagged;
-    for (const auto& f : plain) {
-        auto copy = std::make_shared<FrameDataWithInfo>(*f);
-        for (std::size_t i = 0; i < copy->xyz.size(); ++i)
-            if (copy->xyz[i][0] < 30.0f)
-                copy->w[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(copy->w[i]) | high);
-        flagged.push_back(copy);
-    }
-    const Session a = runSession(plain, resolution), b = runSession(flagged, resolution);
-    ASSERT_EQ(a.status, 0) << a.error;
-    ASSERT_EQ(b.status, 0) << b.error;
+    const Frames flagged = changedCopies(plain, [&](std::size_t, FrameDataWithInfo& f) {
+        for (std::size_t i = 0; i < f.xyz.size(); ++i)
+            if (f.xyz[i][0] < 30.0f) f.w[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(f.w[i]) | high);
+    });
+    const Session a = runOk(plain, resolution), b = runOk(flagged, resolution);
     ASSERT_GT(a.mesh->xyz.size(), 1000u);
     ASSERT_EQ(b.mesh->xyz.size(), a.mesh->xyz.size());
     ASSERT_EQ(std::memcmp(b.mesh->xyz.data(), a.mesh->xyz.data(), a.mesh->xyz.size() * sizeof(TriangleXYZ)), 0);
     const float margin = 4.0f * resolution;  // beyond the reach of a dual cube's cells
     std::size_t inside = 0, outside = 0;
     for (std::size_t t = 0; t < a.mesh->xyz.size(); ++t) {
-        float low = 1e30f, highest = -1e30f;
-        for (int v = 0; v < 3; ++v) {
-            low = std::min(low, a.mesh->xyz[t].xyz[3 * v]);
-            highest = std::max(highest, a.mesh->xyz[t].xyz[3 * v]);
-        }
+        const float* x = a.mesh->xyz[t].xyz;
+        const auto [low, highest] = std::minmax({x[0], x[3], x[6]});
         for (int v = 0; v < 3; ++v) {
             const std::uint32_t wa = a.mesh->w[t].w[v], wb = b.mesh->w[t].w[v];
             ASSERT_EQ(wb & ~high, wa & ~high) << t;           // scale, flag byte and quality as before
@@ -488,8 +407,7 @@ TEST(MemoryGuard, ABlockBeyondWhatTheProcessMayUseIsLeftOutAndTheRunSaysSo) {
     const std::uint64_t limit_mib = (BLOCK_MEMORY_RESERVE_BYTES >> 20) + plane_wants / 2;
     ASSERT_LT(blockWorkingSetBytes(sphere_points, sphere_points) >> 20, plane_wants / 2);
 
-    const Session alone = runSession(sphere);
-    ASSERT_EQ(alone.status, 0) << alone.error;
+    const Session alone = runOk(sphere);
     ASSERT_GT(alone.mesh->xyz.size(), 1000u);
     Session starved;
     {
@@ -508,7 +426,6 @@ TEST(MemoryGuard, ABlockBeyondWhatTheProcessMayUseIsLeftOutAndTheRunSaysSo) {
     for (const TriangleXYZ& t : starved.mesh->xyz) EXPECT_GT(t.xyz[0], 250.0f);
 
     // With room for it the plane's block is there too, and the run is whole.
-    const Session fed = runSession(both);
-    ASSERT_EQ(fed.status, 0) << fed.error;
+    const Session fed = runOk(both);
     EXPECT_GT(fed.mesh->xyz.size(), alone.mesh->xyz.size() + 10000);
 }

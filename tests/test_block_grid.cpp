@@ -1,44 +1,13 @@
 // The grid a run cuts its scan into: the block size and the run origin that an application may fix, and
 // a mesh that does not depend on the memory of the machine it was made on.
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <map>
 
 #include "TestSupport.h"
-#include "common/HostMemory.h"
 #include "tessaline/TessalineMesh.h"
 #include "tessaline/TessalineSession.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
-
-namespace {
-
-// /proc/meminfo and a memory cgroup of our own: a machine of `total_mib` with `limit_mib` allowed.
-struct FakeMachine {
-    std::string root;
-    FakeMachine(const std::string& name, std::uint64_t total_mib, std::uint64_t limit_mib) {
-        root = tempPath("grid_" + name);
-        std::filesystem::remove_all(root);
-        const auto write = [&](const std::string& path, const std::string& text) {
-            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
-            std::ofstream(root + path) << text;
-        };
-        write("/proc/meminfo", "MemTotal: " + std::to_string(total_mib * 1024) +
-                                   " kB\nMemAvailable: " + std::to_string(total_mib * 1024) + " kB\nSwapFree: 0 kB\n");
-        write("/proc/self/cgroup", "0::/\n");
-        write("/sys/fs/cgroup/memory.max", std::to_string(limit_mib << 20) + "\n");
-        write("/sys/fs/cgroup/memory.current", "0\n");
-        setHostMemoryRoot(root);
-    }
-    ~FakeMachine() {
-        setHostMemoryRoot("");
-        std::filesystem::remove_all(root);
-    }
-};
-
-}  // namespace
 
 // Machines of 4 GiB and 64 GiB (below and above the 7 GiB at which the block size used to double), the
 // second also under a container limit of 6 GiB: the same blocks and the same mesh, byte for byte.
@@ -50,7 +19,10 @@ TEST(BlockGrid, TheMeshDoesNotDependOnTheMachinesMemory) {
     const Row rows[] = {{"small", 4096, 4096}, {"large", 65536, 65536}, {"limited", 65536, 6144}};
     std::vector<std::shared_ptr<MultiMeshData>> meshes;
     for (const Row& row : rows) {
-        const FakeMachine machine(row.name, row.total_mib, row.limit_mib);
+        const FakeHostMemory machine(std::string("grid_") + row.name, row.total_mib,
+                                     {{"/proc/self/cgroup", "0::/\n"},
+                                      {"/sys/fs/cgroup/memory.max", std::to_string(row.limit_mib << 20) + "\n"},
+                                      {"/sys/fs/cgroup/memory.current", "0\n"}});
         std::uint32_t block_size = 0;
         const Session run = runSession(smallScan(), 0.5f, [&](Tessaline& t) { block_size = t.getBlockSize(); });
         ASSERT_EQ(run.status, 0) << row.name << ": " << run.error;
@@ -91,7 +63,7 @@ TEST(BlockGrid, AFixedOriginIsTheRunsOrigin) {
     ASSERT_EQ(t.setRunOrigin({100.25, -3.5, 7.0}), 0);
     for (const auto& f : sphereScan({0, 0, 30}, 10.0f, 0.4f)) t.addScanFrame_ALL(f);
     auto mesh = std::make_shared<MultiMeshData>();
-    quiet([&] { EXPECT_EQ(t.process(mesh), 0) << t.getLastErrorMsg(); });
+    EXPECT_EQ(processQuietly(t, mesh), 0) << t.getLastErrorMsg();
     std::array<double, 3> origin{};
     ASSERT_EQ(t.getRunOrigin(origin), 0);
     EXPECT_EQ(origin, (std::array<double, 3>{100.25, -3.5, 7.0}));
@@ -147,8 +119,7 @@ bool sameWelded(const IndexedMesh& a, const IndexedMesh& b) {
 // the rest. Every block's part comes from exactly one run, and the parts put together are the whole run's
 // triangles bit for bit, welded into the same vertices and triangles.
 TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
-    const Session whole = runSession(smallScan(), SPLIT_RESOLUTION, splitGrid);
-    ASSERT_EQ(whole.status, 0) << whole.error;
+    const Session whole = runOk(smallScan(), SPLIT_RESOLUTION, splitGrid);
     const std::vector<MeshPart> all = partsOf({});
     std::vector<BlockKey> keys;
     for (const MeshPart& p : all) keys.push_back(p.block);
@@ -190,8 +161,7 @@ TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
 // The session's mesh against one run over the same frames on the session's grid: the same soup and the
 // same welded mesh.
 void expectBatchMesh(const ScanSession& session, const Frames& frames, const std::string& when) {
-    const Session batch = runSession(frames, SPLIT_RESOLUTION, splitGrid);
-    ASSERT_EQ(batch.status, 0) << batch.error;
+    const Session batch = runOk(frames, SPLIT_RESOLUTION, splitGrid);
     ASSERT_FALSE(batch.mesh->xyz.empty());
     EXPECT_TRUE(sameMesh(session.soup(), *batch.mesh)) << when;
     IndexedMesh live, reference;

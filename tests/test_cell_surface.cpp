@@ -1,7 +1,6 @@
 // Contouring: the dual traversal on hand-built trees, the dual cube tables checked for what they
 // claim, the sheet matching and winding of one dual cube, and the sink of the triangles.
 #include <deque>
-#include <set>
 
 #include "TestSupport.h"
 #include "contour/CellSurface.h"

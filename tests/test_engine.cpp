@@ -1,7 +1,5 @@
 // The engine through the exported handle and its internals: life cycle, calls out of order, frame
 // intake, step reports and the exits of a run; the Reconstructor's own refusals.
-#include <chrono>
-
 #include "FakeDevices.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
@@ -147,24 +145,15 @@ TEST(EngineLifeCycle, DeInitThenInitKeepsResolutionAndRestoresDefaultCallback) {
     info.total_sub_steps = info.cur_sub_step = 1;
     EXPECT_EQ(quiet([&] { TestAccess::stepCallback(engine)(info); }),
               "[info] cur step \xe7\x94\x9f\xe6\x88\x90\xe7\xbd\x91\xe6\xa0\xbc , (3 / 3) , (1 / 1) \n");
+    // An init without deInit replaces the pool, whose workers it joins, and the stages.
+    const std::weak_ptr<ThreadPool> first_pool = TestAccess::threadPool(engine);
+    const std::weak_ptr<Portioner> first_portioner = TestAccess::portioner(engine);
+    ASSERT_EQ(engine.init(), 0);
+    EXPECT_TRUE(first_pool.expired());
+    EXPECT_TRUE(first_portioner.expired());
+    EXPECT_NE(TestAccess::threadPool(engine), nullptr);
     EXPECT_EQ(engine.deInit(), 0);
     EXPECT_EQ(engine.deInit(), 0);  // a second deInit is a no-op
-}
-
-TEST(EngineLifeCycle, InitTwiceReplacesPoolAndStages) {
-    Tessaline_OPT engine;
-    ASSERT_EQ(engine.init(), 0);
-    std::weak_ptr<ThreadPool> first_pool = TestAccess::threadPool(engine);
-    std::weak_ptr<Portioner> first_portioner = TestAccess::portioner(engine);
-    ASSERT_EQ(engine.init(), 0);
-    EXPECT_TRUE(first_pool.expired());  // its workers were joined during the second init
-    EXPECT_TRUE(first_portioner.expired());
-    EXPECT_EQ(TestAccess::threadPool(engine)->threadCount(), 12u);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (TestAccess::threadPool(engine)->aliveCount() < 12 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(TestAccess::threadPool(engine)->aliveCount(), 12);
-    EXPECT_EQ(engine.deInit(), 0);
 }
 
 TEST(EngineLifeCycle, InitWithoutUsableDeviceReports65793) {
@@ -220,16 +209,6 @@ TEST_F(EngineTest, IntakeRefusesNullAndMismatchedFrames) {
     EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
 }
 
-TEST_F(EngineTest, FilterStepQueuesAllFramesAndSizesTheSlot) {
-    auto a = makeFrame(10), b = makeFrame(20), c = makeFrame(15);
-    for (auto& f : {a, b, c}) ASSERT_EQ(engine.addScanFrame(f), 0);
-    EXPECT_EQ(quiet([&] { EXPECT_EQ(TestAccess::filterScanFrameByMarkers(engine), 0); }),
-              "filter frame by markers (3 / 3) \n");
-    EXPECT_EQ(TestAccess::maxFramePoints(engine), 20);
-    EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 20u);
-    EXPECT_TRUE(TestAccess::heldFrames(engine).empty());
-}
-
 TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
     recordSteps();
     auto mesh = std::make_shared<MultiMeshData>();
@@ -239,7 +218,6 @@ TEST_F(EngineTest, RunWithoutFramesEndsAtThePortionerAndSaysWhy) {
     EXPECT_EQ(engine.getLastErrorMsg(),
               "[Tessaline_OPT] process no usable points: no frames, or every point was dropped!");
     EXPECT_TRUE(contains(out, "filter frame by markers (0 / 0) \n"));
-    EXPECT_TRUE(contains(out, " filterScanFrameByMarkers - elapsed time : "));
     EXPECT_EQ(TestAccess::deviceParams(engine)->MAX_FRAME_POINTS, 0u);
     EXPECT_EQ(mesh.get(), before);
     ASSERT_EQ(steps.size(), 1u);
@@ -261,8 +239,7 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     recordSteps();
     auto mesh = std::make_shared<MultiMeshData>();
     const MultiMeshData* before = mesh.get();
-    std::string out;
-    ASSERT_EQ(quietProcess(mesh, &out), 0) << engine.getLastErrorMsg();
+    ASSERT_EQ(quietProcess(mesh), 0) << engine.getLastErrorMsg();
     EXPECT_NE(mesh.get(), before);
     EXPECT_EQ(mesh->xyz.size(), mesh->w.size());
     EXPECT_EQ(spread->frame_info.laser_id, 8);  // read as 0, never written back to the application's frame
@@ -280,12 +257,6 @@ TEST_F(EngineTest, RunReportsEveryBlockAndEndsTheLifeOfItsStages) {
     EXPECT_EQ(steps[1].step_name, L"\u878d\u5408\u6570\u636e");
     EXPECT_EQ(steps[5].step_name, L"\u751f\u6210\u7f51\u683c");
     EXPECT_EQ(steps[5].cur_step, 3);
-    std::size_t separators = 0;
-    const std::string separator = "==========================================\n";
-    for (std::size_t at = out.find(separator); at != std::string::npos; at = out.find(separator, at + 1)) ++separators;
-    EXPECT_EQ(separators, 3u);
-    EXPECT_TRUE(contains(out, " portioner - elapsed time : "));
-    EXPECT_TRUE(contains(out, " reconstructor - elapsed time : "));
 
     // The run ended the life of its stages: a second one is refused before it takes a frame.
     auto later = makeFrame(3);

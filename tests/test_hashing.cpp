@@ -1,8 +1,6 @@
 // The grid hash, the SimpleLineHash and the octree's hash table: chains into the overflow area,
 // concurrent find-or-insert and exhaustion; the pools of cells and field slots grown from many threads;
 // the octree's roots and descents.
-#include <limits>
-
 #include "TestSupport.h"
 #include "common/GridHash.h"
 #include "common/SimpleLineHash.h"
@@ -54,48 +52,30 @@ TEST(GridHash, GridIndexIsTheFloorExceptAtExactNegativeMultiples) {
     for (const auto& [v, index] : table) EXPECT_EQ(gridIndex(v, 256.0f), index) << v;
 }
 
-TEST(SimpleLineHash, InsertFindAndRepeatedInsert) {
-    SimpleLineHash table;
-    SimpleLineHashEntry* entry = nullptr;
-    EXPECT_EQ(table.insert(1, 2, 3, entry), 1);  // before init
-    EXPECT_EQ(table.clear(), 1);
-    ASSERT_EQ(table.init(32768, 20000), 0);
-    EXPECT_EQ(table.getHashMask(), 32767u);
-
-    EXPECT_EQ(table.find(0, 0, 0, entry), 1);  // an empty slot also holds a zero key
-    ASSERT_EQ(table.insert(0, 0, 0, entry), 0);
-    EXPECT_EQ(entry, table.getHashEntriesPtr() + hashGridKey(0, 0, 0, 32767));
-    entry->id = 42;
-    SimpleLineHashEntry *again = nullptr, *found = nullptr;
-    ASSERT_EQ(table.insert(0, 0, 0, again), 0);
-    EXPECT_EQ(again, entry);
-    EXPECT_EQ(again->id, 42);  // what the caller stored stays
-    ASSERT_EQ(table.find(0, 0, 0, found), 0);
-    EXPECT_EQ(found, entry);
-    EXPECT_EQ(table.find(5, 5, 5, found), 1);
-    EXPECT_EQ(found, nullptr);
-}
-
-TEST(SimpleLineHash, CollisionGoesToTheFirstExcessEntryAndExhausts) {
-    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
-    SimpleLineHash table;
-    ASSERT_EQ(table.init(1024, 1), 0);
+TEST(SimpleLineHash, InsertFindChainAndExhaust) {
     SimpleLineHashEntry *first = nullptr, *second = nullptr, *found = nullptr;
+    SimpleLineHash table;
+    EXPECT_EQ(table.insert(1, 2, 3, first), 1);  // before init
+    EXPECT_EQ(table.clear(), 1);
+    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
+    ASSERT_EQ(table.init(1024, 1), 0);         // room for one key beyond the slots
+    EXPECT_EQ(table.find(0, 0, 0, found), 1);  // an empty slot also holds a zero key
     ASSERT_EQ(table.insert(0, 0, 0, first), 0);
-    ASSERT_EQ(table.insert(x1, 0, 0, second), 0);
-    EXPECT_EQ(second - table.getHashEntriesPtr(), 1024);
-    EXPECT_EQ(first->next, 1024);
+    first->id = 42;
+    ASSERT_EQ(table.insert(x1, 0, 0, second), 0);  // the same slot: chained
+    EXPECT_NE(second, first);
+    ASSERT_EQ(table.insert(0, 0, 0, found), 0);
+    EXPECT_EQ(found, first);
+    EXPECT_EQ(found->id, 42);  // what the caller stored stays
     ASSERT_EQ(table.find(x1, 0, 0, found), 0);
     EXPECT_EQ(found, second);
-
-    // The excess area is full now: a third key of the slot fails with the message.
-    SimpleLineHashEntry* third = second;
-    EXPECT_EQ(quiet([&] { EXPECT_EQ(table.insert(x2, 0, 0, third), 1); }),
-              "---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
-    EXPECT_EQ(third, nullptr);
-    ASSERT_EQ(table.insert(x1, 0, 0, found), 0);  // existing keys still work
+    EXPECT_EQ(table.find(5, 5, 5, found), 1);
+    EXPECT_EQ(found, nullptr);
+    // The overflow is full now: a third key of the slot is refused with a message; the others stay.
+    EXPECT_FALSE(quiet([&] { EXPECT_EQ(table.insert(x2, 0, 0, found), 1); }).empty());
+    EXPECT_EQ(found, nullptr);
+    ASSERT_EQ(table.insert(x1, 0, 0, found), 0);
     EXPECT_EQ(found, second);
-
     SimpleLineHash no_excess;
     ASSERT_EQ(no_excess.init(1024, 0), 0);
     ASSERT_EQ(no_excess.insert(0, 0, 0, first), 0);
@@ -123,23 +103,17 @@ TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
     HashTable table;
     auto global = std::make_shared<GlobalHashParams>();
     ASSERT_EQ(table.init(smallParams(1024, 4), global), 0);
-    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1024);
     EXPECT_EQ(table.findHashEntry(0, 0, 0), nullptr);
-
     const int other = collidingX(1023);
     HashEntry* first = table.findOrInsertHashEntry(0, 0, 0);
     HashEntry* second = table.findOrInsertHashEntry(other, 0, 0);
     ASSERT_NE(first, nullptr);
     ASSERT_NE(second, nullptr);
-    EXPECT_EQ(first, &table.slot(hashGridKey(0, 0, 0, 1023)));
-    EXPECT_EQ(second, &table.slot(1024));  // the first overflow slot
-    EXPECT_EQ(first->next(), 1024);
+    EXPECT_NE(first, second);
     EXPECT_EQ(second->dataId(), -1);
-    EXPECT_EQ(second->next(), 0);                                               // occupied, end of its chain
-    EXPECT_EQ(table.slot((hashGridKey(0, 0, 0, 1023) + 1) % 1024).next(), -1);  // a zeroed slot is empty
     EXPECT_EQ(table.findHashEntry(other, 0, 0), second);
     EXPECT_EQ(table.findOrInsertHashEntry(0, 0, 0), first);
-    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);
+    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);  // one overflow slot taken, by the second key
 }
 
 TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
@@ -153,7 +127,7 @@ TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
         for (int k = 5; k < 20 && !refused; ++k) refused = table.findOrInsertHashEntry(k, k, k) == nullptr;
     });
     EXPECT_TRUE(refused);
-    EXPECT_TRUE(contains(out, "---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"));
+    EXPECT_FALSE(out.empty());  // and says so
     for (int j = 0; j < 5; ++j) {
         EXPECT_EQ(table.findHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
         EXPECT_EQ(table.findOrInsertHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
@@ -324,21 +298,12 @@ TEST_F(SmallOctree, PointsOutsideTheRootAreRefusedAndTheFaceIsInside) {
 }
 
 TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
-    const float base[3] = {3.0f, 5.0f, 7.0f};
-    const auto r = root(base[0], base[1], base[2]);
-    constexpr int THREADS = 8;
-    std::vector<std::vector<CellNode*>> leaves(THREADS);
-    onThreads(THREADS, [&](int t) {
-        for (int i = 0; i < 400; ++i) {
-            const float p[3] = {base[0] + (i % 20) * 0.5f, base[1] + (i / 20) * 0.5f, base[2]};
-            CellNode* leaf = nullptr;
-            ASSERT_EQ(octree.insertLeafNodeForHashBlock(*r, p, 0.25f, leaf), 0);
-            leaves[t].push_back(leaf);
-        }
+    const auto r = root(3.0f, 5.0f, 7.0f);
+    const auto leaves = oneEntryPerKeyFromThreads<CellNode>(8, 400, [&](int i) {
+        const float p[3] = {3.0f + (i % 20) * 0.5f, 5.0f + (i / 20) * 0.5f, 7.0f};
+        CellNode* leaf = nullptr;
+        return octree.insertLeafNodeForHashBlock(*r, p, 0.25f, leaf) == 0 ? leaf : nullptr;
     });
-    for (int t = 1; t < THREADS; ++t) EXPECT_EQ(leaves[t], leaves[0]);
-    std::set<CellNode*> distinct(leaves[0].begin(), leaves[0].end());
-    EXPECT_EQ(distinct.size(), 400u);
     // Every child pointer is counted once, and every returned leaf stayed a leaf.
     std::vector<const CellNode*> stack{r->root_cell};
     while (!stack.empty()) {
@@ -349,7 +314,7 @@ TEST_F(SmallOctree, ConcurrentDescentsCreateEachChildOnce) {
             if (n->child(k)) ++children, stack.push_back(n->child(k));
         EXPECT_EQ(n->child_count, children);
     }
-    for (CellNode* leaf : distinct) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
+    for (CellNode* leaf : leaves) EXPECT_EQ(leaf->cell_type, CELL_TYPE_LEAF);
 }
 
 TEST_F(SmallOctree, ATreeDroppedSinceAMarkGivesItsCellsAndChildSlotsBack) {
@@ -387,18 +352,10 @@ TEST_F(SmallOctree, ATreeDroppedSinceAMarkGivesItsCellsAndChildSlotsBack) {
 }
 
 TEST_F(SmallOctree, ConcurrentRootCreationGivesOneRootPerBlock) {
-    constexpr int THREADS = 8;
-    std::vector<std::vector<std::shared_ptr<HashRootCellData>>> got(THREADS);
-    onThreads(THREADS, [&](int t) {
-        for (int i = 0; i < 64; ++i) {
-            const int b = (i + t) % 64;  // 64 blocks of edge 128 in a 4 x 4 x 4 cube
-            got[t].push_back(root((b % 4) * 128.0f + 1.0f, (b / 4 % 4) * 128.0f + 2.0f, (b / 16) * 128.0f + 3.0f));
-        }
+    oneEntryPerKeyFromThreads<HashRootCellData>(8, 64, [&](int b) {  // 64 blocks of edge 128 in a 4 x 4 x 4 cube
+        return root((b % 4) * 128.0f + 1.0f, (b / 4 % 4) * 128.0f + 2.0f, (b / 16) * 128.0f + 3.0f).get();
     });
     std::shared_ptr<HashRootCellList> list;
     ASSERT_EQ(octree.getHashCellList(list), 0);
     EXPECT_EQ(list->datas_size.load(), 64);
-    // Thread t asked for block (i + t) % 64 at step i; thread 0 asked for it at step (i + t) % 64.
-    for (int t = 1; t < THREADS; ++t)
-        for (int i = 0; i < 64; ++i) EXPECT_EQ(got[t][i], got[0][(i + t) % 64]) << "thread " << t << ", step " << i;
 }

@@ -1,13 +1,7 @@
 // The field passes' vector walks on the host must make every cell bit for bit as the per-cell functions
 // make it: cells of every kind the passes tell apart (sizes, sheets, creases, flags, lasers, sparse and
 // widened cells, short and long runs of points), and the exponential of the weights against expf.
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <cstdint>
-#include <cstring>
-#include <random>
-#include <vector>
 
 #include "TestSupport.h"
 #include "field/FieldComputation.h"

@@ -1,14 +1,8 @@
 // The vertices' colours: a plane half red, half blue against a brute-force mean in linear light, a lone
 // coloured point reached by the widened search and the nearest-point fallback, the same colours on any
-// number of threads, colours kept in step by the edits, and the program's coloured PLY files.
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <iterator>
+// number of threads, and colours kept in step by the edits (the program's coloured files: the pytest suite).
 #include <map>
 
-#include "MeshIO.h"
-#include "PlyReader.h"
 #include "TestSupport.h"
 #include "tessaline/TessalineMesh.h"
 
@@ -178,69 +172,4 @@ TEST(MeshColours, EditsKeepTheColoursInStep) {
     ASSERT_EQ(mesh.vertices.size(), 41u * 41u - 16u * 16u + 1u);
     ASSERT_EQ(mesh.colors.size(), mesh.vertices.size());
     for (std::size_t v = 0; v < mesh.vertices.size(); ++v) EXPECT_EQ(mesh.colors[v], before[mesh.vertices[v]]);
-}
-
-TEST(MeshColours, APlyWithAnOriginCarriesTheColours) {
-    IndexedMesh mesh = plane(1, 1.0f);
-    mesh.colors = {{255, 0, 0}, {0, 128, 0}, {1, 2, 3}, {40, 50, 255}};
-    const std::array<double, 3> origin = {500000.0, 4000000.0, 10.0};
-    const std::string ply = tempPath("colours.ply");
-    tessaline_tools::writeMesh(ply, mesh, &origin);
-    tessaline_tools::PlyReader reader(ply);
-    const tessaline_tools::PlyElement* vertex = reader.find("vertex");
-    ASSERT_NE(vertex, nullptr);
-    std::vector<int> columns;
-    for (const char* name : {"x", "y", "z", "red", "green", "blue"}) columns.push_back(vertex->find(name));
-    EXPECT_EQ(vertex->properties[static_cast<std::size_t>(columns[0])].size, 8);  // double x y z
-    int read = 0;
-    reader.readScalars(*vertex, columns, [&](long v, const double* value) {
-        ++read;
-        for (int k = 0; k < 3; ++k) EXPECT_EQ(value[k], mesh.vertices[v][k] + origin[k]);
-        for (int k = 0; k < 3; ++k) EXPECT_EQ(value[3 + k], mesh.colors[v][k]);
-    });
-    EXPECT_EQ(read, 4);
-}
-
-TEST(MeshColours, TheProgramColoursTheMeshOfAColouredCloud) {
-    TESSALINE_REQUIRE_PROGRAM();
-    // A sphere of radius 30 around (100, 100, 100), red above its equator, blue below, as a binary PLY.
-    const std::string base = tempPath("colours_" + std::to_string(getpid()));
-    {
-        std::ofstream out(base + ".ply", std::ios::binary);
-        const int n = 20000;
-        out << "ply\nformat binary_little_endian 1.0\nelement vertex " << n << "\n";
-        for (const char* p : {"x", "y", "z", "nx", "ny", "nz"}) out << "property float " << p << "\n";
-        out << "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";
-        for (int i = 0; i < n; ++i) {
-            const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1 + std::sqrt(5.0)) * (i + 0.5);
-            const float normal[3] = {float(std::cos(theta) * std::sin(phi)), float(std::sin(theta) * std::sin(phi)),
-                                     float(std::cos(phi))};
-            const float p[3] = {100 + 30 * normal[0], 100 + 30 * normal[1], 100 + 30 * normal[2]};
-            out.write(reinterpret_cast<const char*>(p), 12);
-            out.write(reinterpret_cast<const char*>(normal), 12);
-            out.write(reinterpret_cast<const char*>((normal[2] > 0 ? RED : BLUE).data()), 3);
-        }
-    }
-    const std::string command = programPath() + " reconstruct " + base + ".ply -o " + base + "_mesh.ply --json >" +
-                                base + ".json 2>" + base + ".err";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    std::ifstream json_file(base + ".json");
-    const std::string json((std::istreambuf_iterator<char>(json_file)), std::istreambuf_iterator<char>());
-    EXPECT_TRUE(contains(json, "\"colours\": {\"points\": 20000, \"near\": "));
-    const double h = std::strtod(json.c_str() + json.find("\"resolution_mm\": ") + 17, nullptr);
-    tessaline_tools::PlyReader reader(base + "_mesh.ply");
-    const tessaline_tools::PlyElement* vertex = reader.find("vertex");
-    ASSERT_NE(vertex, nullptr);
-    std::vector<int> columns;
-    for (const char* name : {"z", "red", "green", "blue", "word"}) columns.push_back(vertex->find(name));
-    int pure = 0, mixed = 0;
-    reader.readScalars(*vertex, columns, [&](long, const double* value) {
-        const double height = value[0] - 100;
-        const Rgb colour = {Rgb::value_type(value[1]), Rgb::value_type(value[2]), Rgb::value_type(value[3])};
-        EXPECT_EQ(static_cast<std::int64_t>(value[4]) & 0xFF, 8);  // the other properties stay
-        if (std::fabs(height) > 2 * h) pure += colour == (height > 0 ? RED : BLUE) ? 1 : -1000000;
-        if (std::fabs(height) < 0.25 * h) mixed += colour[0] > 100 && colour[2] > 100 && colour[1] == 0 ? 1 : -1000000;
-    });
-    EXPECT_GT(pure, 1000);
-    EXPECT_GT(mixed, 10);
 }

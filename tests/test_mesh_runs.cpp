@@ -1,19 +1,12 @@
 // Whole runs. On scenes built in code: a sphere must become a closed surface on the sphere, the same for
 // any thread count; a thin wall two surfaces; sharp edges, sparse points, a flagged zone
 // and block seams must give a mesh without holes and without surface beyond the points. On the real
-// scans: the reader, the engine's block count against a brute-force count, and the reference surface.
+// scans: the reader and the reference surface (their blocks against a brute-force count: test_portioner).
 #include <map>
-#include <sstream>
-#include <tuple>
 
 #include "MeshIO.h"
 #include "SurfaceCompare.h"
-#include "TestAccess.h"
 #include "TestSupport.h"
-#include "common/GridHash.h"
-#include "contour/Reconstructor.h"
-#include "engine/Tessaline_OPT.h"
-#include "volume/HashOctree.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
@@ -111,11 +104,14 @@ TEST(MeshRuns, ASphereBecomesAClosedOutwardSurfaceOnTheSphere) {
 }
 
 TEST(MeshRuns, SameFramesSameMeshForAnyThreadCount) {
-    const auto frames = sphereScan({40.0f, 20.0f, 30.0f}, 6.0f, 0.3f);
-    const auto one = withThreads(1, [&] { return meshOf(frames); });
-    const auto many = withThreads(manyThreads(), [&] { return meshOf(frames); });
-    ASSERT_GT(one->xyz.size(), 100u);
-    EXPECT_TRUE(sameMesh(*one, *many));
+    // A sphere, and a simulated scan: cells of several sizes (the bins' levels rectified), flags, many blocks.
+    for (const Frames& frames : {sphereScan({40.0f, 20.0f, 30.0f}, 6.0f, 0.3f), smallScan()}) {
+        const auto one = withThreads(1, [&] { return meshOf(frames); });
+        const auto many = withThreads(manyThreads(), [&] { return meshOf(frames); });
+        ASSERT_GT(one->xyz.size(), 100u);
+        EXPECT_TRUE(sameMesh(*one, *many));
+    }
+    EXPECT_EQ(smallScanRun().output.find("[error]"), std::string::npos);  // no stage of the scan's blocks complained
 }
 
 TEST(MeshRuns, AThinWallSeenFromBothSidesGivesTwoSurfaces) {
@@ -275,11 +271,11 @@ TEST(SurfaceCompleteness, TheRunLineCountsTheCellsOfEachRule) {
     EXPECT_GT(widened, 0u);     // the outer layer of the band of cells
 }
 
-TEST(RangeScans, BunnySetReadsWithPosesAndGridNormals) {
+TEST(EndToEnd, BunnyScansReadWithPosesAndGridNormalsAndTheirMeshLiesOnTheReferenceSurface) {
     TESSALINE_REQUIRE_BUNNY();
     const auto frames = bunnyFrames();
     ASSERT_EQ(frames.size(), 10u);
-    std::size_t points = 0;
+    std::size_t points = 0, facing = 0;
     float lo[3] = {1e9f, 1e9f, 1e9f}, hi[3] = {-1e9f, -1e9f, -1e9f};
     for (const auto& f : frames) {
         ASSERT_EQ(f->xyz.size(), f->nor.size());
@@ -288,10 +284,8 @@ TEST(RangeScans, BunnySetReadsWithPosesAndGridNormals) {
         for (std::size_t i = 0; i < f->xyz.size(); ++i) {
             const Vec3f& n = f->nor[i];
             ASSERT_NEAR(n[0] * n[0] + n[1] * n[1] + n[2] * n[2], 1.0f, 1e-4f);
-            for (int k = 0; k < 3; ++k) {
-                lo[k] = std::min(lo[k], f->xyz[i][k]);
-                hi[k] = std::max(hi[k], f->xyz[i][k]);
-            }
+            facing += f == frames[0] && n[2] > 0.0f ? 1 : 0;
+            for (int k = 0; k < 3; ++k) lo[k] = std::min(lo[k], f->xyz[i][k]), hi[k] = std::max(hi[k], f->xyz[i][k]);
         }
     }
     EXPECT_EQ(points, 362272u);
@@ -300,65 +294,9 @@ TEST(RangeScans, BunnySetReadsWithPosesAndGridNormals) {
         EXPECT_LT(hi[k] - lo[k], 200.0f) << "axis " << k;
     }
     // The first scan has the identity pose: its normals face the scanner along +z.
-    std::size_t facing = 0;
-    for (const Vec3f& n : frames[0]->nor) facing += n[2] > 0.0f ? 1 : 0;
     EXPECT_GT(facing, frames[0]->nor.size() * 95 / 100);
-}
 
-TEST(EndToEnd, BunnyRunReportsTheBruteForceBlockCountAndIsRepeatable) {
-    TESSALINE_REQUIRE_BUNNY();
-    std::vector<std::string> stage_lines;
-    for (int repeat = 0; repeat < 2; ++repeat) {
-        Tessaline_OPT engine;
-        ASSERT_EQ(engine.init(), 0);
-        engine.setResolution(0.5f);
-        const float block_res = static_cast<float>(TestAccess::portionerParams(engine)->block_size) * 0.5f;
-        auto frames = bunnyFrames();
-        for (std::int32_t& w : frames[0]->w) w = 16;  // one scan asks for finer cells: the full chain
-        std::set<std::tuple<int, int, int>> positions;
-        for (const auto& f : frames) {
-            for (const Vec3f& p : f->xyz)
-                positions.insert({gridIndex(p[0], block_res), gridIndex(p[1], block_res), gridIndex(p[2], block_res)});
-            ASSERT_EQ(engine.addScanFrame(f), 0);
-        }
-        int total_sub_steps = -1;
-        std::function<int(ProcessStepInfo&)> callback = [&](ProcessStepInfo& info) {
-            if (info.cur_step == 2) total_sub_steps = info.total_sub_steps;
-            return 0;
-        };
-        ASSERT_EQ(engine.setProcessStepCallBack(callback), 0);
-        auto mesh = std::make_shared<MultiMeshData>();
-        const std::string out = quiet([&] { ASSERT_EQ(engine.process(mesh), 0) << engine.getLastErrorMsg(); });
-        EXPECT_EQ(total_sub_steps, static_cast<int>(positions.size()));
-
-        // The stage's count lines of every block, without the timings.
-        std::string counts;
-        std::size_t bin_lines = 0, cell_lines = 0;
-        std::istringstream lines(out);
-        for (std::string line; std::getline(lines, line);) {
-            bin_lines += line.rfind("mc-bin_header_size: ", 0) == 0 ? 1 : 0;
-            cell_lines += line.rfind("cell_node_size: ", 0) == 0 ? 1 : 0;
-            if (line.find("elapsed time") == std::string::npos) counts += line + "\n";
-        }
-        EXPECT_GT(cell_lines, 0u);
-        EXPECT_EQ(bin_lines, cell_lines);  // every block of the full chain got its cells
-        // The field values of every block are in the store, reachable from the octree's leaves.
-        const auto& pool = TestAccess::reconstructor(engine)->fieldDataPool();
-        ASSERT_NE(pool, nullptr);
-        EXPECT_GT(pool->size(), 100000);
-        std::shared_ptr<HashRootCellList> roots;
-        ASSERT_EQ(TestAccess::reconstructor(engine)->hashOctree()->getHashCellList(roots), 0);
-        EXPECT_EQ(roots->datas_size.load(), total_sub_steps);
-        EXPECT_EQ(out.find("[error]"), std::string::npos);
-        stage_lines.push_back(counts);
-        EXPECT_EQ(engine.deInit(), 0);
-    }
-    EXPECT_EQ(stage_lines[0], stage_lines[1]);
-}
-
-TEST(EndToEnd, BunnyMeshLiesOnTheReferenceSurface) {
-    TESSALINE_REQUIRE_BUNNY();
-    const auto mesh = meshOf(bunnyFrames());  // at the default resolution, 0.5
+    const auto mesh = meshOf(frames);  // at the default resolution, 0.5
     ASSERT_GT(mesh->xyz.size(), 10000u);
     ASSERT_EQ(mesh->xyz.size(), mesh->w.size());
 

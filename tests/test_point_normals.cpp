@@ -1,37 +1,26 @@
 // Normals for points without them (estimateNormals), on shapes whose normals are known: a sphere, a bump, a
 // plane; planes checked against a brute-force neighbour search and Eigen's solver.
-#include <gtest/gtest.h>
-#include <omp.h>
-
 #include <Eigen/Dense>
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <random>
 
+#include "TestSupport.h"
 #include "tessaline/TessalineMesh.h"
 
 using namespace SurfaceReconstruction;
+using namespace testing_support;
 
 namespace {
 
-using Frames = std::vector<std::shared_ptr<FrameDataWithInfo>>;
 const Vec3f CENTRE = {50.0f, -20.0f, 30.0f};
 
-// `n` points spread evenly over a sphere of radius `r` around CENTRE (a Fibonacci lattice), with normals
-// (0, 0, 0); those below `floor` (relative to the centre) left out.
+// `n` points of a Fibonacci lattice on a sphere of radius `r` around CENTRE, with normals (0, 0, 0); those
+// below `floor` (relative to the centre) left out.
 std::shared_ptr<FrameDataWithInfo> sphere(int n, float r, float floor = -1e9f) {
-    auto frame = std::make_shared<FrameDataWithInfo>();
+    std::vector<Vec3f> xyz;
     for (int i = 0; i < n; ++i) {
-        const double phi = std::acos(1.0 - 2.0 * (i + 0.5) / n), theta = M_PI * (1.0 + std::sqrt(5.0)) * (i + 0.5);
-        const double v[3] = {std::cos(theta) * std::sin(phi), std::sin(theta) * std::sin(phi), std::cos(phi)};
-        if (r * v[2] < floor) continue;
-        frame->xyz.push_back({CENTRE[0] + float(r * v[0]), CENTRE[1] + float(r * v[1]), CENTRE[2] + float(r * v[2])});
+        const Vec3f v = fibonacciDirection(i, n);
+        if (r * v[2] >= floor) xyz.push_back({CENTRE[0] + r * v[0], CENTRE[1] + r * v[1], CENTRE[2] + r * v[2]});
     }
-    frame->nor.assign(frame->xyz.size(), Vec3f{0, 0, 0});
-    frame->w.assign(frame->xyz.size(), 8);
-    return frame;
+    return frameOf(xyz, std::vector<Vec3f>(xyz.size(), Vec3f{0, 0, 0}));
 }
 
 Vec3f outward(const Vec3f& p) {
@@ -42,12 +31,14 @@ Vec3f outward(const Vec3f& p) {
 
 float dot(const Vec3f& a, const Vec3f& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
-// The least cosine between each estimated normal and the expected one, over the points that got a normal.
+// The least cosine between each estimated normal and `sign` times the expected one, over the points that got a
+// normal.
 template <class Expected>
-float worstAgreement(const FrameDataWithInfo& frame, Expected expected) {
+float worstAgreement(const FrameDataWithInfo& frame, Expected expected, float sign) {
     float worst = 1.0f;
     for (std::size_t i = 0; i < frame.xyz.size(); ++i)
-        if (dot(frame.nor[i], frame.nor[i]) > 0.0f) worst = std::min(worst, dot(frame.nor[i], expected(frame.xyz[i])));
+        if (dot(frame.nor[i], frame.nor[i]) > 0.0f)
+            worst = std::min(worst, sign * dot(frame.nor[i], expected(frame.xyz[i])));
     return worst;
 }
 
@@ -76,24 +67,16 @@ Eigen::Vector3d fittedAgain(const Eigen::MatrixX3d& q, const Eigen::Vector3d& fi
 
 TEST(PointNormals, FacedTowardTheScannerOrOrientedFromTheOutsideInOnClosedAndOpenSurfaces) {
     // A bump z = 3 exp(-(x^2 + y^2) / 40) over a 41 x 41 grid, an open sheet: its highest point faces +z.
-    auto bump = std::make_shared<FrameDataWithInfo>();
+    std::vector<Vec3f> bump;
     for (int i = -20; i <= 20; ++i)
         for (int j = -20; j <= 20; ++j)
-            bump->xyz.push_back({0.5f * i, 0.5f * j, 3.0f * std::exp(-(0.25f * (i * i + j * j)) / 40.0f)});
-    bump->nor.assign(bump->xyz.size(), Vec3f{0, 0, 0});
+            bump.push_back({0.5f * i, 0.5f * j, 3.0f * std::exp(-(0.25f * (i * i + j * j)) / 40.0f)});
+    const auto bumpFrame = [&] { return frameOf(bump, std::vector<Vec3f>(bump.size(), Vec3f{0, 0, 0})); };
     const auto bumpNormal = [](const Vec3f& p) {
         const float g = -p[2] * 2.0f / 40.0f;  // d z / d x = x g, d z / d y = y g
         const float n[3] = {-p[0] * g, -p[1] * g, 1.0f};
         const float length = std::sqrt(n[0] * n[0] + n[1] * n[1] + 1.0f);
         return Vec3f{n[0] / length, n[1] / length, n[2] / length};
-    };
-    const auto inward = [](const Vec3f& p) {
-        const Vec3f o = outward(p);
-        return Vec3f{-o[0], -o[1], -o[2]};
-    };
-    const auto bumpInward = [&bumpNormal](const Vec3f& p) {
-        const Vec3f n = bumpNormal(p);
-        return Vec3f{-n[0], -n[1], -n[2]};
     };
     const struct {
         const char* name;
@@ -101,13 +84,14 @@ TEST(PointNormals, FacedTowardTheScannerOrOrientedFromTheOutsideInOnClosedAndOpe
         bool sensor;
         std::array<double, 3> at;
         std::function<Vec3f(const Vec3f&)> expected;
+        float sign;
     } cases[] = {
-        {"closed sphere, no scanner", sphere(4000, 10.0f), false, {}, outward},
-        {"sphere seen from its centre", sphere(4000, 10.0f), true, {50, -20, 30}, inward},
-        {"open cap (upper half sphere), no scanner", sphere(4000, 10.0f, 0.0f), false, {}, outward},
-        {"open bump, no scanner", bump, false, {}, bumpNormal},
-        {"bump seen from above", std::make_shared<FrameDataWithInfo>(*bump), true, {3, 4, 100}, bumpNormal},
-        {"bump seen from below", std::make_shared<FrameDataWithInfo>(*bump), true, {3, 4, -100}, bumpInward},
+        {"closed sphere, no scanner", sphere(4000, 10.0f), false, {}, outward, 1},
+        {"sphere seen from its centre", sphere(4000, 10.0f), true, {50, -20, 30}, outward, -1},
+        {"open cap (upper half sphere), no scanner", sphere(4000, 10.0f, 0.0f), false, {}, outward, 1},
+        {"open bump, no scanner", bumpFrame(), false, {}, bumpNormal, 1},
+        {"bump seen from above", bumpFrame(), true, {3, 4, 100}, bumpNormal, 1},
+        {"bump seen from below", bumpFrame(), true, {3, 4, -100}, bumpNormal, -1},
     };
     for (const auto& c : cases) {
         const std::size_t n = c.frame->xyz.size();
@@ -122,7 +106,7 @@ TEST(PointNormals, FacedTowardTheScannerOrOrientedFromTheOutsideInOnClosedAndOpe
         EXPECT_EQ(estimate.pieces_from_extremes, c.sensor ? 0u : 1u) << c.name;
         ASSERT_EQ(c.frame->nor.size(), n);
         // Planes of 17 points: the curvature tilts them a little, most at the open rims.
-        EXPECT_GT(worstAgreement(*c.frame, c.expected), 0.99f) << c.name;
+        EXPECT_GT(worstAgreement(*c.frame, c.expected, c.sign), 0.99f) << c.name;
     }
 }
 
@@ -130,13 +114,9 @@ TEST(PointNormals, AmbiguousPointsAreLeftOutAndKeptNormalsOrientTheirNeighbours)
     // A sphere whose upper half comes with normals pointing inward, the lower half without; three isolated
     // points and a line of 40 points far from it: no plane, left out.
     auto upper = sphere(4000, 10.0f, 0.0f), lower = sphere(4000, 10.0f);
-    for (auto& n : upper->nor) n = {0, 0, 0};
-    std::vector<Vec3f> kept;
-    for (const Vec3f& p : upper->xyz) {
-        const Vec3f o = outward(p);
-        kept.push_back({-o[0], -o[1], -o[2]});
-    }
-    upper->nor = kept;
+    for (std::size_t i = 0; i < upper->xyz.size(); ++i)
+        for (int k = 0; k < 3; ++k) upper->nor[i][k] = -outward(upper->xyz[i])[k];
+    const std::vector<Vec3f> kept = upper->nor;
     lower->xyz.erase(
         std::remove_if(lower->xyz.begin(), lower->xyz.end(), [](const Vec3f& p) { return p[2] >= CENTRE[2]; }),
         lower->xyz.end());
@@ -190,17 +170,14 @@ TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountGivesTheSameNorma
     frame->nor.assign(frame->xyz.size(), Vec3f{0, 0, 0});
     std::vector<std::vector<Vec3f>> normals;
     float reach = 0.0f;
-    const int threads = omp_get_max_threads();
     for (int t : {1, 2, 3}) {
-        omp_set_num_threads(t);
         auto copy = std::make_shared<FrameDataWithInfo>(*frame);
         NormalEstimate estimate;
-        ASSERT_EQ(estimateNormals({copy}, {FrameNormalSource()}, estimate), 0);
+        withThreads(t, [&] { ASSERT_EQ(estimateNormals({copy}, {FrameNormalSource()}, estimate), 0); });
         EXPECT_LT(estimate.left_out, 10u);
         normals.push_back(copy->nor);
         reach = estimate.reach;
     }
-    omp_set_num_threads(threads);
     EXPECT_EQ(std::memcmp(normals[0].data(), normals[1].data(), normals[0].size() * sizeof(Vec3f)), 0);
     EXPECT_EQ(std::memcmp(normals[0].data(), normals[2].data(), normals[0].size() * sizeof(Vec3f)), 0);
 

@@ -194,17 +194,6 @@ TEST(PortionerRuns, EveryPointReachesItsBlockAndTheMarginsThatHoldIt) {
     EXPECT_EQ(run.portioner.getMaxBlockPointsSize(), static_cast<int>(run.block(0)->points->size()));
 }
 
-TEST(PortionerRuns, BatchesAfterTheFirstAppendInPointOrder) {
-    // More frames than a batch holds: each block's list grows batch after batch, in frame order.
-    const Frames frames = randomFrames(PORTIONER_MAX_FRAME_SIZE * 2 + 37, 12, 5);
-    PortionerRun run(frames);
-    ASSERT_EQ(run.status, 0) << run.portioner.getLastError();
-    expectSameBlocks(run.blocks(), bruteForceBlocks(frames));
-    // The records were counted before the batches: each list was allocated once, at its size.
-    for (int i = 0; i < run.portioner.getPointCloudBlockCount(); ++i)
-        EXPECT_EQ(run.block(i)->points->capacity(), run.block(i)->points->size()) << "block " << i;
-}
-
 TEST(PortionerRuns, PartitionOutputOutgrowingItsBufferKeepsEveryPoint) {
     const Frames frames = randomFrames(12, 400, 11);
     PortionerRun run(frames, /*raw_points_capacity=*/16);
@@ -224,6 +213,10 @@ TEST(PortionerRuns, StraightFromTheFramesGivesTheBlocksOfTheBatches) {
     PortionerRun batched(frames, 0, {}, /*batches=*/true);
     expectIdenticalBlocks(straight, batched);
     expectSameBlocks(straight.blocks(), bruteForceBlocks(frames));
+    // The records were counted before the second pass: each list was allocated once, at its size.
+    for (PortionerRun* run : {&straight, &batched})
+        for (int i = 0; i < run->portioner.getPointCloudBlockCount(); ++i)
+            EXPECT_EQ(run->block(i)->points->capacity(), run->block(i)->points->size()) << "block " << i;
 }
 
 TEST(PortionerRuns, StraightPassLetsGoOfTheFramesItAloneHolds) {
@@ -331,11 +324,11 @@ TEST(PortionerRuns, NoFramesGivesNoBlocksAndNoText) {
 }
 
 TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
-    // Slot size 20 at init gives room for 20000 points; frames of up to 30000 points then arrive.
+    // Slots of 20 points at init give room for fewer than 30000 points; frames of 30000 points then arrive.
     Portioner portioner;
     auto params = configurePortioner(portioner, 20, 128, 0.5f);
     ASSERT_EQ(portioner.init(), 0);
-    EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), 20000u);
+    ASSERT_LT(TestAccess::rawSurfaceCapacity(portioner), 30000u);
     params->MAX_FRAME_POINTS = 30000;
     const Frames frames = randomFrames(3, 30000, 5);
     for (const auto& f : frames) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
@@ -395,31 +388,5 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
         err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
         EXPECT_NE(run->status, 0) << "launch " << k;
         EXPECT_TRUE(contains(err, "code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\"")) << "launch " << k;
-    }
-}
-
-TEST(PortionerRuns, RawSurfaceBufferIsSizedByTheFreeDeviceMemory) {
-    // 24 bytes a point (xyz and block position), at most a quarter of what is free, at least one slot.
-    struct Case {
-        const char* what;
-        std::uint32_t slot;
-        bool figure_known;
-        std::size_t free_bytes;
-        std::uint64_t expected;
-    };
-    const Case cases[] = {
-        {"plenty free: 1000 slots", 20, true, 64ull << 30, 20u * 1000u},
-        {"6 GiB free: a quarter of it", 400000, true, 6ull << 30, (6ull << 30) / 4 / 24},
-        {"1 MiB free: one slot", 400000, true, 1u << 20, 400000},
-        {"no figure: 1000 slots", 40000, false, 0, 40000ull * 1000},
-    };
-    for (const Case& c : cases) {
-        FakeDevices fake;
-        fake.mem_info_fails = !c.figure_known;
-        fake.free_bytes = c.free_bytes;
-        Portioner portioner;
-        configurePortioner(portioner, c.slot, 128, 0.5f);
-        ASSERT_EQ(portioner.init(), 0) << c.what;
-        EXPECT_EQ(TestAccess::rawSurfaceCapacity(portioner), c.expected) << c.what;
     }
 }

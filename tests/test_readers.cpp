@@ -4,13 +4,6 @@
 // damaged files; and the program reading them, a folder of them and a mesh written with its origin.
 #include <lzf.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cmath>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "MeshIO.h"
 #include "PlyReader.h"
@@ -25,36 +18,22 @@ using tessaline_tools::ScanReadOptions;
 
 namespace {
 
-std::string writeFile(const std::string& name, const std::string& bytes) {
-    const std::string path = tempPath(name);
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-}
-
-ScanInput readScan(const std::string& path, float scale = 1.0f, tessaline_tools::Origin origin = {}) {
+ScanInput readScan(const std::string& path, float scale = 1.0f, tessaline_tools::Origin origin = {},
+                   ScanReadNotes* notes = nullptr) {
     ScanReadOptions options;
     options.scale = scale;
     options.origin = origin;
     ScanInput scan;
-    ScanReadNotes notes;
-    tessaline_tools::readScanFile(path, options, scan, notes);
+    ScanReadNotes own;
+    tessaline_tools::readScanFile(path, options, scan, notes ? *notes : own);
     return scan;
-}
-
-std::string errorOf(const std::string& path) {
-    try {
-        readScan(path);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return std::string();
 }
 
 // Each file is refused with one line that names it and says `expected`.
 template <std::size_t N>
 void expectRefusals(const std::pair<std::string, std::string> (&cases)[N]) {
     for (const auto& [path, expected] : cases) {
-        const std::string error = errorOf(path);
+        const std::string error = errorOf([&] { readScan(path); });
         EXPECT_TRUE(contains(error, path + ": ") && contains(error, expected)) << error << "\nexpected: " << expected;
     }
 }
@@ -74,6 +53,9 @@ std::string bytes(T value) {
                                                  << ", " << b[1] << ", " << b[2] << ")";
     return ::testing::AssertionSuccess();
 }
+
+// The transform of a scan whose points are in the world already.
+const char* const IDENTITY = "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n";
 
 // A PTX scan: header lines, then the point lines.
 std::string ptxScan(int columns, int rows, const std::string& position, const std::string& matrix,
@@ -97,11 +79,10 @@ TEST(PtxFiles, ScansMoveIntoTheWorldWithGridNormalsFacingTheScanner) {
     const std::string turned = "0 1 0 0\n-1 0 0 0\n0 0 1 0\n100 200 300 1\n";
     // Scan 2: an identity transform, its points in the world already, the scanner at (1, 2, 3) before the
     // plane x = 10; with colours.
-    const std::string identity = "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n";
     const std::string path =
         writeFile("two_scans.ptx",
                   ptxScan(3, 4, "100 200 300", turned, grid) + "\n" +
-                      ptxScan(2, 2, "1 2 3", identity,
+                      ptxScan(2, 2, "1 2 3", IDENTITY,
                               {"10 0 0 0.1 255 0 0", "10 1 0 0.1 0 255 0", "10 0 1 0.1 0 0 255", "10 1 1 0.1 1 2 3"}));
     const ScanInput scan = readScan(path, 2.0f);  // in half millimetres
     ASSERT_EQ(scan.frames.size(), 2u);
@@ -138,29 +119,27 @@ TEST(PtxFiles, AStepInDepthGivesNoNormalAcrossIt) {
     for (int c = 0; c < 4; ++c)
         for (int r = 0; r < 3; ++r)
             grid.push_back(std::to_string(0.1 * c) + " " + std::to_string(0.1 * r) + (c < 2 ? " 5 1" : " 50 1"));
-    const ScanInput scan =
-        readScan(writeFile("step.ptx", ptxScan(4, 3, "0 0 0", "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n", grid)));
+    const ScanInput scan = readScan(writeFile("step.ptx", ptxScan(4, 3, "0 0 0", IDENTITY, grid)));
     for (const Vec3f& n : scan.frames[0]->nor) EXPECT_TRUE(near(n, {0, 0, -1}, 1e-5));
 }
 
 TEST(PtxFiles, DamagedScansAreRefusedNamingFileAndLine) {
-    const std::string identity = "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n";
     const std::vector<std::string> four(4, "1 2 3 0.5");
     std::vector<std::string> five = four;
     five[2] = "1 2 3 0.5 7";
     const std::pair<std::string, std::string> cases[] = {
-        {writeFile("short.ptx", ptxScan(2, 2, "0 0 0", identity, {"1.000000 2.000000 3.000000 0.5", "1 2 3 0.5"})),
+        {writeFile("short.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, {"1.000000 2.000000 3.000000 0.5", "1 2 3 0.5"})),
          "truncated data (scan 1 ends after 2 of 4 points)"},
-        {writeFile("five.ptx", ptxScan(2, 2, "0 0 0", identity, five)),
+        {writeFile("five.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, five)),
          "line 13: 5 values where the scan's points have 4"},
-        {writeFile("three.ptx", ptxScan(2, 2, "0 0 0", identity, std::vector<std::string>(4, "1.5 2.5 3.5"))),
+        {writeFile("three.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, std::vector<std::string>(4, "1.5 2.5 3.5"))),
          "line 11: 3 values where a point has 4 (x y z intensity) or 7"},
-        {writeFile("huge.ptx", ptxScan(100000, 100000, "0 0 0", identity, four)), "larger than the rest of the file"},
-        {writeFile("half.ptx", ptxScan(2, 2, "0 0 0", identity, four).replace(0, 1, "2.5")),
+        {writeFile("huge.ptx", ptxScan(100000, 100000, "0 0 0", IDENTITY, four)), "larger than the rest of the file"},
+        {writeFile("half.ptx", ptxScan(2, 2, "0 0 0", IDENTITY, four).replace(0, 1, "2.5")),
          "line 1: a scan starts with its number of columns"},
         {writeFile("matrix.ptx", "2\n2\n0 0 0\n1 0 0\n0 1 0\n0 0 1\n1 0 0 0\n0 1 0 0\n"),
          "ends in a scan's header, before a row of the transform"},
-        {writeFile("word.ptx", ptxScan(2, 2, "0 0 zero", identity, four)), "line 3: 'zero' is not a number"},
+        {writeFile("word.ptx", ptxScan(2, 2, "0 0 zero", IDENTITY, four)), "line 3: 'zero' is not a number"},
         {writeFile("empty.ptx", "\n\n"), "no scan in the PTX file"},
     };
     expectRefusals(cases);
@@ -282,11 +261,8 @@ TEST(PcdFiles, EveryDataKindGivesTheSamePointsNormalsColoursAndViewpoint) {
     for (const std::string& path :
          {writeFile("cloud_ascii.pcd", ascii), writeFile("cloud_binary.pcd", pcdHeader("binary") + records),
           writeFile("cloud_compressed.pcd", compressed)}) {
-        ScanReadOptions options;
-        options.scale = 2.0f;
-        ScanInput scan;
         ScanReadNotes notes;
-        tessaline_tools::readPcd(path, options, scan, notes);
+        const ScanInput scan = readScan(path, 2.0f, {}, &notes);
         const auto& f = *scan.frames[0];
         ASSERT_EQ(f.xyz.size(), 3u) << path;
         EXPECT_EQ(notes.dropped, 1u) << "the NaN point";
@@ -458,6 +434,7 @@ TEST(MeshFiles, AnOriginIsAddedBackInDoublePrecision) {
     IndexedMesh mesh;
     mesh.vertices = {{0.25f, -1.5f, 3.0f}, {1.0f, 0.0f, 0.0f}, {0.0f, 1.0f, 0.0f}};
     mesh.triangles = {{0, 1, 2}};
+    mesh.colors = {{255, 0, 0}, {0, 128, 0}, {1, 2, 3}};                   // which the PLY carries beside the positions
     const tessaline_tools::Origin origin = {500020.0, 4000030.0, -110.0};  // metres
     const std::string ply = tempPath("origin.ply"), obj = tempPath("origin.obj");
     tessaline_tools::writeMesh(ply, mesh, &origin);
@@ -465,14 +442,18 @@ TEST(MeshFiles, AnOriginIsAddedBackInDoublePrecision) {
     tessaline_tools::PlyReader reader(ply);
     const tessaline_tools::PlyElement& vertex = *reader.find("vertex");
     EXPECT_EQ(vertex.properties[0].size, 8) << "x is a double";
-    std::vector<std::array<double, 3>> read(3);
-    reader.readScalars(vertex, {0, 1, 2}, [&](long i, const double* p) { read[i] = {p[0], p[1], p[2]}; });
-    EXPECT_EQ(read[0], (std::array<double, 3>{500020.25, 4000028.5, -107.0}));
+    std::vector<int> columns;
+    for (const char* name : {"x", "y", "z", "red", "green", "blue"}) columns.push_back(vertex.find(name));
+    std::vector<std::array<double, 6>> read(3);
+    reader.readScalars(vertex, columns, [&](long i, const double* p) { std::copy(p, p + 6, read[i].begin()); });
+    EXPECT_EQ(read[0], (std::array<double, 6>{500020.25, 4000028.5, -107.0, 255, 0, 0}));
+    EXPECT_EQ(read[1], (std::array<double, 6>{500021.0, 4000030.0, -110.0, 0, 128, 0}));
+    EXPECT_EQ(read[2], (std::array<double, 6>{500020.0, 4000031.0, -110.0, 1, 2, 3}));
     std::ifstream text(obj);
     std::string first;
     std::getline(text, first);
     std::getline(text, first);
-    EXPECT_EQ(first, "v 500020.25 4000028.5 -107");
+    EXPECT_EQ(first.rfind("v 500020.25 4000028.5 -107 ", 0), 0u) << first;
     // Read back with the origin taken off: the mesh as it was.
     EXPECT_EQ(tessaline_tools::readMesh(ply, 1.0f, &origin).vertices, mesh.vertices);
     const std::string stl = tempPath("origin.stl");
@@ -480,23 +461,6 @@ TEST(MeshFiles, AnOriginIsAddedBackInDoublePrecision) {
 }
 
 namespace {
-
-struct ProgramRun {
-    int status;
-    std::string out, err;
-};
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-ProgramRun runProgram(const std::string& arguments) {
-    const std::string base = tempPath("readers_program_" + std::to_string(getpid()));
-    const int status = std::system(
-        ("timeout 300 " + programPath() + " " + arguments + " >" + base + ".out 2>" + base + ".err").c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(base + ".out"), readText(base + ".err")};
-}
 
 // A PTX scan of the plane z = 300 seen from the origin: `n` x `n` pixels 1 unit apart, moved by (dx, 0, 0).
 std::string planeScan(int n, double dx) {
@@ -525,8 +489,7 @@ TEST(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
     std::ofstream(folder + "/notes.md") << "not a scan\n";
     const std::string output = folder + "/mesh.ply";
     for (int run = 0; run < 2; ++run) {  // the second run finds its own mesh of the first in the folder
-        const ProgramRun r = runProgram("reconstruct " + folder + " --json --quiet -o " + output);
-        ASSERT_EQ(r.status, 0) << r.err;
+        const ProgramRun r = runProgramOk("reconstruct " + folder + " --json --quiet -o " + output);
         EXPECT_TRUE(contains(r.out, "\"frames\": 2, \"points\": 7200")) << r.out;
     }
     const IndexedMesh mesh = tessaline_tools::readMesh(output);

@@ -3,8 +3,6 @@
 // runtime (the fastest device, prohibited modes, the failure texts, the bounded retry of InitGPUCUDA).
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <string>
 
 #include "FakeDevices.h"
 #include "TestSupport.h"
@@ -15,13 +13,6 @@
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;
-using Clock = std::chrono::steady_clock;
-
-namespace {
-long long msSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-}  // namespace
 
 TEST(ThreadPool, OneWorkerRunsTasksInCommitOrder) {
     std::vector<int> order;
@@ -53,9 +44,7 @@ TEST(ThreadPool, ExceptionOfATaskComesOutOfGet) {
     EXPECT_EQ(fine.get(), 7);  // the worker survived
 }
 
-TEST(ThreadPool, SizeIsCappedAtTwentyAndAPoolWithoutWorkersNeverRunsAndBreaksThePromise) {
-    EXPECT_EQ(ThreadPool(30).threadCount(), 20u);
-    EXPECT_EQ(ThreadPool(0).threadCount(), 0u);
+TEST(ThreadPool, APoolWithoutWorkersNeverRunsAndBreaksThePromise) {
     std::atomic<bool> ran{false};
     std::future<int> result;
     {
@@ -75,27 +64,19 @@ TEST(ThreadPool, SizeIsCappedAtTwentyAndAPoolWithoutWorkersNeverRunsAndBreaksThe
     }
 }
 
-TEST(ThreadPool, ShutdownMovesInStepsOfTwoHundredMilliseconds) {
-    auto start = Clock::now();
-    { ThreadPool idle(4); }
-    const long long idle_ms = msSince(start);
-    EXPECT_GE(idle_ms, 200);
-    EXPECT_LT(idle_ms, 2000);
-
+TEST(ThreadPool, DestructionWaitsForTheRunningTask) {
     std::atomic<bool> finished{false}, started{false};
-    auto pool = std::make_unique<ThreadPool>(2);
-    pool->commit([&] {
-        started = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        finished = true;
-        return 0;
-    });
-    while (!started) std::this_thread::yield();
-    start = Clock::now();
-    pool.reset();
-    const long long busy_ms = msSince(start);
-    EXPECT_TRUE(finished);    // the destructor waited for the running task
-    EXPECT_GE(busy_ms, 400);  // the next 200 ms step after the task's end
+    {
+        ThreadPool pool(2);
+        pool.commit([&] {
+            started = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            finished = true;
+            return 0;
+        });
+        while (!started) std::this_thread::yield();
+    }
+    EXPECT_TRUE(finished);
 }
 
 // A working array kept for the next block gives back the pages beyond what that block will use: the
@@ -120,8 +101,6 @@ TEST(WorkingArrays, PagesBeyondWhatIsKeptGoBackToTheSystem) {
     EXPECT_TRUE(intact);
     releasePagesBeyond(array, array.capacity());  // nothing beyond the storage: nothing happens
     EXPECT_EQ(array[keep - 1], static_cast<std::uint32_t>((keep - 1) * 2654435761u));
-    EXPECT_EQ(likelyNeed(1000, 0.5), 501u);
-    EXPECT_EQ(likelyNeed(1000, 3.0), 1001u);  // never more than the last use
 }
 
 // Storage of a megabyte or more is mapped on its own, smaller storage comes from the heap: an array that
@@ -154,7 +133,7 @@ TEST(WorkingArrays, ArraysKeepTheirElementsAcrossTheSizeThatIsMapped) {
     EXPECT_EQ(small.back(), value(mapped));
 }
 
-TEST(TimeProfiler, SpanRunsFromTheLastStartAndPrintsWhenAskedAndAStopWithoutStartEntersNothing) {
+TEST(TimeProfiler, PrintsWhenAskedAndAStopWithoutStartEntersNothing) {
     TimeProfiler profiler;
     EXPECT_EQ(quiet([&] {
                   EXPECT_EQ(profiler.time_stop("x", true), 0.0);
@@ -162,19 +141,14 @@ TEST(TimeProfiler, SpanRunsFromTheLastStartAndPrintsWhenAskedAndAStopWithoutStar
               }),
               " time_stop error ( can not find x ) ! \n time_stop error ( can not find x ) ! \n");
     profiler.time_start("span");
-    std::this_thread::sleep_for(std::chrono::milliseconds(120));
-    profiler.time_start("span");  // restart
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    double first = 0, second = 0;
+    double first = -1, second = -1;
     const std::string out = quiet([&] { first = profiler.time_stop("span", true); });
-    EXPECT_GE(first, 19.0);
-    EXPECT_LT(first, 120.0);
     EXPECT_EQ(out.rfind(" span - elapsed time : ", 0), 0u);
     EXPECT_EQ(out.substr(out.size() - 5), " ms \n");
-    // A further stop measures from the same start.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    // A further stop measures from the same start, and prints nothing unasked.
     EXPECT_TRUE(quiet([&] { second = profiler.time_stop("span", false); }).empty());
-    EXPECT_GT(second, first);
+    EXPECT_GE(first, 0.0);
+    EXPECT_GE(second, first);
 }
 
 TEST(StepNames, WideTextBecomesUtf8) {
@@ -241,17 +215,10 @@ TEST(GpuSelection, DeviceInitRefusesBadIndexProhibitedAndPreCudaDevices) {
     EXPECT_EQ(fake.last_set_device, 0);
 }
 
-TEST(GpuSelection, InitGpuSelectsTheBestDeviceOrRetriesThreeTimesThenGivesUp) {
+TEST(GpuSelection, InitGpuSelectsTheBestDevice) {  // without one: EngineLifeCycle.InitWithoutUsableDevice...
+    FakeDevices fake({FakeDevice{0, 7, 5, 10, 1000000}, FakeDevice{0, 7, 5, 80, 1000000}});
     std::string message;
-    {
-        FakeDevices fake({FakeDevice{0, 7, 5, 10, 1000000}, FakeDevice{0, 7, 5, 80, 1000000}});
-        EXPECT_EQ(InitGPUCUDA(message), 0);
-        EXPECT_EQ(message, "sucess");
-        EXPECT_EQ(fake.last_set_device, 1);
-    }
-    FakeDevices fake(std::vector<FakeDevice>{});
-    const auto start = Clock::now();
-    EXPECT_EQ(InitGPUCUDA(message), 65793);
-    EXPECT_EQ(message, "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.");
-    EXPECT_GE(msSince(start), 300);  // a 100 ms pause after each of the three failures
+    EXPECT_EQ(InitGPUCUDA(message), 0);
+    EXPECT_EQ(message, "sucess");
+    EXPECT_EQ(fake.last_set_device, 1);
 }

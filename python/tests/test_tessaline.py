@@ -1,5 +1,6 @@
 """The Python module on shapes whose answer is known, its errors, its callback, and the files of the
 program as Open3D and meshio read them."""
+import inspect
 import json
 import os
 import pathlib
@@ -195,14 +196,7 @@ def _python(script, **popen):
     return subprocess.Popen([sys.executable, "-c", script], env=env, text=True, **popen)
 
 
-SPHERE = """
-import numpy as np, sys, threading, tessaline
-def sphere(n):
-    i = np.arange(n) + 0.5
-    phi, theta = np.arccos(1 - 2 * i / n), np.pi * (1 + 5**0.5) * i
-    normals = np.stack([np.cos(theta) * np.sin(phi), np.sin(theta) * np.sin(phi), np.cos(phi)], axis=1)
-    return 100.0 + 30.0 * normals, normals
-"""
+SPHERE = "import numpy as np, sys, threading, tessaline\n" + inspect.getsource(sphere)
 
 
 def test_ctrl_c_during_the_fusion_ends_the_run_with_keyboard_interrupt():
@@ -316,6 +310,15 @@ def test_the_example_runs():
     assert "triangles" in result.stdout and "steps reported: [1, 2, 3]" in result.stdout
 
 
+def _o3d_cloud(o3d, points, normals, colours=None):
+    """An Open3D point cloud of the points, normals and (0-1) colours."""
+    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
+    cloud.normals = o3d.utility.Vector3dVector(normals)
+    if colours is not None:
+        cloud.colors = o3d.utility.Vector3dVector(colours)
+    return cloud
+
+
 def _cli(*args):
     if not CLI:
         pytest.skip("the tessaline program was not built")
@@ -325,10 +328,8 @@ def _cli(*args):
 def test_open3d_and_meshio_read_the_words_and_normals_of_the_program_s_files(tmp_path):
     o3d = pytest.importorskip("open3d")
     points, normals = sphere(n=8000)
-    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
-    cloud.normals = o3d.utility.Vector3dVector(normals)
     source = tmp_path / "cloud.ply"
-    assert o3d.io.write_point_cloud(str(source), cloud)
+    assert o3d.io.write_point_cloud(str(source), _o3d_cloud(o3d, points, normals))
     words = tmp_path / "words.ply"
     result = _cli("reconstruct", source, "-o", words, "--resolution", "1.5")
     assert result.returncode == 0, result.stderr
@@ -353,12 +354,8 @@ def test_open3d_and_meshio_read_the_words_and_normals_of_the_program_s_files(tmp
 def test_the_program_reads_a_pcd_that_open3d_writes(tmp_path, ascii):
     o3d = pytest.importorskip("open3d")
     points, normals = sphere(n=8000)
-    colours = np.abs(normals)
-    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
-    cloud.normals = o3d.utility.Vector3dVector(normals)
-    cloud.colors = o3d.utility.Vector3dVector(colours)
     source = tmp_path / "cloud.pcd"
-    assert o3d.io.write_point_cloud(str(source), cloud, write_ascii=ascii)
+    assert o3d.io.write_point_cloud(str(source), _o3d_cloud(o3d, points, normals, np.abs(normals)), write_ascii=ascii)
     out = tmp_path / "mesh.ply"
     result = _cli("reconstruct", source, "-o", out, "--resolution", "1.5", "--json")
     assert result.returncode == 0, result.stderr
@@ -453,11 +450,9 @@ def test_colors_of_the_frames_colour_the_mesh(as_floats):
 def test_open3d_reads_the_colours_of_the_program_s_files(tmp_path):
     o3d = pytest.importorskip("open3d")
     points, normals = sphere()
-    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
-    cloud.normals = o3d.utility.Vector3dVector(normals)
-    cloud.colors = o3d.utility.Vector3dVector(np.where(normals[:, 2:] > 0, [1.0, 0, 0], [0, 0, 1.0]))
     source = tmp_path / "cloud.ply"
-    assert o3d.io.write_point_cloud(str(source), cloud)
+    red_above = np.where(normals[:, 2:] > 0, [1.0, 0, 0], [0, 0, 1.0])
+    assert o3d.io.write_point_cloud(str(source), _o3d_cloud(o3d, points, normals, red_above))
     for name in ["mesh.ply", "mesh.obj"]:
         result = _cli("reconstruct", source, "-o", tmp_path / name, "--json")
         assert result.returncode == 0, result.stderr

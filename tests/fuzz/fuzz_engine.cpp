@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <memory>
 
 #include "tessaline/Tessaline.h"
@@ -40,14 +39,7 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Bytes in(data, size);
-    static const float RESOLUTIONS[8] = {0.5f,
-                                         1.0f,
-                                         2.0f,
-                                         0.25f,
-                                         0.0f,
-                                         -1.0f,
-                                         std::numeric_limits<float>::quiet_NaN(),
-                                         std::numeric_limits<float>::infinity()};
+    static const float RESOLUTIONS[8] = {0.5f, 1.0f, 2.0f, 0.25f, 0.0f, -1.0f, NAN, INFINITY};
     Tessaline engine;
     if (engine.init() != 0) return 0;
     engine.setResolution(RESOLUTIONS[in.byte() % 8]);
