@@ -14,7 +14,7 @@
 #include "common/ThreadPool.h"
 #include "common/TimeProfiler.h"
 #include "contour/Reconstructor.h"
-#include "device/helper_cuda.h"
+#include "device/DeviceSelection.h"
 #include "engine/MarkerFilter.h"
 #include "fusion/MarchingCubes.h"
 #include "portion/Portioner.h"

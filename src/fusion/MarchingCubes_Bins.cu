@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <parallel/algorithm>
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
@@ -341,31 +340,6 @@ int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float log
         binsOfSortedPoints(chunk_dev, c, done, bins_header);
         done += c;
     }
-    return 0;
-}
-
-int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
-                                std::vector<BinsHeader>& bins_header) {
-    bins_header.clear();
-    const std::uint64_t n = block->points->size();
-    bool done = false;
-    if (n < m_raw_points_capacity && !m_on_host) {
-        done =
-            computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
-    }
-    if (!done) {
-        diagnostic("[warining]: memory lacked, generateBins on Host\n");
-        m_on_host = true;
-        bins_header.clear();
-        int result = computePointsHash_Chunked(*block, logic_coordinate);
-        if (result != 0) return result;
-        result = getBinsCenter_Chunked(*block, logic_coordinate, bins_header);
-        if (result != 0) return result;
-    }
-    // Bin ids come from an atomic counter; the order of their points is the one that does not change
-    // (the offsets differ, so the order is total and a parallel sort gives it too).
-    __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
-                         [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
     return 0;
 }
 

@@ -1,5 +1,6 @@
-// Host part of the Portioner: block sizing, the two passes over the frames, the batch double buffer on
-// a pool worker, and the block list.
+// The Portioner's steps: block sizing, the two passes over the frames, the batch double buffer on a pool
+// worker, and the block list. The passes' device steps are in PortionerPasses.cu, the host's partition in
+// PortionerPassesHost.cpp.
 #include "portion/Portioner.h"
 
 #include <algorithm>

@@ -4,7 +4,8 @@
 // Two passes over the frames: the first uploads positions and gathers the occupied block positions
 // every 1000 frames; between the passes the block list is closed and a table from position to block is
 // made; the second pass partitions batches of 500 frames on a pool worker while the caller fills the
-// next batch. The host part lives in Portioner.cpp, the kernels and device steps in Portioner_Device.cu.
+// next batch. The stage's steps live in Portioner.cpp, the kernels and device steps of the passes in
+// PortionerPasses.cu, and their host twin (the partition on the host's cores) in PortionerPassesHost.cpp.
 #pragma once
 
 #include <atomic>

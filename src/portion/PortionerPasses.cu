@@ -1,27 +1,22 @@
-// Device part of the Portioner: the buffers of both passes, the block computation of the first pass and
-// the partition of a batch. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
-#include <omp.h>
+// The device steps of the Portioner's two passes: their buffers, the block computation of the first pass
+// and the partition of a batch. Compiled by nvcc for the CUDA backend and as C++ for the host backend; the
+// partition on the host's cores, where device memory is host memory, is in PortionerPassesHost.cpp.
 #include <thrust/execution_policy.h>
 #include <thrust/scan.h>
 #include <thrust/sort.h>
 #include <thrust/system_error.h>
 #include <thrust/unique.h>
 
-#include <algorithm>
 #include <climits>
-#include <cmath>
-#include <cstdio>
-#include <deque>
-#include <new>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
-#include "common/HostMemory.h"
 #include "common/PointSort.h"
-#include "common/RunStop.h"
 #include "fusion/PointRuns.h"
-#include "portion/Portioner.h"
+#include "portion/PortionerPasses.h"
 
 namespace SurfaceReconstruction {
 
@@ -39,95 +34,6 @@ struct ComputeRawSurfaceBlockHashKernel {
         out[i].x = gridIndex(xyz[3 * i], block_res);
         out[i].y = gridIndex(xyz[3 * i + 1], block_res);
         out[i].z = gridIndex(xyz[3 * i + 2], block_res);
-    }
-};
-
-// The records of one point of a batch: one for its own block and one for each neighbour whose margin
-// holds it, in that order. Counted first, then written where the counts put them, so that a batch's
-// records come out in point order whatever the threads do.
-struct PartitionPoint {
-    const float* xyz;
-    const float* nor;
-    const std::int32_t* w;
-    const FrameInfo* frame_info;
-    const DeviceParameters* device_params;
-    std::int64_t n;
-    float block_res;
-    float half_ext;
-    const SimpleLineHashEntry* hash_entries;
-    std::uint64_t hash_mask;
-
-    // The record of a point, its entry still to be set.
-    TESSA_HD static RawPointWithHash record(const float position[3], const float normal[3], std::int32_t word,
-                                            std::uint8_t laser) {
-        RawPointWithHash point;
-        point.x = position[0];
-        point.y = position[1];
-        point.z = position[2];
-        point.nx = normal[0];
-        point.ny = normal[1];
-        point.nz = normal[2];
-        point.w = word;
-        point.hash = -1;
-        point.laser = laser;
-        point.padding = 0;
-        point.reserved_a = 0;
-        point.reserved_b = 0;
-        return point;
-    }
-
-    // The record of point i of the batch.
-    TESSA_HD RawPointWithHash recordPoint(std::size_t i) const {
-        const std::uint64_t frame = static_cast<std::uint64_t>(i) / device_params->MAX_FRAME_POINTS;
-        return record(xyz + 3 * i, nor + 3 * i, w[i], static_cast<std::uint8_t>(frame_info[frame].laser_id & 0xFF));
-    }
-
-    // Calls record(entry) for each record of point i; false for a point that makes none. `report` prints
-    // a point whose own block is missing from the table (which the first pass rules out).
-    template <class Record>
-    TESSA_HD bool forEachRecord(std::size_t i, Record&& record, bool report = false) const {
-        const float x = xyz[3 * i], y = xyz[3 * i + 1], z = xyz[3 * i + 2];
-        if (isNullPoint(x, y, z)) return false;  // an empty part of a frame slot, or a null return
-        const std::uint32_t mask = static_cast<std::uint32_t>(hash_mask);
-        const std::int32_t bx = gridIndex(x, block_res), by = gridIndex(y, block_res), bz = gridIndex(z, block_res);
-        const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
-        if (own < 0) {
-            if (report)
-                TESSA_KERNEL_REPORT(
-                    "processScanFrameListKernel: cur_hash_entry == nullptr, xyz(%f, %f, %f) cur_pos(%d, %d, %d) "
-                    "block_res(%f) hash_mask(%d)\n",
-                    x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
-            return false;
-        }
-        record(own);
-        // The margin first: most points lie far from every face and need no table lookup. A neighbour's
-        // margin holds the point when each axis does, so the three tests of each axis are made once.
-        const float half_block = block_res * 0.5f;
-        const float position[3] = {x, y, z};
-        const std::int32_t cell[3] = {bx, by, bz};
-        bool within[3][3];  // within[axis][d + 1]: the point lies in the margin of the neighbour at d
-        bool any_side = false;
-        for (int axis = 0; axis < 3; ++axis) {
-            for (int d = -1; d <= 1; ++d) {
-                const float centre = fmaf(static_cast<float>(cell[axis] + d), block_res, half_block);
-                within[axis][d + 1] = !(fabsf(position[axis] - centre) > half_ext);
-            }
-            any_side = any_side || within[axis][0] || within[axis][2];
-        }
-        if (!any_side) return true;
-        for (int dx = -1; dx <= 1; ++dx) {
-            if (!within[0][dx + 1]) continue;
-            for (int dy = -1; dy <= 1; ++dy) {
-                if (!within[1][dy + 1]) continue;
-                for (int dz = -1; dz <= 1; ++dz) {
-                    if (!within[2][dz + 1] || (dx == 0 && dy == 0 && dz == 0)) continue;
-                    const std::int32_t e = findLineHashEntry(hash_entries, mask, bx + dx, by + dy, bz + dz);
-                    if (e < 0) continue;  // no block behind this side
-                    record(e);
-                }
-            }
-        }
-        return true;
     }
 };
 
@@ -188,136 +94,6 @@ struct DetectBlockChangesKernel {
     }
 };
 
-#if !defined(TESSA_KERNEL_LAUNCH_CUDA)
-// Where device memory is host memory a batch goes onto the ends of its blocks' lists in one pass over its
-// points, each block's records in point order: the order that the counts, records, stable sort by block
-// and runs give elsewhere. Each thread makes the records of its share of the points into its own list
-// (kept for the next batch) and counts them by table entry; the shares' places in each block's list
-// follow from those counts, and every thread then writes its records into place.
-void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* entries, std::int64_t entry_count,
-                          std::vector<std::shared_ptr<PointCloudBlock>>& blocks,
-                          std::vector<std::vector<RawPointWithHash>>& thread_records) {
-    const std::int64_t n = partition.n;
-    const int team = std::max(1, omp_get_max_threads());
-    if (thread_records.size() < static_cast<std::size_t>(team)) thread_records.resize(static_cast<std::size_t>(team));
-    const std::size_t table = static_cast<std::size_t>(entry_count);
-    std::vector<std::int64_t> places(static_cast<std::size_t>(team) * table, 0);
-    std::vector<std::int32_t> words(static_cast<std::size_t>(team) * table, 0);  // OR of the records' words
-    std::vector<RawPointWithHash*> lists(table, nullptr);
-    bool failed = false;
-#pragma omp parallel num_threads(team)
-    {
-        const int t = omp_get_thread_num(), threads = omp_get_num_threads();
-        std::vector<RawPointWithHash>& records = thread_records[static_cast<std::size_t>(t)];
-        std::int64_t* mine = places.data() + static_cast<std::size_t>(t) * table;
-        std::int32_t* my_words = words.data() + static_cast<std::size_t>(t) * table;
-        records.clear();
-        try {
-            for (std::int64_t i = n * t / threads; i < n * (t + 1) / threads; ++i) {
-                RawPointWithHash point = partition.recordPoint(static_cast<std::size_t>(i));
-                partition.forEachRecord(
-                    static_cast<std::size_t>(i),
-                    [&](std::int32_t e) {
-                        point.hash = e;
-                        records.push_back(point);
-                        ++mine[e];
-                        my_words[e] |= point.w;
-                    },
-                    true);
-            }
-        } catch (...) {
-#pragma omp atomic write
-            failed = true;
-        }
-#pragma omp barrier
-#pragma omp for schedule(dynamic, 1024)
-        for (std::int64_t e = 0; e < entry_count; ++e) {
-            // The entry's shares, thread by thread, after what its block's list already holds.
-            std::int64_t total = 0;
-            std::int32_t word = 0;
-            for (int u = 0; u < threads; ++u) {
-                total += places[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
-                word |= words[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
-            }
-            if (total == 0) continue;
-            SimpleLineHashEntry& entry = entries[e];
-            entry.flags |= word;
-            PointCloudBlock& block = *blocks[static_cast<std::size_t>(entry.id)];
-            PointList& list = *block.points;
-            std::int64_t at = static_cast<std::int64_t>(list.size());
-            try {
-                list.resize(list.size() + static_cast<std::size_t>(total));
-            } catch (...) {
-#pragma omp atomic write
-                failed = true;
-                continue;
-            }
-            block.flags |= entry.flags;
-            lists[static_cast<std::size_t>(e)] = list.data();
-            for (int u = 0; u < threads; ++u) {
-                std::int64_t& share = places[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
-                const std::int64_t here = share;
-                share = at;
-                at += here;
-            }
-        }
-        if (!failed) {
-            for (const RawPointWithHash& record : records)
-                lists[static_cast<std::size_t>(record.hash)][mine[record.hash]++] = record;
-        }
-    }
-    if (failed) throw std::bad_alloc();
-}
-#endif
-
-// The frames still to be partitioned in shares of about equal points, each a run of consecutive frames:
-// share s holds frames [first[s], first[s + 1]).
-std::vector<std::size_t> frameShares(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames, int shares) {
-    std::uint64_t total = 0;
-    for (const auto& frame : frames) total += frame->xyz.size();
-    std::vector<std::size_t> first(static_cast<std::size_t>(shares) + 1, frames.size());
-    first[0] = 0;
-    std::uint64_t seen = 0;
-    int s = 1;
-    for (std::size_t f = 0; f < frames.size() && s < shares; ++f) {
-        seen += frames[f]->xyz.size();
-        while (s < shares && seen * static_cast<std::uint64_t>(shares) >= total * static_cast<std::uint64_t>(s))
-            first[static_cast<std::size_t>(s++)] = f + 1;
-    }
-    return first;
-}
-
-// The partition of one frame as the batches run it: its positions, nothing else read.
-PartitionPoint framePartition(const FrameDataWithInfo& frame, const SimpleLineHashEntry* entries, std::uint64_t mask,
-                              float block_res, float half_ext) {
-    return PartitionPoint{reinterpret_cast<const float*>(frame.xyz.data()), nullptr,   nullptr,  nullptr, nullptr,
-                          static_cast<std::int64_t>(frame.xyz.size()),      block_res, half_ext, entries, mask};
-}
-
-// The records each table entry will receive from each share of the frames still to be partitioned,
-// counted on the host's cores with the partition's own rule: counts[s * entry_count + e].
-void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames,
-                       const std::vector<std::size_t>& shares, const SimpleLineHashEntry* entries,
-                       std::uint64_t entry_count, std::uint64_t mask, float block_res, float half_ext,
-                       std::vector<std::int64_t>& counts) {
-    const std::size_t table = static_cast<std::size_t>(entry_count);
-    const std::int64_t share_count = static_cast<std::int64_t>(shares.size()) - 1;
-    counts.assign(static_cast<std::size_t>(share_count) * table, 0);
-    const std::atomic<bool>* stop = runStopFlag();
-#pragma omp parallel for schedule(dynamic, 1)
-    for (std::int64_t s = 0; s < share_count; ++s) {
-        std::int64_t* mine = counts.data() + static_cast<std::size_t>(s) * table;
-        for (std::size_t f = shares[static_cast<std::size_t>(s)];
-             f < shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
-            const FrameDataWithInfo& frame = *frames[f];
-            const PartitionPoint partition = framePartition(frame, entries, mask, block_res, half_ext);
-            for (std::size_t i = 0; i < frame.xyz.size(); ++i)
-                partition.forEachRecord(i, [mine](std::int32_t e) { ++mine[e]; });
-        }
-    }
-    stopPoint();  // the counts of a stopped run are incomplete: it ends here
-}
-
 // Sorts a block position list on the device and removes repeats; returns the new length.
 std::int64_t sortUniqueBlockPositions(RawSurfaceBlockPos* positions, std::int64_t n) {
     if (n <= 0) return 0;
@@ -347,102 +123,6 @@ int runBlockComputation(std::string& last_error, Step step) {
 }
 
 }  // namespace
-
-// ---- block lists -----------------------------------------------------------------------------------
-
-void Portioner::reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
-                                   float block_res, float ext_res) {
-    m_share_counts.clear();
-    m_frame_shares.clear();
-    if (m_waiting_frames.empty()) return;
-    try {
-        m_frame_shares = frameShares(m_waiting_frames, std::max(1, omp_get_max_threads()));
-        countBlockRecords(m_waiting_frames, m_frame_shares, entries, entry_count, mask, block_res,
-                          block_res * 0.5f + ext_res, m_share_counts);
-        const std::size_t table = static_cast<std::size_t>(entry_count);
-        for (std::size_t e = 0; e < table; ++e) {
-            std::int64_t total = 0;
-            for (std::size_t s = 0; s + 1 < m_frame_shares.size(); ++s) total += m_share_counts[s * table + e];
-            if (total == 0 || entries[e].id < 0) continue;
-            const std::size_t block = static_cast<std::size_t>(entries[e].id);
-            if (block < m_point_cloud_blocks.size())
-                m_point_cloud_blocks[block]->points->reserve(static_cast<std::size_t>(total));
-        }
-    } catch (const std::bad_alloc&) {
-        // Without the room made ahead the lists grow as the batches come: slower, nothing lost.
-        m_share_counts.clear();
-        m_frame_shares.clear();
-    }
-}
-
-int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
-    const SimpleLineHashEntry* entries = m_simple_line_hash_dev;
-    const std::size_t table = static_cast<std::size_t>(m_hash_entry_size);
-    const std::size_t share_count = m_frame_shares.size() - 1;
-    const float half_ext = block_res * 0.5f + ext_res;
-    // Each share's records of an entry go after those of the shares before it: the lists hold their
-    // records in frame and point order, as batch after batch puts them.
-    std::vector<PointList*> lists(table, nullptr);
-    std::vector<std::int64_t> places(m_share_counts.size()), totals(table, 0);
-    for (std::size_t e = 0; e < table; ++e) {
-        std::int64_t& total = totals[e];
-        for (std::size_t s = 0; s < share_count; ++s) {
-            places[s * table + e] = total;
-            total += m_share_counts[s * table + e];
-        }
-        if (total == 0) continue;
-        const std::int32_t id = entries[e].id;
-        if (id < 0 || static_cast<std::size_t>(id) >= m_point_cloud_blocks.size()) return 1;  // counted, but no block
-        PointList& list = *m_point_cloud_blocks[static_cast<std::size_t>(id)]->points;
-        if (!list.empty() || list.capacity() < static_cast<std::size_t>(total)) return 1;
-        lists[e] = &list;
-    }
-    // Every list has its room: from here on nothing is allocated and nothing fails.
-    for (std::size_t e = 0; e < table; ++e)
-        if (lists[e] != nullptr) lists[e]->resize(static_cast<std::size_t>(totals[e]));
-    std::vector<std::int32_t> words(m_share_counts.size(), 0);  // OR of the records' words
-    const std::int64_t shares = static_cast<std::int64_t>(share_count);
-    const std::atomic<bool>* stop = runStopFlag();
-    // Each frame is let go once its points are on the lists, and the heap gives what the frames held back
-    // to the system every PORTIONER_FRAME_BYTES_TRIMMED bytes: as the lists fill, the frames leave, and
-    // the pass holds about the larger of the two instead of both (where nobody else holds the frames).
-    std::atomic<std::uint64_t> let_go{0};
-#pragma omp parallel for schedule(dynamic, 1)
-    for (std::int64_t s = 0; s < shares; ++s) {
-        std::int64_t* place = places.data() + static_cast<std::size_t>(s) * table;
-        std::int32_t* word = words.data() + static_cast<std::size_t>(s) * table;
-        for (std::size_t f = m_frame_shares[static_cast<std::size_t>(s)];
-             f < m_frame_shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
-            const FrameDataWithInfo& frame = *m_waiting_frames[f];
-            const PartitionPoint partition = framePartition(frame, entries, m_hash_mask, block_res, half_ext);
-            // A laser id outside 0 to 7 is read as 0, as the batch's copy of the frame's information has it.
-            const std::int32_t laser_id = frame.frame_info.laser_id;
-            const std::uint8_t laser = static_cast<std::uint8_t>(laser_id < 0 || laser_id >= 8 ? 0 : laser_id);
-            for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
-                RawPointWithHash point =
-                    PartitionPoint::record(frame.xyz[i].data(), frame.nor[i].data(), frame.w[i], laser);
-                partition.forEachRecord(i, [&](std::int32_t e) {
-                    point.hash = e;
-                    (*lists[static_cast<std::size_t>(e)])[static_cast<std::size_t>(place[e]++)] = point;
-                    word[e] |= point.w;
-                });
-            }
-            const std::uint64_t bytes = frame.xyz.size() * (sizeof(Vec3f) * 2 + sizeof(std::int32_t));
-            m_waiting_frames[f].reset();
-            const std::uint64_t before = let_go.fetch_add(bytes);
-            if ((before + bytes) / PORTIONER_FRAME_BYTES_TRIMMED != before / PORTIONER_FRAME_BYTES_TRIMMED)
-                giveFreedHeapBack();
-        }
-    }
-    stopPoint();
-    for (std::size_t e = 0; e < table; ++e) {
-        if (lists[e] == nullptr) continue;
-        std::int32_t word = 0;
-        for (std::size_t s = 0; s < share_count; ++s) word |= words[s * table + e];
-        m_point_cloud_blocks[static_cast<std::size_t>(entries[e].id)]->flags |= word;
-    }
-    return 0;
-}
 
 // ---- buffers ---------------------------------------------------------------------------------------
 

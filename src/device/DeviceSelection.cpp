@@ -1,6 +1,6 @@
 // Device selection. The queries report through checkDeviceCall and never throw: a failed query leaves
 // the variable at its former value and the selection goes on.
-#include "device/helper_cuda.h"
+#include "device/DeviceSelection.h"
 
 #include <chrono>
 #include <cstdint>
