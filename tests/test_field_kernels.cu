@@ -33,8 +33,8 @@ struct NormalsKernel {
 template <class T>
 T* upload(const std::vector<T>& host) {
     T* dev = nullptr;
-    TESSA_DEVICE_CHECK(deviceMalloc(&dev, host.size() * sizeof(T) + 1), "cudaMalloc(&dev, n)");
-    TESSA_DEVICE_CHECK(deviceMemcpy(dev, host.data(), host.size() * sizeof(T), CopyKind::HostToDevice), "up");
+    TESSA_DEVICE_CHECK(deviceMalloc(&dev, host.size() * sizeof(T) + 1));
+    TESSA_DEVICE_CHECK(deviceMemcpy(dev, host.data(), host.size() * sizeof(T), CopyKind::HostToDevice));
     return dev;
 }
 
@@ -94,14 +94,13 @@ TEST(FieldKernels, NormalsOnTheDevicePathMatchTheHostPath) {
     VoxelFieldCenter* centres_dev = upload(std::vector<VoxelFieldCenter>(cells.size(), VoxelFieldCenter{}));
     launchKernel(cells.size(), NormalsKernel{cells_dev, static_cast<int>(cells.size()), relations_dev,
                                              static_cast<int>(relations.size()), points_dev, params_dev, centres_dev});
-    TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+    TESSA_DEVICE_CHECK(deviceSynchronize());
     std::vector<CellNode_Device> on_device(cells.size());
     TESSA_DEVICE_CHECK(
-        deviceMemcpy(on_device.data(), cells_dev, cells.size() * sizeof(CellNode_Device), CopyKind::DeviceToHost),
-        "down");
+        deviceMemcpy(on_device.data(), cells_dev, cells.size() * sizeof(CellNode_Device), CopyKind::DeviceToHost));
     for (void* p : {static_cast<void*>(cells_dev), static_cast<void*>(relations_dev), static_cast<void*>(points_dev),
                     static_cast<void*>(params_dev), static_cast<void*>(centres_dev)})
-        TESSA_DEVICE_CHECK(deviceFree(p), "cudaFree(p)");
+        TESSA_DEVICE_CHECK(deviceFree(p));
 
     int usable = 0, rejected = 0, sheets = 0;
     for (std::size_t i = 0; i < cells.size(); ++i) {

@@ -157,33 +157,23 @@ int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
             const std::size_t relation_bytes =
                 static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
             const std::size_t centre_bytes = static_cast<std::size_t>(cell_node_size) * sizeof(VoxelFieldCenter);
-            TESSA_DEVICE_CHECK(deviceMalloc(&cell_nodes_dev.ptr(), cell_bytes),
-                               "cudaMalloc(&cell_nodes_dev, cell_node_size * sizeof(CellNode_Device))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&relations_dev.ptr(), relation_bytes),
-                               "cudaMalloc(&relations_dev, relation_size * sizeof(RelationCell2Bins_Device))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes),
-                               "cudaMalloc(&voxel_field_centers_dev, cell_node_size * sizeof(VoxelFieldCenter))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&cell_nodes_dev.ptr(), cell_bytes));
+            TESSA_DEVICE_CHECK(deviceMalloc(&relations_dev.ptr(), relation_bytes));
+            TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes));
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice),
-                "cudaMemcpy(cell_nodes_dev, cell_nodes, cell_node_size * sizeof(CellNode_Device) , "
-                "cudaMemcpyHostToDevice)");
+                deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice));
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice),
-                "cudaMemcpy(relations_dev, relations, relation_size * sizeof(RelationCell2Bins_Device) , "
-                "cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes),
-                               "cudaMemset(voxel_field_centers_dev, 0, cell_node_size * sizeof(VoxelFieldCenter))");
+                deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice));
+            TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes));
             if (processMarchingCubeTask(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
                                         m_block_points_dev, voxel_field_centers_dev.ptr()) != 0) {
                 throw DeviceError();
             }
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost),
-                "cudaMemcpy(cell_nodes, cell_nodes_dev, cell_node_size * sizeof(CellNode_Device) , "
-                "cudaMemcpyDeviceToHost)");
-            cell_nodes_dev.release("cudaFree(cell_nodes_dev)");
-            relations_dev.release("cudaFree(relations_dev)");
-            voxel_field_centers_dev.release("cudaFree(voxel_field_centers_dev)");
+                deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost));
+            TESSA_DEVICE_RELEASE(cell_nodes_dev.ptr());
+            TESSA_DEVICE_RELEASE(relations_dev.ptr());
+            TESSA_DEVICE_RELEASE(voxel_field_centers_dev.ptr());
             return 0;
         });
 }

@@ -114,9 +114,7 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
     m_waiting_frames.push_back(frame);
     float* cur_device_xyz_ptr = m_raw_surface_xyz_dev + 3 * m_raw_surface_point_size;
     TESSA_DEVICE_CHECK(
-        deviceMemcpy(cur_device_xyz_ptr, frame->xyz.data(), pt_size * 3 * sizeof(float), CopyKind::HostToDevice),
-        "cudaMemcpy(cur_device_xyz_ptr, points_data.xyz.data() , pt_size * 3 * sizeof(float), "
-        "cudaMemcpyHostToDevice)");
+        deviceMemcpy(cur_device_xyz_ptr, frame->xyz.data(), pt_size * 3 * sizeof(float), CopyKind::HostToDevice));
     m_raw_surface_point_size += static_cast<std::int64_t>(pt_size);
     m_raw_surface_frame_size += 1;
 
@@ -186,11 +184,8 @@ int Portioner::preProcessForAddScanFrame() {
 
             reserveBlockPoints(simple_line_hash->getHashEntriesPtr(), m_hash_entry_size, m_hash_mask, block_res,
                                extRes());
-            TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
-                             m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),
-                "cudaMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(), m_hash_entry_size "
-                "* sizeof(SimpleLineHashEntry), cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
+                                            m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice));
             result = simple_line_hash->deInit();
             if (result != 0) {
                 m_last_error = "[Portioner] m_simple_line_hash->deInit() error!";

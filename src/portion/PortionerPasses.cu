@@ -128,17 +128,11 @@ int runBlockComputation(std::string& last_error, Step step) {
 
 int Portioner::initRawSurface_Device(std::uint64_t capacity) {
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
-        TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
-        TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev);
+        TESSA_DEVICE_RELEASE(m_raw_surface_block_dev);
         m_raw_surface_capacity = 0;
-        TESSA_DEVICE_CHECK(
-            deviceMalloc(&m_raw_surface_xyz_dev, capacity * 3 * sizeof(float)),
-            "cudaMalloc(&m_raw_surface_xyz_dev , PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
-            "* 3 * sizeof(float))");
-        TESSA_DEVICE_CHECK(
-            deviceMalloc(&m_raw_surface_block_dev, capacity * sizeof(RawSurfaceBlockPos)),
-            "cudaMalloc(&m_raw_surface_block_dev, PORTIONER_MAX_RAW_SURFACE_POINTS_SIZE(MAX_FRAME_POINTS) "
-            "* sizeof(RawSurfaceBlockPos))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_surface_xyz_dev, capacity * 3 * sizeof(float)));
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_surface_block_dev, capacity * sizeof(RawSurfaceBlockPos)));
         m_raw_surface_capacity = capacity;
         return 0;
     });
@@ -146,8 +140,8 @@ int Portioner::initRawSurface_Device(std::uint64_t capacity) {
 
 int Portioner::deInitRawSurface_Device() {
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
-        TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev, "cudaFree(m_raw_surface_xyz_dev)");
-        TESSA_DEVICE_RELEASE(m_raw_surface_block_dev, "cudaFree(m_raw_surface_block_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_surface_xyz_dev);
+        TESSA_DEVICE_RELEASE(m_raw_surface_block_dev);
         m_raw_surface_capacity = 0;
         return 0;
     });
@@ -177,26 +171,14 @@ int Portioner::initPartition_Device() {
         m_last_error, {TESSALINE_PARTITION_DEVICE, "[Portioner] setRawSurfacePoints try catch device error!"},
         {TESSALINE_OUT_OF_MEMORY, "[Portioner] setRawSurfacePoints try catch error!"}, [&]() -> int {
             const std::size_t batch_points = static_cast<std::size_t>(m_batch_slots) * m_slot_points;
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)),
-                               "cudaMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)));
             // Where device memory is host memory the kernels read the host batch itself.
             if (!deviceMemoryIsHostMemory()) {
-                TESSA_DEVICE_CHECK(
-                    deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)),
-                    "cudaMalloc(&m_computing_frames_dev.xyz, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
-                    "sizeof(float))");
-                TESSA_DEVICE_CHECK(
-                    deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)),
-                    "cudaMalloc(&m_computing_frames_dev.nor, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * 3 * "
-                    "sizeof(float))");
-                TESSA_DEVICE_CHECK(
-                    deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)),
-                    "cudaMalloc(&m_computing_frames_dev.w, PORTIONER_MAX_FRAME_SIZE * MAX_FRAME_POINTS * "
-                    "sizeof(int))");
+                TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)));
+                TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.nor, batch_points * 3 * sizeof(float)));
+                TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.w, batch_points * sizeof(int)));
                 TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.frame_info,
-                                                static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)),
-                                   "cudaMalloc(&m_computing_frames_dev.frame_info , PORTIONER_MAX_FRAME_SIZE * "
-                                   "sizeof(SurfaceReconstruction::FrameInfo))");
+                                                static_cast<std::size_t>(m_batch_slots) * sizeof(FrameInfo)));
             }
             // Four records a slot point cover a batch unless most points sit in margins; a batch that needs
             // more grows the buffer and runs again.
@@ -204,22 +186,14 @@ int Portioner::initPartition_Device() {
                                            ? m_raw_points_capacity_request
                                            : static_cast<std::uint64_t>(batch_points) * 4;
             if (raw_points == 0) raw_points = 1;
-            TESSA_DEVICE_CHECK(
-                deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
-                "cudaMalloc(&m_raw_points_hash_dev, MAX_FRAME_POINTS * 2000 * sizeof(RawPointWithHash))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)));
             m_raw_points_capacity = raw_points;
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
-                               "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)));
             TESSA_DEVICE_CHECK(
-                deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)),
-                "cudaMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData))");
+                deviceMalloc(&m_block_changes_data_dev, PORTIONER_MAX_BLOCK_CHANGES * sizeof(BlockChangesData)));
             m_block_changes_capacity = PORTIONER_MAX_BLOCK_CHANGES;
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)),
-                               "cudaMalloc(&m_block_changes_size_dev, sizeof(int))");
-            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
-                                "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
-                                "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
-                                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_size_dev, sizeof(int)));
+            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params);
             return 0;
         });
 }
@@ -230,36 +204,33 @@ int Portioner::deInitPartition_Device() {
                           m_adding_frames.reset();
                           m_computing_frames.reset();
                           std::vector<std::vector<RawPointWithHash>>().swap(m_thread_records);
-                          TESSA_DEVICE_RELEASE(m_simple_line_hash_dev, "cudaFree(m_simple_line_hash_dev)");
-                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz, "cudaFree(m_computing_frames_dev.xyz)");
-                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor, "cudaFree(m_computing_frames_dev.nor)");
-                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.w, "cudaFree(m_computing_frames_dev.w)");
-                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.frame_info,
-                                               "cudaFree(m_computing_frames_dev.frame_info)");
-                          TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+                          TESSA_DEVICE_RELEASE(m_simple_line_hash_dev);
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz);
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor);
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.w);
+                          TESSA_DEVICE_RELEASE(m_computing_frames_dev.frame_info);
+                          TESSA_DEVICE_RELEASE(m_raw_points_hash_dev);
                           m_raw_points_capacity = 0;
-                          TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
-                          TESSA_DEVICE_RELEASE(m_block_changes_data_dev, "cudaFree(m_block_changes_data_dev)");
+                          TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev);
+                          TESSA_DEVICE_RELEASE(m_block_changes_data_dev);
                           m_block_changes_capacity = 0;
-                          TESSA_DEVICE_RELEASE(m_block_changes_size_dev, "cudaFree(m_block_changes_size_dev)");
-                          TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
+                          TESSA_DEVICE_RELEASE(m_block_changes_size_dev);
+                          TESSA_DEVICE_RELEASE(m_device_params_dev);
                           return 0;
                       });
 }
 
 int Portioner::growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_t changes) {
     if (raw_points > m_raw_points_capacity) {
-        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev);
         m_raw_points_capacity = 0;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)),
-                           "cudaMalloc(&m_raw_points_hash_dev, raw_points_hash_size * sizeof(RawPointWithHash))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_dev, raw_points * sizeof(RawPointWithHash)));
         m_raw_points_capacity = raw_points;
     }
     if (changes > m_block_changes_capacity) {
-        TESSA_DEVICE_RELEASE(m_block_changes_data_dev, "cudaFree(m_block_changes_data_dev)");
+        TESSA_DEVICE_RELEASE(m_block_changes_data_dev);
         m_block_changes_capacity = 0;
-        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_data_dev, changes * sizeof(BlockChangesData)),
-                           "cudaMalloc(&m_block_changes_data_dev, changes_size * sizeof(BlockChangesData))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&m_block_changes_data_dev, changes * sizeof(BlockChangesData)));
         m_block_changes_capacity = changes;
     }
     return 0;
@@ -272,15 +243,13 @@ int Portioner::computeRawSurfaceBlock_Device(float block_res) {
         const std::int64_t n = m_raw_surface_point_size;
         launchKernel(static_cast<std::size_t>(n),
                      ComputeRawSurfaceBlockHashKernel{m_raw_surface_xyz_dev, n, block_res, m_raw_surface_block_dev});
-        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        TESSA_DEVICE_CHECK(deviceSynchronize());
         const std::int64_t unique_hash_size = sortUniqueBlockPositions(m_raw_surface_block_dev, n);
         const std::size_t ori_size = m_raw_surface_block_vec.size();
         m_raw_surface_block_vec.resize(ori_size + static_cast<std::size_t>(unique_hash_size));
         TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_vec.data() + ori_size, m_raw_surface_block_dev,
                                         static_cast<std::size_t>(unique_hash_size) * sizeof(RawSurfaceBlockPos),
-                                        CopyKind::DeviceToHost),
-                           "cudaMemcpy(m_raw_surface_block_vec.data() + ori_size, m_raw_surface_block_dev , "
-                           "unique_hash_size * sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
+                                        CopyKind::DeviceToHost));
         ++m_block_computations;
     });
 }
@@ -293,17 +262,13 @@ int Portioner::reOrganizeRawSurfaceBlock_Device() {
     }
     return runBlockComputation(m_last_error, [&] {
         TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_dev, m_raw_surface_block_vec.data(),
-                                        total_block_size * sizeof(RawSurfaceBlockPos), CopyKind::HostToDevice),
-                           "cudaMemcpy(m_raw_surface_block_dev, m_raw_surface_block_vec.data(), total_block_size * "
-                           "sizeof(RawSurfaceBlockPos), cudaMemcpyHostToDevice)");
+                                        total_block_size * sizeof(RawSurfaceBlockPos), CopyKind::HostToDevice));
         const std::int64_t unique_hash_size =
             sortUniqueBlockPositions(m_raw_surface_block_dev, static_cast<std::int64_t>(total_block_size));
         m_raw_surface_block_vec.resize(static_cast<std::size_t>(unique_hash_size));
         TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_surface_block_vec.data(), m_raw_surface_block_dev,
                                         static_cast<std::size_t>(unique_hash_size) * sizeof(RawSurfaceBlockPos),
-                                        CopyKind::DeviceToHost),
-                           "cudaMemcpy(m_raw_surface_block_vec.data(), m_raw_surface_block_dev , unique_hash_size * "
-                           "sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
+                                        CopyKind::DeviceToHost));
     });
 }
 
@@ -314,26 +279,20 @@ int Portioner::computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz,
         const std::size_t n = static_cast<std::size_t>(points_size);
         ScopedDeviceBuffer<RawSurfaceBlockPos> raw_surface_block_dev;
         ScopedDeviceBuffer<float> points_data_xyz_dev;
-        TESSA_DEVICE_CHECK(deviceMalloc(&raw_surface_block_dev.ptr(), n * sizeof(RawSurfaceBlockPos)),
-                           "cudaMalloc(&raw_surface_block_dev, points_size * sizeof(RawSurfaceBlockPos))");
-        TESSA_DEVICE_CHECK(deviceMalloc(&points_data_xyz_dev.ptr(), n * 3 * sizeof(float)),
-                           "cudaMalloc(&points_data_xyz_dev, points_size * 3 * sizeof(float))");
+        TESSA_DEVICE_CHECK(deviceMalloc(&raw_surface_block_dev.ptr(), n * sizeof(RawSurfaceBlockPos)));
+        TESSA_DEVICE_CHECK(deviceMalloc(&points_data_xyz_dev.ptr(), n * 3 * sizeof(float)));
         TESSA_DEVICE_CHECK(
-            deviceMemcpy(points_data_xyz_dev.ptr(), model_xyz.data(), n * 3 * sizeof(float), CopyKind::HostToDevice),
-            "cudaMemcpy(points_data_xyz_dev, points_data_xyz , points_size * 3 * sizeof(float), "
-            "cudaMemcpyHostToDevice)");
+            deviceMemcpy(points_data_xyz_dev.ptr(), model_xyz.data(), n * 3 * sizeof(float), CopyKind::HostToDevice));
         launchKernel(n, ComputeRawSurfaceBlockHashKernel{points_data_xyz_dev.ptr(), points_size, block_res,
                                                          raw_surface_block_dev.ptr()});
-        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        TESSA_DEVICE_CHECK(deviceSynchronize());
         const std::int64_t unique_hash_size = sortUniqueBlockPositions(raw_surface_block_dev.ptr(), points_size);
         out.resize(static_cast<std::size_t>(unique_hash_size));
         TESSA_DEVICE_CHECK(deviceMemcpy(out.data(), raw_surface_block_dev.ptr(),
                                         static_cast<std::size_t>(unique_hash_size) * sizeof(RawSurfaceBlockPos),
-                                        CopyKind::DeviceToHost),
-                           "cudaMemcpy(raw_surface_block_vec.data(), raw_surface_block_dev , unique_hash_size * "
-                           "sizeof(RawSurfaceBlockPos), cudaMemcpyDeviceToHost)");
-        points_data_xyz_dev.release("cudaFree(points_data_xyz_dev)");
-        raw_surface_block_dev.release("cudaFree(raw_surface_block_dev)");
+                                        CopyKind::DeviceToHost));
+        TESSA_DEVICE_RELEASE(points_data_xyz_dev.ptr());
+        TESSA_DEVICE_RELEASE(raw_surface_block_dev.ptr());
     });
 }
 
@@ -351,24 +310,14 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                                          const_cast<FrameInfo*>(batch.frame_info.data())};
             if (!deviceMemoryIsHostMemory()) {
                 TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.xyz, batch.xyz.data(),
-                                                points * sizeof(float) * 3, CopyKind::HostToDevice),
-                                   "cudaMemcpy(m_computing_frames_dev.xyz, m_computing_frames->xyz , max_point_size * "
-                                   "sizeof(float) * 3, cudaMemcpyHostToDevice)");
+                                                points * sizeof(float) * 3, CopyKind::HostToDevice));
                 TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.nor, batch.nor.data(),
-                                                points * sizeof(float) * 3, CopyKind::HostToDevice),
-                                   "cudaMemcpy(m_computing_frames_dev.nor, m_computing_frames->nor , max_point_size * "
-                                   "sizeof(float) * 3, cudaMemcpyHostToDevice)");
-                TESSA_DEVICE_CHECK(
-                    deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int),
-                                 CopyKind::HostToDevice),
-                    "cudaMemcpy(m_computing_frames_dev.w, m_computing_frames->w , max_point_size * sizeof(int), "
-                    "cudaMemcpyHostToDevice)");
-                TESSA_DEVICE_CHECK(
-                    deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
-                                 static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
-                                 CopyKind::HostToDevice),
-                    "cudaMemcpy(m_computing_frames_dev.frame_info, m_computing_frames->frame_info , "
-                    "m_computing_frame_size * sizeof(SurfaceReconstruction::FrameInfo), cudaMemcpyHostToDevice)");
+                                                points * sizeof(float) * 3, CopyKind::HostToDevice));
+                TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.w, batch.w.data(), points * sizeof(int),
+                                                CopyKind::HostToDevice));
+                TESSA_DEVICE_CHECK(deviceMemcpy(m_computing_frames_dev.frame_info, batch.frame_info.data(),
+                                                static_cast<std::size_t>(m_computing_frame_size) * sizeof(FrameInfo),
+                                                CopyKind::HostToDevice));
                 frames_dev = m_computing_frames_dev;
             }
 
@@ -385,10 +334,8 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
 #endif
             // Count the records first: the output buffer is made big enough before anything is written.
             ScopedDeviceBuffer<std::int64_t> offsets_dev;
-            TESSA_DEVICE_CHECK(deviceMalloc(&offsets_dev.ptr(), (points + 1) * sizeof(std::int64_t)),
-                               "cudaMalloc(&offsets_dev, (max_point_size + 1) * sizeof(std::int64_t))");
-            TESSA_DEVICE_CHECK(deviceMemset(offsets_dev.ptr() + points, 0, sizeof(std::int64_t)),
-                               "cudaMemset(offsets_dev + max_point_size, 0, sizeof(std::int64_t))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&offsets_dev.ptr(), (points + 1) * sizeof(std::int64_t)));
+            TESSA_DEVICE_CHECK(deviceMemset(offsets_dev.ptr() + points, 0, sizeof(std::int64_t)));
             launchKernel(points, CountPartitionRecordsKernel{partition, offsets_dev.ptr()});
             {
                 const DeviceScope scope;
@@ -397,9 +344,7 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             }
             std::int64_t records = 0;
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(&records, offsets_dev.ptr() + points, sizeof(std::int64_t), CopyKind::DeviceToHost),
-                "cudaMemcpy(&records, offsets_dev + max_point_size, sizeof(std::int64_t), "
-                "cudaMemcpyDeviceToHost)");
+                deviceMemcpy(&records, offsets_dev.ptr() + points, sizeof(std::int64_t), CopyKind::DeviceToHost));
             if (records > INT32_MAX) throw std::runtime_error("a batch of more records than an int holds");
             if (static_cast<std::uint64_t>(records) > m_raw_points_capacity) {
                 growPartitionOutput_Device(static_cast<std::uint64_t>(records), 0);
@@ -408,13 +353,10 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             const int raw_points_hash_size = static_cast<int>(records);
             launchKernel(points, ProcessScanFrameListKernel{partition, offsets_dev.ptr(), m_simple_line_hash_dev,
                                                             m_raw_points_hash_dev});
-            offsets_dev.release("cudaFree(offsets_dev)");
+            TESSA_DEVICE_RELEASE(offsets_dev.ptr());
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_raw_points_hash_size_dev, &raw_points_hash_size, sizeof(int), CopyKind::HostToDevice),
-                "cudaMemcpy(m_raw_points_hash_size_dev, &raw_points_hash_size, sizeof(int), "
-                "cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
-                               "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+                deviceMemcpy(m_raw_points_hash_size_dev, &raw_points_hash_size, sizeof(int), CopyKind::HostToDevice));
+            TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)));
             // Grouped by block, each block's records in point order.
             sortPointsByHashStable(m_raw_points_hash_dev, raw_points_hash_size);
 
@@ -422,24 +364,19 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                          CountHashRunsKernel{m_raw_points_hash_dev, raw_points_hash_size, m_block_changes_size_dev});
             int changes_size = 0;
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+                deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost));
             growPartitionOutput_Device(0, static_cast<std::uint64_t>(changes_size));
-            TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)),
-                               "cudaMemset(m_block_changes_size_dev, 0, sizeof(int))");
+            TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)));
 
             launchKernel(
                 static_cast<std::size_t>(raw_points_hash_size),
                 DetectBlockChangesKernel{m_raw_points_hash_dev, m_raw_points_hash_size_dev, m_simple_line_hash_dev,
                                          m_block_changes_data_dev, m_block_changes_size_dev});
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                "cudaMemcpy(&changes_size, m_block_changes_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+                deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost));
             std::vector<BlockChangesData> changes_data(static_cast<std::size_t>(changes_size));
             TESSA_DEVICE_CHECK(deviceMemcpy(changes_data.data(), m_block_changes_data_dev,
-                                            changes_data.size() * sizeof(BlockChangesData), CopyKind::DeviceToHost),
-                               "cudaMemcpy(changes_data.data(), m_block_changes_data_dev , changes_size * "
-                               "sizeof(BlockChangesData), cudaMemcpyDeviceToHost)");
+                                            changes_data.size() * sizeof(BlockChangesData), CopyKind::DeviceToHost));
 
             for (const BlockChangesData& change : changes_data) {
                 PointCloudBlock& block = *m_point_cloud_blocks[static_cast<std::size_t>(change.block_id)];
@@ -449,9 +386,7 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                 list.resize(ori_size + static_cast<std::size_t>(change.points_num));
                 TESSA_DEVICE_CHECK(deviceMemcpy(list.data() + ori_size, m_raw_points_hash_dev + change.offset,
                                                 static_cast<std::size_t>(change.points_num) * sizeof(RawPointWithHash),
-                                                CopyKind::DeviceToHost),
-                                   "cudaMemcpy(ori_points_ptr, cur_device_ptr , changes_data[idx].points_num * "
-                                   "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+                                                CopyKind::DeviceToHost));
             }
             return 0;
         });
