@@ -159,7 +159,7 @@ int MarchingCubes::processBlock(const std::shared_ptr<PointCloudBlock>& block) {
 
     stopPoint();
     profiler.time_start("mc-step3");
-    result = computeFiledData(block, bins_header, *cells);
+    result = computeFields(block, *cells);
     if (result != 0) return result;
     // The relations and the sheets' centres, which only the field passes read, give their pages back now
     // (the arrays stay for the next block), so that the next block's cells and searches do not find them
@@ -211,6 +211,28 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
     __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
                          [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
     return 0;
+}
+
+// The device computes the block when its memory holds the cells, relations and centres and the block's
+// points are still there; otherwise the host does, with the same arithmetic.
+int MarchingCubes::computeFields(const std::shared_ptr<PointCloudBlock>& block, CellNodeAndRelations& cells) {
+    const std::int64_t cell_node_size = cells.cell_node_size.load();
+    const std::int64_t relation_size = cells.relation_size.load();
+    if (cell_node_size == 0 || relation_size == 0) return 0;
+    const std::size_t need =
+        static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
+        static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
+    // After the chunked bins the block's sorted points are on the host only: the device path needs them.
+    if (!m_on_host && deviceMemoryAvailable(need)) {
+        // Where device memory is host memory and kernels round as the host does, the host's own passes
+        // serve as the device path, with the vector walks where the processor has them.
+        if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST && hostFieldWalksAvailable())
+            return computeFieldOnHost(*block, cells, fieldViews(), true);
+        return computeFieldOnDevice(cells, fieldViews());
+    }
+    diagnostic("[warining]: memory lacked, computeFiledData on Host\n");
+    m_on_host = true;
+    return computeFieldOnHost(*block, cells, fieldViews(), true);
 }
 
 int MarchingCubes::deInit() {

@@ -14,6 +14,7 @@
 #include "common/PointRecords.h"
 #include "common/PointSort.h"
 #include "device/DeviceLayer.h"
+#include "field/FieldPasses.h"
 #include "field/HostFieldWalks.h"
 #include "volume/FieldDataPool.h"
 
@@ -138,18 +139,14 @@ private:
     }
     std::int32_t findBinInTable(std::int32_t x, std::int32_t y, std::int32_t z) const;
 
-    // The three passes of the field computation over a block's cells: on the device when its memory
-    // holds the arrays and the block's points are still there, on the host otherwise.
-    int computeFiledData(const std::shared_ptr<PointCloudBlock>& block, const std::vector<BinsHeader>& bins_header,
-                         CellNodeAndRelations& cells);
-    int computeFiledData_Device(CellNodeAndRelations& cells);
-    int processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
-                                RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
-                                VoxelFieldCenter* voxel_field_centers_dev);
-    // With `points_may_go`, the block's points are given up once the vector walks have them as columns:
-    // from there on only the columns are read, and the block is not held twice.
-    int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells,
-                                      bool points_may_go = false);
+    // The three passes of the field computation over a block's cells (field/FieldPasses.h): on the device
+    // when its memory holds the arrays and the block's points are still there, on the host otherwise.
+    int computeFields(const std::shared_ptr<PointCloudBlock>& block, CellNodeAndRelations& cells);
+    // What the passes read and keep, lent from the stage's members.
+    FieldPassViews fieldViews() {
+        return {*m_device_params,       m_device_params_dev, m_block_points_dev,
+                m_cell_buffers.centres, m_point_columns,     m_last_error};
+    }
     // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
     // Gives the number of sheets stored.
     std::int64_t saveFieldData(const CellNodeAndRelations& cells);
