@@ -25,26 +25,6 @@ MarchingCubes::~MarchingCubes() {
     if (m_inited) deInit();
 }
 
-int MarchingCubes::setDeviceParams(const std::shared_ptr<DeviceParameters>& params) {
-    m_device_params = params;
-    return 0;
-}
-
-int MarchingCubes::setPortionerParams(const std::shared_ptr<PortionerParameters>& params) {
-    m_portioner_params = params;
-    return 0;
-}
-
-int MarchingCubes::setThreadPool(const std::weak_ptr<ThreadPool>& pool) {
-    m_thread_pool = pool;
-    return 0;
-}
-
-int MarchingCubes::setResolution(float resolution) {
-    m_resolution = resolution;
-    return 0;
-}
-
 int MarchingCubes::init() {
     m_inited = false;
     return runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
@@ -55,13 +35,13 @@ int MarchingCubes::init() {
 }
 
 int MarchingCubes::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     m_hash_octree = octree;
     return 0;
 }
 
 int MarchingCubes::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     m_field_data_pool = pool;
     return 0;
 }
@@ -72,7 +52,7 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
 }
 
 int MarchingCubes::processBlock(const std::shared_ptr<PointCloudBlock>& block) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_hash_octree) {
         m_last_error = "[MarchingCubes] process error , m_hash_octree == nullptr !";
         return 1;

@@ -13,6 +13,7 @@
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
 #include "common/PointSort.h"
+#include "common/RunStage.h"
 #include "device/DeviceLayer.h"
 #include "field/FieldPasses.h"
 #include "field/HostFieldWalks.h"
@@ -22,7 +23,6 @@ namespace SurfaceReconstruction {
 
 class HashOctree;
 class SimpleLineHash;
-class ThreadPool;
 struct TestAccess;
 
 // Free device memory kept on every test of the stage.
@@ -79,17 +79,10 @@ struct CellBuildBuffers {
     void release();
 };
 
-class MarchingCubes {
+class MarchingCubes : public RunStage {
 public:
     MarchingCubes() = default;
     ~MarchingCubes();
-    MarchingCubes(const MarchingCubes&) = delete;
-    MarchingCubes& operator=(const MarchingCubes&) = delete;
-
-    int setDeviceParams(const std::shared_ptr<DeviceParameters>& params);
-    int setPortionerParams(const std::shared_ptr<PortionerParameters>& params);
-    int setThreadPool(const std::weak_ptr<ThreadPool>& pool);
-    int setResolution(float resolution);
 
     int init();
     int setHashOctree(const std::shared_ptr<HashOctree>& octree);
@@ -101,11 +94,8 @@ public:
     int deInitDevice();
     int deInit();
 
-    std::string getLastError() const { return m_last_error; }
-    bool isInited() const { return m_inited; }
     // What the field computation's rules decided for the cells of the run so far.
     const CellRuleCounts& cellRuleCounts() const { return m_rule_counts; }
-    float resolution() const { return m_resolution; }
 
 private:
     int processBlock(const std::shared_ptr<PointCloudBlock>& block);
@@ -158,12 +148,6 @@ private:
     int getBinsCenter_Chunked(PointCloudBlock& block, const float logic_coordinate[3],
                               std::vector<BinsHeader>& bins_header);
 
-    bool m_inited = false;
-    std::string m_last_error = "no error!";
-    float m_resolution = 0.5f;
-    std::shared_ptr<DeviceParameters> m_device_params;
-    std::shared_ptr<PortionerParameters> m_portioner_params;
-    std::weak_ptr<ThreadPool> m_thread_pool;
     bool m_on_host = false;
     std::shared_ptr<SimpleLineHash> m_block_loc_hash;
     std::shared_ptr<HashOctree> m_hash_octree;

@@ -124,7 +124,7 @@ struct GetBinsScaleKernel {
 // ---- buffers ---------------------------------------------------------------------------------------
 
 int MarchingCubes::initDevice(std::uint64_t max_points) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_device_params || !m_portioner_params) {
         m_last_error = "[MarchingCubes] initDevice try catch error! \n";
         return 1;

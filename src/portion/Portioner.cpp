@@ -24,26 +24,6 @@ Portioner::~Portioner() {
     if (m_inited) deInit();
 }
 
-int Portioner::setDeviceParams(const std::shared_ptr<DeviceParameters>& params) {
-    m_device_params = params;
-    return 0;
-}
-
-int Portioner::setPortionerParams(const std::shared_ptr<PortionerParameters>& params) {
-    m_portioner_params = params;
-    return 0;
-}
-
-int Portioner::setThreadPool(const std::weak_ptr<ThreadPool>& pool) {
-    m_thread_pool = pool;
-    return 0;
-}
-
-int Portioner::setResolution(float resolution) {
-    m_resolution = resolution;
-    return 0;
-}
-
 float Portioner::blockRes() const { return static_cast<float>(m_portioner_params->block_size) * m_resolution; }
 
 float Portioner::extRes() const { return static_cast<float>(m_portioner_params->ext_size) * m_resolution; }
@@ -89,7 +69,7 @@ int Portioner::deInit() {
 // ---- first pass --------------------------------------------------------------------------------------
 
 int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed || !frame) return 1;
     if (!frameFits(*frame)) return 1;
     const std::uint64_t pt_size = frame->xyz.size();
@@ -224,7 +204,7 @@ int Portioner::waitForBatch() {
 int Portioner::processScanFrameList_Task() { return processScanFrameList_Device(blockRes(), extRes()); }
 
 int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed || !frame || !m_adding_frames) return 1;
     const std::size_t pt_size = frame->xyz.size();
     if (pt_size > m_slot_points || m_adding_frame_size >= m_batch_slots) return 1;
@@ -270,7 +250,7 @@ int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& f
 }
 
 int Portioner::finishScanFrames() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed) return 1;
     if (waitForBatch() != 0) return 1;
     std::swap(m_adding_frames, m_computing_frames);
@@ -315,7 +295,7 @@ void Portioner::sortBlocksBySize() {
 }
 
 int Portioner::processWithoutModel() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed) return 1;
     if (m_model_set) {
         m_last_error = "[Portioner] processWithoutModel: the blocks already come from a model!";
@@ -377,7 +357,7 @@ int Portioner::processWithoutModel() {
 // ---- the model path --------------------------------------------------------------------------------
 
 int Portioner::setSimplifiedModel(const std::vector<Vec3f>& model) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_model_set || !m_raw_surface_block_vec.empty() || m_raw_surface_point_size > 0 || !m_waiting_frames.empty()) {
         m_last_error = "[Portioner] setSimplifiedModel: the run has already begun!";
         return 1;
@@ -396,7 +376,7 @@ int Portioner::setSimplifiedModel(const std::vector<Vec3f>& model) {
 }
 
 int Portioner::processWithModel() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_model_set) {
         m_last_error = "[Portioner] processWithModel: no model was set!";
         return 1;
@@ -411,13 +391,13 @@ int Portioner::processWithModel() {
 // ---- the block list --------------------------------------------------------------------------------
 
 int Portioner::getMaxBlockPointsSize() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_point_cloud_blocks.empty() || !m_point_cloud_blocks.front()) return 0;
     return static_cast<int>(m_point_cloud_blocks.front()->points->size());
 }
 
 int Portioner::getPointCloudBlockCount() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     return static_cast<int>(m_point_cloud_blocks.size());
 }
 
@@ -428,7 +408,7 @@ int Portioner::takePointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std:
 }
 
 int Portioner::getPointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (static_cast<std::uint64_t>(static_cast<std::int64_t>(index)) >= m_point_cloud_blocks.size()) {
         m_last_error = "no cur block id!";
         return 1;

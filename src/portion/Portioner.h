@@ -22,13 +22,13 @@
 #include "common/MemoryFailure.h"
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
+#include "common/RunStage.h"
 #include "common/SimpleLineHash.h"
 #include "device/DeviceLayer.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
 
-class ThreadPool;
 struct TestAccess;
 
 // Frames in a batch; frame slots in a batch buffer.
@@ -120,17 +120,10 @@ struct HostFrameBatch {
     std::vector<std::uint32_t> slot_points;
 };
 
-class Portioner {
+class Portioner : public RunStage {
 public:
     Portioner() = default;
     ~Portioner();
-    Portioner(const Portioner&) = delete;
-    Portioner& operator=(const Portioner&) = delete;
-
-    int setDeviceParams(const std::shared_ptr<DeviceParameters>& params);
-    int setPortionerParams(const std::shared_ptr<PortionerParameters>& params);
-    int setThreadPool(const std::weak_ptr<ThreadPool>& pool);
-    int setResolution(float resolution);
 
     int init();
     int deInit();
@@ -153,10 +146,6 @@ public:
     int takePointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index);
     // Hands out block `index` and leaves it in the list.
     int getPointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index);
-
-    std::string getLastError() const { return m_last_error; }
-    bool isInited() const { return m_inited; }
-    float resolution() const { return m_resolution; }
 
 private:
     friend struct TestAccess;  // the tests reach the steps and counters below
@@ -196,14 +185,8 @@ private:
     void clearAddingSlots();
     int growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_t changes);
 
-    bool m_inited = false;
-    std::string m_last_error = "no error!";
-    float m_resolution = 0.5f;
-    std::shared_ptr<DeviceParameters> m_device_params;
     DeviceParameters* m_device_params_dev = nullptr;
-    std::shared_ptr<PortionerParameters> m_portioner_params;
     bool m_task_failed = false;
-    std::weak_ptr<ThreadPool> m_thread_pool;
     std::future<int> m_task_future;
     std::deque<std::shared_ptr<FrameDataWithInfo>> m_waiting_frames;
     int m_adding_frame_size = 0;
