@@ -11,7 +11,6 @@
 #include "common/HostMemory.h"
 #include "common/MemoryFailure.h"
 #include "common/RunStop.h"
-#include "common/SimpleLineHash.h"
 #include "common/SpinLock.h"
 #include "common/TimeProfiler.h"
 #include "tessaline/Tessaline.h"
@@ -28,7 +27,7 @@ MarchingCubes::~MarchingCubes() {
 int MarchingCubes::init() {
     m_inited = false;
     return runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
-        m_block_loc_hash = std::make_shared<SimpleLineHash>();  // sized for each block when it is used
+        m_bin_table = std::make_shared<GridKeyTable<BinOfKey>>();  // sized for each block when it is used
         m_inited = true;
         return 0;
     });
@@ -219,17 +218,10 @@ int MarchingCubes::deInit() {
     if (!m_inited) return 0;
     const int result = runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
         if (deInitDevice() != 0) return 1;  // a run that ended early may still hold the device buffers
-        if (m_block_loc_hash) {
-            const int released = m_block_loc_hash->deInit();
-            if (released != 0) {
-                m_last_error = "[MarchingCubes] m_block_loc_hash->deInit failed!";
-                return released;
-            }
-        }
         return 0;
     });
     if (result != 0) return result;
-    m_block_loc_hash.reset();
+    m_bin_table.reset();
     m_hash_octree.reset();
     m_field_data_pool.reset();
     m_inited = false;

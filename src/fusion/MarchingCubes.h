@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/CellRecords.h"
+#include "common/GridKeyTable.h"
 #include "common/Morton.h"
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
@@ -22,8 +23,12 @@
 namespace SurfaceReconstruction {
 
 class HashOctree;
-class SimpleLineHash;
 struct TestAccess;
+
+// The value of the table of a block's bins: the bin of a key.
+struct BinOfKey {
+    std::int32_t bin = -1;
+};
 
 // Free device memory kept on every test of the stage.
 constexpr std::size_t MC_MEMORY_MARGIN = 0x500000;
@@ -149,7 +154,7 @@ private:
                               std::vector<BinsHeader>& bins_header);
 
     bool m_on_host = false;
-    std::shared_ptr<SimpleLineHash> m_block_loc_hash;
+    std::shared_ptr<GridKeyTable<BinOfKey>> m_bin_table;  // the bins by key where the bitmap cannot hold them
     std::shared_ptr<HashOctree> m_hash_octree;
     std::shared_ptr<FieldDataPool> m_field_data_pool;
     RawPointWithHash* m_raw_points_hash_dev = nullptr;

@@ -135,18 +135,18 @@ int Portioner::preProcessForAddScanFrame() {
             std::uint64_t buckets = PORTIONER_HASH_BUCKETS;
             while (buckets < 2 * m_raw_surface_block_vec.size()) buckets <<= 1;
             const std::uint64_t excess = std::max<std::uint64_t>(PORTIONER_HASH_EXCESS, m_raw_surface_block_vec.size());
-            auto simple_line_hash = std::make_shared<SimpleLineHash>();
-            int result = simple_line_hash->init(buckets, excess);
+            GridKeyTable<BlockTally> table;
+            int result = table.init(buckets, excess);
             if (result == static_cast<int>(TESSALINE_OUT_OF_MEMORY))
-                m_last_error = memoryFailureText((buckets + excess) * sizeof(SimpleLineHashEntry));
+                m_last_error = memoryFailureText((buckets + excess) * sizeof(BlockSlot));
             if (result != 0) return result;
-            m_hash_entry_size = simple_line_hash->getHashBucketSize() + simple_line_hash->getHashExcessSize();
-            m_hash_mask = simple_line_hash->getHashMask();
+            m_hash_entry_size = table.slotCount();
+            m_hash_mask = table.mask();
 
             for (const RawSurfaceBlockPos& pos : m_raw_surface_block_vec) {
-                SimpleLineHashEntry* entry = nullptr;
-                if (simple_line_hash->insert(pos, entry) != 0) return 1;
-                entry->id = static_cast<std::int32_t>(m_point_cloud_blocks.size());
+                BlockSlot* entry = table.findOrInsert(pos.x, pos.y, pos.z);
+                if (entry == nullptr) return 1;
+                entry->value.id = static_cast<std::int32_t>(m_point_cloud_blocks.size());
                 auto block = std::make_shared<PointCloudBlock>();
                 block->center[0] = static_cast<float>(pos.x) * block_res + half;
                 block->center[1] = static_cast<float>(pos.y) * block_res + half;
@@ -162,15 +162,9 @@ int Portioner::preProcessForAddScanFrame() {
             result = initPartition_Device();
             if (result != 0) return result;
 
-            reserveBlockPoints(simple_line_hash->getHashEntriesPtr(), m_hash_entry_size, m_hash_mask, block_res,
-                               extRes());
-            TESSA_DEVICE_CHECK(deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
-                                            m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice));
-            result = simple_line_hash->deInit();
-            if (result != 0) {
-                m_last_error = "[Portioner] m_simple_line_hash->deInit() error!";
-                return result;
-            }
+            reserveBlockPoints(table.slots(), m_hash_entry_size, m_hash_mask, block_res, extRes());
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_block_table_dev, table.slots(), m_hash_entry_size * sizeof(BlockSlot),
+                                            CopyKind::HostToDevice));
             return 0;
         });
 }

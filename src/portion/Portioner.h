@@ -19,11 +19,11 @@
 #include <string>
 #include <vector>
 
+#include "common/GridKeyTable.h"
 #include "common/MemoryFailure.h"
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
 #include "common/RunStage.h"
-#include "common/SimpleLineHash.h"
 #include "device/DeviceLayer.h"
 #include "tessaline/Tessaline.h"
 
@@ -64,6 +64,14 @@ inline std::uint64_t PORTIONER_RAW_SURFACE_CAPACITY(std::uint32_t max_frame_poin
     const std::uint64_t fits = free_bytes / 4 / point_bytes;
     return fits < slot ? slot : (fits < full ? fits : full);
 }
+
+// The value of the table from block position to block: the block, and the tallies of the batch in work.
+struct BlockTally {
+    std::int32_t id = -1;    // index into the block list; -1 while nothing is set
+    std::int32_t flags = 0;  // OR of the words of the points tagged with this slot
+    std::int32_t count = 0;  // points of the batch in progress tagged with this slot
+};
+using BlockSlot = GridKeySlot<BlockTally>;
 
 // One block's share of a batch.
 struct BlockChangesData {
@@ -170,8 +178,8 @@ private:
     int preProcessForAddScanFrame();
     // Makes room in each block's list for all the records the waiting frames will give it, so that the
     // list is allocated once, at its size, instead of growing batch by batch.
-    void reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
-                            float block_res, float ext_res);
+    void reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry_count, std::uint64_t mask, float block_res,
+                            float ext_res);
     // Where device memory is host memory and the room was made: the second pass straight from the
     // waiting frames onto their blocks' lists, share by share of frames on the host's cores, each record
     // at the place its count gives (the order of the batches). 1 where the counts do not fit the lists.
@@ -207,7 +215,7 @@ private:
     std::vector<std::int64_t> m_share_counts;  // the records of each share by table entry, share after share
     std::size_t m_hash_entry_size = 0;
     std::size_t m_hash_mask = 0;
-    SimpleLineHashEntry* m_simple_line_hash_dev = nullptr;
+    BlockSlot* m_block_table_dev = nullptr;  // the table from block position to block, where kernels read it
     RawPointCloudBuff m_computing_frames_dev;
     std::uint32_t m_slot_points = 0;  // MAX_FRAME_POINTS when the partition buffers were made
     int m_batch_slots = 0;            // frame slots of each batch buffer

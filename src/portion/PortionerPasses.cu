@@ -56,7 +56,7 @@ struct CountPartitionRecordsKernel {
 struct ProcessScanFrameListKernel {
     PartitionPoint partition;
     const std::int64_t* offsets;
-    SimpleLineHashEntry* hash_entries;
+    BlockSlot* hash_entries;
     RawPointWithHash* raw_points;
 
     TESSA_HD void operator()(std::size_t i) const {
@@ -64,8 +64,8 @@ struct ProcessScanFrameListKernel {
         const RawPointWithHash point = partition.recordPoint(i);
         std::int64_t slot = offsets[i];
         partition.forEachRecord(i, [&](std::int32_t e) {
-            deviceAtomicAdd(&hash_entries[e].count, 1);
-            deviceAtomicOr(&hash_entries[e].flags, point.w);
+            deviceAtomicAdd(&hash_entries[e].value.count, 1);
+            deviceAtomicOr(&hash_entries[e].value.flags, point.w);
             raw_points[slot] = point;
             raw_points[slot].hash = e;
             ++slot;
@@ -77,7 +77,7 @@ struct ProcessScanFrameListKernel {
 struct DetectBlockChangesKernel {
     const RawPointWithHash* raw_points;
     const int* raw_points_size;
-    SimpleLineHashEntry* hash_entries;
+    BlockSlot* hash_entries;
     BlockChangesData* changes;
     int* changes_size;
 
@@ -85,7 +85,7 @@ struct DetectBlockChangesKernel {
         if (static_cast<std::int64_t>(i) >= *raw_points_size) return;
         if (i != 0 && raw_points[i - 1].hash == raw_points[i].hash) return;
         const int slot = deviceAtomicAdd(changes_size, 1);
-        SimpleLineHashEntry& entry = hash_entries[raw_points[i].hash];
+        BlockTally& entry = hash_entries[raw_points[i].hash].value;
         changes[slot].block_id = entry.id;
         changes[slot].flags = entry.flags;
         changes[slot].points_num = entry.count;
@@ -171,7 +171,7 @@ int Portioner::initPartition_Device() {
         m_last_error, {TESSALINE_PARTITION_DEVICE, "[Portioner] setRawSurfacePoints try catch device error!"},
         {TESSALINE_OUT_OF_MEMORY, "[Portioner] setRawSurfacePoints try catch error!"}, [&]() -> int {
             const std::size_t batch_points = static_cast<std::size_t>(m_batch_slots) * m_slot_points;
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_simple_line_hash_dev, m_hash_entry_size * sizeof(SimpleLineHashEntry)));
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_block_table_dev, m_hash_entry_size * sizeof(BlockSlot)));
             // Where device memory is host memory the kernels read the host batch itself.
             if (!deviceMemoryIsHostMemory()) {
                 TESSA_DEVICE_CHECK(deviceMalloc(&m_computing_frames_dev.xyz, batch_points * 3 * sizeof(float)));
@@ -204,7 +204,7 @@ int Portioner::deInitPartition_Device() {
                           m_adding_frames.reset();
                           m_computing_frames.reset();
                           std::vector<std::vector<RawPointWithHash>>().swap(m_thread_records);
-                          TESSA_DEVICE_RELEASE(m_simple_line_hash_dev);
+                          TESSA_DEVICE_RELEASE(m_block_table_dev);
                           TESSA_DEVICE_RELEASE(m_computing_frames_dev.xyz);
                           TESSA_DEVICE_RELEASE(m_computing_frames_dev.nor);
                           TESSA_DEVICE_RELEASE(m_computing_frames_dev.w);
@@ -322,12 +322,12 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             }
 
             const float half_ext = block_res * 0.5f + ext_res;
-            const PartitionPoint partition{frames_dev.xyz,         frames_dev.nor, frames_dev.w, frames_dev.frame_info,
-                                           m_device_params_dev,    max_point_size, block_res,    half_ext,
-                                           m_simple_line_hash_dev, m_hash_mask};
+            const PartitionPoint partition{frames_dev.xyz,      frames_dev.nor, frames_dev.w, frames_dev.frame_info,
+                                           m_device_params_dev, max_point_size, block_res,    half_ext,
+                                           m_block_table_dev,   m_hash_mask};
 #if !defined(TESSA_KERNEL_LAUNCH_CUDA)
             if (deviceMemoryIsHostMemory()) {
-                partitionBatchOnHost(partition, m_simple_line_hash_dev, static_cast<std::int64_t>(m_hash_entry_size),
+                partitionBatchOnHost(partition, m_block_table_dev, static_cast<std::int64_t>(m_hash_entry_size),
                                      m_point_cloud_blocks, m_thread_records);
                 return 0;
             }
@@ -351,7 +351,7 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
                 ++m_partition_growths;
             }
             const int raw_points_hash_size = static_cast<int>(records);
-            launchKernel(points, ProcessScanFrameListKernel{partition, offsets_dev.ptr(), m_simple_line_hash_dev,
+            launchKernel(points, ProcessScanFrameListKernel{partition, offsets_dev.ptr(), m_block_table_dev,
                                                             m_raw_points_hash_dev});
             TESSA_DEVICE_RELEASE(offsets_dev.ptr());
             TESSA_DEVICE_CHECK(
@@ -368,10 +368,9 @@ int Portioner::processScanFrameList_Device(float block_res, float ext_res) {
             growPartitionOutput_Device(0, static_cast<std::uint64_t>(changes_size));
             TESSA_DEVICE_CHECK(deviceMemset(m_block_changes_size_dev, 0, sizeof(int)));
 
-            launchKernel(
-                static_cast<std::size_t>(raw_points_hash_size),
-                DetectBlockChangesKernel{m_raw_points_hash_dev, m_raw_points_hash_size_dev, m_simple_line_hash_dev,
-                                         m_block_changes_data_dev, m_block_changes_size_dev});
+            launchKernel(static_cast<std::size_t>(raw_points_hash_size),
+                         DetectBlockChangesKernel{m_raw_points_hash_dev, m_raw_points_hash_size_dev, m_block_table_dev,
+                                                  m_block_changes_data_dev, m_block_changes_size_dev});
             TESSA_DEVICE_CHECK(
                 deviceMemcpy(&changes_size, m_block_changes_size_dev, sizeof(int), CopyKind::DeviceToHost));
             std::vector<BlockChangesData> changes_data(static_cast<std::size_t>(changes_size));

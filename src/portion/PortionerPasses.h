@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "common/GridHash.h"
+#include "common/GridKeyTable.h"
 #include "common/PointRecords.h"
-#include "common/SimpleLineHash.h"
 #include "portion/Portioner.h"
 
 namespace SurfaceReconstruction {
@@ -28,7 +28,7 @@ struct PartitionPoint {
     std::int64_t n;
     float block_res;
     float half_ext;
-    const SimpleLineHashEntry* hash_entries;
+    const BlockSlot* hash_entries;
     std::uint64_t hash_mask;
 
     // The record of a point, its entry still to be set.
@@ -64,7 +64,7 @@ struct PartitionPoint {
         if (isNullPoint(x, y, z)) return false;  // an empty part of a frame slot, or a null return
         const std::uint32_t mask = static_cast<std::uint32_t>(hash_mask);
         const std::int32_t bx = gridIndex(x, block_res), by = gridIndex(y, block_res), bz = gridIndex(z, block_res);
-        const std::int32_t own = findLineHashEntry(hash_entries, mask, bx, by, bz);
+        const std::int32_t own = findGridKeySlot(hash_entries, mask, bx, by, bz);
         if (own < 0) {
             if (report)
                 TESSA_KERNEL_REPORT(
@@ -95,7 +95,7 @@ struct PartitionPoint {
                 if (!within[1][dy + 1]) continue;
                 for (int dz = -1; dz <= 1; ++dz) {
                     if (!within[2][dz + 1] || (dx == 0 && dy == 0 && dz == 0)) continue;
-                    const std::int32_t e = findLineHashEntry(hash_entries, mask, bx + dx, by + dy, bz + dz);
+                    const std::int32_t e = findGridKeySlot(hash_entries, mask, bx + dx, by + dy, bz + dz);
                     if (e < 0) continue;  // no block behind this side
                     record(e);
                 }
@@ -111,7 +111,7 @@ struct PartitionPoint {
 // and runs give elsewhere. Each thread makes the records of its share of the points into its own list
 // (kept for the next batch) and counts them by table entry; the shares' places in each block's list
 // follow from those counts, and every thread then writes its records into place.
-void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* entries, std::int64_t entry_count,
+void partitionBatchOnHost(const PartitionPoint& partition, BlockSlot* entries, std::int64_t entry_count,
                           std::vector<std::shared_ptr<PointCloudBlock>>& blocks,
                           std::vector<std::vector<RawPointWithHash>>& thread_records);
 #endif

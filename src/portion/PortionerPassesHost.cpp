@@ -34,7 +34,7 @@ std::vector<std::size_t> frameShares(const std::deque<std::shared_ptr<FrameDataW
 }
 
 // The partition of one frame as the batches run it: its positions, nothing else read.
-PartitionPoint framePartition(const FrameDataWithInfo& frame, const SimpleLineHashEntry* entries, std::uint64_t mask,
+PartitionPoint framePartition(const FrameDataWithInfo& frame, const BlockSlot* entries, std::uint64_t mask,
                               float block_res, float half_ext) {
     return PartitionPoint{reinterpret_cast<const float*>(frame.xyz.data()), nullptr,   nullptr,  nullptr, nullptr,
                           static_cast<std::int64_t>(frame.xyz.size()),      block_res, half_ext, entries, mask};
@@ -43,9 +43,8 @@ PartitionPoint framePartition(const FrameDataWithInfo& frame, const SimpleLineHa
 // The records each table entry will receive from each share of the frames still to be partitioned,
 // counted on the host's cores with the partition's own rule: counts[s * entry_count + e].
 void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames,
-                       const std::vector<std::size_t>& shares, const SimpleLineHashEntry* entries,
-                       std::uint64_t entry_count, std::uint64_t mask, float block_res, float half_ext,
-                       std::vector<std::int64_t>& counts) {
+                       const std::vector<std::size_t>& shares, const BlockSlot* entries, std::uint64_t entry_count,
+                       std::uint64_t mask, float block_res, float half_ext, std::vector<std::int64_t>& counts) {
     const std::size_t table = static_cast<std::size_t>(entry_count);
     const std::int64_t share_count = static_cast<std::int64_t>(shares.size()) - 1;
     counts.assign(static_cast<std::size_t>(share_count) * table, 0);
@@ -67,7 +66,7 @@ void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& fra
 }  // namespace
 
 #if !defined(TESSALINE_CUDA)
-void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* entries, std::int64_t entry_count,
+void partitionBatchOnHost(const PartitionPoint& partition, BlockSlot* entries, std::int64_t entry_count,
                           std::vector<std::shared_ptr<PointCloudBlock>>& blocks,
                           std::vector<std::vector<RawPointWithHash>>& thread_records) {
     const std::int64_t n = partition.n;
@@ -113,7 +112,7 @@ void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* 
                 word |= words[static_cast<std::size_t>(u) * table + static_cast<std::size_t>(e)];
             }
             if (total == 0) continue;
-            SimpleLineHashEntry& entry = entries[e];
+            BlockTally& entry = entries[e].value;
             entry.flags |= word;
             PointCloudBlock& block = *blocks[static_cast<std::size_t>(entry.id)];
             PointList& list = *block.points;
@@ -145,7 +144,7 @@ void partitionBatchOnHost(const PartitionPoint& partition, SimpleLineHashEntry* 
 
 // ---- block lists -----------------------------------------------------------------------------------
 
-void Portioner::reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
+void Portioner::reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry_count, std::uint64_t mask,
                                    float block_res, float ext_res) {
     m_share_counts.clear();
     m_frame_shares.clear();
@@ -158,8 +157,8 @@ void Portioner::reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint
         for (std::size_t e = 0; e < table; ++e) {
             std::int64_t total = 0;
             for (std::size_t s = 0; s + 1 < m_frame_shares.size(); ++s) total += m_share_counts[s * table + e];
-            if (total == 0 || entries[e].id < 0) continue;
-            const std::size_t block = static_cast<std::size_t>(entries[e].id);
+            if (total == 0 || entries[e].value.id < 0) continue;
+            const std::size_t block = static_cast<std::size_t>(entries[e].value.id);
             if (block < m_point_cloud_blocks.size())
                 m_point_cloud_blocks[block]->points->reserve(static_cast<std::size_t>(total));
         }
@@ -171,7 +170,7 @@ void Portioner::reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint
 }
 
 int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
-    const SimpleLineHashEntry* entries = m_simple_line_hash_dev;
+    const BlockSlot* entries = m_block_table_dev;
     const std::size_t table = static_cast<std::size_t>(m_hash_entry_size);
     const std::size_t share_count = m_frame_shares.size() - 1;
     const float half_ext = block_res * 0.5f + ext_res;
@@ -186,7 +185,7 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
             total += m_share_counts[s * table + e];
         }
         if (total == 0) continue;
-        const std::int32_t id = entries[e].id;
+        const std::int32_t id = entries[e].value.id;
         if (id < 0 || static_cast<std::size_t>(id) >= m_point_cloud_blocks.size()) return 1;  // counted, but no block
         PointList& list = *m_point_cloud_blocks[static_cast<std::size_t>(id)]->points;
         if (!list.empty() || list.capacity() < static_cast<std::size_t>(total)) return 1;
@@ -234,7 +233,7 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
         if (lists[e] == nullptr) continue;
         std::int32_t word = 0;
         for (std::size_t s = 0; s < share_count; ++s) word |= words[s * table + e];
-        m_point_cloud_blocks[static_cast<std::size_t>(entries[e].id)]->flags |= word;
+        m_point_cloud_blocks[static_cast<std::size_t>(entries[e].value.id)]->flags |= word;
     }
     return 0;
 }
