@@ -18,8 +18,8 @@ namespace SurfaceReconstruction {
 
 // Sizes of the octree's table and cell pool; set once by the engine.
 struct HashParameters {
-    std::uint64_t HASH_BUCKET_NUM;
-    std::uint64_t HASH_BUCKET_MASK;
+    std::uint64_t HASH_BUCKET_NUM;   // a power of two
+    std::uint64_t HASH_BUCKET_MASK;  // HASH_BUCKET_NUM - 1; the table takes its mask from the bucket count
     std::uint64_t HASH_EXCESS_LIST_SIZE;
     std::uint64_t CELL_POOL_BLOCK_SIZE;
     std::uint64_t CELL_POOL_INIT_BLOCKS;
