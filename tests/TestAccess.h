@@ -61,11 +61,11 @@ struct TestAccess {
         return m.buildOctreeAndRelations(block, bins, cells);
     }
     static int computeFiledData_Device(MarchingCubes& m, CellNodeAndRelations& cells) {
-        return m.computeFiledData_Device(cells);
+        return computeFieldOnDevice(cells, m.fieldViews());
     }
     static int processMarchingCubeTaskOnHost(MarchingCubes& m, const PointCloudBlock& block,
                                              CellNodeAndRelations& cells) {
-        return m.processMarchingCubeTaskOnHost(block, cells);
+        return computeFieldOnHost(block, cells, m.fieldViews());
     }
     static bool onHost(const MarchingCubes& m) { return m.m_on_host; }
     static void keepLastCells(MarchingCubes& m, bool keep) { m.m_keep_last_cells = keep; }

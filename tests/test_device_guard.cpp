@@ -24,8 +24,8 @@ int* deviceCounting(std::size_t n) {
     std::vector<int> host(n);
     for (std::size_t i = 0; i < n; ++i) host[i] = static_cast<int>(i);
     int* dev = nullptr;
-    TESSA_DEVICE_CHECK(deviceMalloc(&dev, n * sizeof(int)), "cudaMalloc(&dev, n * sizeof(int))");
-    TESSA_DEVICE_CHECK(deviceMemcpy(dev, host.data(), n * sizeof(int), CopyKind::HostToDevice), "cudaMemcpy(dev)");
+    TESSA_DEVICE_CHECK(deviceMalloc(&dev, n * sizeof(int)));
+    TESSA_DEVICE_CHECK(deviceMemcpy(dev, host.data(), n * sizeof(int), CopyKind::HostToDevice));
     return dev;
 }
 
@@ -80,7 +80,7 @@ TEST(DeviceGuard, HostCodeReadsDeviceMemoryOnlyInsideADeviceScope) {
             *past = 1;
         },
         "");
-    TESSA_DEVICE_CHECK(deviceFree(dev), "cudaFree(dev)");
+    TESSA_DEVICE_CHECK(deviceFree(dev));
 }
 
 TEST(DeviceGuard, ALaunchWithAHostPointerFieldDoesNotStart) {
@@ -120,16 +120,16 @@ TEST(DeviceGuard, ALaunchWithAHostPointerFieldDoesNotStart) {
         // The kernel did not run: neither the host output nor the device output changed.
         EXPECT_EQ(host_out, std::vector<int>(n, -1)) << c.what;
         std::vector<int> back(n);
-        TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), out_dev, n * sizeof(int), CopyKind::DeviceToHost), "down");
+        TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), out_dev, n * sizeof(int), CopyKind::DeviceToHost));
         for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(back[i], static_cast<int>(i)) << c.what << ", item " << i;
     }
     // The same launches with device memory throughout run.
     launchKernel(n, NestedAddOneKernel{2.0f, Buffers{in_dev, static_cast<std::int64_t>(n), out_dev}});
     std::vector<int> back(n);
-    TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), out_dev, n * sizeof(int), CopyKind::DeviceToHost), "down");
+    TESSA_DEVICE_CHECK(deviceMemcpy(back.data(), out_dev, n * sizeof(int), CopyKind::DeviceToHost));
     for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(back[i], static_cast<int>(i) + 1) << "item " << i;
-    TESSA_DEVICE_CHECK(deviceFree(in_dev), "cudaFree(in_dev)");
-    TESSA_DEVICE_CHECK(deviceFree(out_dev), "cudaFree(out_dev)");
+    TESSA_DEVICE_CHECK(deviceFree(in_dev));
+    TESSA_DEVICE_CHECK(deviceFree(out_dev));
 }
 
 TEST(DeviceGuard, CopiesAndFillsAreCheckedForDirectionAndBounds) {
@@ -180,6 +180,6 @@ TEST(DeviceGuard, CopiesAndFillsAreCheckedForDirectionAndBounds) {
     EXPECT_EQ(deviceMalloc(&empty, 0), DEVICE_SUCCESS);
     EXPECT_EQ(empty, nullptr);
     EXPECT_EQ(deviceFree(nullptr), DEVICE_SUCCESS);
-    TESSA_DEVICE_CHECK(deviceFree(dev), "cudaFree(dev)");
-    TESSA_DEVICE_CHECK(deviceFree(other), "cudaFree(other)");
+    TESSA_DEVICE_CHECK(deviceFree(dev));
+    TESSA_DEVICE_CHECK(deviceFree(other));
 }

@@ -45,8 +45,9 @@ TEST(DeviceLayer, CheckReportsFailuresOnStandardErrorOnlyAndThrows) {
     fake.fail_malloc_at = 0;
     void* p = nullptr;
     ::testing::internal::CaptureStderr();
-    EXPECT_THROW(TESSA_DEVICE_CHECK(deviceMalloc(&p, 64), "cudaMalloc(&p, 64)"), DeviceError);
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("\"cudaMalloc(&p, 64)\""), std::string::npos);
+    EXPECT_THROW(TESSA_DEVICE_CHECK(deviceMalloc(&p, 64)), DeviceError);
+    // The text is the call itself, as written.
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("\"deviceMalloc(&p, 64)\""), std::string::npos);
 }
 
 #if !defined(TESSALINE_CUDA)
@@ -61,14 +62,14 @@ TEST(DeviceLayer, HostMemoryRefusedIsAMemoryFailureWithoutDeviceWords) {
     int status = 0;
     ::testing::internal::CaptureStderr();
     try {
-        TESSA_DEVICE_CHECK(deviceMalloc(&p, huge), "cudaMalloc(&p, huge)");
+        TESSA_DEVICE_CHECK(deviceMalloc(&p, huge));
     } catch (const OutOfMemory& e) {
         refused = e.bytes();
     }
     {
         const MemoryStageScope stage("[Test] stage", 0);
         status = runGuarded(last_error, {TESSALINE_DEVICE_COMPUTE, "device"}, {1, "other"}, [&]() -> int {
-            TESSA_DEVICE_CHECK(deviceMalloc(&p, huge), "cudaMalloc(&p, huge)");
+            TESSA_DEVICE_CHECK(deviceMalloc(&p, huge));
             return 0;
         });
     }
@@ -86,15 +87,15 @@ TEST(DeviceLayer, GuardedReleaseIsRepeatableAndKeepsPointerOnFailure) {
     FakeDevices fake;
     int* a = nullptr;
     int* b = nullptr;
-    TESSA_DEVICE_CHECK(deviceMalloc(&a, 16), "cudaMalloc(&a, 16)");
-    TESSA_DEVICE_CHECK(deviceMalloc(&b, 16), "cudaMalloc(&b, 16)");
+    TESSA_DEVICE_CHECK(deviceMalloc(&a, 16));
+    TESSA_DEVICE_CHECK(deviceMalloc(&b, 16));
 
     // The first free fails: the pointer stays, the member behind it is not reached.
     fake.fail_free_at = 0;
     ::testing::internal::CaptureStderr();
     const auto releaseAll = [&] {
-        TESSA_DEVICE_RELEASE(a, "cudaFree(a)");
-        TESSA_DEVICE_RELEASE(b, "cudaFree(b)");
+        TESSA_DEVICE_RELEASE(a);
+        TESSA_DEVICE_RELEASE(b);
     };
     EXPECT_THROW(releaseAll(), DeviceError);
     ::testing::internal::GetCapturedStderr();
@@ -127,22 +128,22 @@ TEST(DeviceLayer, LaunchRunsEveryItemExactlyOnce) {
          {std::size_t(0), std::size_t(1), std::size_t(383), std::size_t(384), std::size_t(385), std::size_t(100000)}) {
         int* slots = nullptr;
         int* counter = nullptr;
-        TESSA_DEVICE_CHECK(deviceMalloc(&slots, (n + 1) * sizeof(int)), "cudaMalloc(&slots, n)");
-        TESSA_DEVICE_CHECK(deviceMalloc(&counter, sizeof(int)), "cudaMalloc(&counter, 4)");
-        TESSA_DEVICE_CHECK(deviceMemset(slots, 0, (n + 1) * sizeof(int)), "cudaMemset(slots, 0, n)");
-        TESSA_DEVICE_CHECK(deviceMemset(counter, 0, sizeof(int)), "cudaMemset(counter, 0, 4)");
+        TESSA_DEVICE_CHECK(deviceMalloc(&slots, (n + 1) * sizeof(int)));
+        TESSA_DEVICE_CHECK(deviceMalloc(&counter, sizeof(int)));
+        TESSA_DEVICE_CHECK(deviceMemset(slots, 0, (n + 1) * sizeof(int)));
+        TESSA_DEVICE_CHECK(deviceMemset(counter, 0, sizeof(int)));
         launchKernel(n, CountItemsKernel{slots, counter});
-        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        TESSA_DEVICE_CHECK(deviceSynchronize());
 
         std::vector<int> host(n + 1);
         int count = -1;
-        TESSA_DEVICE_CHECK(deviceMemcpy(host.data(), slots, host.size() * sizeof(int), CopyKind::DeviceToHost), "d");
-        TESSA_DEVICE_CHECK(deviceMemcpy(&count, counter, sizeof(int), CopyKind::DeviceToHost), "d");
+        TESSA_DEVICE_CHECK(deviceMemcpy(host.data(), slots, host.size() * sizeof(int), CopyKind::DeviceToHost));
+        TESSA_DEVICE_CHECK(deviceMemcpy(&count, counter, sizeof(int), CopyKind::DeviceToHost));
         EXPECT_EQ(count, static_cast<int>(n)) << "n = " << n;
         for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(host[i], static_cast<int>(i) + 1) << "item " << i;
         EXPECT_EQ(host[n], 0) << "an item past n ran";
-        TESSA_DEVICE_RELEASE(slots, "cudaFree(slots)");
-        TESSA_DEVICE_RELEASE(counter, "cudaFree(counter)");
+        TESSA_DEVICE_RELEASE(slots);
+        TESSA_DEVICE_RELEASE(counter);
     }
 }
 

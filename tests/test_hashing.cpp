@@ -1,9 +1,9 @@
-// The grid hash, the SimpleLineHash and the octree's hash table: chains into the overflow area,
+// The grid hash, the grid-key table (as the Portioner and the octree use it): chains into the overflow area,
 // concurrent find-or-insert and exhaustion; the pools of cells and field slots grown from many threads;
 // the octree's roots and descents.
 #include "TestSupport.h"
 #include "common/GridHash.h"
-#include "common/SimpleLineHash.h"
+#include "common/GridKeyTable.h"
 #include "volume/FieldDataPool.h"
 #include "volume/HashOctree.h"
 
@@ -19,9 +19,11 @@ int collidingX(std::uint32_t mask, int after = 0) {
     return x;
 }
 
-std::shared_ptr<HashParameters> smallParams(std::uint64_t buckets, std::uint64_t excess) {
-    return std::make_shared<HashParameters>(HashParameters{buckets, buckets - 1, excess, 500000, 4, 10000});
-}
+// A value as the Portioner's and the bins' tables hold it: -1 until the caller sets it.
+struct Tally {
+    std::int32_t id = -1;
+};
+using TallySlot = GridKeySlot<Tally>;
 
 // Each of `threads` threads asks `get` for every key of 0 to keys - 1, each thread in its own order: all
 // must get the same entry for a key, and a different one for each key. The entries, by key.
@@ -52,101 +54,121 @@ TEST(GridHash, GridIndexIsTheFloorExceptAtExactNegativeMultiples) {
     for (const auto& [v, index] : table) EXPECT_EQ(gridIndex(v, 256.0f), index) << v;
 }
 
-TEST(SimpleLineHash, InsertFindChainAndExhaust) {
-    SimpleLineHashEntry *first = nullptr, *second = nullptr, *found = nullptr;
-    SimpleLineHash table;
-    EXPECT_EQ(table.insert(1, 2, 3, first), 1);  // before init
+TEST(GridKeyTable, InsertFindAndRepeatedInsert) {
+    GridKeyTable<Tally> table;
+    EXPECT_EQ(table.findOrInsert(1, 2, 3), nullptr);  // before init
     EXPECT_EQ(table.clear(), 1);
-    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
-    ASSERT_EQ(table.init(1024, 1), 0);         // room for one key beyond the slots
-    EXPECT_EQ(table.find(0, 0, 0, found), 1);  // an empty slot also holds a zero key
-    ASSERT_EQ(table.insert(0, 0, 0, first), 0);
-    first->id = 42;
-    ASSERT_EQ(table.insert(x1, 0, 0, second), 0);  // the same slot: chained
-    EXPECT_NE(second, first);
-    ASSERT_EQ(table.insert(0, 0, 0, found), 0);
-    EXPECT_EQ(found, first);
-    EXPECT_EQ(found->id, 42);  // what the caller stored stays
-    ASSERT_EQ(table.find(x1, 0, 0, found), 0);
-    EXPECT_EQ(found, second);
-    EXPECT_EQ(table.find(5, 5, 5, found), 1);
-    EXPECT_EQ(found, nullptr);
-    // The overflow is full now: a third key of the slot is refused with a message; the others stay.
-    EXPECT_FALSE(quiet([&] { EXPECT_EQ(table.insert(x2, 0, 0, found), 1); }).empty());
-    EXPECT_EQ(found, nullptr);
-    ASSERT_EQ(table.insert(x1, 0, 0, found), 0);
-    EXPECT_EQ(found, second);
-    SimpleLineHash no_excess;
-    ASSERT_EQ(no_excess.init(1024, 0), 0);
-    ASSERT_EQ(no_excess.insert(0, 0, 0, first), 0);
-    EXPECT_FALSE(quiet([&] { EXPECT_EQ(no_excess.insert(x1, 0, 0, second), 1); }).empty());
+    ASSERT_EQ(table.init(32768, 20000), 0);
+    EXPECT_EQ(table.mask(), 32767u);
+
+    EXPECT_EQ(table.find(0, 0, 0), nullptr);  // an empty slot also holds a zero key
+    TallySlot* entry = table.findOrInsert(0, 0, 0);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry, table.slots() + hashGridKey(0, 0, 0, 32767));
+    EXPECT_EQ(entry->value.id, -1);  // a new key's value as Tally{} makes it
+    entry->value.id = 42;
+    EXPECT_EQ(table.findOrInsert(0, 0, 0), entry);
+    EXPECT_EQ(entry->value.id, 42);  // what the caller stored stays
+    EXPECT_EQ(table.find(0, 0, 0), entry);
+    EXPECT_EQ(table.find(5, 5, 5), nullptr);
+    // The kernels' search of a finished table finds the same slots.
+    EXPECT_EQ(findGridKeySlot(table.slots(), table.mask(), 0, 0, 0), entry - table.slots());
+    EXPECT_EQ(findGridKeySlot(table.slots(), table.mask(), 5, 5, 5), -1);
 }
 
-TEST(SimpleLineHash, ConcurrentInsertsAgreeOnOneEntryPerKey) {
-    SimpleLineHash table;
+TEST(GridKeyTable, CollisionGoesToTheFirstExcessEntryAndExhausts) {
+    const int x1 = collidingX(1023), x2 = collidingX(1023, x1);
+    GridKeyTable<Tally> table;
+    ASSERT_EQ(table.init(1024, 1), 0);
+    TallySlot* first = table.findOrInsert(0, 0, 0);
+    TallySlot* second = table.findOrInsert(x1, 0, 0);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second - table.slots(), 1024);
+    EXPECT_EQ(first->next(), 1024);
+    EXPECT_EQ(table.find(x1, 0, 0), second);
+    EXPECT_EQ(findGridKeySlot(table.slots(), table.mask(), x1, 0, 0), 1024);
+
+    // The excess area is full now: a third key of the slot fails with the message.
+    TallySlot* third = second;
+    EXPECT_EQ(quiet([&] { third = table.findOrInsert(x2, 0, 0); }),
+              "---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
+    EXPECT_EQ(third, nullptr);
+    EXPECT_EQ(table.findOrInsert(x1, 0, 0), second);  // existing keys still work
+
+    GridKeyTable<Tally> no_excess;
+    ASSERT_EQ(no_excess.init(1024, 0), 0);
+    ASSERT_NE(no_excess.findOrInsert(0, 0, 0), nullptr);
+    EXPECT_FALSE(quiet([&] { EXPECT_EQ(no_excess.findOrInsert(x1, 0, 0), nullptr); }).empty());
+}
+
+TEST(GridKeyTable, ConcurrentInsertsAgreeOnOneEntryPerKey) {
+    GridKeyTable<Tally> table;
     ASSERT_EQ(table.init(256, 20000), 0);  // few buckets: long chains, many races at chain ends
-    const auto entries = oneEntryPerKeyFromThreads<SimpleLineHashEntry>(8, 3000, [&](int key) {
-        SimpleLineHashEntry* e = nullptr;
-        return table.insert(key, -key, key / 3, e) == 0 ? e : nullptr;
-    });
+    const auto entries =
+        oneEntryPerKeyFromThreads<TallySlot>(8, 3000, [&](int key) { return table.findOrInsert(key, -key, key / 3); });
     for (int k = 0; k < 3000; ++k) {
-        SimpleLineHashEntry *e = entries[k], *found = nullptr;
+        TallySlot* e = entries[k];
         ASSERT_NE(e, nullptr);
         EXPECT_EQ(e->x, k);
         EXPECT_EQ(e->y, -k);
-        ASSERT_EQ(table.find(k, -k, k / 3, found), 0);
-        EXPECT_EQ(found, e);
+        EXPECT_EQ(table.find(k, -k, k / 3), e);
+        EXPECT_EQ(findGridKeySlot(table.slots(), table.mask(), k, -k, k / 3), e - table.slots());
     }
 }
 
-TEST(HashTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
-    HashTable table;
-    auto global = std::make_shared<GlobalHashParams>();
-    ASSERT_EQ(table.init(smallParams(1024, 4), global), 0);
-    EXPECT_EQ(table.findHashEntry(0, 0, 0), nullptr);
+TEST(RootTable, ZeroKeyIsAbsentUntilInsertedAndCollisionsChain) {
+    RootTable table;
+    ASSERT_EQ(table.init(1024, 4), 0);
+    EXPECT_EQ(table.overflowTaken(), 0);
+    EXPECT_EQ(table.find(0, 0, 0), nullptr);
+
     const int other = collidingX(1023);
-    HashEntry* first = table.findOrInsertHashEntry(0, 0, 0);
-    HashEntry* second = table.findOrInsertHashEntry(other, 0, 0);
+    RootTable::Slot* first = table.findOrInsert(0, 0, 0);
+    RootTable::Slot* second = table.findOrInsert(other, 0, 0);
     ASSERT_NE(first, nullptr);
     ASSERT_NE(second, nullptr);
-    EXPECT_NE(first, second);
-    EXPECT_EQ(second->dataId(), -1);
-    EXPECT_EQ(table.findHashEntry(other, 0, 0), second);
-    EXPECT_EQ(table.findOrInsertHashEntry(0, 0, 0), first);
-    EXPECT_EQ(global->cur_ExcessHash_Index.load(), 1025);  // one overflow slot taken, by the second key
+    EXPECT_EQ(first, table.slots() + hashGridKey(0, 0, 0, 1023));
+    EXPECT_EQ(second, table.slots() + 1024);  // the first overflow slot
+    EXPECT_EQ(first->next(), 1024);
+    EXPECT_EQ(second->value.dataId(), -1);
+    EXPECT_EQ(second->next(), 0);                                                  // occupied, end of its chain
+    EXPECT_EQ(table.slots()[(hashGridKey(0, 0, 0, 1023) + 1) % 1024].next(), -1);  // a zeroed slot is empty
+    EXPECT_EQ(table.find(other, 0, 0), second);
+    EXPECT_EQ(table.findOrInsert(0, 0, 0), first);
+    EXPECT_EQ(table.overflowTaken(), 1);
 }
 
-TEST(HashTable, ExhaustedOverflowStillFindsEverythingInserted) {
-    HashTable table;
-    ASSERT_EQ(table.init(smallParams(2, 3), std::make_shared<GlobalHashParams>()), 0);  // almost every key chains
-    std::vector<HashEntry*> entries;
-    for (int k = 0; k < 5; ++k) entries.push_back(table.findOrInsertHashEntry(k, k, k));
-    for (HashEntry* e : entries) ASSERT_NE(e, nullptr);
+TEST(RootTable, ExhaustedOverflowStillFindsEverythingInserted) {
+    RootTable table;
+    ASSERT_EQ(table.init(2, 3), 0);  // almost every key chains
+    std::vector<RootTable::Slot*> entries;
+    for (int k = 0; k < 5; ++k) entries.push_back(table.findOrInsert(k, k, k));
+    for (RootTable::Slot* e : entries) ASSERT_NE(e, nullptr);
     bool refused = false;
     const std::string out = quiet([&] {
-        for (int k = 5; k < 20 && !refused; ++k) refused = table.findOrInsertHashEntry(k, k, k) == nullptr;
+        for (int k = 5; k < 20 && !refused; ++k) refused = table.findOrInsert(k, k, k) == nullptr;
     });
     EXPECT_TRUE(refused);
-    EXPECT_FALSE(out.empty());  // and says so
+    EXPECT_TRUE(contains(out, "---- error: (cur_excess_index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE"));
     for (int j = 0; j < 5; ++j) {
-        EXPECT_EQ(table.findHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
-        EXPECT_EQ(table.findOrInsertHashEntry(j, j, j), entries[static_cast<std::size_t>(j)]);
+        EXPECT_EQ(table.find(j, j, j), entries[static_cast<std::size_t>(j)]);
+        EXPECT_EQ(table.findOrInsert(j, j, j), entries[static_cast<std::size_t>(j)]);
     }
 }
 
-TEST(HashTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
-    HashTable table;
-    auto global = std::make_shared<GlobalHashParams>();
-    ASSERT_EQ(table.init(smallParams(64, 5000), global), 0);
-    const auto entries = oneEntryPerKeyFromThreads<HashEntry>(
-        8, 2000, [&](int key) { return table.findOrInsertHashEntry(key, 1, -key); });
-    std::size_t in_overflow = 0;
+TEST(RootTable, ThreadsInsertingTheSameKeysGetTheSameEntries) {
+    RootTable table;
+    ASSERT_EQ(table.init(64, 5000), 0);
+    const auto entries =
+        oneEntryPerKeyFromThreads<RootTable::Slot>(8, 2000, [&](int key) { return table.findOrInsert(key, 1, -key); });
+    std::int64_t in_overflow = 0;
     for (int key = 0; key < 2000; ++key) {
-        EXPECT_EQ(table.findHashEntry(key, 1, -key), entries[key]);
-        in_overflow += (entries[key] - &table.slot(0)) >= 64 ? 1 : 0;
+        EXPECT_EQ(table.find(key, 1, -key), entries[key]);
+        in_overflow += (entries[key] - table.slots()) >= 64 ? 1 : 0;
     }
     // Exactly one overflow slot was taken for each key that did not get a bucket slot.
-    EXPECT_EQ(static_cast<std::size_t>(global->cur_ExcessHash_Index.load() - 64), in_overflow);
+    EXPECT_EQ(table.overflowTaken(), in_overflow);
 }
 
 TEST(CellNodePool, CrossingTheBlockBoundaryFromManyThreadsAddsOneBlockEach) {

@@ -666,7 +666,7 @@ TEST_F(StageRun, AFailedAllocationInTheFieldStepFreesWhatItTook) {
     fake.fail_malloc_at = 1;  // the relations: the cell array is already taken
     const std::string err =
         quietErr([&] { EXPECT_EQ(TestAccess::computeFiledData_Device(stage, *result), TESSALINE_DEVICE_COMPUTE); });
-    EXPECT_TRUE(contains(err, "cudaMalloc(&relations_dev"));
+    EXPECT_TRUE(contains(err, "deviceMalloc(&relations_dev"));
     EXPECT_EQ(stage.getLastError(), "cuda runtime error!");
     EXPECT_EQ(fake.malloc_calls, 2);
     EXPECT_EQ(fake.free_calls, 1);  // the cell array went back

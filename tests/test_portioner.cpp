@@ -363,7 +363,7 @@ TEST(PortionerRuns, FailedDeviceAllocationIsReportedWithItsStatus) {
     Portioner portioner;
     configurePortioner(portioner, 0, 128, 0.5f);
     const std::string err = quietErr([&] { EXPECT_EQ(portioner.init(), 1); });
-    EXPECT_TRUE(contains(err, "cudaMalloc(&m_raw_surface_xyz_dev"));
+    EXPECT_TRUE(contains(err, "deviceMalloc(&m_raw_surface_xyz_dev"));
     EXPECT_EQ(portioner.getLastError(), "[Portioner] init try catch error!");
     EXPECT_FALSE(portioner.isInited());
 }
@@ -387,6 +387,6 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
         std::unique_ptr<PortionerRun> run;
         err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
         EXPECT_NE(run->status, 0) << "launch " << k;
-        EXPECT_TRUE(contains(err, "code=719(cudaErrorLaunchFailure) \"cudaGetLastError()\"")) << "launch " << k;
+        EXPECT_TRUE(contains(err, "code=719(cudaErrorLaunchFailure) \"deviceGetLastError()\"")) << "launch " << k;
     }
 }

@@ -9,7 +9,7 @@
 #include "common/ThreadPool.h"
 #include "common/TimeProfiler.h"
 #include "common/UninitialisedArray.h"
-#include "device/helper_cuda.h"
+#include "device/DeviceSelection.h"
 
 using namespace SurfaceReconstruction;
 using namespace testing_support;

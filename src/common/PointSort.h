@@ -1,7 +1,8 @@
 // The sorts of scan points in device memory: the full order of a block's points (by `hash`, then every
 // other field, so that the order does not depend on how threads wrote them), and the stable grouping of
-// a batch's records by block. The CUDA backend sorts with Thrust; the host backend with a parallel radix
-// sort on the 32-bit `hash`, the ties of the full order settled within each run of equal hash.
+// a batch's records by block. The CUDA backend sorts with Thrust (PointSort.cu); the host backend
+// (PointSortHost.cpp) with a parallel radix sort on the 32-bit `hash` (PointRadixSort.cpp), the ties of the
+// full order settled within each run of equal hash.
 #pragma once
 
 #include <cstdint>

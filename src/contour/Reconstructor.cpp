@@ -38,34 +38,19 @@ Reconstructor::~Reconstructor() {
     if (m_inited) deInit();
 }
 
-int Reconstructor::setPortionerParameters(const std::shared_ptr<PortionerParameters>& params) {
-    m_portioner_params = params;
-    return 0;
-}
-
-int Reconstructor::setDeviceParameters(const std::shared_ptr<DeviceParameters>& params) {
-    m_device_params = params;
-    return 0;
-}
-
 int Reconstructor::init() {
     m_inited = true;
     return 0;
 }
 
-int Reconstructor::setResolution(const float& resolution) {
-    m_resolution = resolution;
-    return 0;
-}
-
 int Reconstructor::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     m_hash_octree = octree;
     return 0;
 }
 
 int Reconstructor::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     m_field_data_pool = pool;
     return 0;
 }
@@ -79,7 +64,7 @@ constexpr int ROOT_NEIGHBOURS[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0
 }  // namespace
 
 int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_hash_octree || !m_field_data_pool) {
         m_last_error = "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !";
         return 1;
@@ -103,7 +88,7 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
 }
 
 int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<MeshPart>& parts) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_hash_octree || !m_field_data_pool) {
         m_last_error = "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !";
         return 1;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/Parameters.h"
+#include "common/RunStage.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
@@ -26,17 +27,12 @@ bool reconstructorMemoryGuard(std::uint64_t need, std::uint64_t* usable = nullpt
 // The same against the reserve alone.
 bool reconstructorMemoryGuard();
 
-class Reconstructor {
+class Reconstructor : public RunStage {
 public:
     Reconstructor() = default;
     ~Reconstructor();
-    Reconstructor(const Reconstructor&) = delete;
-    Reconstructor& operator=(const Reconstructor&) = delete;
 
-    int setPortionerParameters(const std::shared_ptr<PortionerParameters>& params);
-    int setDeviceParameters(const std::shared_ptr<DeviceParameters>& params);
     int init();
-    int setResolution(const float& resolution);
     int setHashOctree(const std::shared_ptr<HashOctree>& octree);
     int setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool);
     // The triangles of all roots, part after part in the order of the roots' keys.
@@ -44,11 +40,8 @@ public:
     // The triangles of the roots of the owned blocks (all roots where `owned` is empty), one part for each
     // root that makes any, in the order of the keys.
     int processParts(const std::vector<BlockKey>& owned, std::vector<MeshPart>& parts);
-    std::string getLastError() const { return m_last_error; }
     int deInit();
 
-    bool isInited() const { return m_inited; }
-    float resolution() const { return m_resolution; }
     const std::shared_ptr<FieldDataPool>& fieldDataPool() const { return m_field_data_pool; }
     const std::shared_ptr<HashOctree>& hashOctree() const { return m_hash_octree; }
 
@@ -56,11 +49,6 @@ private:
     // Status 66049 with a last error naming what the process may still use and what the mesh needs.
     int refuseForMemory(std::uint64_t usable, std::uint64_t need);
 
-    bool m_inited = false;
-    std::string m_last_error = "no error!";
-    float m_resolution = 0.5f;
-    std::shared_ptr<DeviceParameters> m_device_params;
-    std::shared_ptr<PortionerParameters> m_portioner_params;
     std::shared_ptr<HashOctree> m_hash_octree;
     std::shared_ptr<FieldDataPool> m_field_data_pool;
 };

@@ -71,9 +71,10 @@ public:
     const char* what() const noexcept override { return "Device Error"; }
 };
 
-// True on success. Otherwise prints "CUDA error at file:line code=N(name) "expression"" on
-// standard error and returns false; an allocation that the host backend could not have from the host's
-// memory is no device failure and prints nothing (the stage's memory failure says it).
+// True on success. Otherwise prints "CUDA error at file:line code=N(name) "expression"" on standard
+// error, the expression being the call as its source writes it (TESSA_DEVICE_CHECK), and returns false;
+// an allocation that the host backend could not have from the host's memory is no device failure and
+// prints nothing (the stage's memory failure says it).
 bool checkDeviceCall(DeviceResult result, const char* expression, const char* file, int line);
 
 // Throws what a failed call means: host memory that the host backend could not have as OutOfMemory with
@@ -139,35 +140,41 @@ struct DeviceRuntimeSeam {
 // Installs `seam` (nullptr removes it). Not thread-safe: install before the calls it is to catch.
 void installDeviceRuntimeSeam(const DeviceRuntimeSeam* seam);
 
-// The standard call pattern: check, report with the given expression text, throw DeviceError.
-#define TESSA_DEVICE_CHECK(call, expression)                                                            \
-    do {                                                                                                \
-        const ::SurfaceReconstruction::DeviceResult tessa_result_ = (call);                             \
-        if (!::SurfaceReconstruction::checkDeviceCall(tessa_result_, (expression), __FILE__, __LINE__)) \
-            ::SurfaceReconstruction::throwDeviceFailure(tessa_result_);                                 \
+// The standard call pattern: check, report with the call's own text (the macro's argument as written, so
+// the report always names the call that failed), throw DeviceError.
+#define TESSA_DEVICE_CHECK(call) TESSA_DEVICE_CHECK_TEXT(call, #call)
+
+// The same with the text made by the caller: for macros that build the call from their own arguments and
+// name it from those arguments' text.
+#define TESSA_DEVICE_CHECK_TEXT(call, text)                                                       \
+    do {                                                                                          \
+        const ::SurfaceReconstruction::DeviceResult tessa_result_ = (call);                       \
+        if (!::SurfaceReconstruction::checkDeviceCall(tessa_result_, (text), __FILE__, __LINE__)) \
+            ::SurfaceReconstruction::throwDeviceFailure(tessa_result_);                           \
     } while (0)
 
 // Guarded, repeatable release: a null pointer makes no call; the pointer is nulled only after the
 // free succeeded, so a later attempt starts again at the first member still held.
-#define TESSA_DEVICE_RELEASE(ptr, expression)                                         \
-    do {                                                                              \
-        if ((ptr) != nullptr) {                                                       \
-            TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceFree(ptr), expression); \
-            (ptr) = nullptr;                                                          \
-        }                                                                             \
+#define TESSA_DEVICE_RELEASE(ptr)                                                                      \
+    do {                                                                                               \
+        if ((ptr) != nullptr) {                                                                        \
+            TESSA_DEVICE_CHECK_TEXT(::SurfaceReconstruction::deviceFree(ptr), "deviceFree(" #ptr ")"); \
+            (ptr) = nullptr;                                                                           \
+        }                                                                                              \
     } while (0)
 
-// A device copy of one host record: allocation and upload, each checked with its expression text.
-#define TESSA_DEVICE_UPLOAD(dev, host, malloc_expression, copy_expression)                                         \
-    do {                                                                                                           \
-        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMalloc(&(dev), sizeof(host)), malloc_expression);        \
-        TESSA_DEVICE_CHECK(::SurfaceReconstruction::deviceMemcpy((dev), &(host), sizeof(host),                     \
-                                                                 ::SurfaceReconstruction::CopyKind::HostToDevice), \
-                           copy_expression);                                                                       \
+// A device copy of one host record: allocation and upload, each checked and named by its call.
+#define TESSA_DEVICE_UPLOAD(dev, host)                                                                              \
+    do {                                                                                                            \
+        TESSA_DEVICE_CHECK_TEXT(::SurfaceReconstruction::deviceMalloc(&(dev), sizeof(host)),                        \
+                                "deviceMalloc(&" #dev ", sizeof(" #host "))");                                      \
+        TESSA_DEVICE_CHECK_TEXT(::SurfaceReconstruction::deviceMemcpy(                                              \
+                                    (dev), &(host), sizeof(host), ::SurfaceReconstruction::CopyKind::HostToDevice), \
+                                "deviceMemcpy(" #dev ", &" #host ", sizeof(" #host "), CopyKind::HostToDevice)");   \
     } while (0)
 
-// A temporary device buffer of one operation, freed on every path; release() frees it with the checked
-// call on the normal path.
+// A temporary device buffer of one operation, freed on every path; TESSA_DEVICE_RELEASE(buffer.ptr())
+// frees it with the checked call on the normal path.
 template <class T>
 class ScopedDeviceBuffer {
 public:
@@ -178,7 +185,6 @@ public:
     ScopedDeviceBuffer(const ScopedDeviceBuffer&) = delete;
     ScopedDeviceBuffer& operator=(const ScopedDeviceBuffer&) = delete;
     T*& ptr() { return m_ptr; }
-    void release(const char* expression) { TESSA_DEVICE_RELEASE(m_ptr, expression); }
 
 private:
     T* m_ptr = nullptr;
@@ -342,7 +348,7 @@ void launchKernel(std::size_t n, const Kernel& kernel) {
         for (std::int64_t i = 0; i < count; ++i) kernel(static_cast<std::size_t>(i));
     }
 #endif
-    TESSA_DEVICE_CHECK(deviceGetLastError(), "cudaGetLastError()");
+    TESSA_DEVICE_CHECK(deviceGetLastError());
 }
 
 // Runs `kernel(i)` for every i in [0, n) on the host's cores, with either backend: the twin of

@@ -1,4 +1,5 @@
-// The operations each backend provides; DeviceLayer.cpp puts the test seam in front of them.
+// The operations each backend provides (DeviceLayerBackend.cu for CUDA, DeviceLayerBackendHost.cpp for the
+// host); DeviceLayer.cpp puts the test seam in front of them.
 #pragma once
 
 #include "device/DeviceLayer.h"

@@ -14,7 +14,7 @@
 #include "common/ThreadPool.h"
 #include "common/TimeProfiler.h"
 #include "contour/Reconstructor.h"
-#include "device/helper_cuda.h"
+#include "device/DeviceSelection.h"
 #include "engine/MarkerFilter.h"
 #include "fusion/MarchingCubes.h"
 #include "portion/Portioner.h"
@@ -28,6 +28,21 @@ const wchar_t* const STEP_MESH = L"\u751f\u6210\u7f51\u683c";
 
 namespace {
 constexpr int TOTAL_STEPS = 3;
+
+// A new stage with the run's settings, set up: its status, and where its init fails its last error in
+// `last_error`.
+template <class Stage>
+int startStage(std::shared_ptr<Stage>& stage, const std::shared_ptr<DeviceParameters>& device_params,
+               const std::shared_ptr<PortionerParameters>& portioner_params, const std::weak_ptr<ThreadPool>& pool,
+               std::string& last_error) {
+    stage = std::make_shared<Stage>();
+    stage->setDeviceParams(device_params);
+    stage->setPortionerParams(portioner_params);
+    stage->setThreadPool(pool);
+    const int result = stage->init();
+    if (result != 0) last_error = stage->getLastError();
+    return result;
+}
 }  // namespace
 
 int printStepReport(ProcessStepInfo& info) {
@@ -176,34 +191,12 @@ int Tessaline_OPT::init() {
             m_thread_pool = std::make_shared<ThreadPool>(ENGINE_POOL_THREADS);
             m_step_callback = [](ProcessStepInfo& info) { printStepReport(info); };
 
-            m_portioner = std::make_shared<Portioner>();
-            m_portioner->setDeviceParams(m_device_params);
-            m_portioner->setPortionerParams(m_portioner_params);
-            m_portioner->setThreadPool(m_thread_pool);
-            int result = m_portioner->init();
-            if (result != 0) {
-                last_error = m_portioner->getLastError();
-                return result;
-            }
-
-            m_marching_cubes = std::make_shared<MarchingCubes>();
-            m_marching_cubes->setDeviceParams(m_device_params);
-            m_marching_cubes->setPortionerParams(m_portioner_params);
-            m_marching_cubes->setThreadPool(m_thread_pool);
-            result = m_marching_cubes->init();
-            if (result != 0) {
-                last_error = m_marching_cubes->getLastError();
-                return result;
-            }
-
-            m_reconstructor = std::make_shared<Reconstructor>();
-            m_reconstructor->setPortionerParameters(m_portioner_params);
-            m_reconstructor->setDeviceParameters(m_device_params);
-            result = m_reconstructor->init();
-            if (result != 0) {
-                last_error = m_reconstructor->getLastError();
-                return result;
-            }
+            int result = startStage(m_portioner, m_device_params, m_portioner_params, m_thread_pool, last_error);
+            if (result != 0) return result;
+            result = startStage(m_marching_cubes, m_device_params, m_portioner_params, m_thread_pool, last_error);
+            if (result != 0) return result;
+            result = startStage(m_reconstructor, m_device_params, m_portioner_params, m_thread_pool, last_error);
+            if (result != 0) return result;
 
             m_inited = true;
             m_stages_spent = false;

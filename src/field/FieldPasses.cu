@@ -1,15 +1,14 @@
 // The device driver of the field computation: the three passes over the cells of a block, launched on
-// the device, or run by the host's cores (FieldPassesHost.cpp) when device memory runs short. Both
-// drivers run the same per-cell functions (FieldComputation.h), each translation unit its own copy.
-// Compiled by nvcc for the CUDA backend and as C++ for the host backend.
+// the device; their host twin (FieldPassesHost.cpp) runs them on the host's cores when device memory runs
+// short. Both drivers run the same per-cell functions (FieldComputation.h), each translation unit its own
+// copy. Compiled by nvcc for the CUDA backend and as C++ for the host backend.
 #include <cstdio>
-#include <memory>
 #include <vector>
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
 #include "field/FieldComputation.h"
-#include "fusion/MarchingCubes.h"
+#include "field/FieldPasses.h"
 
 namespace SurfaceReconstruction {
 
@@ -78,46 +77,21 @@ struct computeCellFieldKernel {
 };
 #endif
 
-}  // namespace
-
-// The device computes the block when its memory holds the cells, relations and centres and the block's
-// points are still there; otherwise the host does, with the same arithmetic.
-int MarchingCubes::computeFiledData(const std::shared_ptr<PointCloudBlock>& block,
-                                    const std::vector<BinsHeader>& bins_header, CellNodeAndRelations& cells) {
-    const std::int64_t cell_node_size = cells.cell_node_size.load();
-    const std::int64_t relation_size = cells.relation_size.load();
-    if (bins_header.empty() || cell_node_size == 0 || relation_size == 0) return 0;
-    const std::size_t need =
-        static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
-        static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
-    // After the chunked bins the block's sorted points are on the host only: the device path needs them.
-    if (!m_on_host && deviceMemoryAvailable(need)) {
-        // Where device memory is host memory and kernels round as the host does, the host's own passes
-        // serve as the device path, with the vector walks where the processor has them.
-        if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST && hostFieldWalksAvailable())
-            return processMarchingCubeTaskOnHost(*block, cells, true);
-        return computeFiledData_Device(cells);
-    }
-    diagnostic("[warining]: memory lacked, computeFiledData on Host\n");
-    m_on_host = true;
-    return processMarchingCubeTaskOnHost(*block, cells, true);
-}
-
-// The device driver: three launches back to back on the default stream, checked once at the end.
-int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
-                                           RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
-                                           VoxelFieldCenter* voxel_field_centers_dev) {
+// The three launches back to back on the default stream, checked once at the end.
+int launchFieldPasses(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
+                      RelationCell2Bins_Device* relations_dev, const RawPointWithHash* raw_points_dev,
+                      const DeviceParameters* params_dev, VoxelFieldCenter* voxel_field_centers_dev) {
     const std::size_t n = static_cast<std::size_t>(cell_node_size);
 #if defined(TESSA_KERNEL_LAUNCH_CUDA)
     launchKernel(n, computeInitNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
-                                            raw_points_dev, m_device_params_dev});
+                                            raw_points_dev, params_dev});
     launchKernel(n, computeFineNormalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
-                                            raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
+                                            raw_points_dev, params_dev, voxel_field_centers_dev});
     launchKernel(n, computeFineFiledDatalKernel{cell_node_size, cell_nodes_dev, relation_size, relations_dev,
-                                                raw_points_dev, m_device_params_dev, voxel_field_centers_dev});
+                                                raw_points_dev, params_dev, voxel_field_centers_dev});
 #else
-    const computeCellFieldKernel kernel{cell_node_size, cell_nodes_dev,      relation_size,          relations_dev,
-                                        raw_points_dev, m_device_params_dev, voxel_field_centers_dev};
+    const computeCellFieldKernel kernel{cell_node_size, cell_nodes_dev, relation_size,          relations_dev,
+                                        raw_points_dev, params_dev,     voxel_field_centers_dev};
 #if defined(TESSALINE_GUARDED_DEVICE)
     if (guarded::kernelPointersInDeviceMemory(kernel))
 #endif
@@ -135,17 +109,20 @@ int MarchingCubes::processMarchingCubeTask(int cell_node_size, CellNode_Device* 
     return 0;
 }
 
-int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
+}  // namespace
+
+int computeFieldOnDevice(CellNodeAndRelations& cells, FieldPassViews views) {
     return runGuarded(
-        m_last_error, {TESSALINE_DEVICE_COMPUTE, "cuda runtime error!"}, {1, "computeFiledData failed!"}, [&]() -> int {
+        views.last_error, {TESSALINE_DEVICE_COMPUTE, "cuda runtime error!"}, {1, "computeFiledData failed!"},
+        [&]() -> int {
             const int cell_node_size = cells.cell_node_size.load();
             const int relation_size = cells.relation_size.load();
             if (deviceMemoryIsHostMemory()) {
                 // Device memory is host memory: the passes work on the block's own arrays, without copies
                 // of the cells and relations there and back.
                 std::vector<VoxelFieldCenter> centres(static_cast<std::size_t>(cell_node_size));
-                if (processMarchingCubeTask(cell_node_size, cells.cell_nodes.data(), relation_size,
-                                            cells.relations.data(), m_block_points_dev, centres.data()) != 0) {
+                if (launchFieldPasses(cell_node_size, cells.cell_nodes.data(), relation_size, cells.relations.data(),
+                                      views.block_points_dev, views.params_dev, centres.data()) != 0) {
                     throw DeviceError();
                 }
                 return 0;
@@ -157,33 +134,23 @@ int MarchingCubes::computeFiledData_Device(CellNodeAndRelations& cells) {
             const std::size_t relation_bytes =
                 static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
             const std::size_t centre_bytes = static_cast<std::size_t>(cell_node_size) * sizeof(VoxelFieldCenter);
-            TESSA_DEVICE_CHECK(deviceMalloc(&cell_nodes_dev.ptr(), cell_bytes),
-                               "cudaMalloc(&cell_nodes_dev, cell_node_size * sizeof(CellNode_Device))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&relations_dev.ptr(), relation_bytes),
-                               "cudaMalloc(&relations_dev, relation_size * sizeof(RelationCell2Bins_Device))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes),
-                               "cudaMalloc(&voxel_field_centers_dev, cell_node_size * sizeof(VoxelFieldCenter))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&cell_nodes_dev.ptr(), cell_bytes));
+            TESSA_DEVICE_CHECK(deviceMalloc(&relations_dev.ptr(), relation_bytes));
+            TESSA_DEVICE_CHECK(deviceMalloc(&voxel_field_centers_dev.ptr(), centre_bytes));
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice),
-                "cudaMemcpy(cell_nodes_dev, cell_nodes, cell_node_size * sizeof(CellNode_Device) , "
-                "cudaMemcpyHostToDevice)");
+                deviceMemcpy(cell_nodes_dev.ptr(), cells.cell_nodes.data(), cell_bytes, CopyKind::HostToDevice));
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice),
-                "cudaMemcpy(relations_dev, relations, relation_size * sizeof(RelationCell2Bins_Device) , "
-                "cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes),
-                               "cudaMemset(voxel_field_centers_dev, 0, cell_node_size * sizeof(VoxelFieldCenter))");
-            if (processMarchingCubeTask(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
-                                        m_block_points_dev, voxel_field_centers_dev.ptr()) != 0) {
+                deviceMemcpy(relations_dev.ptr(), cells.relations.data(), relation_bytes, CopyKind::HostToDevice));
+            TESSA_DEVICE_CHECK(deviceMemset(voxel_field_centers_dev.ptr(), 0, centre_bytes));
+            if (launchFieldPasses(cell_node_size, cell_nodes_dev.ptr(), relation_size, relations_dev.ptr(),
+                                  views.block_points_dev, views.params_dev, voxel_field_centers_dev.ptr()) != 0) {
                 throw DeviceError();
             }
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost),
-                "cudaMemcpy(cell_nodes, cell_nodes_dev, cell_node_size * sizeof(CellNode_Device) , "
-                "cudaMemcpyDeviceToHost)");
-            cell_nodes_dev.release("cudaFree(cell_nodes_dev)");
-            relations_dev.release("cudaFree(relations_dev)");
-            voxel_field_centers_dev.release("cudaFree(voxel_field_centers_dev)");
+                deviceMemcpy(cells.cell_nodes.data(), cell_nodes_dev.ptr(), cell_bytes, CopyKind::DeviceToHost));
+            TESSA_DEVICE_RELEASE(cell_nodes_dev.ptr());
+            TESSA_DEVICE_RELEASE(relations_dev.ptr());
+            TESSA_DEVICE_RELEASE(voxel_field_centers_dev.ptr());
             return 0;
         });
 }

@@ -1,15 +1,16 @@
-// MarchingCubes: life cycle of the stage and the field store.
+// MarchingCubes: life cycle of the stage and the steps of one block, from its bins to its fields in the
+// field store.
 #include "fusion/MarchingCubes.h"
 
 #include <cstdio>
 #include <new>
+#include <parallel/algorithm>
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
 #include "common/HostMemory.h"
 #include "common/MemoryFailure.h"
 #include "common/RunStop.h"
-#include "common/SimpleLineHash.h"
 #include "common/SpinLock.h"
 #include "common/TimeProfiler.h"
 #include "tessaline/Tessaline.h"
@@ -23,43 +24,23 @@ MarchingCubes::~MarchingCubes() {
     if (m_inited) deInit();
 }
 
-int MarchingCubes::setDeviceParams(const std::shared_ptr<DeviceParameters>& params) {
-    m_device_params = params;
-    return 0;
-}
-
-int MarchingCubes::setPortionerParams(const std::shared_ptr<PortionerParameters>& params) {
-    m_portioner_params = params;
-    return 0;
-}
-
-int MarchingCubes::setThreadPool(const std::weak_ptr<ThreadPool>& pool) {
-    m_thread_pool = pool;
-    return 0;
-}
-
-int MarchingCubes::setResolution(float resolution) {
-    m_resolution = resolution;
-    return 0;
-}
-
 int MarchingCubes::init() {
     m_inited = false;
     return runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
-        m_block_loc_hash = std::make_shared<SimpleLineHash>();  // sized for each block when it is used
+        m_bin_table = std::make_shared<GridKeyTable<BinOfKey>>();  // sized for each block when it is used
         m_inited = true;
         return 0;
     });
 }
 
 int MarchingCubes::setHashOctree(const std::shared_ptr<HashOctree>& octree) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     m_hash_octree = octree;
     return 0;
 }
 
 int MarchingCubes::setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     m_field_data_pool = pool;
     return 0;
 }
@@ -70,7 +51,7 @@ int MarchingCubes::process(const std::shared_ptr<PointCloudBlock>& block) {
 }
 
 int MarchingCubes::processBlock(const std::shared_ptr<PointCloudBlock>& block) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_hash_octree) {
         m_last_error = "[MarchingCubes] process error , m_hash_octree == nullptr !";
         return 1;
@@ -157,7 +138,7 @@ int MarchingCubes::processBlock(const std::shared_ptr<PointCloudBlock>& block) {
 
     stopPoint();
     profiler.time_start("mc-step3");
-    result = computeFiledData(block, bins_header, *cells);
+    result = computeFields(block, *cells);
     if (result != 0) return result;
     // The relations and the sheets' centres, which only the field passes read, give their pages back now
     // (the arrays stay for the next block), so that the next block's cells and searches do not find them
@@ -185,21 +166,62 @@ void MarchingCubes::logicCoordinate(const PointCloudBlock& block, float out[3]) 
     for (int k = 0; k < 3; ++k) out[k] = block.center[k] - block_edge * 0.5f - margin;
 }
 
+// The whole block on the device where its buffer holds the block, in chunks through that buffer otherwise.
+int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
+                                std::vector<BinsHeader>& bins_header) {
+    bins_header.clear();
+    const std::uint64_t n = block->points->size();
+    bool done = false;
+    if (n < m_raw_points_capacity && !m_on_host) {
+        done =
+            computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
+    }
+    if (!done) {
+        diagnostic("[warining]: memory lacked, generateBins on Host\n");
+        m_on_host = true;
+        bins_header.clear();
+        int result = computePointsHash_Chunked(*block, logic_coordinate);
+        if (result != 0) return result;
+        result = getBinsCenter_Chunked(*block, logic_coordinate, bins_header);
+        if (result != 0) return result;
+    }
+    // Bin ids come from an atomic counter; the order of their points is the one that does not change
+    // (the offsets differ, so the order is total and a parallel sort gives it too).
+    __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
+                         [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
+    return 0;
+}
+
+// The device computes the block when its memory holds the cells, relations and centres and the block's
+// points are still there; otherwise the host does, with the same arithmetic.
+int MarchingCubes::computeFields(const std::shared_ptr<PointCloudBlock>& block, CellNodeAndRelations& cells) {
+    const std::int64_t cell_node_size = cells.cell_node_size.load();
+    const std::int64_t relation_size = cells.relation_size.load();
+    if (cell_node_size == 0 || relation_size == 0) return 0;
+    const std::size_t need =
+        static_cast<std::size_t>(cell_node_size) * (sizeof(CellNode_Device) + sizeof(VoxelFieldCenter)) +
+        static_cast<std::size_t>(relation_size) * sizeof(RelationCell2Bins_Device);
+    // After the chunked bins the block's sorted points are on the host only: the device path needs them.
+    if (!m_on_host && deviceMemoryAvailable(need)) {
+        // Where device memory is host memory and kernels round as the host does, the host's own passes
+        // serve as the device path, with the vector walks where the processor has them.
+        if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST && hostFieldWalksAvailable())
+            return computeFieldOnHost(*block, cells, fieldViews(), true);
+        return computeFieldOnDevice(cells, fieldViews());
+    }
+    diagnostic("[warining]: memory lacked, computeFiledData on Host\n");
+    m_on_host = true;
+    return computeFieldOnHost(*block, cells, fieldViews(), true);
+}
+
 int MarchingCubes::deInit() {
     if (!m_inited) return 0;
     const int result = runGuarded(m_last_error, {1, nullptr}, [&]() -> int {
         if (deInitDevice() != 0) return 1;  // a run that ended early may still hold the device buffers
-        if (m_block_loc_hash) {
-            const int released = m_block_loc_hash->deInit();
-            if (released != 0) {
-                m_last_error = "[MarchingCubes] m_block_loc_hash->deInit failed!";
-                return released;
-            }
-        }
         return 0;
     });
     if (result != 0) return result;
-    m_block_loc_hash.reset();
+    m_bin_table.reset();
     m_hash_octree.reset();
     m_field_data_pool.reset();
     m_inited = false;

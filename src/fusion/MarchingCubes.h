@@ -9,20 +9,26 @@
 #include <vector>
 
 #include "common/CellRecords.h"
+#include "common/GridKeyTable.h"
 #include "common/Morton.h"
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
 #include "common/PointSort.h"
+#include "common/RunStage.h"
 #include "device/DeviceLayer.h"
+#include "field/FieldPasses.h"
 #include "field/HostFieldWalks.h"
 #include "volume/FieldDataPool.h"
 
 namespace SurfaceReconstruction {
 
 class HashOctree;
-class SimpleLineHash;
-class ThreadPool;
 struct TestAccess;
+
+// The value of the table of a block's bins: the bin of a key.
+struct BinOfKey {
+    std::int32_t bin = -1;
+};
 
 // Free device memory kept on every test of the stage.
 constexpr std::size_t MC_MEMORY_MARGIN = 0x500000;
@@ -78,17 +84,10 @@ struct CellBuildBuffers {
     void release();
 };
 
-class MarchingCubes {
+class MarchingCubes : public RunStage {
 public:
     MarchingCubes() = default;
     ~MarchingCubes();
-    MarchingCubes(const MarchingCubes&) = delete;
-    MarchingCubes& operator=(const MarchingCubes&) = delete;
-
-    int setDeviceParams(const std::shared_ptr<DeviceParameters>& params);
-    int setPortionerParams(const std::shared_ptr<PortionerParameters>& params);
-    int setThreadPool(const std::weak_ptr<ThreadPool>& pool);
-    int setResolution(float resolution);
 
     int init();
     int setHashOctree(const std::shared_ptr<HashOctree>& octree);
@@ -100,11 +99,8 @@ public:
     int deInitDevice();
     int deInit();
 
-    std::string getLastError() const { return m_last_error; }
-    bool isInited() const { return m_inited; }
     // What the field computation's rules decided for the cells of the run so far.
     const CellRuleCounts& cellRuleCounts() const { return m_rule_counts; }
-    float resolution() const { return m_resolution; }
 
 private:
     int processBlock(const std::shared_ptr<PointCloudBlock>& block);
@@ -138,18 +134,14 @@ private:
     }
     std::int32_t findBinInTable(std::int32_t x, std::int32_t y, std::int32_t z) const;
 
-    // The three passes of the field computation over a block's cells: on the device when its memory
-    // holds the arrays and the block's points are still there, on the host otherwise.
-    int computeFiledData(const std::shared_ptr<PointCloudBlock>& block, const std::vector<BinsHeader>& bins_header,
-                         CellNodeAndRelations& cells);
-    int computeFiledData_Device(CellNodeAndRelations& cells);
-    int processMarchingCubeTask(int cell_node_size, CellNode_Device* cell_nodes_dev, int relation_size,
-                                RelationCell2Bins_Device* relations_dev, RawPointWithHash* raw_points_dev,
-                                VoxelFieldCenter* voxel_field_centers_dev);
-    // With `points_may_go`, the block's points are given up once the vector walks have them as columns:
-    // from there on only the columns are read, and the block is not held twice.
-    int processMarchingCubeTaskOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells,
-                                      bool points_may_go = false);
+    // The three passes of the field computation over a block's cells (field/FieldPasses.h): on the device
+    // when its memory holds the arrays and the block's points are still there, on the host otherwise.
+    int computeFields(const std::shared_ptr<PointCloudBlock>& block, CellNodeAndRelations& cells);
+    // What the passes read and keep, lent from the stage's members.
+    FieldPassViews fieldViews() {
+        return {*m_device_params,       m_device_params_dev, m_block_points_dev,
+                m_cell_buffers.centres, m_point_columns,     m_last_error};
+    }
     // Moves the sheets of every leaf into the field store and leaves each leaf with its slots or none.
     // Gives the number of sheets stored.
     std::int64_t saveFieldData(const CellNodeAndRelations& cells);
@@ -161,14 +153,8 @@ private:
     int getBinsCenter_Chunked(PointCloudBlock& block, const float logic_coordinate[3],
                               std::vector<BinsHeader>& bins_header);
 
-    bool m_inited = false;
-    std::string m_last_error = "no error!";
-    float m_resolution = 0.5f;
-    std::shared_ptr<DeviceParameters> m_device_params;
-    std::shared_ptr<PortionerParameters> m_portioner_params;
-    std::weak_ptr<ThreadPool> m_thread_pool;
     bool m_on_host = false;
-    std::shared_ptr<SimpleLineHash> m_block_loc_hash;
+    std::shared_ptr<GridKeyTable<BinOfKey>> m_bin_table;  // the bins by key where the bitmap cannot hold them
     std::shared_ptr<HashOctree> m_hash_octree;
     std::shared_ptr<FieldDataPool> m_field_data_pool;
     RawPointWithHash* m_raw_points_hash_dev = nullptr;

@@ -11,7 +11,6 @@
 #include "common/GridHash.h"
 #include "common/MemoryFailure.h"
 #include "common/Morton.h"
-#include "common/SimpleLineHash.h"
 #include "fusion/MarchingCubes.h"
 
 namespace SurfaceReconstruction {
@@ -30,11 +29,9 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
     std::uint64_t buckets = 1024;
     while (buckets < 4 * n) buckets <<= 1;
     const std::uint64_t excess = n + 1024;
-    const int result = m_block_loc_hash->init(buckets, excess);
+    const int result = m_bin_table->init(buckets, excess);
     if (result != 0) {
-        m_last_error = result == static_cast<int>(TESSALINE_OUT_OF_MEMORY)
-                           ? memoryFailureText((buckets + excess) * sizeof(SimpleLineHashEntry))
-                           : " [MarchingCubes] block_loc_hash->init failed";
+        m_last_error = memoryFailureText((buckets + excess) * sizeof(GridKeySlot<BinOfKey>));
         return result;
     }
     const std::int64_t count = static_cast<std::int64_t>(n);
@@ -43,10 +40,10 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
     for (std::int64_t i = 0; i < count; ++i) {
         std::int32_t key[3];
         gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
-        SimpleLineHashEntry* entry = nullptr;
-        if (m_block_loc_hash->insert(key[0], key[1], key[2], entry) != 0) continue;
-        std::int32_t current = loadRelaxed(entry->id);
-        while (current < i && !compareExchangeWeakRelaxed(entry->id, current, static_cast<std::int32_t>(i))) {
+        GridKeySlot<BinOfKey>* entry = m_bin_table->findOrInsert(key[0], key[1], key[2]);
+        if (entry == nullptr) continue;
+        std::int32_t current = loadRelaxed(entry->value.bin);
+        while (current < i && !compareExchangeWeakRelaxed(entry->value.bin, current, static_cast<std::int32_t>(i))) {
         }
     }
     return 0;
@@ -108,9 +105,8 @@ bool MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
 }
 
 std::int32_t MarchingCubes::findBinInTable(std::int32_t x, std::int32_t y, std::int32_t z) const {
-    SimpleLineHashEntry* entry = nullptr;
-    if (m_block_loc_hash->find(x, y, z, entry) != 0) return -1;
-    return entry->id;
+    const GridKeySlot<BinOfKey>* entry = m_bin_table->find(x, y, z);
+    return entry == nullptr ? -1 : entry->value.bin;
 }
 
 }  // namespace SurfaceReconstruction

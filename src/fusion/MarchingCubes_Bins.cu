@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <parallel/algorithm>
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
@@ -125,7 +124,7 @@ struct GetBinsScaleKernel {
 // ---- buffers ---------------------------------------------------------------------------------------
 
 int MarchingCubes::initDevice(std::uint64_t max_points) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_device_params || !m_portioner_params) {
         m_last_error = "[MarchingCubes] initDevice try catch error! \n";
         return 1;
@@ -144,49 +143,35 @@ int MarchingCubes::initDevice(std::uint64_t max_points) {
                 m_raw_points_capacity = n * n * 300;
             if (!deviceMemoryIsHostMemory()) {  // on the host backend kernels read the blocks' own arrays
                 TESSA_DEVICE_CHECK(
-                    deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)),
-                    "cudaMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash))");
+                    deviceMalloc(&m_raw_points_hash_dev, m_raw_points_capacity * sizeof(RawPointWithHash)));
             }
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)),
-                               "cudaMalloc(&m_raw_points_hash_size_dev, sizeof(int))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)),
-                               "cudaMalloc(&m_logic_coordinate_dev, 3 * sizeof(float))");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_raw_points_hash_size_dev, sizeof(int)));
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_logic_coordinate_dev, 3 * sizeof(float)));
             // A block has no more bins than points: the array starts at that and grows when a block needs more.
             m_bins_header_capacity =
                 std::min<std::uint64_t>(MC_MAX_BINS_HEADER(static_cast<std::uint32_t>(n)), m_raw_points_capacity);
-            TESSA_DEVICE_CHECK(
-                deviceMalloc(&m_bins_header_dev, m_bins_header_capacity * sizeof(BinsHeader)),
-                "cudaMalloc(&m_bins_header_dev, MC_MAX_BINS_HEADER(m_portioner_params->block_with_ext_size) * "
-                "sizeof(BinsHeader))");
-            TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)),
-                               "cudaMalloc(&m_bins_header_size_dev, sizeof(int))");
-            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params,
-                                "cudaMalloc(&m_device_params_dev, sizeof(DeviceParameters))",
-                                "cudaMemcpy(m_device_params_dev, m_device_params.get() , sizeof(DeviceParameters), "
-                                "cudaMemcpyHostToDevice)");
-            TESSA_DEVICE_UPLOAD(
-                m_portioner_params_dev, *m_portioner_params,
-                "cudaMalloc(&m_portioner_params_dev, sizeof(PortionerParameters))",
-                "cudaMemcpy(m_portioner_params_dev, m_portioner_params.get() , sizeof(PortionerParameters), "
-                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_dev, m_bins_header_capacity * sizeof(BinsHeader)));
+            TESSA_DEVICE_CHECK(deviceMalloc(&m_bins_header_size_dev, sizeof(int)));
+            TESSA_DEVICE_UPLOAD(m_device_params_dev, *m_device_params);
+            TESSA_DEVICE_UPLOAD(m_portioner_params_dev, *m_portioner_params);
             return 0;
         });
 }
 
 int MarchingCubes::deInitDevice() {
     return runGuarded(m_last_error, {TESSALINE_DEVICE_COMPUTE, nullptr}, {1, nullptr}, [&]() -> int {
-        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev, "cudaFree(m_raw_points_hash_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_dev);
         m_raw_points_capacity = 0;
         m_sort_buffers.release();
         m_point_columns.release();
         m_cell_buffers.release();
-        TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev, "cudaFree(m_raw_points_hash_size_dev)");
-        TESSA_DEVICE_RELEASE(m_logic_coordinate_dev, "cudaFree(m_logic_coordinate_dev)");
-        TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");
+        TESSA_DEVICE_RELEASE(m_raw_points_hash_size_dev);
+        TESSA_DEVICE_RELEASE(m_logic_coordinate_dev);
+        TESSA_DEVICE_RELEASE(m_bins_header_dev);
         m_bins_header_capacity = 0;
-        TESSA_DEVICE_RELEASE(m_bins_header_size_dev, "cudaFree(m_bins_header_size_dev)");
-        TESSA_DEVICE_RELEASE(m_device_params_dev, "cudaFree(m_device_params_dev)");
-        TESSA_DEVICE_RELEASE(m_portioner_params_dev, "cudaFree(m_portioner_params_dev)");
+        TESSA_DEVICE_RELEASE(m_bins_header_size_dev);
+        TESSA_DEVICE_RELEASE(m_device_params_dev);
+        TESSA_DEVICE_RELEASE(m_portioner_params_dev);
         return 0;
     });
 }
@@ -198,39 +183,32 @@ void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::
     const float bin_size = m_resolution;
     // Count the runs first, so that the bin array never overflows: a block with more bins gets a
     // larger array and is not cut.
-    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
-                       "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
+    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)));
     launchKernel(static_cast<std::size_t>(count), CountHashRunsKernel{points_dev, count, m_bins_header_size_dev});
     int bins_header_size = 0;
-    TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                       "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+    TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost));
     if (static_cast<std::uint64_t>(bins_header_size) > m_bins_header_capacity) {
-        TESSA_DEVICE_RELEASE(m_bins_header_dev, "cudaFree(m_bins_header_dev)");
+        TESSA_DEVICE_RELEASE(m_bins_header_dev);
         m_bins_header_capacity = 0;
         TESSA_DEVICE_CHECK(
-            deviceMalloc(&m_bins_header_dev, static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader)),
-            "cudaMalloc(&m_bins_header_dev, bins_header_size * sizeof(BinsHeader))");
+            deviceMalloc(&m_bins_header_dev, static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader)));
         m_bins_header_capacity = static_cast<std::uint64_t>(bins_header_size);
     }
 
-    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)),
-                       "cudaMemset(m_bins_header_size_dev, 0, sizeof(int))");
+    TESSA_DEVICE_CHECK(deviceMemset(m_bins_header_size_dev, 0, sizeof(int)));
     launchKernel(static_cast<std::size_t>(count),
                  GetBinsCenterKernel{points_dev, count, m_logic_coordinate_dev, bin_size, m_bins_header_dev,
                                      m_bins_header_size_dev, static_cast<std::int64_t>(m_bins_header_capacity),
                                      static_cast<std::int32_t>(points_offset)});
-    TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost),
-                       "cudaMemcpy(&bins_header_size, m_bins_header_size_dev , sizeof(int), cudaMemcpyDeviceToHost)");
+    TESSA_DEVICE_CHECK(deviceMemcpy(&bins_header_size, m_bins_header_size_dev, sizeof(int), CopyKind::DeviceToHost));
     launchKernel(static_cast<std::size_t>(bins_header_size),
                  GetBinsScaleKernel{points_dev, count, bin_size, m_bins_header_dev, bins_header_size,
                                     static_cast<std::int32_t>(points_offset)});
     const std::size_t old_size = bins_header.size();
     bins_header.resize(old_size + static_cast<std::size_t>(bins_header_size));
-    TESSA_DEVICE_CHECK(
-        deviceMemcpy(bins_header.data() + old_size, m_bins_header_dev,
-                     static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader), CopyKind::DeviceToHost),
-        "cudaMemcpy(bins_header.data() + old_size, m_bins_header_dev , bins_header_size * "
-        "sizeof(BinsHeader), cudaMemcpyDeviceToHost)");
+    TESSA_DEVICE_CHECK(deviceMemcpy(bins_header.data() + old_size, m_bins_header_dev,
+                                    static_cast<std::size_t>(bins_header_size) * sizeof(BinsHeader),
+                                    CopyKind::DeviceToHost));
     // Where device memory is host memory the bins now lie twice: the array's pages go back to the system
     // (its next use writes before it reads).
     if (deviceMemoryIsHostMemory())
@@ -247,16 +225,12 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
         RawPointWithHash* points_dev = shared ? points.data() : m_raw_points_hash_dev;
         if (!shared) {
             TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, points.data(),
-                                            points.size() * sizeof(RawPointWithHash), CopyKind::HostToDevice),
-                               "cudaMemcpy(m_raw_points_hash_dev, points_hash_data , points_hash_size * "
-                               "sizeof(RawPointWithHash), cudaMemcpyHostToDevice)");
+                                            points.size() * sizeof(RawPointWithHash), CopyKind::HostToDevice));
         }
         TESSA_DEVICE_CHECK(
-            deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
-            "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), "
-            "cudaMemcpyHostToDevice)");
+            deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice));
         launchKernel(points.size(), ComputePointsHashValueKernel{points_dev, n, m_logic_coordinate_dev, m_resolution});
-        TESSA_DEVICE_CHECK(deviceSynchronize(), "cudaDeviceSynchronize()");
+        TESSA_DEVICE_CHECK(deviceSynchronize());
         // The full order settles equal codes too, so the block's points come out the same every run.
         if (shared) {
             sortPointsFullyOnHost(points, m_sort_buffers);  // the block's array is replaced by its sorted copy
@@ -266,9 +240,7 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
         }
         if (!shared) {
             TESSA_DEVICE_CHECK(deviceMemcpy(points.data(), m_raw_points_hash_dev,
-                                            points.size() * sizeof(RawPointWithHash), CopyKind::DeviceToHost),
-                               "cudaMemcpy(points_hash_data, m_raw_points_hash_dev , points_hash_size * "
-                               "sizeof(RawPointWithHash), cudaMemcpyDeviceToHost)");
+                                            points.size() * sizeof(RawPointWithHash), CopyKind::DeviceToHost));
         }
         m_block_points_dev = points_dev;
         return 0;
@@ -288,8 +260,7 @@ int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float
     PointList& points = *block.points;
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     TESSA_DEVICE_CHECK(
-        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
-        "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice));
     const bool shared = deviceMemoryIsHostMemory();
     for (std::int64_t done = 0; done < n;) {
         const std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
@@ -297,17 +268,13 @@ int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float
         RawPointWithHash* chunk_dev = shared ? points.data() + done : m_raw_points_hash_dev;
         if (!shared) {
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice),
-                "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
-                "cudaMemcpyHostToDevice)");
+                deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice));
         }
         launchKernel(static_cast<std::size_t>(c),
                      ComputePointsHashValueKernel{chunk_dev, c, m_logic_coordinate_dev, m_resolution});
         if (!shared) {
             TESSA_DEVICE_CHECK(
-                deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost),
-                "cudaMemcpy(points_hash_data + done, m_raw_points_hash_dev , chunk * sizeof(RawPointWithHash), "
-                "cudaMemcpyDeviceToHost)");
+                deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost));
         }
         done += c;
     }
@@ -320,8 +287,7 @@ int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float log
     const PointList& points = *block.points;
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     TESSA_DEVICE_CHECK(
-        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice),
-        "cudaMemcpy(m_logic_coordinate_dev, logic_coordinate , 3 * sizeof(float), cudaMemcpyHostToDevice)");
+        deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice));
     for (std::int64_t done = 0; done < n;) {
         std::int64_t c = std::min<std::int64_t>(n - done, static_cast<std::int64_t>(m_raw_points_capacity));
         // Leave the run at the end of the chunk to the next chunk; a run longer than the buffer is cut.
@@ -331,41 +297,14 @@ int MarchingCubes::getBinsCenter_Chunked(PointCloudBlock& block, const float log
         if (e >= 1) c = e + 1;
         const RawPointWithHash* chunk_dev = chunk;
         if (!deviceMemoryIsHostMemory()) {
-            TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_raw_points_hash_dev, chunk, static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
-                             CopyKind::HostToDevice),
-                "cudaMemcpy(m_raw_points_hash_dev, points_hash_data + done, chunk * sizeof(RawPointWithHash), "
-                "cudaMemcpyHostToDevice)");
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_raw_points_hash_dev, chunk,
+                                            static_cast<std::size_t>(c) * sizeof(RawPointWithHash),
+                                            CopyKind::HostToDevice));
             chunk_dev = m_raw_points_hash_dev;
         }
         binsOfSortedPoints(chunk_dev, c, done, bins_header);
         done += c;
     }
-    return 0;
-}
-
-int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
-                                std::vector<BinsHeader>& bins_header) {
-    bins_header.clear();
-    const std::uint64_t n = block->points->size();
-    bool done = false;
-    if (n < m_raw_points_capacity && !m_on_host) {
-        done =
-            computePointsHash_Device(*block, logic_coordinate) == 0 && getBinsCenter_Device(*block, bins_header) == 0;
-    }
-    if (!done) {
-        diagnostic("[warining]: memory lacked, generateBins on Host\n");
-        m_on_host = true;
-        bins_header.clear();
-        int result = computePointsHash_Chunked(*block, logic_coordinate);
-        if (result != 0) return result;
-        result = getBinsCenter_Chunked(*block, logic_coordinate, bins_header);
-        if (result != 0) return result;
-    }
-    // Bin ids come from an atomic counter; the order of their points is the one that does not change
-    // (the offsets differ, so the order is total and a parallel sort gives it too).
-    __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
-                         [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
     return 0;
 }
 

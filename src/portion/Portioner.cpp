@@ -1,5 +1,6 @@
-// Host part of the Portioner: block sizing, the two passes over the frames, the batch double buffer on
-// a pool worker, and the block list.
+// The Portioner's steps: block sizing, the two passes over the frames, the batch double buffer on a pool
+// worker, and the block list. The passes' device steps are in PortionerPasses.cu, the host's partition in
+// PortionerPassesHost.cpp.
 #include "portion/Portioner.h"
 
 #include <algorithm>
@@ -21,26 +22,6 @@ void computeBlockSizing(PortionerParameters& params, float resolution, std::uint
 
 Portioner::~Portioner() {
     if (m_inited) deInit();
-}
-
-int Portioner::setDeviceParams(const std::shared_ptr<DeviceParameters>& params) {
-    m_device_params = params;
-    return 0;
-}
-
-int Portioner::setPortionerParams(const std::shared_ptr<PortionerParameters>& params) {
-    m_portioner_params = params;
-    return 0;
-}
-
-int Portioner::setThreadPool(const std::weak_ptr<ThreadPool>& pool) {
-    m_thread_pool = pool;
-    return 0;
-}
-
-int Portioner::setResolution(float resolution) {
-    m_resolution = resolution;
-    return 0;
 }
 
 float Portioner::blockRes() const { return static_cast<float>(m_portioner_params->block_size) * m_resolution; }
@@ -88,7 +69,7 @@ int Portioner::deInit() {
 // ---- first pass --------------------------------------------------------------------------------------
 
 int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed || !frame) return 1;
     if (!frameFits(*frame)) return 1;
     const std::uint64_t pt_size = frame->xyz.size();
@@ -113,9 +94,7 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
     m_waiting_frames.push_back(frame);
     float* cur_device_xyz_ptr = m_raw_surface_xyz_dev + 3 * m_raw_surface_point_size;
     TESSA_DEVICE_CHECK(
-        deviceMemcpy(cur_device_xyz_ptr, frame->xyz.data(), pt_size * 3 * sizeof(float), CopyKind::HostToDevice),
-        "cudaMemcpy(cur_device_xyz_ptr, points_data.xyz.data() , pt_size * 3 * sizeof(float), "
-        "cudaMemcpyHostToDevice)");
+        deviceMemcpy(cur_device_xyz_ptr, frame->xyz.data(), pt_size * 3 * sizeof(float), CopyKind::HostToDevice));
     m_raw_surface_point_size += static_cast<std::int64_t>(pt_size);
     m_raw_surface_frame_size += 1;
 
@@ -156,18 +135,18 @@ int Portioner::preProcessForAddScanFrame() {
             std::uint64_t buckets = PORTIONER_HASH_BUCKETS;
             while (buckets < 2 * m_raw_surface_block_vec.size()) buckets <<= 1;
             const std::uint64_t excess = std::max<std::uint64_t>(PORTIONER_HASH_EXCESS, m_raw_surface_block_vec.size());
-            auto simple_line_hash = std::make_shared<SimpleLineHash>();
-            int result = simple_line_hash->init(buckets, excess);
+            GridKeyTable<BlockTally> table;
+            int result = table.init(buckets, excess);
             if (result == static_cast<int>(TESSALINE_OUT_OF_MEMORY))
-                m_last_error = memoryFailureText((buckets + excess) * sizeof(SimpleLineHashEntry));
+                m_last_error = memoryFailureText((buckets + excess) * sizeof(BlockSlot));
             if (result != 0) return result;
-            m_hash_entry_size = simple_line_hash->getHashBucketSize() + simple_line_hash->getHashExcessSize();
-            m_hash_mask = simple_line_hash->getHashMask();
+            m_hash_entry_size = table.slotCount();
+            m_hash_mask = table.mask();
 
             for (const RawSurfaceBlockPos& pos : m_raw_surface_block_vec) {
-                SimpleLineHashEntry* entry = nullptr;
-                if (simple_line_hash->insert(pos, entry) != 0) return 1;
-                entry->id = static_cast<std::int32_t>(m_point_cloud_blocks.size());
+                BlockSlot* entry = table.findOrInsert(pos.x, pos.y, pos.z);
+                if (entry == nullptr) return 1;
+                entry->value.id = static_cast<std::int32_t>(m_point_cloud_blocks.size());
                 auto block = std::make_shared<PointCloudBlock>();
                 block->center[0] = static_cast<float>(pos.x) * block_res + half;
                 block->center[1] = static_cast<float>(pos.y) * block_res + half;
@@ -183,18 +162,9 @@ int Portioner::preProcessForAddScanFrame() {
             result = initPartition_Device();
             if (result != 0) return result;
 
-            reserveBlockPoints(simple_line_hash->getHashEntriesPtr(), m_hash_entry_size, m_hash_mask, block_res,
-                               extRes());
-            TESSA_DEVICE_CHECK(
-                deviceMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(),
-                             m_hash_entry_size * sizeof(SimpleLineHashEntry), CopyKind::HostToDevice),
-                "cudaMemcpy(m_simple_line_hash_dev, simple_line_hash->getHashEntriesPtr(), m_hash_entry_size "
-                "* sizeof(SimpleLineHashEntry), cudaMemcpyHostToDevice)");
-            result = simple_line_hash->deInit();
-            if (result != 0) {
-                m_last_error = "[Portioner] m_simple_line_hash->deInit() error!";
-                return result;
-            }
+            reserveBlockPoints(table.slots(), m_hash_entry_size, m_hash_mask, block_res, extRes());
+            TESSA_DEVICE_CHECK(deviceMemcpy(m_block_table_dev, table.slots(), m_hash_entry_size * sizeof(BlockSlot),
+                                            CopyKind::HostToDevice));
             return 0;
         });
 }
@@ -228,7 +198,7 @@ int Portioner::waitForBatch() {
 int Portioner::processScanFrameList_Task() { return processScanFrameList_Device(blockRes(), extRes()); }
 
 int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& frame) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed || !frame || !m_adding_frames) return 1;
     const std::size_t pt_size = frame->xyz.size();
     if (pt_size > m_slot_points || m_adding_frame_size >= m_batch_slots) return 1;
@@ -274,7 +244,7 @@ int Portioner::addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& f
 }
 
 int Portioner::finishScanFrames() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed) return 1;
     if (waitForBatch() != 0) return 1;
     std::swap(m_adding_frames, m_computing_frames);
@@ -319,7 +289,7 @@ void Portioner::sortBlocksBySize() {
 }
 
 int Portioner::processWithoutModel() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_task_failed) return 1;
     if (m_model_set) {
         m_last_error = "[Portioner] processWithoutModel: the blocks already come from a model!";
@@ -381,7 +351,7 @@ int Portioner::processWithoutModel() {
 // ---- the model path --------------------------------------------------------------------------------
 
 int Portioner::setSimplifiedModel(const std::vector<Vec3f>& model) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_model_set || !m_raw_surface_block_vec.empty() || m_raw_surface_point_size > 0 || !m_waiting_frames.empty()) {
         m_last_error = "[Portioner] setSimplifiedModel: the run has already begun!";
         return 1;
@@ -400,7 +370,7 @@ int Portioner::setSimplifiedModel(const std::vector<Vec3f>& model) {
 }
 
 int Portioner::processWithModel() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (!m_model_set) {
         m_last_error = "[Portioner] processWithModel: no model was set!";
         return 1;
@@ -415,13 +385,13 @@ int Portioner::processWithModel() {
 // ---- the block list --------------------------------------------------------------------------------
 
 int Portioner::getMaxBlockPointsSize() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (m_point_cloud_blocks.empty() || !m_point_cloud_blocks.front()) return 0;
     return static_cast<int>(m_point_cloud_blocks.front()->points->size());
 }
 
 int Portioner::getPointCloudBlockCount() {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     return static_cast<int>(m_point_cloud_blocks.size());
 }
 
@@ -432,7 +402,7 @@ int Portioner::takePointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std:
 }
 
 int Portioner::getPointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index) {
-    if (refuseBeforeInit(m_inited, m_last_error)) return 1;
+    if (refuseBeforeInit()) return 1;
     if (static_cast<std::uint64_t>(static_cast<std::int64_t>(index)) >= m_point_cloud_blocks.size()) {
         m_last_error = "no cur block id!";
         return 1;

@@ -4,7 +4,8 @@
 // Two passes over the frames: the first uploads positions and gathers the occupied block positions
 // every 1000 frames; between the passes the block list is closed and a table from position to block is
 // made; the second pass partitions batches of 500 frames on a pool worker while the caller fills the
-// next batch. The host part lives in Portioner.cpp, the kernels and device steps in Portioner_Device.cu.
+// next batch. The stage's steps live in Portioner.cpp, the kernels and device steps of the passes in
+// PortionerPasses.cu, and their host twin (the partition on the host's cores) in PortionerPassesHost.cpp.
 #pragma once
 
 #include <atomic>
@@ -18,16 +19,16 @@
 #include <string>
 #include <vector>
 
+#include "common/GridKeyTable.h"
 #include "common/MemoryFailure.h"
 #include "common/Parameters.h"
 #include "common/PointRecords.h"
-#include "common/SimpleLineHash.h"
+#include "common/RunStage.h"
 #include "device/DeviceLayer.h"
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
 
-class ThreadPool;
 struct TestAccess;
 
 // Frames in a batch; frame slots in a batch buffer.
@@ -63,6 +64,14 @@ inline std::uint64_t PORTIONER_RAW_SURFACE_CAPACITY(std::uint32_t max_frame_poin
     const std::uint64_t fits = free_bytes / 4 / point_bytes;
     return fits < slot ? slot : (fits < full ? fits : full);
 }
+
+// The value of the table from block position to block: the block, and the tallies of the batch in work.
+struct BlockTally {
+    std::int32_t id = -1;    // index into the block list; -1 while nothing is set
+    std::int32_t flags = 0;  // OR of the words of the points tagged with this slot
+    std::int32_t count = 0;  // points of the batch in progress tagged with this slot
+};
+using BlockSlot = GridKeySlot<BlockTally>;
 
 // One block's share of a batch.
 struct BlockChangesData {
@@ -119,17 +128,10 @@ struct HostFrameBatch {
     std::vector<std::uint32_t> slot_points;
 };
 
-class Portioner {
+class Portioner : public RunStage {
 public:
     Portioner() = default;
     ~Portioner();
-    Portioner(const Portioner&) = delete;
-    Portioner& operator=(const Portioner&) = delete;
-
-    int setDeviceParams(const std::shared_ptr<DeviceParameters>& params);
-    int setPortionerParams(const std::shared_ptr<PortionerParameters>& params);
-    int setThreadPool(const std::weak_ptr<ThreadPool>& pool);
-    int setResolution(float resolution);
 
     int init();
     int deInit();
@@ -152,10 +154,6 @@ public:
     int takePointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index);
     // Hands out block `index` and leaves it in the list.
     int getPointCloudBlock(std::shared_ptr<PointCloudBlock>& block, std::int32_t index);
-
-    std::string getLastError() const { return m_last_error; }
-    bool isInited() const { return m_inited; }
-    float resolution() const { return m_resolution; }
 
 private:
     friend struct TestAccess;  // the tests reach the steps and counters below
@@ -180,8 +178,8 @@ private:
     int preProcessForAddScanFrame();
     // Makes room in each block's list for all the records the waiting frames will give it, so that the
     // list is allocated once, at its size, instead of growing batch by batch.
-    void reserveBlockPoints(const SimpleLineHashEntry* entries, std::uint64_t entry_count, std::uint64_t mask,
-                            float block_res, float ext_res);
+    void reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry_count, std::uint64_t mask, float block_res,
+                            float ext_res);
     // Where device memory is host memory and the room was made: the second pass straight from the
     // waiting frames onto their blocks' lists, share by share of frames on the host's cores, each record
     // at the place its count gives (the order of the batches). 1 where the counts do not fit the lists.
@@ -195,14 +193,8 @@ private:
     void clearAddingSlots();
     int growPartitionOutput_Device(std::uint64_t raw_points, std::uint64_t changes);
 
-    bool m_inited = false;
-    std::string m_last_error = "no error!";
-    float m_resolution = 0.5f;
-    std::shared_ptr<DeviceParameters> m_device_params;
     DeviceParameters* m_device_params_dev = nullptr;
-    std::shared_ptr<PortionerParameters> m_portioner_params;
     bool m_task_failed = false;
-    std::weak_ptr<ThreadPool> m_thread_pool;
     std::future<int> m_task_future;
     std::deque<std::shared_ptr<FrameDataWithInfo>> m_waiting_frames;
     int m_adding_frame_size = 0;
@@ -223,7 +215,7 @@ private:
     std::vector<std::int64_t> m_share_counts;  // the records of each share by table entry, share after share
     std::size_t m_hash_entry_size = 0;
     std::size_t m_hash_mask = 0;
-    SimpleLineHashEntry* m_simple_line_hash_dev = nullptr;
+    BlockSlot* m_block_table_dev = nullptr;  // the table from block position to block, where kernels read it
     RawPointCloudBuff m_computing_frames_dev;
     std::uint32_t m_slot_points = 0;  // MAX_FRAME_POINTS when the partition buffers were made
     int m_batch_slots = 0;            // frame slots of each batch buffer

@@ -1,4 +1,4 @@
-// HashOctree: life cycle and geometry settings.
+// HashOctree: the cell pool, the root list, and the octree itself: life cycle, roots and descents.
 #include "volume/HashOctree.h"
 
 #include <algorithm>
@@ -16,96 +16,6 @@
 #include "tessaline/Tessaline.h"
 
 namespace SurfaceReconstruction {
-
-// ---- HashTable -------------------------------------------------------------------------------------
-
-namespace {
-// `next` goes from -1 to 0 and from 0 to an index, each once, and only after the key is complete.
-std::int32_t loadNext(const HashEntry& entry) { return entry.next(); }
-void storeNext(HashEntry& entry, std::int32_t next) { entry.setNext(next); }
-bool sameKey(const HashEntry& entry, std::int32_t x, std::int32_t y, std::int32_t z) {
-    return entry.x == x && entry.y == y && entry.z == z;
-}
-}  // namespace
-
-int HashTable::init(const std::shared_ptr<HashParameters>& params, const std::shared_ptr<GlobalHashParams>& global) {
-    deInit();
-    m_hash_params = params;
-    m_global_params = global;
-    m_slot_count = params->HASH_BUCKET_NUM + params->HASH_EXCESS_LIST_SIZE;
-    // 67 million slots with the default parameters: zero bytes are empty slots, so a zeroed allocation
-    // (pages the system maps on first touch) is the whole construction.
-    static_assert(std::is_trivially_copyable<HashEntry>::value, "a zeroed slot is an empty one");
-    m_hash_entries = static_cast<HashEntry*>(std::calloc(m_slot_count, sizeof(HashEntry)));
-    if (m_hash_entries == nullptr) {
-        m_slot_count = 0;
-        return TESSALINE_OUT_OF_MEMORY;
-    }
-    m_global_params->cur_ExcessHash_Index = static_cast<std::int32_t>(params->HASH_BUCKET_NUM);
-    m_inited = true;
-    return 0;
-}
-
-void HashTable::deInit() {
-    std::free(m_hash_entries);  // entries are trivially destructible
-    m_hash_entries = nullptr;
-    m_slot_count = 0;
-    m_inited = false;
-}
-
-HashEntry* HashTable::findOrInsertHashEntry(std::int32_t x, std::int32_t y, std::int32_t z) {
-    if (!m_inited) return nullptr;
-    std::int64_t i = hashGridKey(x, y, z, static_cast<std::uint32_t>(m_hash_params->HASH_BUCKET_MASK));
-    while (true) {
-        HashEntry& e = m_hash_entries[i];
-        if (loadNext(e) < 0) {
-            SpinGuard guard(e.lock);
-            if (loadNext(e) < 0) {
-                e.x = x;
-                e.y = y;
-                e.z = z;
-                storeNext(e, 0);
-                return &e;
-            }
-        }
-        if (sameKey(e, x, y, z)) return &e;
-        const std::int32_t next = loadNext(e);
-        if (next != 0) {
-            i = next;
-            continue;
-        }
-        SpinGuard guard(e.lock);
-        if (loadNext(e) != 0) {  // another thread extended the chain
-            i = loadNext(e);
-            continue;
-        }
-        const std::int32_t n = m_global_params->cur_ExcessHash_Index.fetch_add(1);
-        if (static_cast<std::uint64_t>(n) - m_hash_params->HASH_BUCKET_NUM >= m_hash_params->HASH_EXCESS_LIST_SIZE) {
-            diagnostic("---- error: (cur_ExcessHash_Index - HASH_BUCKET_NUM) > HASH_EXCESS_LIST_SIZE ------- \n");
-            return nullptr;
-        }
-        HashEntry& added = m_hash_entries[n];
-        added.x = x;
-        added.y = y;
-        added.z = z;
-        storeNext(added, 0);
-        storeNext(e, n);
-        return &added;
-    }
-}
-
-HashEntry* HashTable::findHashEntry(std::int32_t x, std::int32_t y, std::int32_t z) const {
-    if (!m_inited) return nullptr;
-    std::int64_t i = hashGridKey(x, y, z, static_cast<std::uint32_t>(m_hash_params->HASH_BUCKET_MASK));
-    while (true) {
-        HashEntry& e = m_hash_entries[i];
-        const std::int32_t next = loadNext(e);
-        if (next < 0) return nullptr;
-        if (sameKey(e, x, y, z)) return &e;
-        if (next == 0) return nullptr;
-        i = next;
-    }
-}
 
 // ---- CellNodePool ----------------------------------------------------------------------------------
 
@@ -229,15 +139,14 @@ int HashOctree::init(const std::shared_ptr<HashParameters>& params) {
         if (!params) throw std::invalid_argument("no hash parameters");
         // The table's slots are mapped at once (the system gives pages on first touch), the pool's first
         // blocks too: an address-space limit below them fails here.
-        const std::uint64_t table_bytes = (params->HASH_BUCKET_NUM + params->HASH_EXCESS_LIST_SIZE) * sizeof(HashEntry);
+        const std::uint64_t table_bytes =
+            (params->HASH_BUCKET_NUM + params->HASH_EXCESS_LIST_SIZE) * sizeof(RootTable::Slot);
         const std::uint64_t pool_bytes =
             params->CELL_POOL_INIT_BLOCKS * params->CELL_POOL_BLOCK_SIZE * sizeof(CellNode);
         const MemoryStageScope stage("[HashOctree] init (the octree's table and cells)", table_bytes + pool_bytes);
         m_hash_params = params;
-        m_hash_table = std::make_shared<HashTable>();
-        m_global_params = std::make_shared<GlobalHashParams>();
-        m_global_params->cur_ExcessHash_Index = static_cast<std::int32_t>(params->HASH_BUCKET_NUM);
-        if (m_hash_table->init(params, m_global_params) != 0) {
+        m_hash_table = std::make_shared<RootTable>();
+        if (m_hash_table->init(params->HASH_BUCKET_NUM, params->HASH_EXCESS_LIST_SIZE) != 0) {
             m_last_error = memoryFailureText(table_bytes);
             return TESSALINE_OUT_OF_MEMORY;
         }
@@ -304,11 +213,11 @@ int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCell
         key[k] = gridIndex(snapped, S);
         root_center[k] = static_cast<float>(key[k]) * S + S * 0.5f;
     }
-    HashEntry* entry = m_hash_table->findOrInsertHashEntry(key[0], key[1], key[2]);
+    RootTable::Slot* entry = m_hash_table->findOrInsert(key[0], key[1], key[2]);
     if (entry == nullptr) return 1;
-    if (entry->dataId() == -1) {
+    if (entry->value.dataId() == -1) {
         SpinGuard guard(entry->lock);
-        if (entry->dataId() == -1) {
+        if (entry->value.dataId() == -1) {
             std::int32_t index = -1;
             if (m_cell_pool->allocDataIndex(index) != 0) {
                 setError("m_cell_pool alloc failed!");
@@ -325,10 +234,10 @@ int HashOctree::insertBlockHash(const float pos[3], std::shared_ptr<HashRootCell
                 setError("m_hash_cell_list alloc failed!");
                 return TESSALINE_OUT_OF_MEMORY;
             }
-            entry->setDataId(slot);
+            entry->value.setDataId(slot);
         }
     }
-    root = m_hash_cell_list->get(entry->dataId());
+    root = m_hash_cell_list->get(entry->value.dataId());
     return 0;
 }
 
@@ -423,10 +332,9 @@ std::shared_ptr<HashRootCellData> HashOctree::getHashRootCell(const float pos[3]
         return nullptr;
     }
     const float S = static_cast<float>(m_block_size) * m_resolution;
-    const HashEntry* entry =
-        m_hash_table->findHashEntry(gridIndex(pos[0], S), gridIndex(pos[1], S), gridIndex(pos[2], S));
+    const RootTable::Slot* entry = m_hash_table->find(gridIndex(pos[0], S), gridIndex(pos[1], S), gridIndex(pos[2], S));
     if (entry == nullptr) return nullptr;
-    const std::int32_t id = entry->dataId();
+    const std::int32_t id = entry->value.dataId();
     if (id < 0) return nullptr;
     return m_hash_cell_list->get(id);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/Atomics.h"
+#include "common/GridKeyTable.h"
 #include "common/OctreeRecords.h"
 #include "volume/BlockPool.h"
 
@@ -17,8 +18,8 @@ namespace SurfaceReconstruction {
 
 // Sizes of the octree's table and cell pool; set once by the engine.
 struct HashParameters {
-    std::uint64_t HASH_BUCKET_NUM;
-    std::uint64_t HASH_BUCKET_MASK;
+    std::uint64_t HASH_BUCKET_NUM;   // a power of two
+    std::uint64_t HASH_BUCKET_MASK;  // HASH_BUCKET_NUM - 1; the table takes its mask from the bucket count
     std::uint64_t HASH_EXCESS_LIST_SIZE;
     std::uint64_t CELL_POOL_BLOCK_SIZE;
     std::uint64_t CELL_POOL_INIT_BLOCKS;
@@ -28,59 +29,18 @@ struct HashParameters {
 // The values every run uses.
 inline HashParameters defaultHashParameters() { return {0x4000000, 0x3ffffff, 100000, 500000, 4, 10000}; }
 
-// One slot of the octree's table: the key of a root block and what it maps to. `next` and `data_id`
-// are stored one above their values, so that a slot of zero bytes is an empty one: the table is
-// allocated zeroed and needs no construction, and pages that no key reaches are never touched.
-struct HashEntry {
-    std::int32_t x = 0, y = 0, z = 0;
-    std::int32_t next_plus_one = 0;     // next: -1 empty; 0 occupied, end of chain; > 0 next slot of the chain
-    std::int32_t data_id_plus_one = 0;  // data_id: index into the root cell list; -1 while nothing is attached
-    std::uint32_t lock = 0;             // spin lock of this entry
+// The value of the octree's table, from root block coordinates to the root: the index of the root in the
+// root list, -1 until a root is attached (under the slot's lock).
+struct RootOfBlock {
+    std::int32_t data_id = -1;
 
-    std::int32_t next() const { return loadAcquire(next_plus_one) - 1; }
-    void setNext(std::int32_t next) { storeRelease(next_plus_one, next + 1); }
-    std::int32_t dataId() const { return loadAcquire(data_id_plus_one) - 1; }
-    void setDataId(std::int32_t id) { storeRelease(data_id_plus_one, id + 1); }
+    std::int32_t dataId() const { return loadAcquire(data_id); }
+    void setDataId(std::int32_t id) { storeRelease(data_id, id); }
 };
+using RootTable = GridKeyTable<RootOfBlock>;
 
-static_assert(std::is_trivially_destructible<HashEntry>::value, "the table frees its entries without destructors");
 static_assert(std::is_trivially_destructible<CellNode>::value, "the pool frees its cells without destructors");
 static_assert(std::is_trivially_destructible<CellChildren>::value, "the pool frees child slots without destructors");
-
-// The overflow counter shared by the whole table: the next free overflow slot.
-struct GlobalHashParams {
-    std::atomic<std::int32_t> cur_ExcessHash_Index{0};
-};
-
-// Fixed-size table from root block coordinates to entries: bucket slots, then overflow slots. Find or
-// insert from any number of threads; no removal, no growth.
-class HashTable {
-public:
-    HashTable() = default;
-    ~HashTable() { deInit(); }
-    HashTable(const HashTable&) = delete;
-    HashTable& operator=(const HashTable&) = delete;
-
-    // Allocates and constructs every slot; 66049 when the entries cannot be allocated.
-    int init(const std::shared_ptr<HashParameters>& params, const std::shared_ptr<GlobalHashParams>& global);
-    void deInit();
-
-    // The entry of the key, created when absent; null when the overflow area is used up.
-    HashEntry* findOrInsertHashEntry(std::int32_t x, std::int32_t y, std::int32_t z);
-    // The entry of the key or null; never writes, takes no lock.
-    HashEntry* findHashEntry(std::int32_t x, std::int32_t y, std::int32_t z) const;
-
-    bool isInited() const { return m_inited; }
-    std::uint64_t slotCount() const { return m_slot_count; }
-    const HashEntry& slot(std::uint64_t index) const { return m_hash_entries[index]; }
-
-private:
-    bool m_inited = false;
-    HashEntry* m_hash_entries = nullptr;
-    std::uint64_t m_slot_count = 0;
-    std::shared_ptr<GlobalHashParams> m_global_params;
-    std::shared_ptr<HashParameters> m_hash_params;
-};
 
 // Cells, and the child slots of the cells that have children, from large blocks at fixed addresses; one
 // atomic add a cell while a block has room.
@@ -195,10 +155,9 @@ private:
     float m_resolution = 0.5f;
     std::int32_t m_block_size = 100;
     std::shared_ptr<HashParameters> m_hash_params;
-    std::shared_ptr<HashTable> m_hash_table;
+    std::shared_ptr<RootTable> m_hash_table;
     std::shared_ptr<CellNodePool> m_cell_pool;
     std::shared_ptr<HashRootCellList> m_hash_cell_list;
-    std::shared_ptr<GlobalHashParams> m_global_params;
     mutable std::uint32_t m_error_lock = 0;  // last-error writes from parallel loops
 };
 

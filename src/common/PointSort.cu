@@ -1,4 +1,5 @@
-// The point sorts on a CUDA device: Thrust (radix sorts where the key allows, merge sorts otherwise).
+// The point sorts on a CUDA device: Thrust (radix sorts where the key allows, merge sorts otherwise). The
+// host backend's twin, PointSortHost.cpp, runs the host sorts of PointRadixSort.cpp instead.
 #include <thrust/execution_policy.h>
 #include <thrust/sort.h>
 

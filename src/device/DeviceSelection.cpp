@@ -1,6 +1,6 @@
 // Device selection. The queries report through checkDeviceCall and never throw: a failed query leaves
 // the variable at its former value and the selection goes on.
-#include "device/helper_cuda.h"
+#include "device/DeviceSelection.h"
 
 #include <chrono>
 #include <cstdint>
@@ -24,15 +24,13 @@ constexpr SMtoCores SM_TO_CORES[] = {
     {0x60, 64},  {0x61, 128}, {0x62, 128}, {0x70, 64},  {0x72, 64},  {0x75, 64},  {0x80, 64},
 };
 
-#define TESSA_QUERY(call, expression) ::SurfaceReconstruction::checkDeviceCall((call), (expression), __FILE__, __LINE__)
+// A query checked and reported under its own text; a failed one leaves its variable as it was.
+#define TESSA_QUERY(call) ::SurfaceReconstruction::checkDeviceCall((call), #call, __FILE__, __LINE__)
 
 void readCapability(int device, int& compute_mode, int& major, int& minor) {
-    TESSA_QUERY(deviceGetAttribute(&compute_mode, DeviceAttribute::ComputeMode, device),
-                "cudaDeviceGetAttribute(&computeMode, cudaDevAttrComputeMode, devID)");
-    TESSA_QUERY(deviceGetAttribute(&major, DeviceAttribute::ComputeCapabilityMajor, device),
-                "cudaDeviceGetAttribute(&major, cudaDevAttrComputeCapabilityMajor, devID)");
-    TESSA_QUERY(deviceGetAttribute(&minor, DeviceAttribute::ComputeCapabilityMinor, device),
-                "cudaDeviceGetAttribute(&minor, cudaDevAttrComputeCapabilityMinor, devID)");
+    TESSA_QUERY(deviceGetAttribute(&compute_mode, DeviceAttribute::ComputeMode, device));
+    TESSA_QUERY(deviceGetAttribute(&major, DeviceAttribute::ComputeCapabilityMajor, device));
+    TESSA_QUERY(deviceGetAttribute(&minor, DeviceAttribute::ComputeCapabilityMinor, device));
 }
 }  // namespace
 
@@ -48,7 +46,7 @@ int MapSMtoCores(int major, int minor) {
 
 int gpuGetMaxGflopsDeviceId(std::string& error) {
     int device_count = 0;
-    TESSA_QUERY(deviceGetCount(&device_count), "cudaGetDeviceCount(&device_count)");
+    TESSA_QUERY(deviceGetCount(&device_count));
     if (device_count == 0) {
         error = "gpuGetMaxGflopsDeviceId() CUDA error: no devices supporting CUDA.";
         return -1;
@@ -66,10 +64,8 @@ int gpuGetMaxGflopsDeviceId(std::string& error) {
         }
         const int cores = (major == 9999 && minor == 9999) ? 1 : MapSMtoCores(major, minor);
         int multiprocessors = 0, clock_rate = 0;
-        TESSA_QUERY(deviceGetAttribute(&multiprocessors, DeviceAttribute::MultiProcessorCount, device),
-                    "cudaDeviceGetAttribute(&multiProcessorCount, cudaDevAttrMultiProcessorCount, current_device)");
-        TESSA_QUERY(deviceGetAttribute(&clock_rate, DeviceAttribute::ClockRate, device),
-                    "cudaDeviceGetAttribute(&clockRate, cudaDevAttrClockRate, current_device)");
+        TESSA_QUERY(deviceGetAttribute(&multiprocessors, DeviceAttribute::MultiProcessorCount, device));
+        TESSA_QUERY(deviceGetAttribute(&clock_rate, DeviceAttribute::ClockRate, device));
         const std::uint64_t perf = static_cast<std::uint64_t>(multiprocessors) *
                                    static_cast<std::uint64_t>(clock_rate) * static_cast<std::uint64_t>(cores);
         if (perf > best_perf) {
@@ -86,7 +82,7 @@ int gpuGetMaxGflopsDeviceId(std::string& error) {
 
 bool gpuDeviceInit(int device, std::string& error) {
     int device_count = 0;
-    TESSA_QUERY(deviceGetCount(&device_count), "cudaGetDeviceCount(&device_count)");
+    TESSA_QUERY(deviceGetCount(&device_count));
     if (device_count == 0) {
         error = "gpuDeviceInit() CUDA error: no devices supporting CUDA.";
         return false;
@@ -105,7 +101,7 @@ bool gpuDeviceInit(int device, std::string& error) {
         error = "gpuDeviceInit(): GPU device does not support CUDA.";
         return false;
     }
-    TESSA_QUERY(deviceSet(device), "cudaSetDevice(devID)");
+    TESSA_QUERY(deviceSet(device));
     return true;
 }
 

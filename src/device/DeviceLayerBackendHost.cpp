@@ -1,6 +1,7 @@
-// Host backend of the device layer: one device, the host itself. Copies and fills are plain memory
-// operations and complete before they return, as the CUDA runtime's synchronous calls do. In the guarded
-// build memory comes from the guarded arena instead, which the host reaches through copies alone.
+// Host backend of the device layer (the CUDA one is DeviceLayerBackend.cu): one device, the host itself.
+// Copies and fills are plain memory operations and complete before they return, as the CUDA runtime's
+// synchronous calls do. In the guarded build memory comes from the guarded arena instead, which the host
+// reaches through copies alone.
 #include <cstdlib>
 #include <cstring>
 #include <thread>

@@ -1,4 +1,5 @@
-// CUDA backend of the device layer: each operation is the runtime call of the same meaning.
+// CUDA backend of the device layer: each operation is the runtime call of the same meaning. The host
+// backend's operations are in DeviceLayerBackendHost.cpp; DeviceLayer.cpp puts the test seam before both.
 #include <cuda_runtime.h>
 
 #include "device/DeviceLayerBackend.h"
