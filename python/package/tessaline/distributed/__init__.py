@@ -27,8 +27,11 @@ program does (the density grid from every n-th point of the run, every m-th usab
 among all points, from each unit's nearest kept in a merge) and each tile gives its points their codes from
 the points around them, reading CODE_MARGIN_EDGES cells of that grid beyond its reach.
 
-What is not reproduced yet is refused before any tile runs, with the reason: frames without normals (their
-normals are estimated over all points of the scan).
+Frames without normals get them as the program makes them (estimateNormals), before anything else, where
+their scanner's position is known (a pose, a scanner in the file, or `sensor`): the plan measures the
+estimate's grid and reach over the whole scan, a task a unit makes its normals from its points and those
+within the reach, into a folder the later passes read. Where no scanner position is known (the program
+orients those over the neighbour graph of the whole scan) the run is refused before any tile runs.
 """
 import argparse
 import os
