@@ -1,7 +1,7 @@
 """tessaline.distributed against the single-machine program on one simulated scan: wall time and the peak
 memory of each worker, of the merge and of `tessaline reconstruct` (where it fits the machine).
 
-    /usr/bin/python3 bench/distributed.py --cli build/tessaline --scan /tmp/bench30/s10 --points 10000000 --parts 3x3
+    /usr/bin/python3 bench/bench_distributed.py --cli build/tessaline --scan /tmp/bench30/s10 --points 10000000 --parts 3x3
 
 The scan is simulated first when its folder does not exist (`tessaline simulate -o DIR --points N --parts
 KxL`). The distributed run uses a LocalCluster of worker processes, one thread each, with a memory limit each;
