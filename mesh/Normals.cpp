@@ -34,6 +34,9 @@ constexpr double LINE_SPREAD = 1e-6;
 // The edge of the search's cells in distances to the k-th nearest point (median): the 27 cells around a
 // point's own then hold its neighbours for most points, and not many more.
 constexpr double CELL_PER_NEIGHBOURHOOD = 1.5;
+// ... sorted again at that size where the first cells are smaller than the k-th distance or this many times
+// larger.
+constexpr double SORT_AGAIN_ABOVE = 2.5;
 // Beside a sharp edge some neighbours lie on the other face and tilt the plane toward it: the plane is fitted
 // once more without the neighbours farther off it than this many times the median offset. On the simulated
 // part without its normals it takes the F-score at 0.1 mm from 0.977 to 0.979 (0.988 with the scan's own), and
@@ -51,6 +54,16 @@ enum State : std::uint8_t {
 bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
 
 constexpr std::int32_t CELLS_PER_AXIS = (1 << 21) - 2;
+// The rings of cells around a point's own that the reach's measure searches at most.
+constexpr int REACH_RINGS = 16;
+
+// The cell of a point on cells of `edge` from `origin`, clamped to the grid.
+void cellOf(const Vec3f& p, const double origin[3], double edge, std::int32_t c[3]) {
+    for (int k = 0; k < 3; ++k) {
+        const double t = std::floor((static_cast<double>(p[k]) - origin[k]) / edge);
+        c[k] = static_cast<std::int32_t>(std::min(std::max(t, 0.0), static_cast<double>(CELLS_PER_AXIS)));
+    }
+}
 
 // Where a point of the scan came from: its frame and its place in the frame.
 struct Origin {
@@ -72,10 +85,21 @@ public:
             }
         double extent = 0.0;
         for (int k = 0; k < 3; ++k) extent = std::max(extent, hi[k] - lo[k]);
+        sortInto(points, origins, lo, cellEdge(edge, extent));
+    }
+
+    // The edge of the cells for a wish and the scan's largest side.
+    static double cellEdge(double edge, double extent) {
         if (!(edge > 0.0) || !std::isfinite(edge)) edge = extent > 0.0 ? extent : 1.0;
-        m_edge = std::max(edge, extent / CELLS_PER_AXIS);
-        if (!(m_edge > 0.0)) m_edge = 1.0;
-        for (int k = 0; k < 3; ++k) m_origin[k] = lo[k];
+        edge = std::max(edge, extent / CELLS_PER_AXIS);
+        return edge > 0.0 ? edge : 1.0;
+    }
+
+    // Sorts `points` (`origins` with them) into the cells of `edge` from `origin`.
+    void sortInto(std::vector<Vec3f>& points, std::vector<Origin>& origins, const double origin[3], double edge) {
+        const std::size_t n = points.size();
+        m_edge = edge;
+        for (int k = 0; k < 3; ++k) m_origin[k] = origin[k];
 
         // Least significant digit first, 11 bits a pass, as many passes as the codes have bits: a stable
         // sort, so points of one cell keep the order they came in.
@@ -140,12 +164,7 @@ public:
     }
     std::uint32_t end(std::size_t cell) const { return m_start[cell + 1]; }
 
-    void cellOf(const Vec3f& p, std::int32_t c[3]) const {
-        for (int k = 0; k < 3; ++k) {
-            const double t = std::floor((static_cast<double>(p[k]) - m_origin[k]) / m_edge);
-            c[k] = static_cast<std::int32_t>(std::min(std::max(t, 0.0), static_cast<double>(CELLS_PER_AXIS)));
-        }
-    }
+    void cellOf(const Vec3f& p, std::int32_t c[3]) const { SurfaceReconstruction::cellOf(p, m_origin, m_edge, c); }
     // The cell at these coordinates, or NONE when it holds no point.
     std::uint32_t find(const std::int32_t c[3]) const {
         for (int k = 0; k < 3; ++k)
@@ -411,11 +430,10 @@ using Tree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<fl
 // A first guess at the distance to the k-th nearest point, for the size of the cells: measured on every
 // step-th point (a k-d tree over at most 32,768) and scaled as on a surface, where the distance to the
 // m-th nearest point grows as the square root of m. Only the speed of the search depends on it.
-double guessReach(const std::vector<Vec3f>& points, int k) {
-    const std::size_t n = points.size();
-    const std::size_t step = std::max<std::size_t>(1, n / 32768);
-    Cloud sample;
-    for (std::size_t i = 0; i < n; i += step) sample.points.push_back(points[i]);
+std::size_t guessStep(std::size_t n) { return std::max<std::size_t>(1, n / 32768); }
+
+// The guess from its sample, every guessStep(n)-th of the n points.
+double guessFromSample(Cloud sample, std::size_t n, int k) {
     if (sample.points.size() < 2) return 0.0;
     const Tree tree(3, sample, nanoflann::KDTreeSingleIndexAdaptorParams(16));
     const std::size_t m = sample.points.size();
@@ -433,6 +451,13 @@ double guessReach(const std::vector<Vec3f>& points, int k) {
     return median(distances);
 }
 
+double guessReach(const std::vector<Vec3f>& points, int k) {
+    const std::size_t n = points.size();
+    Cloud sample;
+    for (std::size_t i = 0; i < n; i += guessStep(n)) sample.points.push_back(points[i]);
+    return guessFromSample(std::move(sample), n, k);
+}
+
 // The scan as the estimation sees it: every finite point of every frame, sorted into the grid's order.
 struct Scan {
     std::vector<Vec3f> points;
@@ -444,9 +469,11 @@ struct Scan {
 
 // The median distance to the k-th nearest point (the point itself aside) over points spread evenly over the
 // scan, searched without a reach.
+std::size_t reachStep(std::size_t n) { return std::max<std::size_t>(1, n / REACH_SAMPLES); }
+
 double measureReach(const Scan& scan, int k) {
     const std::size_t n = scan.points.size();
-    const std::size_t step = std::max<std::size_t>(1, n / REACH_SAMPLES);
+    const std::size_t step = reachStep(n);
     const std::int64_t samples = static_cast<std::int64_t>((n + step - 1) / step);
     std::vector<double> distances(static_cast<std::size_t>(samples), -1.0);
     mesh_internal::TeamFailure failure;  // no room for a search: thrown once the team has ended
@@ -464,7 +491,7 @@ double measureReach(const Scan& scan, int k) {
             failure.run([&] {
                 const std::uint32_t s = static_cast<std::uint32_t>(static_cast<std::size_t>(t) * step);
                 search->enter(scan.grid, scan.points, scan.grid.cellHolding(s));
-                findNearest(scan.grid, scan.points, s, *search, INFINITY, 16, *nearest);
+                findNearest(scan.grid, scan.points, s, *search, INFINITY, REACH_RINGS, *nearest);
                 if (nearest->full())
                     distances[static_cast<std::size_t>(t)] = std::sqrt(static_cast<double>(nearest->squared(k)));
             });
@@ -670,8 +697,11 @@ void refitWithoutFarPoints(const double (*d)[3], int count, const double mean[3]
     for (int c = 0; c < 3; ++c) v[c] = refit[c];
 }
 
+// `given`: the grid and reach measured over the whole scan, of which the frames are a part (every source then
+// knows its scanner); null: measured over the frames.
 int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
-                const std::vector<FrameNormalSource>& sources, NormalEstimate& result, const NormalOptions& options) {
+                const std::vector<FrameNormalSource>& sources, NormalEstimate& result, const NormalOptions& options,
+                const NormalGrid* given) {
     result = NormalEstimate();
     if (sources.size() != frames.size()) return TESSALINE_FAILURE;
     if (options.neighbours < MIN_NEIGHBOURS || options.neighbours > MAX_NEIGHBOURS) return TESSALINE_FAILURE;
@@ -699,6 +729,9 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
     }
     if (total >= NONE || frames.size() >= NONE) return TESSALINE_FAILURE;
     if (any_free && total > static_cast<std::size_t>(NONE) / GRAPH_NEIGHBOURS) return TESSALINE_FAILURE;
+    if (given && (any_free || !(given->reach > 0.0) || !std::isfinite(given->reach) || !(given->first_edge > 0.0) ||
+                  !(given->edge > 0.0)))
+        return TESSALINE_FAILURE;
     if (result.points == 0) return 0;
 
     for (std::size_t f = 0; f < frames.size(); ++f) {
@@ -710,14 +743,24 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
         }
     }
     const std::size_t n = scan.points.size();
-    const double guess = guessReach(scan.points, k);
-    scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * guess);
-    const double kth = measureReach(scan, k);
-    // Cells much smaller or larger than the neighbourhoods make the search slow: sorted again at the size
-    // measured.
-    if (kth > 0.0 && (scan.grid.edge() < kth || scan.grid.edge() > 2.5 * kth))
-        scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * kth);
-    const double reach = kth > 0.0 ? options.reach * kth : INFINITY;
+    double reach = INFINITY;
+    if (given) {
+        // The cells of the whole scan, sorted into twice where it was: the points then lie in the same order
+        // relative to each other as there, and neighbours at the same distance are taken in that order.
+        scan.grid.sortInto(scan.points, scan.origins, given->origin.data(), given->first_edge);
+        if (given->edge != given->first_edge)
+            scan.grid.sortInto(scan.points, scan.origins, given->origin.data(), given->edge);
+        reach = given->reach;
+    } else {
+        const double guess = guessReach(scan.points, k);
+        scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * guess);
+        const double kth = measureReach(scan, k);
+        // Cells much smaller or larger than the neighbourhoods make the search slow: sorted again at the size
+        // measured.
+        if (kth > 0.0 && (scan.grid.edge() < kth || scan.grid.edge() > SORT_AGAIN_ABOVE * kth))
+            scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * kth);
+        if (kth > 0.0) reach = options.reach * kth;
+    }
     result.reach = static_cast<float>(reach);
     const int max_ring = std::isfinite(reach) ? static_cast<int>(std::ceil(reach / scan.grid.edge())) + 1 : 1 << 20;
 
@@ -837,7 +880,102 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
 int estimateNormals(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                     const std::vector<FrameNormalSource>& sources, NormalEstimate& estimate,
                     const NormalOptions& options) {
-    const int status = mesh_internal::guarded([&] { return estimateAll(frames, sources, estimate, options); });
+    const int status = mesh_internal::guarded([&] { return estimateAll(frames, sources, estimate, options, nullptr); });
+    if (status != 0) estimate = NormalEstimate();
+    return status;
+}
+
+std::size_t normalGuessStep(std::size_t finite_points) { return guessStep(finite_points); }
+
+double normalGuessFromSample(const std::vector<Vec3f>& sample, std::size_t finite_points, int k) {
+    Cloud cloud;
+    cloud.points = sample;
+    return guessFromSample(std::move(cloud), finite_points, k);
+}
+
+double normalCellEdge(double wish, double extent) { return Grid::cellEdge(wish, extent); }
+
+std::size_t normalReachStep(std::size_t finite_points) { return reachStep(finite_points); }
+
+void normalCellCodes(const std::vector<Vec3f>& points, const std::array<double, 3>& origin, double edge,
+                     std::vector<std::uint64_t>& codes) {
+    codes.resize(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        std::int32_t c[3];
+        cellOf(points[i], origin.data(), edge, c);
+        codes[i] = mesh_internal::cellCode(c);
+    }
+}
+
+int normalReachDistances(const std::vector<Vec3f>& points, const std::vector<Vec3f>& queries,
+                         const std::array<double, 3>& origin, double edge, int count, std::vector<float>& squared) {
+    if (count < 1 || count > MAX_NEIGHBOURS + 1 || !(edge > 0.0)) return TESSALINE_FAILURE;
+    return mesh_internal::guarded([&] {
+        squared.assign(queries.size() * static_cast<std::size_t>(count), INFINITY);
+        if (points.empty()) return 0;
+        Cloud cloud;
+        cloud.points = points;
+        const Tree tree(3, cloud, nanoflann::KDTreeSingleIndexAdaptorParams(16));
+        const auto inside = [&](const std::int32_t c[3], const Vec3f& o) {
+            std::int32_t d[3];
+            cellOf(o, origin.data(), edge, d);
+            for (int k = 0; k < 3; ++k)
+                if (std::abs(d[k] - c[k]) > REACH_RINGS) return false;
+            return true;
+        };
+        // As the search rounds it: the point's coordinates less the query's.
+        const auto squaredTo = [](const Vec3f& o, const Vec3f& p) {
+            const float ex = o[0] - p[0], ey = o[1] - p[1], ez = o[2] - p[2];
+            return ex * ex + ey * ey + ez * ez;
+        };
+#pragma omp parallel
+        {
+            std::vector<std::uint32_t> index(static_cast<std::size_t>(count));
+            std::vector<float> distance(static_cast<std::size_t>(count));
+            std::vector<float> kept;
+#pragma omp for schedule(dynamic, 64)
+            for (std::int64_t q = 0; q < static_cast<std::int64_t>(queries.size()); ++q) {
+                const Vec3f p = queries[static_cast<std::size_t>(q)];
+                std::int32_t c[3];
+                cellOf(p, origin.data(), edge, c);
+                const std::size_t found =
+                    tree.knnSearch(p.data(), static_cast<std::size_t>(count), index.data(), distance.data());
+                kept.clear();
+                bool outside = false;
+                for (std::size_t j = 0; j < found; ++j) {
+                    if (inside(c, points[index[j]]))
+                        kept.push_back(squaredTo(points[index[j]], p));
+                    else
+                        outside = true;
+                }
+                // Nearest points beyond the cells searched: the nearest within them, from all points.
+                if (outside && found < points.size()) {
+                    kept.clear();
+                    for (const Vec3f& o : points)
+                        if (inside(c, o)) kept.push_back(squaredTo(o, p));
+                }
+                std::sort(kept.begin(), kept.end());
+                float* out = &squared[static_cast<std::size_t>(q) * static_cast<std::size_t>(count)];
+                for (std::size_t j = 0; j < kept.size() && j < static_cast<std::size_t>(count); ++j) out[j] = kept[j];
+            }
+        }
+        return 0;
+    });
+}
+
+void normalGridFromDistances(std::vector<double> kth, double extent, const NormalOptions& options, NormalGrid& grid) {
+    kth.erase(std::remove_if(kth.begin(), kth.end(), [](double d) { return d < 0.0; }), kth.end());
+    const double measured = median(kth);
+    grid.edge = grid.first_edge;
+    if (measured > 0.0 && (grid.first_edge < measured || grid.first_edge > SORT_AGAIN_ABOVE * measured))
+        grid.edge = Grid::cellEdge(CELL_PER_NEIGHBOURHOOD * measured, extent);
+    grid.reach = measured > 0.0 ? options.reach * measured : INFINITY;
+}
+
+int estimateNormalsWithin(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                          const std::vector<FrameNormalSource>& sources, const NormalGrid& grid,
+                          NormalEstimate& estimate, const NormalOptions& options) {
+    const int status = mesh_internal::guarded([&] { return estimateAll(frames, sources, estimate, options, &grid); });
     if (status != 0) estimate = NormalEstimate();
     return status;
 }

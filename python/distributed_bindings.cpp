@@ -45,15 +45,76 @@ struct ReadSettings {
     int scale_code = 8;          // the word of points whose file has none
     bool explicit_code = false;  // --scale-code given: every point's wish replaced, its flags kept
     Origin origin = {0.0, 0.0, 0.0};
+    // The folder of the normals estimated for the frames that came without them ("": none estimated).
+    std::string normals_dir;
 };
 
-ReadSettings readSettings(float to_mm, int scale_code, bool explicit_code, const Origin& origin) {
+ReadSettings readSettings(float to_mm, int scale_code, bool explicit_code, const Origin& origin,
+                          const std::string& normals_dir) {
     ReadSettings s;
     s.to_mm = to_mm;
     s.scale_code = scale_code;
     s.explicit_code = explicit_code;
     s.origin = origin;
+    s.normals_dir = normals_dir;
     return s;
+}
+
+constexpr char NORMALS_MAGIC[8] = {'T', 'S', 'L', 'N', 'O', 'R', 'M', '1'};
+
+// The file of a unit's estimated normals in the run's normals folder: named by the unit (FNV-1a of its
+// input's place, path and range flag), so that every task finds it from the unit alone.
+std::string normalsPath(const ScanUnit& unit, const std::string& folder) {
+    std::uint64_t hash = 1469598103934665603ull;
+    const std::string key = std::to_string(unit.input) + "|" + unit.path + "|" + (unit.range_set ? "1" : "0");
+    for (const unsigned char c : key) hash = (hash ^ c) * 1099511628211ull;
+    char name[64];
+    std::snprintf(name, sizeof(name), "normals_%016llx.bin", static_cast<unsigned long long>(hash));
+    return folder + "/" + name;
+}
+
+// Writes the normals of the frames of `scan` that came without them (a count and the normals a frame, 0 for
+// the others), whole or not at all.
+void writeNormals(const ScanUnit& unit, const std::string& folder, const tessaline_tools::ScanInput& scan) {
+    const std::string path = normalsPath(unit, folder);
+    const std::string temporary = path + ".tmp" + std::to_string(getpid());
+    std::ofstream out(temporary, std::ios::binary);
+    const std::uint64_t frames = scan.frames.size();
+    out.write(NORMALS_MAGIC, 8);
+    out.write(reinterpret_cast<const char*>(&frames), sizeof(frames));
+    for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+        const std::uint64_t n = scan.extras[f].normals ? 0 : scan.frames[f]->nor.size();
+        out.write(reinterpret_cast<const char*>(&n), sizeof(n));
+        out.write(reinterpret_cast<const char*>(scan.frames[f]->nor.data()), static_cast<std::streamsize>(n * 12));
+    }
+    out.close();
+    if (!out || std::rename(temporary.c_str(), path.c_str()) != 0) {
+        std::remove(temporary.c_str());
+        throw std::runtime_error(path + ": cannot write the normals of " + unit.path);
+    }
+}
+
+// Puts the estimated normals of a unit (writeNormals) into the frames that came without them.
+void readNormals(const ScanUnit& unit, const std::string& folder, tessaline_tools::ScanInput& scan) {
+    const std::string path = normalsPath(unit, folder);
+    std::ifstream in(path, std::ios::binary);
+    char magic[8];
+    std::uint64_t frames = 0;
+    in.read(magic, 8);
+    in.read(reinterpret_cast<char*>(&frames), sizeof(frames));
+    if (!in || std::string(magic, 8) != std::string(NORMALS_MAGIC, 8) || frames != scan.frames.size())
+        throw std::runtime_error(path + ": not the estimated normals of " + unit.path);
+    for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+        std::uint64_t n = 0;
+        in.read(reinterpret_cast<char*>(&n), sizeof(n));
+        if (!in || (n != 0 && n != scan.frames[f]->xyz.size()) || (n == 0) != scan.extras[f].normals)
+            throw std::runtime_error(path + ": the estimated normals do not match the frames of " + unit.path);
+        if (n == 0) continue;
+        scan.frames[f]->nor.resize(n);
+        in.read(reinterpret_cast<char*>(scan.frames[f]->nor.data()), static_cast<std::streamsize>(n * 12));
+        if (!in) throw std::runtime_error(path + ": cut short");
+        scan.extras[f].normals = true;
+    }
 }
 
 // The frames of one unit, as the program has them before its run.
@@ -68,6 +129,7 @@ tessaline_tools::ScanInput readUnit(const ScanUnit& unit, const ReadSettings& se
     if (settings.explicit_code)
         for (auto& frame : scan.frames)
             for (auto& w : frame->w) w = (w & ~0xFF) | settings.scale_code;
+    if (!settings.normals_dir.empty() && scan.missingNormals()) readNormals(unit, settings.normals_dir, scan);
     return scan;
 }
 
@@ -76,17 +138,19 @@ bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) 
 // The first pass: what the plan needs of each frame of a unit. Its point count (all points, as the engine
 // counts them for its origin's sample), the box of its finite points, whether it came with normals and
 // colours, its pose and its markers.
-py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code, const Origin& origin) {
+py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code, const Origin& origin,
+                     const std::string& normals_dir) {
     tessaline_tools::ScanInput scan;
     {
         py::gil_scoped_release release;
-        scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+        scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
     }
     const std::size_t n = scan.frames.size();
     py::array_t<std::int64_t> counts(static_cast<py::ssize_t>(n));
     py::array_t<double> lo({static_cast<py::ssize_t>(n), py::ssize_t(3)}),
         hi({static_cast<py::ssize_t>(n), py::ssize_t(3)});
-    py::list normals, colours, markers;
+    py::list normals, colours, markers, sensors;
+    py::array_t<std::int64_t> finite_counts(static_cast<py::ssize_t>(n));
     // What chooseScaleCodes sees of each frame: its points, and its usable ones by code.
     py::array_t<std::int64_t> seen(static_cast<py::ssize_t>(n));
     py::array_t<std::int64_t> codes({static_cast<py::ssize_t>(n), py::ssize_t(7)});
@@ -97,6 +161,10 @@ py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool ex
         const FrameDataWithInfo& frame = *scan.frames[f];
         const auto i = static_cast<py::ssize_t>(f);
         c(i) = static_cast<std::int64_t>(frame.xyz.size());
+        std::int64_t finite_points = 0;
+        for (const Vec3f& p : frame.xyz) finite_points += finite(p) ? 1 : 0;
+        finite_counts.mutable_at(i) = finite_points;
+        sensors.append(scan.extras[f].sensor);
         float a[3] = {INFINITY, INFINITY, INFINITY}, b[3] = {-INFINITY, -INFINITY, -INFINITY};
         for (const Vec3f& p : frame.xyz) {
             if (!finite(p)) continue;
@@ -138,6 +206,8 @@ py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool ex
     out["markers"] = markers;
     out["seen"] = seen;
     out["codes"] = codes;
+    out["finite"] = finite_counts;
+    out["sensors"] = sensors;
     return out;
 }
 
@@ -158,6 +228,7 @@ std::vector<Vec3f> pointsOf(const py::array_t<float, py::array::c_style | py::ar
 // are the places of the unit's first point among them.
 std::pair<py::array_t<float>, py::array_t<float>> spacingSamplesUnit(const UnitTuple& unit, float to_mm, int scale_code,
                                                                      bool explicit_code, const Origin& origin,
+                                                                     const std::string& normals_dir,
                                                                      std::uint64_t seen_first,
                                                                      std::uint64_t usable_first,
                                                                      std::uint64_t grid_step, std::uint64_t stride) {
@@ -165,7 +236,7 @@ std::pair<py::array_t<float>, py::array_t<float>> spacingSamplesUnit(const UnitT
     {
         py::gil_scoped_release release;
         const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
         for (const auto& frame : scan.frames) {
             std::size_t coded[7];
             const std::size_t seen = spacingPointsOf(*frame, coded);
@@ -180,15 +251,15 @@ std::pair<py::array_t<float>, py::array_t<float>> spacingSamplesUnit(const UnitT
 // Resolution auto: the k nearest squared distances of each measured point among the usable points of one
 // unit (the plan keeps the k smallest over all units).
 py::array_t<float> nearestUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
-                               const Origin& origin, py::array_t<float, py::array::c_style | py::array::forcecast> q,
-                               std::size_t k) {
+                               const Origin& origin, const std::string& normals_dir,
+                               py::array_t<float, py::array::c_style | py::array::forcecast> q, std::size_t k) {
     const std::vector<Vec3f> queries = pointsOf(q);
     std::vector<float> squared;
     int status = 0;
     {
         py::gil_scoped_release release;
         const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
         status = nearestSquaredDistances(scan.frames, queries, k, squared);
     }
     if (status != 0)
@@ -201,12 +272,13 @@ py::array_t<float> nearestUnit(const UnitTuple& unit, float to_mm, int scale_cod
 // The engine's sample for its own run origin, of one unit: the finite points whose index among all points
 // of the run (frame after frame, `first` the index of this unit's first point) is a multiple of `stride`.
 py::array_t<double> sampleUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
-                               const Origin& origin, std::uint64_t first, std::uint64_t stride) {
+                               const Origin& origin, const std::string& normals_dir, std::uint64_t first,
+                               std::uint64_t stride) {
     std::vector<double> sample;
     {
         py::gil_scoped_release release;
         const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin));
+            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
         std::uint64_t index = first;
         for (const auto& frame : scan.frames)
             for (const Vec3f& p : frame->xyz) {
@@ -448,7 +520,8 @@ void readPart(const std::string& path, MultiMeshData& soup) {
 // The parts go to `folder`, one file a block with triangles; returns their keys and triangle counts.
 std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     const std::vector<UnitTuple>& units, const std::vector<std::vector<std::size_t>>& skip, float to_mm, int scale_code,
-    bool explicit_code, const Origin& geo_origin, float resolution, const Origin& run_origin, std::uint32_t block_size,
+    bool explicit_code, const Origin& geo_origin, const std::string& normals_dir, float resolution,
+    const Origin& run_origin, std::uint32_t block_size,
     py::array_t<std::int32_t, py::array::c_style | py::array::forcecast> owned, float reach, const std::string& folder,
     const py::object& codes) {
     // Resolution auto: (grid origin, 1 / grid edge, c_max, margin): the codes are set from the points that
@@ -496,7 +569,7 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     if (status == 0) status = engine.setRunOrigin(run_origin);
     if (status == 0) status = engine.setBlockSize(block_size);
     if (status == 0) status = engine.setOwnedBlocks(blocks);
-    const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin);
+    const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin, normals_dir);
     // The frames as the tile keeps them, in the run's order; with auto, also the frames left out, whose points
     // count for the density around the others.
     std::vector<std::shared_ptr<FrameDataWithInfo>> kept_frames;
@@ -560,6 +633,186 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     return written;
 }
 
+// Normals for frames that came without them, as estimateNormals makes them over the whole scan: the passes
+// that measure its grid and reach (each over one unit), and the task that makes one unit's normals.
+
+// Calls `visit` with every finite point of a unit, frame after frame, and its place among them.
+template <class Visit>
+void forFinite(const tessaline_tools::ScanInput& scan, Visit visit) {
+    std::uint64_t index = 0;
+    for (const auto& frame : scan.frames)
+        for (const Vec3f& p : frame->xyz)
+            if (finite(p)) visit(p, index++);
+}
+
+// The guess's sample of one unit: its finite points whose place among all finite points (`first` that of
+// its first) is a multiple of `step`.
+py::array_t<float> normalGuessSampleUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
+                                         const Origin& origin, std::uint64_t first, std::uint64_t step) {
+    std::vector<Vec3f> sample;
+    {
+        py::gil_scoped_release release;
+        const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
+        forFinite(scan, [&](const Vec3f& p, std::uint64_t i) {
+            if ((first + i) % step == 0) sample.push_back(p);
+        });
+    }
+    return pointArray(sample);
+}
+
+std::vector<Vec3f> finitePoints(const tessaline_tools::ScanInput& scan) {
+    std::vector<Vec3f> points;
+    forFinite(scan, [&](const Vec3f& p, std::uint64_t) { points.push_back(p); });
+    return points;
+}
+
+// The cells (codes, ascending) that the first sort puts a unit's finite points into, and how many each.
+std::pair<py::array_t<std::uint64_t>, py::array_t<std::int64_t>> normalCellCountsUnit(
+    const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code, const Origin& origin,
+    const Origin& grid_origin, double edge) {
+    std::vector<std::uint64_t> codes;
+    {
+        py::gil_scoped_release release;
+        const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
+        normalCellCodes(finitePoints(scan), grid_origin, edge, codes);
+        std::sort(codes.begin(), codes.end());
+    }
+    std::vector<std::uint64_t> cells;
+    std::vector<std::int64_t> counts;
+    for (std::size_t i = 0; i < codes.size(); ++i) {
+        if (i == 0 || codes[i] != codes[i - 1]) {
+            cells.push_back(codes[i]);
+            counts.push_back(0);
+        }
+        ++counts.back();
+    }
+    return {py::array_t<std::uint64_t>(static_cast<py::ssize_t>(cells.size()), cells.data()),
+            py::array_t<std::int64_t>(static_cast<py::ssize_t>(counts.size()), counts.data())};
+}
+
+// The points of a unit that the reach is measured on: for each query, the `ordinal`-th of its finite points
+// (in their order) in the cell of code `code`.
+py::array_t<float> normalPickUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
+                                  const Origin& origin, const Origin& grid_origin, double edge,
+                                  const std::vector<std::uint64_t>& codes, const std::vector<std::int64_t>& ordinals) {
+    std::vector<Vec3f> picked(codes.size(), Vec3f{NAN, NAN, NAN});
+    {
+        py::gil_scoped_release release;
+        const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
+        const std::vector<Vec3f> points = finitePoints(scan);
+        std::vector<std::uint64_t> cell;
+        normalCellCodes(points, grid_origin, edge, cell);
+        // The queries by (code, ordinal), and the points seen so far of each cell asked for.
+        std::vector<std::size_t> order(codes.size());
+        for (std::size_t q = 0; q < order.size(); ++q) order[q] = q;
+        std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+            return codes[a] != codes[b] ? codes[a] < codes[b] : ordinals[a] < ordinals[b];
+        });
+        std::vector<std::uint64_t> asked;
+        for (const std::size_t q : order)
+            if (asked.empty() || asked.back() != codes[q]) asked.push_back(codes[q]);
+        std::vector<std::int64_t> seen(asked.size(), 0);
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            const auto it = std::lower_bound(asked.begin(), asked.end(), cell[i]);
+            if (it == asked.end() || *it != cell[i]) continue;
+            const std::int64_t ordinal = seen[static_cast<std::size_t>(it - asked.begin())]++;
+            // The queries of this cell and ordinal (usually none or one).
+            const auto first = std::lower_bound(order.begin(), order.end(), std::make_pair(cell[i], ordinal),
+                                                [&](std::size_t q, const std::pair<std::uint64_t, std::int64_t>& key) {
+                                                    return std::make_pair(codes[q], ordinals[q]) < key;
+                                                });
+            for (auto at = first; at != order.end() && codes[*at] == cell[i] && ordinals[*at] == ordinal; ++at)
+                picked[*at] = points[i];
+        }
+    }
+    for (const Vec3f& p : picked)
+        if (!finite(p)) throw std::runtime_error(std::get<1>(unit) + ": a point of the reach's sample is missing");
+    return pointArray(picked);
+}
+
+// For each query, the `count` smallest squared distances to the unit's finite points in the cells that the
+// reach's search looks at.
+py::array_t<float> normalReachUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
+                                   const Origin& origin,
+                                   py::array_t<float, py::array::c_style | py::array::forcecast> q,
+                                   const Origin& grid_origin, double edge, int count) {
+    const std::vector<Vec3f> queries = pointsOf(q);
+    std::vector<float> squared;
+    int status = 0;
+    {
+        py::gil_scoped_release release;
+        const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
+        status = normalReachDistances(finitePoints(scan), queries, grid_origin, edge, count, squared);
+    }
+    if (status != 0)
+        throw std::runtime_error("measuring the normals' reach failed with status " + std::to_string(status));
+    py::array_t<float> out({static_cast<py::ssize_t>(queries.size()), static_cast<py::ssize_t>(count)});
+    std::copy(squared.begin(), squared.end(), out.mutable_data());
+    return out;
+}
+
+// The normals of the frames of `units[target]` that came without them, from its points and the finite points
+// of the other units within the box [lo, hi] (the unit's box widened by the reach), all in the run's order;
+// written to `folder`. `sensor` (millimetres, the geo-referenced origin taken off) for frames whose files do
+// not say where their scanner stood, when given. Returns (points estimated, faced toward the scanner).
+std::pair<std::size_t, std::size_t> makeNormalsUnit(const std::vector<UnitTuple>& units, std::size_t target,
+                                                    float to_mm, int scale_code, bool explicit_code,
+                                                    const Origin& origin,
+                                                    const std::tuple<Origin, double, double, double>& grid_figures,
+                                                    const Origin& lo, const Origin& hi, bool sensor_given,
+                                                    const Origin& sensor, const std::string& folder) {
+    py::gil_scoped_release release;
+    NormalGrid grid;
+    grid.origin = std::get<0>(grid_figures);
+    grid.first_edge = std::get<1>(grid_figures);
+    grid.edge = std::get<2>(grid_figures);
+    grid.reach = std::get<3>(grid_figures);
+    const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, origin, "");
+    tessaline_tools::ScanInput own;
+    std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+    std::vector<FrameNormalSource> sources;
+    for (std::size_t u = 0; u < units.size(); ++u) {
+        if (u == target) {
+            own = readUnit(unitOf(units[u]), settings);
+            for (std::size_t f = 0; f < own.frames.size(); ++f) {
+                const tessaline_tools::FrameExtras& extras = own.extras[f];
+                FrameNormalSource source;
+                source.estimate = !extras.normals;
+                source.sensor_known = extras.sensor || sensor_given;
+                if (source.sensor_known) source.sensor = extras.sensor ? extras.sensor_position : sensor;
+                if (source.estimate && !source.sensor_known)
+                    throw std::runtime_error(extras.source + ": points without normals and no scanner position");
+                frames.push_back(own.frames[f]);
+                sources.push_back(source);
+            }
+            continue;
+        }
+        const tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
+        auto near = std::make_shared<FrameDataWithInfo>();
+        for (const auto& frame : scan.frames)
+            for (const Vec3f& p : frame->xyz) {
+                bool inside = finite(p);
+                for (int k = 0; k < 3 && inside; ++k) inside = p[k] >= lo[k] && p[k] <= hi[k];
+                if (!inside) continue;
+                near->xyz.push_back(p);
+                near->nor.push_back(Vec3f{0.0f, 0.0f, 0.0f});
+                near->w.push_back(8);
+            }
+        if (near->xyz.empty()) continue;
+        FrameNormalSource source;
+        source.estimate = false;
+        frames.push_back(std::move(near));
+        sources.push_back(source);
+    }
+    NormalEstimate estimate;
+    const int status = estimateNormalsWithin(frames, sources, grid, estimate);
+    if (status != 0)
+        throw std::runtime_error(std::get<1>(units[target]) + ": estimating the normals failed with status " +
+                                 std::to_string(status));
+    writeNormals(unitOf(units[target]), folder, own);
+    return {estimate.points, estimate.toward_sensor};
+}
+
 [[noreturn]] void meshFailure(const std::string& what, int status) {
     std::string text = what + " failed with status " + std::to_string(status);
     if (status == TESSALINE_OUT_OF_MEMORY) text += ": memory ran out; lower the resolution or raise the memory limit";
@@ -573,7 +826,8 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
 // an empty mesh is not written.
 py::dict mergeParts(const std::vector<std::string>& parts, float resolution, std::size_t min_piece,
                     std::size_t fill_holes, const std::vector<UnitTuple>& coloured, float to_mm, int scale_code,
-                    bool explicit_code, const Origin& geo_origin, const std::string& output) {
+                    bool explicit_code, const Origin& geo_origin, const std::string& normals_dir,
+                    const std::string& output) {
     MeshStatistics statistics;
     std::size_t degenerate = 0, removed = 0, filled = 0;
     {
@@ -592,7 +846,7 @@ py::dict mergeParts(const std::vector<std::string>& parts, float resolution, std
         if (!coloured.empty() && statistics.triangles > 0) {
             std::vector<Vec3f> points;
             std::vector<Rgb> colours;
-            const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin);
+            const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, geo_origin, normals_dir);
             for (const UnitTuple& unit : coloured) {
                 const tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
                 for (std::size_t f = 0; f < scan.frames.size(); ++f) {
@@ -654,9 +908,9 @@ void bindTools(py::module_& core) {
         py::arg("units"), py::arg("to_mm"), "The geo-referenced origin of a run (its first LAS file's), mm.");
     m.def("markers_file_for", &tessaline_tools::markersFileFor, py::arg("inputs"), py::arg("given") = "");
     m.def("measure_unit", &measureUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
-          py::arg("explicit_code"), py::arg("origin"));
+          py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"));
     m.def("sample_unit", &sampleUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
-          py::arg("explicit_code"), py::arg("origin"), py::arg("first"), py::arg("stride"));
+          py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("first"), py::arg("stride"));
     m.def("choose_run_origin", &chooseRunOrigin, py::arg("sample"), py::arg("resolution"), py::arg("block_size"));
     m.def("engine_block_size", &engineBlockSize, py::arg("resolution"));
     m.def("frames_left_out_by_markers", &framesLeftOutByMarkers, py::arg("markers_file"), py::arg("to_mm"),
@@ -667,13 +921,48 @@ void bindTools(py::module_& core) {
           py::arg("block_res"), py::arg("reach"));
     m.def("part_name", [](std::int32_t x, std::int32_t y, std::int32_t z) { return partName(BlockKey{x, y, z}); });
     m.def("run_tile", &runTile, py::arg("units"), py::arg("skip"), py::arg("to_mm"), py::arg("scale_code"),
-          py::arg("explicit_code"), py::arg("geo_origin"), py::arg("resolution"), py::arg("run_origin"),
-          py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"), py::arg("codes") = py::none());
+          py::arg("explicit_code"), py::arg("geo_origin"), py::arg("normals_dir"), py::arg("resolution"),
+          py::arg("run_origin"), py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"),
+          py::arg("codes") = py::none());
     m.def("spacing_samples_unit", &spacingSamplesUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
-          py::arg("explicit_code"), py::arg("origin"), py::arg("seen_first"), py::arg("usable_first"),
-          py::arg("grid_step"), py::arg("stride"));
+          py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("seen_first"),
+          py::arg("usable_first"), py::arg("grid_step"), py::arg("stride"));
     m.def("nearest_unit", &nearestUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
-          py::arg("explicit_code"), py::arg("origin"), py::arg("queries"), py::arg("k"));
+          py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("queries"), py::arg("k"));
+    m.def("normal_neighbours", [] { return NormalOptions().neighbours; });
+    m.def("normal_guess_step", &normalGuessStep, py::arg("finite_points"));
+    m.def("normal_reach_step", &normalReachStep, py::arg("finite_points"));
+    m.def(
+        "normal_first_edge",
+        [](py::array_t<float, py::array::c_style | py::array::forcecast> sample, std::size_t n, double extent) {
+            const double guess = normalGuessFromSample(pointsOf(sample), n, NormalOptions().neighbours);
+            // As estimateNormals sorts first: cells of 1.5 guesses.
+            return normalCellEdge(1.5 * guess, extent);
+        },
+        py::arg("sample"), py::arg("finite_points"), py::arg("extent"));
+    m.def(
+        "normal_grid",
+        [](const std::vector<double>& kth, double extent, const Origin& origin, double first_edge) {
+            NormalGrid grid;
+            grid.origin = origin;
+            grid.first_edge = first_edge;
+            normalGridFromDistances(kth, extent, NormalOptions(), grid);
+            return std::make_pair(grid.edge, grid.reach);
+        },
+        py::arg("kth"), py::arg("extent"), py::arg("origin"), py::arg("first_edge"));
+    m.def("normal_guess_sample_unit", &normalGuessSampleUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("first"), py::arg("step"));
+    m.def("normal_cell_counts_unit", &normalCellCountsUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("grid_origin"), py::arg("edge"));
+    m.def("normal_pick_unit", &normalPickUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("grid_origin"), py::arg("edge"), py::arg("codes"),
+          py::arg("ordinals"));
+    m.def("normal_reach_unit", &normalReachUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("explicit_code"), py::arg("origin"), py::arg("queries"), py::arg("grid_origin"), py::arg("edge"),
+          py::arg("count"));
+    m.def("make_normals_unit", &makeNormalsUnit, py::arg("units"), py::arg("target"), py::arg("to_mm"),
+          py::arg("scale_code"), py::arg("explicit_code"), py::arg("origin"), py::arg("grid"), py::arg("lo"),
+          py::arg("hi"), py::arg("sensor_given"), py::arg("sensor"), py::arg("folder"));
     m.def("spacing_grid_step", &spacingGridStep, py::arg("points_seen"));
     m.def(
         "spacing_measure_stride", [](std::size_t usable) { return spacingMeasureStride(usable); }, py::arg("usable"));
@@ -706,12 +995,12 @@ void bindTools(py::module_& core) {
         py::arg("squared"), py::arg("k"), py::arg("codes"));
     m.def("merge_parts", &mergeParts, py::arg("parts"), py::arg("resolution"), py::arg("min_piece"),
           py::arg("fill_holes"), py::arg("coloured"), py::arg("to_mm"), py::arg("scale_code"), py::arg("explicit_code"),
-          py::arg("geo_origin"), py::arg("output"));
+          py::arg("geo_origin"), py::arg("normals_dir"), py::arg("output"));
     m.def(
         "read_points",
         [](const std::string& path, float to_mm) {
             const tessaline_tools::ScanInput scan =
-                readUnit(ScanUnit{0, path, false}, readSettings(to_mm, 8, false, Origin{0.0, 0.0, 0.0}));
+                readUnit(ScanUnit{0, path, false}, readSettings(to_mm, 8, false, Origin{0.0, 0.0, 0.0}, ""));
             py::list frames;
             for (std::size_t f = 0; f < scan.frames.size(); ++f) {
                 const auto& fr = *scan.frames[f];

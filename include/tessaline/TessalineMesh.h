@@ -327,4 +327,42 @@ TESSALINE_MESH_API int estimateNormals(const std::vector<std::shared_ptr<FrameDa
                                        const std::vector<FrameNormalSource>& sources, NormalEstimate& estimate,
                                        const NormalOptions& options = NormalOptions());
 
+// estimateNormals in pieces, for a scan meshed tile by tile (tessaline.distributed): what it measures over
+// the whole scan from samples each file gives, then the normals of a part of the scan from its points and
+// those around it. Used as below they give every point the normal estimateNormals gives it over all frames.
+struct NormalGrid {  // the cells the search sorts the points into, and the reach of a neighbour
+    std::array<double, 3> origin = {0.0, 0.0, 0.0};  // the smallest coordinates of all finite points
+    double first_edge = 1.0;  // the cells of the first sort, from the guess (the reach is measured in these)
+    double edge = 1.0;        // the cells of the search: first_edge, or those of the second sort
+    double reach = 0.0;       // neighbours farther off do not count (NormalOptions::reach x the k-th distance)
+};
+// The guess is made from every step-th of the scan's `finite_points` finite points (in the frames' order).
+TESSALINE_MESH_API std::size_t normalGuessStep(std::size_t finite_points);
+// The guess at the k-th distance from that sample, and the edge of the first sort's cells for it and the
+// extent of the scan (its largest side).
+TESSALINE_MESH_API double normalGuessFromSample(const std::vector<Vec3f>& sample, std::size_t finite_points, int k);
+TESSALINE_MESH_API double normalCellEdge(double wish, double extent);
+// The reach is measured on every step-th point in the order of the first sort (by cell, then the frames').
+TESSALINE_MESH_API std::size_t normalReachStep(std::size_t finite_points);
+// The cells of points (their codes, whose order is the sort's) on cells of `edge` from `origin`.
+TESSALINE_MESH_API void normalCellCodes(const std::vector<Vec3f>& points, const std::array<double, 3>& origin,
+                                        double edge, std::vector<std::uint64_t>& codes);
+// For each query, the `count` smallest squared distances (ascending, +inf padded) to `points` that lie in the
+// cells (of `edge` from `origin`) the reach's search looks at: the k + 1 smallest over all files are the ones
+// it finds.
+TESSALINE_MESH_API int normalReachDistances(const std::vector<Vec3f>& points, const std::vector<Vec3f>& queries,
+                                            const std::array<double, 3>& origin, double edge, int count,
+                                            std::vector<float>& squared);
+// The k-th distances of the measured points (negative: fewer than k + 1 found) to the grid's second edge
+// (first_edge when not sorted again) and reach; `grid.origin` and `grid.first_edge` are given, `extent` the
+// scan's largest side.
+TESSALINE_MESH_API void normalGridFromDistances(std::vector<double> kth, double extent, const NormalOptions& options,
+                                                NormalGrid& grid);
+// The normals of the frames whose source says `estimate`, as estimateNormals makes them over the whole scan,
+// for every point with all finite points of the scan within `grid.reach` of it among the frames (given in
+// the scan's order). Only for sources that know their scanner: 1 (TESSALINE_FAILURE) where one does not.
+TESSALINE_MESH_API int estimateNormalsWithin(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
+                                             const std::vector<FrameNormalSource>& sources, const NormalGrid& grid,
+                                             NormalEstimate& estimate, const NormalOptions& options = NormalOptions());
+
 }  // namespace SurfaceReconstruction

@@ -143,17 +143,60 @@ def write_las(path, points):
     path.write_bytes(bytes(header) + bytes(records))
 
 
-def test_what_cannot_be_the_same_yet_is_refused_with_the_reason(client, scan, tmp_path):
+NORMALS = b"property float nx\nproperty float ny\nproperty float nz\n"
+UNNAMED = b"property float a\nproperty float b\nproperty float c\n"
+
+
+def test_points_without_normals_and_without_a_scanner_are_refused_with_the_fix(client, scan, tmp_path):
     points, normals = scan_points(scan, keep=20)
     write_las(tmp_path / "cloud.las", points)
     write_ply(tmp_path / "bare.ply", points, normals)
-    bare = (tmp_path / "bare.ply").read_bytes().replace(b"property float nx\nproperty float ny\nproperty float nz\n",
-                                                         b"property float a\nproperty float b\nproperty float c\n")
-    (tmp_path / "bare.ply").write_bytes(bare)
+    (tmp_path / "bare.ply").write_bytes((tmp_path / "bare.ply").read_bytes().replace(NORMALS, UNNAMED))
     for path in ["cloud.las", "bare.ply"]:
-        with pytest.raises(td.RefusedError, match=f"{path}: points without normals"):
+        with pytest.raises(td.RefusedError, match=f"{path}: points without normals and no scanner.*--sensor X,Y,Z"):
             td.reconstruct([tmp_path / path], client, resolution=0.5, output=tmp_path / "x.ply")
     assert not (tmp_path / "x.ply").exists()
+
+
+def lattice(n=90):
+    """A gently stepped sheet on a lattice of 0.5 mm: many neighbours at exactly the same distance, whose
+    order (the whole scan's) decides which are fitted and in what order they are summed."""
+    i, j = np.meshgrid(np.arange(n), np.arange(n), indexing="ij")
+    z = 0.25 * ((i * j) % 3) + 0.02 * i
+    return np.stack([0.5 * i.ravel(), 0.5 * j.ravel(), z.ravel()], axis=1)
+
+
+# Normals made from each point's nearest neighbours and turned toward the scanner: the frames' own poses (the
+# simulated scan with its normals taken away, markers leaving two frames out), --sensor for LAS and a bare
+# PLY. Tiles of one block cut through every neighbourhood.
+@pytest.mark.parametrize("case,resolution", [("frames", "0.5"), ("frames", "auto"), ("las", "0.5"),
+                                             ("lattice", "1"), ("lattice", "auto")])
+def test_normals_made_tile_by_tile_are_the_programs(client, scan, tmp_path, case, resolution):
+    options, sensor = [], None
+    if case == "frames":
+        inputs = tmp_path / "frames"
+        inputs.mkdir()
+        for p in scan.iterdir():
+            data = p.read_bytes()
+            (inputs / p.name).write_bytes(data.replace(NORMALS, UNNAMED, 1) if p.suffix == ".ply" else data)
+    elif case == "las":
+        inputs = tmp_path / "cloud.las"
+        points, _ = scan_points(scan, keep=2)
+        write_las(inputs, points)
+        sensor = (0.0, 0.0, 400.0)
+    else:
+        inputs = tmp_path / "sheet.ply"
+        points = lattice()
+        write_ply(inputs, points, np.zeros_like(points))
+        inputs.write_bytes(inputs.read_bytes().replace(NORMALS, UNNAMED))
+        sensor = (20.0, 20.0, 100.0)
+    if sensor:
+        options = ["--sensor", ",".join(map(str, sensor))]
+    expected = program_mesh([inputs], tmp_path / "program.ply", "--resolution", resolution, *options)
+    result = td.reconstruct([inputs], client, resolution=resolution, tile_blocks=1, output=tmp_path / "dist.ply",
+                            sensor=sensor)
+    assert result["tiles"] > 1 and result["normals_estimated"] > 0
+    assert (tmp_path / "dist.ply").read_bytes() == expected
 
 
 class KillOnFirstTile(distributed.WorkerPlugin):

@@ -27,8 +27,11 @@ program does (the density grid from every n-th point of the run, every m-th usab
 among all points, from each unit's nearest kept in a merge) and each tile gives its points their codes from
 the points around them, reading CODE_MARGIN_EDGES cells of that grid beyond its reach.
 
-What is not reproduced yet is refused before any tile runs, with the reason: frames without normals (their
-normals are estimated over all points of the scan).
+Frames without normals get them as the program makes them (estimateNormals), before anything else, where
+their scanner's position is known (a pose, a scanner in the file, or `sensor`): the plan measures the
+estimate's grid and reach over the whole scan, a task a unit makes its normals from its points and those
+within the reach, into a folder the later passes read. Where no scanner position is known (the program
+orients those over the neighbour graph of the whole scan) the run is refused before any tile runs.
 """
 import argparse
 import os
@@ -76,8 +79,13 @@ class Settings:
     scale_code: int
     explicit_code: bool
     origin: tuple
+    normals_dir: str = ""  # the folder of the normals estimated for frames without them ("": none)
 
     def read_args(self):
+        return (self.to_mm, self.scale_code, self.explicit_code, self.origin, self.normals_dir)
+
+    def raw_args(self):
+        """As read_args, without the estimated normals (for the passes that measure for them)."""
         return (self.to_mm, self.scale_code, self.explicit_code, self.origin)
 
 
@@ -105,6 +113,8 @@ class Plan:
     points: int = 0
     codes: tuple = None  # resolution auto: (grid origin, 1 / grid edge, c_max, margin in mm); None otherwise
     spacing: dict = None  # resolution auto: the figures it was chosen from
+    normals_dir: str = ""  # the folder of the normals made for frames without them; "" when none were
+    normals: dict = None  # what making them measured (grid, points estimated); None when none were
 
     def files_of(self, tile):
         return [self.units[u][1] for u in tile.units]
@@ -173,6 +183,117 @@ def _choose_auto(client, scan_units, settings, measured, token):
     return resolution, (tuple(origin), float(per_edge), int(figures["scale_code"]), float(margin)), dict(figures)
 
 
+def _normal_guess_sample(unit, settings, first, step):
+    return _tools.normal_guess_sample_unit(unit, *settings.raw_args(), first, step)
+
+
+def _normal_cells(unit, settings, origin, edge):
+    return _tools.normal_cell_counts_unit(unit, *settings.raw_args(), origin, edge)
+
+
+def _normal_pick(unit, settings, origin, edge, codes, ordinals):
+    return _tools.normal_pick_unit(unit, *settings.raw_args(), origin, edge, codes, ordinals)
+
+
+def _normal_reach(unit, settings, queries, origin, edge, count):
+    return _tools.normal_reach_unit(unit, *settings.raw_args(), queries, origin, edge, count)
+
+
+def _make_normals(units, target, settings, grid, lo, hi, sensor, folder):
+    return _tools.make_normals_unit(units, target, *settings.raw_args(), grid, lo, hi, sensor is not None,
+                                    sensor if sensor is not None else (0.0, 0.0, 0.0), folder)
+
+
+def _normal_grid(client, scan_units, settings, measured, token):
+    """The grid and reach that estimateNormals measures over all finite points of the scan: the origin and
+    extent from the frames' boxes; the guess from every n-th finite point (a pass); the first sort's cells
+    from it; the reach from every m-th point in that sort's order (by cell, then the run's order): a pass
+    counts each unit's points by cell, the plan finds which unit holds each measured point and a pass
+    fetches them; a last pass gives each measured point's k + 1 nearest in each unit, within the cells the
+    program's search looks at, and the plan keeps the k + 1 smallest. Returns (origin, first edge, edge,
+    reach) in millimetres."""
+    finite = [np.asarray(m["finite"], dtype=np.int64) for m in measured]
+    n = int(sum(int(f.sum()) for f in finite))
+    lo = np.concatenate([m["lo"] for m in measured])
+    hi = np.concatenate([m["hi"] for m in measured])
+    boxed = lo[:, 0] <= hi[:, 0]
+    origin = tuple(float(v) for v in lo[boxed].min(axis=0))
+    extent = float((hi[boxed].max(axis=0) - lo[boxed].min(axis=0)).max())
+    k = int(_tools.normal_neighbours())
+    firsts = np.cumsum([0] + [int(f.sum()) for f in finite])[:-1]
+    step = int(_tools.normal_guess_step(n))
+    futures = [client.submit(_normal_guess_sample, unit, settings, int(first), step, key=f"nguess-{i}-{token}")
+               for i, (unit, first) in enumerate(zip(scan_units, firsts))]
+    sample = np.concatenate([np.asarray(s, dtype=np.float32).reshape(-1, 3) for s in client.gather(futures)])
+    first_edge = float(_tools.normal_first_edge(sample, n, extent))
+
+    futures = [client.submit(_normal_cells, unit, settings, origin, first_edge, key=f"ncells-{i}-{token}")
+               for i, unit in enumerate(scan_units)]
+    cells = client.gather(futures)
+    codes = np.concatenate([np.asarray(c, dtype=np.uint64) for c, _ in cells])
+    counts = np.concatenate([np.asarray(c, dtype=np.int64) for _, c in cells])
+    owner = np.repeat(np.arange(len(scan_units)), [len(c) for c, _ in cells])
+    del cells
+    order = np.lexsort((owner, codes))  # the first sort's order: by cell, then the run's (the unit's) order
+    codes, counts, owner = codes[order], counts[order], owner[order]
+    ends = np.cumsum(counts)
+    ranks = np.arange(0, n, int(_tools.normal_reach_step(n)), dtype=np.int64)
+    row = np.searchsorted(ends, ranks, side="right")
+    q_codes, q_ordinals, q_owner = codes[row], ranks - (ends[row] - counts[row]), owner[row]
+    del codes, counts, owner, ends
+    futures = {}
+    for u in np.unique(q_owner):
+        mine = q_owner == u
+        futures[int(u)] = (np.nonzero(mine)[0], client.submit(
+            _normal_pick, scan_units[u], settings, origin, first_edge, q_codes[mine].tolist(),
+            q_ordinals[mine].tolist(), key=f"npick-{u}-{token}"))
+    queries = np.zeros((len(ranks), 3), dtype=np.float32)
+    for places, future in futures.values():
+        queries[places] = np.asarray(future.result(), dtype=np.float32).reshape(-1, 3)
+
+    import distributed
+
+    futures = [client.submit(_normal_reach, unit, settings, queries, origin, first_edge, k + 1,
+                             key=f"nreach-{i}-{token}") for i, unit in enumerate(scan_units)]
+    best = np.full((len(queries), k + 1), np.inf, dtype=np.float32)
+    for future in distributed.as_completed(futures):
+        found = np.asarray(future.result(), dtype=np.float32).reshape(len(queries), k + 1)
+        best = np.sort(np.concatenate([best, found], axis=1), axis=1)[:, :k + 1]
+        future.release()
+    kth = np.where(np.isfinite(best[:, k]), np.sqrt(best[:, k].astype(np.float64)), -1.0)
+    edge, reach = _tools.normal_grid(kth.tolist(), extent, origin, first_edge)
+    if not np.isfinite(reach):
+        raise RefusedError("points without normals: their spacing cannot be measured (fewer than "
+                           f"{k + 1} points around every point measured); give files with normals")
+    return origin, first_edge, float(edge), float(reach)
+
+
+def _estimate_normals(client, scan_units, settings, measured, sensor, folder, token):
+    """Makes the normals of the frames without them, a task a unit, into `folder` (see _normal_grid): each
+    task reads its unit and the points of the units around it within the reach, in the run's order."""
+    grid = _normal_grid(client, scan_units, settings, measured, token)
+    margin = grid[3] * 1.01 + 1e-3
+    unit_lo, unit_hi = [], []
+    for m in measured:
+        lo, hi = np.asarray(m["lo"]), np.asarray(m["hi"])
+        boxed = lo[:, 0] <= hi[:, 0]
+        unit_lo.append(lo[boxed].min(axis=0) - margin if boxed.any() else np.full(3, np.inf))
+        unit_hi.append(hi[boxed].max(axis=0) + margin if boxed.any() else np.full(3, -np.inf))
+    frame_lo = [np.asarray(m["lo"]) for m in measured]
+    frame_hi = [np.asarray(m["hi"]) for m in measured]
+    futures = []
+    for u, m in enumerate(measured):
+        if all(m["normals"]):
+            continue
+        near = [v for v in range(len(scan_units)) if v == u or (
+            (frame_lo[v] <= unit_hi[u]) & (frame_hi[v] >= unit_lo[u])).all(axis=1).any()]
+        futures.append(client.submit(_make_normals, [scan_units[v] for v in near], near.index(u), settings, grid,
+                                     tuple(unit_lo[u]), tuple(unit_hi[u]), sensor, folder,
+                                     key=f"normals-{u}-{token}"))
+    made = client.gather(futures)
+    return {"grid": grid, "estimated": sum(int(e) for e, _ in made), "toward_sensor": sum(int(t) for _, t in made)}
+
+
 def _describe_blocks(blocks):
     first, last = tuple(int(v) for v in blocks[0]), tuple(int(v) for v in blocks[-1])
     return f"{len(blocks)} block{'s' if len(blocks) != 1 else ''} {first}" + (f" to {last}" if len(blocks) > 1 else "")
@@ -210,9 +331,28 @@ def _parse_resolution(resolution):
     return resolution
 
 
+def _parse_sensor(sensor, to_mm, origin):
+    """--sensor X,Y,Z in the input's unit, as the program takes it: millimetres, the geo-referenced origin off."""
+    if sensor is None:
+        return None
+    if isinstance(sensor, str):
+        parts = sensor.split(",")
+        try:
+            values = [float(v) for v in parts] if len(parts) == 3 else []
+        except ValueError:
+            values = []
+    else:
+        values = [float(v) for v in sensor]
+    if len(values) != 3 or not all(np.isfinite(values)):
+        raise ValueError(f"sensor must be X,Y,Z, where the scanner stood in the input's unit, not '{sensor}'")
+    return tuple(v * to_mm - o for v, o in zip(values, origin))
+
+
 def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=None, markers=None, output="",
-              min_piece=0, fill_holes=0):
-    """The measuring pass on the cluster and the plan of the tiles (see the module's text)."""
+              min_piece=0, fill_holes=0, sensor=None, work_dir=None):
+    """The measuring pass on the cluster and the plan of the tiles (see the module's text). Normals made for
+    frames without them go to a folder in `work_dir` (a temporary folder when None): the plan's
+    `normals_dir`, for the caller to remove once the run is done."""
     resolution = _parse_resolution(resolution)
     if isinstance(inputs, (str, os.PathLike)):
         inputs = [inputs]
@@ -239,16 +379,36 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
                          key=[f"measure-{i}-{token}" for i in range(len(scan_units))])
     measured = client.gather(futures)
 
-    without_normals = [u[1] for u, m in zip(scan_units, measured) if not all(m["normals"])]
-    if without_normals:
-        names = ", ".join(without_normals[:3]) + (f" and {len(without_normals) - 3} more" if len(without_normals) > 3
-                                                   else "")
-        raise RefusedError(f"{names}: points without normals; distributed runs do not estimate normals yet (the "
-                           "estimate looks at all points of the scan at once): give frames with normals")
+    sensor = _parse_sensor(sensor, to_mm, settings.origin)
     counts = [np.asarray(m["counts"], dtype=np.int64) for m in measured]
     points = int(sum(int(c.sum()) for c in counts))
     if points == 0:
         raise ValueError(", ".join(inputs) + ": the input holds no points")
+    # Frames without normals: estimated as the program does before anything else, where the scanner's position
+    # is known; orienting them over the neighbour graph of the whole scan is not done tile by tile.
+    unfaced = [u[1] for u, m in zip(scan_units, measured)
+               if any(not n and not s for n, s in zip(m["normals"], m["sensors"]))]
+    if unfaced and sensor is None:
+        names = ", ".join(unfaced[:3]) + (f" and {len(unfaced) - 3} more" if len(unfaced) > 3 else "")
+        raise RefusedError(f"{names}: points without normals and no scanner position (their normals would be "
+                           "oriented over the neighbour graph of the whole scan, which a distributed run does "
+                           "not do): give where the scanner stood (--sensor X,Y,Z, sensor=(x, y, z), in the "
+                           "input's unit) or files with normals")
+    normals_dir, normals = "", None
+    if any(not all(m["normals"]) for m in measured):
+        normals_dir = (tempfile.mkdtemp(prefix="tessaline-normals-") if work_dir is None else
+                       os.path.join(os.fspath(work_dir), f"normals-{token}"))
+        os.makedirs(normals_dir, exist_ok=True)
+        try:
+            normals = _estimate_normals(client, scan_units, settings, measured, sensor, normals_dir, token)
+            settings.normals_dir = normals_dir
+            if resolution == "auto":  # the usable points by code, with the normals made
+                futures = client.map(_measure, scan_units, settings=settings,
+                                     key=[f"remeasure-{i}-{token}" for i in range(len(scan_units))])
+                measured = client.gather(futures)
+        except BaseException:
+            shutil.rmtree(normals_dir, ignore_errors=True)
+            raise
     codes, spacing = None, None
     if resolution == "auto":
         resolution, codes, spacing = _choose_auto(client, scan_units, settings, measured, token)
@@ -298,7 +458,7 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
                 run_origin=run_origin, frame_counts=[len(c) for c in counts], left_out=left_out,
                 coloured=[u for u, m in enumerate(measured) if any(m["colours"])], markers_file=markers_file,
                 min_piece=int(min_piece), fill_holes=int(fill_holes), points=points, codes=codes,
-                spacing=spacing)
+                spacing=spacing, normals_dir=normals_dir, normals=normals)
     tile_blocks = int(tile_blocks)
     for index, start in enumerate(range(0, len(candidates), tile_blocks)):
         blocks = candidates[start:start + tile_blocks].astype(np.int32)
@@ -314,8 +474,9 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
     return plan
 
 
-def run_plan(client, plan, output, parts_dir=None):
-    """Runs the tiles of `plan` and the merge; writes `output`. Returns the mesh's figures (a dict)."""
+def run_plan(client, plan, output, parts_dir=None, before_merge=None):
+    """Runs the tiles of `plan` and the merge; writes `output`. Returns the mesh's figures (a dict).
+    `before_merge`: called once the tiles are done (a benchmark reads the workers' memory there)."""
     output = os.fspath(output)
     own_dir = parts_dir is None
     folder = tempfile.mkdtemp(prefix="tessaline-parts-") if own_dir else os.fspath(parts_dir)
@@ -330,6 +491,8 @@ def run_plan(client, plan, output, parts_dir=None):
         except BaseException:
             client.cancel(futures)  # the other tiles stop writing into a folder about to go
             raise
+        if before_merge is not None:
+            before_merge()
         keys = sorted(tuple(key) for tile in written for key, _ in tile)
         parts = [os.path.join(folder, _tools.part_name(*key)) for key in keys]
         result = client.submit(_merge, plan, parts, output, key=f"merge-{token}").result()
@@ -345,14 +508,15 @@ def run_plan(client, plan, output, parts_dir=None):
 
 
 def reconstruct(inputs, client=None, resolution="auto", tile_blocks=8, units="mm", output=None, scale_code=None,
-                markers=None, min_piece=0, fill_holes=0, parts_dir=None):
+                markers=None, min_piece=0, fill_holes=0, parts_dir=None, sensor=None):
     """Meshes `inputs` (the program's formats: files or folders of frames, .conf scan lists) on the Dask
     cluster of `client` (the current client, or a local cluster for the call, when None) and writes
     `output` (.ply, .obj or .stl): the mesh of `tessaline reconstruct INPUTS --resolution MM -o OUTPUT`,
     byte for byte. `tile_blocks` blocks of the engine's grid make one task; `parts_dir` is the folder the
     workers share for the parts (a temporary folder by default, which suits a cluster on one machine).
     `markers`: a file of optimized markers, 'none', or None for optimized-markers.txt beside the inputs.
-    Returns the mesh's figures (triangles, vertices, tiles, ...). Raises RefusedError for what cannot be
+    `sensor`: where the scanner stood (x, y, z in the input's unit, or "X,Y,Z"), for points without normals
+    whose files do not say. Returns the mesh's figures (triangles, vertices, tiles, ...). Raises RefusedError for what cannot be
     made the same as the program's yet, TileError naming the tile and its files when a tile fails."""
     if output is None:
         raise ValueError("no output given (output='mesh.ply')")
@@ -368,11 +532,19 @@ def reconstruct(inputs, client=None, resolution="auto", tile_blocks=8, units="mm
         except ValueError:
             own = distributed.Client(distributed.LocalCluster(processes=True))
             client = own
+    plan = None
     try:
         plan = make_plan(client, inputs, resolution, tile_blocks=tile_blocks, units=units, scale_code=scale_code,
-                         markers=markers, output=output, min_piece=min_piece, fill_holes=fill_holes)
-        return run_plan(client, plan, output, parts_dir=parts_dir)
+                         markers=markers, output=output, min_piece=min_piece, fill_holes=fill_holes, sensor=sensor,
+                         work_dir=parts_dir)
+        result = run_plan(client, plan, output, parts_dir=parts_dir)
+        if plan.normals:
+            result = dict(result, normals_estimated=plan.normals["estimated"],
+                          normals_toward_sensor=plan.normals["toward_sensor"])
+        return result
     finally:
+        if plan is not None and plan.normals_dir:
+            shutil.rmtree(plan.normals_dir, ignore_errors=True)
         if own is not None:
             cluster = own.cluster
             own.close()
@@ -398,6 +570,8 @@ def main(argv=None):
     parser.add_argument("--min-piece", type=int, default=0, help="remove pieces of fewer triangles (0: keep all)")
     parser.add_argument("--fill-holes", type=int, default=0, help="close holes of at most this many edges")
     parser.add_argument("--tile-blocks", type=int, default=8, help="blocks of the grid a task meshes (default 8)")
+    parser.add_argument("--sensor", help="X,Y,Z: where the scanner stood, in the input's unit, for points without "
+                        "normals whose files do not say")
     parser.add_argument("--parts-dir", help="a folder every worker shares for the mesh parts (default: temporary)")
     args = parser.parse_args(argv)
 
@@ -416,7 +590,7 @@ def main(argv=None):
             result = reconstruct(args.inputs, client, resolution=args.resolution, tile_blocks=args.tile_blocks,
                                  units=args.units, output=args.output, scale_code=args.scale_code,
                                  markers=args.markers, min_piece=args.min_piece, fill_holes=args.fill_holes,
-                                 parts_dir=args.parts_dir)
+                                 parts_dir=args.parts_dir, sensor=args.sensor)
     except (RefusedError, TileError, ValueError, RuntimeError, OSError) as failure:
         print(f"tessaline.distributed: {failure}", file=sys.stderr)
         return 1
