@@ -118,7 +118,7 @@ private:
     // Spreads the bins' wished scale codes and keeps neighbours within a factor of two, in place.
     int rectifyBinLevels(std::vector<BinsHeader>& bins_header);
     // The cells of a block's bins with their relation lists, flattened.
-    class CellBuild;  // its steps and their shared state (MarchingCubes_Cells.cpp)
+    class CellBuild;  // its steps and their shared state (CellBuild.cpp)
     int buildOctreeAndRelations(const PointCloudBlock& block, const std::vector<BinsHeader>& bins_header,
                                 std::shared_ptr<CellNodeAndRelations>& cell_node_and_relations);
     // Index of the bin with this grid key, or -1.
