@@ -8,7 +8,8 @@ KxL`). The distributed run uses a LocalCluster of worker processes, one thread e
 a worker's peak is its process's resident high-water mark (VmHWM of /proc/self/status, as ru_maxrss), read
 inside each worker (the processes live for the whole run): once the tiles are done, then the mark is reset
 (`5` written to /proc/self/clear_refs) and read again after the merge, a task on one of them: that worker's
-second mark is the merge's peak.
+second mark is the merge's peak. The client's peak over the plan (its mark reset before it; the scheduler
+runs in the client's process) is read the same way.
 """
 import argparse
 import json
@@ -69,9 +70,11 @@ def distributed_run(folder, output, resolution, workers, memory_limit, tile_bloc
                                        memory_limit=memory_limit, dashboard_address=None)
     client = distributed.Client(cluster)
     try:
+        reset_peak()
         start = time.monotonic()
         plan = td.make_plan(client, [folder], resolution, tile_blocks=tile_blocks, output=str(output))
         planned = time.monotonic() - start
+        client_peak = peak_mib()
         tiles = {}
 
         def before_merge():
@@ -87,7 +90,8 @@ def distributed_run(folder, output, resolution, workers, memory_limit, tile_bloc
     return {"wall_s": round(wall, 1), "plan_s": round(planned, 1), "tiles": result["tiles"],
             "triangles": result["triangles"], "resolution": result["resolution"],
             "worker_peak_mib": sorted(round(v) for v in tiles.values()),
-            "merge_peak_mib": round(max(merge.values()))}
+            "merge_peak_mib": round(max(merge.values())), "client_plan_peak_mib": round(client_peak),
+            "spacing": {k: v for k, v in (plan.spacing or {}).items() if k in ("tasks", "asked", "measured")}}
 
 
 def main():

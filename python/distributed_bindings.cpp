@@ -223,44 +223,59 @@ std::vector<Vec3f> pointsOf(const py::array_t<float, py::array::c_style | py::ar
     return points;
 }
 
-// Resolution auto, the samples of one unit: the grid's (every `grid_step`-th point of all the run's points,
-// where usable) and the measured points (every `stride`-th usable point); `seen_first` and `usable_first`
-// are the places of the unit's first point among them.
-std::pair<py::array_t<float>, py::array_t<float>> spacingSamplesUnit(const UnitTuple& unit, float to_mm, int scale_code,
-                                                                     bool explicit_code, const Origin& origin,
-                                                                     const std::string& normals_dir,
-                                                                     std::uint64_t seen_first,
-                                                                     std::uint64_t usable_first,
-                                                                     std::uint64_t grid_step, std::uint64_t stride) {
+// Resolution auto, the samples of a batch of units (in the run's order): the grid's (every `grid_step`-th
+// point of all the run's points, where usable) and the measured points (every `stride`-th usable point);
+// `seen_first` and `usable_first` are the places of the first unit's first point among them. With the
+// samples, the k nearest squared distances of the batch's measured points among the usable points of the
+// batch's own units: a first answer, whose k-th bounds how far the rest of the scan needs searching.
+std::tuple<py::array_t<float>, py::array_t<float>, py::array_t<float>> spacingSamplesUnits(
+    const std::vector<UnitTuple>& units, float to_mm, int scale_code, bool explicit_code, const Origin& origin,
+    const std::string& normals_dir, std::uint64_t seen_first, std::uint64_t usable_first, std::uint64_t grid_step,
+    std::uint64_t stride, std::size_t k) {
     std::vector<Vec3f> grid_sample, measured;
+    std::vector<float> squared;
+    int status = 0;
     {
         py::gil_scoped_release release;
-        const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
-        for (const auto& frame : scan.frames) {
-            std::size_t coded[7];
-            const std::size_t seen = spacingPointsOf(*frame, coded);
-            spacingSamplesOf(*frame, seen_first, usable_first, grid_step, stride, grid_sample, measured);
-            seen_first += seen;
-            for (const std::size_t c : coded) usable_first += c;
+        std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+        const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, origin, normals_dir);
+        for (const UnitTuple& unit : units) {
+            tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
+            for (const auto& frame : scan.frames) {
+                std::size_t coded[7];
+                const std::size_t seen = spacingPointsOf(*frame, coded);
+                spacingSamplesOf(*frame, seen_first, usable_first, grid_step, stride, grid_sample, measured);
+                seen_first += seen;
+                for (const std::size_t c : coded) usable_first += c;
+                frames.push_back(frame);
+            }
         }
+        if (k > 0) status = nearestSquaredDistances(frames, measured, k, squared);
     }
-    return {pointArray(grid_sample), pointArray(measured)};
+    if (status != 0)
+        throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
+    py::array_t<float> out({static_cast<py::ssize_t>(measured.size()), static_cast<py::ssize_t>(k)});
+    std::copy(squared.begin(), squared.end(), out.mutable_data());
+    return {pointArray(grid_sample), pointArray(measured), out};
 }
 
-// Resolution auto: the k nearest squared distances of each measured point among the usable points of one
-// unit (the plan keeps the k smallest over all units).
-py::array_t<float> nearestUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
-                               const Origin& origin, const std::string& normals_dir,
-                               py::array_t<float, py::array::c_style | py::array::forcecast> q, std::size_t k) {
+// Resolution auto: the k nearest squared distances of each query among the usable points of a batch of
+// units (the plan keeps the k smallest over all batches).
+py::array_t<float> nearestUnits(const std::vector<UnitTuple>& units, float to_mm, int scale_code, bool explicit_code,
+                                const Origin& origin, const std::string& normals_dir,
+                                py::array_t<float, py::array::c_style | py::array::forcecast> q, std::size_t k) {
     const std::vector<Vec3f> queries = pointsOf(q);
     std::vector<float> squared;
     int status = 0;
     {
         py::gil_scoped_release release;
-        const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
-        status = nearestSquaredDistances(scan.frames, queries, k, squared);
+        std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+        const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, origin, normals_dir);
+        for (const UnitTuple& unit : units) {
+            const tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
+            frames.insert(frames.end(), scan.frames.begin(), scan.frames.end());
+        }
+        status = nearestSquaredDistances(frames, queries, k, squared);
     }
     if (status != 0)
         throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
@@ -730,19 +745,23 @@ py::array_t<float> normalPickUnit(const UnitTuple& unit, float to_mm, int scale_
     return pointArray(picked);
 }
 
-// For each query, the `count` smallest squared distances to the unit's finite points in the cells that the
-// reach's search looks at.
-py::array_t<float> normalReachUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
-                                   const Origin& origin,
-                                   py::array_t<float, py::array::c_style | py::array::forcecast> q,
-                                   const Origin& grid_origin, double edge, int count) {
+// For each query, the `count` smallest squared distances to the finite points of a batch of units in the
+// cells that the reach's search looks at.
+py::array_t<float> normalReachUnits(const std::vector<UnitTuple>& units, float to_mm, int scale_code,
+                                    bool explicit_code, const Origin& origin,
+                                    py::array_t<float, py::array::c_style | py::array::forcecast> q,
+                                    const Origin& grid_origin, double edge, int count) {
     const std::vector<Vec3f> queries = pointsOf(q);
     std::vector<float> squared;
     int status = 0;
     {
         py::gil_scoped_release release;
-        const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
-        status = normalReachDistances(finitePoints(scan), queries, grid_origin, edge, count, squared);
+        std::vector<Vec3f> points;
+        for (const UnitTuple& unit : units) {
+            const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
+            forFinite(scan, [&](const Vec3f& p, std::uint64_t) { points.push_back(p); });
+        }
+        status = normalReachDistances(points, queries, grid_origin, edge, count, squared);
     }
     if (status != 0)
         throw std::runtime_error("measuring the normals' reach failed with status " + std::to_string(status));
@@ -924,10 +943,10 @@ void bindTools(py::module_& core) {
           py::arg("explicit_code"), py::arg("geo_origin"), py::arg("normals_dir"), py::arg("resolution"),
           py::arg("run_origin"), py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"),
           py::arg("codes") = py::none());
-    m.def("spacing_samples_unit", &spacingSamplesUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+    m.def("spacing_samples_units", &spacingSamplesUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("seen_first"),
-          py::arg("usable_first"), py::arg("grid_step"), py::arg("stride"));
-    m.def("nearest_unit", &nearestUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("usable_first"), py::arg("grid_step"), py::arg("stride"), py::arg("k"));
+    m.def("nearest_units", &nearestUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("queries"), py::arg("k"));
     m.def("normal_neighbours", [] { return NormalOptions().neighbours; });
     m.def("normal_guess_step", &normalGuessStep, py::arg("finite_points"));
@@ -957,7 +976,7 @@ void bindTools(py::module_& core) {
     m.def("normal_pick_unit", &normalPickUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("grid_origin"), py::arg("edge"), py::arg("codes"),
           py::arg("ordinals"));
-    m.def("normal_reach_unit", &normalReachUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+    m.def("normal_reach_units", &normalReachUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("queries"), py::arg("grid_origin"), py::arg("edge"),
           py::arg("count"));
     m.def("make_normals_unit", &makeNormalsUnit, py::arg("units"), py::arg("target"), py::arg("to_mm"),
