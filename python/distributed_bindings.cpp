@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "MeshIO.h"
+#include "PlyReader.h"
 #include "PointCloudIO.h"
 #include "ScanFiles.h"
 #include "ScanFormats.h"
@@ -134,6 +135,88 @@ tessaline_tools::ScanInput readUnit(const ScanUnit& unit, const ReadSettings& se
 }
 
 bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
+
+// Puts the estimated normals of a one-frame unit read in part (`kept`: the places of the points kept among
+// the `seen` points its reader keeps) into its frame, the file read a piece at a time.
+void readNormalsAt(const ScanUnit& unit, const std::string& folder, const std::vector<std::size_t>& kept,
+                   std::size_t seen, tessaline_tools::ScanInput& scan) {
+    const std::string path = normalsPath(unit, folder);
+    std::ifstream in(path, std::ios::binary);
+    char magic[8];
+    std::uint64_t frames = 0, n = 0;
+    in.read(magic, 8);
+    in.read(reinterpret_cast<char*>(&frames), sizeof(frames));
+    in.read(reinterpret_cast<char*>(&n), sizeof(n));
+    if (!in || std::string(magic, 8) != std::string(NORMALS_MAGIC, 8) || frames != 1 || n != seen)
+        throw std::runtime_error(path + ": not the estimated normals of " + unit.path);
+    FrameDataWithInfo& frame = *scan.frames[0];
+    std::vector<Vec3f> piece(std::size_t(1) << 16);
+    std::size_t first = 0, filled = 0;  // the places [first, first + filled) in `piece`
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        while (kept[i] >= first + filled) {
+            first += filled;
+            filled = std::min<std::size_t>(piece.size(), seen - first);
+            in.read(reinterpret_cast<char*>(piece.data()), static_cast<std::streamsize>(filled * 12));
+            if (!in) throw std::runtime_error(path + ": cut short");
+        }
+        frame.nor[i] = piece[kept[i] - first];
+    }
+    scan.extras[0].normals = true;
+}
+
+// The frames of one unit with only the points `within` takes (finite ones, in the run's coordinates), as
+// readUnit has them and cut to those. A PLY file is read a piece at a time, so that one larger than a
+// worker's memory can feed a task; the other formats (and .conf scan lists) are read whole, then cut.
+template <class Within>
+tessaline_tools::ScanInput readUnitWithin(const ScanUnit& unit, const ReadSettings& settings, Within within) {
+    if (unit.range_set || tessaline_tools::scanFormatOf(unit.path) != tessaline_tools::ScanFormat::Ply) {
+        tessaline_tools::ScanInput scan = readUnit(unit, settings);
+        for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+            FrameDataWithInfo& frame = *scan.frames[f];
+            auto& colours = scan.extras[f].colours;
+            const bool coloured = colours.size() == frame.xyz.size();
+            std::size_t kept = 0;
+            for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
+                if (!finite(frame.xyz[i]) || !within(frame.xyz[i])) continue;
+                frame.xyz[kept] = frame.xyz[i];
+                frame.nor[kept] = frame.nor[i];
+                frame.w[kept] = frame.w[i];
+                if (coloured) colours[kept] = colours[i];
+                ++kept;
+            }
+            frame.xyz.resize(kept);
+            frame.nor.resize(kept);
+            frame.w.resize(kept);
+            if (coloured) colours.resize(kept);
+        }
+        return scan;
+    }
+    tessaline_tools::refuseIrregularFile(unit.path);
+    const Origin& o = settings.origin;
+    const bool shifted = o[0] != 0.0 || o[1] != 0.0 || o[2] != 0.0;
+    std::vector<std::size_t> kept;
+    std::size_t seen = 0;
+    tessaline_tools::PointCloudReadInfo info;
+    tessaline_tools::FrameExtras extras;
+    auto frame = tessaline_tools::readPlyPointCloudWithin(
+        unit.path, settings.to_mm, settings.scale_code, info, &extras, [&](Vec3f& p, std::size_t index) {
+            ++seen;
+            if (shifted)  // as the reader takes the run's origin off
+                for (int k = 0; k < 3; ++k) p[k] = static_cast<float>(static_cast<double>(p[k]) - o[k]);
+            if (!finite(p) || !within(p)) return false;
+            kept.push_back(index);
+            return true;
+        });
+    if (shifted)
+        for (int k = 0; k < 3; ++k) extras.sensor_position[k] -= o[k];
+    if (settings.explicit_code)
+        for (auto& w : frame->w) w = (w & ~0xFF) | settings.scale_code;
+    tessaline_tools::ScanInput scan;
+    scan.add(std::move(frame), std::move(extras));
+    if (!settings.normals_dir.empty() && scan.missingNormals())
+        readNormalsAt(unit, settings.normals_dir, kept, seen, scan);
+    return scan;
+}
 
 // The first pass: what the plan needs of each frame of a unit. Its point count (all points, as the engine
 // counts them for its origin's sample), the box of its finite points, whether it came with normals and
@@ -591,7 +674,8 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     std::vector<bool> taking_part;
     const float keep_within = automatic ? reach + margin : reach;
     for (std::size_t u = 0; u < units.size() && status == 0; ++u) {
-        tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
+        tessaline_tools::ScanInput scan =
+            readUnitWithin(unitOf(units[u]), settings, [&](const Vec3f& p) { return reaches(p, keep_within); });
         const std::vector<std::size_t>& left_out = skip[u];
         for (std::size_t f = 0; f < scan.frames.size(); ++f) {
             const bool takes_part = std::find(left_out.begin(), left_out.end(), f) == left_out.end();
@@ -806,7 +890,12 @@ std::pair<std::size_t, std::size_t> makeNormalsUnit(const std::vector<UnitTuple>
             }
             continue;
         }
-        const tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
+        const auto inside_box = [&](const Vec3f& p) {
+            for (int k = 0; k < 3; ++k)
+                if (!(p[k] >= lo[static_cast<std::size_t>(k)] && p[k] <= hi[static_cast<std::size_t>(k)])) return false;
+            return true;
+        };
+        const tessaline_tools::ScanInput scan = readUnitWithin(unitOf(units[u]), settings, inside_box);
         auto near = std::make_shared<FrameDataWithInfo>();
         for (const auto& frame : scan.frames)
             for (const Vec3f& p : frame->xyz) {
@@ -1036,4 +1125,26 @@ void bindTools(py::module_& core) {
         },
         py::arg("path"), py::arg("to_mm") = 1.0f,
         "The frames of one point file as the program reads it: [{'points', 'normals' (None without)}].");
+    m.def(
+        "read_points_within",
+        [](const std::string& path, float to_mm, const Origin& lo, const Origin& hi) {
+            std::vector<Vec3f> points, normals;
+            {
+                py::gil_scoped_release release;
+                const auto scan =
+                    readUnitWithin(ScanUnit{0, path, false}, readSettings(to_mm, 8, false, Origin{0.0, 0.0, 0.0}, ""),
+                                   [&](const Vec3f& p) {
+                                       for (std::size_t k = 0; k < 3; ++k)
+                                           if (!(p[k] >= lo[k] && p[k] <= hi[k])) return false;
+                                       return true;
+                                   });
+                for (const auto& frame : scan.frames) {
+                    points.insert(points.end(), frame->xyz.begin(), frame->xyz.end());
+                    normals.insert(normals.end(), frame->nor.begin(), frame->nor.end());
+                }
+            }
+            return std::make_pair(pointArray(points), pointArray(normals));
+        },
+        py::arg("path"), py::arg("to_mm"), py::arg("lo"), py::arg("hi"),
+        "The points (and normals) of one point file within the box [lo, hi], as a tile reads them.");
 }

@@ -369,3 +369,30 @@ def test_the_smallest_kept_do_not_depend_on_the_answers_order():
         every = sorted(float(x) for p, s in answers for row, values in zip(p, s) if row == q for x in values)
         assert kept[0][q].tolist() == (every + [np.inf] * 4)[:4]
     assert (kept[0] == kept[1]).all()
+
+
+# A tile reads a PLY file a piece (16 MiB) at a time, keeping the points within its region: the files here
+# take two pieces or more, with points the reader leaves out (a NaN, a zero normal) on the way. What it keeps
+# is what the program reads, cut to the box, in order.
+@pytest.mark.parametrize("body", ["binary", "ascii"])
+def test_a_tile_reads_a_large_ply_in_pieces_as_the_program_reads_it(tmp_path, body):
+    rng = np.random.default_rng(11)
+    n = 800_000 if body == "binary" else 450_000
+    points = rng.uniform(-50.0, 50.0, (n, 3)).round(3)
+    normals = np.tile([0.0, 0.6, 0.8], (n, 1))
+    points[::1001, 1] = np.nan
+    normals[::777] = 0.0
+    path = tmp_path / "large.ply"
+    write_ply(path, points, normals)
+    if body == "ascii":
+        header = path.read_bytes().split(b"end_header\n")[0].replace(b"binary_little_endian", b"ascii")
+        with open(path, "wb") as f:
+            f.write(header + b"end_header\n")
+            np.savetxt(f, np.hstack([points, normals]), fmt="%.3f")
+    assert path.stat().st_size > 17 << 20
+    whole = tessaline._core.tools.read_points(str(path))[0]
+    for lo, hi in [((-10.0, -50.0, 0.0), (30.0, 5.0, 50.0)), ((-60.0,) * 3, (60.0,) * 3)]:
+        inside = ((whole["points"] >= lo) & (whole["points"] <= hi)).all(axis=1)
+        kept, kept_normals = tessaline._core.tools.read_points_within(str(path), 1.0, lo, hi)
+        assert 0 < len(kept) < n
+        assert (kept == whole["points"][inside]).all() and (kept_normals == whole["normals"][inside]).all()
