@@ -396,3 +396,18 @@ def test_a_tile_reads_a_large_ply_in_pieces_as_the_program_reads_it(tmp_path, bo
         kept, kept_normals = tessaline._core.tools.read_points_within(str(path), 1.0, lo, hi)
         assert 0 < len(kept) < n
         assert (kept == whole["points"][inside]).all() and (kept_normals == whole["normals"][inside]).all()
+
+
+def test_the_units_of_a_tile_are_those_whose_frames_reach_a_block_it_computes():
+    rng = np.random.default_rng(5)
+    tiles = [rng.integers(-4, 5, (rng.integers(1, 6), 3)).astype(np.int32) for _ in range(15)]
+    lo = rng.integers(-6, 6, (80, 3))
+    ranges = np.hstack([lo, lo + rng.integers(-1, 3, (80, 3))]).astype(np.int32)  # some empty
+    unit_of_frame = np.sort(rng.integers(0, 30, 80))
+    expected = []
+    for blocks in tiles:  # each block and its 7 neighbours on the high side, against each frame's range
+        computed = {(x + dx, y + dy, z + dz) for x, y, z in blocks.tolist()
+                    for dx in (0, 1) for dy in (0, 1) for dz in (0, 1)}
+        expected.append(sorted({int(unit_of_frame[f]) for f in range(80) for c in computed
+                                if all(ranges[f, a] <= c[a] <= ranges[f, 3 + a] for a in range(3))}))
+    assert td._tile_units(tiles, ranges, unit_of_frame) == expected

@@ -458,22 +458,39 @@ def _describe_blocks(blocks):
     return f"{len(blocks)} block{'s' if len(blocks) != 1 else ''} {first}" + (f" to {last}" if len(blocks) > 1 else "")
 
 
-def _run_tile(plan, tile, folder):
-    units = [plan.units[u] for u in tile.units]
-    skip = [plan.left_out[u] for u in tile.units]
+@dataclass
+class TileJob:
+    """What a tile's task needs of the plan (the plan itself holds every unit: megabytes a task)."""
+
+    tile: Tile
+    units: list
+    skip: list
+    read_args: tuple
+    resolution: float
+    run_origin: tuple
+    block_size: int
+    codes: tuple
+
+
+def _tile_job(plan, tile):
+    return TileJob(tile=tile, units=[plan.units[u] for u in tile.units], skip=[plan.left_out[u] for u in tile.units],
+                   read_args=plan.settings.read_args(), resolution=plan.resolution, run_origin=plan.run_origin,
+                   block_size=plan.block_size, codes=plan.codes)
+
+
+def _run_tile(job, folder):
+    tile = job.tile
     try:
-        return _tools.run_tile(units, skip, *plan.settings.read_args(), plan.resolution, plan.run_origin,
-                               plan.block_size, tile.blocks, REACH_RESOLUTIONS * plan.resolution, folder, plan.codes)
+        return _tools.run_tile(job.units, job.skip, *job.read_args, job.resolution, job.run_origin, job.block_size,
+                               tile.blocks, REACH_RESOLUTIONS * job.resolution, folder, job.codes)
     except Exception as failure:
-        files = ", ".join(plan.files_of(tile)) or "none"
+        files = ", ".join(u[1] for u in job.units) or "none"
         raise TileError(f"tile {tile.index} ({_describe_blocks(tile.blocks)}) failed: {failure}; its files: {files}") \
             from None
 
 
-def _merge(plan, parts, output):
-    coloured = [plan.units[u] for u in plan.coloured]
-    return _tools.merge_parts(parts, plan.resolution, plan.min_piece, plan.fill_holes, coloured,
-                              *plan.settings.read_args(), output)
+def _merge(coloured, read_args, resolution, min_piece, fill_holes, parts, output):
+    return _tools.merge_parts(parts, resolution, min_piece, fill_holes, coloured, *read_args, output)
 
 
 def _parse_resolution(resolution):
@@ -616,18 +633,40 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
                 min_piece=int(min_piece), fill_holes=int(fill_holes), points=points, codes=codes,
                 spacing=spacing, normals_dir=normals_dir, normals=normals)
     tile_blocks = int(tile_blocks)
-    for index, start in enumerate(range(0, len(candidates), tile_blocks)):
-        blocks = candidates[start:start + tile_blocks].astype(np.int32)
-        # The blocks the tile's run computes: its own and their neighbours on the high side.
-        steps = np.array([(d & 1, (d >> 1) & 1, (d >> 2) & 1) for d in range(8)], dtype=np.int32)
-        computed = np.unique((blocks[:, None, :] + steps[None, :, :]).reshape(-1, 3), axis=0)
-        meets = np.zeros(len(ranges), dtype=bool)
-        for chunk in range(0, len(computed), 256):
-            c = computed[chunk:chunk + 256]
-            inside = (c[None, :, :] >= ranges[:, None, :3]) & (c[None, :, :] <= ranges[:, None, 3:])
-            meets |= inside.all(axis=2).any(axis=1)
-        plan.tiles.append(Tile(index=index, blocks=blocks, units=sorted(set(unit_of_frame[meets].tolist()))))
+    tiles = [candidates[start:start + tile_blocks].astype(np.int32) for start in range(0, len(candidates), tile_blocks)]
+    units_of = _tile_units(tiles, ranges, unit_of_frame)
+    for index, blocks in enumerate(tiles):
+        plan.tiles.append(Tile(index=index, blocks=blocks, units=units_of[index]))
     return plan
+
+
+def _tile_units(tiles, ranges, unit_of_frame):
+    """For each tile (its blocks), the units (ascending) of the frames whose block range (`ranges`: lowest x,
+    y, z then highest) holds a block its run computes: its own and their neighbours on the high side. The
+    computed blocks of all tiles sorted on x, each frame looks only at those within its range on x."""
+    steps = np.array([(d & 1, (d >> 1) & 1, (d >> 2) & 1) for d in range(8)], dtype=np.int32)
+    computed = [np.unique((blocks[:, None, :] + steps[None, :, :]).reshape(-1, 3), axis=0) for blocks in tiles]
+    if not computed:
+        return []
+    keys = np.concatenate(computed)
+    tile_of = np.repeat(np.arange(len(tiles)), [len(c) for c in computed])
+    order = np.argsort(keys[:, 0], kind="stable")
+    keys, tile_of = keys[order], tile_of[order]
+    firsts = np.searchsorted(keys[:, 0], ranges[:, 0], side="left")
+    lasts = np.searchsorted(keys[:, 0], ranges[:, 3], side="right")
+    base = int(unit_of_frame.max()) + 1 if len(unit_of_frame) else 1
+    pairs = []
+    for f in np.nonzero(lasts > firsts)[0]:
+        k = keys[firsts[f]:lasts[f]]
+        r = ranges[f]
+        inside = (k[:, 1] >= r[1]) & (k[:, 1] <= r[4]) & (k[:, 2] >= r[2]) & (k[:, 2] <= r[5])
+        if inside.any():
+            pairs.append(np.unique(tile_of[firsts[f]:lasts[f]][inside]) * base + unit_of_frame[f])
+    units = [[] for _ in tiles]
+    if pairs:
+        for pair in np.unique(np.concatenate(pairs)).tolist():  # by tile, then unit
+            units[pair // base].append(pair % base)
+    return units
 
 
 def run_plan(client, plan, output, parts_dir=None, before_merge=None):
@@ -640,7 +679,7 @@ def run_plan(client, plan, output, parts_dir=None, before_merge=None):
     # Names this run's tasks: a key that a former run's task still holds on the cluster would be taken as done.
     token = uuid.uuid4().hex[:12]
     try:
-        futures = [client.submit(_run_tile, plan, tile, folder, key=f"tile-{tile.index}-{token}")
+        futures = [client.submit(_run_tile, _tile_job(plan, tile), folder, key=f"tile-{tile.index}-{token}")
                    for tile in plan.tiles]
         try:
             written = client.gather(futures)
@@ -651,7 +690,9 @@ def run_plan(client, plan, output, parts_dir=None, before_merge=None):
             before_merge()
         keys = sorted(tuple(key) for tile in written for key, _ in tile)
         parts = [os.path.join(folder, _tools.part_name(*key)) for key in keys]
-        result = client.submit(_merge, plan, parts, output, key=f"merge-{token}").result()
+        result = client.submit(_merge, [plan.units[u] for u in plan.coloured], plan.settings.read_args(),
+                               plan.resolution, plan.min_piece, plan.fill_holes, parts, output,
+                               key=f"merge-{token}").result()
         result = dict(result, tiles=len(plan.tiles), parts=len(parts), points=plan.points,
                       run_origin=plan.run_origin, block_size=plan.block_size, resolution=plan.resolution)
         if result["triangles"] == 0:
