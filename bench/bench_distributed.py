@@ -8,7 +8,8 @@ KxL`). The distributed run uses a LocalCluster of worker processes, one thread e
 a worker's peak is its process's resident high-water mark (VmHWM of /proc/self/status, as ru_maxrss), read
 inside each worker (the processes live for the whole run): once the tiles are done, then the mark is reset
 (`5` written to /proc/self/clear_refs) and read again after the merge, a task on one of them: that worker's
-second mark is the merge's peak.
+second mark is the merge's peak. The client's peak over the plan (its mark reset before it; the scheduler
+runs in the client's process) is read the same way.
 """
 import argparse
 import json
@@ -35,12 +36,14 @@ def reset_peak():
 
 
 def simulate(cli, folder, points, parts):
+    """Simulates the scan into `folder` unless it exists; says whether it did."""
     if folder.exists():
-        return
+        return False
     folder.parent.mkdir(parents=True, exist_ok=True)
     start = time.monotonic()
     subprocess.run([cli, "simulate", "-o", str(folder), "--points", str(points), "--parts", parts], check=True)
     print(f"simulated {folder} in {time.monotonic() - start:.0f} s", file=sys.stderr)
+    return True
 
 
 def program_run(cli, folder, output, resolution, threads):
@@ -69,9 +72,11 @@ def distributed_run(folder, output, resolution, workers, memory_limit, tile_bloc
                                        memory_limit=memory_limit, dashboard_address=None)
     client = distributed.Client(cluster)
     try:
+        reset_peak()
         start = time.monotonic()
         plan = td.make_plan(client, [folder], resolution, tile_blocks=tile_blocks, output=str(output))
         planned = time.monotonic() - start
+        client_peak = peak_mib()
         tiles = {}
 
         def before_merge():
@@ -84,10 +89,11 @@ def distributed_run(folder, output, resolution, workers, memory_limit, tile_bloc
     finally:
         client.close()
         cluster.close()
-    return {"wall_s": round(wall, 1), "plan_s": round(planned, 1), "tiles": result["tiles"],
+    return {"wall_s": round(wall, 1), "plan_s": round(planned, 1), "points": result["points"], "tiles": result["tiles"],
             "triangles": result["triangles"], "resolution": result["resolution"],
             "worker_peak_mib": sorted(round(v) for v in tiles.values()),
-            "merge_peak_mib": round(max(merge.values()))}
+            "merge_peak_mib": round(max(merge.values())), "client_plan_peak_mib": round(client_peak),
+            "spacing": {k: v for k, v in (plan.spacing or {}).items() if k in ("tasks", "asked", "measured")}}
 
 
 def main():
@@ -107,14 +113,17 @@ def main():
 
     cli = os.path.abspath(args.cli)
     folder = pathlib.Path(args.scan)
-    simulate(cli, folder, args.points, args.parts)
+    made = simulate(cli, folder, args.points, args.parts)
     out = folder.parent / (folder.name + "-meshes")
     out.mkdir(exist_ok=True)
-    figures = {"scan": str(folder), "points": args.points, "parts": args.parts, "resolution": args.resolution,
+    # --points and --parts describe a scan simulated here; an existing one is measured as it is.
+    figures = {"scan": str(folder), "points": args.points if made else None, "parts": args.parts if made else None,
+               "resolution": args.resolution,
                "workers": args.workers, "memory_limit": args.memory_limit, "tile_blocks": args.tile_blocks,
                "cores": os.cpu_count()}
     figures["distributed"] = distributed_run(folder, out / "distributed.ply", args.resolution, args.workers,
                                              args.memory_limit, args.tile_blocks)
+    figures["points"] = figures["distributed"]["points"]
     print(json.dumps(figures["distributed"]), file=sys.stderr)
     if not args.no_program:
         figures["program"] = program_run(cli, folder, out / "program.ply", args.resolution, args.threads)

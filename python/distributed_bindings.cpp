@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "MeshIO.h"
+#include "PlyReader.h"
 #include "PointCloudIO.h"
 #include "ScanFiles.h"
 #include "ScanFormats.h"
@@ -135,6 +136,88 @@ tessaline_tools::ScanInput readUnit(const ScanUnit& unit, const ReadSettings& se
 
 bool finite(const Vec3f& p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
 
+// Puts the estimated normals of a one-frame unit read in part (`kept`: the places of the points kept among
+// the `seen` points its reader keeps) into its frame, the file read a piece at a time.
+void readNormalsAt(const ScanUnit& unit, const std::string& folder, const std::vector<std::size_t>& kept,
+                   std::size_t seen, tessaline_tools::ScanInput& scan) {
+    const std::string path = normalsPath(unit, folder);
+    std::ifstream in(path, std::ios::binary);
+    char magic[8];
+    std::uint64_t frames = 0, n = 0;
+    in.read(magic, 8);
+    in.read(reinterpret_cast<char*>(&frames), sizeof(frames));
+    in.read(reinterpret_cast<char*>(&n), sizeof(n));
+    if (!in || std::string(magic, 8) != std::string(NORMALS_MAGIC, 8) || frames != 1 || n != seen)
+        throw std::runtime_error(path + ": not the estimated normals of " + unit.path);
+    FrameDataWithInfo& frame = *scan.frames[0];
+    std::vector<Vec3f> piece(std::size_t(1) << 16);
+    std::size_t first = 0, filled = 0;  // the places [first, first + filled) in `piece`
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        while (kept[i] >= first + filled) {
+            first += filled;
+            filled = std::min<std::size_t>(piece.size(), seen - first);
+            in.read(reinterpret_cast<char*>(piece.data()), static_cast<std::streamsize>(filled * 12));
+            if (!in) throw std::runtime_error(path + ": cut short");
+        }
+        frame.nor[i] = piece[kept[i] - first];
+    }
+    scan.extras[0].normals = true;
+}
+
+// The frames of one unit with only the points `within` takes (finite ones, in the run's coordinates), as
+// readUnit has them and cut to those. A PLY file is read a piece at a time, so that one larger than a
+// worker's memory can feed a task; the other formats (and .conf scan lists) are read whole, then cut.
+template <class Within>
+tessaline_tools::ScanInput readUnitWithin(const ScanUnit& unit, const ReadSettings& settings, Within within) {
+    if (unit.range_set || tessaline_tools::scanFormatOf(unit.path) != tessaline_tools::ScanFormat::Ply) {
+        tessaline_tools::ScanInput scan = readUnit(unit, settings);
+        for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+            FrameDataWithInfo& frame = *scan.frames[f];
+            auto& colours = scan.extras[f].colours;
+            const bool coloured = colours.size() == frame.xyz.size();
+            std::size_t kept = 0;
+            for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
+                if (!finite(frame.xyz[i]) || !within(frame.xyz[i])) continue;
+                frame.xyz[kept] = frame.xyz[i];
+                frame.nor[kept] = frame.nor[i];
+                frame.w[kept] = frame.w[i];
+                if (coloured) colours[kept] = colours[i];
+                ++kept;
+            }
+            frame.xyz.resize(kept);
+            frame.nor.resize(kept);
+            frame.w.resize(kept);
+            if (coloured) colours.resize(kept);
+        }
+        return scan;
+    }
+    tessaline_tools::refuseIrregularFile(unit.path);
+    const Origin& o = settings.origin;
+    const bool shifted = o[0] != 0.0 || o[1] != 0.0 || o[2] != 0.0;
+    std::vector<std::size_t> kept;
+    std::size_t seen = 0;
+    tessaline_tools::PointCloudReadInfo info;
+    tessaline_tools::FrameExtras extras;
+    auto frame = tessaline_tools::readPlyPointCloudWithin(
+        unit.path, settings.to_mm, settings.scale_code, info, &extras, [&](Vec3f& p, std::size_t index) {
+            ++seen;
+            if (shifted)  // as the reader takes the run's origin off
+                for (int k = 0; k < 3; ++k) p[k] = static_cast<float>(static_cast<double>(p[k]) - o[k]);
+            if (!finite(p) || !within(p)) return false;
+            kept.push_back(index);
+            return true;
+        });
+    if (shifted)
+        for (int k = 0; k < 3; ++k) extras.sensor_position[k] -= o[k];
+    if (settings.explicit_code)
+        for (auto& w : frame->w) w = (w & ~0xFF) | settings.scale_code;
+    tessaline_tools::ScanInput scan;
+    scan.add(std::move(frame), std::move(extras));
+    if (!settings.normals_dir.empty() && scan.missingNormals())
+        readNormalsAt(unit, settings.normals_dir, kept, seen, scan);
+    return scan;
+}
+
 // The first pass: what the plan needs of each frame of a unit. Its point count (all points, as the engine
 // counts them for its origin's sample), the box of its finite points, whether it came with normals and
 // colours, its pose and its markers.
@@ -223,44 +306,59 @@ std::vector<Vec3f> pointsOf(const py::array_t<float, py::array::c_style | py::ar
     return points;
 }
 
-// Resolution auto, the samples of one unit: the grid's (every `grid_step`-th point of all the run's points,
-// where usable) and the measured points (every `stride`-th usable point); `seen_first` and `usable_first`
-// are the places of the unit's first point among them.
-std::pair<py::array_t<float>, py::array_t<float>> spacingSamplesUnit(const UnitTuple& unit, float to_mm, int scale_code,
-                                                                     bool explicit_code, const Origin& origin,
-                                                                     const std::string& normals_dir,
-                                                                     std::uint64_t seen_first,
-                                                                     std::uint64_t usable_first,
-                                                                     std::uint64_t grid_step, std::uint64_t stride) {
+// Resolution auto, the samples of a batch of units (in the run's order): the grid's (every `grid_step`-th
+// point of all the run's points, where usable) and the measured points (every `stride`-th usable point);
+// `seen_first` and `usable_first` are the places of the first unit's first point among them. With the
+// samples, the k nearest squared distances of the batch's measured points among the usable points of the
+// batch's own units: a first answer, whose k-th bounds how far the rest of the scan needs searching.
+std::tuple<py::array_t<float>, py::array_t<float>, py::array_t<float>> spacingSamplesUnits(
+    const std::vector<UnitTuple>& units, float to_mm, int scale_code, bool explicit_code, const Origin& origin,
+    const std::string& normals_dir, std::uint64_t seen_first, std::uint64_t usable_first, std::uint64_t grid_step,
+    std::uint64_t stride, std::size_t k) {
     std::vector<Vec3f> grid_sample, measured;
+    std::vector<float> squared;
+    int status = 0;
     {
         py::gil_scoped_release release;
-        const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
-        for (const auto& frame : scan.frames) {
-            std::size_t coded[7];
-            const std::size_t seen = spacingPointsOf(*frame, coded);
-            spacingSamplesOf(*frame, seen_first, usable_first, grid_step, stride, grid_sample, measured);
-            seen_first += seen;
-            for (const std::size_t c : coded) usable_first += c;
+        std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+        const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, origin, normals_dir);
+        for (const UnitTuple& unit : units) {
+            tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
+            for (const auto& frame : scan.frames) {
+                std::size_t coded[7];
+                const std::size_t seen = spacingPointsOf(*frame, coded);
+                spacingSamplesOf(*frame, seen_first, usable_first, grid_step, stride, grid_sample, measured);
+                seen_first += seen;
+                for (const std::size_t c : coded) usable_first += c;
+                frames.push_back(frame);
+            }
         }
+        if (k > 0) status = nearestSquaredDistances(frames, measured, k, squared);
     }
-    return {pointArray(grid_sample), pointArray(measured)};
+    if (status != 0)
+        throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
+    py::array_t<float> out({static_cast<py::ssize_t>(measured.size()), static_cast<py::ssize_t>(k)});
+    std::copy(squared.begin(), squared.end(), out.mutable_data());
+    return {pointArray(grid_sample), pointArray(measured), out};
 }
 
-// Resolution auto: the k nearest squared distances of each measured point among the usable points of one
-// unit (the plan keeps the k smallest over all units).
-py::array_t<float> nearestUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
-                               const Origin& origin, const std::string& normals_dir,
-                               py::array_t<float, py::array::c_style | py::array::forcecast> q, std::size_t k) {
+// Resolution auto: the k nearest squared distances of each query among the usable points of a batch of
+// units (the plan keeps the k smallest over all batches).
+py::array_t<float> nearestUnits(const std::vector<UnitTuple>& units, float to_mm, int scale_code, bool explicit_code,
+                                const Origin& origin, const std::string& normals_dir,
+                                py::array_t<float, py::array::c_style | py::array::forcecast> q, std::size_t k) {
     const std::vector<Vec3f> queries = pointsOf(q);
     std::vector<float> squared;
     int status = 0;
     {
         py::gil_scoped_release release;
-        const tessaline_tools::ScanInput scan =
-            readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
-        status = nearestSquaredDistances(scan.frames, queries, k, squared);
+        std::vector<std::shared_ptr<FrameDataWithInfo>> frames;
+        const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, origin, normals_dir);
+        for (const UnitTuple& unit : units) {
+            const tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
+            frames.insert(frames.end(), scan.frames.begin(), scan.frames.end());
+        }
+        status = nearestSquaredDistances(frames, queries, k, squared);
     }
     if (status != 0)
         throw std::runtime_error("measuring the point spacing failed with status " + std::to_string(status));
@@ -576,7 +674,8 @@ std::vector<std::pair<std::array<std::int32_t, 3>, std::size_t>> runTile(
     std::vector<bool> taking_part;
     const float keep_within = automatic ? reach + margin : reach;
     for (std::size_t u = 0; u < units.size() && status == 0; ++u) {
-        tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
+        tessaline_tools::ScanInput scan =
+            readUnitWithin(unitOf(units[u]), settings, [&](const Vec3f& p) { return reaches(p, keep_within); });
         const std::vector<std::size_t>& left_out = skip[u];
         for (std::size_t f = 0; f < scan.frames.size(); ++f) {
             const bool takes_part = std::find(left_out.begin(), left_out.end(), f) == left_out.end();
@@ -730,19 +829,23 @@ py::array_t<float> normalPickUnit(const UnitTuple& unit, float to_mm, int scale_
     return pointArray(picked);
 }
 
-// For each query, the `count` smallest squared distances to the unit's finite points in the cells that the
-// reach's search looks at.
-py::array_t<float> normalReachUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code,
-                                   const Origin& origin,
-                                   py::array_t<float, py::array::c_style | py::array::forcecast> q,
-                                   const Origin& grid_origin, double edge, int count) {
+// For each query, the `count` smallest squared distances to the finite points of a batch of units in the
+// cells that the reach's search looks at.
+py::array_t<float> normalReachUnits(const std::vector<UnitTuple>& units, float to_mm, int scale_code,
+                                    bool explicit_code, const Origin& origin,
+                                    py::array_t<float, py::array::c_style | py::array::forcecast> q,
+                                    const Origin& grid_origin, double edge, int count) {
     const std::vector<Vec3f> queries = pointsOf(q);
     std::vector<float> squared;
     int status = 0;
     {
         py::gil_scoped_release release;
-        const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
-        status = normalReachDistances(finitePoints(scan), queries, grid_origin, edge, count, squared);
+        std::vector<Vec3f> points;
+        for (const UnitTuple& unit : units) {
+            const auto scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, ""));
+            forFinite(scan, [&](const Vec3f& p, std::uint64_t) { points.push_back(p); });
+        }
+        status = normalReachDistances(points, queries, grid_origin, edge, count, squared);
     }
     if (status != 0)
         throw std::runtime_error("measuring the normals' reach failed with status " + std::to_string(status));
@@ -787,7 +890,12 @@ std::pair<std::size_t, std::size_t> makeNormalsUnit(const std::vector<UnitTuple>
             }
             continue;
         }
-        const tessaline_tools::ScanInput scan = readUnit(unitOf(units[u]), settings);
+        const auto inside_box = [&](const Vec3f& p) {
+            for (int k = 0; k < 3; ++k)
+                if (!(p[k] >= lo[static_cast<std::size_t>(k)] && p[k] <= hi[static_cast<std::size_t>(k)])) return false;
+            return true;
+        };
+        const tessaline_tools::ScanInput scan = readUnitWithin(unitOf(units[u]), settings, inside_box);
         auto near = std::make_shared<FrameDataWithInfo>();
         for (const auto& frame : scan.frames)
             for (const Vec3f& p : frame->xyz) {
@@ -924,10 +1032,10 @@ void bindTools(py::module_& core) {
           py::arg("explicit_code"), py::arg("geo_origin"), py::arg("normals_dir"), py::arg("resolution"),
           py::arg("run_origin"), py::arg("block_size"), py::arg("owned"), py::arg("reach"), py::arg("folder"),
           py::arg("codes") = py::none());
-    m.def("spacing_samples_unit", &spacingSamplesUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+    m.def("spacing_samples_units", &spacingSamplesUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("seen_first"),
-          py::arg("usable_first"), py::arg("grid_step"), py::arg("stride"));
-    m.def("nearest_unit", &nearestUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+          py::arg("usable_first"), py::arg("grid_step"), py::arg("stride"), py::arg("k"));
+    m.def("nearest_units", &nearestUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("queries"), py::arg("k"));
     m.def("normal_neighbours", [] { return NormalOptions().neighbours; });
     m.def("normal_guess_step", &normalGuessStep, py::arg("finite_points"));
@@ -957,7 +1065,7 @@ void bindTools(py::module_& core) {
     m.def("normal_pick_unit", &normalPickUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("grid_origin"), py::arg("edge"), py::arg("codes"),
           py::arg("ordinals"));
-    m.def("normal_reach_unit", &normalReachUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+    m.def("normal_reach_units", &normalReachUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("queries"), py::arg("grid_origin"), py::arg("edge"),
           py::arg("count"));
     m.def("make_normals_unit", &makeNormalsUnit, py::arg("units"), py::arg("target"), py::arg("to_mm"),
@@ -1017,4 +1125,26 @@ void bindTools(py::module_& core) {
         },
         py::arg("path"), py::arg("to_mm") = 1.0f,
         "The frames of one point file as the program reads it: [{'points', 'normals' (None without)}].");
+    m.def(
+        "read_points_within",
+        [](const std::string& path, float to_mm, const Origin& lo, const Origin& hi) {
+            std::vector<Vec3f> points, normals;
+            {
+                py::gil_scoped_release release;
+                const auto scan =
+                    readUnitWithin(ScanUnit{0, path, false}, readSettings(to_mm, 8, false, Origin{0.0, 0.0, 0.0}, ""),
+                                   [&](const Vec3f& p) {
+                                       for (std::size_t k = 0; k < 3; ++k)
+                                           if (!(p[k] >= lo[k] && p[k] <= hi[k])) return false;
+                                       return true;
+                                   });
+                for (const auto& frame : scan.frames) {
+                    points.insert(points.end(), frame->xyz.begin(), frame->xyz.end());
+                    normals.insert(normals.end(), frame->nor.begin(), frame->nor.end());
+                }
+            }
+            return std::make_pair(pointArray(points), pointArray(normals));
+        },
+        py::arg("path"), py::arg("to_mm"), py::arg("lo"), py::arg("hi"),
+        "The points (and normals) of one point file within the box [lo, hi], as a tile reads them.");
 }

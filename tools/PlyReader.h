@@ -75,6 +75,13 @@ public:
     template <class Sink>
     void readScalars(const PlyElement& element, const std::vector<int>& columns, Sink&& sink);
 
+    // readScalars a piece at a time: start(first, count) on the calling thread before the records [first,
+    // first + count) go to the sink, done(first, count) once they all have; memory for a piece's records
+    // suffices however large the element.
+    template <class Start, class Sink, class Done>
+    void readScalarPieces(const PlyElement& element, const std::vector<int>& columns, Start&& start, Sink&& sink,
+                          Done&& done);
+
     // Reads every record of `element` in order on the calling thread and calls sink(record, PlyRecord).
     template <class Sink>
     void readRecords(const PlyElement& element, Sink&& sink);
@@ -131,6 +138,13 @@ private:
 
 template <class Sink>
 void PlyReader::readScalars(const PlyElement& element, const std::vector<int>& columns, Sink&& sink) {
+    readScalarPieces(
+        element, columns, [](long, long) {}, sink, [](long, long) {});
+}
+
+template <class Start, class Sink, class Done>
+void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<int>& columns, Start&& start, Sink&& sink,
+                                 Done&& done) {
     bool lists = false;
     for (const PlyProperty& p : element.properties) lists = lists || p.list;
     if (lists) {  // records of varying length: one after the other
@@ -138,7 +152,9 @@ void PlyReader::readScalars(const PlyElement& element, const std::vector<int>& c
         readRecords(element, [&](long r, const PlyRecord& record) {
             for (std::size_t k = 0; k < columns.size(); ++k)
                 values[k] = record.scalars[static_cast<std::size_t>(columns[k])];
+            start(r, 1L);
             sink(r, static_cast<const double*>(values.data()));
+            done(r, 1L);
         });
         return;
     }
@@ -147,6 +163,7 @@ void PlyReader::readScalars(const PlyElement& element, const std::vector<int>& c
     while (nextPiece(element, piece) > 0) {
         const long first = m_record;
         const std::int64_t n = static_cast<std::int64_t>(piece.records);
+        start(first, static_cast<long>(n));
         // Of the failures the first in the file comes out: the lowest record's.
         std::int64_t failed_at = n;
         std::exception_ptr failure;
@@ -176,6 +193,7 @@ void PlyReader::readScalars(const PlyElement& element, const std::vector<int>& c
             }
         }
         if (failure) std::rethrow_exception(failure);
+        done(first, static_cast<long>(n));
         donePiece(element, piece);
     }
 }

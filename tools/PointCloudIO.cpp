@@ -61,22 +61,27 @@ std::uint8_t colourByte(double value, const PlyProperty& property) {
     return static_cast<std::uint8_t>(std::min(255.0, std::max(0.0, std::round(value))));
 }
 
-// The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
-// without finite coordinates, or (where the file has normals) a normal of some length, are then left out
-// and counted.
-void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c, float scale, int scale_code,
-                FrameDataWithInfo& frame, std::vector<Colour>* colours, PointCloudReadInfo& info) {
-    const std::size_t n = static_cast<std::size_t>(vertex.count);
-    frame.xyz.resize(n);
-    frame.nor.resize(n);
-    frame.w.resize(n);
-    const bool normals = c.at_normal >= 0, words = c.at_word >= 0, coloured = c.at_colour >= 0 && colours;
-    if (coloured) colours->resize(n);
+// One record of the vertex element as a point: false for a point without finite coordinates or (where the
+// file has normals) a normal of some length, which is left out.
+struct PointDecoder {
+    const PointColumns& c;
+    float scale;
+    int scale_code;
+    bool normals, words, coloured;
     const PlyProperty* channel[3] = {};
-    for (int k = 0; coloured && k < 3; ++k) channel[k] = &vertex.properties[static_cast<std::size_t>(c.colour[k])];
-    std::atomic<bool> any_dropped(false);
-    ply.readScalars(vertex, c.columns, [&](long record, const double* p) {
-        const std::size_t i = static_cast<std::size_t>(record);
+
+    PointDecoder(const PlyElement& vertex, const PointColumns& columns, float scale_, int scale_code_, bool colours)
+        : c(columns),
+          scale(scale_),
+          scale_code(scale_code_),
+          normals(columns.at_normal >= 0),
+          words(columns.at_word >= 0),
+          coloured(columns.at_colour >= 0 && colours) {
+        for (int k = 0; coloured && k < 3; ++k) channel[k] = &vertex.properties[static_cast<std::size_t>(c.colour[k])];
+    }
+
+    bool operator()(const double* p, SurfaceReconstruction::Vec3f& xyz, SurfaceReconstruction::Vec3f& nor,
+                    std::int32_t& w, Colour* colour) const {
         bool usable = std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
         double length = 0.0;
         if (normals) {
@@ -84,22 +89,39 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c,
             length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2]);
             usable = usable && length > 0 && std::isfinite(q[0]) && std::isfinite(q[1]) && std::isfinite(q[2]);
         }
-        if (!usable) {
-            frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
-            any_dropped.store(true, std::memory_order_relaxed);
-            return;
-        }
-        frame.xyz[i] = {toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)};
+        if (!usable) return false;
+        xyz = {toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)};
         if (normals) {
             const double* q = p + c.at_normal;
-            frame.nor[i] = {toFloat(q[0] / length), toFloat(q[1] / length), toFloat(q[2] / length)};
+            nor = {toFloat(q[0] / length), toFloat(q[1] / length), toFloat(q[2] / length)};
         } else {
-            frame.nor[i] = {0.0f, 0.0f, 0.0f};
+            nor = {0.0f, 0.0f, 0.0f};
         }
         const double word = words ? p[c.at_word] : scale_code;
-        frame.w[i] = std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0;
+        w = std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0;
         if (coloured)
-            for (int k = 0; k < 3; ++k) (*colours)[i][k] = colourByte(p[c.at_colour + k], *channel[k]);
+            for (int k = 0; k < 3; ++k) (*colour)[k] = colourByte(p[c.at_colour + k], *channel[k]);
+        return true;
+    }
+};
+
+// The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
+// the decoder leaves out are then left out and counted.
+void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c, float scale, int scale_code,
+                FrameDataWithInfo& frame, std::vector<Colour>* colours, PointCloudReadInfo& info) {
+    const std::size_t n = static_cast<std::size_t>(vertex.count);
+    frame.xyz.resize(n);
+    frame.nor.resize(n);
+    frame.w.resize(n);
+    const PointDecoder decode(vertex, c, scale, scale_code, colours != nullptr);
+    if (decode.coloured) colours->resize(n);
+    std::atomic<bool> any_dropped(false);
+    ply.readScalars(vertex, c.columns, [&](long record, const double* p) {
+        const std::size_t i = static_cast<std::size_t>(record);
+        if (!decode(p, frame.xyz[i], frame.nor[i], frame.w[i], decode.coloured ? &(*colours)[i] : nullptr)) {
+            frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
+            any_dropped.store(true, std::memory_order_relaxed);
+        }
     });
     if (!any_dropped.load()) return;
     // Scaled coordinates of a usable point are finite or infinite, never NaN: the mark is unambiguous.
@@ -109,14 +131,55 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c,
         frame.xyz[kept] = frame.xyz[i];
         frame.nor[kept] = frame.nor[i];
         frame.w[kept] = frame.w[i];
-        if (coloured) (*colours)[kept] = (*colours)[i];
+        if (decode.coloured) (*colours)[kept] = (*colours)[i];
         ++kept;
     }
     info.dropped += n - kept;
     frame.xyz.resize(kept);
     frame.nor.resize(kept);
     frame.w.resize(kept);
-    if (coloured) colours->resize(kept);
+    if (decode.coloured) colours->resize(kept);
+}
+
+// As readPoints, a piece of the file at a time: of the points it keeps, in order, those `keep` takes stay.
+void readPointsWithin(PlyReader& ply, const PlyElement& vertex, const PointColumns& c, float scale, int scale_code,
+                      FrameDataWithInfo& frame, std::vector<Colour>* colours, PointCloudReadInfo& info,
+                      const PointFilter& keep) {
+    const PointDecoder decode(vertex, c, scale, scale_code, colours != nullptr);
+    std::vector<SurfaceReconstruction::Vec3f> xyz, nor;
+    std::vector<std::int32_t> w;
+    std::vector<Colour> colour;
+    std::vector<char> usable;
+    std::size_t index = 0;  // of the next usable point in the file
+    long base = 0;          // the piece's first record
+    ply.readScalarPieces(
+        vertex, c.columns,
+        [&](long first, long count) {
+            base = first;
+            const std::size_t n = static_cast<std::size_t>(count);
+            xyz.resize(n);
+            nor.resize(n);
+            w.resize(n);
+            usable.resize(n);
+            if (decode.coloured) colour.resize(n);
+        },
+        [&](long record, const double* p) {
+            const std::size_t i = static_cast<std::size_t>(record - base);
+            usable[i] = decode(p, xyz[i], nor[i], w[i], decode.coloured ? &colour[i] : nullptr) ? 1 : 0;
+        },
+        [&](long, long count) {
+            for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+                if (!usable[i]) {
+                    ++info.dropped;
+                    continue;
+                }
+                if (!keep(xyz[i], index++)) continue;
+                frame.xyz.push_back(xyz[i]);
+                frame.nor.push_back(nor[i]);
+                frame.w.push_back(w[i]);
+                if (decode.coloured) colours->push_back(colour[i]);
+            }
+        });
 }
 
 // The first of `names` that the element has as a scalar property, or -1.
@@ -158,8 +221,10 @@ PointColumns pointColumns(const PlyElement& vertex, const std::string& path) {
 
 }  // namespace
 
-std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale, int scale_code,
-                                                     PointCloudReadInfo& info, FrameExtras* extras) {
+namespace {
+
+std::shared_ptr<FrameDataWithInfo> readPly(const std::string& path, float scale, int scale_code,
+                                           PointCloudReadInfo& info, FrameExtras* extras, const PointFilter* keep) {
     PlyReader ply(path);
     const PlyElement* vertex = ply.find("vertex");
     if (vertex == nullptr) throw std::runtime_error(path + ": no vertex element");
@@ -176,7 +241,11 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
     auto frame = std::make_shared<FrameDataWithInfo>();
     for (const PlyElement& element : ply.elements()) {
         if (&element == vertex) {
-            readPoints(ply, *vertex, columns, scale, scale_code, *frame, extras ? &extras->colours : nullptr, info);
+            std::vector<Colour>* colours = extras ? &extras->colours : nullptr;
+            if (keep != nullptr)
+                readPointsWithin(ply, *vertex, columns, scale, scale_code, *frame, colours, info, *keep);
+            else
+                readPoints(ply, *vertex, columns, scale, scale_code, *frame, colours, info);
         } else if (element.name == "pose" && element.count == 1) {
             const char* pose_names[13] = {"r0", "r1", "r2", "r3", "r4", "r5",      "r6",
                                           "r7", "r8", "tx", "ty", "tz", "laser_id"};
@@ -215,6 +284,19 @@ std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, fl
         }
     }
     return frame;
+}
+
+}  // namespace
+
+std::shared_ptr<FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale, int scale_code,
+                                                     PointCloudReadInfo& info, FrameExtras* extras) {
+    return readPly(path, scale, scale_code, info, extras, nullptr);
+}
+
+std::shared_ptr<FrameDataWithInfo> readPlyPointCloudWithin(const std::string& path, float scale, int scale_code,
+                                                           PointCloudReadInfo& info, FrameExtras* extras,
+                                                           const PointFilter& keep) {
+    return readPly(path, scale, scale_code, info, extras, &keep);
 }
 
 void writePlyPointCloud(const std::string& path, const FrameDataWithInfo& frame) {

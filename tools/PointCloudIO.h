@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,6 +31,17 @@ struct PointCloudReadInfo {
 std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo> readPlyPointCloud(const std::string& path, float scale,
                                                                             int scale_code, PointCloudReadInfo& info,
                                                                             FrameExtras* extras = nullptr);
+
+// Says whether to keep a point that readPlyPointCloud keeps, given it and its place among those; it may move
+// the point (by a run's origin).
+using PointFilter = std::function<bool(SurfaceReconstruction::Vec3f& point, std::size_t index)>;
+// readPlyPointCloud, keeping only the points `keep` takes (in order, called on the calling thread), the file
+// read a piece at a time: memory for the kept points and one piece, however large the file.
+std::shared_ptr<SurfaceReconstruction::FrameDataWithInfo> readPlyPointCloudWithin(const std::string& path, float scale,
+                                                                                  int scale_code,
+                                                                                  PointCloudReadInfo& info,
+                                                                                  FrameExtras* extras,
+                                                                                  const PointFilter& keep);
 
 // Writes `frame` in the layout that readPlyPointCloud reads back exactly (binary little endian).
 void writePlyPointCloud(const std::string& path, const SurfaceReconstruction::FrameDataWithInfo& frame);

@@ -254,3 +254,160 @@ def test_the_command_writes_the_programs_mesh(scan, tmp_path):
                              "--local-workers", "1"], capture_output=True, text=True, timeout=300)
     assert result.returncode == 0, result.stderr
     assert (tmp_path / "e.ply").read_bytes() == expected
+
+
+# The plan's passes in batches of a few units: a measured point's nearest come from its own batch and from the
+# other batches whose frames lie within the bound of that first answer; the normals' reach from the batches
+# whose frames reach the cells searched. The simulated scan's frames overlap everywhere; the sheet comes in 7
+# strips 8.5 mm wide, two a batch, and a point's 65 nearest on its 0.5 mm lattice lie within 2.5 mm: each
+# point is asked of one other batch at most.
+@pytest.mark.parametrize("case,resolution", [("scan", "auto"), ("strips", "auto"), ("strips-no-normals", "1")])
+def test_batches_of_a_few_units_give_the_programs_mesh(client, scan, tmp_path, monkeypatch, case, resolution):
+    monkeypatch.setattr(td, "BATCH_UNITS", 3)
+    monkeypatch.setattr(td, "BATCH_POINTS", 4200)
+    inputs, sensor = scan, None
+    if case != "scan":
+        inputs = strips(tmp_path / "strips", normals=case == "strips")
+        sensor = None if case == "strips" else (30.0, 30.0, 100.0)
+    options = ["--sensor", ",".join(map(str, sensor))] if sensor else []
+    expected = program_mesh([inputs], tmp_path / "program.ply", "--resolution", resolution, *options)
+    plan = td.make_plan(client, [inputs], resolution, tile_blocks=4, sensor=sensor, work_dir=tmp_path)
+    if resolution == "auto":  # the figures of the spacing are those of one task over all points
+        monkeypatch.undo()
+        whole = td.make_plan(client, [inputs], resolution).spacing
+        assert whole["tasks"] == 1 and whole["asked"] == 0
+        assert [plan.spacing[f] for f in ("median", "density", "resolution", "scale_code")] == \
+            [whole[f] for f in ("median", "density", "resolution", "scale_code")]
+    if case == "strips":
+        assert plan.spacing["tasks"] == 4 and 0 < plan.spacing["asked"] <= plan.spacing["measured"]
+    td.run_plan(client, plan, tmp_path / "dist.ply")
+    assert (tmp_path / "dist.ply").read_bytes() == expected
+
+
+def strips(folder, normals=True):
+    """The stepped sheet in 7 strips 8.5 mm wide, a file each."""
+    folder.mkdir()
+    points = lattice(120)
+    for i, rows in enumerate(np.array_split(np.arange(len(points)), 7)):
+        path = folder / f"strip{i}.ply"
+        write_ply(path, points[rows], np.tile([0.0, 0.0, 1.0], (len(rows), 1)))
+        if not normals:
+            path.write_bytes(path.read_bytes().replace(NORMALS, UNNAMED))
+    return folder
+
+
+# The first answer from a query's own batch, completed from the batches within its bound: the 65 smallest
+# squared distances to all usable points, as brute force finds them. The scan's frames overlap everywhere;
+# the strips' batches lie side by side.
+@pytest.mark.parametrize("case", ["scan", "strips"])
+def test_the_nearest_from_batches_are_the_nearest_among_all_points(client, scan, tmp_path, case):
+    tools, settings = tessaline._core.tools, td.Settings(1.0, 8, False, (0.0, 0.0, 0.0))
+    inputs = scan if case == "scan" else strips(tmp_path / "strips")
+    units = [tuple(u) for u in tools.scan_units([str(inputs)], "")]
+    measured = [tools.measure_unit(u, *settings.read_args()) for u in units]
+    batches = td._batches([int(np.sum(m["counts"])) for m in measured], 4200)
+    frames = [[f for f in tools.read_points(u[1])] for u in units]
+    points = [np.concatenate([f["points"] for f in unit]) for unit in frames]
+    normals = [np.concatenate([f["normals"] for f in unit]) for unit in frames]
+    usable = [np.isfinite(p).all(1) & ((n * n).sum(1) > 0) & ~(np.abs(p) < 0.1).all(1) for p, n in zip(points, normals)]
+    every = np.concatenate([p[u] for p, u in zip(points, usable)])
+    queries = every[::37].copy()
+    unit_of = np.repeat(np.arange(len(units)), [int(u.sum()) for u in usable])[::37]
+    asked_of = np.searchsorted([b.stop for b in batches], unit_of, side="right")
+    k = 65
+    best = np.zeros((len(queries), k), dtype=np.float32)
+    for i, b in enumerate(batches):
+        mine = asked_of == i
+        found = tools.nearest_units([units[u] for u in b], *settings.read_args(), queries[mine], k)
+        best[mine] = np.asarray(found).reshape(-1, k)
+    asked = td._nearest_beyond(client, units, settings, measured, batches, queries, asked_of, best, "test")
+    assert asked > 0 and len(batches) == (4 if case == "strips" else len(batches))
+    for q in range(len(queries)):
+        d = every - queries[q]
+        np.testing.assert_allclose(best[q], np.sort((d * d).sum(axis=1))[:k], rtol=1e-5)
+
+
+def test_the_points_near_each_batch_are_those_brute_force_finds():
+    rng = np.random.default_rng(7)
+    points = rng.uniform(0, 100, (400, 3))
+    radius = rng.uniform(0, 6, 400)
+    radius[::50] = np.inf  # no bound: asked of every batch
+    radius[1::97] = 80.0  # a far bound
+    lo = rng.uniform(0, 95, (60, 3))
+    hi = lo + rng.uniform(0, 10, (60, 3))
+    box_batch = np.sort(rng.integers(0, 9, 60))
+    near = td._within_boxes(points, radius, lo, hi, box_batch, 10)
+    for b in range(10):
+        expected = [q for q in range(len(points)) if any(
+            np.linalg.norm(np.clip(points[q], lo[f], hi[f]) - points[q]) <= radius[q]
+            for f in range(60) if box_batch[f] == b)]
+        assert near[b].tolist() == expected
+
+
+# (weights, limit): the batches as ranges of places, by hand; a unit above the limit makes its own batch.
+@pytest.mark.parametrize("weights,limit,expected", [
+    ([5, 5, 5, 5], 10, [(0, 2), (2, 4)]),
+    ([20, 1, 1], 10, [(0, 1), (1, 3)]),
+    ([1] * 300, 10**9, [(0, 256), (256, 300)]),
+    ([], 10, []),
+])
+def test_batches_are_consecutive_units_within_the_limits(weights, limit, expected):
+    assert [(b.start, b.stop) for b in td._batches(weights, limit)] == expected
+
+
+def test_the_smallest_kept_do_not_depend_on_the_answers_order():
+    rng = np.random.default_rng(3)
+    answers = [(np.sort(rng.choice(50, rng.integers(1, 50), replace=False)),) for _ in range(12)]
+    answers = [(p, np.sort(rng.integers(0, 9, (len(p), 4)).astype(np.float32), axis=1)) for (p,) in answers]
+    kept = []
+    for order in (range(12), reversed(range(12))):
+        best = np.full((50, 4), np.inf, dtype=np.float32)
+        for a in order:
+            td._merge_smallest(best, *answers[a])
+        kept.append(best)
+    for q in range(50):  # the 4 smallest of everything answered for q
+        every = sorted(float(x) for p, s in answers for row, values in zip(p, s) if row == q for x in values)
+        assert kept[0][q].tolist() == (every + [np.inf] * 4)[:4]
+    assert (kept[0] == kept[1]).all()
+
+
+# A tile reads a PLY file a piece (16 MiB) at a time, keeping the points within its region: the files here
+# take two pieces or more, with points the reader leaves out (a NaN, a zero normal) on the way. What it keeps
+# is what the program reads, cut to the box, in order.
+@pytest.mark.parametrize("body", ["binary", "ascii"])
+def test_a_tile_reads_a_large_ply_in_pieces_as_the_program_reads_it(tmp_path, body):
+    rng = np.random.default_rng(11)
+    n = 800_000 if body == "binary" else 450_000
+    points = rng.uniform(-50.0, 50.0, (n, 3)).round(3)
+    normals = np.tile([0.0, 0.6, 0.8], (n, 1))
+    points[::1001, 1] = np.nan
+    normals[::777] = 0.0
+    path = tmp_path / "large.ply"
+    write_ply(path, points, normals)
+    if body == "ascii":
+        header = path.read_bytes().split(b"end_header\n")[0].replace(b"binary_little_endian", b"ascii")
+        with open(path, "wb") as f:
+            f.write(header + b"end_header\n")
+            np.savetxt(f, np.hstack([points, normals]), fmt="%.3f")
+    assert path.stat().st_size > 17 << 20
+    whole = tessaline._core.tools.read_points(str(path))[0]
+    for lo, hi in [((-10.0, -50.0, 0.0), (30.0, 5.0, 50.0)), ((-60.0,) * 3, (60.0,) * 3)]:
+        inside = ((whole["points"] >= lo) & (whole["points"] <= hi)).all(axis=1)
+        kept, kept_normals = tessaline._core.tools.read_points_within(str(path), 1.0, lo, hi)
+        assert 0 < len(kept) < n
+        assert (kept == whole["points"][inside]).all() and (kept_normals == whole["normals"][inside]).all()
+
+
+def test_the_units_of_a_tile_are_those_whose_frames_reach_a_block_it_computes():
+    rng = np.random.default_rng(5)
+    tiles = [rng.integers(-4, 5, (rng.integers(1, 6), 3)).astype(np.int32) for _ in range(15)]
+    lo = rng.integers(-6, 6, (80, 3))
+    ranges = np.hstack([lo, lo + rng.integers(-1, 3, (80, 3))]).astype(np.int32)  # some empty
+    unit_of_frame = np.sort(rng.integers(0, 30, 80))
+    expected = []
+    for blocks in tiles:  # each block and its 7 neighbours on the high side, against each frame's range
+        computed = {(x + dx, y + dy, z + dz) for x, y, z in blocks.tolist()
+                    for dx in (0, 1) for dy in (0, 1) for dz in (0, 1)}
+        expected.append(sorted({int(unit_of_frame[f]) for f in range(80) for c in computed
+                                if all(ranges[f, a] <= c[a] <= ranges[f, 3 + a] for a in range(3))}))
+    assert td._tile_units(tiles, ranges, unit_of_frame) == expected

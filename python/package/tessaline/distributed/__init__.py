@@ -4,9 +4,11 @@
     python3 -m tessaline.distributed frames/ -o mesh.ply --resolution 0.5 --local-workers 2
 
 The mesh is the one `tessaline reconstruct` writes for the same inputs and options, byte for byte. The
-run goes in four steps:
+plan's passes give each task a batch of units of the inputs (a point file, or a .conf scan list), consecutive
+in the run's order: up to BATCH_UNITS of them, BATCH_POINTS points (BATCH_BYTES of files before the points
+are counted). The run goes in four steps:
 
-1. measure: a task a unit of the inputs (a point file, or a .conf scan list) reads it with the program's
+1. measure: a task a batch of units reads each with the program's
    readers and returns each frame's point count, the box of its points, whether it came with normals and
    colours, its pose and its markers;
 2. plan (on the client): every choice the program or the engine makes over the whole scan, made once as
@@ -24,7 +26,8 @@ run goes in four steps:
 
 With `resolution='auto'` (the default, as in the program) the plan measures the point spacing as the
 program does (the density grid from every n-th point of the run, every m-th usable point's 64 nearest
-among all points, from each unit's nearest kept in a merge) and each tile gives its points their codes from
+among all points: first among those of its own batch, then from the batches whose frames lie within the
+bound that first answer sets, the smallest kept as the answers come in) and each tile gives its points their codes from
 the points around them, reading CODE_MARGIN_EDGES cells of that grid beyond its reach.
 
 Frames without normals get them as the program makes them (estimateNormals), before anything else, where
@@ -120,27 +123,150 @@ class Plan:
         return [self.units[u][1] for u in tile.units]
 
 
-def _measure(unit, settings):
-    return _tools.measure_unit(unit, *settings.read_args())
+# A task handles a batch of units, consecutive in the run's order: at most BATCH_UNITS of them and, beyond the
+# first, at most BATCH_POINTS points (BATCH_BYTES of files for the first pass, before the points are counted).
+BATCH_UNITS = 256
+BATCH_POINTS = 2_000_000
+BATCH_BYTES = 64 << 20
+# A query's neighbours are searched in the files whose box lies within this share beyond the bound on its
+# k-th distance (and EPSILON_MM more): a float's rounding of the squared distance cannot bring such a point
+# below the bound.
+BOUND_SPARE = 1.001
+BOUND_EPSILON_MM = 1e-6
+# The reach's search looks at the cells within 16 rings of a query's own (REACH_RINGS of the normals); one
+# ring to spare.
+NORMAL_REACH_RINGS = 17
 
 
-def _sample(unit, settings, first, stride):
-    return _tools.sample_unit(unit, *settings.read_args(), first, stride)
+def _batches(weights, limit):
+    """The batches (ranges of places) of units of these weights, in order."""
+    out, start, total = [], 0, 0
+    for i, w in enumerate(weights):
+        if i > start and (i - start >= BATCH_UNITS or total + w > limit):
+            out.append(range(start, i))
+            start, total = i, 0
+        total += int(w)
+    if start < len(weights):
+        out.append(range(start, len(weights)))
+    return out
 
 
-def _spacing_samples(unit, settings, seen_first, usable_first, grid_step, stride):
-    return _tools.spacing_samples_unit(unit, *settings.read_args(), seen_first, usable_first, grid_step, stride)
+def _file_bytes(unit):
+    try:
+        return os.path.getsize(unit[1])
+    except OSError:
+        return 0  # the reader names the file and why it cannot be read
 
 
-def _nearest(unit, settings, queries, k):
-    return _tools.nearest_unit(unit, *settings.read_args(), queries, k)
+def _measure(units, settings):
+    return [_tools.measure_unit(unit, *settings.read_args()) for unit in units]
+
+
+def _measure_all(client, scan_units, settings, name, token):
+    batches = _batches([_file_bytes(u) for u in scan_units], BATCH_BYTES)
+    futures = [client.submit(_measure, [scan_units[u] for u in b], settings, key=f"{name}-{i}-{token}")
+               for i, b in enumerate(batches)]
+    return [m for batch in client.gather(futures) for m in batch]
+
+
+def _sample(units, settings, firsts, stride):
+    return np.concatenate([np.asarray(_tools.sample_unit(unit, *settings.read_args(), int(first), stride))
+                           .reshape(-1, 3) for unit, first in zip(units, firsts)])
+
+
+def _spacing_samples(units, settings, seen_first, usable_first, grid_step, stride, k):
+    return _tools.spacing_samples_units(units, *settings.read_args(), seen_first, usable_first, grid_step, stride, k)
+
+
+def _nearest(units, settings, queries, k):
+    return _tools.nearest_units(units, *settings.read_args(), queries, k)
+
+
+def _frame_boxes(measured, batches):
+    """Every frame's box (lo, hi: (F, 3)) with a finite point, and the batch of its unit."""
+    lo = np.concatenate([np.asarray(m["lo"]).reshape(-1, 3) for m in measured])
+    hi = np.concatenate([np.asarray(m["hi"]).reshape(-1, 3) for m in measured])
+    unit_batch = np.zeros(len(measured), dtype=np.int64)
+    for i, b in enumerate(batches):
+        unit_batch[b.start:b.stop] = i
+    batch = np.repeat(unit_batch, [len(m["counts"]) for m in measured])
+    boxed = (lo <= hi).all(axis=1)
+    return lo[boxed], hi[boxed], batch[boxed]
+
+
+def _within_boxes(points, radius, lo, hi, box_batch, batches):
+    """For each batch, the places (ascending) of the points within `radius` (each its own, +inf: any
+    distance) of the box of one of its frames."""
+    found = [[] for _ in range(batches)]
+    if len(points) == 0:
+        return [np.zeros(0, dtype=np.int64) for _ in range(batches)]
+    radius = np.asarray(radius, dtype=np.float64)
+    # Most points search near by: sorted on x, a box's candidates are those within the largest such radius
+    # on x; the few with a far bound are tried against every box.
+    bounded = radius[np.isfinite(radius)]
+    near_limit = 2.0 * float(np.quantile(bounded, 0.99)) if len(bounded) else 0.0
+    far = np.nonzero(~(radius <= near_limit))[0]
+    close = np.nonzero(radius <= near_limit)[0]
+    order = close[np.argsort(points[close, 0], kind="stable")]
+    xs = points[order, 0]
+    firsts = np.searchsorted(xs, lo[:, 0] - near_limit, side="left")
+    lasts = np.searchsorted(xs, hi[:, 0] + near_limit, side="right")
+
+    def inside(p, r, f):
+        d = np.maximum(np.maximum(lo[f] - p, p - hi[f]), 0.0)
+        return (d * d).sum(axis=1) <= r * r
+
+    for f in range(len(lo)):
+        if lasts[f] > firsts[f]:
+            candidates = order[firsts[f]:lasts[f]]
+            hit = candidates[inside(points[candidates], radius[candidates], f)]
+            if len(hit):
+                found[box_batch[f]].append(hit)
+    for q in far:  # each against all boxes at once
+        d = np.maximum(np.maximum(lo - points[q], points[q] - hi), 0.0)
+        for b in np.unique(box_batch[(d * d).sum(axis=1) <= radius[q] * radius[q]]):
+            found[b].append(np.array([q]))
+    return [np.unique(np.concatenate(h)) if h else np.zeros(0, dtype=np.int64) for h in found]
+
+
+def _merge_smallest(best, places, found):
+    """Keeps in `best` (per row, ascending) the smallest of it and `found` for the rows `places`: the k smallest
+    of a multiset, whatever order the answers come in."""
+    k = best.shape[1]
+    best[places] = np.sort(np.concatenate([best[places], found], axis=1), axis=1)[:, :k]
+
+
+def _nearest_beyond(client, scan_units, settings, measured, batches, queries, asked_of, best, token):
+    """Completes `best` (per query, its k smallest squared distances among the usable points of the batch
+    `asked_of` names) to the k smallest among all points: each other batch is asked for the queries within
+    the bound of that first answer (its k-th, +inf where fewer were found) of one of its frames' boxes, and the
+    answers merged as they come in. Returns how many (query, batch) pairs were asked."""
+    k = best.shape[1]
+    bound = np.sqrt(best[:, k - 1].astype(np.float64)) * BOUND_SPARE + BOUND_EPSILON_MM
+    lo, hi, box_batch = _frame_boxes(measured, batches)
+    near = _within_boxes(queries.astype(np.float64), bound, lo, hi, box_batch, len(batches))
+    import distributed
+
+    futures = {}
+    for i, b in enumerate(batches):
+        places = near[i][asked_of[near[i]] != i]  # a batch's own points it has answered already
+        if len(places):
+            futures[client.submit(_nearest, [scan_units[u] for u in b], settings, queries[places], k,
+                                  key=f"nearest-{i}-{token}")] = places
+    for future in distributed.as_completed(list(futures)):
+        _merge_smallest(best, futures[future], np.asarray(future.result(), dtype=np.float32).reshape(-1, k))
+        future.release()
+    return sum(len(p) for p in futures.values())
 
 
 def _choose_auto(client, scan_units, settings, measured, token):
     """Resolution auto as the program chooses it (chooseScaleCodes): the grid of the density from every n-th
-    point of the run, the spacing from every m-th usable point's 64 nearest among all points (the 65 smallest
-    squared distances of each unit's points, the smallest of them kept), c_max from the codes of all usable
-    points. Returns (resolution, codes for the tiles, the figures)."""
+    point of the run, the spacing from every m-th usable point's 64 nearest among all points, c_max from the
+    codes of all usable points. The nearest: the pass that takes the samples answers them among the points
+    of each task's own units; the k-th of that answer bounds how far a measured point's nearest can lie, and a
+    second pass asks each other task only for the points within that bound of one of its frames' boxes (its
+    other points are all at least that far, and cannot change the k smallest). Returns (resolution, codes
+    for the tiles, the figures)."""
     seen = [np.asarray(m["seen"], dtype=np.int64) for m in measured]
     codes = [np.asarray(m["codes"], dtype=np.int64).reshape(-1, 7) for m in measured]
     seen_total = int(sum(int(s.sum()) for s in seen))
@@ -150,29 +276,28 @@ def _choose_auto(client, scan_units, settings, measured, token):
         return 0.5, None, {"median": 0.0, "density": 0.0}  # the program's resolution when it cannot measure
     grid_step = _tools.spacing_grid_step(seen_total)
     stride = _tools.spacing_measure_stride(usable)
+    k = min(SPACING_NEIGHBOURS, usable)
     seen_first = np.cumsum([0] + [int(s.sum()) for s in seen])[:-1]
     usable_first = np.cumsum([0] + [int(c.sum()) for c in codes])[:-1]
-    futures = [client.submit(_spacing_samples, unit, settings, int(sf), int(uf), grid_step, stride,
-                             key=f"spacing-{i}-{token}")
-               for i, (unit, sf, uf) in enumerate(zip(scan_units, seen_first, usable_first))]
+    batches = _batches([int(c.sum()) for c in codes], BATCH_POINTS)
+    futures = [client.submit(_spacing_samples, [scan_units[u] for u in b], settings, int(seen_first[b.start]),
+                             int(usable_first[b.start]), grid_step, stride, k, key=f"spacing-{i}-{token}")
+               for i, b in enumerate(batches)]
     samples = client.gather(futures)
-    grid_sample = np.concatenate([np.asarray(g).reshape(-1, 3) for g, _ in samples])
-    queries = np.concatenate([np.asarray(q).reshape(-1, 3) for _, q in samples])
+    grid_sample = np.concatenate([np.asarray(g, dtype=np.float32).reshape(-1, 3) for g, _, _ in samples])
+    queries = np.concatenate([np.asarray(q, dtype=np.float32).reshape(-1, 3) for _, q, _ in samples])
+    best = np.concatenate([np.asarray(s, dtype=np.float32).reshape(-1, k) for _, _, s in samples])
+    asked_of = np.repeat(np.arange(len(batches)), [len(q) for _, q, _ in samples])
+    del samples
     origin, per_edge = _tools.spacing_grid(grid_sample, seen_total)
-    k = min(SPACING_NEIGHBOURS, usable)
-    import distributed
+    del grid_sample
 
-    futures = [client.submit(_nearest, unit, settings, queries, k, key=f"nearest-{i}-{token}")
-               for i, unit in enumerate(scan_units)]
-    best = np.full((len(queries), k), np.inf, dtype=np.float32)
-    for future in distributed.as_completed(futures):  # one unit's distances at a time beside the best so far
-        found = np.asarray(future.result(), dtype=np.float32).reshape(len(queries), k)
-        best = np.sort(np.concatenate([best, found], axis=1), axis=1)[:, :k]
-        future.release()
-    figures = _tools.scale_code_choice(best, k, code_counts)
+    asked = _nearest_beyond(client, scan_units, settings, measured, batches, queries, asked_of, best, token)
+    figures = dict(_tools.scale_code_choice(best, k, code_counts), tasks=len(batches), asked=asked,
+                   measured=len(queries))
     resolution = float(figures["resolution"])
     if not resolution > 0.0:
-        return 0.5, None, dict(figures)
+        return 0.5, None, figures
     margin = CODE_MARGIN_EDGES / per_edge
     if margin > CODE_MARGIN_LIMIT_RESOLUTIONS * resolution:
         raise RefusedError(
@@ -180,28 +305,37 @@ def _choose_auto(client, scan_units, settings, measured, token):
             f"and each tile would have to read {margin:.4g} mm beyond its blocks (more than "
             f"{CODE_MARGIN_LIMIT_RESOLUTIONS:g} resolutions; the points are spread very unevenly): give the "
             "resolution in millimetres")
-    return resolution, (tuple(origin), float(per_edge), int(figures["scale_code"]), float(margin)), dict(figures)
+    return resolution, (tuple(origin), float(per_edge), int(figures["scale_code"]), float(margin)), figures
 
 
-def _normal_guess_sample(unit, settings, first, step):
-    return _tools.normal_guess_sample_unit(unit, *settings.raw_args(), first, step)
+def _normal_guess_sample(units, settings, firsts, step):
+    return np.concatenate([np.asarray(_tools.normal_guess_sample_unit(unit, *settings.raw_args(), int(first), step),
+                                      dtype=np.float32).reshape(-1, 3) for unit, first in zip(units, firsts)])
 
 
-def _normal_cells(unit, settings, origin, edge):
-    return _tools.normal_cell_counts_unit(unit, *settings.raw_args(), origin, edge)
+def _normal_cells(units, settings, origin, edge):
+    return [_tools.normal_cell_counts_unit(unit, *settings.raw_args(), origin, edge) for unit in units]
 
 
-def _normal_pick(unit, settings, origin, edge, codes, ordinals):
-    return _tools.normal_pick_unit(unit, *settings.raw_args(), origin, edge, codes, ordinals)
+def _normal_pick(units, settings, origin, edge, codes, ordinals):
+    return [_tools.normal_pick_unit(unit, *settings.raw_args(), origin, edge, c, o)
+            for unit, c, o in zip(units, codes, ordinals)]
 
 
-def _normal_reach(unit, settings, queries, origin, edge, count):
-    return _tools.normal_reach_unit(unit, *settings.raw_args(), queries, origin, edge, count)
+def _normal_reach(units, settings, queries, origin, edge, count):
+    return _tools.normal_reach_units(units, *settings.raw_args(), queries, origin, edge, count)
 
 
-def _make_normals(units, target, settings, grid, lo, hi, sensor, folder):
-    return _tools.make_normals_unit(units, target, *settings.raw_args(), grid, lo, hi, sensor is not None,
-                                    sensor if sensor is not None else (0.0, 0.0, 0.0), folder)
+def _make_normals(targets, settings, grid, sensor, folder):
+    return [_tools.make_normals_unit(units, target, *settings.raw_args(), grid, lo, hi, sensor is not None,
+                                     sensor if sensor is not None else (0.0, 0.0, 0.0), folder)
+            for units, target, lo, hi in targets]
+
+
+def _normal_cell(points, origin, edge):
+    """The cells of points as the normals' search puts them (floor of (p - origin) / edge, clamped)."""
+    cells = np.floor((np.asarray(points, dtype=np.float64) - np.asarray(origin)) / edge)
+    return np.clip(cells, 0.0, float((1 << 21) - 2))
 
 
 def _normal_grid(client, scan_units, settings, measured, token):
@@ -209,9 +343,9 @@ def _normal_grid(client, scan_units, settings, measured, token):
     extent from the frames' boxes; the guess from every n-th finite point (a pass); the first sort's cells
     from it; the reach from every m-th point in that sort's order (by cell, then the run's order): a pass
     counts each unit's points by cell, the plan finds which unit holds each measured point and a pass
-    fetches them; a last pass gives each measured point's k + 1 nearest in each unit, within the cells the
-    program's search looks at, and the plan keeps the k + 1 smallest. Returns (origin, first edge, edge,
-    reach) in millimetres."""
+    fetches them; a last pass gives each measured point's k + 1 nearest within the cells the program's search
+    looks at, each task asked only for the points whose cells reach a box of its frames, and the plan keeps
+    the k + 1 smallest. Returns (origin, first edge, edge, reach) in millimetres."""
     finite = [np.asarray(m["finite"], dtype=np.int64) for m in measured]
     n = int(sum(int(f.sum()) for f in finite))
     lo = np.concatenate([m["lo"] for m in measured])
@@ -222,14 +356,16 @@ def _normal_grid(client, scan_units, settings, measured, token):
     k = int(_tools.normal_neighbours())
     firsts = np.cumsum([0] + [int(f.sum()) for f in finite])[:-1]
     step = int(_tools.normal_guess_step(n))
-    futures = [client.submit(_normal_guess_sample, unit, settings, int(first), step, key=f"nguess-{i}-{token}")
-               for i, (unit, first) in enumerate(zip(scan_units, firsts))]
-    sample = np.concatenate([np.asarray(s, dtype=np.float32).reshape(-1, 3) for s in client.gather(futures)])
+    batches = _batches([int(f.sum()) for f in finite], BATCH_POINTS)
+    units_of = [[scan_units[u] for u in b] for b in batches]
+    futures = [client.submit(_normal_guess_sample, units_of[i], settings, firsts[b.start:b.stop].tolist(), step,
+                             key=f"nguess-{i}-{token}") for i, b in enumerate(batches)]
+    sample = np.concatenate(client.gather(futures))
     first_edge = float(_tools.normal_first_edge(sample, n, extent))
 
-    futures = [client.submit(_normal_cells, unit, settings, origin, first_edge, key=f"ncells-{i}-{token}")
-               for i, unit in enumerate(scan_units)]
-    cells = client.gather(futures)
+    futures = [client.submit(_normal_cells, units_of[i], settings, origin, first_edge, key=f"ncells-{i}-{token}")
+               for i in range(len(batches))]
+    cells = [c for batch in client.gather(futures) for c in batch]
     codes = np.concatenate([np.asarray(c, dtype=np.uint64) for c, _ in cells])
     counts = np.concatenate([np.asarray(c, dtype=np.int64) for _, c in cells])
     owner = np.repeat(np.arange(len(scan_units)), [len(c) for c, _ in cells])
@@ -241,24 +377,36 @@ def _normal_grid(client, scan_units, settings, measured, token):
     row = np.searchsorted(ends, ranks, side="right")
     q_codes, q_ordinals, q_owner = codes[row], ranks - (ends[row] - counts[row]), owner[row]
     del codes, counts, owner, ends
-    futures = {}
-    for u in np.unique(q_owner):
-        mine = q_owner == u
-        futures[int(u)] = (np.nonzero(mine)[0], client.submit(
-            _normal_pick, scan_units[u], settings, origin, first_edge, q_codes[mine].tolist(),
-            q_ordinals[mine].tolist(), key=f"npick-{u}-{token}"))
+    futures = []
+    for i, b in enumerate(batches):
+        mine = (q_owner >= b.start) & (q_owner < b.stop)
+        if not mine.any():
+            continue
+        units = sorted(set(q_owner[mine].tolist()))
+        asked = [np.nonzero(q_owner == u)[0] for u in units]
+        futures.append((asked, client.submit(
+            _normal_pick, [scan_units[u] for u in units], settings, origin, first_edge,
+            [q_codes[a].tolist() for a in asked], [q_ordinals[a].tolist() for a in asked], key=f"npick-{i}-{token}")))
     queries = np.zeros((len(ranks), 3), dtype=np.float32)
-    for places, future in futures.values():
-        queries[places] = np.asarray(future.result(), dtype=np.float32).reshape(-1, 3)
+    for asked, future in futures:
+        for places, picked in zip(asked, future.result()):
+            queries[places] = np.asarray(picked, dtype=np.float32).reshape(-1, 3)
+        future.release()
 
+    # A frame can hold a point in the cells a query's search looks at only where its box's cells come within
+    # the search's rings of the query's cell on every axis.
+    f_lo, f_hi, box_batch = _frame_boxes(measured, batches)
+    cell_lo = _normal_cell(f_lo, origin, first_edge) - NORMAL_REACH_RINGS
+    cell_hi = _normal_cell(f_hi, origin, first_edge) + NORMAL_REACH_RINGS
+    q_cells = _normal_cell(queries, origin, first_edge)
+    near = _within_boxes(q_cells, np.zeros(len(queries)), cell_lo, cell_hi, box_batch, len(batches))
     import distributed
 
-    futures = [client.submit(_normal_reach, unit, settings, queries, origin, first_edge, k + 1,
-                             key=f"nreach-{i}-{token}") for i, unit in enumerate(scan_units)]
+    futures = {client.submit(_normal_reach, units_of[i], settings, queries[places], origin, first_edge, k + 1,
+                             key=f"nreach-{i}-{token}"): places for i, places in enumerate(near) if len(places)}
     best = np.full((len(queries), k + 1), np.inf, dtype=np.float32)
-    for future in distributed.as_completed(futures):
-        found = np.asarray(future.result(), dtype=np.float32).reshape(len(queries), k + 1)
-        best = np.sort(np.concatenate([best, found], axis=1), axis=1)[:, :k + 1]
+    for future in distributed.as_completed(list(futures)):
+        _merge_smallest(best, futures[future], np.asarray(future.result(), dtype=np.float32).reshape(-1, k + 1))
         future.release()
     kth = np.where(np.isfinite(best[:, k]), np.sqrt(best[:, k].astype(np.float64)), -1.0)
     edge, reach = _tools.normal_grid(kth.tolist(), extent, origin, first_edge)
@@ -269,28 +417,39 @@ def _normal_grid(client, scan_units, settings, measured, token):
 
 
 def _estimate_normals(client, scan_units, settings, measured, sensor, folder, token):
-    """Makes the normals of the frames without them, a task a unit, into `folder` (see _normal_grid): each
-    task reads its unit and the points of the units around it within the reach, in the run's order."""
+    """Makes the normals of the frames without them, in batches of units, into `folder` (see _normal_grid):
+    each unit from its points and the points of the units around it within the reach, in the run's order."""
     grid = _normal_grid(client, scan_units, settings, measured, token)
     margin = grid[3] * 1.01 + 1e-3
-    unit_lo, unit_hi = [], []
-    for m in measured:
-        lo, hi = np.asarray(m["lo"]), np.asarray(m["hi"])
-        boxed = lo[:, 0] <= hi[:, 0]
-        unit_lo.append(lo[boxed].min(axis=0) - margin if boxed.any() else np.full(3, np.inf))
-        unit_hi.append(hi[boxed].max(axis=0) + margin if boxed.any() else np.full(3, -np.inf))
-    frame_lo = [np.asarray(m["lo"]) for m in measured]
-    frame_hi = [np.asarray(m["hi"]) for m in measured]
-    futures = []
+    frame_lo = np.concatenate([np.asarray(m["lo"]).reshape(-1, 3) for m in measured])
+    frame_hi = np.concatenate([np.asarray(m["hi"]).reshape(-1, 3) for m in measured])
+    frame_unit = np.repeat(np.arange(len(measured)), [len(m["counts"]) for m in measured])
+    boxed = (frame_lo <= frame_hi).all(axis=1)
+    frame_lo, frame_hi, frame_unit = frame_lo[boxed], frame_hi[boxed], frame_unit[boxed]
+    # The frames by their lowest x: those that can meet a box lie within the widest frame of it on x.
+    by_x = np.argsort(frame_lo[:, 0], kind="stable")
+    xs = frame_lo[by_x, 0]
+    widest = float((frame_hi[:, 0] - frame_lo[:, 0]).max()) if len(frame_lo) else 0.0
+    unit_points = [int(np.asarray(m["counts"]).sum()) for m in measured]
+    targets, reads = [], []
     for u, m in enumerate(measured):
         if all(m["normals"]):
             continue
-        near = [v for v in range(len(scan_units)) if v == u or (
-            (frame_lo[v] <= unit_hi[u]) & (frame_hi[v] >= unit_lo[u])).all(axis=1).any()]
-        futures.append(client.submit(_make_normals, [scan_units[v] for v in near], near.index(u), settings, grid,
-                                     tuple(unit_lo[u]), tuple(unit_hi[u]), sensor, folder,
-                                     key=f"normals-{u}-{token}"))
-    made = client.gather(futures)
+        mine = frame_unit == u
+        if mine.any():
+            unit_lo, unit_hi = frame_lo[mine].min(axis=0) - margin, frame_hi[mine].max(axis=0) + margin
+            candidates = by_x[np.searchsorted(xs, unit_lo[0] - widest, side="left"):
+                              np.searchsorted(xs, unit_hi[0], side="right")]
+            meets = ((frame_lo[candidates] <= unit_hi) & (frame_hi[candidates] >= unit_lo)).all(axis=1)
+            near = sorted(set(frame_unit[candidates[meets]].tolist()) | {u})
+        else:
+            unit_lo, unit_hi, near = np.full(3, np.inf), np.full(3, -np.inf), [u]
+        targets.append(([scan_units[v] for v in near], near.index(u), tuple(unit_lo), tuple(unit_hi)))
+        reads.append(int(sum(unit_points[v] for v in near)))
+    batches = _batches(reads, BATCH_POINTS)  # by the points the targets' tasks read
+    futures = [client.submit(_make_normals, targets[b.start:b.stop], settings, grid, sensor, folder,
+                             key=f"normals-{i}-{token}") for i, b in enumerate(batches)]
+    made = [m for batch in client.gather(futures) for m in batch]
     return {"grid": grid, "estimated": sum(int(e) for e, _ in made), "toward_sensor": sum(int(t) for _, t in made)}
 
 
@@ -299,22 +458,39 @@ def _describe_blocks(blocks):
     return f"{len(blocks)} block{'s' if len(blocks) != 1 else ''} {first}" + (f" to {last}" if len(blocks) > 1 else "")
 
 
-def _run_tile(plan, tile, folder):
-    units = [plan.units[u] for u in tile.units]
-    skip = [plan.left_out[u] for u in tile.units]
+@dataclass
+class TileJob:
+    """What a tile's task needs of the plan (the plan itself holds every unit: megabytes a task)."""
+
+    tile: Tile
+    units: list
+    skip: list
+    read_args: tuple
+    resolution: float
+    run_origin: tuple
+    block_size: int
+    codes: tuple
+
+
+def _tile_job(plan, tile):
+    return TileJob(tile=tile, units=[plan.units[u] for u in tile.units], skip=[plan.left_out[u] for u in tile.units],
+                   read_args=plan.settings.read_args(), resolution=plan.resolution, run_origin=plan.run_origin,
+                   block_size=plan.block_size, codes=plan.codes)
+
+
+def _run_tile(job, folder):
+    tile = job.tile
     try:
-        return _tools.run_tile(units, skip, *plan.settings.read_args(), plan.resolution, plan.run_origin,
-                               plan.block_size, tile.blocks, REACH_RESOLUTIONS * plan.resolution, folder, plan.codes)
+        return _tools.run_tile(job.units, job.skip, *job.read_args, job.resolution, job.run_origin, job.block_size,
+                               tile.blocks, REACH_RESOLUTIONS * job.resolution, folder, job.codes)
     except Exception as failure:
-        files = ", ".join(plan.files_of(tile)) or "none"
+        files = ", ".join(u[1] for u in job.units) or "none"
         raise TileError(f"tile {tile.index} ({_describe_blocks(tile.blocks)}) failed: {failure}; its files: {files}") \
             from None
 
 
-def _merge(plan, parts, output):
-    coloured = [plan.units[u] for u in plan.coloured]
-    return _tools.merge_parts(parts, plan.resolution, plan.min_piece, plan.fill_holes, coloured,
-                              *plan.settings.read_args(), output)
+def _merge(coloured, read_args, resolution, min_piece, fill_holes, parts, output):
+    return _tools.merge_parts(parts, resolution, min_piece, fill_holes, coloured, *read_args, output)
 
 
 def _parse_resolution(resolution):
@@ -375,9 +551,7 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
     markers_file = _tools.markers_file_for(inputs, "" if markers is None else os.fspath(markers))
 
     token = uuid.uuid4().hex[:12]
-    futures = client.map(_measure, scan_units, settings=settings,
-                         key=[f"measure-{i}-{token}" for i in range(len(scan_units))])
-    measured = client.gather(futures)
+    measured = _measure_all(client, scan_units, settings, "measure", token)
 
     sensor = _parse_sensor(sensor, to_mm, settings.origin)
     counts = [np.asarray(m["counts"], dtype=np.int64) for m in measured]
@@ -403,9 +577,7 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
             normals = _estimate_normals(client, scan_units, settings, measured, sensor, normals_dir, token)
             settings.normals_dir = normals_dir
             if resolution == "auto":  # the usable points by code, with the normals made
-                futures = client.map(_measure, scan_units, settings=settings,
-                                     key=[f"remeasure-{i}-{token}" for i in range(len(scan_units))])
-                measured = client.gather(futures)
+                measured = _measure_all(client, scan_units, settings, "remeasure", token)
         except BaseException:
             shutil.rmtree(normals_dir, ignore_errors=True)
             raise
@@ -432,9 +604,10 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
         # The engine's own origin: the median of every stride-th point of the run, frame after frame.
         stride = max(1, points // RUN_ORIGIN_SAMPLES)
         firsts = np.cumsum([0] + [int(c.sum()) for c in counts])[:-1]
-        futures = [client.submit(_sample, unit, settings, int(first), stride, key=f"sample-{i}-{token}")
-                   for i, (unit, first) in enumerate(zip(scan_units, firsts))]
-        sample = np.concatenate([np.asarray(s).reshape(-1, 3) for s in client.gather(futures)])
+        batches = _batches([int(c.sum()) for c in counts], BATCH_POINTS)
+        futures = [client.submit(_sample, [scan_units[u] for u in b], settings, firsts[b.start:b.stop].tolist(),
+                                 stride, key=f"sample-{i}-{token}") for i, b in enumerate(batches)]
+        sample = np.concatenate(client.gather(futures))
         run_origin = tuple(_tools.choose_run_origin(sample, resolution, block_size))
 
     # The blocks that may get triangles, from the boxes of the frames that take part.
@@ -460,18 +633,40 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
                 min_piece=int(min_piece), fill_holes=int(fill_holes), points=points, codes=codes,
                 spacing=spacing, normals_dir=normals_dir, normals=normals)
     tile_blocks = int(tile_blocks)
-    for index, start in enumerate(range(0, len(candidates), tile_blocks)):
-        blocks = candidates[start:start + tile_blocks].astype(np.int32)
-        # The blocks the tile's run computes: its own and their neighbours on the high side.
-        steps = np.array([(d & 1, (d >> 1) & 1, (d >> 2) & 1) for d in range(8)], dtype=np.int32)
-        computed = np.unique((blocks[:, None, :] + steps[None, :, :]).reshape(-1, 3), axis=0)
-        meets = np.zeros(len(ranges), dtype=bool)
-        for chunk in range(0, len(computed), 256):
-            c = computed[chunk:chunk + 256]
-            inside = (c[None, :, :] >= ranges[:, None, :3]) & (c[None, :, :] <= ranges[:, None, 3:])
-            meets |= inside.all(axis=2).any(axis=1)
-        plan.tiles.append(Tile(index=index, blocks=blocks, units=sorted(set(unit_of_frame[meets].tolist()))))
+    tiles = [candidates[start:start + tile_blocks].astype(np.int32) for start in range(0, len(candidates), tile_blocks)]
+    units_of = _tile_units(tiles, ranges, unit_of_frame)
+    for index, blocks in enumerate(tiles):
+        plan.tiles.append(Tile(index=index, blocks=blocks, units=units_of[index]))
     return plan
+
+
+def _tile_units(tiles, ranges, unit_of_frame):
+    """For each tile (its blocks), the units (ascending) of the frames whose block range (`ranges`: lowest x,
+    y, z then highest) holds a block its run computes: its own and their neighbours on the high side. The
+    computed blocks of all tiles sorted on x, each frame looks only at those within its range on x."""
+    steps = np.array([(d & 1, (d >> 1) & 1, (d >> 2) & 1) for d in range(8)], dtype=np.int32)
+    computed = [np.unique((blocks[:, None, :] + steps[None, :, :]).reshape(-1, 3), axis=0) for blocks in tiles]
+    if not computed:
+        return []
+    keys = np.concatenate(computed)
+    tile_of = np.repeat(np.arange(len(tiles)), [len(c) for c in computed])
+    order = np.argsort(keys[:, 0], kind="stable")
+    keys, tile_of = keys[order], tile_of[order]
+    firsts = np.searchsorted(keys[:, 0], ranges[:, 0], side="left")
+    lasts = np.searchsorted(keys[:, 0], ranges[:, 3], side="right")
+    base = int(unit_of_frame.max()) + 1 if len(unit_of_frame) else 1
+    pairs = []
+    for f in np.nonzero(lasts > firsts)[0]:
+        k = keys[firsts[f]:lasts[f]]
+        r = ranges[f]
+        inside = (k[:, 1] >= r[1]) & (k[:, 1] <= r[4]) & (k[:, 2] >= r[2]) & (k[:, 2] <= r[5])
+        if inside.any():
+            pairs.append(np.unique(tile_of[firsts[f]:lasts[f]][inside]) * base + unit_of_frame[f])
+    units = [[] for _ in tiles]
+    if pairs:
+        for pair in np.unique(np.concatenate(pairs)).tolist():  # by tile, then unit
+            units[pair // base].append(pair % base)
+    return units
 
 
 def run_plan(client, plan, output, parts_dir=None, before_merge=None):
@@ -484,7 +679,7 @@ def run_plan(client, plan, output, parts_dir=None, before_merge=None):
     # Names this run's tasks: a key that a former run's task still holds on the cluster would be taken as done.
     token = uuid.uuid4().hex[:12]
     try:
-        futures = [client.submit(_run_tile, plan, tile, folder, key=f"tile-{tile.index}-{token}")
+        futures = [client.submit(_run_tile, _tile_job(plan, tile), folder, key=f"tile-{tile.index}-{token}")
                    for tile in plan.tiles]
         try:
             written = client.gather(futures)
@@ -495,7 +690,9 @@ def run_plan(client, plan, output, parts_dir=None, before_merge=None):
             before_merge()
         keys = sorted(tuple(key) for tile in written for key, _ in tile)
         parts = [os.path.join(folder, _tools.part_name(*key)) for key in keys]
-        result = client.submit(_merge, plan, parts, output, key=f"merge-{token}").result()
+        result = client.submit(_merge, [plan.units[u] for u in plan.coloured], plan.settings.read_args(),
+                               plan.resolution, plan.min_piece, plan.fill_holes, parts, output,
+                               key=f"merge-{token}").result()
         result = dict(result, tiles=len(plan.tiles), parts=len(parts), points=plan.points,
                       run_origin=plan.run_origin, block_size=plan.block_size, resolution=plan.resolution)
         if result["triangles"] == 0:
