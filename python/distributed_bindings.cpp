@@ -22,6 +22,7 @@
 #include "MeshIO.h"
 #include "PlyReader.h"
 #include "PointCloudIO.h"
+#include "Reconstruction.h"
 #include "ScanFiles.h"
 #include "ScanFormats.h"
 #include "tessaline/Tessaline.h"
@@ -459,17 +460,7 @@ std::vector<std::size_t> framesLeftOutByMarkers(const std::string& markers_file,
         py::gil_scoped_release release;
         Tessaline engine;
         engine.setDiagnosticSink([&](const std::string& line, bool) {
-            const std::string start = FRAMES_LEFT_OUT_BY_MARKERS;
-            if (line.compare(0, start.size(), start) != 0) return;
-            named = true;
-            const char* at = line.c_str() + line.find("):") + 2;
-            for (;;) {
-                char* end = nullptr;
-                const unsigned long long f = std::strtoull(at, &end, 10);
-                if (end == at) break;
-                left_out.push_back(static_cast<std::size_t>(f));
-                at = end;
-            }
+            if (tessaline_tools::noteFramesLeftOut(line, left_out)) named = true;
         });
         status = engine.init();
         if (status == 0) status = engine.setRunOrigin({0.0, 0.0, 0.0});

@@ -33,13 +33,13 @@ SurfaceReconstruction::DiagnosticSink diagnosticSink(const RunOptions& options, 
     return nullptr;
 }
 
-// The frames named by the library's line that starts with FRAMES_LEFT_OUT_BY_MARKERS, added to `frames`;
-// any other line leaves them as they are.
-void noteFramesLeftOut(const std::string& line, std::vector<std::size_t>& frames) {
+}  // namespace
+
+bool noteFramesLeftOut(const std::string& line, std::vector<std::size_t>& frames) {
     const std::string start = SurfaceReconstruction::FRAMES_LEFT_OUT_BY_MARKERS;
-    if (line.compare(0, start.size(), start) != 0) return;
+    if (line.compare(0, start.size(), start) != 0) return false;
     const std::size_t colon = line.find("):", start.size());
-    if (colon == std::string::npos) return;
+    if (colon == std::string::npos) return false;
     const char* at = line.c_str() + colon + 2;
     for (;;) {
         char* end = nullptr;
@@ -48,9 +48,8 @@ void noteFramesLeftOut(const std::string& line, std::vector<std::size_t>& frames
         frames.push_back(static_cast<std::size_t>(f));
         at = end;
     }
+    return true;
 }
-
-}  // namespace
 
 double peakMemoryMiB() {
     struct rusage usage;

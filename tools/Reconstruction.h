@@ -50,6 +50,10 @@ private:
 // status and error text when the run fails, std::runtime_error when it cannot start.
 RunReport runReconstruction(Frames frames, const RunOptions& options);
 
+// The frames named by the library's line that starts with FRAMES_LEFT_OUT_BY_MARKERS, added to `frames`
+// (their places in the order they were added); true for such a line. Any other line leaves them as they are.
+bool noteFramesLeftOut(const std::string& line, std::vector<std::size_t>& frames);
+
 // Peak resident memory of this process so far, MiB.
 double peakMemoryMiB();
 
