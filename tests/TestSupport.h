@@ -11,6 +11,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -325,8 +326,11 @@ std::string errorOf(F&& f) {
 }
 
 // The real bunny scans beside the repository, in millimetres; tests that need them skip without them.
+// TESSALINE_TEST_DATA names another folder holding stanford-bunny/ (a test program carried to another
+// machine, as scripts/gpu.sh --prebuilt does).
 inline std::string bunnyPath(const std::string& file) {
-    return std::string(TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/" + file;
+    const char* moved = std::getenv("TESSALINE_TEST_DATA");
+    return std::string(moved && *moved ? moved : TESSALINE_TEST_DATA_DIR) + "/stanford-bunny/" + file;
 }
 inline std::string bunnyConfPath() { return bunnyPath("scans/bun.conf"); }
 
@@ -343,8 +347,12 @@ inline Frames bunnyFrames() {
     GTEST_SKIP() << "no scans at " << ::SurfaceReconstruction::testing_support::bunnyConfPath()
 
 // The command-line program, in builds that make it; the tests of the program skip without it.
+// TESSALINE_TEST_PROGRAM names it where the build's own path does not hold it.
 #if defined(TESSALINE_CLI_PATH)
-inline std::string programPath() { return TESSALINE_CLI_PATH; }
+inline std::string programPath() {
+    const char* moved = std::getenv("TESSALINE_TEST_PROGRAM");
+    return moved && *moved ? moved : TESSALINE_CLI_PATH;
+}
 #define TESSALINE_REQUIRE_PROGRAM() static_cast<void>(0)
 #else
 inline std::string programPath() { return std::string(); }
