@@ -8,8 +8,9 @@ KxL`). The distributed run uses a LocalCluster of worker processes, one thread e
 a worker's peak is its process's resident high-water mark (VmHWM of /proc/self/status, as ru_maxrss), read
 inside each worker (the processes live for the whole run): once the tiles are done, then the mark is reset
 (`5` written to /proc/self/clear_refs) and read again after the merge, a task on one of them: that worker's
-second mark is the merge's peak. The client's peak over the plan (its mark reset before it; the scheduler
-runs in the client's process) is read the same way.
+second mark is the merge's peak, and the merge's time runs from there to its result. The client's peak over
+the plan (its mark reset before it; the scheduler runs in the client's process) is read the same way. With
+`--parts-dir` the tiles' parts are kept there, so that the merge can be run again on them alone.
 """
 import argparse
 import json
@@ -60,7 +61,7 @@ def program_run(cli, folder, output, resolution, threads):
     return {"wall_s": round(wall, 1), "peak_mib": round(peak, 0) if peak else None}
 
 
-def distributed_run(folder, output, resolution, workers, memory_limit, tile_blocks):
+def distributed_run(folder, output, resolution, workers, memory_limit, tile_blocks, parts_dir=None):
     import distributed
 
     import tessaline
@@ -78,13 +79,16 @@ def distributed_run(folder, output, resolution, workers, memory_limit, tile_bloc
         planned = time.monotonic() - start
         client_peak = peak_mib()
         tiles = {}
+        merge_start = []
 
         def before_merge():
             tiles.update(client.run(peak_mib))
             client.run(reset_peak)
+            merge_start.append(time.monotonic())
 
-        result = td.run_plan(client, plan, output, before_merge=before_merge)
-        wall = time.monotonic() - start
+        result = td.run_plan(client, plan, output, parts_dir=parts_dir, before_merge=before_merge)
+        end = time.monotonic()
+        wall, merged = end - start, end - merge_start[0]
         merge = client.run(peak_mib)
     finally:
         client.close()
@@ -92,7 +96,8 @@ def distributed_run(folder, output, resolution, workers, memory_limit, tile_bloc
     return {"wall_s": round(wall, 1), "plan_s": round(planned, 1), "points": result["points"], "tiles": result["tiles"],
             "triangles": result["triangles"], "resolution": result["resolution"],
             "worker_peak_mib": sorted(round(v) for v in tiles.values()),
-            "merge_peak_mib": round(max(merge.values())), "client_plan_peak_mib": round(client_peak),
+            "merge_peak_mib": round(max(merge.values())), "merge_s": round(merged, 1),
+            "client_plan_peak_mib": round(client_peak),
             "spacing": {k: v for k, v in (plan.spacing or {}).items() if k in ("tasks", "asked", "measured")}}
 
 
@@ -108,6 +113,7 @@ def main():
     parser.add_argument("--tile-blocks", type=int, default=8)
     parser.add_argument("--no-program", action="store_true", help="skip the single-machine run (too large)")
     parser.add_argument("--threads", type=int, default=2, help="threads of the single-machine run")
+    parser.add_argument("--parts-dir", help="keep the tiles' parts in this folder (a temporary one otherwise)")
     parser.add_argument("--json", help="write the figures here too")
     args = parser.parse_args()
 
@@ -122,7 +128,7 @@ def main():
                "workers": args.workers, "memory_limit": args.memory_limit, "tile_blocks": args.tile_blocks,
                "cores": os.cpu_count()}
     figures["distributed"] = distributed_run(folder, out / "distributed.ply", args.resolution, args.workers,
-                                             args.memory_limit, args.tile_blocks)
+                                             args.memory_limit, args.tile_blocks, args.parts_dir)
     figures["points"] = figures["distributed"]["points"]
     print(json.dumps(figures["distributed"]), file=sys.stderr)
     if not args.no_program:

@@ -1,8 +1,9 @@
 // Welding the engine's triangle soup into shared vertices, vertex normals, and the counts of a mesh, on
-// all cores. Each result is the one a single thread gets taking the soup in order: a step either decides
-// every item alone, or keeps the lowest of several items (which is the same whichever comes first), or
-// numbers items by counting those before them; the one decision that depends on earlier decisions (which
-// position a near one joins) is taken in order, for the few positions that have a near one.
+// all cores; and the same weld of a soup that comes in pieces, a piece at a time (MeshWelder). Each result
+// is the one a single thread gets taking the soup in order: a step either decides every item alone, or
+// keeps the lowest of several items (which is the same whichever comes first), or numbers items by
+// counting those before them; the one decision that depends on earlier decisions (which position a near
+// one joins) is taken in order, for the few positions that have a near one.
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -488,6 +489,330 @@ int weld(const MultiMeshData& soup, float tolerance, IndexedMesh& mesh, std::siz
     return 0;
 }
 
+// The weld of a soup in pieces (MeshWelder) takes the soup's corners in order on one thread and decides each
+// as the weld above decides it over the whole soup: a corner's bits are looked up among the positions so
+// far, a new position looks for the earliest near representative among the earlier ones in the 27 cells
+// around it, and a kept triangle numbers the vertices it is the first to use. What it keeps grows with the
+// positions and the kept triangles, never with the pieces already added.
+
+// Arrays that grow a block of 65,536 elements at a time: nothing is moved or held twice as they grow.
+template <class T>
+class BlockArray {
+public:
+    std::size_t size() const { return m_size; }
+    T& operator[](std::size_t i) { return m_blocks[i >> SHIFT][i & MASK]; }
+    const T& operator[](std::size_t i) const { return m_blocks[i >> SHIFT][i & MASK]; }
+    void push_back(const T& value) {
+        if (m_size == m_blocks.size() << SHIFT) m_blocks.emplace_back(new T[BLOCK]);
+        (*this)[m_size++] = value;
+    }
+    // Moves the elements into `out` (replaced), each block given back once it is copied.
+    void moveInto(std::vector<T>& out) {
+        out = std::vector<T>();
+        out.reserve(m_size);
+        for (std::size_t b = 0; b < m_blocks.size(); ++b) {
+            const T* first = m_blocks[b].get();
+            out.insert(out.end(), first, first + std::min(BLOCK, m_size - (b << SHIFT)));
+            m_blocks[b].reset();
+        }
+        *this = BlockArray();
+    }
+
+private:
+    static constexpr int SHIFT = 16;
+    static constexpr std::size_t BLOCK = std::size_t{1} << SHIFT, MASK = BLOCK - 1;
+    std::vector<std::unique_ptr<T[]>> m_blocks;
+    std::size_t m_size = 0;
+};
+
+// Position numbers by a key, open addressing (a slot holds 1 + the number, 0: empty), 4 bytes a slot: the
+// caller compares the keys at the positions themselves and keeps the table at most half full.
+class PositionSlots {
+public:
+    void resize(int log2_slots) {
+        m_slots = std::vector<std::uint32_t>();  // the old slots go first
+        m_slots.assign(std::size_t{1} << log2_slots, 0);
+        m_shift = 64 - log2_slots;
+    }
+    // The slot of the position whose key `matches` accepts, or the empty slot where it would go.
+    template <class Matches>
+    std::size_t find(std::uint64_t hash, const Matches& matches) const {
+        const std::size_t mask = m_slots.size() - 1;
+        std::size_t s = hash >> m_shift;
+        while (m_slots[s] != 0 && !matches(m_slots[s] - 1)) s = (s + 1) & mask;
+        return s;
+    }
+    // The empty slot for a key that the table does not hold.
+    std::size_t empty(std::uint64_t hash) const {
+        return find(hash, [](std::uint32_t) { return false; });
+    }
+    std::uint32_t at(std::size_t slot) const { return m_slots[slot] - 1; }  // NONE when empty
+    void set(std::size_t slot, std::uint32_t position) { m_slots[slot] = position + 1; }
+    void prefetch(std::uint64_t hash) const { __builtin_prefetch(&m_slots[hash >> m_shift]); }
+    std::uint32_t first(std::uint64_t hash) const { return m_slots[hash >> m_shift] - 1; }  // in the key's own slot
+
+private:
+    std::vector<std::uint32_t> m_slots;
+    int m_shift = 64;
+};
+
+// Which coarse cells hold a position: two bits of one 64-bit word for each (the word and the bits from the
+// coarse cell's hash). A cell found without them holds none for certain; one found with them may hold none
+// (about 1 in 200 at 32 bits a position; a single bit a cell would be 1 in 30).
+class CoarseFilter {
+public:
+    void resize(int log2_words) {
+        m_words = std::vector<std::uint64_t>();
+        m_words.assign(std::size_t{1} << log2_words, 0);
+        m_shift = 64 - log2_words;
+    }
+    bool has(std::uint64_t hash) const { return (m_words[hash >> m_shift] & bits(hash)) == bits(hash); }
+    void put(std::uint64_t hash) { m_words[hash >> m_shift] |= bits(hash); }
+    void prefetch(std::uint64_t hash) const { __builtin_prefetch(&m_words[hash >> m_shift]); }
+
+private:
+    static std::uint64_t bits(std::uint64_t hash) {
+        const std::uint64_t mixed = hash * 0xD6E8FEB86659FD93ull;
+        return std::uint64_t{1} << (mixed >> 58) | std::uint64_t{1} << (mixed >> 52 & 63);
+    }
+    std::vector<std::uint64_t> m_words;
+    int m_shift = 64;
+};
+
+// A position of the weld in pieces.
+struct WeldPosition {
+    Vec3f point;           // its bits, those of its first corner
+    std::uint32_t rep;     // its representative
+    std::uint32_t vertex;  // for a representative, its vertex; NONE until a kept triangle uses it
+    std::uint32_t next;    // the next position of its cell, ascending; the last one leads back to the first
+};
+
+}  // namespace
+
+struct MeshWelder::State {
+    explicit State(float tolerance)
+        : tolerance(tolerance), inverse(1.0 / static_cast<double>(tolerance)), local(PIECE_SLOTS, {{0, 0, 0}, NONE}) {
+        rebuild(10);
+    }
+
+    const float tolerance;
+    const double inverse;
+    std::size_t triangles = 0;  // of all pieces added
+    BlockArray<WeldPosition> positions;
+    // The tables over the positions, 2^log2_slots slots each, made again twice as large from the positions
+    // when these fill half of them.
+    int log2_slots = 0;
+    PositionSlots exact;  // by bits
+    PositionSlots cells;  // by cell of the tolerance: the cell's last position
+    // The coarse cells (COARSE_SHIFT) that hold a position, 32 to 64 bits a position: most new positions have
+    // none in the coarse cells around and look no further.
+    CoarseFilter coarse_cells;
+    BlockArray<Vec3f> vertices;
+    BlockArray<std::uint32_t> words;
+    BlockArray<std::array<std::uint32_t, 3>> kept;
+
+    // A batch of PIECE_TRIANGLES triangles at a time: its corners' bits, each once ("items", in the order of
+    // their first corners), found in a table of the batch's own that stays in the core's cache; then the
+    // items' places in the tables are fetched from memory together, before they are needed.
+    struct LocalSlot {
+        Bits bits;
+        std::uint32_t item;
+    };
+    struct Item {
+        Bits bits;
+        Cell cell;
+        std::uint64_t hash, cell_hash;
+        std::uint32_t rep;
+    };
+    std::vector<LocalSlot> local;
+    std::vector<std::uint32_t> taken;  // the local slots in use
+    std::vector<Item> items;
+    std::vector<std::uint32_t> corner_item;
+
+    Cell cellAt(const Vec3f& p) const {
+        return {SurfaceReconstruction::cellOf(p[0], inverse), SurfaceReconstruction::cellOf(p[1], inverse),
+                SurfaceReconstruction::cellOf(p[2], inverse)};
+    }
+    bool near(const Vec3f& p, const Vec3f& q) const {
+        return std::fabs(p[0] - q[0]) <= tolerance && std::fabs(p[1] - q[1]) <= tolerance &&
+               std::fabs(p[2] - q[2]) <= tolerance;
+    }
+    bool coarseSet(const Cell& coarse_cell) const { return coarse_cells.has(hashOf(coarse_cell)); }
+    std::uint32_t cellSlotOf(const Cell& cell, std::uint64_t hash) const {
+        return cells.find(hash, [&](std::uint32_t r) { return same(cellAt(positions[r].point), cell); });
+    }
+
+    // Whether an earlier position may lie in one of the 27 cells around `cell`: whether one of the coarse cells
+    // they lie in (its own, or up to 8 at the edge of its own) holds one. Also false for an earlier position
+    // with the same bits, which lies in the same cell.
+    bool mayHaveNear(const Cell& cell) const {
+        if (coarseSet(coarse(cell)) || insideCoarse(cell)) return coarseSet(coarse(cell));
+        std::int64_t around[3][3];
+        int n[3];
+        for (int k = 0; k < 3; ++k) {
+            n[k] = 0;
+            for (int d = -1; d <= 1; ++d) {
+                const std::int64_t g = step(cell[k], d) >> COARSE_SHIFT;
+                if (std::find(around[k], around[k] + n[k], g) == around[k] + n[k]) around[k][n[k]++] = g;
+            }
+        }
+        for (int i = 0; i < n[0]; ++i)
+            for (int j = 0; j < n[1]; ++j)
+                for (int k = 0; k < n[2]; ++k)
+                    if (coarseSet({around[0][i], around[1][j], around[2][k]})) return true;
+        return false;
+    }
+
+    // The representative of a new position u at `p` in `cell`: the earliest representative among the earlier
+    // positions in the 27 cells around that lies within the tolerance, else u itself.
+    std::uint32_t representative(std::uint32_t u, const Vec3f& p, const Cell& cell) const {
+        // The 27 cells' slots, then the positions in them, are fetched from memory together first.
+        Cell keys[27];
+        std::uint64_t hashes[27];
+        for (int i = 0; i < 27; ++i) {
+            keys[i] = {step(cell[0], i / 9 - 1), step(cell[1], i / 3 % 3 - 1), step(cell[2], i % 3 - 1)};
+            hashes[i] = hashOf(keys[i]);
+            cells.prefetch(hashes[i]);
+        }
+        for (int i = 0; i < 27; ++i) prefetchPosition(cells.first(hashes[i]));
+        std::uint32_t best = u;
+        for (int i = 0; i < 27; ++i) {
+            const std::uint32_t last = cells.at(cellSlotOf(keys[i], hashes[i]));
+            if (last == NONE) continue;
+            for (std::uint32_t r = positions[last].next; r < best; r = positions[r].next) {
+                const WeldPosition& q = positions[r];
+                if (q.rep == r && near(p, q.point)) {
+                    best = r;
+                    break;
+                }
+                if (r == last) break;
+            }
+        }
+        return best;
+    }
+    void prefetchPosition(std::uint32_t r) const {
+        if (r != NONE) __builtin_prefetch(&positions[r]);
+    }
+
+    // The representative of an item's position, the position made when it is new.
+    std::uint32_t repOf(const Item& item) {
+        const std::uint32_t u = static_cast<std::uint32_t>(positions.size());
+        Vec3f p;
+        std::memcpy(p.data(), item.bits.data(), sizeof(p));
+        if (!mayHaveNear(item.cell)) {  // new, alone in its cell: it goes into the first empty slots
+            positions.push_back({p, u, NONE, u});
+            exact.set(exact.empty(item.hash), u);
+            cells.set(cells.empty(item.cell_hash), u);
+        } else {
+            const std::size_t slot = exact.find(item.hash, [&](std::uint32_t r) {
+                Bits b;
+                std::memcpy(b.data(), positions[r].point.data(), sizeof(b));
+                return same(b, item.bits);
+            });
+            if (exact.at(slot) != NONE) return positions[exact.at(slot)].rep;
+            positions.push_back({p, representative(u, p, item.cell), NONE, u});
+            exact.set(slot, u);
+            const std::size_t in_cells = cellSlotOf(item.cell, item.cell_hash);
+            const std::uint32_t last = cells.at(in_cells);
+            if (last != NONE) {  // u joins its cell's ring after the last one
+                positions[u].next = positions[last].next;
+                positions[last].next = u;
+            }
+            cells.set(in_cells, u);
+        }
+        coarse_cells.put(hashOf(coarse(item.cell)));
+        if (2 * positions.size() > std::size_t{1} << log2_slots) rebuild(log2_slots + 1);
+        return positions[u].rep;
+    }
+
+    // The tables at 2^log2 slots, from the positions, a batch at a time: the slots of a batch are fetched
+    // from memory together. A cell's last position is the one whose ring leads back to a lower one (or itself).
+    void rebuild(int log2) {
+        log2_slots = log2;
+        exact.resize(log2);
+        cells.resize(log2);
+        coarse_cells.resize(log2 - 2);
+        constexpr std::uint32_t BATCH = 64;
+        std::uint64_t hashes[BATCH], cell_hashes[BATCH], coarse_hashes[BATCH];
+        const std::uint32_t count = static_cast<std::uint32_t>(positions.size());
+        for (std::uint32_t begin = 0; begin < count; begin += BATCH) {
+            const std::uint32_t end = std::min(count, begin + BATCH);
+            for (std::uint32_t r = begin; r < end; ++r) {
+                const WeldPosition& q = positions[r];
+                Bits b;
+                std::memcpy(b.data(), q.point.data(), sizeof(b));
+                const Cell cell = cellAt(q.point);
+                hashes[r - begin] = hashOf(b);
+                cell_hashes[r - begin] = hashOf(cell);
+                coarse_hashes[r - begin] = hashOf(coarse(cell));
+                exact.prefetch(hashes[r - begin]);
+                if (q.next <= r) cells.prefetch(cell_hashes[r - begin]);
+                coarse_cells.prefetch(coarse_hashes[r - begin]);
+            }
+            for (std::uint32_t r = begin; r < end; ++r) {
+                exact.set(exact.empty(hashes[r - begin]), r);
+                if (positions[r].next <= r) cells.set(cells.empty(cell_hashes[r - begin]), r);
+                coarse_cells.put(coarse_hashes[r - begin]);
+            }
+        }
+    }
+
+    void add(const MultiMeshData& piece) {
+        for (std::size_t begin = 0; begin < piece.xyz.size(); begin += PIECE_TRIANGLES) {
+            const std::size_t end = std::min(piece.xyz.size(), begin + PIECE_TRIANGLES);
+            items.clear();
+            corner_item.assign(3 * (end - begin), NONE);
+            for (std::size_t t = begin; t < end; ++t)
+                for (int v = 0; v < 3; ++v) {
+                    Bits bits;
+                    if (!cornerBits(piece, t, v, bits)) continue;
+                    std::size_t s = hashOf(bits) >> PIECE_SHIFT;
+                    while (local[s].item != NONE && !same(local[s].bits, bits)) s = (s + 1) & (PIECE_SLOTS - 1);
+                    if (local[s].item == NONE) {
+                        local[s] = {bits, static_cast<std::uint32_t>(items.size())};
+                        taken.push_back(static_cast<std::uint32_t>(s));
+                        items.push_back({bits, {}, 0, 0, NONE});
+                    }
+                    corner_item[3 * (t - begin) + v] = local[s].item;
+                }
+            for (std::uint32_t s : taken) local[s].item = NONE;
+            taken.clear();
+            for (Item& item : items) {
+                Vec3f p;
+                std::memcpy(p.data(), item.bits.data(), sizeof(p));
+                item.cell = cellAt(p);
+                item.hash = hashOf(item.bits);
+                item.cell_hash = hashOf(item.cell);
+                coarse_cells.prefetch(hashOf(coarse(item.cell)));
+                exact.prefetch(item.hash);
+                cells.prefetch(item.cell_hash);
+            }
+            for (const Item& item : items) prefetchPosition(exact.first(item.hash));
+            for (Item& item : items) item.rep = repOf(item);
+            for (std::size_t t = begin; t < end; ++t) {
+                const std::uint32_t* c = &corner_item[3 * (t - begin)];
+                if (c[0] == NONE || c[1] == NONE || c[2] == NONE) continue;
+                std::array<std::uint32_t, 3> r = {items[c[0]].rep, items[c[1]].rep, items[c[2]].rep};
+                if (r[0] == r[1] || r[0] == r[2] || r[1] == r[2]) continue;
+                for (int v = 0; v < 3; ++v) {
+                    WeldPosition& q = positions[r[v]];
+                    if (q.vertex == NONE) {
+                        q.vertex = static_cast<std::uint32_t>(vertices.size());
+                        vertices.push_back(q.point);
+                        words.push_back(0);
+                    }
+                    words[q.vertex] |= piece.w[t].w[v];
+                    r[v] = q.vertex;
+                }
+                kept.push_back(r);
+            }
+        }
+        triangles += piece.xyz.size();
+    }
+};
+
+namespace {
+
 // A union-find that threads join at once: a root is linked below a lower root, and a find halves the path
 // it walks; the sets come out the same whatever the order of the joins.
 class SharedUnionFind {
@@ -622,6 +947,58 @@ int refreshNormals(IndexedMesh& mesh) { return mesh.normals.empty() ? 0 : comput
 int weldMesh(const MultiMeshData& soup, float tolerance, IndexedMesh& mesh, std::size_t* degenerate) {
     const int status = guarded([&] { return weld(soup, tolerance, mesh, degenerate); });
     if (status != 0) mesh = IndexedMesh();
+    return status;
+}
+
+MeshWelder::MeshWelder(float tolerance) noexcept : m_tolerance(tolerance) {}
+MeshWelder::~MeshWelder() = default;
+MeshWelder::MeshWelder(MeshWelder&&) noexcept = default;
+MeshWelder& MeshWelder::operator=(MeshWelder&&) noexcept = default;
+
+int MeshWelder::add(const MultiMeshData& piece) {
+    if (m_failure != 0) return m_failure;
+    if (!(m_tolerance > 0.0f) || !std::isfinite(m_tolerance) || piece.w.size() != piece.xyz.size()) return 1;
+    const std::size_t before = m_state ? m_state->triangles : 0;
+    if (piece.xyz.size() >= UINT32_MAX / 3 - before) return 1;  // weldMesh's limit over all pieces
+    const int status = guarded([&] {
+        if (!m_state) m_state = std::make_unique<State>(m_tolerance);
+        m_state->add(piece);
+        return 0;
+    });
+    if (status != 0) {  // the weld stopped part of the way through the piece
+        m_failure = status;
+        m_state.reset();
+    }
+    return status;
+}
+
+int MeshWelder::finish(IndexedMesh& mesh, std::size_t* degenerate) {
+    mesh = IndexedMesh();
+    if (degenerate) *degenerate = 0;
+    std::unique_ptr<State> state = std::move(m_state);
+    const int failure = m_failure;
+    m_failure = 0;
+    if (failure != 0) return failure;
+    if (!(m_tolerance > 0.0f) || !std::isfinite(m_tolerance)) return 1;
+    if (!state) return 0;  // no triangles: weldMesh's empty mesh
+    const int status = guarded([&] {
+        // The tables go before the mesh is put together, block by block.
+        const std::size_t triangles = state->triangles;
+        BlockArray<Vec3f> vertices = std::move(state->vertices);
+        BlockArray<std::uint32_t> words = std::move(state->words);
+        BlockArray<std::array<std::uint32_t, 3>> kept = std::move(state->kept);
+        state.reset();
+        vertices.moveInto(mesh.vertices);
+        words.moveInto(mesh.words);
+        kept.moveInto(mesh.triangles);
+        if (degenerate) *degenerate = triangles - mesh.triangles.size();
+        mesh.normals = vertexNormals(mesh);
+        return 0;
+    });
+    if (status != 0) {
+        mesh = IndexedMesh();
+        if (degenerate) *degenerate = 0;
+    }
     return status;
 }
 

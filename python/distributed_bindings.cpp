@@ -919,7 +919,8 @@ std::pair<std::size_t, std::size_t> makeNormalsUnit(const std::vector<UnitTuple>
 }
 
 // The last step, as `tessaline reconstruct` finishes its soup: the parts in key order (`parts`, sorted by
-// the caller) welded at a ten-thousandth of the resolution, small pieces removed, small holes filled, the
+// the caller) welded at a ten-thousandth of the resolution one after another (MeshWelder: the weld of the
+// whole soup, without holding it), small pieces removed, small holes filled, the
 // vertices coloured from the coloured points of `coloured` units (read again, in the run's order), scaled
 // to the input's unit and written with the geo-referenced origin added back. Returns the mesh's figures;
 // an empty mesh is not written.
@@ -933,9 +934,18 @@ py::dict mergeParts(const std::vector<std::string>& parts, float resolution, std
         py::gil_scoped_release release;
         IndexedMesh mesh;
         {
-            MultiMeshData soup;
-            for (const std::string& path : parts) readPart(path, soup);
-            const int status = weldMesh(soup, resolution * 1e-4f, mesh, &degenerate);
+            // A part at a time: read, welded onto those before it, dropped (its room kept for the next).
+            MeshWelder welder(resolution * 1e-4f);
+            MultiMeshData part;
+            for (const std::string& path : parts) {
+                part.xyz.clear();
+                part.w.clear();
+                readPart(path, part);
+                const int status = welder.add(part);
+                if (status != 0) meshFailure("welding the mesh (" + path + ")", status);
+            }
+            part = MultiMeshData();
+            const int status = welder.finish(mesh, &degenerate);
             if (status != 0) meshFailure("welding the mesh", status);
         }
         int status = removeSmallPieces(mesh, min_piece, &removed);

@@ -1,6 +1,7 @@
 // The mesh library beside the engine, on meshes whose answer is known by hand: welding a soup, vertex
 // normals, removing small pieces, filling small holes, and the point spacing that chooses a resolution.
-// The weld, which runs on all cores, is also held to a plain one-thread weld, bit for bit.
+// The weld, which runs on all cores, is also held to a plain one-thread weld, bit for bit, and the weld in
+// pieces to the weld of the whole soup.
 #include <map>
 
 #include "TestSupport.h"
@@ -199,6 +200,29 @@ MultiMeshData nearSoup(std::uint32_t seed, Vec3f origin, float tolerance, float 
     return soup;
 }
 
+// Lone points on the borders of the weld's coarse cells (64 tolerances a side) far apart, each copied about
+// six times, each copy moved by up to 1.5 tolerances on each axis: near copies in neighbouring coarse cells,
+// with nothing else around.
+MultiMeshData seamSoup(std::uint32_t seed, float tolerance, std::size_t triangles) {
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> border(-400, 400);
+    std::uniform_real_distribution<float> moved(-1.5f, 1.5f);
+    std::vector<Vec3f> points(triangles / 2);
+    for (Vec3f& p : points)
+        for (float& x : p) x = 64.0f * tolerance * static_cast<float>(border(random));
+    MultiMeshData soup;
+    for (std::size_t t = 0; t < triangles; ++t) {
+        TriangleXYZ xyz;
+        for (int v = 0; v < 3; ++v) {
+            const Vec3f& p = points[random() % points.size()];
+            for (int k = 0; k < 3; ++k) xyz.xyz[3 * v + k] = p[k] + moved(random) * tolerance;
+        }
+        soup.xyz.push_back(xyz);
+        soup.w.push_back(TriangleW{{1u << (t % 32), 2, 3}});
+    }
+    return soup;
+}
+
 template <class T>
 bool sameBytes(const std::vector<T>& a, const std::vector<T>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
@@ -275,6 +299,86 @@ TEST(Weld, RefusesWhatItCannotWeld) {
     }
     soup.w.pop_back();
     EXPECT_EQ(weldMesh(soup, 1e-4f, mesh), 1);
+}
+
+// The weld in pieces against weldMesh of the whole soup, for cuts of every kind: near copies, chains,
+// collapsed triangles and corners that are not finite fall on both sides of a cut or alone in a piece.
+TEST(Weld, InPiecesIsTheWeldOfTheWholeSoupBitForBit) {
+    const struct {
+        std::uint32_t seed;
+        Vec3f origin;
+        float tolerance, spacing;
+    } cases[] = {{1, {0.0f, 0.0f, 0.0f}, 1e-3f, 2.5f},
+                 {2, {0.05f, -0.3f, 0.11f}, 1e-3f, 1.5f},
+                 {3, {1000.0f, 250.0f, -600.0f}, 1e-4f, 3.0f},
+                 {4, {3.2f, 3.2f, 3.2f}, 0.05f, 2.0f},
+                 {5, {0.0f, 0.0f, 0.0f}, 1e-3f, 0.0f}};
+    for (const auto& c : cases) {
+        // The seed 5: lone points on the borders of coarse cells.
+        const MultiMeshData soup = c.seed == 5 ? seamSoup(c.seed, c.tolerance, 4000)
+                                               : nearSoup(c.seed, c.origin, c.tolerance, c.spacing, 20000);
+        const std::size_t n = soup.xyz.size();
+        IndexedMesh expected;
+        std::size_t expected_degenerate = 0, plain_degenerate = 0, joined = 0, passed = 0;
+        ASSERT_EQ(weldMesh(soup, c.tolerance, expected, &expected_degenerate), 0);
+        plainWeld(soup, c.tolerance, plain_degenerate, joined, passed);
+        EXPECT_GT(joined, 200u) << c.seed;  // near copies to join, in whatever piece they lie
+        // Piece sizes: the whole soup, a triangle a piece, random cuts with empty pieces among them.
+        std::vector<std::vector<std::size_t>> cuts = {{n}, std::vector<std::size_t>(n, 1), {0, 0, n, 0}};
+        std::mt19937 random(c.seed);
+        for (std::size_t most : {7, 500, 6000}) {
+            std::vector<std::size_t> sizes;
+            for (std::size_t left = n; left > 0;) {
+                const std::size_t size = std::min(left, random() % (most + 1));  // 0 now and then
+                sizes.push_back(size);
+                left -= size;
+            }
+            cuts.push_back(sizes);
+        }
+        for (std::size_t k = 0; k < cuts.size(); ++k) {
+            MeshWelder welder(c.tolerance);
+            std::size_t at = 0;
+            for (std::size_t size : cuts[k]) {
+                MultiMeshData piece;
+                piece.xyz.assign(soup.xyz.begin() + at, soup.xyz.begin() + at + size);
+                piece.w.assign(soup.w.begin() + at, soup.w.begin() + at + size);
+                at += size;
+                ASSERT_EQ(welder.add(piece), 0);
+            }
+            IndexedMesh mesh;
+            std::size_t degenerate = 0;
+            ASSERT_EQ(welder.finish(mesh, &degenerate), 0);
+            EXPECT_EQ(degenerate, expected_degenerate) << c.seed << " cut " << k;
+            EXPECT_TRUE(sameBytes(mesh.vertices, expected.vertices)) << c.seed << " cut " << k;
+            EXPECT_TRUE(sameBytes(mesh.triangles, expected.triangles)) << c.seed << " cut " << k;
+            EXPECT_EQ(mesh.words, expected.words) << c.seed << " cut " << k;
+            EXPECT_TRUE(sameBytes(mesh.normals, expected.normals)) << c.seed << " cut " << k;
+        }
+    }
+}
+
+TEST(Weld, InPiecesRefusesWhatWeldMeshRefusesAndStartsOverAfterFinish) {
+    const MultiMeshData soup = nearSoup(5, {0.0f, 0.0f, 0.0f}, 1e-3f, 2.5f, 300);
+    IndexedMesh expected, mesh = cube();
+    ASSERT_EQ(weldMesh(soup, 1e-3f, expected), 0);
+    for (float tolerance : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()}) {
+        MeshWelder welder(tolerance);
+        EXPECT_EQ(welder.add(soup), 1) << tolerance;
+        EXPECT_EQ(welder.finish(mesh), 1) << tolerance;
+        EXPECT_TRUE(mesh.vertices.empty() && mesh.triangles.empty());
+    }
+    MeshWelder welder(1e-3f);
+    MultiMeshData broken = soup;
+    broken.w.pop_back();
+    EXPECT_EQ(welder.add(broken), 1);  // refused, nothing added
+    ASSERT_EQ(welder.finish(mesh), 0);
+    EXPECT_TRUE(mesh.vertices.empty() && mesh.triangles.empty() && mesh.normals.empty());
+    for (int round = 0; round < 2; ++round) {  // a finished welder welds the next soup from nothing
+        ASSERT_EQ(welder.add(broken), 1);
+        ASSERT_EQ(welder.add(soup), 0);
+        ASSERT_EQ(welder.finish(mesh), 0);
+        EXPECT_TRUE(sameBytes(mesh.vertices, expected.vertices) && sameBytes(mesh.triangles, expected.triangles));
+    }
 }
 
 TEST(Normals, AreAreaWeightedUnitVectorsOnTheFrontSide) {

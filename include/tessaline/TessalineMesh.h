@@ -5,10 +5,11 @@
 // pieces removed, small holes filled, and its vertices coloured from the scan's coloured points.
 //
 // The functions are plain and stateless: they hold no locks and keep nothing between calls, so any
-// thread may call them, on different meshes at once. Welding, normals and describeMesh run on all cores
-// (OpenMP threads), with the same result for any number of threads. None throws: each returns a status,
-// 0 on success, TESSALINE_FAILURE (1) for an argument it refuses and TESSALINE_OUT_OF_MEMORY (66049) when
-// memory runs out; on a failure the output is left empty (weldMesh) or unchanged (the edits).
+// thread may call them, on different meshes at once (a MeshWelder holds one weld in progress, for one thread
+// at a time). Welding, normals and describeMesh run on all cores (OpenMP threads), with the same result for
+// any number of threads. None throws: each returns a status, 0 on success, TESSALINE_FAILURE (1) for an
+// argument it refuses and TESSALINE_OUT_OF_MEMORY (66049) when memory runs out; on a failure the output is
+// left empty (weldMesh) or unchanged (the edits).
 #pragma once
 
 #include <array>
@@ -72,6 +73,38 @@ struct MeshStatistics {
 // 1,431,655,765 triangles or more (corners beyond 32-bit numbers) is refused.
 TESSALINE_MESH_API int weldMesh(const MultiMeshData& soup, float tolerance, IndexedMesh& mesh,
                                 std::size_t* degenerate = nullptr);
+
+// weldMesh for a soup that comes in pieces (the parts of a scan meshed tile by tile): adding pieces P1, ...,
+// Pn in order and finishing gives exactly weldMesh of the soup P1 + ... + Pn at the same tolerance, the same
+// vertices in the same order, triangles, words, normals and degenerate count, bit for bit. A piece is only
+// read, and not held once add returns: the welder holds the welded triangles and vertices so far (12 bytes a
+// triangle, 16 a vertex) and its tables over the positions seen (44 to 64 bytes a position; an engine's soup
+// has about half a position a triangle), never the whole soup. add works on the calling thread (on two cores
+// about as fast as weldMesh on both); finish computes the normals on all cores. Nothing throws: the calls
+// return statuses as the functions do.
+class TESSALINE_MESH_API MeshWelder {
+public:
+    explicit MeshWelder(float tolerance) noexcept;
+    ~MeshWelder();
+    MeshWelder(MeshWelder&&) noexcept;
+    MeshWelder& operator=(MeshWelder&&) noexcept;
+    MeshWelder(const MeshWelder&) = delete;
+    MeshWelder& operator=(const MeshWelder&) = delete;
+
+    // Welds `piece` onto the pieces before it. 1 (nothing added) for a tolerance that weldMesh refuses, a
+    // piece whose two lists differ in length, or triangles beyond weldMesh's limit over all pieces; 66049 when
+    // memory runs out, after which the weld is lost: every call until finish returns 66049.
+    int add(const MultiMeshData& piece);
+    // The weld of all pieces added into `mesh` (replaced; left empty on a failure, whose status it returns),
+    // and the triangles left out into `degenerate`. The welder is then empty, ready for another soup.
+    int finish(IndexedMesh& mesh, std::size_t* degenerate = nullptr);
+
+private:
+    struct State;
+    float m_tolerance;
+    int m_failure = 0;  // the status that lost the weld
+    std::unique_ptr<State> m_state;
+};
 
 // Fills `mesh.normals` with the area-weighted vertex normals of the triangles as they are.
 TESSALINE_MESH_API int computeVertexNormals(IndexedMesh& mesh);
