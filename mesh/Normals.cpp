@@ -76,7 +76,6 @@ class Grid {
 public:
     // Sorts `points` (reordered in place, `origins` with them) into cells of about `edge`.
     void build(std::vector<Vec3f>& points, std::vector<Origin>& origins, double edge) {
-        const std::size_t n = points.size();
         double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
         for (const Vec3f& p : points)
             for (int k = 0; k < 3; ++k) {

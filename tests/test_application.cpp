@@ -140,7 +140,9 @@ TEST(RunInProgress, AStopAskedFromAnyThreadEndsTheRunAtItsNextSafePointAndTheEng
         EXPECT_LE(last_step, step == 4 ? 3 : step + 1);
         ASSERT_EQ(engine.deInit(), 0);
         ASSERT_TRUE(initWith(engine, small));
-        if (step == 4) EXPECT_EQ(engine.requestStop(), 0);  // outside a run: nothing to stop
+        if (step == 4) {
+            EXPECT_EQ(engine.requestStop(), 0);  // outside a run: nothing to stop
+        }
         // A stop asked before a run, or during the one before, is not remembered by the next.
         EXPECT_EQ(processQuietly(engine, mesh), 0) << engine.getLastErrorMsg();
         EXPECT_GT(mesh->xyz.size(), 100u);
