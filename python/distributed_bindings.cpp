@@ -222,76 +222,83 @@ tessaline_tools::ScanInput readUnitWithin(const ScanUnit& unit, const ReadSettin
 // The first pass: what the plan needs of each frame of a unit. Its point count (all points, as the engine
 // counts them for its origin's sample), the box of its finite points, whether it came with normals and
 // colours, its pose and its markers.
-py::dict measureUnit(const UnitTuple& unit, float to_mm, int scale_code, bool explicit_code, const Origin& origin,
-                     const std::string& normals_dir) {
-    tessaline_tools::ScanInput scan;
+// A numpy array of `values`, shaped (values / width, width) where width > 1.
+template <typename T>
+py::array_t<T> arrayOf(const std::vector<T>& values, std::size_t width = 1) {
+    if (width == 1) return py::array_t<T>(static_cast<py::ssize_t>(values.size()), values.data());
+    return py::array_t<T>({static_cast<py::ssize_t>(values.size() / width), static_cast<py::ssize_t>(width)},
+                          values.data());
+}
+
+// What the plan needs of each frame of a batch of units, as a few arrays over all their frames in order
+// (a worker then makes a handful of objects a batch, not some thirty a file, whose scattered leftovers
+// kept the workers' heaps growing with the files): each unit's frame count; each frame's point count,
+// finite points, box, points and usable points by code as chooseScaleCodes sees them, normals and colours
+// given or not, scanner position known or not; and the markers: each frame's count, then the markers of
+// all frames together, with each frame's pose.
+py::dict measureUnits(const std::vector<UnitTuple>& units, float to_mm, int scale_code, bool explicit_code,
+                      const Origin& origin, const std::string& normals_dir) {
+    std::vector<std::int64_t> frames, counts, finite_counts, seen, codes, marker_counts;
+    std::vector<double> lo, hi, rotation, translation;
+    std::vector<std::uint8_t> normals, colours, sensors;
+    std::vector<std::int32_t> marker_ids;
+    std::vector<float> marker_xyz, marker_nor;
     {
         py::gil_scoped_release release;
-        scan = readUnit(unitOf(unit), readSettings(to_mm, scale_code, explicit_code, origin, normals_dir));
-    }
-    const std::size_t n = scan.frames.size();
-    py::array_t<std::int64_t> counts(static_cast<py::ssize_t>(n));
-    py::array_t<double> lo({static_cast<py::ssize_t>(n), py::ssize_t(3)}),
-        hi({static_cast<py::ssize_t>(n), py::ssize_t(3)});
-    py::list normals, colours, markers, sensors;
-    py::array_t<std::int64_t> finite_counts(static_cast<py::ssize_t>(n));
-    // What chooseScaleCodes sees of each frame: its points, and its usable ones by code.
-    py::array_t<std::int64_t> seen(static_cast<py::ssize_t>(n));
-    py::array_t<std::int64_t> codes({static_cast<py::ssize_t>(n), py::ssize_t(7)});
-    auto c = counts.mutable_unchecked<1>();
-    auto l = lo.mutable_unchecked<2>();
-    auto h = hi.mutable_unchecked<2>();
-    for (std::size_t f = 0; f < n; ++f) {
-        const FrameDataWithInfo& frame = *scan.frames[f];
-        const auto i = static_cast<py::ssize_t>(f);
-        c(i) = static_cast<std::int64_t>(frame.xyz.size());
-        std::int64_t finite_points = 0;
-        for (const Vec3f& p : frame.xyz) finite_points += finite(p) ? 1 : 0;
-        finite_counts.mutable_at(i) = finite_points;
-        sensors.append(scan.extras[f].sensor);
-        float a[3] = {INFINITY, INFINITY, INFINITY}, b[3] = {-INFINITY, -INFINITY, -INFINITY};
-        for (const Vec3f& p : frame.xyz) {
-            if (!finite(p)) continue;
-            for (int k = 0; k < 3; ++k) {
-                a[k] = std::min(a[k], p[k]);
-                b[k] = std::max(b[k], p[k]);
+        const ReadSettings settings = readSettings(to_mm, scale_code, explicit_code, origin, normals_dir);
+        for (const UnitTuple& unit : units) {
+            const tessaline_tools::ScanInput scan = readUnit(unitOf(unit), settings);
+            frames.push_back(static_cast<std::int64_t>(scan.frames.size()));
+            for (std::size_t f = 0; f < scan.frames.size(); ++f) {
+                const FrameDataWithInfo& frame = *scan.frames[f];
+                counts.push_back(static_cast<std::int64_t>(frame.xyz.size()));
+                std::int64_t finite_points = 0;
+                float a[3] = {INFINITY, INFINITY, INFINITY}, b[3] = {-INFINITY, -INFINITY, -INFINITY};
+                for (const Vec3f& p : frame.xyz) {
+                    if (!finite(p)) continue;
+                    ++finite_points;
+                    for (int k = 0; k < 3; ++k) {
+                        a[k] = std::min(a[k], p[k]);
+                        b[k] = std::max(b[k], p[k]);
+                    }
+                }
+                finite_counts.push_back(finite_points);
+                lo.insert(lo.end(), a, a + 3);
+                hi.insert(hi.end(), b, b + 3);
+                std::size_t coded[7];
+                seen.push_back(static_cast<std::int64_t>(spacingPointsOf(frame, coded)));
+                for (std::size_t c : coded) codes.push_back(static_cast<std::int64_t>(c));
+                const tessaline_tools::FrameExtras& extras = scan.extras[f];
+                normals.push_back(extras.normals ? 1 : 0);
+                colours.push_back(!extras.colours.empty() && extras.colours.size() == frame.xyz.size() ? 1 : 0);
+                sensors.push_back(extras.sensor ? 1 : 0);
+                marker_counts.push_back(static_cast<std::int64_t>(frame.marker_ids.size()));
+                marker_ids.insert(marker_ids.end(), frame.marker_ids.begin(), frame.marker_ids.end());
+                for (const Vec3f& m : frame.marker_xyz) marker_xyz.insert(marker_xyz.end(), m.begin(), m.end());
+                for (const Vec3f& m : frame.marker_nor) marker_nor.insert(marker_nor.end(), m.begin(), m.end());
+                rotation.insert(rotation.end(), frame.frame_info.rotation, frame.frame_info.rotation + 9);
+                translation.insert(translation.end(), frame.frame_info.translation,
+                                   frame.frame_info.translation + 3);
             }
         }
-        for (int k = 0; k < 3; ++k) {
-            l(i, k) = a[k];
-            h(i, k) = b[k];
-        }
-        std::size_t coded[7];
-        seen.mutable_at(i) = static_cast<std::int64_t>(spacingPointsOf(frame, coded));
-        for (int k = 0; k < 7; ++k) codes.mutable_at(i, k) = static_cast<std::int64_t>(coded[k]);
-        normals.append(scan.extras[f].normals);
-        colours.append(!scan.extras[f].colours.empty() && scan.extras[f].colours.size() == frame.xyz.size());
-        if (frame.marker_ids.empty()) {
-            markers.append(py::none());
-            continue;
-        }
-        py::dict m;
-        m["ids"] =
-            py::array_t<std::int32_t>(static_cast<py::ssize_t>(frame.marker_ids.size()), frame.marker_ids.data());
-        m["xyz"] = py::array_t<float>({static_cast<py::ssize_t>(frame.marker_xyz.size()), py::ssize_t(3)},
-                                      reinterpret_cast<const float*>(frame.marker_xyz.data()));
-        m["nor"] = py::array_t<float>({static_cast<py::ssize_t>(frame.marker_nor.size()), py::ssize_t(3)},
-                                      reinterpret_cast<const float*>(frame.marker_nor.data()));
-        m["rotation"] = py::array_t<double>(9, frame.frame_info.rotation);
-        m["translation"] = py::array_t<double>(3, frame.frame_info.translation);
-        markers.append(m);
     }
     py::dict out;
-    out["counts"] = counts;
-    out["lo"] = lo;
-    out["hi"] = hi;
-    out["normals"] = normals;
-    out["colours"] = colours;
-    out["markers"] = markers;
-    out["seen"] = seen;
-    out["codes"] = codes;
-    out["finite"] = finite_counts;
-    out["sensors"] = sensors;
+    out["frames"] = arrayOf(frames);
+    out["counts"] = arrayOf(counts);
+    out["finite"] = arrayOf(finite_counts);
+    out["lo"] = arrayOf(lo, 3);
+    out["hi"] = arrayOf(hi, 3);
+    out["seen"] = arrayOf(seen);
+    out["codes"] = arrayOf(codes, 7);
+    out["normals"] = arrayOf(normals).attr("astype")("bool");
+    out["colours"] = arrayOf(colours).attr("astype")("bool");
+    out["sensors"] = arrayOf(sensors).attr("astype")("bool");
+    out["marker_counts"] = arrayOf(marker_counts);
+    out["marker_ids"] = arrayOf(marker_ids);
+    out["marker_xyz"] = arrayOf(marker_xyz, 3);
+    out["marker_nor"] = arrayOf(marker_nor, 3);
+    out["rotation"] = arrayOf(rotation, 9);
+    out["translation"] = arrayOf(translation, 3);
     return out;
 }
 
@@ -1016,7 +1023,7 @@ void bindTools(py::module_& core) {
         },
         py::arg("units"), py::arg("to_mm"), "The geo-referenced origin of a run (its first LAS file's), mm.");
     m.def("markers_file_for", &tessaline_tools::markersFileFor, py::arg("inputs"), py::arg("given") = "");
-    m.def("measure_unit", &measureUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
+    m.def("measure_units", &measureUnits, py::arg("units"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"));
     m.def("sample_unit", &sampleUnit, py::arg("unit"), py::arg("to_mm"), py::arg("scale_code"),
           py::arg("explicit_code"), py::arg("origin"), py::arg("normals_dir"), py::arg("first"), py::arg("stride"));

@@ -304,7 +304,7 @@ def test_the_nearest_from_batches_are_the_nearest_among_all_points(client, scan,
     tools, settings = tessaline._core.tools, td.Settings(1.0, 8, False, (0.0, 0.0, 0.0))
     inputs = scan if case == "scan" else strips(tmp_path / "strips")
     units = [tuple(u) for u in tools.scan_units([str(inputs)], "")]
-    measured = [tools.measure_unit(u, *settings.read_args()) for u in units]
+    measured = td._per_unit(td._measure(units, settings))
     batches = td._batches([int(np.sum(m["counts"])) for m in measured], 4200)
     frames = [[f for f in tools.read_points(u[1])] for u in units]
     points = [np.concatenate([f["points"] for f in unit]) for unit in frames]

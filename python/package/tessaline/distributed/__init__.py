@@ -159,14 +159,40 @@ def _file_bytes(unit):
 
 
 def _measure(units, settings):
-    return [_tools.measure_unit(unit, *settings.read_args()) for unit in units]
+    return _tools.measure_units(units, *settings.read_args())
+
+
+def _per_unit(batch):
+    """A batch's measure as one record a unit: views of the batch's arrays over the unit's frames."""
+    out, first = [], 0
+    marker_starts = np.concatenate([[0], np.cumsum(batch["marker_counts"])])
+    for frames in batch["frames"]:
+        f = slice(first, first + int(frames))
+        out.append({"counts": batch["counts"][f], "finite": batch["finite"][f], "lo": batch["lo"][f],
+                    "hi": batch["hi"][f], "seen": batch["seen"][f], "codes": batch["codes"][f],
+                    "normals": batch["normals"][f], "colours": batch["colours"][f], "sensors": batch["sensors"][f],
+                    "frames": (batch, first, marker_starts)})
+        first += int(frames)
+    return out
+
+
+def _markers_of(measured):
+    """Each frame's markers and pose (None for a frame without markers), as the markers' filter takes them."""
+    batch, first, starts = measured["frames"]
+    out = []
+    for f in range(first, first + len(measured["counts"])):
+        a, b = int(starts[f]), int(starts[f + 1])
+        out.append(None if a == b else {"ids": batch["marker_ids"][a:b], "xyz": batch["marker_xyz"][a:b],
+                                        "nor": batch["marker_nor"][a:b], "rotation": batch["rotation"][f],
+                                        "translation": batch["translation"][f]})
+    return out
 
 
 def _measure_all(client, scan_units, settings, name, token):
     batches = _batches([_file_bytes(u) for u in scan_units], BATCH_BYTES)
     futures = [client.submit(_measure, [scan_units[u] for u in b], settings, key=f"{name}-{i}-{token}")
                for i, b in enumerate(batches)]
-    return [m for batch in client.gather(futures) for m in batch]
+    return [m for batch in client.gather(futures) for m in _per_unit(batch)]
 
 
 def _sample(units, settings, firsts, stride):
@@ -588,7 +614,7 @@ def make_plan(client, inputs, resolution, tile_blocks=8, units="mm", scale_code=
     # The frames the optimized markers leave out, by their place in the run (all frames, in order).
     left_out = [[] for _ in scan_units]
     if markers_file:
-        frame_markers = [fm for m in measured for fm in m["markers"]]
+        frame_markers = [fm for m in measured for fm in _markers_of(m)]
         starts = np.cumsum([0] + [len(c) for c in counts])
         for f in _tools.frames_left_out_by_markers(markers_file, to_mm, frame_markers):
             u = int(np.searchsorted(starts, f, side="right") - 1)
