@@ -277,8 +277,7 @@ py::dict measureUnits(const std::vector<UnitTuple>& units, float to_mm, int scal
                 for (const Vec3f& m : frame.marker_xyz) marker_xyz.insert(marker_xyz.end(), m.begin(), m.end());
                 for (const Vec3f& m : frame.marker_nor) marker_nor.insert(marker_nor.end(), m.begin(), m.end());
                 rotation.insert(rotation.end(), frame.frame_info.rotation, frame.frame_info.rotation + 9);
-                translation.insert(translation.end(), frame.frame_info.translation,
-                                   frame.frame_info.translation + 3);
+                translation.insert(translation.end(), frame.frame_info.translation, frame.frame_info.translation + 3);
             }
         }
     }
