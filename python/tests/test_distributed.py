@@ -296,6 +296,27 @@ def strips(folder, normals=True):
     return folder
 
 
+# A batch's measure, split a unit at a time, is what each file measures alone: counts, boxes, codes, the
+# flags, and each frame's markers and pose (the scan's frames all carry markers).
+def test_a_batch_measured_together_splits_into_each_file_measured_alone(scan):
+    settings = td.Settings(1.0, 8, False, (0.0, 0.0, 0.0))
+    units = [tuple(u) for u in tessaline._core.tools.scan_units([str(scan)], "")][:12]
+    together = td._per_unit(td._measure(units, settings))
+    assert len(together) == len(units)
+    with_markers = 0
+    for unit, measured in zip(units, together):
+        alone = td._per_unit(td._measure([unit], settings))[0]
+        for key in ("counts", "finite", "lo", "hi", "seen", "codes", "normals", "colours", "sensors"):
+            np.testing.assert_array_equal(measured[key], alone[key], err_msg=key)
+        for a, b in zip(td._markers_of(measured), td._markers_of(alone), strict=True):
+            assert (a is None) == (b is None)
+            if a is not None:
+                with_markers += 1
+                for key in ("ids", "xyz", "nor", "rotation", "translation"):
+                    np.testing.assert_array_equal(a[key], b[key], err_msg=key)
+    assert with_markers >= len(units)
+
+
 # The first answer from a query's own batch, completed from the batches within its bound: the 65 smallest
 # squared distances to all usable points, as brute force finds them. The scan's frames overlap everywhere;
 # the strips' batches lie side by side.
