@@ -167,13 +167,14 @@ inline bool sameMesh(const MultiMeshData& a, const MultiMeshData& b) {
            std::memcmp(a.w.data(), b.w.data(), a.w.size() * sizeof(TriangleW)) == 0;
 }
 
-// Where kernels may compute otherwise than the host (a CUDA device contracts multiply-adds and has its
-// own expf and sinf; the fused multiply-add build imitates that on the host), the device path and the
-// host fallback agree to a tolerance only: the same triangles with the same words, vertex coordinates
-// within MESH_DEVICE_TOLERANCE, and cells with the same sheets, rules and words, field values and
-// normals within FIELD_DEVICE_TOLERANCE (scan units; the differences are a few units in the last place).
-// Block partition, bins and cells do not depend on it and stay byte for byte.
-#if defined(TESSALINE_CUDA) || defined(TESSALINE_FUSED_KERNELS)
+// A CUDA device computes as the host does (kernels built without contracted multiply-adds, the field's
+// exponential, sine, cosine and arc tangent written out): its meshes and cells are the host's, byte for
+// byte. Where kernels are built with fused multiply-adds (the fused build, as a device computes when it
+// contracts), the device path and the host fallback agree to a tolerance only: the same triangles with the
+// same words, vertex coordinates within MESH_DEVICE_TOLERANCE, and cells with the same sheets, rules and
+// words, field values and normals within FIELD_DEVICE_TOLERANCE (scan units; the differences are a few
+// units in the last place). Block partition, bins and cells do not depend on it and stay byte for byte.
+#if defined(TESSALINE_FUSED_KERNELS)
 constexpr bool KERNELS_MAY_DIFFER_FROM_HOST = true;
 #else
 constexpr bool KERNELS_MAY_DIFFER_FROM_HOST = false;

@@ -107,8 +107,8 @@ DeviceResult deviceMalloc(T** ptr, std::size_t bytes) {
 // kernel without a copy.
 bool deviceMemoryIsHostMemory();
 
-// True where kernels round as host code does (the host backend, unless its kernels are built with
-// fused multiply-adds as a device computes): host code that computes the same may stand in for them.
+// True where host code may stand in for kernels: the host backend, unless its kernels are built with fused
+// multiply-adds (a CUDA device rounds as the host does, but its memory is not the host's).
 #if defined(TESSALINE_CUDA) || defined(TESSALINE_FUSED_KERNELS)
 constexpr bool KERNELS_COMPUTE_AS_HOST = false;
 #else

@@ -178,7 +178,7 @@ struct FieldWalkSetup {
 }  // namespace field_internal
 
 TESSA_HD inline float neighbourWeight(const NeighbourWeight& nw, float d) {
-    return nw.gaussian ? expf(((d * nw.a) * d) / nw.denom) : 1.0f;
+    return nw.gaussian ? portableExpf(((d * nw.a) * d) / nw.denom) : 1.0f;
 }
 
 // The walks over a cell's points through its relations, one record a point: the device's, and the

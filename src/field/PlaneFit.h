@@ -4,12 +4,14 @@
 //
 // The numeric mix is fixed: offsets and their products in single precision, sums and solver in double,
 // but one third, the root of three and the sine and cosine of the root formula are single precision
-// values widened to double.
+// values widened to double; the arc tangent, sine and cosine are the portable ones, the same bits on a
+// device as on the host.
 #pragma once
 
 #include <cmath>
 
 #include "device/DeviceLayer.h"
+#include "field/PortableMath.h"
 
 namespace SurfaceReconstruction {
 // Each translation unit has its own copy of these functions: kernel files may be built with other
@@ -89,9 +91,11 @@ TESSA_HD inline void computeSymmetricRoots3(const double m[9], double roots[3]) 
         double q = b * b + a * a * a;
         if (q > 0.0) q = 0.0;
         const double rho = sqrt(-a);
-        const float theta = static_cast<float>(atan2(sqrt(-q), b) * EIGEN_ONE_THIRD);
-        const double cos_theta = static_cast<double>(cosf(theta));
-        const double sin_theta = static_cast<double>(sinf(theta));
+        const float theta = static_cast<float>(portableAtan2(sqrt(-q), b) * EIGEN_ONE_THIRD);
+        double cos_wide, sin_wide;
+        portableCosSin(static_cast<double>(theta), cos_wide, sin_wide);
+        const double cos_theta = static_cast<double>(static_cast<float>(cos_wide));
+        const double sin_theta = static_cast<double>(static_cast<float>(sin_wide));
         double r0 = t + 2.0 * rho * cos_theta;
         double r1 = t - rho * (cos_theta + EIGEN_ROOT_THREE * sin_theta);
         double r2 = t - rho * (cos_theta - EIGEN_ROOT_THREE * sin_theta);
