@@ -81,17 +81,33 @@ TESSA_HD inline float portableExpf(float x) {
     return static_cast<float>(y * s);
 }
 
-// cos and sin of t in [-pi / 3, pi / 3] (Taylor series to the 20th and 21st power: terms below 1e-20), in double.
+// cos and sin of t in [-pi / 3, pi / 3] in double: their Taylor series to the 20th and 21st power (the
+// terms left out are below 1e-20), in u = t^2 from the highest term down; the coefficients 1 / n! are the
+// doubles nearest to them.
 TESSA_HD inline void portableCosSin(double t, double& c, double& s) {
-    const double t2 = t * t;
-    double cos_sum = 1.0, sin_sum = 1.0;
-    // From the highest term down: 1 - t^2/2! (1 - t^2/(3*4) (1 - ...)), likewise for the sine over t.
-    for (int n = 10; n >= 1; --n) {
-        cos_sum = 1.0 - t2 / static_cast<double>((2 * n - 1) * (2 * n)) * cos_sum;
-        sin_sum = 1.0 - t2 / static_cast<double>((2 * n) * (2 * n + 1)) * sin_sum;
-    }
-    c = cos_sum;
-    s = t * sin_sum;
+    const double u = t * t;
+    c = 0x1.e542ba4020225p-62;
+    c = -0x1.6827863b97d97p-53 + u * c;
+    c = 0x1.ae7f3e733b81fp-45 + u * c;
+    c = -0x1.93974a8c07c9dp-37 + u * c;
+    c = 0x1.1eed8eff8d898p-29 + u * c;
+    c = -0x1.27e4fb7789f5cp-22 + u * c;
+    c = 0x1.a01a01a01a01ap-16 + u * c;
+    c = -0x1.6c16c16c16c17p-10 + u * c;
+    c = 0x1.5555555555555p-5 + u * c;
+    c = -0.5 + u * c;
+    c = 1.0 + u * c;
+    double r = 0x1.71b8ef6dcf572p-66;
+    r = -0x1.2f49b46814157p-57 + u * r;
+    r = 0x1.952c77030ad4ap-49 + u * r;
+    r = -0x1.ae7f3e733b81fp-41 + u * r;
+    r = 0x1.6124613a86d09p-33 + u * r;
+    r = -0x1.ae64567f544e4p-26 + u * r;
+    r = 0x1.71de3a556c734p-19 + u * r;
+    r = -0x1.a01a01a01a01ap-13 + u * r;
+    r = 0x1.1111111111111p-7 + u * r;
+    r = -0x1.5555555555555p-3 + u * r;
+    s = t + t * (u * r);
 }
 
 // atan2(y, x) in double, with the C library's signs: odd in y (-0 and -pi below the negative x axis), +-0 for
@@ -111,10 +127,21 @@ TESSA_HD inline double portableAtan2(double y, double x) {
         }
         // atan(t) = 2 atan(t / (1 + sqrt(1 + t^2))): |t| below 0.2, where the series gains two digits a term.
         const double u = t / (1.0 + sqrt(1.0 + t * t));
+        // atan(u) = u + u^3 (-1/3 + u^2 (1/5 - ...)) to the 25th power (terms left out below 1e-19).
         const double u2 = u * u;
-        double sum = 0.0;
-        for (int n = 12; n >= 1; --n) sum = u2 * (1.0 / static_cast<double>(2 * n + 1) - sum);
-        a = base + 2.0 * (u - u * sum);
+        double p = 0x1.47ae147ae147bp-5;
+        p = -0x1.642c8590b2164p-5 + u2 * p;
+        p = 0x1.8618618618618p-5 + u2 * p;
+        p = -0x1.af286bca1af28p-5 + u2 * p;
+        p = 0x1.e1e1e1e1e1e1ep-5 + u2 * p;
+        p = -0x1.1111111111111p-4 + u2 * p;
+        p = 0x1.3b13b13b13b14p-4 + u2 * p;
+        p = -0x1.745d1745d1746p-4 + u2 * p;
+        p = 0x1.c71c71c71c71cp-4 + u2 * p;
+        p = -0x1.2492492492492p-3 + u2 * p;
+        p = 0x1.999999999999ap-3 + u2 * p;
+        p = -0x1.5555555555555p-2 + u2 * p;
+        a = base + 2.0 * (u + u * (u2 * p));
         if (ay > ax) a = half_pi - a;
     }
     a = (bitsOfDouble(x) >> 63) != 0 ? pi - a : a;
