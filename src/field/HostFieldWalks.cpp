@@ -79,24 +79,10 @@ namespace host_walks_internal {
 
 // ---- the exponential -------------------------------------------------------------------------------
 //
-// exp(x) = 2^(k/32) * 2^(r/32) with k the nearest integer to x * 32 / ln 2: a table of 2^(i/32) and a
-// cubic in r, in double precision, rounded once to float. The constants and the order of the operations
-// are those of the C library's expf on processors with FMA, so that the weights come out the same; the
-// range where that function takes other paths (|x| >= 88, NaN, infinities) is left to it.
+// portableExpf eight at once (its table and constants, the same operations and fused steps), so that the
+// weights come out as the per-cell functions make them; the range where it takes other paths (|x| >= 88,
+// NaN, infinities) is left to it.
 namespace {
-
-constexpr std::uint64_t EXP_TABLE[32] = {
-    0x3ff0000000000000, 0x3fefd9b0d3158574, 0x3fefb5586cf9890f, 0x3fef9301d0125b51, 0x3fef72b83c7d517b,
-    0x3fef54873168b9aa, 0x3fef387a6e756238, 0x3fef1e9df51fdee1, 0x3fef06fe0a31b715, 0x3feef1a7373aa9cb,
-    0x3feedea64c123422, 0x3feece086061892d, 0x3feebfdad5362a27, 0x3feeb42b569d4f82, 0x3feeab07dd485429,
-    0x3feea47eb03a5585, 0x3feea09e667f3bcd, 0x3fee9f75e8ec5f74, 0x3feea11473eb0187, 0x3feea589994cce13,
-    0x3feeace5422aa0db, 0x3feeb737b0cdc5e5, 0x3feec49182a3f090, 0x3feed503b23e255d, 0x3feee89f995ad3ad,
-    0x3feeff76f2fb5e47, 0x3fef199bdd85529c, 0x3fef3720dcef9069, 0x3fef5818dcfba487, 0x3fef7c97337b9b5f,
-    0x3fefa4afa2a490da, 0x3fefd0765b6e4540};
-constexpr std::uint64_t EXP_INV_LN2_SCALED = 0x40471547652b82fe;  // 32 / ln 2
-constexpr std::uint64_t EXP_SHIFT = 0x4338000000000000;           // 1.5 * 2^52: rounds to an integer
-constexpr std::uint64_t EXP_POLY[3] = {0x3ebc6af84b912394, 0x3f2ebfce50fac4f3, 0x3f962e42ff0c52d6};
-constexpr std::uint32_t EXP_TOP_LIMIT = 0x42b;  // the top 12 bits of 88.0f without the sign
 
 __m256d doubles(std::uint64_t bits) { return _mm256_castsi256_pd(_mm256_set1_epi64x(static_cast<long long>(bits))); }
 
@@ -107,7 +93,7 @@ __attribute__((always_inline)) inline __m128 exp4(__m256d xd) {
     kd = _mm256_sub_pd(kd, shift);
     const __m256d r = _mm256_fmsub_pd(inv_ln2, xd, kd);
     const __m256i index = _mm256_and_si256(ki, _mm256_set1_epi64x(31));
-    __m256i t = _mm256_i64gather_epi64(reinterpret_cast<const long long*>(EXP_TABLE), index, 8);
+    __m256i t = _mm256_i64gather_epi64(reinterpret_cast<const long long*>(EXP_TABLE_HOST), index, 8);
     t = _mm256_add_epi64(t, _mm256_slli_epi64(ki, 47));
     const __m256d s = _mm256_castsi256_pd(t);
     const __m256d z = _mm256_fmadd_pd(doubles(EXP_POLY[0]), r, doubles(EXP_POLY[1]));
@@ -131,7 +117,7 @@ __attribute__((always_inline)) inline __m256 expLanes(__m256 x, int lanes) {
         _mm256_store_ps(out, y);
         for (; rare != 0; rare &= rare - 1) {
             const int l = __builtin_ctz(static_cast<unsigned>(rare));
-            out[l] = expf(in[l]);
+            out[l] = portableExpf(in[l]);
         }
         y = _mm256_load_ps(out);
     }
@@ -950,7 +936,7 @@ void computeCellField(CellNode_Device& cell, const DeviceParameters& params, Vox
     computeFieldDataWith(cell, params, centres, walks);
 }
 
-bool expAgreesWithLibrary() {
+bool expAgreesWithScalar() {
     // The weights' arguments lie in [-104, 0]; a spread of them, and the ends of the range.
     alignas(32) float in[8], out[8];
     std::uint32_t bits = 0x80000000u;        // -0
@@ -963,7 +949,7 @@ bool expAgreesWithLibrary() {
         }
         host_walks_internal::exp8(in, out);
         for (int l = 0; l < 8; ++l) {
-            const float expected = expf(in[l]);
+            const float expected = portableExpf(in[l]);
             if (std::memcmp(&expected, &out[l], sizeof(float)) != 0) return false;
         }
     }
@@ -977,7 +963,7 @@ bool hostFieldWalksAvailable() {
     static bool available = false;
     std::call_once(once, [] {
         __builtin_cpu_init();
-        available = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && expAgreesWithLibrary();
+        available = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && expAgreesWithScalar();
     });
     return available;
 }
@@ -1035,7 +1021,7 @@ void computeCellFieldsOnHost(CellNode_Device*, std::size_t, const RelationCell2B
 
 namespace host_walks_internal {
 void exp8(const float in[8], float out[8]) {
-    for (int l = 0; l < 8; ++l) out[l] = expf(in[l]);
+    for (int l = 0; l < 8; ++l) out[l] = portableExpf(in[l]);
 }
 }  // namespace host_walks_internal
 

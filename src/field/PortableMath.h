@@ -44,7 +44,14 @@ TESSA_HD inline std::uint64_t bitsOfDouble(double x) {
 #if defined(__CUDACC__)
 __device__ __constant__ std::uint64_t EXP_TABLE_DEVICE[32] = {TESSA_EXP_TABLE_BITS};
 #endif
-constexpr std::uint64_t EXP_TABLE_HOST[32] = {TESSA_EXP_TABLE_BITS};
+alignas(32) constexpr std::uint64_t EXP_TABLE_HOST[32] = {TESSA_EXP_TABLE_BITS};
+// The exponential's other constants, as bits of doubles: 32 / ln 2; 1.5 * 2^52, whose addition rounds to an
+// integer; the cubic's coefficients, highest first; and the top 12 bits of 88.0f without the sign, from
+// which on the answers take the special paths.
+constexpr std::uint64_t EXP_INV_LN2_SCALED = 0x40471547652b82feull;
+constexpr std::uint64_t EXP_SHIFT = 0x4338000000000000ull;
+constexpr std::uint64_t EXP_POLY[3] = {0x3ebc6af84b912394ull, 0x3f2ebfce50fac4f3ull, 0x3f962e42ff0c52d6ull};
+constexpr std::uint32_t EXP_TOP_LIMIT = 0x42b;
 
 TESSA_HD inline std::uint64_t expTable(std::uint64_t i) {
 #if defined(__CUDA_ARCH__)
@@ -56,27 +63,26 @@ TESSA_HD inline std::uint64_t expTable(std::uint64_t i) {
 
 // expf: exp(x) = 2^(k/32) * 2^(r/32) with k the nearest integer to x * 32 / ln 2, a table of 2^(i/32) and
 // a cubic in r in double precision, rounded once to float; the constants, the order of the operations and
-// the fused steps are those of the C library's expf on processors with FMA (the vector walks of the host
-// compute it the same way), and so are its answers beyond +-88: infinity, 0, NaN.
+// the fused steps are those of the C library's expf on processors with FMA (the host's vector walks compute
+// eight at once the same way), and so are its answers beyond +-88: infinity, 0, NaN.
 TESSA_HD inline float portableExpf(float x) {
     const std::uint32_t top = (floatBitsOf(x) >> 20) & 0x7ff;
-    if (top >= 0x42b) {  // |x| >= 88, infinities, NaN
+    if (top >= EXP_TOP_LIMIT) {  // |x| >= 88, infinities, NaN
         if (floatBitsOf(x) == 0xff800000u) return 0.0f;
         if (top >= 0x7f8) return x + x;
         if (x > 0x1.62e42ep6f) return INFINITY;
         if (x < -0x1.9fe368p6f) return 0.0f;
     }
-    const double inv_ln2 = doubleOfBits(0x40471547652b82feull);  // 32 / ln 2
-    const double shift = doubleOfBits(0x4338000000000000ull);    // 1.5 * 2^52: rounds to an integer
+    const double inv_ln2 = doubleOfBits(EXP_INV_LN2_SCALED), shift = doubleOfBits(EXP_SHIFT);
     const double xd = static_cast<double>(x);
     double kd = fma(inv_ln2, xd, shift);
     const std::uint64_t ki = bitsOfDouble(kd);
     kd -= shift;
     const double r = fma(inv_ln2, xd, -kd);
     const double s = doubleOfBits(expTable(ki & 31) + (ki << 47));
-    const double z = fma(doubleOfBits(0x3ebc6af84b912394ull), r, doubleOfBits(0x3f2ebfce50fac4f3ull));
+    const double z = fma(doubleOfBits(EXP_POLY[0]), r, doubleOfBits(EXP_POLY[1]));
     const double r2 = r * r;
-    double y = fma(doubleOfBits(0x3f962e42ff0c52d6ull), r, 1.0);
+    double y = fma(doubleOfBits(EXP_POLY[2]), r, 1.0);
     y = fma(z, r2, y);
     return static_cast<float>(y * s);
 }
