@@ -73,10 +73,12 @@ public:
         return x;
     }
     // The lower root becomes the root of both, so that the result does not depend on the order of joins.
-    void join(std::uint32_t a, std::uint32_t b) {
-        a = find(a);
-        b = find(b);
-        if (a != b) m_parent[std::max(a, b)] = std::min(a, b);
+    void join(std::uint32_t a, std::uint32_t b) { joinRoots(find(a), find(b)); }
+    // Joins the sets of two roots; false when they are one already.
+    bool joinRoots(std::uint32_t a, std::uint32_t b) {
+        if (a == b) return false;
+        m_parent[std::max(a, b)] = std::min(a, b);
+        return true;
     }
 
 private:

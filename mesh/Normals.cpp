@@ -6,6 +6,9 @@
 #include <cstring>
 #include <nanoflann.hpp>
 #include <optional>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "MeshInternal.h"
 
@@ -65,6 +68,35 @@ void cellOf(const Vec3f& p, const double origin[3], double edge, std::int32_t c[
     }
 }
 
+// A stable counting sort of the items 0..n-1 by their digits (below `buckets`): `place(i, at)` is told each
+// item's place. Each thread counts and places a run of items of its own; the places are those of one thread
+// going through all items in order.
+template <class Digit, class Place>
+void countingSort(std::size_t n, std::size_t buckets, const Digit& digit, const Place& place) {
+    const int most = omp_get_max_threads();
+    std::vector<std::size_t> counts(static_cast<std::size_t>(most) * buckets, 0);
+#pragma omp parallel num_threads(most)
+    {
+        const std::size_t threads = static_cast<std::size_t>(omp_get_num_threads());
+        const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
+        const std::size_t from = n * t / threads, to = n * (t + 1) / threads;
+        std::size_t* mine = &counts[t * buckets];
+        for (std::size_t i = from; i < to; ++i) ++mine[digit(i)];
+#pragma omp barrier
+#pragma omp single
+        {
+            std::size_t next = 0;
+            for (std::size_t b = 0; b < buckets; ++b)
+                for (std::size_t u = 0; u < threads; ++u) {
+                    const std::size_t count = counts[u * buckets + b];
+                    counts[u * buckets + b] = next;
+                    next += count;
+                }
+        }
+        for (std::size_t i = from; i < to; ++i) place(i, mine[digit(i)]++);
+    }
+}
+
 // Where a point of the scan came from: its frame and its place in the frame.
 struct Origin {
     std::uint32_t frame, index;
@@ -114,14 +146,12 @@ public:
             highest |= codes[static_cast<std::size_t>(i)];
         }
         for (int shift = 0; shift < 64 && (highest >> shift) != 0; shift += 11) {
-            std::vector<std::size_t> count(2049, 0);
-            for (std::size_t i = 0; i < n; ++i) ++count[((codes[i] >> shift) & 2047) + 1];
-            for (std::size_t d = 1; d < count.size(); ++d) count[d] += count[d - 1];
-            for (std::size_t i = 0; i < n; ++i) {
-                const std::size_t at = count[(codes[i] >> shift) & 2047]++;
-                swap_codes[at] = codes[i];
-                swap_order[at] = order[i];
-            }
+            countingSort(
+                n, 2048, [&](std::size_t i) { return static_cast<std::size_t>((codes[i] >> shift) & 2047); },
+                [&](std::size_t i, std::size_t at) {
+                    swap_codes[at] = codes[i];
+                    swap_order[at] = order[i];
+                });
             codes.swap(swap_codes);
             order.swap(swap_order);
         }
@@ -174,15 +204,12 @@ public:
             if (m_slots[slot].code == EMPTY) return NONE;
         }
     }
-    // The squared distance from `p` to the cell at these coordinates.
-    double squaredDistanceToCell(const Vec3f& p, const std::int32_t c[3]) const {
-        double sum = 0.0;
-        for (int k = 0; k < 3; ++k) {
-            const double low = m_origin[k] + c[k] * m_edge, x = p[k];
-            const double d = x < low ? low - x : std::max(0.0, x - (low + m_edge));
-            sum += d * d;
-        }
-        return sum;
+    // The squared distance from `p` along axis k to the slab of cells at coordinate `c`: the squared distance
+    // to a cell is the sum of its three slabs', in axis order.
+    double squaredDistanceToSlab(const Vec3f& p, int k, std::int32_t c) const {
+        const double low = m_origin[k] + c * m_edge, x = p[k];
+        const double d = x < low ? low - x : std::max(0.0, x - (low + m_edge));
+        return d * d;
     }
     // How far `p` lies inside the block of cells within `ring` of its own cell `c`: every point outside
     // the block is at least this far from p.
@@ -267,29 +294,49 @@ struct Search {
     std::vector<float> x, y, z;           // their coordinates
     std::vector<std::int32_t> kept_bits;  // the current point's candidates within the hint: squared distances
     std::vector<std::uint32_t> kept;      // (as their bits) and points
+    std::vector<std::int32_t> bits;       // the squared distances to all of them (as their bits)
+    std::int32_t c[3] = {0, 0, 0};        // the cell's coordinates
+    std::vector<double> slabs;            // a ring's squared distances to its slabs, axis by axis
     // The squared distance to the last point's farthest neighbour, with room: a point of the same cell has
     // its neighbours within about that, so the others are passed over with one comparison each.
     float hint = INFINITY;
+
+    // The cells looked up last, by their codes: cells next in order share most of their neighbours, and the
+    // grid's table is far larger than a processor's cache.
+    static constexpr std::size_t REMEMBERED = 4096;
+    struct Remembered {
+        std::uint64_t code = UINT64_MAX;
+        std::uint32_t cell = NONE;
+    };
+    std::vector<Remembered> remembered = std::vector<Remembered>(REMEMBERED);
+    std::uint32_t find(const Grid& grid, const std::int32_t c[3]) {
+        for (int k = 0; k < 3; ++k)
+            if (c[k] < 0 || c[k] > CELLS_PER_AXIS) return NONE;
+        const std::uint64_t code = mesh_internal::cellCode(c);
+        Remembered& slot = remembered[static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 52)];
+        if (slot.code != code) slot = Remembered{code, grid.find(c)};
+        return slot.cell;
+    }
 
     // Looks up the cells around `cell` (the point ranges of the cells that hold points).
     void enter(const Grid& grid, const std::vector<Vec3f>& points, std::size_t cell) {
         around.clear();
         for (std::uint32_t j = grid.begin(cell); j < grid.end(cell); ++j) around.push_back(j);
-        std::int32_t c[3];
         grid.cellOf(points[grid.begin(cell)], c);
         for (int dz = -1; dz <= 1; ++dz)
             for (int dy = -1; dy <= 1; ++dy)
                 for (int dx = -1; dx <= 1; ++dx) {
                     if (dx == 0 && dy == 0 && dz == 0) continue;
                     const std::int32_t at[3] = {c[0] + dx, c[1] + dy, c[2] + dz};
-                    const std::uint32_t found = grid.find(at);
+                    const std::uint32_t found = find(grid, at);
                     if (found == NONE) continue;
                     for (std::uint32_t j = grid.begin(found); j < grid.end(found); ++j) around.push_back(j);
                 }
         x.resize(around.size());
         y.resize(around.size());
         z.resize(around.size());
-        kept_bits.resize(around.size());
+        bits.resize(around.size());
+        kept_bits.resize(around.size() + 8);
         kept.resize(around.size());
         for (std::size_t i = 0; i < around.size(); ++i) {
             x[i] = points[around[i]][0];
@@ -310,10 +357,19 @@ void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32
     // Those within the hint first; when they fill the list, every point beyond it is farther than all
     // kept and the list is exact; otherwise all are offered.
     const std::int32_t hint = search.hint < INFINITY ? floatBits(search.hint) : INT32_MAX;
+    {
+        const float* x = search.x.data();
+        const float* y = search.y.data();
+        const float* z = search.z.data();
+        std::int32_t* bits = search.bits.data();
+        for (std::size_t i = 0; i < m; ++i) {
+            const float dx = x[i] - p[0], dy = y[i] - p[1], dz = z[i] - p[2];
+            bits[i] = floatBits(dx * dx + dy * dy + dz * dz);
+        }
+    }
     std::size_t within = 0;
     for (std::size_t i = 0; i < m; ++i) {
-        const float dx = search.x[i] - p[0], dy = search.y[i] - p[1], dz = search.z[i] - p[2];
-        const std::int32_t bits = floatBits(dx * dx + dy * dy + dz * dz);
+        const std::int32_t bits = search.bits[i];
         search.kept_bits[within] = bits;
         search.kept[within] = search.around[i];
         within += bits <= hint ? 1 : 0;
@@ -321,53 +377,76 @@ void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32
     const int size = nearest.size();
     if (within >= static_cast<std::size_t>(size) && within <= RANKED) {
         // Each candidate's rank among the others, counted without a branch (an insertion's branches miss
-        // half the time): those of rank below the size are the list, in order.
+        // half the time): those of rank below the size are the list, in order. Counted first by distance
+        // alone; candidates at the same distance then share a rank, and where two meet in one place of the
+        // list the ranks are counted again with the points' indices breaking the ties.
         const std::int32_t* bits = search.kept_bits.data();
         const std::uint32_t* index = search.kept.data();
+        bool placed[MAX_NEIGHBOURS + 1] = {};
+        bool tied = false;
+        // Counted in whole runs of eight: the rest of the last run farther than any candidate.
+        const std::size_t counted = (within + 7) / 8 * 8;
+        for (std::size_t j = within; j < counted; ++j) search.kept_bits[j] = INT32_MAX;
         for (std::size_t i = 0; i < within; ++i) {
             const std::int32_t b = bits[i];
-            const std::uint32_t x = index[i];
             int rank = 0;
-            for (std::size_t j = 0; j < within; ++j) rank += (bits[j] < b) | ((bits[j] == b) & (index[j] < x));
-            if (rank < size) nearest.place(rank, static_cast<std::uint64_t>(b) << 32 | x);
+            for (std::size_t j = 0; j < counted; ++j) rank += bits[j] < b ? 1 : 0;
+            if (rank < size) {
+                tied = tied || placed[rank];
+                placed[rank] = true;
+                nearest.place(rank, static_cast<std::uint64_t>(b) << 32 | index[i]);
+            }
         }
+        if (tied)
+            for (std::size_t i = 0; i < within; ++i) {
+                const std::int32_t b = bits[i];
+                const std::uint32_t x = index[i];
+                int rank = 0;
+                for (std::size_t j = 0; j < within; ++j) rank += (bits[j] < b) | ((bits[j] == b) & (index[j] < x));
+                if (rank < size) nearest.place(rank, static_cast<std::uint64_t>(b) << 32 | x);
+            }
         nearest.fill();
     } else {
         for (std::size_t i = 0; i < within; ++i)
             nearest.offer(static_cast<std::uint64_t>(search.kept_bits[i]) << 32 | search.kept[i]);
         if (!nearest.full() && within < m) {
             nearest.clear();
-            for (std::size_t i = 0; i < m; ++i) {
-                const float dx = search.x[i] - p[0], dy = search.y[i] - p[1], dz = search.z[i] - p[2];
-                nearest.offer(distanceKey(dx * dx + dy * dy + dz * dz, search.around[i]));
-            }
+            for (std::size_t i = 0; i < m; ++i)
+                nearest.offer(static_cast<std::uint64_t>(search.bits[i]) << 32 | search.around[i]);
         }
     }
     search.hint = nearest.full() ? 1.5f * nearest.squared(nearest.count() - 1) : INFINITY;
 
-    std::int32_t c[3];
-    grid.cellOf(p, c);
+    const std::int32_t* c = search.c;  // q's cell, whose neighbours the search holds
     for (int ring = 1;; ++ring) {
         const double depth = grid.depthInBlock(p, c, ring);
         if (depth >= reach || ring >= max_ring) return;
         if (nearest.full() && static_cast<double>(nearest.squared(nearest.count() - 1)) < depth * depth) return;
-        const int r = ring + 1;
+        const int r = ring + 1, side = 2 * r + 1;
+        search.slabs.resize(3 * static_cast<std::size_t>(side));
+        for (int k = 0; k < 3; ++k)
+            for (int o = -r; o <= r; ++o) search.slabs[k * side + o + r] = grid.squaredDistanceToSlab(p, k, c[k] + o);
+        const double* slab_x = search.slabs.data() + r;
+        const double* slab_y = slab_x + side;
+        const double* slab_z = slab_y + side;
         for (int dz = -r; dz <= r; ++dz)
-            for (int dy = -r; dy <= r; ++dy)
-                for (int dx = -r; dx <= r; ++dx) {
-                    if (std::max({std::abs(dx), std::abs(dy), std::abs(dz)}) != r) continue;
+            for (int dy = -r; dy <= r; ++dy) {
+                // The shell of the ring: every cell of its outer planes, two of each row within them.
+                const bool outer = dz == -r || dz == r || dy == -r || dy == r;
+                for (int dx = -r; dx <= r; dx += outer ? 1 : 2 * r) {
                     const std::int32_t at[3] = {c[0] + dx, c[1] + dy, c[2] + dz};
                     // A cell farther than the farthest point kept, or than the reach, has nothing to offer.
-                    const double gap = grid.squaredDistanceToCell(p, at);
+                    const double gap = slab_x[dx] + slab_y[dy] + slab_z[dz];
                     if (gap >= reach * reach) continue;
                     if (nearest.full() && gap >= static_cast<double>(nearest.squared(nearest.count() - 1))) continue;
-                    const std::uint32_t cell = grid.find(at);
+                    const std::uint32_t cell = search.find(grid, at);
                     if (cell == NONE) continue;
                     for (std::uint32_t j = grid.begin(cell); j < grid.end(cell); ++j) {
                         const float dx = points[j][0] - p[0], dy = points[j][1] - p[1], dz = points[j][2] - p[2];
                         nearest.offer(distanceKey(dx * dx + dy * dy + dz * dz, j));
                     }
                 }
+            }
     }
 }
 
@@ -390,21 +469,51 @@ bool leastEigenvector(const double a[6], double lambda[3], double v[3]) {
     lambda[1] = 3.0 * q - lambda[0] - lambda[2];
     const double l = lambda[0];
     const double rows[3][3] = {{a00 - l, a01, a02}, {a01, a11 - l, a12}, {a02, a12, a22 - l}};
+    // The first of the longest, chosen without a branch.
     double best = 0.0;
+    for (int k = 0; k < 3; ++k) v[k] = 0.0;
     for (int i = 0; i < 3; ++i) {
         const double* x = rows[i];
         const double* y = rows[(i + 1) % 3];
         const double c[3] = {x[1] * y[2] - x[2] * y[1], x[2] * y[0] - x[0] * y[2], x[0] * y[1] - x[1] * y[0]};
         const double length = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
-        if (length > best) {
-            best = length;
-            for (int k = 0; k < 3; ++k) v[k] = c[k];
-        }
+        const bool longer = length > best;
+        best = longer ? length : best;
+        for (int k = 0; k < 3; ++k) v[k] = longer ? c[k] : v[k];
     }
     if (!(best > 0.0)) return false;
     const double length = std::sqrt(best);
     for (int k = 0; k < 3; ++k) v[k] /= length;
     return true;
+}
+
+// The value at `rank` in the order of `values` (count of them, none NaN), as a sort would put it: the largest
+// value with at most `rank` values below it. Counted without branches, two values at a time, for the few
+// offsets of a plane.
+double valueAtRank(const double* values, int count, int rank) {
+    double padded[MAX_NEIGHBOURS + 2];
+    std::int64_t below[MAX_NEIGHBOURS + 2];
+    const int pairs = (count + 1) / 2;
+    for (int j = 0; j < count; ++j) padded[j] = values[j];
+    padded[count] = INFINITY;
+#ifdef __SSE2__
+    __m128i counts[(MAX_NEIGHBOURS + 2) / 2];
+    for (int h = 0; h < pairs; ++h) counts[h] = _mm_setzero_si128();
+    for (int i = 0; i < count; ++i) {
+        const __m128d value = _mm_set1_pd(padded[i]);
+        // A comparison's lanes are all ones (-1) where it holds.
+        for (int h = 0; h < pairs; ++h)
+            counts[h] = _mm_sub_epi64(counts[h], _mm_castpd_si128(_mm_cmplt_pd(value, _mm_loadu_pd(padded + 2 * h))));
+    }
+    for (int h = 0; h < pairs; ++h) _mm_storeu_si128(reinterpret_cast<__m128i*>(below + 2 * h), counts[h]);
+#else
+    for (int j = 0; j < 2 * pairs; ++j) below[j] = 0;
+    for (int i = 0; i < count; ++i)
+        for (int j = 0; j < 2 * pairs; ++j) below[j] += padded[i] < padded[j] ? 1 : 0;
+#endif
+    double found = -INFINITY;
+    for (int j = 0; j < count; ++j) found = std::max(found, below[j] <= rank ? padded[j] : -INFINITY);
+    return found;
 }
 
 // The median of `values` (reordered); 0 when empty.
@@ -532,33 +641,40 @@ void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estima
         for (int j = 0; j < GRAPH_NEIGHBOURS; ++j) {
             const std::size_t e = static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS + j;
             const std::uint32_t t = graph[e];
-            if (t == NONE || scan.state[t] == NO_NORMAL) {
-                step[e] = WEIGHT_STEPS;  // no edge
+            // No edge; nor where t's own row holds this edge: that one comes first in the order, with the same
+            // weight, and the second never joins anything.
+            bool none = t == NONE || scan.state[t] == NO_NORMAL;
+            if (!none && t < static_cast<std::uint32_t>(s))
+                for (int i = 0; i < GRAPH_NEIGHBOURS; ++i)
+                    none = none ||
+                           graph[static_cast<std::size_t>(t) * GRAPH_NEIGHBOURS + i] == static_cast<std::uint32_t>(s);
+            if (none) {
+                step[e] = WEIGHT_STEPS;
                 continue;
             }
             const double w = edgeWeight(scan.normals[s], scan.normals[t], scan.points[s], scan.points[t]);
             step[e] = static_cast<std::uint16_t>(std::min<double>(WEIGHT_STEPS - 1, std::sqrt(w / 2.0) * WEIGHT_STEPS));
         }
     }
-    // The edges in order of their step, each step in edge order: a stable counting sort.
-    std::vector<std::uint32_t> start(WEIGHT_STEPS + 2, 0);
-    for (std::size_t e = 0; e < edges; ++e) ++start[step[e] + 1];
-    for (std::size_t d = 1; d < start.size(); ++d) start[d] += start[d - 1];
-    // Both ends of each edge, so that the tree's walk over them reads memory in order.
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> sorted(start[WEIGHT_STEPS]);
-    for (std::size_t e = 0; e < edges; ++e)
-        if (step[e] < WEIGHT_STEPS)
-            sorted[start[step[e]]++] = {static_cast<std::uint32_t>(e / GRAPH_NEIGHBOURS), graph[e]};
+    // The edges in order of their step, each step in edge order (the non-edges last, left out): both ends of
+    // each, so that the tree's walk over them reads memory in order.
+    std::size_t real = 0;
+#pragma omp parallel for schedule(static, 65536) reduction(+ : real)
+    for (std::int64_t e = 0; e < static_cast<std::int64_t>(edges); ++e)
+        real += step[static_cast<std::size_t>(e)] < WEIGHT_STEPS ? 1 : 0;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> sorted(real);
+    countingSort(
+        edges, WEIGHT_STEPS + 1, [&](std::size_t e) { return static_cast<std::size_t>(step[e]); },
+        [&](std::size_t e, std::size_t at) {
+            if (at < real) sorted[at] = {static_cast<std::uint32_t>(e / GRAPH_NEIGHBOURS), graph[e]};
+        });
     step = std::vector<std::uint16_t>();
     graph = std::vector<std::uint32_t>();
 
     mesh_internal::UnionFind sets(n);
     std::vector<std::pair<std::uint32_t, std::uint32_t>> tree;
-    for (const auto& edge : sorted) {
-        if (sets.find(edge.first) == sets.find(edge.second)) continue;
-        sets.join(edge.first, edge.second);
-        tree.push_back(edge);
-    }
+    for (const auto& edge : sorted)
+        if (sets.joinRoots(sets.find(edge.first), sets.find(edge.second))) tree.push_back(edge);
     sorted = decltype(sorted)();
 
     // Per piece (by its root): whether it holds points of known side, and its six extreme points.
@@ -651,19 +767,21 @@ void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estima
 // normal `v` of least spread, with the spreads `lambda` (ascending); `use` (optional) picks the points. False
 // when the points have no direction of least spread.
 bool fitPlane(const double (*d)[3], int count, const bool* use, double mean[3], double lambda[3], double v[3]) {
+    // The points left out add nothing, without a branch: a sum that starts at +0 is never -0, so adding a zero
+    // leaves it as it is.
     int used = 0;
     for (int c = 0; c < 3; ++c) mean[c] = 0.0;
     for (int j = 0; j < count; ++j) {
-        if (use && !use[j]) continue;
-        ++used;
-        for (int c = 0; c < 3; ++c) mean[c] += d[j][c];
+        const bool in = !use || use[j];
+        used += in ? 1 : 0;
+        for (int c = 0; c < 3; ++c) mean[c] += in ? d[j][c] : 0.0;
     }
     if (used == 0) return false;
     for (int c = 0; c < 3; ++c) mean[c] /= used;
     double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
     for (int j = 0; j < count; ++j) {
-        if (use && !use[j]) continue;
-        const double e[3] = {d[j][0] - mean[0], d[j][1] - mean[1], d[j][2] - mean[2]};
+        const bool in = !use || use[j];
+        const double e[3] = {in ? d[j][0] - mean[0] : 0.0, in ? d[j][1] - mean[1] : 0.0, in ? d[j][2] - mean[2] : 0.0};
         a[0] += e[0] * e[0];
         a[1] += e[0] * e[1];
         a[2] += e[0] * e[2];
@@ -677,13 +795,10 @@ bool fitPlane(const double (*d)[3], int count, const bool* use, double mean[3], 
 // The plane fitted again without the points far off the first one (see OFF_PLANE_MEDIANS): `v` replaced when
 // some are dropped, at least half are kept and they still span a plane.
 void refitWithoutFarPoints(const double (*d)[3], int count, const double mean[3], double v[3]) {
-    double off[MAX_NEIGHBOURS + 1], sorted[MAX_NEIGHBOURS + 1];
-    for (int j = 0; j < count; ++j) {
+    double off[MAX_NEIGHBOURS + 1];
+    for (int j = 0; j < count; ++j)
         off[j] = std::fabs((d[j][0] - mean[0]) * v[0] + (d[j][1] - mean[1]) * v[1] + (d[j][2] - mean[2]) * v[2]);
-        sorted[j] = off[j];
-    }
-    std::nth_element(sorted, sorted + count / 2, sorted + count);
-    const double limit = OFF_PLANE_MEDIANS * sorted[count / 2];
+    const double limit = OFF_PLANE_MEDIANS * valueAtRank(off, count, count / 2);
     bool use[MAX_NEIGHBOURS + 1];
     int kept = 0;
     for (int j = 0; j < count; ++j) {
@@ -778,7 +893,7 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
             search_room.emplace();
             nearest_room.emplace(k + 1);
         });
-#pragma omp for schedule(dynamic, 16)
+#pragma omp for schedule(dynamic, 64)
         for (std::int64_t cell = 0; cell < cells; ++cell) {
             if (failure.failed()) continue;
             failure.run([&] {
