@@ -6,6 +6,7 @@
 #include "FakeDevices.h"
 #include "TestAccess.h"
 #include "TestSupport.h"
+#include "common/BlockSelection.h"
 #include "common/GridHash.h"
 #include "common/ThreadPool.h"
 
@@ -85,7 +86,7 @@ Blocks bruteForceBlocks(const Frames& frames, const Grid& g = {}) {
 class PortionerRun {
 public:
     explicit PortionerRun(const Frames& frames, std::uint64_t raw_points_capacity = 0, Grid grid = {},
-                          bool batches = false)
+                          bool batches = false, BlockKeySet computed = {})
         : g(grid) {
         std::uint32_t largest = 0;
         for (const auto& f : frames) largest = std::max(largest, static_cast<std::uint32_t>(f->xyz.size()));
@@ -93,6 +94,7 @@ public:
         portioner.setThreadPool(pool);
         TestAccess::setRawPointsCapacityForTest(portioner, raw_points_capacity);
         if (batches) TestAccess::takeBatches(portioner);
+        portioner.setComputedBlocks(std::move(computed));
         EXPECT_EQ(portioner.init(), 0);
         for (const auto& f : frames) EXPECT_EQ(portioner.addScanFrameWithoutModel(f), 0);
         output = quiet([&] { status = portioner.processWithoutModel(); });
@@ -217,6 +219,50 @@ TEST(PortionerRuns, StraightFromTheFramesGivesTheBlocksOfTheBatches) {
     for (PortionerRun* run : {&straight, &batched})
         for (int i = 0; i < run->portioner.getPointCloudBlockCount(); ++i)
             EXPECT_EQ(run->block(i)->points->capacity(), run->block(i)->points->size()) << "block " << i;
+}
+
+// A run of chosen blocks lists points for those blocks alone: each of them byte for byte as a run of all
+// blocks lists it (its own points and the margins' copies, in the same order), in the straight pass and in
+// batches; the other blocks take nothing, not even the points that lie in them (an empty block leaves the list).
+TEST(PortionerRuns, ChosenBlocksAloneGetTheirListsAsInARunOfAllBlocks) {
+    const Frames frames = randomFrames(PORTIONER_MAX_FRAME_SIZE + 37, 60, 13);
+    PortionerRun whole(frames);
+    ASSERT_EQ(whole.status, 0) << whole.portioner.getLastError();
+    const auto keyOf = [&](const PointCloudBlock& b) {
+        return SurfaceReconstruction::BlockKey{whole.g.index(b.center[0]), whole.g.index(b.center[1]),
+                                               whole.g.index(b.center[2])};
+    };
+    std::map<std::tuple<int, int, int>, std::shared_ptr<PointCloudBlock>> all;
+    BlockKeySet chosen;
+    for (int i = 0; i < whole.portioner.getPointCloudBlockCount(); ++i) {
+        const auto block = whole.block(i);
+        const SurfaceReconstruction::BlockKey key = keyOf(*block);
+        all[{key.x, key.y, key.z}] = block;
+        if ((key.x + key.y + key.z) % 2 == 0) chosen.insert(key);  // a checkerboard
+    }
+    ASSERT_GE(all.size(), 8u);
+    for (const bool batches : {false, true}) {
+        PortionerRun part(frames, 0, {}, batches, chosen);
+        ASSERT_EQ(part.status, 0) << part.portioner.getLastError();
+        std::size_t listed = 0;
+        for (int i = 0; i < part.portioner.getPointCloudBlockCount(); ++i) {
+            const auto block = part.block(i);
+            const SurfaceReconstruction::BlockKey key = keyOf(*block);
+            if (chosen.count(key) == 0) {
+                EXPECT_TRUE(block->points->empty()) << key.x << " " << key.y << " " << key.z;
+                continue;
+            }
+            const auto& expected = *all.at({key.x, key.y, key.z});
+            ASSERT_EQ(block->points->size(), expected.points->size());
+            EXPECT_EQ(block->flags, expected.flags);
+            EXPECT_EQ(std::memcmp(block->points->data(), expected.points->data(),
+                                  block->points->size() * sizeof(RawPointWithHash)),
+                      0)
+                << "block " << key.x << " " << key.y << " " << key.z << (batches ? " in batches" : "");
+            ++listed;
+        }
+        EXPECT_EQ(listed, chosen.size());
+    }
 }
 
 TEST(PortionerRuns, StraightPassLetsGoOfTheFramesItAloneHolds) {

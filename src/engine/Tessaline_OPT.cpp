@@ -698,6 +698,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<M
 
     // From here on the stages belong to this run.
     m_stages_spent = true;
+    m_portioner->setComputedBlocks(m_owned_blocks.empty() ? BlockKeySet() : blocksToCompute(m_owned_blocks));
     int result = portionFrames(usable_points, last_error);
     if (result != 0) return result;
     result = prepareFusion(profiler, last_error);
@@ -814,11 +815,12 @@ Tessaline_OPT::LeftOutBlocks Tessaline_OPT::fuseBlocks(TimeProfiler& profiler, i
         profiler.time_start("marching_cubes");
         std::shared_ptr<PointCloudBlock> block;
         if (m_portioner->takePointCloudBlock(block, i) != 0) continue;
+        // A block the run does not compute holds no points of its own: it is passed over without a word.
+        if (block && restricted && computed.count(blockKeyOfCentre(block->center, block_res)) == 0) continue;
         if (!block || !block->points || block->points->empty()) {
             diagnostic("[Tessaline_OPT] process : point_cloud_block->points->size() <= 0!\n");
             continue;
         }
-        if (restricted && computed.count(blockKeyOfCentre(block->center, block_res)) == 0) continue;
         // A block that fails is left out of the mesh; the run goes on, and says so at its end. The stage may
         // give up the block's points once it no longer needs them.
         const std::size_t block_points = block->points->size();

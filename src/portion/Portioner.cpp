@@ -152,6 +152,10 @@ int Portioner::preProcessForAddScanFrame() {
                 block->center[1] = static_cast<float>(pos.y) * block_res + half;
                 block->center[2] = static_cast<float>(pos.z) * block_res + half;
                 block->half_size = half;
+                // Keyed as the run picks the blocks it computes.
+                const bool computed = m_computed_blocks.empty() ||
+                                      m_computed_blocks.count(blockKeyOfCentre(block->center, block_res)) != 0;
+                entry->value.skipped = computed ? 0 : 1;
                 m_point_cloud_blocks.push_back(std::move(block));
             }
 

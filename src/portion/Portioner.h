@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "common/BlockSelection.h"
 #include "common/GridKeyTable.h"
 #include "common/MemoryFailure.h"
 #include "common/Parameters.h"
@@ -70,6 +71,9 @@ struct BlockTally {
     std::int32_t id = -1;    // index into the block list; -1 while nothing is set
     std::int32_t flags = 0;  // OR of the words of the points tagged with this slot
     std::int32_t count = 0;  // points of the batch in progress tagged with this slot
+    // 1: a block the run does not compute (a run of chosen blocks); its points are listed only for the blocks
+    // around it whose margins hold them.
+    std::int32_t skipped = 0;
 };
 using BlockSlot = GridKeySlot<BlockTally>;
 
@@ -147,6 +151,9 @@ public:
     int addScanFrameWithModel(const std::shared_ptr<FrameDataWithInfo>& frame);
     int processWithModel();
 
+    // A run of chosen blocks lists points only for these blocks (keys on the grid of blocks); empty: for all.
+    void setComputedBlocks(BlockKeySet blocks) { m_computed_blocks = std::move(blocks); }
+
     // Points of the first, largest block; 0 without blocks.
     int getMaxBlockPointsSize();
     int getPointCloudBlockCount();
@@ -207,6 +214,7 @@ private:
     RawSurfaceBlockPos* m_raw_surface_block_dev = nullptr;
     std::uint64_t m_raw_surface_capacity = 0;
     std::vector<RawSurfaceBlockPos> m_raw_surface_block_vec;
+    BlockKeySet m_computed_blocks;  // empty: every block is computed
     std::vector<std::shared_ptr<PointCloudBlock>> m_point_cloud_blocks;
     // Host backend: each worker thread's records of the batch in work, kept from batch to batch.
     std::vector<std::vector<RawPointWithHash>> m_thread_records;

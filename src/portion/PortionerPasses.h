@@ -73,7 +73,8 @@ struct PartitionPoint {
                     x, y, z, bx, by, bz, block_res, static_cast<int>(hash_mask));
             return false;
         }
-        record(own);
+        // A block the run does not compute takes no records; the blocks whose margins hold the point do.
+        if (hash_entries[own].value.skipped == 0) record(own);
         // The margin first: most points lie far from every face and need no table lookup. A neighbour's
         // margin holds the point when each axis does, so the three tests of each axis are made once.
         const float half_block = block_res * 0.5f;
@@ -96,7 +97,7 @@ struct PartitionPoint {
                 for (int dz = -1; dz <= 1; ++dz) {
                     if (!within[2][dz + 1] || (dx == 0 && dy == 0 && dz == 0)) continue;
                     const std::int32_t e = findGridKeySlot(hash_entries, mask, bx + dx, by + dy, bz + dz);
-                    if (e < 0) continue;  // no block behind this side
+                    if (e < 0 || hash_entries[e].value.skipped != 0) continue;  // no block behind this side
                     record(e);
                 }
             }
