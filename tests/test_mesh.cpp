@@ -228,6 +228,14 @@ bool sameBytes(const std::vector<T>& a, const std::vector<T>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
 }
 
+// Two welded meshes the same, byte for byte: vertices, triangles, words and normals.
+void expectSameMesh(const IndexedMesh& mesh, const IndexedMesh& expected, const std::string& what) {
+    EXPECT_TRUE(sameBytes(mesh.vertices, expected.vertices)) << what;
+    EXPECT_TRUE(sameBytes(mesh.triangles, expected.triangles)) << what;
+    EXPECT_EQ(mesh.words, expected.words) << what;
+    EXPECT_TRUE(sameBytes(mesh.normals, expected.normals)) << what;
+}
+
 }  // namespace
 
 TEST(Weld, MatchesThePlainWeldBitForBitOnOneThreadAndTwo) {
@@ -254,10 +262,7 @@ TEST(Weld, MatchesThePlainWeldBitForBitOnOneThreadAndTwo) {
             std::size_t degenerate = 0;
             withThreads(threads, [&] { ASSERT_EQ(weldMesh(soup, c.tolerance, mesh, &degenerate), 0); });
             EXPECT_EQ(degenerate, expected_degenerate) << c.seed << " " << threads;
-            EXPECT_TRUE(sameBytes(mesh.vertices, expected.vertices)) << c.seed << " " << threads;
-            EXPECT_TRUE(sameBytes(mesh.triangles, expected.triangles)) << c.seed << " " << threads;
-            EXPECT_EQ(mesh.words, expected.words) << c.seed << " " << threads;
-            EXPECT_TRUE(sameBytes(mesh.normals, expected.normals)) << c.seed << " " << threads;
+            expectSameMesh(mesh, expected, "seed " + std::to_string(c.seed) + ", threads " + std::to_string(threads));
         }
     }
 }
@@ -349,10 +354,7 @@ TEST(Weld, InPiecesIsTheWeldOfTheWholeSoupBitForBit) {
             std::size_t degenerate = 0;
             ASSERT_EQ(welder.finish(mesh, &degenerate), 0);
             EXPECT_EQ(degenerate, expected_degenerate) << c.seed << " cut " << k;
-            EXPECT_TRUE(sameBytes(mesh.vertices, expected.vertices)) << c.seed << " cut " << k;
-            EXPECT_TRUE(sameBytes(mesh.triangles, expected.triangles)) << c.seed << " cut " << k;
-            EXPECT_EQ(mesh.words, expected.words) << c.seed << " cut " << k;
-            EXPECT_TRUE(sameBytes(mesh.normals, expected.normals)) << c.seed << " cut " << k;
+            expectSameMesh(mesh, expected, "seed " + std::to_string(c.seed) + ", cut " + std::to_string(k));
         }
     }
 }
