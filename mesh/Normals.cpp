@@ -195,10 +195,16 @@ public:
 
     void cellOf(const Vec3f& p, std::int32_t c[3]) const { SurfaceReconstruction::cellOf(p, m_origin, m_edge, c); }
     // The cell at these coordinates, or NONE when it holds no point.
-    std::uint32_t find(const std::int32_t c[3]) const {
+    std::uint32_t find(const std::int32_t c[3]) const { return findCode(codeOf(c)); }
+    // The code of the cell at these coordinates; EMPTY off the grid.
+    static std::uint64_t codeOf(const std::int32_t c[3]) {
         for (int k = 0; k < 3; ++k)
-            if (c[k] < 0 || c[k] > CELLS_PER_AXIS) return NONE;
-        const std::uint64_t code = mesh_internal::cellCode(c);
+            if (c[k] < 0 || c[k] > CELLS_PER_AXIS) return EMPTY;
+        return mesh_internal::cellCode(c);
+    }
+    // The cell of this code, or NONE when it holds no point.
+    std::uint32_t findCode(std::uint64_t code) const {
+        if (code == EMPTY) return NONE;
         for (std::size_t slot = hash(code);; slot = (slot + 1) & m_mask) {
             if (m_slots[slot].code == code) return m_slots[slot].cell;
             if (m_slots[slot].code == EMPTY) return NONE;
@@ -223,8 +229,9 @@ public:
         return depth;
     }
 
-private:
     static constexpr std::uint64_t EMPTY = UINT64_MAX;  // no cell's code: those have at most 63 bits
+
+private:
     std::size_t hash(std::uint64_t code) const {
         return static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 20) & m_mask;
     }
@@ -247,13 +254,12 @@ std::int32_t floatBits(float value) {
     return bits;
 }
 
-// A squared distance and a point's index as one number that orders as the pair: a squared distance is never
-// negative, and the bits of such floats order as their values.
-std::uint64_t distanceKey(float squared, std::uint32_t index) {
-    std::uint32_t bits;
-    std::memcpy(&bits, &squared, sizeof(bits));
-    return static_cast<std::uint64_t>(bits) << 32 | index;
+// A squared distance (as the bits of its float) and a point's index as one number that orders as the pair: a
+// squared distance is never negative, and the bits of such floats order as their values.
+std::uint64_t bitsKey(std::int32_t bits, std::uint32_t index) {
+    return static_cast<std::uint64_t>(static_cast<std::uint32_t>(bits)) << 32 | index;
 }
+std::uint64_t distanceKey(float squared, std::uint32_t index) { return bitsKey(floatBits(squared), index); }
 
 // The `size` nearest points to a query, kept in the order of (squared distance, index): the same set,
 // in the same order, whatever order the candidates come in.
@@ -305,16 +311,14 @@ struct Search {
     // grid's table is far larger than a processor's cache.
     static constexpr std::size_t REMEMBERED = 4096;
     struct Remembered {
-        std::uint64_t code = UINT64_MAX;
+        std::uint64_t code = Grid::EMPTY;
         std::uint32_t cell = NONE;
     };
     std::vector<Remembered> remembered = std::vector<Remembered>(REMEMBERED);
     std::uint32_t find(const Grid& grid, const std::int32_t c[3]) {
-        for (int k = 0; k < 3; ++k)
-            if (c[k] < 0 || c[k] > CELLS_PER_AXIS) return NONE;
-        const std::uint64_t code = mesh_internal::cellCode(c);
+        const std::uint64_t code = Grid::codeOf(c);
         Remembered& slot = remembered[static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 52)];
-        if (slot.code != code) slot = Remembered{code, grid.find(c)};
+        if (slot.code != code) slot = Remembered{code, grid.findCode(code)};
         return slot.cell;
     }
 
@@ -394,7 +398,7 @@ void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32
             if (rank < size) {
                 tied = tied || placed[rank];
                 placed[rank] = true;
-                nearest.place(rank, static_cast<std::uint64_t>(b) << 32 | index[i]);
+                nearest.place(rank, bitsKey(b, index[i]));
             }
         }
         if (tied)
@@ -403,16 +407,14 @@ void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32
                 const std::uint32_t x = index[i];
                 int rank = 0;
                 for (std::size_t j = 0; j < within; ++j) rank += (bits[j] < b) | ((bits[j] == b) & (index[j] < x));
-                if (rank < size) nearest.place(rank, static_cast<std::uint64_t>(b) << 32 | x);
+                if (rank < size) nearest.place(rank, bitsKey(b, x));
             }
         nearest.fill();
     } else {
-        for (std::size_t i = 0; i < within; ++i)
-            nearest.offer(static_cast<std::uint64_t>(search.kept_bits[i]) << 32 | search.kept[i]);
+        for (std::size_t i = 0; i < within; ++i) nearest.offer(bitsKey(search.kept_bits[i], search.kept[i]));
         if (!nearest.full() && within < m) {
             nearest.clear();
-            for (std::size_t i = 0; i < m; ++i)
-                nearest.offer(static_cast<std::uint64_t>(search.bits[i]) << 32 | search.around[i]);
+            for (std::size_t i = 0; i < m; ++i) nearest.offer(bitsKey(search.bits[i], search.around[i]));
         }
     }
     search.hint = nearest.full() ? 1.5f * nearest.squared(nearest.count() - 1) : INFINITY;
