@@ -9,6 +9,9 @@
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 #include "MeshInternal.h"
 
@@ -210,6 +213,10 @@ public:
             if (m_slots[slot].code == EMPTY) return NONE;
         }
     }
+    // Asks memory for the table's slot where the search for this code starts.
+    void prefetch(std::uint64_t code) const {
+        if (code != EMPTY) __builtin_prefetch(&m_slots[hash(code)]);
+    }
     // The squared distance from `p` along axis k to the slab of cells at coordinate `c`: the squared distance
     // to a cell is the sum of its three slabs', in axis order.
     double squaredDistanceToSlab(const Vec3f& p, int k, std::int32_t c) const {
@@ -315,27 +322,49 @@ struct Search {
         std::uint32_t cell = NONE;
     };
     std::vector<Remembered> remembered = std::vector<Remembered>(REMEMBERED);
-    std::uint32_t find(const Grid& grid, const std::int32_t c[3]) {
-        const std::uint64_t code = Grid::codeOf(c);
-        Remembered& slot = remembered[static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 52)];
+    Remembered& rememberedOf(std::uint64_t code) {
+        return remembered[static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 52)];
+    }
+    std::uint32_t findCode(const Grid& grid, std::uint64_t code) {
+        Remembered& slot = rememberedOf(code);
         if (slot.code != code) slot = Remembered{code, grid.findCode(code)};
         return slot.cell;
     }
+    std::uint32_t find(const Grid& grid, const std::int32_t c[3]) { return findCode(grid, Grid::codeOf(c)); }
 
     // Looks up the cells around `cell` (the point ranges of the cells that hold points).
     void enter(const Grid& grid, const std::vector<Vec3f>& points, std::size_t cell) {
         around.clear();
         for (std::uint32_t j = grid.begin(cell); j < grid.end(cell); ++j) around.push_back(j);
         grid.cellOf(points[grid.begin(cell)], c);
-        for (int dz = -1; dz <= 1; ++dz)
-            for (int dy = -1; dy <= 1; ++dy)
-                for (int dx = -1; dx <= 1; ++dx) {
-                    if (dx == 0 && dy == 0 && dz == 0) continue;
-                    const std::int32_t at[3] = {c[0] + dx, c[1] + dy, c[2] + dz};
-                    const std::uint32_t found = find(grid, at);
-                    if (found == NONE) continue;
-                    for (std::uint32_t j = grid.begin(found); j < grid.end(found); ++j) around.push_back(j);
+        // The codes of the 26 cells around, and the table's slots of those not remembered asked of memory all
+        // at once, before the first is read: the misses then wait side by side, not one after another.
+        // Each code is made of its three coordinates' spread bits, spread once per coordinate.
+        std::uint64_t spread[3][3];
+        bool on_grid[3][3];
+        for (int k = 0; k < 3; ++k)
+            for (int o = 0; o < 3; ++o) {
+                const std::int32_t at = c[k] + o - 1;
+                on_grid[k][o] = at >= 0 && at <= CELLS_PER_AXIS;
+                spread[k][o] = mesh_internal::spreadBits(static_cast<std::uint64_t>(on_grid[k][o] ? at : 0)) << k;
+            }
+        std::uint64_t codes[26];
+        int count = 0;
+        for (int dz = 0; dz < 3; ++dz)
+            for (int dy = 0; dy < 3; ++dy)
+                for (int dx = 0; dx < 3; ++dx) {
+                    if (dx == 1 && dy == 1 && dz == 1) continue;
+                    const std::uint64_t code = on_grid[0][dx] && on_grid[1][dy] && on_grid[2][dz]
+                                                   ? spread[0][dx] | spread[1][dy] | spread[2][dz]
+                                                   : Grid::EMPTY;
+                    if (rememberedOf(code).code != code) grid.prefetch(code);
+                    codes[count++] = code;
                 }
+        for (int i = 0; i < count; ++i) {
+            const std::uint32_t found = findCode(grid, codes[i]);
+            if (found == NONE) continue;
+            for (std::uint32_t j = grid.begin(found); j < grid.end(found); ++j) around.push_back(j);
+        }
         x.resize(around.size());
         y.resize(around.size());
         z.resize(around.size());
@@ -350,173 +379,57 @@ struct Search {
     }
 };
 
-// The nearest points to points[q] (itself among them), complete within `reach`: rings of cells around
-// q's cell are searched until no point outside them can come nearer than the farthest one kept, or until
-// they cover the reach. `search` holds the points of the 27 cells around q's cell.
-void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32_t q, Search& search, double reach,
-                 int max_ring, Nearest& nearest) {
-    nearest.clear();
-    const Vec3f p = points[q];
-    const std::size_t m = search.around.size();
-    // Those within the hint first; when they fill the list, every point beyond it is farther than all
-    // kept and the list is exact; otherwise all are offered.
-    const std::int32_t hint = search.hint < INFINITY ? floatBits(search.hint) : INT32_MAX;
-    {
-        const float* x = search.x.data();
-        const float* y = search.y.data();
-        const float* z = search.z.data();
-        std::int32_t* bits = search.bits.data();
-        for (std::size_t i = 0; i < m; ++i) {
-            const float dx = x[i] - p[0], dy = y[i] - p[1], dz = z[i] - p[2];
-            bits[i] = floatBits(dx * dx + dy * dy + dz * dz);
-        }
-    }
-    std::size_t within = 0;
-    for (std::size_t i = 0; i < m; ++i) {
-        const std::int32_t bits = search.bits[i];
-        search.kept_bits[within] = bits;
-        search.kept[within] = search.around[i];
-        within += bits <= hint ? 1 : 0;
-    }
-    const int size = nearest.size();
-    if (within >= static_cast<std::size_t>(size) && within <= RANKED) {
-        // Each candidate's rank among the others, counted without a branch (an insertion's branches miss
-        // half the time): those of rank below the size are the list, in order. Counted first by distance
-        // alone; candidates at the same distance then share a rank, and where two meet in one place of the
-        // list the ranks are counted again with the points' indices breaking the ties.
-        const std::int32_t* bits = search.kept_bits.data();
-        const std::uint32_t* index = search.kept.data();
-        bool placed[MAX_NEIGHBOURS + 1] = {};
-        bool tied = false;
-        // Counted in whole runs of eight: the rest of the last run farther than any candidate.
-        const std::size_t counted = (within + 7) / 8 * 8;
-        for (std::size_t j = within; j < counted; ++j) search.kept_bits[j] = INT32_MAX;
-        for (std::size_t i = 0; i < within; ++i) {
-            const std::int32_t b = bits[i];
-            int rank = 0;
-            for (std::size_t j = 0; j < counted; ++j) rank += bits[j] < b ? 1 : 0;
-            if (rank < size) {
-                tied = tied || placed[rank];
-                placed[rank] = true;
-                nearest.place(rank, bitsKey(b, index[i]));
-            }
-        }
-        if (tied)
-            for (std::size_t i = 0; i < within; ++i) {
-                const std::int32_t b = bits[i];
-                const std::uint32_t x = index[i];
-                int rank = 0;
-                for (std::size_t j = 0; j < within; ++j) rank += (bits[j] < b) | ((bits[j] == b) & (index[j] < x));
-                if (rank < size) nearest.place(rank, bitsKey(b, x));
-            }
-        nearest.fill();
-    } else {
-        for (std::size_t i = 0; i < within; ++i) nearest.offer(bitsKey(search.kept_bits[i], search.kept[i]));
-        if (!nearest.full() && within < m) {
-            nearest.clear();
-            for (std::size_t i = 0; i < m; ++i) nearest.offer(bitsKey(search.bits[i], search.around[i]));
-        }
-    }
-    search.hint = nearest.full() ? 1.5f * nearest.squared(nearest.count() - 1) : INFINITY;
+// What the fit of a point's plane came to.
+enum Fitted { PLANE, TOO_FEW, UNCLEAR };
 
-    const std::int32_t* c = search.c;  // q's cell, whose neighbours the search holds
-    for (int ring = 1;; ++ring) {
-        const double depth = grid.depthInBlock(p, c, ring);
-        if (depth >= reach || ring >= max_ring) return;
-        if (nearest.full() && static_cast<double>(nearest.squared(nearest.count() - 1)) < depth * depth) return;
-        const int r = ring + 1, side = 2 * r + 1;
-        search.slabs.resize(3 * static_cast<std::size_t>(side));
-        for (int k = 0; k < 3; ++k)
-            for (int o = -r; o <= r; ++o) search.slabs[k * side + o + r] = grid.squaredDistanceToSlab(p, k, c[k] + o);
-        const double* slab_x = search.slabs.data() + r;
-        const double* slab_y = slab_x + side;
-        const double* slab_z = slab_y + side;
-        for (int dz = -r; dz <= r; ++dz)
-            for (int dy = -r; dy <= r; ++dy) {
-                // The shell of the ring: every cell of its outer planes, two of each row within them.
-                const bool outer = dz == -r || dz == r || dy == -r || dy == r;
-                for (int dx = -r; dx <= r; dx += outer ? 1 : 2 * r) {
-                    const std::int32_t at[3] = {c[0] + dx, c[1] + dy, c[2] + dz};
-                    // A cell farther than the farthest point kept, or than the reach, has nothing to offer.
-                    const double gap = slab_x[dx] + slab_y[dy] + slab_z[dz];
-                    if (gap >= reach * reach) continue;
-                    if (nearest.full() && gap >= static_cast<double>(nearest.squared(nearest.count() - 1))) continue;
-                    const std::uint32_t cell = search.find(grid, at);
-                    if (cell == NONE) continue;
-                    for (std::uint32_t j = grid.begin(cell); j < grid.end(cell); ++j) {
-                        const float dx = points[j][0] - p[0], dy = points[j][1] - p[1], dz = points[j][2] - p[2];
-                        nearest.offer(distanceKey(dx * dx + dy * dy + dz * dz, j));
-                    }
-                }
-            }
-    }
-}
+namespace plain {
+#include "NormalsFit.inc"
+}  // namespace plain
 
-// The eigenvalues of the symmetric matrix (a00, a01, a02, a11, a12, a22), ascending, by the trigonometric
-// closed form, and the unit eigenvector of the least, from the largest cross product of two rows of
-// A - least I. False when the matrix has no direction of least spread (all three eigenvalues equal).
-bool leastEigenvector(const double a[6], double lambda[3], double v[3]) {
-    const double a00 = a[0], a01 = a[1], a02 = a[2], a11 = a[3], a12 = a[4], a22 = a[5];
-    const double off = a01 * a01 + a02 * a02 + a12 * a12;
-    const double q = (a00 + a11 + a22) / 3.0;
-    const double b00 = a00 - q, b11 = a11 - q, b22 = a22 - q;
-    const double p2 = b00 * b00 + b11 * b11 + b22 * b22 + 2.0 * off;
-    if (!(p2 > 0.0)) return false;
-    const double p = std::sqrt(p2 / 6.0);
-    const double det = b00 * (b11 * b22 - a12 * a12) - a01 * (a01 * b22 - a12 * a02) + a02 * (a01 * a12 - b11 * a02);
-    const double r = std::min(1.0, std::max(-1.0, det / (2.0 * p * p * p)));
-    const double phi = std::acos(r) / 3.0;
-    lambda[2] = q + 2.0 * p * std::cos(phi);
-    lambda[0] = q + 2.0 * p * std::cos(phi + 2.0 * PI / 3.0);
-    lambda[1] = 3.0 * q - lambda[0] - lambda[2];
-    const double l = lambda[0];
-    const double rows[3][3] = {{a00 - l, a01, a02}, {a01, a11 - l, a12}, {a02, a12, a22 - l}};
-    // The first of the longest, chosen without a branch.
-    double best = 0.0;
-    for (int k = 0; k < 3; ++k) v[k] = 0.0;
-    for (int i = 0; i < 3; ++i) {
-        const double* x = rows[i];
-        const double* y = rows[(i + 1) % 3];
-        const double c[3] = {x[1] * y[2] - x[2] * y[1], x[2] * y[0] - x[0] * y[2], x[0] * y[1] - x[1] * y[0]};
-        const double length = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
-        const bool longer = length > best;
-        best = longer ? length : best;
-        for (int k = 0; k < 3; ++k) v[k] = longer ? c[k] : v[k];
-    }
-    if (!(best > 0.0)) return false;
-    const double length = std::sqrt(best);
-    for (int k = 0; k < 3; ++k) v[k] /= length;
-    return true;
-}
-
-// The value at `rank` in the order of `values` (count of them, none NaN), as a sort would put it: the largest
-// value with at most `rank` values below it. Counted without branches, two values at a time, for the few
-// offsets of a plane.
-double valueAtRank(const double* values, int count, int rank) {
-    double padded[MAX_NEIGHBOURS + 2];
-    std::int64_t below[MAX_NEIGHBOURS + 2];
-    const int pairs = (count + 1) / 2;
-    for (int j = 0; j < count; ++j) padded[j] = values[j];
-    padded[count] = INFINITY;
-#ifdef __SSE2__
-    __m128i counts[(MAX_NEIGHBOURS + 2) / 2];
-    for (int h = 0; h < pairs; ++h) counts[h] = _mm_setzero_si128();
-    for (int i = 0; i < count; ++i) {
-        const __m128d value = _mm_set1_pd(padded[i]);
-        // A comparison's lanes are all ones (-1) where it holds.
-        for (int h = 0; h < pairs; ++h)
-            counts[h] = _mm_sub_epi64(counts[h], _mm_castpd_si128(_mm_cmplt_pd(value, _mm_loadu_pd(padded + 2 * h))));
-    }
-    for (int h = 0; h < pairs; ++h) _mm_storeu_si128(reinterpret_cast<__m128i*>(below + 2 * h), counts[h]);
-#else
-    for (int j = 0; j < 2 * pairs; ++j) below[j] = 0;
-    for (int i = 0; i < count; ++i)
-        for (int j = 0; j < 2 * pairs; ++j) below[j] += padded[i] < padded[j] ? 1 : 0;
+// The same work for processors with AVX2, chosen at run time where NormalOptions allow it.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__AVX2__)
+#define TESSALINE_NORMALS_WIDE 1
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#define TESSALINE_NORMALS_AVX2 1
+namespace wide {
+#include "NormalsFit.inc"
+}  // namespace wide
+#undef TESSALINE_NORMALS_AVX2
+#pragma GCC pop_options
 #endif
-    double found = -INFINITY;
-    for (int j = 0; j < count; ++j) found = std::max(found, below[j] <= rank ? padded[j] : -INFINITY);
-    return found;
+
+// Whether this processor runs the AVX2 build of the per-point work.
+bool wideAvailable() {
+#ifdef TESSALINE_NORMALS_WIDE
+    static const bool available = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2") != 0;
+    }();
+    return available;
+#else
+    return false;
+#endif
 }
+
+// The per-point work of either build.
+struct PointWork {
+    bool wide = false;
+    void findNearest(const Grid& grid, const std::vector<Vec3f>& points, std::uint32_t q, Search& search, double reach,
+                     int max_ring, Nearest& nearest) const {
+#ifdef TESSALINE_NORMALS_WIDE
+        if (wide) return wide::findNearest(grid, points, q, search, reach, max_ring, nearest);
+#endif
+        plain::findNearest(grid, points, q, search, reach, max_ring, nearest);
+    }
+    Fitted fitPoint(const Grid& grid, const std::vector<Vec3f>& points, std::uint32_t s, Search& search, double reach,
+                    int max_ring, float clear_plane, int k, Nearest& nearest, int& within, double v[3]) const {
+#ifdef TESSALINE_NORMALS_WIDE
+        if (wide) return wide::fitPoint(grid, points, s, search, reach, max_ring, clear_plane, k, nearest, within, v);
+#endif
+        return plain::fitPoint(grid, points, s, search, reach, max_ring, clear_plane, k, nearest, within, v);
+    }
+};
 
 // The median of `values` (reordered); 0 when empty.
 double median(std::vector<double>& values) {
@@ -581,7 +494,7 @@ struct Scan {
 // scan, searched without a reach.
 std::size_t reachStep(std::size_t n) { return std::max<std::size_t>(1, n / REACH_SAMPLES); }
 
-double measureReach(const Scan& scan, int k) {
+double measureReach(const Scan& scan, int k, const PointWork& work) {
     const std::size_t n = scan.points.size();
     const std::size_t step = reachStep(n);
     const std::int64_t samples = static_cast<std::int64_t>((n + step - 1) / step);
@@ -601,7 +514,7 @@ double measureReach(const Scan& scan, int k) {
             failure.run([&] {
                 const std::uint32_t s = static_cast<std::uint32_t>(static_cast<std::size_t>(t) * step);
                 search->enter(scan.grid, scan.points, scan.grid.cellHolding(s));
-                findNearest(scan.grid, scan.points, s, *search, INFINITY, REACH_RINGS, *nearest);
+                work.findNearest(scan.grid, scan.points, s, *search, INFINITY, REACH_RINGS, *nearest);
                 if (nearest->full())
                     distances[static_cast<std::size_t>(t)] = std::sqrt(static_cast<double>(nearest->squared(k)));
             });
@@ -765,54 +678,6 @@ void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estima
     }
 }
 
-// The plane of `count` points given as offsets `d` from the point being fitted: their mean `mean` and the unit
-// normal `v` of least spread, with the spreads `lambda` (ascending); `use` (optional) picks the points. False
-// when the points have no direction of least spread.
-bool fitPlane(const double (*d)[3], int count, const bool* use, double mean[3], double lambda[3], double v[3]) {
-    // The points left out add nothing, without a branch: a sum that starts at +0 is never -0, so adding a zero
-    // leaves it as it is.
-    int used = 0;
-    for (int c = 0; c < 3; ++c) mean[c] = 0.0;
-    for (int j = 0; j < count; ++j) {
-        const bool in = !use || use[j];
-        used += in ? 1 : 0;
-        for (int c = 0; c < 3; ++c) mean[c] += in ? d[j][c] : 0.0;
-    }
-    if (used == 0) return false;
-    for (int c = 0; c < 3; ++c) mean[c] /= used;
-    double a[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-    for (int j = 0; j < count; ++j) {
-        const bool in = !use || use[j];
-        const double e[3] = {in ? d[j][0] - mean[0] : 0.0, in ? d[j][1] - mean[1] : 0.0, in ? d[j][2] - mean[2] : 0.0};
-        a[0] += e[0] * e[0];
-        a[1] += e[0] * e[1];
-        a[2] += e[0] * e[2];
-        a[3] += e[1] * e[1];
-        a[4] += e[1] * e[2];
-        a[5] += e[2] * e[2];
-    }
-    return leastEigenvector(a, lambda, v);
-}
-
-// The plane fitted again without the points far off the first one (see OFF_PLANE_MEDIANS): `v` replaced when
-// some are dropped, at least half are kept and they still span a plane.
-void refitWithoutFarPoints(const double (*d)[3], int count, const double mean[3], double v[3]) {
-    double off[MAX_NEIGHBOURS + 1];
-    for (int j = 0; j < count; ++j)
-        off[j] = std::fabs((d[j][0] - mean[0]) * v[0] + (d[j][1] - mean[1]) * v[1] + (d[j][2] - mean[2]) * v[2]);
-    const double limit = OFF_PLANE_MEDIANS * valueAtRank(off, count, count / 2);
-    bool use[MAX_NEIGHBOURS + 1];
-    int kept = 0;
-    for (int j = 0; j < count; ++j) {
-        use[j] = off[j] <= limit;
-        kept += use[j] ? 1 : 0;
-    }
-    if (kept == count || kept < std::max(MIN_NEIGHBOURS, count / 2)) return;
-    double refit_mean[3], lambda[3], refit[3];
-    if (!fitPlane(d, count, use, refit_mean, lambda, refit) || !(lambda[1] > LINE_SPREAD * lambda[2])) return;
-    for (int c = 0; c < 3; ++c) v[c] = refit[c];
-}
-
 // `given`: the grid and reach measured over the whole scan, of which the frames are a part (every source then
 // knows its scanner); null: measured over the frames.
 int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
@@ -831,6 +696,8 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
     }
     const int k = options.neighbours;
     result.neighbours = k;
+    PointWork work;
+    work.wide = options.vector_units && wideAvailable();
 
     Scan scan;
     bool any_free = false;
@@ -870,7 +737,7 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
     } else {
         const double guess = guessReach(scan.points, k);
         scan.grid.build(scan.points, scan.origins, CELL_PER_NEIGHBOURHOOD * guess);
-        const double kth = measureReach(scan, k);
+        const double kth = measureReach(scan, k, work);
         // Cells much smaller or larger than the neighbourhoods make the search slow: sorted again at the size
         // measured.
         if (kth > 0.0 && (scan.grid.edge() < kth || scan.grid.edge() > SORT_AGAIN_ABOVE * kth))
@@ -884,7 +751,6 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
     scan.normals.assign(n, Vec3f{0.0f, 0.0f, 0.0f});
     std::vector<std::uint32_t> graph(any_free ? n * GRAPH_NEIGHBOURS : 0, NONE);
     std::size_t too_few = 0, unclear = 0;
-    const float reach_squared = static_cast<float>(reach * reach);
     const std::int64_t cells = static_cast<std::int64_t>(scan.grid.cells());
     mesh_internal::TeamFailure failure;  // no room for a search: thrown once the team has ended
 #pragma omp parallel reduction(+ : too_few, unclear)
@@ -922,27 +788,14 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                         search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
                         around = true;
                     }
-                    findNearest(scan.grid, scan.points, s, search, reach, max_ring, nearest);
                     int within = 0;
-                    while (within < nearest.count() && nearest.squared(within) <= reach_squared) ++within;
-                    if (2 * (within - 1) < k) {
-                        ++too_few;
-                        continue;
-                    }
-                    // The neighbours as offsets to the point, in double.
+                    double v[3];
+                    const Fitted fitted = work.fitPoint(scan.grid, scan.points, s, search, reach, max_ring,
+                                                        options.clear_plane, k, nearest, within, v);
+                    too_few += fitted == TOO_FEW ? 1 : 0;
+                    unclear += fitted == UNCLEAR ? 1 : 0;
+                    if (fitted != PLANE) continue;
                     const Vec3f& p = scan.points[s];
-                    double d[MAX_NEIGHBOURS + 1][3];
-                    for (int j = 0; j < within; ++j)
-                        for (int c = 0; c < 3; ++c)
-                            d[j][c] = static_cast<double>(scan.points[nearest.index(j)][c]) - static_cast<double>(p[c]);
-                    double mean[3], lambda[3], v[3];
-                    // A line of points (a middle spread of nothing, up to rounding) has no plane either.
-                    if (!fitPlane(d, within, nullptr, mean, lambda, v) || !(lambda[1] > LINE_SPREAD * lambda[2]) ||
-                        std::max(lambda[0], 0.0) > options.clear_plane * lambda[1]) {
-                        ++unclear;
-                        continue;
-                    }
-                    refitWithoutFarPoints(d, within, mean, v);
                     if (source.sensor_known) {
                         double toward = 0.0;
                         for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);

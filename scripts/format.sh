@@ -8,7 +8,7 @@ if ! command -v clang-format >/dev/null 2>&1; then
   $sudo apt-get update
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends clang-format
 fi
-mapfile -t files < <(git ls-files '*.cpp' '*.h' '*.cu')
+mapfile -t files < <(git ls-files '*.cpp' '*.h' '*.cu' '*.inc')
 if [ "${1:-}" = "--check" ]; then
   clang-format --dry-run --Werror "${files[@]}"
   echo "formatting: ${#files[@]} files as .clang-format wants them"

@@ -157,7 +157,21 @@ TEST(PointNormals, AmbiguousPointsAreLeftOutAndKeptNormalsOrientTheirNeighbours)
 // eigenvector (Eigen) of the covariance of the 17 nearest points found by brute force, fitted again without
 // the points more than twice the median offset off the first plane, and the normals come out bit for
 // bit the same on 1, 2 and 3 threads.
-TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountGivesTheSameNormals) {
+// The normals of `frame` (copied) with these options on `threads` threads.
+std::vector<Vec3f> normalsOf(const FrameDataWithInfo& frame, const FrameNormalSource& source,
+                             const NormalOptions& options, int threads, NormalEstimate& estimate) {
+    auto copy = std::make_shared<FrameDataWithInfo>(frame);
+    withThreads(threads, [&] { EXPECT_EQ(estimateNormals({copy}, {source}, estimate, options), 0); });
+    return copy->nor;
+}
+
+bool sameBytes(const std::vector<Vec3f>& a, const std::vector<Vec3f>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(Vec3f)) == 0;
+}
+
+// Where the processor has AVX2 the default runs the search and the fits on its wider vectors; without them
+// (vector_units false) the same bits must come out.
+TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountAndBuildGivesTheSameNormals) {
     std::mt19937 random(7);
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     std::normal_distribution<float> noise(0.0f, 0.01f);
@@ -180,6 +194,12 @@ TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountGivesTheSameNorma
     }
     EXPECT_EQ(std::memcmp(normals[0].data(), normals[1].data(), normals[0].size() * sizeof(Vec3f)), 0);
     EXPECT_EQ(std::memcmp(normals[0].data(), normals[2].data(), normals[0].size() * sizeof(Vec3f)), 0);
+    {
+        NormalOptions plain;
+        plain.vector_units = false;
+        NormalEstimate estimate;
+        EXPECT_TRUE(sameBytes(normalsOf(*frame, FrameNormalSource(), plain, 2, estimate), normals[0]));
+    }
 
     const auto& p = frame->xyz;
     std::size_t checked = 0;
@@ -220,7 +240,13 @@ TEST(PointNormals, BesideASharpEdgeTheNormalIsThatOfTheNearFace) {
     source.sensor_known = true;
     source.sensor = {40.0, 0.0, 40.0};
     NormalEstimate estimate;
+    // A lattice: most neighbours tie in distance with others, and the ties are broken the same way in both
+    // builds.
+    NormalOptions plain;
+    plain.vector_units = false;
+    const std::vector<Vec3f> without = normalsOf(*frame, source, plain, 2, estimate);
     ASSERT_EQ(estimateNormals({frame}, {source}, estimate), 0);
+    EXPECT_TRUE(sameBytes(frame->nor, without));
     int checked = 0, tilted_without = 0;
     for (std::size_t i = 0; i < frame->xyz.size(); ++i) {
         const Vec3f& p = frame->xyz[i];
