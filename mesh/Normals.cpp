@@ -112,10 +112,12 @@ public:
     // Sorts `points` (reordered in place, `origins` with them) into cells of about `edge`.
     void build(std::vector<Vec3f>& points, std::vector<Origin>& origins, double edge) {
         double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
-        for (const Vec3f& p : points)
+        const std::int64_t n = static_cast<std::int64_t>(points.size());
+#pragma omp parallel for schedule(static, 65536) reduction(min : lo[:3]) reduction(max : hi[:3])
+        for (std::int64_t i = 0; i < n; ++i)
             for (int k = 0; k < 3; ++k) {
-                lo[k] = std::min(lo[k], static_cast<double>(p[k]));
-                hi[k] = std::max(hi[k], static_cast<double>(p[k]));
+                lo[k] = std::min(lo[k], static_cast<double>(points[static_cast<std::size_t>(i)][k]));
+                hi[k] = std::max(hi[k], static_cast<double>(points[static_cast<std::size_t>(i)][k]));
             }
         double extent = 0.0;
         for (int k = 0; k < 3; ++k) extent = std::max(extent, hi[k] - lo[k]);
@@ -169,22 +171,48 @@ public:
         points.swap(sorted_points);
         origins.swap(sorted_origins);
 
-        m_start.clear();
-        m_cell_codes.clear();
-        for (std::size_t i = 0; i < n; ++i)
-            if (i == 0 || codes[i] != codes[i - 1]) {
-                m_start.push_back(static_cast<std::uint32_t>(i));
-                m_cell_codes.push_back(codes[i]);
+        // The cells where the codes change: counted by each thread over a run of the points, then placed.
+        const int most = omp_get_max_threads();
+        std::vector<std::size_t> firsts(static_cast<std::size_t>(most) + 1, 0);
+#pragma omp parallel num_threads(most)
+        {
+            const std::size_t threads = static_cast<std::size_t>(omp_get_num_threads());
+            const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
+            const std::size_t from = n * t / threads, to = n * (t + 1) / threads;
+            std::size_t count = 0;
+            for (std::size_t i = from; i < to; ++i) count += i == 0 || codes[i] != codes[i - 1] ? 1 : 0;
+            firsts[t + 1] = count;
+#pragma omp barrier
+#pragma omp single
+            {
+                for (std::size_t u = 0; u < threads; ++u) firsts[u + 1] += firsts[u];
+                m_start.resize(firsts[threads] + 1);
+                m_cell_codes.resize(firsts[threads]);
+                m_start[firsts[threads]] = static_cast<std::uint32_t>(n);
             }
-        m_start.push_back(static_cast<std::uint32_t>(n));
-        std::size_t capacity = 16;
-        while (capacity < 2 * m_cell_codes.size()) capacity *= 2;
-        m_slots.assign(capacity, Slot{EMPTY, NONE});
-        m_mask = capacity - 1;
+            std::size_t at = firsts[t];
+            for (std::size_t i = from; i < to; ++i)
+                if (i == 0 || codes[i] != codes[i - 1]) {
+                    m_start[at] = static_cast<std::uint32_t>(i);
+                    m_cell_codes[at++] = codes[i];
+                }
+        }
+        // The bricks: the cells of one brick are a run of the cells in code order.
+        std::vector<Slot> bricks;
         for (std::size_t c = 0; c < m_cell_codes.size(); ++c) {
-            std::size_t slot = hash(m_cell_codes[c]);
-            while (m_slots[slot].code != EMPTY) slot = (slot + 1) & m_mask;
-            m_slots[slot] = Slot{m_cell_codes[c], static_cast<std::uint32_t>(c)};
+            const std::uint64_t brick = m_cell_codes[c] >> BRICK_BITS;
+            if (bricks.empty() || bricks.back().brick != brick)
+                bricks.push_back(Slot{brick, static_cast<std::uint32_t>(c), 0});
+            bricks.back().end = static_cast<std::uint32_t>(c + 1);
+        }
+        std::size_t capacity = 16;
+        while (capacity < 2 * bricks.size()) capacity *= 2;
+        m_slots.assign(capacity, Slot{EMPTY, 0, 0});
+        m_mask = capacity - 1;
+        for (const Slot& brick : bricks) {
+            std::size_t slot = hash(brick.brick);
+            while (m_slots[slot].brick != EMPTY) slot = (slot + 1) & m_mask;
+            m_slots[slot] = brick;
         }
     }
 
@@ -208,14 +236,20 @@ public:
     // The cell of this code, or NONE when it holds no point.
     std::uint32_t findCode(std::uint64_t code) const {
         if (code == EMPTY) return NONE;
-        for (std::size_t slot = hash(code);; slot = (slot + 1) & m_mask) {
-            if (m_slots[slot].code == code) return m_slots[slot].cell;
-            if (m_slots[slot].code == EMPTY) return NONE;
+        const std::uint64_t brick = code >> BRICK_BITS;
+        for (std::size_t slot = hash(brick);; slot = (slot + 1) & m_mask) {
+            const Slot& found = m_slots[slot];
+            if (found.brick == brick) {
+                const auto first = m_cell_codes.begin() + found.first, end = m_cell_codes.begin() + found.end;
+                const auto at = std::lower_bound(first, end, code);
+                return at != end && *at == code ? static_cast<std::uint32_t>(at - m_cell_codes.begin()) : NONE;
+            }
+            if (found.brick == EMPTY) return NONE;
         }
     }
     // Asks memory for the table's slot where the search for this code starts.
     void prefetch(std::uint64_t code) const {
-        if (code != EMPTY) __builtin_prefetch(&m_slots[hash(code)]);
+        if (code != EMPTY) __builtin_prefetch(&m_slots[hash(code >> BRICK_BITS)]);
     }
     // The squared distance from `p` along axis k to the slab of cells at coordinate `c`: the squared distance
     // to a cell is the sum of its three slabs', in axis order.
@@ -239,18 +273,22 @@ public:
     static constexpr std::uint64_t EMPTY = UINT64_MAX;  // no cell's code: those have at most 63 bits
 
 private:
-    std::size_t hash(std::uint64_t code) const {
-        return static_cast<std::size_t>((code * 0x9E3779B97F4A7C15ull) >> 20) & m_mask;
+    // Cells are found through their bricks of 8 x 8 x 8 (the codes' lowest nine bits): a table of the bricks
+    // is a few hundred kilobytes where one of the cells would be tens of megabytes, and the cells of a brick
+    // lie together in code order, where a point's neighbours are searched.
+    static constexpr int BRICK_BITS = 9;
+    std::size_t hash(std::uint64_t brick) const {
+        return static_cast<std::size_t>((brick * 0x9E3779B97F4A7C15ull) >> 20) & m_mask;
     }
     double m_origin[3] = {0.0, 0.0, 0.0};
     double m_edge = 1.0;
     std::vector<std::uint32_t> m_start;
     std::vector<std::uint64_t> m_cell_codes;
     struct Slot {
-        std::uint64_t code;
-        std::uint32_t cell;
+        std::uint64_t brick;       // the brick's code (its cells' codes without their lowest nine bits)
+        std::uint32_t first, end;  // its cells, by number
     };
-    std::vector<Slot> m_slots;  // the hash table: a cell's code and its number, read together
+    std::vector<Slot> m_slots;  // the hash table of the bricks that hold points
     std::size_t m_mask = 0;
 };
 
@@ -310,6 +348,7 @@ struct Search {
     std::vector<std::int32_t> bits;       // the squared distances to all of them (as their bits)
     std::int32_t c[3] = {0, 0, 0};        // the cell's coordinates
     std::vector<double> slabs;            // a ring's squared distances to its slabs, axis by axis
+    std::vector<std::pair<std::uint64_t, double>> ring;  // a ring's cells to search: codes and squared gaps
     // The squared distance to the last point's farthest neighbour, with room: a point of the same cell has
     // its neighbours within about that, so the others are passed over with one comparison each.
     float hint = INFINITY;
@@ -370,7 +409,7 @@ struct Search {
         z.resize(around.size());
         bits.resize(around.size());
         kept_bits.resize(around.size() + 8);
-        kept.resize(around.size());
+        kept.resize(around.size() + 8);
         for (std::size_t i = 0; i < around.size(); ++i) {
             x[i] = points[around[i]][0];
             y[i] = points[around[i]][1];
@@ -381,6 +420,22 @@ struct Search {
 
 // What the fit of a point's plane came to.
 enum Fitted { PLANE, TOO_FEW, UNCLEAR };
+
+// For each set of eight lanes (a bit each), the places of the lanes in the set, first to last, a byte each:
+// what moves the chosen lanes of eight to the front.
+struct LeftPack {
+    std::uint64_t places[256];
+    constexpr LeftPack() : places() {
+        for (int set = 0; set < 256; ++set) {
+            std::uint64_t packed = 0;
+            int at = 0;
+            for (int lane = 0; lane < 8; ++lane)
+                if (set >> lane & 1) packed |= static_cast<std::uint64_t>(lane) << (8 * at++);
+            places[set] = packed;
+        }
+    }
+};
+constexpr LeftPack LEFT_PACK;
 
 namespace plain {
 #include "NormalsFit.inc"
@@ -717,12 +772,29 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
         return TESSALINE_FAILURE;
     if (result.points == 0) return 0;
 
-    for (std::size_t f = 0; f < frames.size(); ++f) {
-        if (!frames[f]) continue;
-        for (std::size_t i = 0; i < frames[f]->xyz.size(); ++i) {
-            if (!finite(frames[f]->xyz[i])) continue;
-            scan.points.push_back(frames[f]->xyz[i]);
-            scan.origins.push_back({static_cast<std::uint32_t>(f), static_cast<std::uint32_t>(i)});
+    // The finite points of every frame in frame order: counted frame by frame, then copied to their places.
+    std::vector<std::size_t> first_of(frames.size() + 1, 0);
+    const std::int64_t frame_count = static_cast<std::int64_t>(frames.size());
+#pragma omp parallel for schedule(dynamic, 16)
+    for (std::int64_t f = 0; f < frame_count; ++f) {
+        const auto& frame = frames[static_cast<std::size_t>(f)];
+        std::size_t count = 0;
+        if (frame)
+            for (const Vec3f& p : frame->xyz) count += finite(p) ? 1 : 0;
+        first_of[static_cast<std::size_t>(f) + 1] = count;
+    }
+    for (std::size_t f = 0; f < frames.size(); ++f) first_of[f + 1] += first_of[f];
+    scan.points.resize(first_of.back());
+    scan.origins.resize(first_of.back());
+#pragma omp parallel for schedule(dynamic, 16)
+    for (std::int64_t f = 0; f < frame_count; ++f) {
+        const auto& frame = frames[static_cast<std::size_t>(f)];
+        if (!frame) continue;
+        std::size_t at = first_of[static_cast<std::size_t>(f)];
+        for (std::size_t i = 0; i < frame->xyz.size(); ++i) {
+            if (!finite(frame->xyz[i])) continue;
+            scan.points[at] = frame->xyz[i];
+            scan.origins[at++] = {static_cast<std::uint32_t>(f), static_cast<std::uint32_t>(i)};
         }
     }
     const std::size_t n = scan.points.size();
