@@ -328,14 +328,15 @@ public:
         return value;
     }
     std::uint32_t index(int i) const { return static_cast<std::uint32_t>(m_key[i]); }
-    // Fills the list at once from candidates whose ranks are known: `rank` below the size.
+    // Fills the list at once from candidates whose ranks are known: `rank` below the size (at the size: into the
+    // place after the list, passed over).
     void place(int rank, std::uint64_t key) { m_key[rank] = key; }
     void fill() { m_count = m_size; }
 
 private:
     int m_size;
     int m_count = 0;
-    std::uint64_t m_key[MAX_NEIGHBOURS + 1];
+    std::uint64_t m_key[MAX_NEIGHBOURS + 2];  // and a place after the largest list, for place()
 };
 
 // What a thread keeps while it searches the points of one cell: the points of the 27 cells around it, with
@@ -643,8 +644,16 @@ void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estima
 
     mesh_internal::UnionFind sets(n);
     std::vector<std::pair<std::uint32_t, std::uint32_t>> tree;
-    for (const auto& edge : sorted)
+    // The ends of the edges a little ahead are asked of memory while these are joined.
+    constexpr std::size_t AHEAD = 16;
+    for (std::size_t e = 0; e < sorted.size(); ++e) {
+        if (e + AHEAD < sorted.size()) {
+            sets.prefetch(sorted[e + AHEAD].first);
+            sets.prefetch(sorted[e + AHEAD].second);
+        }
+        const auto& edge = sorted[e];
         if (sets.joinRoots(sets.find(edge.first), sets.find(edge.second))) tree.push_back(edge);
+    }
     sorted = decltype(sorted)();
 
     // Per piece (by its root): whether it holds points of known side, and its six extreme points.
