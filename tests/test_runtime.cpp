@@ -79,6 +79,26 @@ TEST(ThreadPool, DestructionWaitsForTheRunningTask) {
     EXPECT_TRUE(finished);
 }
 
+// Workers stopped while they wait, while they take a task and while they run one: none misses the stop (a
+// lost notification would leave the destructor waiting for ever).
+TEST(ThreadPool, PoolsStoppedAtAnyMomentLetTheirWorkersGo) {
+    std::atomic<int> ran{0};
+    int waited = 0;
+    for (int round = 0; round < 300; ++round) {
+        ThreadPool pool(4);
+        std::vector<std::future<int>> results;
+        for (int t = 0; t < round % 5; ++t)
+            results.push_back(pool.commit([&ran] {
+                ++ran;
+                return 0;
+            }));
+        // Every other round waits for its first task; the others are stopped with their tasks queued.
+        if (!results.empty() && round % 2 == 0) waited += results.front().get() == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(waited, 120);
+    EXPECT_GE(ran.load(), waited);
+}
+
 // A working array kept for the next block gives back the pages beyond what that block will use: the
 // process's resident memory falls, the elements kept stay as they were.
 TEST(WorkingArrays, PagesBeyondWhatIsKeptGoBackToTheSystem) {

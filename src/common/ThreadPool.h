@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -37,14 +36,13 @@ public:
     ThreadPool& operator=(const ThreadPool&) = delete;
 
     ~ThreadPool() {
-        m_run = false;
+        {
+            // Stopped under the queue's lock: a worker tests m_run under it before it waits, so it either
+            // sees the stop or is already waiting when the notification comes.
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_run = false;
+        }
         m_task_cv.notify_all();
-        // A worker may pass its test of m_run just as it changes and then wait: notify again until
-        // every worker has left its loop.
-        do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            if (m_alive > 0) m_task_cv.notify_all();
-        } while (m_alive > 0);
         for (std::thread& thread : m_threads) {
             if (thread.joinable() && thread.get_id() != std::this_thread::get_id()) thread.join();
         }
