@@ -106,7 +106,7 @@ struct Origin {
 };
 
 // All points of the scan sorted into cubic cells of one edge, cells in the order of their codes; the cells
-// found through a hash table. Neighbour lookups then read memory that lies together.
+// found through a hash table of their bricks. Neighbour lookups then read memory that lies together.
 class Grid {
 public:
     // Sorts `points` (reordered in place, `origins` with them) into cells of about `edge`.
@@ -225,8 +225,6 @@ public:
     std::uint32_t end(std::size_t cell) const { return m_start[cell + 1]; }
 
     void cellOf(const Vec3f& p, std::int32_t c[3]) const { SurfaceReconstruction::cellOf(p, m_origin, m_edge, c); }
-    // The cell at these coordinates, or NONE when it holds no point.
-    std::uint32_t find(const std::int32_t c[3]) const { return findCode(codeOf(c)); }
     // The code of the cell at these coordinates; EMPTY off the grid.
     static std::uint64_t codeOf(const std::int32_t c[3]) {
         for (int k = 0; k < 3; ++k)
@@ -354,8 +352,8 @@ struct Search {
     // its neighbours within about that, so the others are passed over with one comparison each.
     float hint = INFINITY;
 
-    // The cells looked up last, by their codes: cells next in order share most of their neighbours, and the
-    // grid's table is far larger than a processor's cache.
+    // The cells looked up last, by their codes: cells next in order share most of their neighbours, and a
+    // lookup in the grid is a probe of its table and a search of a brick's codes.
     static constexpr std::size_t REMEMBERED = 4096;
     struct Remembered {
         std::uint64_t code = Grid::EMPTY;
@@ -370,7 +368,6 @@ struct Search {
         if (slot.code != code) slot = Remembered{code, grid.findCode(code)};
         return slot.cell;
     }
-    std::uint32_t find(const Grid& grid, const std::int32_t c[3]) { return findCode(grid, Grid::codeOf(c)); }
 
     // Looks up the cells around `cell` (the point ranges of the cells that hold points).
     void enter(const Grid& grid, const std::vector<Vec3f>& points, std::size_t cell) {
