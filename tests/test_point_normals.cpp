@@ -195,6 +195,18 @@ TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountAndBuildGivesTheS
     EXPECT_EQ(std::memcmp(normals[0].data(), normals[1].data(), normals[0].size() * sizeof(Vec3f)), 0);
     EXPECT_EQ(std::memcmp(normals[0].data(), normals[2].data(), normals[0].size() * sizeof(Vec3f)), 0);
     {
+        // A pile of one point repeated ahead of the rest: a point searched after it finds its neighbours
+        // beyond the pile, and gets the plane's normal.
+        auto piled = std::make_shared<FrameDataWithInfo>();
+        for (int i = 0; i < 30; ++i) piled->xyz.push_back(frame->xyz[0]);
+        for (int i = 1; i < 60; ++i)
+            for (int j = 0; j < 60; ++j) piled->xyz.push_back({0.3f * i, 0.3f * j, 0.0f});
+        piled->nor.assign(piled->xyz.size(), Vec3f{0, 0, 0});
+        NormalEstimate estimate;
+        ASSERT_EQ(estimateNormals({piled}, {FrameNormalSource()}, estimate), 0);
+        EXPECT_NEAR(std::fabs(piled->nor.back()[2]), 1.0f, 1e-5f);
+    }
+    {
         NormalOptions plain;
         plain.vector_units = false;
         NormalEstimate estimate;
