@@ -80,8 +80,6 @@ public:
         m_parent[std::max(a, b)] = std::min(a, b);
         return true;
     }
-    // Asks memory for x's entry ahead of a find.
-    void prefetch(std::uint32_t x) const { __builtin_prefetch(&m_parent[x]); }
 
 private:
     std::vector<std::uint32_t> m_parent;

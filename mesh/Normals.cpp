@@ -1,6 +1,6 @@
 // Normals for points that came without them: a plane through each point and its nearest neighbours,
 // turned toward the scanner where the frame says where that stood, else oriented over a spanning tree of
-// the neighbour graph from the points whose outward side is known.
+// patches of neighbouring points from the points whose outward side is known.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -21,10 +21,6 @@ namespace {
 
 constexpr int MIN_NEIGHBOURS = 5;
 constexpr int MAX_NEIGHBOURS = 64;
-// The edges a point adds to the orientation graph: to its nearest neighbours within reach. Eight join the
-// laser lines of the simulated scans into a few pieces (4 at 1 M points, 15 at 3 M) at half the memory of
-// sixteen.
-constexpr int GRAPH_NEIGHBOURS = 8;
 constexpr std::uint32_t NONE = UINT32_MAX;
 // Up to this many candidates are put in order by counting ranks, more by insertion.
 constexpr std::size_t RANKED = 48;
@@ -37,8 +33,8 @@ constexpr double PI = 3.14159265358979323846;
 // The middle spread, as a share of the largest, below which neighbours lie on a line: well above the
 // closed form's error near a double eigenvalue (the arc cosine near 1 gives some 1e-8 of the largest).
 constexpr double LINE_SPREAD = 1e-6;
-// The edge of the search's cells in distances to the k-th nearest point (median): the 27 cells around a
-// point's own then hold its neighbours for most points, and not many more.
+// The edge of the cells the points are sorted into, in distances to the k-th nearest point (median). The
+// search and the orientation go by cells of twice that edge (Grid::coarsen).
 constexpr double CELL_PER_NEIGHBOURHOOD = 1.5;
 // ... sorted again at that size where the first cells are smaller than the k-th distance or this many times
 // larger.
@@ -135,6 +131,8 @@ public:
     void sortInto(std::vector<Vec3f>& points, std::vector<Origin>& origins, const double origin[3], double edge) {
         const std::size_t n = points.size();
         m_edge = edge;
+        m_fine_edge = edge;
+        m_shift = 0;
         for (int k = 0; k < 3; ++k) m_origin[k] = origin[k];
 
         // Least significant digit first, 11 bits a pass, as many passes as the codes have bits: a stable
@@ -197,23 +195,25 @@ public:
                     m_cell_codes[at++] = codes[i];
                 }
         }
-        // The bricks: the cells of one brick are a run of the cells in code order.
-        std::vector<Slot> bricks;
+        tableBricks();
+    }
+
+    // Cells of twice the edge, each the run of the cells it covers (their codes without the lowest three
+    // bits): the points keep their order, and a point's cell is its cell before, halved.
+    void coarsen() {
+        std::size_t out = 0;
         for (std::size_t c = 0; c < m_cell_codes.size(); ++c) {
-            const std::uint64_t brick = m_cell_codes[c] >> BRICK_BITS;
-            if (bricks.empty() || bricks.back().brick != brick)
-                bricks.push_back(Slot{brick, static_cast<std::uint32_t>(c), 0});
-            bricks.back().end = static_cast<std::uint32_t>(c + 1);
+            const std::uint64_t code = m_cell_codes[c] >> 3;
+            if (out > 0 && m_cell_codes[out - 1] == code) continue;
+            m_cell_codes[out] = code;
+            m_start[out++] = m_start[c];
         }
-        std::size_t capacity = 16;
-        while (capacity < 2 * bricks.size()) capacity *= 2;
-        m_slots.assign(capacity, Slot{EMPTY, 0, 0});
-        m_mask = capacity - 1;
-        for (const Slot& brick : bricks) {
-            std::size_t slot = hash(brick.brick);
-            while (m_slots[slot].brick != EMPTY) slot = (slot + 1) & m_mask;
-            m_slots[slot] = brick;
-        }
+        m_start[out] = m_start[m_cell_codes.size()];
+        m_start.resize(out + 1);
+        m_cell_codes.resize(out);
+        m_edge *= 2.0;
+        ++m_shift;
+        tableBricks();
     }
 
     double edge() const { return m_edge; }
@@ -224,7 +224,10 @@ public:
     }
     std::uint32_t end(std::size_t cell) const { return m_start[cell + 1]; }
 
-    void cellOf(const Vec3f& p, std::int32_t c[3]) const { SurfaceReconstruction::cellOf(p, m_origin, m_edge, c); }
+    void cellOf(const Vec3f& p, std::int32_t c[3]) const {
+        SurfaceReconstruction::cellOf(p, m_origin, m_fine_edge, c);
+        for (int k = 0; k < 3; ++k) c[k] >>= m_shift;
+    }
     // The code of the cell at these coordinates; EMPTY off the grid.
     static std::uint64_t codeOf(const std::int32_t c[3]) {
         for (int k = 0; k < 3; ++k)
@@ -275,11 +278,32 @@ private:
     // is a few hundred kilobytes where one of the cells would be tens of megabytes, and the cells of a brick
     // lie together in code order, where a point's neighbours are searched.
     static constexpr int BRICK_BITS = 9;
+    // The hash table of the bricks that hold points.
+    void tableBricks() {
+        std::vector<Slot> bricks;
+        for (std::size_t c = 0; c < m_cell_codes.size(); ++c) {
+            const std::uint64_t brick = m_cell_codes[c] >> BRICK_BITS;
+            if (bricks.empty() || bricks.back().brick != brick)
+                bricks.push_back(Slot{brick, static_cast<std::uint32_t>(c), 0});
+            bricks.back().end = static_cast<std::uint32_t>(c + 1);
+        }
+        std::size_t capacity = 16;
+        while (capacity < 2 * bricks.size()) capacity *= 2;
+        m_slots.assign(capacity, Slot{EMPTY, 0, 0});
+        m_mask = capacity - 1;
+        for (const Slot& brick : bricks) {
+            std::size_t slot = hash(brick.brick);
+            while (m_slots[slot].brick != EMPTY) slot = (slot + 1) & m_mask;
+            m_slots[slot] = brick;
+        }
+    }
     std::size_t hash(std::uint64_t brick) const {
         return static_cast<std::size_t>((brick * 0x9E3779B97F4A7C15ull) >> 20) & m_mask;
     }
     double m_origin[3] = {0.0, 0.0, 0.0};
-    double m_edge = 1.0;
+    double m_edge = 1.0;       // the cells' edge
+    double m_fine_edge = 1.0;  // the edge of the cells the points were sorted into
+    int m_shift = 0;           // times the cells were coarsened since
     std::vector<std::uint32_t> m_start;
     std::vector<std::uint64_t> m_cell_codes;
     struct Slot {
@@ -346,7 +370,10 @@ struct Search {
     std::vector<std::uint32_t> kept;      // (as their bits) and points
     std::vector<std::int32_t> bits;       // the squared distances to all of them (as their bits)
     std::int32_t c[3] = {0, 0, 0};        // the cell's coordinates
-    std::vector<double> slabs;            // a ring's squared distances to its slabs, axis by axis
+    // The cells around it that hold points (NONE where none), z, y, x from low to high, the cell itself
+    // left out: the last 13 lie after it, one of each opposite pair.
+    std::uint32_t found_cells[26];
+    std::vector<double> slabs;                           // a ring's squared distances to its slabs, axis by axis
     std::vector<std::pair<std::uint64_t, double>> ring;  // a ring's cells to search: codes and squared gaps
     // The squared distance to the last point's farthest neighbour, with room: a point of the same cell has
     // its neighbours within about that, so the others are passed over with one comparison each.
@@ -399,6 +426,7 @@ struct Search {
                 }
         for (int i = 0; i < count; ++i) {
             const std::uint32_t found = findCode(grid, codes[i]);
+            found_cells[i] = found;
             if (found == NONE) continue;
             for (std::uint32_t j = grid.begin(found); j < grid.end(found); ++j) around.push_back(j);
         }
@@ -578,135 +606,261 @@ double measureReach(const Scan& scan, int k, const PointWork& work) {
     return median(distances);
 }
 
-// How far an edge of the graph is from a step along one smooth surface: 1 - |cos| of the angle between the
-// two (not yet oriented) normals, plus the square of the larger slope of the edge out of either plane, which
-// keeps the tree from stepping across a thin wall from one side to the other. In [0, 2].
-double edgeWeight(const Vec3f& a, const Vec3f& b, const Vec3f& pa, const Vec3f& pb) {
+// How far a step between two points is from a step along one smooth surface: 1 - |cos| of the angle between
+// their (not yet oriented) normals, plus the square of the larger offset of either point from the other's
+// plane in units of `scale` (at most 1). Both are small on one smooth surface; across a thin wall the normals
+// are parallel but each point lies the wall's thickness off the other's plane, however far apart they are
+// along it. In [0, 2].
+double edgeWeight(const Vec3f& a, const Vec3f& b, const Vec3f& pa, const Vec3f& pb, double scale) {
     const double d[3] = {static_cast<double>(pb[0]) - pa[0], static_cast<double>(pb[1]) - pa[1],
                          static_cast<double>(pb[2]) - pa[2]};
-    const double length = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-    double slope = 0.0;
-    if (length > 0.0) {
-        const double sa = std::fabs(a[0] * d[0] + a[1] * d[1] + a[2] * d[2]) / length;
-        const double sb = std::fabs(b[0] * d[0] + b[1] * d[1] + b[2] * d[2]) / length;
-        slope = std::min(1.0, std::max(sa, sb));
-    }
+    const double squared = scale * scale;
+    const double sa = a[0] * d[0] + a[1] * d[1] + a[2] * d[2];
+    const double sb = b[0] * d[0] + b[1] * d[1] + b[2] * d[2];
+    const double slope_squared = squared > 0.0 ? std::min(1.0, std::max(sa * sa, sb * sb) / squared) : 0.0;
     const double along = std::fabs(static_cast<double>(a[0]) * b[0] + static_cast<double>(a[1]) * b[1] +
                                    static_cast<double>(a[2]) * b[2]);
-    return std::max(0.0, 1.0 - std::min(1.0, along)) + slope * slope;
+    return std::max(0.0, 1.0 - std::min(1.0, along)) + slope_squared;
 }
 
-// Orients the FREE points: a minimum spanning forest of the graph (Kruskal over the weights sorted in
-// steps), then a walk over each tree from its points of known side, or from the best extreme point of a
-// tree that has none, each point turned to agree with the one it was reached from.
-void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estimate) {
+// The orientation's patches: the points of one cell that lie on one smooth piece of surface, their normals
+// turned to agree with the patch's first point. A point joins the patch of its cell whose first point is the
+// lightest step from it (edgeWeight, offsets in cell edges) when that step is lighter than this: normals
+// within some 45 degrees where the points lie in each other's planes, parallel normals with the points up to
+// about half a cell's edge off each other's planes. Points on either side of a wall thicker than that (about
+// 1.6 times the distance to the k-th nearest point, a little more than a fitted plane spans) stay apart, as
+// do the faces of a sharp edge.
+constexpr double JOIN_WEIGHT = 0.3;
+// A cell holds at most this many patches; a point of known side that joins none is left out of the
+// orientation (its normal is final), one to be oriented joins the lightest.
+constexpr int CELL_PATCHES = 32;
+constexpr std::uint8_t NO_PATCH = 0xFF;
+// The cells around a cell that lie after it (z, then y, then x): one of each pair of neighbouring cells.
+constexpr int AFTER = 13;
+
+struct Patch {
+    Vec3f normal;                // its first point's normal, which the others agree with
+    Vec3f point;                 // and that point
+    std::uint32_t first = NONE;  // the first point's index
+    bool known = false;          // the first point's side is known: the patch is never turned
+    std::uint32_t extreme[6] = {NONE, NONE, NONE, NONE, NONE, NONE};  // largest x, smallest x, ... z
+    float extreme_at[6] = {0, 0, 0, 0, 0, 0};                         // their coordinates along the axis
+};
+
+// Whether point a lies further along `axis` than b (`high`) or less far, the earlier point first on a tie.
+bool beyond(const std::vector<Vec3f>& points, std::uint32_t a, std::uint32_t b, int axis, bool high) {
+    if (b == NONE) return true;
+    const float pa = points[a][axis], pb = points[b][axis];
+    if (pa != pb) return high ? pa > pb : pa < pb;
+    return a < b;
+}
+
+// Runs body(thread, from, to) on each thread of a team over its own run of [0, count): the runs in thread
+// order are [0, count) in order. Returns the team's size.
+template <class Body>
+int inRuns(std::size_t count, const Body& body) {
+    const int most = omp_get_max_threads();
+    int used = 1;
+    mesh_internal::TeamFailure failure;  // no room: thrown once the team has ended
+#pragma omp parallel num_threads(most)
+    {
+        const std::size_t threads = static_cast<std::size_t>(omp_get_num_threads());
+        const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
+        if (t == 0) used = static_cast<int>(threads);
+        failure.run([&] { body(t, count * t / threads, count * (t + 1) / threads); });
+    }
+    failure.rethrow();
+    return used;
+}
+
+// Orients the FREE points. The points of each cell form patches; the patches of one cell and of neighbouring
+// cells are joined by edges weighted as the step between their first points. A minimum spanning forest of the
+// patches (Kruskal over the weights sorted in steps, each step in the edges' order) is walked from the
+// patches of known side, or, in a piece without any, from its extreme point whose normal lies closest to the
+// axis, each patch turned to agree with the one it was reached from. `after`: each cell's AFTER cells after
+// it (NONE where none).
+void orient(Scan& scan, const std::vector<std::uint32_t>& after, NormalEstimate& estimate) {
+    const Grid& grid = scan.grid;
     const std::size_t n = scan.points.size();
-    const std::size_t edges = graph.size();
-    std::vector<std::uint16_t> step(edges);
-    const std::int64_t count = static_cast<std::int64_t>(n);
-#pragma omp parallel for schedule(static, 4096)
-    for (std::int64_t s = 0; s < count; ++s) {
-        for (int j = 0; j < GRAPH_NEIGHBOURS; ++j) {
-            const std::size_t e = static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS + j;
-            const std::uint32_t t = graph[e];
-            // No edge; nor where t's own row holds this edge: that one comes first in the order, with the same
-            // weight, and the second never joins anything.
-            bool none = t == NONE || scan.state[t] == NO_NORMAL;
-            if (!none && t < static_cast<std::uint32_t>(s))
-                for (int i = 0; i < GRAPH_NEIGHBOURS; ++i)
-                    none = none ||
-                           graph[static_cast<std::size_t>(t) * GRAPH_NEIGHBOURS + i] == static_cast<std::uint32_t>(s);
-            if (none) {
-                step[e] = WEIGHT_STEPS;
-                continue;
+    const std::size_t cells = grid.cells();
+    const double scale = grid.edge();
+    const int most = omp_get_max_threads();
+
+    // Each cell's patches, in the order of their first points, each thread's for a run of the cells; the
+    // points turned to agree with them.
+    std::vector<std::uint8_t> local(n, NO_PATCH);
+    std::vector<std::uint32_t> first_patch(cells + 1, 0);
+    std::vector<std::vector<Patch>> patches_of(static_cast<std::size_t>(most));
+    const int threads = inRuns(cells, [&](std::size_t t, std::size_t from, std::size_t to) {
+        std::vector<Patch>& made = patches_of[t];
+        made.reserve((to - from) * 5 / 4);
+        for (std::size_t cell = from; cell < to; ++cell) {
+            const std::size_t own = made.size();
+            first_patch[cell] = static_cast<std::uint32_t>(own);
+            for (std::uint32_t s = grid.begin(cell); s < grid.end(cell); ++s) {
+                const std::uint8_t state = scan.state[s];
+                if (state == NO_NORMAL) continue;
+                const bool known = state != FREE;
+                Vec3f& normal = scan.normals[s];
+                const Vec3f& p = scan.points[s];
+                std::size_t lightest = made.size();
+                double lightest_weight = INFINITY;
+                for (std::size_t j = own; j < made.size(); ++j) {
+                    if (known && !made[j].known) continue;
+                    const double w = edgeWeight(normal, made[j].normal, p, made[j].point, scale);
+                    if (w < lightest_weight) {
+                        lightest = j;
+                        lightest_weight = w;
+                    }
+                }
+                std::size_t joined = lightest;
+                if (!(lightest < made.size() && lightest_weight < JOIN_WEIGHT)) {
+                    if (made.size() - own < CELL_PATCHES) {
+                        joined = made.size();
+                        made.emplace_back();
+                        made.back().normal = normal;
+                        made.back().point = p;
+                        made.back().first = s;
+                        made.back().known = known;
+                    } else if (known) {
+                        continue;  // its normal stands; the orientation goes on without it
+                    }
+                }
+                if (!known) {
+                    const Vec3f& to_normal = made[joined].normal;
+                    if (normal[0] * to_normal[0] + normal[1] * to_normal[1] + normal[2] * to_normal[2] < 0.0f)
+                        for (float& c : normal) c = -c;
+                }
+                local[s] = static_cast<std::uint8_t>(joined - own);
+                // The points come in order: on a tie the earlier one stays.
+                Patch& patch = made[joined];
+                for (int e = 0; e < 6; ++e) {
+                    const float at = p[e / 2];
+                    if (patch.extreme[e] == NONE ||
+                        (e % 2 == 0 ? at > patch.extreme_at[e] : at < patch.extreme_at[e])) {
+                        patch.extreme[e] = s;
+                        patch.extreme_at[e] = at;
+                    }
+                }
             }
-            const double w = edgeWeight(scan.normals[s], scan.normals[t], scan.points[s], scan.points[t]);
-            step[e] = static_cast<std::uint16_t>(std::min<double>(WEIGHT_STEPS - 1, std::sqrt(w / 2.0) * WEIGHT_STEPS));
         }
-    }
-    // The edges in order of their step, each step in edge order (the non-edges last, left out): both ends of
-    // each, so that the tree's walk over them reads memory in order.
-    std::size_t real = 0;
-#pragma omp parallel for schedule(static, 65536) reduction(+ : real)
-    for (std::int64_t e = 0; e < static_cast<std::int64_t>(edges); ++e)
-        real += step[static_cast<std::size_t>(e)] < WEIGHT_STEPS ? 1 : 0;
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> sorted(real);
-    countingSort(
-        edges, WEIGHT_STEPS + 1, [&](std::size_t e) { return static_cast<std::size_t>(step[e]); },
-        [&](std::size_t e, std::size_t at) {
-            if (at < real) sorted[at] = {static_cast<std::uint32_t>(e / GRAPH_NEIGHBOURS), graph[e]};
-        });
-    step = std::vector<std::uint16_t>();
-    graph = std::vector<std::uint32_t>();
+    });
+    // The patches together, in cell order.
+    std::vector<std::uint32_t> patch_start(static_cast<std::size_t>(threads) + 1, 0);
+    for (int t = 0; t < threads; ++t)
+        patch_start[static_cast<std::size_t>(t) + 1] =
+            patch_start[static_cast<std::size_t>(t)] + static_cast<std::uint32_t>(patches_of[t].size());
+    const std::size_t patch_count = patch_start.back();
+    first_patch[cells] = static_cast<std::uint32_t>(patch_count);
+    std::vector<Patch> patches(patch_count);
+    inRuns(cells, [&](std::size_t t, std::size_t from, std::size_t to) {
+        for (std::size_t cell = from; cell < to; ++cell) first_patch[cell] += patch_start[t];
+        std::copy(patches_of[t].begin(), patches_of[t].end(), patches.begin() + patch_start[t]);
+        patches_of[t] = std::vector<Patch>();
+    });
 
-    mesh_internal::UnionFind sets(n);
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> tree;
-    // The ends of the edges a little ahead are asked of memory while these are joined.
-    constexpr std::size_t AHEAD = 16;
-    for (std::size_t e = 0; e < sorted.size(); ++e) {
-        if (e + AHEAD < sorted.size()) {
-            sets.prefetch(sorted[e + AHEAD].first);
-            sets.prefetch(sorted[e + AHEAD].second);
+    // The edges: between the patches of a cell, and between those of a cell and of each cell after it, each
+    // thread's for a run of the cells, put together in cell order, then in order of their step.
+    using Edge = std::pair<std::uint32_t, std::uint32_t>;
+    std::vector<std::vector<Edge>> edges_of(static_cast<std::size_t>(most));
+    std::vector<std::vector<std::uint16_t>> steps_of(static_cast<std::size_t>(most));
+    inRuns(cells, [&](std::size_t t, std::size_t from, std::size_t to) {
+        std::vector<Edge>& edges = edges_of[t];
+        std::vector<std::uint16_t>& steps = steps_of[t];
+        edges.reserve((to - from) * 8);
+        steps.reserve((to - from) * 8);
+        const auto add = [&](std::uint32_t a, std::uint32_t b) {
+            const double w =
+                edgeWeight(patches[a].normal, patches[b].normal, patches[a].point, patches[b].point, scale);
+            edges.emplace_back(a, b);
+            steps.push_back(
+                static_cast<std::uint16_t>(std::min<double>(WEIGHT_STEPS - 1, std::sqrt(w / 2.0) * WEIGHT_STEPS)));
+        };
+        for (std::size_t cell = from; cell < to; ++cell) {
+            const std::uint32_t lo = first_patch[cell], hi = first_patch[cell + 1];
+            if (lo == hi) continue;
+            for (std::uint32_t a = lo; a < hi; ++a)
+                for (std::uint32_t b = a + 1; b < hi; ++b) add(a, b);
+            for (int i = 0; i < AFTER; ++i) {
+                const std::uint32_t other = after[cell * AFTER + static_cast<std::size_t>(i)];
+                if (other == NONE) continue;
+                for (std::uint32_t a = lo; a < hi; ++a)
+                    for (std::uint32_t b = first_patch[other]; b < first_patch[other + 1]; ++b) add(a, b);
+            }
         }
-        const auto& edge = sorted[e];
+    });
+    std::vector<Edge> sorted;
+    {
+        std::vector<std::uint16_t> step;
+        std::vector<Edge> all;
+        for (int t = 0; t < threads; ++t) {
+            step.insert(step.end(), steps_of[t].begin(), steps_of[t].end());
+            steps_of[t] = std::vector<std::uint16_t>();
+            all.insert(all.end(), edges_of[t].begin(), edges_of[t].end());
+            edges_of[t] = std::vector<Edge>();
+        }
+        sorted.resize(all.size());
+        countingSort(
+            all.size(), WEIGHT_STEPS, [&](std::size_t e) { return static_cast<std::size_t>(step[e]); },
+            [&](std::size_t e, std::size_t at) { sorted[at] = all[e]; });
+    }
+
+    mesh_internal::UnionFind sets(patch_count);
+    std::vector<Edge> tree;
+    for (const Edge& edge : sorted)
         if (sets.joinRoots(sets.find(edge.first), sets.find(edge.second))) tree.push_back(edge);
-    }
-    sorted = decltype(sorted)();
+    sorted = std::vector<Edge>();
 
-    // Per piece (by its root): whether it holds points of known side, and its six extreme points.
+    // Per piece (by its root): whether it holds patches of known side and to orient, and its six extreme
+    // points.
     struct Piece {
         bool known = false;
         bool free = false;
-        std::uint32_t extreme[6] = {NONE, NONE, NONE, NONE, NONE, NONE};  // largest x, smallest x, ... z
+        std::uint32_t extreme[6] = {NONE, NONE, NONE, NONE, NONE, NONE};
     };
-    std::vector<std::uint32_t> piece_of(n, NONE);
+    std::vector<std::uint32_t> piece_of(patch_count, NONE);
     std::vector<Piece> pieces;
-    for (std::uint32_t s = 0; s < n; ++s) {
-        if (scan.state[s] == NO_NORMAL) continue;
-        const std::uint32_t root = sets.find(s);
+    for (std::uint32_t p = 0; p < patch_count; ++p) {
+        const std::uint32_t root = sets.find(p);
         if (piece_of[root] == NONE) {
             piece_of[root] = static_cast<std::uint32_t>(pieces.size());
             pieces.emplace_back();
         }
-        Piece& piece = pieces[piece_of[root]];
-        piece.known = piece.known || scan.state[s] != FREE;
-        piece.free = piece.free || scan.state[s] == FREE;
-        for (int axis = 0; axis < 3; ++axis) {
-            std::uint32_t& high = piece.extreme[2 * axis];
-            std::uint32_t& low = piece.extreme[2 * axis + 1];
-            if (high == NONE || scan.points[s][axis] > scan.points[high][axis]) high = s;
-            if (low == NONE || scan.points[s][axis] < scan.points[low][axis]) low = s;
-        }
+        piece_of[p] = piece_of[root];
+        Piece& piece = pieces[piece_of[p]];
+        piece.known = piece.known || patches[p].known;
+        piece.free = piece.free || !patches[p].known;
+        for (int e = 0; e < 6; ++e)
+            if (beyond(scan.points, patches[p].extreme[e], piece.extreme[e], e / 2, e % 2 == 0))
+                piece.extreme[e] = patches[p].extreme[e];
     }
 
     // The trees as adjacency lists.
-    std::vector<std::uint32_t> first(n + 1, 0), next(2 * tree.size());
-    for (const auto& edge : tree) {
+    std::vector<std::uint32_t> first(patch_count + 1, 0), next(2 * tree.size());
+    for (const Edge& edge : tree) {
         ++first[edge.first + 1];
         ++first[edge.second + 1];
     }
-    for (std::size_t s = 1; s <= n; ++s) first[s] += first[s - 1];
+    for (std::size_t p = 1; p <= patch_count; ++p) first[p] += first[p - 1];
     {
         std::vector<std::uint32_t> fill(first.begin(), first.end() - 1);
-        for (const auto& edge : tree) {
+        for (const Edge& edge : tree) {
             next[fill[edge.first]++] = edge.second;
             next[fill[edge.second]++] = edge.first;
         }
     }
-    tree = decltype(tree)();
+    tree = std::vector<Edge>();
 
-    std::vector<std::uint8_t> reached(n, 0);
+    // Each patch's turn: 1 where its points are turned over, 0 where they stay, NO_PATCH before it is reached.
+    // The walk starts from the patches of known side, then from each piece's extreme point where it has none.
+    std::vector<std::uint8_t> turn(patch_count, NO_PATCH);
     std::vector<std::uint32_t> queue;
-    queue.reserve(n);
-    for (std::uint32_t s = 0; s < n; ++s) {
-        if (scan.state[s] == NO_NORMAL) continue;
-        const Piece& piece = pieces[piece_of[sets.find(s)]];
-        if (!piece.free) continue;
-        if (piece.known && scan.state[s] != FREE) {
-            reached[s] = 1;
-            queue.push_back(s);
+    queue.reserve(patch_count);
+    for (std::uint32_t p = 0; p < patch_count; ++p)
+        if (patches[p].known) {
+            turn[p] = 0;
+            queue.push_back(p);
         }
-    }
     for (const Piece& piece : pieces) {
         if (piece.known || !piece.free) continue;
         // The extreme point whose normal lies closest to the axis: the surface's outside faces along it.
@@ -716,26 +870,34 @@ void orient(Scan& scan, std::vector<std::uint32_t> graph, NormalEstimate& estima
                 std::fabs(scan.normals[piece.extreme[best]][best / 2]))
                 best = e;
         const std::uint32_t seed = piece.extreme[best];
+        const std::uint32_t patch = first_patch[grid.cellHolding(seed)] + local[seed];
         const float outward = best % 2 == 0 ? 1.0f : -1.0f;
-        Vec3f& normal = scan.normals[seed];
-        if (normal[best / 2] * outward < 0.0f)
-            for (float& c : normal) c = -c;
-        reached[seed] = 1;
-        queue.push_back(seed);
+        turn[patch] = scan.normals[seed][best / 2] * outward < 0.0f ? 1 : 0;
+        queue.push_back(patch);
         ++estimate.pieces_from_extremes;
     }
     for (std::size_t head = 0; head < queue.size(); ++head) {
         const std::uint32_t u = queue[head];
-        const Vec3f& from = scan.normals[u];
+        const Vec3f& from = patches[u].normal;
         for (std::uint32_t a = first[u]; a < first[u + 1]; ++a) {
             const std::uint32_t v = next[a];
-            if (reached[v]) continue;
-            reached[v] = 1;
+            if (turn[v] != NO_PATCH) continue;
+            const Vec3f& to = patches[v].normal;
+            const bool against = from[0] * to[0] + from[1] * to[1] + from[2] * to[2] < 0.0f;
+            turn[v] = static_cast<std::uint8_t>(turn[u] ^ (against ? 1 : 0));
             queue.push_back(v);
-            Vec3f& normal = scan.normals[v];
-            if (scan.state[v] == FREE && normal[0] * from[0] + normal[1] * from[1] + normal[2] * from[2] < 0.0f)
-                for (float& c : normal) c = -c;
         }
+    }
+
+    // The points to orient of the patches turned over (a patch of known side is never turned).
+    const std::int64_t cell_count = static_cast<std::int64_t>(cells);
+#pragma omp parallel for schedule(static, 1024)
+    for (std::int64_t cell = 0; cell < cell_count; ++cell) {
+        const std::uint32_t own = first_patch[static_cast<std::size_t>(cell)];
+        for (std::uint32_t s = grid.begin(static_cast<std::size_t>(cell)); s < grid.end(static_cast<std::size_t>(cell));
+             ++s)
+            if (scan.state[s] == FREE && turn[own + local[s]] == 1)
+                for (float& c : scan.normals[s]) c = -c;
     }
 }
 
@@ -772,7 +934,6 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
         }
     }
     if (total >= NONE || frames.size() >= NONE) return TESSALINE_FAILURE;
-    if (any_free && total > static_cast<std::size_t>(NONE) / GRAPH_NEIGHBOURS) return TESSALINE_FAILURE;
     if (given && (any_free || !(given->reach > 0.0) || !std::isfinite(given->reach) || !(given->first_edge > 0.0) ||
                   !(given->edge > 0.0)))
         return TESSALINE_FAILURE;
@@ -823,13 +984,19 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
         if (kth > 0.0) reach = options.reach * kth;
     }
     result.reach = static_cast<float>(reach);
+    // The search goes by cells of twice that edge (the points' order is that of the cells sorted into, so
+    // that neighbours at the same distance come in the same order): on a surface such a cell holds some
+    // twenty points, which share the points of the 27 cells around it, gathered once; the smaller cells
+    // gathered them for four or five points each.
+    scan.grid.coarsen();
     const int max_ring = std::isfinite(reach) ? static_cast<int>(std::ceil(reach / scan.grid.edge())) + 1 : 1 << 20;
 
     scan.state.assign(n, NO_NORMAL);
     scan.normals.assign(n, Vec3f{0.0f, 0.0f, 0.0f});
-    std::vector<std::uint32_t> graph(any_free ? n * GRAPH_NEIGHBOURS : 0, NONE);
     std::size_t too_few = 0, unclear = 0;
     const std::int64_t cells = static_cast<std::int64_t>(scan.grid.cells());
+    // For the orientation: the cells after each cell that hold points, as the search finds them.
+    std::vector<std::uint32_t> after(any_free ? static_cast<std::size_t>(cells) * AFTER : 0, NONE);
     mesh_internal::TeamFailure failure;  // no room for a search: thrown once the team has ended
 #pragma omp parallel reduction(+ : too_few, unclear)
     {
@@ -882,18 +1049,19 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                         scan.state[s] = FACED;
                     } else {
                         scan.state[s] = FREE;
-                        std::uint32_t* row = &graph[static_cast<std::size_t>(s) * GRAPH_NEIGHBOURS];
-                        int slot = 0;
-                        for (int j = 0; j < within && slot < GRAPH_NEIGHBOURS; ++j)
-                            if (nearest.index(j) != s) row[slot++] = nearest.index(j);
                     }
                     for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(v[c]);
                 }
+                if (!any_free) return;
+                // A cell of kept normals alone is looked around for the orientation only.
+                if (!around) search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
+                std::copy(search.found_cells + AFTER, search.found_cells + 2 * AFTER,
+                          after.begin() + static_cast<std::ptrdiff_t>(cell) * AFTER);
             });
         }
     }
     failure.rethrow();
-    if (any_free) orient(scan, std::move(graph), result);
+    if (any_free) orient(scan, after, result);
 
     // Every point of a frame to estimate gets its normal, or (0, 0, 0); the frames take them only when all
     // are made, so that a failure leaves them as they were.

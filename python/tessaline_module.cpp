@@ -850,9 +850,10 @@ neighbours: the plane of each point is fitted to it and this many nearest points
     the normal is the direction in which they spread least.
 
 With a sensor each normal is turned toward it; without, the normals are oriented consistently over a minimum
-spanning tree of the neighbour graph (edges weighted by how far two normals are from parallel), each
-connected piece from its extreme point whose normal lies closest to its axis (the point of largest x
-faces +x, and so on): outward on a closed surface, toward the bulging side of an open sheet.
+spanning tree of patches of neighbouring points (edges weighted by how far two patches' normals are from
+parallel and how far each lies off the other's plane), each connected piece from its extreme point whose
+normal lies closest to its axis (the point of largest x faces +x, and so on): outward on a closed surface,
+toward the bulging side of an open sheet.
 Returns float32 (n, 3) unit normals, in the order of the points; a row of zeros where the plane is
 ambiguous (fewer than half the neighbours near, the least spread not clearly below the middle one: a
 corner, a line, an isolated point) or the point is not finite. Deterministic; the GIL is released.)";

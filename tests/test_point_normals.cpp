@@ -110,6 +110,43 @@ TEST(PointNormals, FacedTowardTheScannerOrOrientedFromTheOutsideInOnClosedAndOpe
     }
 }
 
+// Thin closed plates of 20 x 20 and 1 to 2.5 thick, sampled every 0.25 on all six faces, as one cloud
+// without a scanner: the faces lie a few neighbourhoods apart, so a step from one face straight across to
+// the other is shorter than one around the rim. Every normal must face out of the plate, the lower face's
+// down; the points along the rims (whose 17 nearest straddle two faces) aside.
+TEST(PointNormals, ThinPlatesAreOrientedAroundTheirRimsNotAcrossTheirThickness) {
+    for (const float thick : {1.0f, 1.5f, 2.5f}) {
+        const float h = 0.25f, side = 20.0f;
+        const int across = static_cast<int>(side / h), up = static_cast<int>(std::lround(thick / h));
+        std::vector<Vec3f> xyz;
+        for (int i = 0; i <= across; ++i)
+            for (int j = 0; j <= across; ++j) {
+                xyz.push_back({i * h, j * h, 0.0f});
+                xyz.push_back({i * h, j * h, thick});
+            }
+        for (int i = 0; i <= across; ++i)
+            for (int k = 1; k < up; ++k) {
+                xyz.push_back({i * h, 0.0f, k * h});
+                xyz.push_back({i * h, side, k * h});
+                xyz.push_back({0.0f, i * h, k * h});
+                xyz.push_back({side, i * h, k * h});
+            }
+        auto frame = frameOf(xyz, std::vector<Vec3f>(xyz.size(), Vec3f{0, 0, 0}));
+        NormalEstimate estimate;
+        ASSERT_EQ(estimateNormals({frame}, {FrameNormalSource()}, estimate), 0) << thick;
+        std::size_t checked = 0;
+        for (std::size_t i = 0; i < xyz.size(); ++i) {
+            const Vec3f& p = xyz[i];
+            const float rim = 1.0f;  // farther than this from every edge of the plate
+            const bool top = p[2] == thick, bottom = p[2] == 0.0f;
+            if (!(top || bottom) || p[0] < rim || p[0] > side - rim || p[1] < rim || p[1] > side - rim) continue;
+            ASSERT_GT(frame->nor[i][2] * (top ? 1.0f : -1.0f), 0.99f) << thick << " at " << i;
+            ++checked;
+        }
+        EXPECT_GT(checked, 10000u) << thick;
+    }
+}
+
 TEST(PointNormals, AmbiguousPointsAreLeftOutAndKeptNormalsOrientTheirNeighbours) {
     // A sphere whose upper half comes with normals pointing inward, the lower half without; three isolated
     // points and a line of 40 points far from it: no plane, left out.

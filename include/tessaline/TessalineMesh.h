@@ -349,16 +349,19 @@ struct NormalOptions {
 // lists are replaced, one unit normal a point). For each point, a plane is fitted to it and its nearest
 // neighbours among all finite points of all frames (least-squares: the normal is the direction of least
 // spread). Where the frame's scanner position is known the normal is turned toward it. Elsewhere the
-// normals are oriented over a minimum spanning tree of the neighbour graph (edge weight: how far two
-// normals are from parallel, and how far the edge between them leaves their planes, so that orientation
-// does not jump across a thin wall): from the points of known side in the same connected piece (kept
-// normals, normals faced toward a scanner), or, in a piece without any, from its extreme point whose
-// normal lies closest to its axis (the point of largest x faces +x, of smallest x -x, and so on).
+// normals are oriented over a minimum spanning tree of patches: the points of each small cell of the scan
+// that lie on one smooth piece of surface (normals within some 45 degrees, the points in each other's
+// planes) form a patch, turned to agree with its first point, and the patches of one cell and of
+// neighbouring cells are joined by edges weighted by how far their normals are from parallel and how far
+// each lies off the other's plane, so that the orientation does not jump across a thin wall. The tree is
+// walked from the patches of known side in its connected piece (kept normals, normals faced toward a
+// scanner), or, in a piece without any, from its extreme point whose normal lies closest to its axis (the
+// point of largest x faces +x, of smallest x -x, and so on).
 // A point whose plane is ambiguous (see NormalOptions) or that is not finite is given (0, 0, 0) and counted.
 // Deterministic, the same for any number of threads; uses the OpenMP threads. `estimate` receives the counts.
 // 1 (TESSALINE_FAILURE) for sources that do not match the frames (one a frame, a frame to estimate that is
-// null, a scanner position not finite), options out of range, or more points than it indexes (2^32 - 1, and
-// 2^29 where normals are oriented over the graph); the frames are then unchanged.
+// null, a scanner position not finite), options out of range, or more points than it indexes (2^32 - 1); the
+// frames are then unchanged.
 TESSALINE_MESH_API int estimateNormals(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                        const std::vector<FrameNormalSource>& sources, NormalEstimate& estimate,
                                        const NormalOptions& options = NormalOptions());
