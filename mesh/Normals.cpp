@@ -135,30 +135,57 @@ public:
         m_shift = 0;
         for (int k = 0; k < 3; ++k) m_origin[k] = origin[k];
 
-        // Least significant digit first, 11 bits a pass, as many passes as the codes have bits: a stable
-        // sort, so points of one cell keep the order they came in.
-        std::vector<std::uint64_t> codes(n), swap_codes(n);
-        std::vector<std::uint32_t> order(n), swap_order(n);
+        // Least significant digit first, at most 11 bits a pass, as many passes as the codes have bits: a
+        // stable sort, so points of one cell keep the order they came in.
+        // Left uninitialised: each is first written on all threads.
+        std::unique_ptr<std::uint64_t[]> codes(new std::uint64_t[n]), swap_codes(new std::uint64_t[n]);
+        std::unique_ptr<std::uint32_t[]> order(new std::uint32_t[n]);
         std::uint64_t highest = 0;
 #pragma omp parallel for schedule(static, 4096) reduction(| : highest)
         for (std::int64_t i = 0; i < static_cast<std::int64_t>(n); ++i) {
             std::int32_t c[3];
             cellOf(points[static_cast<std::size_t>(i)], c);
             codes[static_cast<std::size_t>(i)] = mesh_internal::cellCode(c);
-            order[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(i);
             highest |= codes[static_cast<std::size_t>(i)];
         }
-        for (int shift = 0; shift < 64 && (highest >> shift) != 0; shift += 11) {
-            countingSort(
-                n, 2048, [&](std::size_t i) { return static_cast<std::size_t>((codes[i] >> shift) & 2047); },
-                [&](std::size_t i, std::size_t at) {
-                    swap_codes[at] = codes[i];
-                    swap_order[at] = order[i];
-                });
-            codes.swap(swap_codes);
-            order.swap(swap_order);
+        const int bits = highest == 0 ? 0 : 64 - __builtin_clzll(highest);
+        const int passes = (bits + 10) / 11;
+        const int width = passes > 0 ? (bits + passes - 1) / passes : 0;
+        const std::uint64_t mask = (std::uint64_t{1} << width) - 1;
+        if (bits <= 32) {
+            // Each code and its point's index in one word, the code above: one array moves instead of two.
+#pragma omp parallel for schedule(static, 4096)
+            for (std::int64_t i = 0; i < static_cast<std::int64_t>(n); ++i)
+                codes[static_cast<std::size_t>(i)] =
+                    codes[static_cast<std::size_t>(i)] << 32 | static_cast<std::uint64_t>(i);
+            for (int pass = 0; pass < passes; ++pass) {
+                const int shift = 32 + pass * width;
+                countingSort(
+                    n, mask + 1, [&](std::size_t i) { return static_cast<std::size_t>((codes[i] >> shift) & mask); },
+                    [&](std::size_t i, std::size_t at) { swap_codes[at] = codes[i]; });
+                codes.swap(swap_codes);
+            }
+#pragma omp parallel for schedule(static, 4096)
+            for (std::int64_t i = 0; i < static_cast<std::int64_t>(n); ++i) {
+                order[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(codes[static_cast<std::size_t>(i)]);
+                codes[static_cast<std::size_t>(i)] >>= 32;
+            }
+        } else {
+            std::unique_ptr<std::uint32_t[]> swap_order(new std::uint32_t[n]);
+            for (std::size_t i = 0; i < n; ++i) order[i] = static_cast<std::uint32_t>(i);
+            for (int pass = 0; pass < passes; ++pass) {
+                const int shift = pass * width;
+                countingSort(
+                    n, mask + 1, [&](std::size_t i) { return static_cast<std::size_t>((codes[i] >> shift) & mask); },
+                    [&](std::size_t i, std::size_t at) {
+                        swap_codes[at] = codes[i];
+                        swap_order[at] = order[i];
+                    });
+                codes.swap(swap_codes);
+                order.swap(swap_order);
+            }
         }
-        swap_codes = std::vector<std::uint64_t>();
+        swap_codes.reset();
         std::vector<Vec3f> sorted_points(n);
         std::vector<Origin> sorted_origins(n);
 #pragma omp parallel for schedule(static, 4096)
