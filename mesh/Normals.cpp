@@ -666,10 +666,9 @@ constexpr std::uint8_t NO_PATCH = 0xFF;
 constexpr int AFTER = 13;
 
 struct Patch {
-    Vec3f normal;                // its first point's normal, which the others agree with
-    Vec3f point;                 // and that point
-    std::uint32_t first = NONE;  // the first point's index
-    bool known = false;          // the first point's side is known: the patch is never turned
+    Vec3f normal;        // its first point's normal, which the others agree with
+    Vec3f point;         // and that point
+    bool known = false;  // the first point's side is known: the patch is never turned
     std::uint32_t extreme[6] = {NONE, NONE, NONE, NONE, NONE, NONE};  // largest x, smallest x, ... z
     float extreme_at[6] = {0, 0, 0, 0, 0, 0};                         // their coordinates along the axis
 };
@@ -747,7 +746,6 @@ void orient(Scan& scan, const std::vector<std::uint32_t>& after, NormalEstimate&
                         made.emplace_back();
                         made.back().normal = normal;
                         made.back().point = p;
-                        made.back().first = s;
                         made.back().known = known;
                     } else if (known) {
                         continue;  // its normal stands; the orientation goes on without it
