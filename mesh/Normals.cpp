@@ -388,6 +388,22 @@ private:
     std::uint64_t m_key[MAX_NEIGHBOURS + 2];  // and a place after the largest list, for place()
 };
 
+// What the fit of a point's plane came to.
+enum Fitted { PLANE, UNCLEAR };
+
+// Points whose planes are fitted side by side, a lane each: the fits are short chains of dependent sums,
+// which wait on one another point by point but not lane by lane.
+constexpr int LANES = 4;
+struct Lanes {
+    int count = 0;               // the lanes taken
+    std::uint32_t point[LANES];  // their points
+    int within[LANES];           // the neighbours each point's plane is fitted to (itself among them)
+    // The neighbours' offsets to their point, in double: row (neighbour), coordinate, lane.
+    alignas(32) double d[MAX_NEIGHBOURS + 1][3][LANES];
+    Fitted fitted[LANES];  // what the fits came to
+    double v[LANES][3];    // the planes' unit normals, not yet turned to either side
+};
+
 // What a thread keeps while it searches the points of one cell: the points of the 27 cells around it, with
 // their coordinates side by side, and a bound from the point before.
 struct Search {
@@ -405,6 +421,7 @@ struct Search {
     // The squared distance to the last point's farthest neighbour, with room: a point of the same cell has
     // its neighbours within about that, so the others are passed over with one comparison each.
     float hint = INFINITY;
+    Lanes lanes;  // points found and waiting for their planes
 
     // The cells looked up last, by their codes: cells next in order share most of their neighbours, and a
     // lookup in the grid is a probe of its table and a search of a brick's codes.
@@ -471,9 +488,6 @@ struct Search {
     }
 };
 
-// What the fit of a point's plane came to.
-enum Fitted { PLANE, TOO_FEW, UNCLEAR };
-
 // For each set of eight lanes (a bit each), the places of the lanes in the set, first to last, a byte each:
 // what moves the chosen lanes of eight to the front.
 struct LeftPack {
@@ -530,12 +544,18 @@ struct PointWork {
 #endif
         plain::findNearest(grid, points, q, search, reach, max_ring, nearest);
     }
-    Fitted fitPoint(const Grid& grid, const std::vector<Vec3f>& points, std::uint32_t s, Search& search, double reach,
-                    int max_ring, float clear_plane, int k, Nearest& nearest, int& within, double v[3]) const {
+    bool gather(const Grid& grid, const std::vector<Vec3f>& points, std::uint32_t s, Search& search, double reach,
+                int max_ring, int k, Nearest& nearest, Lanes& lanes) const {
 #ifdef TESSALINE_NORMALS_WIDE
-        if (wide) return wide::fitPoint(grid, points, s, search, reach, max_ring, clear_plane, k, nearest, within, v);
+        if (wide) return wide::gather(grid, points, s, search, reach, max_ring, k, nearest, lanes);
 #endif
-        return plain::fitPoint(grid, points, s, search, reach, max_ring, clear_plane, k, nearest, within, v);
+        return plain::gather(grid, points, s, search, reach, max_ring, k, nearest, lanes);
+    }
+    void fitLanes(Lanes& lanes, float clear_plane) const {
+#ifdef TESSALINE_NORMALS_WIDE
+        if (wide) return wide::fitLanes(lanes, clear_plane);
+#endif
+        plain::fitLanes(lanes, clear_plane);
     }
 };
 
@@ -1037,6 +1057,32 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
             failure.run([&] {
                 Search& search = *search_room;
                 Nearest& nearest = *nearest_room;
+                Lanes& lanes = search.lanes;
+                // The points in the lanes fitted, and each faced or left free.
+                const auto fitted = [&] {
+                    work.fitLanes(lanes, options.clear_plane);
+                    for (int l = 0; l < lanes.count; ++l) {
+                        if (lanes.fitted[l] != PLANE) {
+                            ++unclear;
+                            continue;
+                        }
+                        const std::uint32_t s = lanes.point[l];
+                        double* v = lanes.v[l];
+                        const FrameNormalSource& source = sources[scan.origins[s].frame];
+                        const Vec3f& p = scan.points[s];
+                        if (source.sensor_known) {
+                            double toward = 0.0;
+                            for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);
+                            if (toward < 0.0)
+                                for (int c = 0; c < 3; ++c) v[c] = -v[c];
+                            scan.state[s] = FACED;
+                        } else {
+                            scan.state[s] = FREE;
+                        }
+                        for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(v[c]);
+                    }
+                    lanes.count = 0;
+                };
                 bool around = false;
                 for (std::uint32_t s = scan.grid.begin(static_cast<std::size_t>(cell));
                      s < scan.grid.end(static_cast<std::size_t>(cell)); ++s) {
@@ -1058,25 +1104,13 @@ int estimateAll(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                         search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
                         around = true;
                     }
-                    int within = 0;
-                    double v[3];
-                    const Fitted fitted = work.fitPoint(scan.grid, scan.points, s, search, reach, max_ring,
-                                                        options.clear_plane, k, nearest, within, v);
-                    too_few += fitted == TOO_FEW ? 1 : 0;
-                    unclear += fitted == UNCLEAR ? 1 : 0;
-                    if (fitted != PLANE) continue;
-                    const Vec3f& p = scan.points[s];
-                    if (source.sensor_known) {
-                        double toward = 0.0;
-                        for (int c = 0; c < 3; ++c) toward += v[c] * (source.sensor[c] - p[c]);
-                        if (toward < 0.0)
-                            for (double& c : v) c = -c;
-                        scan.state[s] = FACED;
-                    } else {
-                        scan.state[s] = FREE;
+                    if (!work.gather(scan.grid, scan.points, s, search, reach, max_ring, k, nearest, lanes)) {
+                        ++too_few;
+                        continue;
                     }
-                    for (int c = 0; c < 3; ++c) scan.normals[s][c] = static_cast<float>(v[c]);
+                    if (lanes.count == LANES) fitted();
                 }
+                if (lanes.count > 0) fitted();
                 if (!any_free) return;
                 // A cell of kept normals alone is looked around for the orientation only.
                 if (!around) search.enter(scan.grid, scan.points, static_cast<std::size_t>(cell));
