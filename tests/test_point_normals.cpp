@@ -250,27 +250,51 @@ TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountAndBuildGivesTheS
         EXPECT_TRUE(sameBytes(normalsOf(*frame, FrameNormalSource(), plain, 2, estimate), normals[0]));
     }
 
+    // Each checked normal against a fit of its neighbours within the reach found by brute force: with the
+    // default reach all 16 count; with a short one, points in the sparser part are fitted to fewer, so that
+    // the planes fitted side by side have different numbers of neighbours.
     const auto& p = frame->xyz;
-    std::size_t checked = 0;
-    for (std::size_t i = 0; i < p.size(); i += 7) {
-        if (dot(normals[0][i], normals[0][i]) == 0.0f) continue;
-        std::vector<std::pair<float, std::size_t>> order;
-        for (std::size_t j = 0; j < p.size(); ++j) {
-            const float d[3] = {p[j][0] - p[i][0], p[j][1] - p[i][1], p[j][2] - p[i][2]};
-            order.push_back({d[0] * d[0] + d[1] * d[1] + d[2] * d[2], j});
+    const auto checkAgainstBruteForce = [&](const std::vector<Vec3f>& normal, float reach, std::size_t& fewer) {
+        std::size_t checked = 0;
+        for (std::size_t i = 0; i < p.size(); i += 7) {
+            if (dot(normal[i], normal[i]) == 0.0f) continue;
+            std::vector<std::pair<float, std::size_t>> order;
+            for (std::size_t j = 0; j < p.size(); ++j) {
+                const float d[3] = {p[j][0] - p[i][0], p[j][1] - p[i][1], p[j][2] - p[i][2]};
+                order.push_back({d[0] * d[0] + d[1] * d[1] + d[2] * d[2], j});
+            }
+            std::partial_sort(order.begin(), order.begin() + 18, order.end());
+            int within = 0;
+            bool near_the_reach = false;
+            for (int j = 0; j < 17; ++j) {
+                within += order[j].first <= reach * reach ? 1 : 0;
+                near_the_reach = near_the_reach || std::fabs(order[j].first / (reach * reach) - 1.0f) < 1e-4f;
+            }
+            if (near_the_reach || order[16].first == order[17].first) continue;
+            EXPECT_GE(2 * (within - 1), 16) << "point " << i << " has a normal from too few neighbours";
+            Eigen::MatrixX3d q(within, 3);
+            for (int j = 0; j < within; ++j)
+                for (int k = 0; k < 3; ++k) q(j, k) = p[order[j].second][k];
+            const Eigen::Vector3d expected = fittedAgain(q, leastSpread(q));
+            const double agreement =
+                std::fabs(expected[0] * normal[i][0] + expected[1] * normal[i][1] + expected[2] * normal[i][2]);
+            EXPECT_GT(agreement, 1.0 - 1e-5) << "point " << i << ", " << within << " neighbours";
+            fewer += within < 17 ? 1 : 0;
+            ++checked;
         }
-        std::partial_sort(order.begin(), order.begin() + 17, order.end());
-        if (order[16].first > reach * reach) continue;  // fitted to fewer
-        Eigen::MatrixX3d q(17, 3);
-        for (int j = 0; j < 17; ++j)
-            for (int k = 0; k < 3; ++k) q(j, k) = p[order[j].second][k];
-        const Eigen::Vector3d expected = fittedAgain(q, leastSpread(q));
-        const double agreement =
-            std::fabs(expected[0] * normals[0][i][0] + expected[1] * normals[0][i][1] + expected[2] * normals[0][i][2]);
-        ASSERT_GT(agreement, 1.0 - 1e-5) << "point " << i;
-        ++checked;
-    }
-    EXPECT_GT(checked, 800u);
+        return checked;
+    };
+    std::size_t fewer = 0;
+    EXPECT_GT(checkAgainstBruteForce(normals[0], reach, fewer), 800u);
+    NormalOptions short_reach;
+    short_reach.reach = 1.6f;
+    NormalEstimate estimate;
+    const std::vector<Vec3f> near_only = normalsOf(*frame, FrameNormalSource(), short_reach, 2, estimate);
+    fewer = 0;
+    EXPECT_GT(checkAgainstBruteForce(near_only, estimate.reach, fewer), 600u);
+    EXPECT_GT(fewer, 100u);
+    short_reach.vector_units = false;
+    EXPECT_TRUE(sameBytes(normalsOf(*frame, FrameNormalSource(), short_reach, 1, estimate), near_only));
 }
 
 // A sharp edge: a top face (z = 0, x <= 0) and a side face (x = 0, z < 0) sampled on a grid. A plane of the
