@@ -295,6 +295,15 @@ TEST(PointNormals, PlanesMatchABruteForceFitAndEveryThreadCountAndBuildGivesTheS
     EXPECT_GT(fewer, 100u);
     short_reach.vector_units = false;
     EXPECT_TRUE(sameBytes(normalsOf(*frame, FrameNormalSource(), short_reach, 1, estimate), near_only));
+    // The fewest and the most neighbours a plane may be fitted to: the two builds agree there too.
+    for (int neighbours : {5, 64}) {
+        NormalOptions wide, plain;
+        wide.neighbours = plain.neighbours = neighbours;
+        plain.vector_units = false;
+        const std::vector<Vec3f> made = normalsOf(*frame, FrameNormalSource(), wide, 2, estimate);
+        EXPECT_LT(estimate.left_out, 60u) << neighbours << " neighbours";
+        EXPECT_TRUE(sameBytes(normalsOf(*frame, FrameNormalSource(), plain, 2, estimate), made)) << neighbours;
+    }
 }
 
 // A sharp edge: a top face (z = 0, x <= 0) and a side face (x = 0, z < 0) sampled on a grid. A plane of the
