@@ -221,6 +221,40 @@ TEST(PortionerRuns, StraightFromTheFramesGivesTheBlocksOfTheBatches) {
             EXPECT_EQ(run->block(i)->points->capacity(), run->block(i)->points->size()) << "block " << i;
 }
 
+// Scan lines as a scanner makes them: long runs of points in one block, then across a face and its
+// margins into the next, with null returns among them and points exactly at a margin's limit and one
+// float step beyond. The straight pass, which takes runs of one block and groups of eight points at a
+// time, must give every block the records that batch after batch give point by point, in their order.
+TEST(PortionerRuns, ScanLinesAcrossFacesGiveTheRecordsOfTheBatches) {
+    const Grid g;
+    const float inside = 96.0f - g.halfExt(), outside = std::nextafter(inside, 0.0f);
+    std::mt19937 rng(21);
+    std::uniform_real_distribution<float> along(-70.0f, 130.0f), jitter(-0.5f, 0.5f);
+    Frames frames;
+    for (int f = 0; f < 40; ++f) {
+        auto frame = std::make_shared<FrameDataWithInfo>();
+        const float y = along(rng), z = along(rng), step = 0.05f + 0.01f * static_cast<float>(f % 7);
+        float x = along(rng) - 60.0f;
+        for (int p = 0; p < 1200 + 13 * f; ++p, x += step) {
+            Vec3f point{x, y + jitter(rng), z + jitter(rng)};
+            if (p % 97 == 5) point = {0.0f, 0.0f, 0.0f};  // a null return
+            if (p % 211 == 17) point = {inside, y, z};
+            if (p % 211 == 18) point = {outside, y, z};
+            if (f % 5 == 0 && p % 301 == 40) point = {0.0f, 0.0f, 1e-6f};  // beside the origin, kept
+            frame->xyz.push_back(point);
+            frame->nor.push_back({0.0f, 0.0f, 1.0f});
+            frame->w.push_back(8 | ((p / 100) % 4) << 8);
+        }
+        frame->frame_info.laser_id = f % 3;
+        frames.push_back(frame);
+    }
+    PortionerRun straight(frames);
+    PortionerRun batched(frames, 0, {}, /*batches=*/true);
+    ASSERT_GE(straight.portioner.getPointCloudBlockCount(), 8);
+    expectIdenticalBlocks(straight, batched);
+    expectSameBlocks(straight.blocks(), bruteForceBlocks(frames));
+}
+
 // A run of chosen blocks lists points for those blocks alone: each of them byte for byte as a run of all
 // blocks lists it (its own points and the margins' copies, in the same order), in the straight pass and in
 // batches; the other blocks take nothing, not even the points that lie in them (an empty block leaves the list).

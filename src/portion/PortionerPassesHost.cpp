@@ -10,6 +10,7 @@
 
 #include "common/HostMemory.h"
 #include "common/RunStop.h"
+#include "portion/PlainRuns.h"
 #include "portion/PortionerPasses.h"
 
 namespace SurfaceReconstruction {
@@ -40,6 +41,89 @@ PartitionPoint framePartition(const FrameDataWithInfo& frame, const BlockSlot* e
                           static_cast<std::int64_t>(frame.xyz.size()),      block_res, half_ext, entries, mask};
 }
 
+// The table entries of the 27 blocks around one block key, in the order the partition rule visits its
+// neighbours (dx, then dy, then dz, from -1 to 1); -1 for a neighbour without a block or one the run
+// does not compute. The block's own slot (13) is the entry as found, whether computed or not.
+class EntriesAround {
+public:
+    EntriesAround(const BlockSlot* entries, std::uint32_t mask) : entries(entries), mask(mask) {}
+
+    const std::int32_t* around(std::int32_t x, std::int32_t y, std::int32_t z) {
+        if (filled && x == key[0] && y == key[1] && z == key[2]) return slots;
+        int s = 0;
+        for (int dx = -1; dx <= 1; ++dx)
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dz = -1; dz <= 1; ++dz, ++s) {
+                    const std::int32_t e = findGridKeySlot(entries, mask, x + dx, y + dy, z + dz);
+                    slots[s] = s == 13 || (e >= 0 && entries[e].value.skipped == 0) ? e : -1;
+                }
+        key[0] = x;
+        key[1] = y;
+        key[2] = z;
+        filled = true;
+        return slots;
+    }
+
+private:
+    const BlockSlot* entries;
+    std::uint32_t mask;
+    bool filled = false;
+    std::int32_t key[3] = {0, 0, 0};
+    std::int32_t slots[27];
+};
+
+// Calls record(entry, first, count) for the points of a frame in point order, as the partition rule gives
+// them records: a run of points that lie in one block and in no neighbour's margin as one call, every other
+// point with a call a record. With the vector units the points are looked at eight at a time and the
+// table entries come from the blocks around the last key met; the records are the rule's, in its order.
+template <class Record>
+void forEachFrameRecord(const FrameDataWithInfo& frame, const PartitionPoint& partition, bool vector_units,
+                        Record&& record) {
+    const std::size_t n = frame.xyz.size();
+    const float* xyz = reinterpret_cast<const float*>(frame.xyz.data());
+    const std::uint32_t mask = static_cast<std::uint32_t>(partition.hash_mask);
+    const auto byRule = [&](std::size_t i) {
+        partition.forEachRecord(i, [&](std::int32_t e) { record(e, i, std::size_t{1}); });
+    };
+    EntriesAround cache(partition.hash_entries, mask);
+    EightBlocks eight;
+    for (std::size_t i = 0; i < n;) {
+        if (!vector_units || i + 8 > n) {
+            byRule(i++);
+            continue;
+        }
+        std::int32_t key[3];
+        const std::size_t run = plainRunLength(xyz, i, n, partition.block_res, partition.half_ext, key);
+        if (run != 0) {
+            const std::int32_t e = cache.around(key[0], key[1], key[2])[13];
+            if (e >= 0 && partition.hash_entries[e].value.skipped == 0) record(e, i, run);
+            i += run;
+            continue;
+        }
+        describeEight(xyz, i, partition.block_res, partition.half_ext, eight);
+        for (int l = 0; l < 8; ++l, ++i) {
+            const std::uint32_t bits = eight.bits[l];
+            if ((bits & EightBlocks::NULL_POINT) != 0) continue;
+            if ((bits & EightBlocks::TOO_FAR) != 0) {
+                byRule(i);
+                continue;
+            }
+            const std::int32_t* slots = cache.around(eight.key[0][l], eight.key[1][l], eight.key[2][l]);
+            const std::int32_t own = slots[13];
+            if (own < 0) continue;  // a point outside every block makes no record
+            if (partition.hash_entries[own].value.skipped == 0) record(own, i, std::size_t{1});
+            if ((bits & 0b101101101u) == 0) continue;  // within no neighbour's margin on any axis
+            int s = 0;
+            for (int dx = 0; dx < 3; ++dx)
+                for (int dy = 0; dy < 3; ++dy)
+                    for (int dz = 0; dz < 3; ++dz, ++s) {
+                        if (s == 13 || ((bits >> dx) & (bits >> (3 + dy)) & (bits >> (6 + dz)) & 1u) == 0) continue;
+                        if (slots[s] >= 0) record(slots[s], i, std::size_t{1});
+                    }
+        }
+    }
+}
+
 // The records each table entry will receive from each share of the frames still to be partitioned,
 // counted on the host's cores with the partition's own rule: counts[s * entry_count + e].
 void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames,
@@ -49,6 +133,7 @@ void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& fra
     const std::int64_t share_count = static_cast<std::int64_t>(shares.size()) - 1;
     counts.assign(static_cast<std::size_t>(share_count) * table, 0);
     const std::atomic<bool>* stop = runStopFlag();
+    const bool vector_units = plainRunsAvailable();
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < share_count; ++s) {
         std::int64_t* mine = counts.data() + static_cast<std::size_t>(s) * table;
@@ -56,8 +141,9 @@ void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& fra
              f < shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
             const FrameDataWithInfo& frame = *frames[f];
             const PartitionPoint partition = framePartition(frame, entries, mask, block_res, half_ext);
-            for (std::size_t i = 0; i < frame.xyz.size(); ++i)
-                partition.forEachRecord(i, [mine](std::int32_t e) { ++mine[e]; });
+            forEachFrameRecord(frame, partition, vector_units, [mine](std::int32_t e, std::size_t, std::size_t count) {
+                mine[e] += static_cast<std::int64_t>(count);
+            });
         }
     }
     stopPoint();  // the counts of a stopped run are incomplete: it ends here
@@ -197,6 +283,7 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
     std::vector<std::int32_t> words(m_share_counts.size(), 0);  // OR of the records' words
     const std::int64_t shares = static_cast<std::int64_t>(share_count);
     const std::atomic<bool>* stop = runStopFlag();
+    const bool vector_units = plainRunsAvailable();
     // Each frame is let go once its points are on the lists, and the heap gives what the frames held back
     // to the system every PORTIONER_FRAME_BYTES_TRIMMED bytes: as the lists fill, the frames leave, and
     // the pass holds about the larger of the two instead of both (where nobody else holds the frames).
@@ -212,15 +299,20 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
             // A laser id outside 0 to 7 is read as 0, as the batch's copy of the frame's information has it.
             const std::int32_t laser_id = frame.frame_info.laser_id;
             const std::uint8_t laser = static_cast<std::uint8_t>(laser_id < 0 || laser_id >= 8 ? 0 : laser_id);
-            for (std::size_t i = 0; i < frame.xyz.size(); ++i) {
-                RawPointWithHash point =
-                    PartitionPoint::record(frame.xyz[i].data(), frame.nor[i].data(), frame.w[i], laser);
-                partition.forEachRecord(i, [&](std::int32_t e) {
-                    point.hash = e;
-                    (*lists[static_cast<std::size_t>(e)])[static_cast<std::size_t>(place[e]++)] = point;
-                    word[e] |= point.w;
+            forEachFrameRecord(
+                frame, partition, vector_units, [&](std::int32_t e, std::size_t first, std::size_t count) {
+                    RawPointWithHash* to = lists[static_cast<std::size_t>(e)]->data() + place[e];
+                    place[e] += static_cast<std::int64_t>(count);
+                    std::int32_t words = 0;
+                    for (std::size_t i = first; i < first + count; ++i) {
+                        RawPointWithHash point =
+                            PartitionPoint::record(frame.xyz[i].data(), frame.nor[i].data(), frame.w[i], laser);
+                        point.hash = e;
+                        *to++ = point;
+                        words |= point.w;
+                    }
+                    word[e] |= words;
                 });
-            }
             const std::uint64_t bytes = frame.xyz.size() * (sizeof(Vec3f) * 2 + sizeof(std::int32_t));
             m_waiting_frames[f].reset();
             const std::uint64_t before = let_go.fetch_add(bytes);
