@@ -56,9 +56,9 @@ std::size_t plainRunLength(const float* xyz, std::size_t i, std::size_t n, float
         const __m256 position[3] = {_mm256_i32gather_ps(p, stride, 4), _mm256_i32gather_ps(p + 1, stride, 4),
                                     _mm256_i32gather_ps(p + 2, stride, 4)};
         // A null point (all three zero) makes no record at all.
-        __m256 bad = _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(position[0], zero, _CMP_EQ_OQ),
-                                                 _mm256_cmp_ps(position[1], zero, _CMP_EQ_OQ)),
-                                   _mm256_cmp_ps(position[2], zero, _CMP_EQ_OQ));
+        __m256 bad = _mm256_and_ps(
+            _mm256_and_ps(_mm256_cmp_ps(position[0], zero, _CMP_EQ_OQ), _mm256_cmp_ps(position[1], zero, _CMP_EQ_OQ)),
+            _mm256_cmp_ps(position[2], zero, _CMP_EQ_OQ));
         __m256i index[3];
         for (int k = 0; k < 3; ++k) {
             __m256 fits;
@@ -86,19 +86,20 @@ void describeEight(const float* xyz, std::size_t i, float block_res, float half_
     const float* p = xyz + 3 * i;
     const __m256 position[3] = {_mm256_i32gather_ps(p, stride, 4), _mm256_i32gather_ps(p + 1, stride, 4),
                                 _mm256_i32gather_ps(p + 2, stride, 4)};
-    const __m256 null = _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(position[0], zero, _CMP_EQ_OQ),
-                                                    _mm256_cmp_ps(position[1], zero, _CMP_EQ_OQ)),
-                                      _mm256_cmp_ps(position[2], zero, _CMP_EQ_OQ));
+    const __m256 null = _mm256_and_ps(
+        _mm256_and_ps(_mm256_cmp_ps(position[0], zero, _CMP_EQ_OQ), _mm256_cmp_ps(position[1], zero, _CMP_EQ_OQ)),
+        _mm256_cmp_ps(position[2], zero, _CMP_EQ_OQ));
     __m256i bits = _mm256_and_si256(_mm256_castps_si256(null), _mm256_set1_epi32(EightBlocks::NULL_POINT));
     for (int k = 0; k < 3; ++k) {
         __m256 fits;
         const __m256i index = gridIndices(position[k], res, fits);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out.key[k]), index);
-        bits = _mm256_or_si256(bits, _mm256_andnot_si256(_mm256_castps_si256(fits),
-                                                         _mm256_set1_epi32(EightBlocks::TOO_FAR)));
+        bits = _mm256_or_si256(bits,
+                               _mm256_andnot_si256(_mm256_castps_si256(fits), _mm256_set1_epi32(EightBlocks::TOO_FAR)));
         for (int d = -1; d <= 1; ++d) {
             const __m256 near = nearNeighbour(position[k], index, d, res, half_block, ext);
-            bits = _mm256_or_si256(bits, _mm256_and_si256(_mm256_castps_si256(near), _mm256_set1_epi32(1 << (3 * k + d + 1))));
+            bits = _mm256_or_si256(
+                bits, _mm256_and_si256(_mm256_castps_si256(near), _mm256_set1_epi32(1 << (3 * k + d + 1))));
         }
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out.bits), bits);
