@@ -1,5 +1,7 @@
 // The marching cubes stage: Morton codes, bins and their occupancy, the chunked path against the whole
 // block, cells and relations, thread counts, and the field of the whole stage on simulated surfaces.
+#include <omp.h>
+
 #include <map>
 #include <tuple>
 
@@ -333,6 +335,28 @@ TEST(PointSorts, ArraysLargerThanAPieceComeOutInTheFullOrderWhereTheyLie) {
         }
         EXPECT_TRUE(sortsAsAPlainSort(points, buffers, c.piece)) << c.name;
     }
+}
+
+TEST(PointSorts, LargeArraysPartedAmongCoresComeOutInTheFullOrder) {
+    // Above 65,536 points the groups are parted among the cores before each part takes its groups' places:
+    // any team size, groups of very different sizes (one of half the points), hashes that put a whole
+    // thread's stripe on one side, and points equal in every byte.
+    const int threads = omp_get_max_threads();
+    for (const int team : {2, 3, 5}) {
+        omp_set_num_threads(team);
+        std::mt19937 rng(static_cast<unsigned>(team));
+        std::vector<RawPointWithHash> points = randomPoints(150000, static_cast<unsigned>(team) + 7u);
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            const bool front = i < points.size() / 3;  // the first third: low hashes only
+            points[i].hash = static_cast<std::int32_t>(i % 2 == 0 ? 0x20000000u | (rng() & 0xFFFFu)
+                                                       : front    ? rng() & 0x0FFFFFFFu
+                                                                  : rng() & 0x7FFFFFFFu);
+            if (i % 5 == 4) points[i] = points[i - 1];
+        }
+        PointSortBuffers buffers;
+        EXPECT_TRUE(sortsAsAPlainSort(points, buffers, 4000)) << team << " threads";
+    }
+    omp_set_num_threads(threads);
 }
 
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {

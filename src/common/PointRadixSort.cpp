@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <new>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -223,17 +225,83 @@ void sortPieceThroughBuffers(RawPointWithHash* points, std::int64_t n, PointSort
     std::copy(buffers.sorted.begin(), buffers.sorted.begin() + n, points);
 }
 
+// Ranges of fewer points are put into groups on one core.
+constexpr std::int64_t PART_POINTS = 65536;
+
 // A range of the array still to be put in the full order.
 struct PointRange {
     RawPointWithHash* points;
     std::int64_t count;
 };
 
+// Moves the points of a range for which `low` holds before the others, on all cores, and returns how many
+// there are. Each thread parts its own stripe where it lies; then the points on the wrong side of where
+// the two parts meet trade places, the k-th misplaced point of the front with the k-th of the back. The
+// order within each part follows the threads; the full sort of the pieces settles it.
+template <class Low>
+std::int64_t partInTwo(RawPointWithHash* points, std::int64_t n, Low low) {
+    const int threads = omp_get_max_threads();
+    std::vector<std::int64_t> low_count(static_cast<std::size_t>(threads), 0);
+#pragma omp parallel num_threads(threads)
+    {
+        const int t = omp_get_thread_num(), team = omp_get_num_threads();
+        RawPointWithHash* begin = points + n * t / team;
+        RawPointWithHash* end = points + n * (t + 1) / team;
+        low_count[static_cast<std::size_t>(t)] = std::partition(begin, end, low) - begin;
+    }
+    // The segments out of place: the back points in front of the meeting place, the front points after it.
+    const std::int64_t meet = std::accumulate(low_count.begin(), low_count.end(), std::int64_t{0});
+    struct Segment {
+        std::int64_t from, to;
+    };
+    std::vector<Segment> backs, fronts;  // in address order
+    const int team = static_cast<int>(low_count.size());
+    for (int t = 0; t < team; ++t) {
+        const std::int64_t begin = n * t / team, end = n * (t + 1) / team;
+        const std::int64_t split = begin + low_count[static_cast<std::size_t>(t)];
+        if (split < meet) backs.push_back({split, std::min(end, meet)});     // back points before the meeting
+        if (split > meet) fronts.push_back({std::max(begin, meet), split});  // front points after it
+    }
+    std::int64_t misplaced = 0;
+    for (const Segment& b : backs) misplaced += b.to - b.from;
+    // The k-th point of a list of segments.
+    const auto place = [](const std::vector<Segment>& list, std::int64_t k) {
+        std::size_t i = 0;
+        while (k >= list[i].to - list[i].from) {
+            k -= list[i].to - list[i].from;
+            ++i;
+        }
+        return std::pair<std::size_t, std::int64_t>(i, list[i].from + k);
+    };
+#pragma omp parallel num_threads(threads) if (misplaced > 65536)
+    {
+        const int t = omp_get_thread_num(), size = omp_get_num_threads();
+        std::int64_t k = misplaced * t / size;
+        const std::int64_t k_end = misplaced * (t + 1) / size;
+        if (k < k_end) {
+            auto [bi, b] = place(backs, k);
+            auto [fi, f] = place(fronts, k);
+            while (k < k_end) {
+                const std::int64_t step = std::min({k_end - k, backs[bi].to - b, fronts[fi].to - f});
+                std::swap_ranges(points + b, points + b + step, points + f);
+                k += step;
+                b += step;
+                f += step;
+                if (k < k_end && b == backs[bi].to) b = backs[++bi].from;
+                if (k < k_end && f == fronts[fi].to) f = fronts[++fi].from;
+            }
+        }
+    }
+    return meet;
+}
+
 // Moves the points of a range into groups by the 11 highest bits in which their hashes differ (each
 // point swapped into its group's next place, as an in-place radix sort does), which puts the groups in
 // the order of their hashes, and appends the ranges of consecutive groups of up to `piece` points
 // together to `pieces`, and a larger group to `larger`. Without two differing hashes the range is one
-// piece, however large.
+// piece, however large. With more than one core the range is first parted in two by groups, each part
+// about half of its points, as often as there are cores to give each part one; the parts then take their
+// groups' places each on a core of its own.
 void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<PointRange>& pieces,
                    std::vector<PointRange>& larger) {
     RawPointWithHash* points = range.points;
@@ -265,19 +333,47 @@ void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<Poin
         for (std::uint32_t g = 0; g < GROUPS; ++g) start[g + 1] += mine[g];
     }
     for (std::uint32_t g = 0; g < GROUPS; ++g) start[g + 1] += start[g];
+    // Parts of whole groups [first, last): the part with the most points is cut at the group boundary
+    // nearest its middle while there are more cores than parts.
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> parts{{0, GROUPS}};
+    const int threads = omp_get_max_threads();
+    while (static_cast<int>(parts.size()) < threads && n >= PART_POINTS) {
+        std::size_t largest = 0;
+        for (std::size_t i = 1; i < parts.size(); ++i)
+            if (start[parts[i].second] - start[parts[i].first] >
+                start[parts[largest].second] - start[parts[largest].first])
+                largest = i;
+        const auto [first, last] = parts[largest];
+        const std::int64_t middle = (start[first] + start[last]) / 2;
+        std::uint32_t cut = first + 1;
+        for (std::uint32_t g = first + 2; g < last; ++g)
+            if (std::llabs(start[g] - middle) < std::llabs(start[cut] - middle)) cut = g;
+        if (cut >= last || start[cut] == start[first] || start[cut] == start[last] ||
+            start[last] - start[first] < PART_POINTS)
+            break;  // one group holds the part's points
+        partInTwo(points + start[first], start[last] - start[first],
+                  [&](const RawPointWithHash& p) { return group(p) < cut; });
+        parts[largest] = {first, cut};
+        parts.insert(parts.begin() + static_cast<std::ptrdiff_t>(largest) + 1, {cut, last});
+    }
     // Each group's next place moves through the group front to back: a few points ahead of it are
-    // fetched early, which hides most of the wait for memory on this one thread.
+    // fetched early, which hides most of the wait for memory on the part's thread.
     constexpr std::int64_t AHEAD = 6;
     std::vector<std::int64_t> next(start.begin(), start.end() - 1);
-    for (std::uint32_t g = 0; g < GROUPS; ++g) {
-        while (next[g] < start[g + 1]) {
-            RawPointWithHash moving = points[next[g]];
-            for (std::uint32_t to = group(moving); to != g; to = group(moving)) {
-                const std::int64_t place = next[to]++;
-                if (place + AHEAD < start[to + 1]) __builtin_prefetch(points + place + AHEAD, 1);
-                std::swap(moving, points[place]);
+    const std::int64_t part_count = static_cast<std::int64_t>(parts.size());
+#pragma omp parallel for schedule(dynamic, 1) if (part_count > 1)
+    for (std::int64_t part = 0; part < part_count; ++part) {
+        for (std::uint32_t g = parts[static_cast<std::size_t>(part)].first;
+             g < parts[static_cast<std::size_t>(part)].second; ++g) {
+            while (next[g] < start[g + 1]) {
+                RawPointWithHash moving = points[next[g]];
+                for (std::uint32_t to = group(moving); to != g; to = group(moving)) {
+                    const std::int64_t place = next[to]++;
+                    if (place + AHEAD < start[to + 1]) __builtin_prefetch(points + place + AHEAD, 1);
+                    std::swap(moving, points[place]);
+                }
+                points[next[g]++] = moving;
             }
-            points[next[g]++] = moving;
         }
     }
     for (std::uint32_t g = 0; g < GROUPS;) {

@@ -16,6 +16,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -321,6 +322,17 @@ private:
     UninitialisedArray<PendingSearch>& pending;
     std::vector<Absorption> absorptions;
     DescentPath path;
+    // The visits of the walk over all bins that found a leaf with its record and no finer cells: a later
+    // visit of the same position and size reaches the same leaf and does nothing, unless a coarser cell
+    // has absorbed records since (the epoch counts those), so it skips the descent.
+    struct DoneVisit {
+        float pos[3];
+        float half;
+        std::uint64_t epoch;  // 0: an empty entry
+    };
+    static constexpr std::size_t DONE_VISITS = 4096;
+    std::vector<DoneVisit> done_visits;
+    std::uint64_t absorb_epoch = 1;
     std::vector<std::uint32_t> first_visits;  // per bin, bit t: its t-th neighbour cell is a first visit
     float wide_search_edge = 0.0f;
     // What a search takes of a bin, apart from the large headers, which it would otherwise pull through
@@ -393,6 +405,7 @@ void MarchingCubes::CellBuild::makeRecord(CellNode* leaf, const float pos[3], st
 }
 
 void MarchingCubes::CellBuild::absorbFinerRecords(CellNode* leaf) {
+    ++absorb_epoch;
     std::vector<std::pair<CellNode*, int>> stack{{leaf, 0}};
     while (!stack.empty()) {
         auto& [node, next_child] = stack.back();
@@ -415,14 +428,39 @@ bool MarchingCubes::CellBuild::visitLeaf(CellNode* leaf, const float pos[3], std
     return true;
 }
 
+namespace {
+
+std::uint32_t floatBits(float v) {
+    std::uint32_t u;
+    std::memcpy(&u, &v, sizeof u);
+    return u;
+}
+
+bool sameVisit(const float a[3], float a_half, const float b[3], float b_half) {
+    return floatBits(a[0]) == floatBits(b[0]) && floatBits(a[1]) == floatBits(b[1]) &&
+           floatBits(a[2]) == floatBits(b[2]) && floatBits(a_half) == floatBits(b_half);
+}
+
+}  // namespace
+
 bool MarchingCubes::CellBuild::visitCell(const float pos[3], float target_half, std::uint32_t word,
                                          const PendingSearch& search) {
+    if (done_visits.empty()) done_visits.assign(DONE_VISITS, DoneVisit{{0.0f, 0.0f, 0.0f}, 0.0f, 0});
+    std::uint64_t h = (static_cast<std::uint64_t>(floatBits(pos[0])) * 0x9E3779B97F4A7C15ull) ^
+                      (static_cast<std::uint64_t>(floatBits(pos[1])) * 0xC2B2AE3D27D4EB4Full) ^
+                      (static_cast<std::uint64_t>(floatBits(pos[2])) * 0x165667B19E3779F9ull) ^
+                      static_cast<std::uint64_t>(floatBits(target_half));
+    DoneVisit& done = done_visits[(h >> 40) & (DONE_VISITS - 1)];
+    if (done.epoch == absorb_epoch && sameVisit(done.pos, done.half, pos, target_half)) return true;
     CellNode* leaf = nullptr;
     const int inserted = mc.m_hash_octree->insertLeafNodeAlongPath(root, pos, target_half, path, leaf);
     // The cell pool full fails the block; a position outside the root makes no cell.
     if (inserted == TESSALINE_OUT_OF_MEMORY) throw OutOfMemory(0);
     if (inserted != 0) return true;
-    return visitLeaf(leaf, pos, word, search);
+    const bool ok = visitLeaf(leaf, pos, word, search);
+    if (leaf->data_id != -1 && leaf->child_count == 0)
+        done = DoneVisit{{pos[0], pos[1], pos[2]}, target_half, absorb_epoch};
+    return ok;
 }
 
 // ---- The bins along rows of keys ----
