@@ -462,13 +462,17 @@ void Tessaline_OPT::chooseRunOrigin() {
     for (const auto& frame : m_held_frames) total += frame->xyz.size();
     const std::uint64_t stride = std::max<std::uint64_t>(1, total / RUN_ORIGIN_SAMPLES);
     std::vector<double> sample[3];
-    std::uint64_t index = 0;
-    for (const auto& frame : m_held_frames)
-        for (const Vec3f& p : frame->xyz) {
-            if (index++ % stride != 0) continue;
+    std::uint64_t first = 0;  // the index of the frame's first point among all points
+    for (const auto& frame : m_held_frames) {
+        const std::uint64_t size = frame->xyz.size();
+        // Every stride-th point of all, counted from the first: the frame's first such point, then on by stride.
+        for (std::uint64_t i = (stride - first % stride) % stride; i < size; i += stride) {
+            const Vec3f& p = frame->xyz[static_cast<std::size_t>(i)];
             if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
             for (int k = 0; k < 3; ++k) sample[k].push_back(static_cast<double>(p[k]));
         }
+        first += size;
+    }
     if (sample[0].empty()) return;
     // Within this distance of the origin a float position resolves a 64th of the finest cell (an eighth of
     // the resolution) or better, and the positions stay as given: the mesh of such a scan is unchanged.

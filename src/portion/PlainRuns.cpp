@@ -23,6 +23,22 @@ bool plainRunsAvailable() {
 
 namespace {
 
+// The positions of eight points (x, y, z after one another) as three vectors of x, y and z: six loads of
+// four and five shuffles, where a gather instruction a coordinate is slow on many processors.
+void loadEightPositions(const float* p, __m256 position[3]) {
+    __m256 m03 = _mm256_castps128_ps256(_mm_loadu_ps(p));
+    __m256 m14 = _mm256_castps128_ps256(_mm_loadu_ps(p + 4));
+    __m256 m25 = _mm256_castps128_ps256(_mm_loadu_ps(p + 8));
+    m03 = _mm256_insertf128_ps(m03, _mm_loadu_ps(p + 12), 1);  // x0 y0 z0 x1 | x4 y4 z4 x5
+    m14 = _mm256_insertf128_ps(m14, _mm_loadu_ps(p + 16), 1);  // y1 z1 x2 y2 | y5 z5 x6 y6
+    m25 = _mm256_insertf128_ps(m25, _mm_loadu_ps(p + 20), 1);  // z2 x3 y3 z3 | z6 x7 y7 z7
+    const __m256 xy = _mm256_shuffle_ps(m14, m25, _MM_SHUFFLE(2, 1, 3, 2));
+    const __m256 yz = _mm256_shuffle_ps(m03, m14, _MM_SHUFFLE(1, 0, 2, 1));
+    position[0] = _mm256_shuffle_ps(m03, xy, _MM_SHUFFLE(2, 0, 3, 0));
+    position[1] = _mm256_shuffle_ps(yz, xy, _MM_SHUFFLE(3, 1, 2, 0));
+    position[2] = _mm256_shuffle_ps(yz, m25, _MM_SHUFFLE(3, 0, 3, 1));
+}
+
 // The grid index of eight values as gridIndex makes it (q = value / cell, less one below zero, truncated),
 // and in `fits` the lanes whose q lies well within an int (NaN outside), where truncation is what the
 // saturating conversion gives.
@@ -48,13 +64,11 @@ std::size_t plainRunLength(const float* xyz, std::size_t i, std::size_t n, float
                            std::int32_t key[3]) {
     const __m256 res = _mm256_set1_ps(block_res), half_block = _mm256_set1_ps(block_res * 0.5f),
                  ext = _mm256_set1_ps(half_ext), zero = _mm256_setzero_ps();
-    const __m256i stride = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
     std::size_t at = i;
     __m256i own[3] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256()};
     for (; at + 8 <= n; at += 8) {
-        const float* p = xyz + 3 * at;
-        const __m256 position[3] = {_mm256_i32gather_ps(p, stride, 4), _mm256_i32gather_ps(p + 1, stride, 4),
-                                    _mm256_i32gather_ps(p + 2, stride, 4)};
+        __m256 position[3];
+        loadEightPositions(xyz + 3 * at, position);
         // A null point (all three zero) makes no record at all.
         __m256 bad = _mm256_and_ps(
             _mm256_and_ps(_mm256_cmp_ps(position[0], zero, _CMP_EQ_OQ), _mm256_cmp_ps(position[1], zero, _CMP_EQ_OQ)),
@@ -82,10 +96,8 @@ std::size_t plainRunLength(const float* xyz, std::size_t i, std::size_t n, float
 void describeEight(const float* xyz, std::size_t i, float block_res, float half_ext, EightBlocks& out) {
     const __m256 res = _mm256_set1_ps(block_res), half_block = _mm256_set1_ps(block_res * 0.5f),
                  ext = _mm256_set1_ps(half_ext), zero = _mm256_setzero_ps();
-    const __m256i stride = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
-    const float* p = xyz + 3 * i;
-    const __m256 position[3] = {_mm256_i32gather_ps(p, stride, 4), _mm256_i32gather_ps(p + 1, stride, 4),
-                                _mm256_i32gather_ps(p + 2, stride, 4)};
+    __m256 position[3];
+    loadEightPositions(xyz + 3 * i, position);
     const __m256 null = _mm256_and_ps(
         _mm256_and_ps(_mm256_cmp_ps(position[0], zero, _CMP_EQ_OQ), _mm256_cmp_ps(position[1], zero, _CMP_EQ_OQ)),
         _mm256_cmp_ps(position[2], zero, _CMP_EQ_OQ));
