@@ -295,13 +295,13 @@ std::int64_t partInTwo(RawPointWithHash* points, std::int64_t n, Low low) {
     return meet;
 }
 
-// Moves the points of a range into groups by the 11 highest bits in which their hashes differ (each
-// point swapped into its group's next place, as an in-place radix sort does), which puts the groups in
-// the order of their hashes, and appends the ranges of consecutive groups of up to `piece` points
-// together to `pieces`, and a larger group to `larger`. Without two differing hashes the range is one
-// piece, however large. With more than one core the range is first parted in two by groups, each part
-// about half of its points, as often as there are cores to give each part one; the parts then take their
-// groups' places each on a core of its own.
+// Moves the points of a range into groups (each point swapped into its group's next place, as an
+// in-place radix sort does): a group holds the points of consecutive values of the 16 highest bits in
+// which their hashes differ, up to `piece` points together, or those of one value alone where they are
+// more. That puts the groups in the order of their hashes; a group goes to `pieces`, or to `larger` where
+// it holds more than a piece. Without two differing hashes the range is one piece, however large. With more than one
+// core the range is first parted in two by groups, each part about half of its points, as often as there are cores to
+// give each part one; the parts then take their groups' places each on a core of its own.
 void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<PointRange>& pieces,
                    std::vector<PointRange>& larger) {
     RawPointWithHash* points = range.points;
@@ -314,25 +314,41 @@ void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<Poin
         pieces.push_back(range);
         return;
     }
-    constexpr int GROUP_BITS = 11;
-    constexpr std::uint32_t GROUPS = 1u << GROUP_BITS;
+    // The points' fine groups, by the 16 highest bits in which their hashes differ, counted on all cores;
+    // then groups of consecutive fine groups of up to `piece` points together (a fine group of more on its
+    // own), each group a piece already, or a range cut again.
+    constexpr int FINE_BITS = 16;
+    constexpr std::uint32_t FINE = 1u << FINE_BITS;
     const int top = 31 - __builtin_clz(differ);
-    const int shift = top >= GROUP_BITS - 1 ? top - (GROUP_BITS - 1) : 0;
-    const auto group = [shift](const RawPointWithHash& p) {
-        return (static_cast<std::uint32_t>(p.hash) >> shift) & (GROUPS - 1);
+    const int shift = top >= FINE_BITS - 1 ? top - (FINE_BITS - 1) : 0;
+    const auto fine = [shift](const RawPointWithHash& p) {
+        return (static_cast<std::uint32_t>(p.hash) >> shift) & (FINE - 1);
     };
-    std::vector<std::int64_t> start(GROUPS + 1, 0);
+    std::vector<std::int64_t> fine_count(FINE, 0);
     // Each thread's counts, allocated before the team: nothing within it can fail.
-    std::vector<std::int64_t> counts(static_cast<std::size_t>(omp_get_max_threads()) * GROUPS, 0);
+    std::vector<std::int64_t> counts(static_cast<std::size_t>(omp_get_max_threads()) * FINE, 0);
 #pragma omp parallel
     {
-        std::int64_t* mine = counts.data() + static_cast<std::size_t>(omp_get_thread_num()) * GROUPS;
+        std::int64_t* mine = counts.data() + static_cast<std::size_t>(omp_get_thread_num()) * FINE;
 #pragma omp for schedule(static) nowait
-        for (std::int64_t i = 0; i < n; ++i) ++mine[group(points[i])];
+        for (std::int64_t i = 0; i < n; ++i) ++mine[fine(points[i])];
 #pragma omp critical
-        for (std::uint32_t g = 0; g < GROUPS; ++g) start[g + 1] += mine[g];
+        for (std::uint32_t f = 0; f < FINE; ++f) fine_count[f] += mine[f];
     }
-    for (std::uint32_t g = 0; g < GROUPS; ++g) start[g + 1] += start[g];
+    std::vector<std::uint16_t> group_of(FINE);
+    std::vector<std::int64_t> start{0};
+    std::int64_t held = 0;  // the points of the group being filled
+    for (std::uint32_t f = 0; f < FINE; ++f) {
+        if (held > 0 && held + fine_count[f] > piece) {
+            start.push_back(start.back() + held);
+            held = 0;
+        }
+        group_of[f] = static_cast<std::uint16_t>(start.size() - 1);
+        held += fine_count[f];
+    }
+    start.push_back(start.back() + held);
+    const std::uint32_t GROUPS = static_cast<std::uint32_t>(start.size() - 1);
+    const auto group = [&](const RawPointWithHash& p) { return static_cast<std::uint32_t>(group_of[fine(p)]); };
     // Parts of whole groups [first, last): the part with the most points is cut at the group boundary
     // nearest its middle while there are more cores than parts.
     std::vector<std::pair<std::uint32_t, std::uint32_t>> parts{{0, GROUPS}};
@@ -376,16 +392,13 @@ void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<Poin
             }
         }
     }
-    for (std::uint32_t g = 0; g < GROUPS;) {
-        std::uint32_t end = g + 1;
-        while (end < GROUPS && start[end + 1] - start[g] <= piece) ++end;
-        const PointRange part{points + start[g], start[end] - start[g]};
+    for (std::uint32_t g = 0; g < GROUPS; ++g) {
+        const PointRange part{points + start[g], start[g + 1] - start[g]};
         if (part.count > piece) {
-            larger.push_back(part);  // one group: its hashes differ only below `shift`
+            larger.push_back(part);  // one fine group: its hashes differ only below `shift`
         } else if (part.count > 0) {
             pieces.push_back(part);
         }
-        g = end;
     }
 }
 

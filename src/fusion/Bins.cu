@@ -92,19 +92,21 @@ struct GetBinsScaleKernel {
         const float half = bin_size * 0.5f;
         const float corner[3] = {bin.center[0] - half, bin.center[1] - half, bin.center[2] - half};
         const float inv = 1.0f / (bin_size * 0.125f);
-        bin.point_count = 0;
-        bin.bin_sub_scale = 8;
-        bin.bin_flags = 0;
-        bin.word_high = 0;
+        // The bin's sums in locals, written once at the end: stores through the header a point would each
+        // wait on the one before.
+        std::int32_t count = 0;
+        std::int8_t scale = 8;
+        std::uint32_t flags = 0, high = 0;
+        std::uint64_t occupancy[8];
+        for (int k = 0; k < 8; ++k) occupancy[k] = bin.occupancy[k];
         std::int64_t j = bin.point_offset - points_offset;
         const std::int32_t h = points[j].hash;
         for (; j < points_size && points[j].hash == h; ++j) {
             const RawPointWithHash& p = points[j];
-            bin.point_count += 1;
-            bin.bin_flags = static_cast<std::uint8_t>(bin.bin_flags | ((p.w >> 8) & 255));
-            bin.word_high =
-                static_cast<std::uint16_t>(bin.word_high | ((static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu));
-            bin.bin_sub_scale = combineScale(bin.bin_sub_scale, static_cast<std::int8_t>(p.w & 255));
+            count += 1;
+            flags |= (p.w >> 8) & 255;
+            high |= (static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu;
+            scale = combineScale(scale, static_cast<std::int8_t>(p.w & 255));
             const float position[3] = {p.x, p.y, p.z};
             // The sub-cell on each axis, truncated and held to 0..7 (a NaN to 0), its three bits spread into
             // the code as mortonEncode places them.
@@ -114,8 +116,13 @@ struct GetBinsScaleKernel {
                 const std::uint32_t cell = v >= 7.0f ? 7u : (v > 0.0f ? static_cast<std::uint32_t>(v) : 0u);
                 code |= ((cell & 1u) | ((cell & 2u) << 2) | ((cell & 4u) << 4)) << k;
             }
-            bin.occupancy[code / 64] |= 1ull << (code % 64);
+            occupancy[code / 64] |= 1ull << (code % 64);
         }
+        bin.point_count = count;
+        bin.bin_sub_scale = scale;
+        bin.bin_flags = static_cast<std::uint8_t>(flags);
+        bin.word_high = static_cast<std::uint16_t>(high);
+        for (int k = 0; k < 8; ++k) bin.occupancy[k] = occupancy[k];
     }
 };
 
