@@ -28,9 +28,11 @@ void radixPairsByHash(const RawPointWithHash* points, std::int64_t n, PointSortB
     // Every element of the arrays is written before it is read: they are sized, not cleared.
     UninitialisedArray<std::uint64_t>& pairs = buffers.pairs;
     UninitialisedArray<std::uint64_t>& other = buffers.other;
-    releasePagesBeyond(pairs, static_cast<std::size_t>(n));  // what a larger block took before
-    releasePagesBeyond(other, static_cast<std::size_t>(n));
-    releasePagesBeyond(buffers.sorted, static_cast<std::size_t>(n));
+    if (!buffers.of_a_piece) {  // what a larger block took before
+        releasePagesBeyond(pairs, static_cast<std::size_t>(n));
+        releasePagesBeyond(other, static_cast<std::size_t>(n));
+        releasePagesBeyond(buffers.sorted, static_cast<std::size_t>(n));
+    }
     pairs.clear();
     pairs.resize(static_cast<std::size_t>(n));
     other.clear();
@@ -405,7 +407,7 @@ void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<Poin
 // The full order of an array larger than a piece, where it lies: cut into pieces of consecutive hash
 // groups, each piece then sorted through a thread's own buffers of its size, the pieces on all cores.
 // The buffers hold a piece a thread, not a copy of the array.
-void sortWherePointsLie(RawPointWithHash* points, std::int64_t n, std::int64_t piece) {
+void sortWherePointsLie(RawPointWithHash* points, std::int64_t n, std::int64_t piece, PointSortBuffers& owner) {
     std::vector<PointRange> pieces, larger{{points, n}};
     while (!larger.empty()) {
         const PointRange range = larger.back();
@@ -417,10 +419,13 @@ void sortWherePointsLie(RawPointWithHash* points, std::int64_t n, std::int64_t p
     // piece's passes) is kept and thrown once the team has ended.
     TeamFailure failure;
     const std::atomic<bool>* stop = runStopFlag();
-#pragma omp parallel
+    const int threads = omp_get_max_threads();
+    if (owner.pieces.size() < static_cast<std::size_t>(threads)) owner.pieces.resize(static_cast<std::size_t>(threads));
+    for (PointSortBuffers& buffers : owner.pieces) buffers.of_a_piece = true;
+#pragma omp parallel num_threads(threads)
     {
         // Inside this team the sort of a piece runs on its thread alone.
-        PointSortBuffers buffers;
+        PointSortBuffers& buffers = owner.pieces[static_cast<std::size_t>(omp_get_thread_num())];
 #pragma omp for schedule(dynamic, 1)
         for (std::int64_t i = 0; i < count; ++i) {
             if (stopAsked(stop) || failure.failed()) continue;  // the run stops after the team
@@ -448,7 +453,7 @@ void sortPointsFullyOnHost(PointList& points, PointSortBuffers& buffers, std::in
     const std::int64_t n = static_cast<std::int64_t>(points.size());
     if (n <= 1) return;
     if (n > piece_points) {
-        sortWherePointsLie(points.data(), n, piece_points);
+        sortWherePointsLie(points.data(), n, piece_points, buffers);
         return;
     }
     sortFully(points.data(), n, buffers);

@@ -23,10 +23,15 @@ void sortPointsByHashStable(RawPointWithHash* points, std::int64_t n);
 struct PointSortBuffers {
     UninitialisedArray<std::uint64_t> pairs, other;  // (hash, index) pairs of the radix sort
     PointList sorted;                                // the sorted copy
+    // Those of each thread for the pieces of a larger array, kept too. They hold a piece at most, and keep
+    // their pages from one piece to the next.
+    std::vector<PointSortBuffers> pieces;
+    bool of_a_piece = false;
     void release() {
         UninitialisedArray<std::uint64_t>().swap(pairs);
         UninitialisedArray<std::uint64_t>().swap(other);
         PointList().swap(sorted);
+        std::vector<PointSortBuffers>().swap(pieces);
     }
 };
 
