@@ -568,6 +568,36 @@ TEST_F(CellsTest, CellsOfALargeBlockHoldTheBinsAroundThem) {
     }
 }
 
+TEST_F(CellsTest, LevelRulesGiveTheSameCodesWithTheKeyBitmapAndTheHashTable) {
+    // With the bitmap of keys the level rules pass over bins whose neighbourhood holds no bin of another
+    // code; with the hash table (a far bin makes the bitmap too large) they look at every neighbour. A dense
+    // slab of default bins with a few wishes of every kind, some two keys from their nearest default bin
+    // across a brick's face, must end with the same codes both ways, and some of them changed.
+    std::mt19937 rng(5);
+    std::uniform_int_distribution<int> wish(0, 999);
+    const int wishes[5] = {2, 4, 16, 32, 64};
+    std::vector<BinsHeader> slab;
+    for (int x = 30; x < 90; ++x)
+        for (int y = 30; y < 90; ++y)
+            for (int z = 40; z < 43; ++z) {
+                const int w = wish(rng);
+                slab.push_back(bin(x, y, z, w < 1 ? wishes[(x + y) % 5] : 8, 1, static_cast<int>(slab.size())));
+            }
+    std::vector<BinsHeader> with_bitmap = slab, with_table = slab;
+    with_table.push_back(bin(4000000, 30, 40, 8, 1, static_cast<int>(slab.size())));
+    ASSERT_EQ(TestAccess::prepareSimpleHash(stage, with_bitmap), 0);
+    ASSERT_EQ(TestAccess::rectifyBinLevels(stage, with_bitmap), 0);
+    ASSERT_EQ(TestAccess::prepareSimpleHash(stage, with_table), 0);
+    ASSERT_EQ(TestAccess::rectifyBinLevels(stage, with_table), 0);
+    int changed = 0;
+    for (std::size_t i = 0; i < slab.size(); ++i) {
+        ASSERT_EQ(with_bitmap[i].bin_sub_scale, with_table[i].bin_sub_scale) << "bin " << i;
+        changed += with_bitmap[i].bin_sub_scale != slab[i].bin_sub_scale ? 1 : 0;
+    }
+    EXPECT_GT(changed, 100);
+    EXPECT_LT(changed, static_cast<int>(slab.size()) / 2);  // the default bins far from every wish kept theirs
+}
+
 TEST_F(CellsTest, ScaleCodeZeroIsReportedAndCountsAsEight) {
     std::shared_ptr<CellNodeAndRelations> result;
     EXPECT_EQ(quiet([&] { result = cells({bin(60, 60, 60, 0, 2, 0)}); }),
