@@ -51,6 +51,12 @@ struct TestAccess {
                             std::vector<BinsHeader>& bins) {
         return m.generateBins(block, logic, bins);
     }
+    static void binsByKernels(MarchingCubes& m, const PointList& points, std::vector<BinsHeader>& bins) {
+        m.binsOfSortedPointsByKernels(points.data(), static_cast<std::int64_t>(points.size()), 0, bins);
+    }
+    static void binsOnHost(MarchingCubes& m, const PointList& points, std::vector<BinsHeader>& bins) {
+        m.binsOfSortedPointsOnHost(points.data(), static_cast<std::int64_t>(points.size()), 0, bins);
+    }
     static int prepareSimpleHash(MarchingCubes& m, const std::vector<BinsHeader>& bins) {
         return m.prepareSimpleHash(bins);
     }

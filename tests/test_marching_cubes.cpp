@@ -359,6 +359,31 @@ TEST(PointSorts, LargeArraysPartedAmongCoresComeOutInTheFullOrder) {
     omp_set_num_threads(threads);
 }
 
+TEST_F(BinsTest, HostWalkGivesTheBinsOfTheKernels) {
+    // The bins of a block's sorted points, by the kernels (a counter hands out their places, then each bin's
+    // run is walked) and by the host's one walk on all cores, whose shares begin at runs: the same bins byte
+    // for byte once in point order, for any team, with wishes, flags and runs across every share's edge.
+    auto b = block(randomPoints(30000, 11));
+    const std::vector<BinsHeader> expected = bins(stage, b);  // also leaves the block's points sorted
+    ASSERT_GT(expected.size(), 1000u);
+    std::vector<BinsHeader> by_kernels;
+    TestAccess::binsByKernels(stage, *b->points, by_kernels);
+    std::sort(by_kernels.begin(), by_kernels.end(),
+              [](const BinsHeader& x, const BinsHeader& y) { return x.point_offset < y.point_offset; });
+    ASSERT_EQ(by_kernels.size(), expected.size());
+    EXPECT_EQ(std::memcmp(by_kernels.data(), expected.data(), expected.size() * sizeof(BinsHeader)), 0);
+    const int threads = omp_get_max_threads();
+    for (const int team : {1, 3, 7}) {
+        omp_set_num_threads(team);
+        std::vector<BinsHeader> on_host;
+        TestAccess::binsOnHost(stage, *b->points, on_host);
+        ASSERT_EQ(on_host.size(), by_kernels.size()) << team << " threads";
+        EXPECT_EQ(std::memcmp(on_host.data(), by_kernels.data(), by_kernels.size() * sizeof(BinsHeader)), 0)
+            << team << " threads";
+    }
+    omp_set_num_threads(threads);
+}
+
 TEST_F(BinsTest, ChunkedPathGivesTheSameBinsAsTheWholeBlock) {
     // A stage has room for max_points + 1: a block of many more goes in chunks, and so does one of exactly
     // the capacity.

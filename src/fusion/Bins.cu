@@ -56,26 +56,10 @@ struct GetBinsCenterKernel {
             TESSA_KERNEL_REPORT("bins_id >= MC_MAX_BINS_HEADER %d \n", id);
             return;
         }
-        std::uint32_t c[3];
-        mortonDecode(static_cast<std::uint32_t>(points[i].hash), c[0], c[1], c[2]);
-        BinsHeader& bin = bins_header[id];
-        for (int k = 0; k < 3; ++k)
-            bin.center[k] = fmaf(0.5f, bin_size, fmaf(static_cast<float>(c[k]), bin_size, logic_coordinate[k]));
-        bin.point_offset = static_cast<std::int32_t>(i) + points_offset;
-        bin.point_count = 0;
-        bin.bin_sub_scale = 0;
-        bin.bin_flags = 0;
-        bin.word_high = 0;
-        for (int w = 0; w < 8; ++w) bin.occupancy[w] = 0;
+        startBinOfRun(points[i].hash, static_cast<std::int32_t>(i) + points_offset, logic_coordinate, bin_size,
+                      bins_header[id]);
     }
 };
-
-// The wished scale: the default 8 gives way to any other wish, a wish is never replaced by 8, and among
-// other wishes the largest wins; a code of 0 is replaced by whatever comes next.
-TESSA_HD inline std::int8_t combineScale(std::int8_t s, std::int8_t p) {
-    if (s == 0 || (s == 8 && p != 8) || (s != 8 && p != 8 && p > s)) return p;
-    return s;
-}
 
 // One thread a bin walks its run: count, flags, scale and sub-cell occupancy.
 struct GetBinsScaleKernel {
@@ -89,40 +73,7 @@ struct GetBinsScaleKernel {
     TESSA_HD void operator()(std::size_t i) const {
         if (static_cast<std::int64_t>(i) >= bins_count) return;
         BinsHeader& bin = bins_header[i];
-        const float half = bin_size * 0.5f;
-        const float corner[3] = {bin.center[0] - half, bin.center[1] - half, bin.center[2] - half};
-        const float inv = 1.0f / (bin_size * 0.125f);
-        // The bin's sums in locals, written once at the end: stores through the header a point would each
-        // wait on the one before.
-        std::int32_t count = 0;
-        std::int8_t scale = 8;
-        std::uint32_t flags = 0, high = 0;
-        std::uint64_t occupancy[8];
-        for (int k = 0; k < 8; ++k) occupancy[k] = bin.occupancy[k];
-        std::int64_t j = bin.point_offset - points_offset;
-        const std::int32_t h = points[j].hash;
-        for (; j < points_size && points[j].hash == h; ++j) {
-            const RawPointWithHash& p = points[j];
-            count += 1;
-            flags |= (p.w >> 8) & 255;
-            high |= (static_cast<std::uint32_t>(p.w) >> 16) & 0xFFFFu;
-            scale = combineScale(scale, static_cast<std::int8_t>(p.w & 255));
-            const float position[3] = {p.x, p.y, p.z};
-            // The sub-cell on each axis, truncated and held to 0..7 (a NaN to 0), its three bits spread into
-            // the code as mortonEncode places them.
-            std::uint32_t code = 0;
-            for (int k = 0; k < 3; ++k) {
-                const float v = (position[k] - corner[k]) * inv;
-                const std::uint32_t cell = v >= 7.0f ? 7u : (v > 0.0f ? static_cast<std::uint32_t>(v) : 0u);
-                code |= ((cell & 1u) | ((cell & 2u) << 2) | ((cell & 4u) << 4)) << k;
-            }
-            occupancy[code / 64] |= 1ull << (code % 64);
-        }
-        bin.point_count = count;
-        bin.bin_sub_scale = scale;
-        bin.bin_flags = static_cast<std::uint8_t>(flags);
-        bin.word_high = static_cast<std::uint16_t>(high);
-        for (int k = 0; k < 8; ++k) bin.occupancy[k] = occupancy[k];
+        walkBinRun(points, bin.point_offset - points_offset, points_size, bin_size, bin);
     }
 };
 
@@ -187,6 +138,16 @@ int MarchingCubes::deInitDevice() {
 
 void MarchingCubes::binsOfSortedPoints(const RawPointWithHash* points_dev, std::int64_t count,
                                        std::int64_t points_offset, std::vector<BinsHeader>& bins_header) {
+    // Where the points lie in host memory and kernels round as the host does, the host walks them once.
+    if (deviceMemoryIsHostMemory() && KERNELS_COMPUTE_AS_HOST) {
+        binsOfSortedPointsOnHost(points_dev, count, points_offset, bins_header);
+        return;
+    }
+    binsOfSortedPointsByKernels(points_dev, count, points_offset, bins_header);
+}
+
+void MarchingCubes::binsOfSortedPointsByKernels(const RawPointWithHash* points_dev, std::int64_t count,
+                                                std::int64_t points_offset, std::vector<BinsHeader>& bins_header) {
     const float bin_size = m_resolution;
     // Count the runs first, so that the bin array never overflows: a block with more bins gets a
     // larger array and is not cut.

@@ -2,6 +2,7 @@
 // field store.
 #include "fusion/MarchingCubes.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <new>
 #include <parallel/algorithm>
@@ -170,6 +171,7 @@ void MarchingCubes::logicCoordinate(const PointCloudBlock& block, float out[3]) 
 int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, const float logic_coordinate[3],
                                 std::vector<BinsHeader>& bins_header) {
     bins_header.clear();
+    for (int k = 0; k < 3; ++k) m_logic_coordinate_host[k] = logic_coordinate[k];
     const std::uint64_t n = block->points->size();
     bool done = false;
     if (n < m_raw_points_capacity && !m_on_host) {
@@ -187,8 +189,9 @@ int MarchingCubes::generateBins(const std::shared_ptr<PointCloudBlock>& block, c
     }
     // Bin ids come from an atomic counter; the order of their points is the one that does not change
     // (the offsets differ, so the order is total and a parallel sort gives it too).
-    __gnu_parallel::sort(bins_header.begin(), bins_header.end(),
-                         [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; });
+    const auto by_offset = [](const BinsHeader& a, const BinsHeader& b) { return a.point_offset < b.point_offset; };
+    if (!std::is_sorted(bins_header.begin(), bins_header.end(), by_offset))
+        __gnu_parallel::sort(bins_header.begin(), bins_header.end(), by_offset);
     return 0;
 }
 

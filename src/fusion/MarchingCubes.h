@@ -201,6 +201,13 @@ private:
     // Bins of `count` points at `points` (block index `points_offset` onwards), appended to `bins_header`.
     void binsOfSortedPoints(const RawPointWithHash* points_dev, std::int64_t count, std::int64_t points_offset,
                             std::vector<BinsHeader>& bins_header);
+    // By the kernels: the runs counted, a bin for each run's first point, then each bin's run walked.
+    void binsOfSortedPointsByKernels(const RawPointWithHash* points_dev, std::int64_t count, std::int64_t points_offset,
+                                     std::vector<BinsHeader>& bins_header);
+    // On the host where the points lie in host memory, the bins in point order (BinsHost.cpp).
+    void binsOfSortedPointsOnHost(const RawPointWithHash* points, std::int64_t count, std::int64_t points_offset,
+                                  std::vector<BinsHeader>& bins_header);
+    float m_logic_coordinate_host[3] = {0.0f, 0.0f, 0.0f};  // the block's, as the kernels read it
 };
 
 }  // namespace SurfaceReconstruction
