@@ -244,20 +244,22 @@ template <class Low>
 std::int64_t partInTwo(RawPointWithHash* points, std::int64_t n, Low low) {
     const int threads = omp_get_max_threads();
     std::vector<std::int64_t> low_count(static_cast<std::size_t>(threads), 0);
+    int team = 1;  // the stripes: as many as the team has threads, which may be fewer than asked
 #pragma omp parallel num_threads(threads)
     {
-        const int t = omp_get_thread_num(), team = omp_get_num_threads();
-        RawPointWithHash* begin = points + n * t / team;
-        RawPointWithHash* end = points + n * (t + 1) / team;
+        const int t = omp_get_thread_num(), size = omp_get_num_threads();
+#pragma omp single
+        team = size;
+        RawPointWithHash* begin = points + n * t / size;
+        RawPointWithHash* end = points + n * (t + 1) / size;
         low_count[static_cast<std::size_t>(t)] = std::partition(begin, end, low) - begin;
     }
     // The segments out of place: the back points in front of the meeting place, the front points after it.
-    const std::int64_t meet = std::accumulate(low_count.begin(), low_count.end(), std::int64_t{0});
+    const std::int64_t meet = std::accumulate(low_count.begin(), low_count.begin() + team, std::int64_t{0});
     struct Segment {
         std::int64_t from, to;
     };
     std::vector<Segment> backs, fronts;  // in address order
-    const int team = static_cast<int>(low_count.size());
     for (int t = 0; t < team; ++t) {
         const std::int64_t begin = n * t / team, end = n * (t + 1) / team;
         const std::int64_t split = begin + low_count[static_cast<std::size_t>(t)];
@@ -301,9 +303,10 @@ std::int64_t partInTwo(RawPointWithHash* points, std::int64_t n, Low low) {
 // in-place radix sort does): a group holds the points of consecutive values of the 16 highest bits in
 // which their hashes differ, up to `piece` points together, or those of one value alone where they are
 // more. That puts the groups in the order of their hashes; a group goes to `pieces`, or to `larger` where
-// it holds more than a piece. Without two differing hashes the range is one piece, however large. With more than one
-// core the range is first parted in two by groups, each part about half of its points, as often as there are cores to
-// give each part one; the parts then take their groups' places each on a core of its own.
+// it holds more than a piece. Without two differing hashes the range is one piece, however large. With
+// more than one core the range is first parted in two by groups, each part about half of its points, as
+// often as there are cores to give each part one; the parts then take their groups' places each on a
+// core of its own.
 void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<PointRange>& pieces,
                    std::vector<PointRange>& larger) {
     RawPointWithHash* points = range.points;
@@ -327,11 +330,12 @@ void cutIntoPieces(const PointRange& range, std::int64_t piece, std::vector<Poin
         return (static_cast<std::uint32_t>(p.hash) >> shift) & (FINE - 1);
     };
     std::vector<std::int64_t> fine_count(FINE, 0);
-    // Each thread's counts, allocated before the team: nothing within it can fail.
-    std::vector<std::int64_t> counts(static_cast<std::size_t>(omp_get_max_threads()) * FINE, 0);
+    // Each thread's counts, allocated before the team: nothing within it can fail. A block's points have
+    // 32-bit places, so a thread's count fits 32 bits.
+    std::vector<std::uint32_t> counts(static_cast<std::size_t>(omp_get_max_threads()) * FINE, 0);
 #pragma omp parallel
     {
-        std::int64_t* mine = counts.data() + static_cast<std::size_t>(omp_get_thread_num()) * FINE;
+        std::uint32_t* mine = counts.data() + static_cast<std::size_t>(omp_get_thread_num()) * FINE;
 #pragma omp for schedule(static) nowait
         for (std::int64_t i = 0; i < n; ++i) ++mine[fine(points[i])];
 #pragma omp critical
