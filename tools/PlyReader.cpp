@@ -43,11 +43,17 @@ bool propertyType(const std::string& type, int& size, char& kind) {
 }
 
 double decode(const char* bytes, int size, char kind, bool big_endian) {
-    unsigned char b[8];
+    unsigned char b[8] = {};
     if (big_endian) {
         for (int i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(bytes[size - 1 - i]);
+    } else if (size == 4) {  // the common case, a copy of a known size (no call a value)
+        std::memcpy(b, bytes, 4);
+    } else if (size == 8) {
+        std::memcpy(b, bytes, 8);
+    } else if (size == 2) {
+        std::memcpy(b, bytes, 2);
     } else {
-        std::memcpy(b, bytes, static_cast<std::size_t>(size));
+        b[0] = static_cast<unsigned char>(bytes[0]);
     }
     switch (size) {
         case 1:
