@@ -51,8 +51,9 @@ struct TestAccess {
                             std::vector<BinsHeader>& bins) {
         return m.generateBins(block, logic, bins);
     }
-    static void binsByKernels(MarchingCubes& m, const PointList& points, std::vector<BinsHeader>& bins) {
-        m.binsOfSortedPointsByKernels(points.data(), static_cast<std::int64_t>(points.size()), 0, bins);
+    static void binsByKernels(MarchingCubes& m, const RawPointWithHash* points_dev, std::int64_t count,
+                              std::vector<BinsHeader>& bins) {
+        m.binsOfSortedPointsByKernels(points_dev, count, 0, bins);
     }
     static void binsOnHost(MarchingCubes& m, const PointList& points, std::vector<BinsHeader>& bins) {
         m.binsOfSortedPointsOnHost(points.data(), static_cast<std::int64_t>(points.size()), 0, bins);

@@ -366,8 +366,13 @@ TEST_F(BinsTest, HostWalkGivesTheBinsOfTheKernels) {
     auto b = block(randomPoints(30000, 11));
     const std::vector<BinsHeader> expected = bins(stage, b);  // also leaves the block's points sorted
     ASSERT_GT(expected.size(), 1000u);
+    // The kernels read the points from device memory (in the guarded build host memory is refused them).
+    const std::size_t bytes = b->points->size() * sizeof(RawPointWithHash);
+    ScopedDeviceBuffer<RawPointWithHash> points_dev;
+    ASSERT_EQ(deviceMalloc(&points_dev.ptr(), bytes), DEVICE_SUCCESS);
+    ASSERT_EQ(deviceMemcpy(points_dev.ptr(), b->points->data(), bytes, CopyKind::HostToDevice), DEVICE_SUCCESS);
     std::vector<BinsHeader> by_kernels;
-    TestAccess::binsByKernels(stage, *b->points, by_kernels);
+    TestAccess::binsByKernels(stage, points_dev.ptr(), static_cast<std::int64_t>(b->points->size()), by_kernels);
     std::sort(by_kernels.begin(), by_kernels.end(),
               [](const BinsHeader& x, const BinsHeader& y) { return x.point_offset < y.point_offset; });
     ASSERT_EQ(by_kernels.size(), expected.size());
