@@ -1194,6 +1194,10 @@ int estimate(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, Poin
         const Piece& piece = pieces[p];
         std::size_t u = first_usable[p];
         std::size_t next = (u + step - 1) / step * step;
+        if (piece.usable == piece.count) {  // every point usable: the sampled ones are found without a walk
+            for (; next < first_usable[p + 1]; next += step) thinned[next / step] = piece.xyz[next - u];
+            continue;
+        }
         for (std::size_t i = 0; i < piece.count && next < first_usable[p + 1]; ++i) {
             if (!usableIn(piece, i)) continue;
             if (u++ == next) {

@@ -76,6 +76,9 @@ struct TestAccess {
     }
     static bool onHost(const MarchingCubes& m) { return m.m_on_host; }
     static void keepLastCells(MarchingCubes& m, bool keep) { m.m_keep_last_cells = keep; }
+    static void keepRelationPagesUpTo(MarchingCubes& m, std::size_t bytes) {
+        m.m_cell_buffers.kept_relation_bytes = bytes;
+    }
     static const std::shared_ptr<CellNodeAndRelations>& lastCells(const MarchingCubes& m) { return m.m_last_cells; }
 };
 

@@ -560,9 +560,10 @@ TEST_F(CellsTest, OneScaleBlockMetAgainMakesTheRecordsOfTheBinOrderWalk) {
 }
 
 TEST_F(CellsTest, CellsOfALargeBlockHoldTheBinsAroundThem) {
-    // Two slabs of bins, 148,840 cells and 2.3 million relations: the threads' lists are
-    // copied slice by slice of records and give back their pages behind the copy. Every cell must hold
-    // the bins of the 3 x 3 x 3 keys around it, x then y then z (16 points a bin: no search is widened).
+    // Two slabs of bins, 148,840 cells and 2.3 million relations: the threads' lists are copied in one go
+    // and keep their pages, or (as with more relations) slice by slice of records, giving back their pages
+    // behind the copy. Every cell must hold the bins of the 3 x 3 x 3 keys around it, x then y then z (16
+    // points a bin: no search is widened).
     std::map<std::tuple<int, int, int>, RelationCell2Bins_Device> at_key;
     std::vector<BinsHeader> bins;
     int offset = 0;
@@ -573,8 +574,12 @@ TEST_F(CellsTest, CellsOfALargeBlockHoldTheBinsAroundThem) {
                 at_key[{x, y, z}] = {offset, 16};
                 offset += 16;
             }
-    for (const int threads : {1, manyThreads()}) {
+    for (const auto& [threads, kept_bytes] : {std::pair<int, std::size_t>{1, 0},
+                                              {manyThreads(), 0},
+                                              {1, std::size_t{1} << 30},
+                                              {manyThreads(), std::size_t{1} << 30}}) {
         setUpStage(stage, 1000);  // a fresh octree
+        TestAccess::keepRelationPagesUpTo(stage, kept_bytes);
         const auto result = withThreads(threads, [&] { return cells(bins); });
         // Keys 3 to 124 across, 19 to 23 and 59 to 63 up; a bin reaches the cells within one key of it.
         ASSERT_EQ(result->cell_node_size.load(), 2 * 122 * 122 * 5);
@@ -586,14 +591,15 @@ TEST_F(CellsTest, CellsOfALargeBlockHoldTheBinsAroundThem) {
                 const auto it = at_key.find({x + d / 9 - 1, y + d / 3 % 3 - 1, z + d % 3 - 1});
                 if (it != at_key.end()) expected.push_back(it->second);
             }
-            ASSERT_EQ(record.relation_count, static_cast<std::int32_t>(expected.size())) << threads << " threads";
+            ASSERT_EQ(record.relation_count, static_cast<std::int32_t>(expected.size()))
+                << threads << " threads, pages kept up to " << kept_bytes;
             EXPECT_EQ(record.point_count, 16 * record.relation_count);
             EXPECT_EQ(record.rules & CELL_WIDENED_SEARCH, 0u);
             ASSERT_TRUE(std::equal(expected.begin(), expected.end(), result->relations.begin() + record.relation_offset,
                                    [](const RelationCell2Bins_Device& a, const RelationCell2Bins_Device& b) {
                                        return a.offset == b.offset && a.count == b.count;
                                    }))
-                << threads << " threads, cell at " << x << " " << y << " " << z;
+                << threads << " threads, pages kept up to " << kept_bytes << ", cell at " << x << " " << y << " " << z;
         }
     }
 }

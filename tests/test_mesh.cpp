@@ -748,6 +748,25 @@ TEST(Spacing, TheEstimateThinsAnEvenSamplingAndIsTheMeasureWhenNothingIsThinned)
     EXPECT_EQ(whole.density, exact.density);
     EXPECT_EQ(whole.measured, exact.measured);
     EXPECT_EQ(estimatePointSpacing({frame}, whole, 0), 1);
+
+    // Points that cannot be used (no normal, no position) are passed over as if they were not there: the
+    // sample is every 9th usable point, whether a frame holds such points or not.
+    std::vector<Vec3f> head(points.begin(), points.begin() + 40000), tail_xyz, tail_nor;
+    for (std::size_t i = 40000; i < points.size(); ++i) {
+        if (i % 37 == 0) {
+            tail_xyz.push_back(i % 2 ? Vec3f{1, 2, 3} : Vec3f{NAN, 2, 3});
+            tail_nor.push_back(i % 2 ? Vec3f{0, 0, 0} : Vec3f{0, 0, 1});
+        }
+        tail_xyz.push_back(points[i]);
+        tail_nor.push_back({0, 0, 1});
+    }
+    PointSpacing clean, holed;
+    ASSERT_EQ(estimatePointSpacing({frameOf(head), frameOf({points.begin() + 40000, points.end()})}, clean, 10000), 0);
+    ASSERT_EQ(estimatePointSpacing({frameOf(head), frameOf(tail_xyz, tail_nor)}, holed, 10000), 0);
+    EXPECT_EQ(holed.points, 90000u);
+    EXPECT_EQ(holed.measured, clean.measured);
+    EXPECT_EQ(holed.density, clean.density);
+    EXPECT_EQ(clean.density, estimated.density);  // the frames' cut changes nothing either
 }
 
 TEST(Spacing, ASquareLatticeGivesItsStepAndTheEvenSpacingOfItsDensity) {

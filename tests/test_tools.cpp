@@ -164,6 +164,59 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
     EXPECT_EQ(wrong, 0u);
 }
 
+TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
+    // Whole numbers take a short way through the parser: every token must still give strtod's bits, in the
+    // scalar records and in a list record, and a token that only starts like a number is refused.
+    const std::vector<std::string> tokens = {"0",
+                                             "-0",
+                                             "+7",
+                                             "007",
+                                             "-123456789012345",
+                                             "999999999999999",
+                                             "1234567890123456",
+                                             "9007199254740993",
+                                             "18446744073709551617",
+                                             "1.5",
+                                             "-2e3",
+                                             "1e400",
+                                             "-1e-400",
+                                             ".5",
+                                             "5."};
+    std::string body;
+    for (const std::string& token : tokens) body += token + "\n";
+    const std::string list = "3 -0 42 0000000000000000001\n";
+    const std::string path =
+        writeFile("numbers.ply", "ply\nformat ascii 1.0\nelement value " + std::to_string(tokens.size()) +
+                                     "\nproperty double v\nelement row 1\n"
+                                     "property list uchar int i\nend_header\n" +
+                                     body + list);
+    tessaline_tools::PlyReader ply(path);
+    std::vector<double> read(tokens.size());
+    ply.readScalars(*ply.find("value"), {0},
+                    [&](long i, const double* v) { read[static_cast<std::size_t>(i)] = v[0]; });
+    for (std::size_t i = 0; i < tokens.size(); ++i) {
+        const double expected = std::strtod(tokens[i].c_str(), nullptr);
+        EXPECT_EQ(std::memcmp(&read[i], &expected, sizeof(double)), 0) << tokens[i] << " read as " << read[i];
+    }
+    std::vector<double> row;
+    ply.readRecords(*ply.find("row"), [&](long, const tessaline_tools::PlyRecord& r) { row = r.lists[0]; });
+    ASSERT_EQ(row.size(), 3u);
+    EXPECT_TRUE(std::signbit(row[0]) && row[0] == 0.0);
+    EXPECT_EQ(row[1], 42.0);
+    EXPECT_EQ(row[2], 1.0);
+    for (const char* bad : {"12a", "-", "1-2", "+-3", "0x10"}) {
+        const std::string bad_path = writeFile("bad_number.ply",
+                                               "ply\nformat ascii 1.0\nelement value 1\n"
+                                               "property double v\nend_header\n" +
+                                                   std::string(bad) + "\n");
+        const std::string error = errorOf([&] {
+            tessaline_tools::PlyReader bad_ply(bad_path);
+            bad_ply.readScalars(*bad_ply.find("value"), {0}, [](long, const double*) {});
+        });
+        EXPECT_TRUE(contains(error, "is not a number")) << bad << ": " << error;
+    }
+}
+
 TEST(PointCloudFiles, FramesWrittenAsOnePointListReadBackInOrder) {
     // 70,000 points in frames of different sizes (one empty): more than the writer's buffer holds, and
     // not a whole number of buffers, so the last part of the file is written after the loop.

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -196,26 +197,28 @@ void put(std::ofstream& out, const T& value) {
     out.write(reinterpret_cast<const char*>(&value), sizeof(T));
 }
 
-// Bytes gathered in memory and handed to the stream a megabyte at a time.
+// Bytes gathered in memory and handed to the stream a megabyte at a time; each value copied at its own
+// size.
 class ByteBuffer {
 public:
-    explicit ByteBuffer(std::ofstream& out) : m_out(out) { m_bytes.reserve(CAPACITY); }
+    explicit ByteBuffer(std::ofstream& out) : m_out(out), m_bytes(new char[CAPACITY]) {}
     ~ByteBuffer() { flush(); }
     template <class T>
     void put(const T& value) {
-        if (m_bytes.size() + sizeof(T) > CAPACITY) flush();
-        const char* bytes = reinterpret_cast<const char*>(&value);
-        m_bytes.insert(m_bytes.end(), bytes, bytes + sizeof(T));
+        if (m_size + sizeof(T) > CAPACITY) flush();
+        std::memcpy(m_bytes.get() + m_size, &value, sizeof(T));
+        m_size += sizeof(T);
     }
     void flush() {
-        m_out.write(m_bytes.data(), static_cast<std::streamsize>(m_bytes.size()));
-        m_bytes.clear();
+        m_out.write(m_bytes.get(), static_cast<std::streamsize>(m_size));
+        m_size = 0;
     }
 
 private:
     static constexpr std::size_t CAPACITY = std::size_t(1) << 20;
     std::ofstream& m_out;
-    std::vector<char> m_bytes;
+    std::unique_ptr<char[]> m_bytes;
+    std::size_t m_size = 0;
 };
 
 void writeBinaryPly(std::ofstream& out, const IndexedMesh& mesh, const Origin* origin) {

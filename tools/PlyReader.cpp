@@ -427,7 +427,21 @@ const char* number(const char* p, double& value) {
     p = skipSpaces(p);
     const char* end = p;
     while (*end != '\n' && !isSpace(*end)) ++end;
-    const char* start = *p == '+' ? p + 1 : p;  // as strtod takes it
+    const char* start = *p == '+' ? p + 1 : p;        // as strtod takes it
+    if (start != p && *start == '-') return nullptr;  // one sign at most
+    // Whole numbers of up to 15 digits (a range grid's counts and indices, faces' lists) are summed digit by
+    // digit: every one is a double exactly, the value from_chars gives.
+    const bool minus = *start == '-';
+    const char* digits = minus ? start + 1 : start;
+    if (end > digits && end - digits <= 15) {
+        std::uint64_t whole = 0;
+        const char* d = digits;
+        while (d < end && static_cast<unsigned>(*d - '0') < 10u) whole = whole * 10 + static_cast<unsigned>(*d++ - '0');
+        if (d == end) {
+            value = minus ? -static_cast<double>(whole) : static_cast<double>(whole);
+            return end;
+        }
+    }
     const std::from_chars_result r = std::from_chars(start, end, value);
     if (r.ec == std::errc::result_out_of_range && r.ptr == end) {
         // Beyond a double's range: as strtod gives it, infinity or zero with the sign.

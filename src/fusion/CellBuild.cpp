@@ -1211,19 +1211,22 @@ std::vector<std::int64_t> MarchingCubes::CellBuild::firstUses(std::int64_t n, st
     return first_use;
 }
 
-// The records are copied slice by slice, and after each slice every thread's list gives back the pages
-// that no later record copies from: the lists and the flat array are not both held in full.
+// The records are copied slice by slice. Where the relations are many, after each slice every thread's
+// list gives back the pages that no later record copies from: the lists and the flat array are not both
+// held in full. Few, they are copied in one go and the lists keep their pages for the next block.
 void MarchingCubes::CellBuild::copyRelations(std::int64_t n) {
     const UninitialisedArray<std::int64_t>& offsets = buffers.offsets;
     std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = buffers.lists;
     const std::size_t threads = lists.size();
-    const std::int64_t slices = (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
-    const std::vector<std::int64_t> first_use = firstUses(n, slices);
+    const bool keep = buffers.keepsRelationPages(flat->relations.size());
+    const std::int64_t slices = keep ? std::min<std::int64_t>(n, 1) : (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
+    const std::int64_t slice_records = keep ? n : FLATTEN_SLICE;
+    const std::vector<std::int64_t> first_use = keep ? std::vector<std::int64_t>() : firstUses(n, slices);
     std::vector<std::int64_t> released(threads, 0);
     for (std::int64_t slice = 0; slice < slices; ++slice) {
-        const std::int64_t end = std::min(n, (slice + 1) * FLATTEN_SLICE);
+        const std::int64_t end = std::min(n, (slice + 1) * slice_records);
 #pragma omp parallel for schedule(dynamic, 64)
-        for (std::int64_t i = slice * FLATTEN_SLICE; i < end; ++i) {
+        for (std::int64_t i = slice * slice_records; i < end; ++i) {
             const std::int64_t o = offsets[static_cast<std::size_t>(i)];
             const std::int64_t k = offsets[static_cast<std::size_t>(i) + 1] - o;
             if (k == 0) continue;
@@ -1238,7 +1241,7 @@ void MarchingCubes::CellBuild::copyRelations(std::int64_t n) {
             record.relation_offset = static_cast<std::int32_t>(o);
             record.relation_count = static_cast<std::int32_t>(k);
         }
-        for (std::size_t t = 0; t < threads; ++t) {
+        for (std::size_t t = 0; t < threads && !keep; ++t) {
             UninitialisedArray<RelationCell2Bins_Device>& list = lists[t];
             const std::int64_t upto = std::min(first_use[static_cast<std::size_t>(slice + 1) * threads + t],
                                                static_cast<std::int64_t>(list.size()));

@@ -141,10 +141,11 @@ int MarchingCubes::processBlock(const std::shared_ptr<PointCloudBlock>& block) {
     profiler.time_start("mc-step3");
     result = computeFields(block, *cells);
     if (result != 0) return result;
-    // The relations and the sheets' centres, which only the field passes read, give their pages back now
-    // (the arrays stay for the next block), so that the next block's cells and searches do not find them
-    // still held. The point columns stay: the next block, no larger, writes them again.
-    if (!m_keep_last_cells) releasePagesBeyond(cells->relations, 0);
+    // The relations (unless few) and the sheets' centres, which only the field passes read, give their pages
+    // back now (the arrays stay for the next block), so that the next block's cells and searches do not find
+    // them still held. The point columns stay: the next block, no larger, writes them again.
+    if (!m_keep_last_cells && !m_cell_buffers.keepsRelationPages(cells->relations.size()))
+        releasePagesBeyond(cells->relations, 0);
     releasePagesBeyond(m_cell_buffers.centres, 0);
     profiler.time_stop("mc-step3", true);
 

@@ -78,6 +78,13 @@ struct CellBuildBuffers {
     std::vector<UninitialisedArray<RelationCell2Bins_Device>> lists;  // the relations found, one list a thread
     UninitialisedArray<VoxelFieldCenter> centres;
     std::size_t last_points = 0;  // points of the block the arrays last served
+    // Relations of a block up to this many bytes keep their pages in the lists and the flat array from
+    // block to block: writing them into fresh pages again cost more than the copy. Larger ones give the
+    // lists' pages back as the flat copy goes, and the flat array's after the field passes.
+    std::size_t kept_relation_bytes = std::size_t{64} << 20;
+    bool keepsRelationPages(std::size_t relations) const {
+        return relations <= kept_relation_bytes / sizeof(RelationCell2Bins_Device);
+    }
     // Before a block of `points`: each array keeps the memory this block probably uses (its last use,
     // scaled by the points) and gives the rest back.
     void fitTo(std::size_t points);
