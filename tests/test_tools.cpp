@@ -217,6 +217,45 @@ TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
     }
 }
 
+TEST(PointCloudFiles, FourByteValuesReadTheSameInEitherByteOrderAndBesideOtherSizes) {
+    // Records of a float, an int, an unsigned int and a byte: little-endian values of four bytes take their
+    // own short way, the others the general decoder; both must give every value's bits.
+    const float floats[3] = {1.5e-3f, -7.25f, 3.4e38f};
+    const std::int32_t ints[3] = {-5, INT32_MIN, 123456789};
+    const std::uint32_t uints[3] = {4000000000u, 0u, 17u};
+    for (const bool big : {false, true}) {
+        const std::string path = tempPath(big ? "four_big.ply" : "four_little.ply");
+        {
+            std::ofstream out(path, std::ios::binary);
+            out << "ply\nformat " << (big ? "binary_big_endian" : "binary_little_endian") << " 1.0\n"
+                << "element vertex 3\nproperty float f\nproperty int i\nproperty uint u\nproperty uchar b\n"
+                << "end_header\n";
+            for (int r = 0; r < 3; ++r) {
+                put(out, floats[r], big);
+                put(out, ints[r], big);
+                put(out, uints[r], big);
+                out.put(static_cast<char>(200 + r));
+            }
+        }
+        for (const std::vector<int>& columns : {std::vector<int>{2, 0, 1}, std::vector<int>{2, 0, 1, 3}}) {
+            tessaline_tools::PlyReader ply(path);
+            std::vector<std::vector<double>> read(3);
+            ply.readScalars(*ply.find("vertex"), columns, [&](long r, const double* v) {
+                read[static_cast<std::size_t>(r)].assign(v, v + columns.size());
+            });
+            for (std::size_t r = 0; r < 3; ++r) {
+                ASSERT_EQ(read[r].size(), columns.size());
+                EXPECT_EQ(read[r][0], static_cast<double>(uints[r])) << big << " record " << r;
+                EXPECT_EQ(read[r][1], static_cast<double>(floats[r])) << big << " record " << r;
+                EXPECT_EQ(read[r][2], static_cast<double>(ints[r])) << big << " record " << r;
+                if (columns.size() == 4) {
+                    EXPECT_EQ(read[r][3], 200.0 + static_cast<double>(r));
+                }
+            }
+        }
+    }
+}
+
 TEST(PointCloudFiles, FramesWrittenAsOnePointListReadBackInOrder) {
     // 70,000 points in frames of different sizes (one empty): more than the writer's buffer holds, and
     // not a whole number of buffers, so the last part of the file is written after the loop.
