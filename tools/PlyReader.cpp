@@ -43,12 +43,11 @@ bool propertyType(const std::string& type, int& size, char& kind) {
 }
 
 double decode(const char* bytes, int size, char kind, bool big_endian) {
+    if (!big_endian && size == 4) return decodeFour(bytes, kind);  // the common case
     unsigned char b[8] = {};
     if (big_endian) {
         for (int i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(bytes[size - 1 - i]);
-    } else if (size == 4) {  // the common case, a copy of a known size (no call a value)
-        std::memcpy(b, bytes, 4);
-    } else if (size == 8) {
+    } else if (size == 8) {  // a copy of a known size (no call a value)
         std::memcpy(b, bytes, 8);
     } else if (size == 2) {
         std::memcpy(b, bytes, 2);

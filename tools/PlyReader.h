@@ -172,6 +172,17 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
         });
         return;
     }
+    // Little-endian values of four bytes (most binary point clouds: floats and a word), each read from its
+    // place without the general decoder's steps.
+    std::vector<std::pair<std::size_t, char>> four_at;
+    if (m_format == Format::BinaryLittle) {
+        for (const int c : columns) {
+            const PlyProperty& p = element.properties[static_cast<std::size_t>(c)];
+            if (p.size != 4) break;
+            four_at.emplace_back(p.offset, p.kind);
+        }
+        if (four_at.size() != columns.size()) four_at.clear();
+    }
     begin(element);
     Piece piece;
     while (nextPiece(element, piece) > 0) {
@@ -183,17 +194,6 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
         std::exception_ptr failure;
         // Each thread's values, allocated before the team: nothing there can fail but a record.
         std::vector<double> all_values(columns.size() * static_cast<std::size_t>(omp_get_max_threads()));
-        // Little-endian values of four bytes (most binary point clouds: floats and a word), each read from its
-        // place without the general decoder's steps.
-        std::vector<std::pair<std::size_t, char>> four_at;
-        if (m_format == Format::BinaryLittle) {
-            for (const int c : columns) {
-                const PlyProperty& p = element.properties[static_cast<std::size_t>(c)];
-                if (p.size != 4) break;
-                four_at.emplace_back(p.offset, p.kind);
-            }
-            if (four_at.size() != columns.size()) four_at.clear();
-        }
 #pragma omp parallel if (n >= 8192)
         {
             double* const values = all_values.data() + columns.size() * static_cast<std::size_t>(omp_get_thread_num());

@@ -1219,8 +1219,8 @@ void MarchingCubes::CellBuild::copyRelations(std::int64_t n) {
     std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = buffers.lists;
     const std::size_t threads = lists.size();
     const bool keep = buffers.keepsRelationPages(flat->relations.size());
-    const std::int64_t slices = keep ? std::min<std::int64_t>(n, 1) : (n + FLATTEN_SLICE - 1) / FLATTEN_SLICE;
-    const std::int64_t slice_records = keep ? n : FLATTEN_SLICE;
+    const std::int64_t slice_records = keep ? std::max<std::int64_t>(n, 1) : FLATTEN_SLICE;
+    const std::int64_t slices = (n + slice_records - 1) / slice_records;
     const std::vector<std::int64_t> first_use = keep ? std::vector<std::int64_t>() : firstUses(n, slices);
     std::vector<std::int64_t> released(threads, 0);
     for (std::int64_t slice = 0; slice < slices; ++slice) {
