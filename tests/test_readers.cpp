@@ -497,6 +497,43 @@ TEST(Program, AFolderOfScanFormatsIsReadWholeButNeverItsTextNotesOrItsOwnMesh) {
     for (const auto& v : mesh.vertices) ASSERT_NEAR(v[2], 300.0f, 0.05f);
 }
 
+// Point files named one by one are read together, as the files of a folder are: the same frames in the same
+// order give the same mesh, and of several bad files the first named is the one reported.
+TEST(Program, FilesNamedOneByOneMeshAsTheirFolderAndTheFirstBadOneIsNamed) {
+    TESSALINE_REQUIRE_PROGRAM();
+    const std::string folder = tempPath("named_frames");
+    std::filesystem::remove_all(folder);
+    mkdir(folder.c_str(), 0755);
+    std::vector<std::string> names;
+    for (int f = 0; f < 4; ++f) {  // strips of a wavy sheet, each a frame of its own
+        std::string text;
+        for (int x = 20 * f; x < 20 * f + 20; ++x)
+            for (int y = -30; y < 30; ++y)
+                text +=
+                    std::to_string(x) + " " + std::to_string(y) + " " + std::to_string(300 + (x * y) % 3) + " 0 0 -1\n";
+        names.push_back(folder + "/strip_" + std::to_string(f) + ".xyz");
+        std::ofstream(names.back()) << text;
+    }
+    const std::string from_folder = tempPath("named_frames_folder.ply"), named = tempPath("named_frames_named.ply");
+    runProgramOk("reconstruct " + folder + " --quiet -o " + from_folder);
+    std::string arguments;
+    for (const std::string& name : names) arguments += name + " ";
+    runProgramOk("reconstruct " + arguments + "--quiet -o " + named);
+    const std::string bytes = readFile(from_folder);
+    EXPECT_GT(bytes.size(), 1000u);
+    EXPECT_TRUE(bytes == readFile(named));
+
+    const std::string bad_one = writeFile("named_bad_one.xyz", "1 2 3 0 0 1\n1 2 x 0 0 1\n");
+    const std::string bad_two = writeFile("named_bad_two.xyz", "1 2\n");
+    const std::string never = tempPath("named_never.ply");
+    const ProgramRun run =
+        runProgram("reconstruct " + names[0] + " " + bad_one + " " + names[1] + " " + bad_two + " -o " + never);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(contains(run.err, "named_bad_one.xyz")) << run.err;
+    EXPECT_FALSE(contains(run.err, "named_bad_two.xyz")) << run.err;
+    EXPECT_FALSE(std::ifstream(never).good());
+}
+
 TEST(Program, ALasRunWritesItsMeshAtTheGeoReferencedCoordinates) {
     TESSALINE_REQUIRE_PROGRAM();
     // A 200 x 200 point plane 5 mm apart at UTM coordinates, in metres; LAS has no normals.

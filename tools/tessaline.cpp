@@ -109,11 +109,11 @@ tessaline_tools::ScanInput readInputs(const std::vector<std::string>& inputs, fl
     options.scale_code = scale_code;
     options.origin = scan.origin;
     for (std::size_t first = 0; first < units.size();) {
-        // A scan list alone; the files of one input on all cores, each one's frames into its place, the notes
-        // and the first failure in file order.
+        // A scan list alone; the point files between scan lists on all cores (named one by one or found in
+        // folders alike), each one's frames into its place, the notes and the first failure in file order.
         std::size_t last = first + 1;
         if (!units[first].range_set)
-            while (last < units.size() && !units[last].range_set && units[last].input == units[first].input) ++last;
+            while (last < units.size() && !units[last].range_set) ++last;
         std::vector<tessaline_tools::ScanInput> read(last - first);
         std::vector<tessaline_tools::ScanReadNotes> notes(last - first);
         tessaline_tools::forEachInOrder(last - first, [&](std::size_t i) {
