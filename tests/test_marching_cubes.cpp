@@ -10,6 +10,7 @@
 #include "TestSupport.h"
 #include "common/Morton.h"
 #include "common/PointSort.h"
+#include "fusion/BinCodesHost.h"
 #include "fusion/MarchingCubes.h"
 #include "volume/HashOctree.h"
 
@@ -26,6 +27,53 @@ TEST(Morton, EncodeDecodeRoundTrips) {
         std::uint32_t dx, dy, dz;
         mortonDecode(mortonEncode(x, y, z), dx, dy, dz);
         ASSERT_TRUE(dx == x && dy == y && dz == z) << x << " " << y << " " << z;
+    }
+}
+
+// The vector path gives every point binCodeOf's code: ordinary points, and those at and below the origin,
+// NaN, infinite, on the largest bins and quotients at the edge of an int, in groups of eight and a tail, on
+// one core and several.
+TEST(Morton, BinCodesEightAtATimeAreThoseOfEachPoint) {
+    if (!binCodesOnVectorUnits()) GTEST_SKIP() << "no AVX2 here";
+    const float origin[3] = {-6.0f, 2.5f, 1e-3f};
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> inside(-7.0f, 70.0f);
+    const float odd[] = {0.0f,    -0.0f,         -6.0f,         -5.9999995f,   -6.0000005f,   2.5f,         1e-3f,
+                         NAN,     -NAN,          INFINITY,      -INFINITY,     3.4e38f,       -3.4e38f,     1e-42f,
+                         1073.7f, 1073741823.0f, 1073741824.0f, 2147483520.0f, 2147483648.0f, 4294967296.0f};
+    std::vector<RawPointWithHash> points(40013);  // over 4,096 groups of eight: shared among the cores
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        RawPointWithHash& p = points[i];
+        std::memset(&p, 0, sizeof(p));
+        float* xyz[3] = {&p.x, &p.y, &p.z};
+        for (int k = 0; k < 3; ++k)
+            *xyz[k] = i % 3 == 0 ? odd[(i / 3 + 7 * static_cast<std::size_t>(k)) % std::size(odd)] : inside(rng);
+        p.nx = static_cast<float>(i);  // read beside the position: must not reach the code
+        p.hash = -1;
+    }
+    const int threads = omp_get_max_threads();
+    for (const float bin_size : {0.5f, 1e-30f, 3.0e38f, INFINITY}) {  // infinite: an infinite point gives NaN
+        for (const int team : {1, 3}) {
+            std::vector<RawPointWithHash> vector_codes = points;
+            omp_set_num_threads(team);
+            writeBinCodes(vector_codes.data(), static_cast<std::int64_t>(vector_codes.size()), origin, bin_size);
+            omp_set_num_threads(threads);
+            for (std::size_t i = 0; i < points.size(); ++i) {
+                const float position[3] = {points[i].x, points[i].y, points[i].z};
+                ASSERT_EQ(static_cast<std::uint32_t>(vector_codes[i].hash), binCodeOf(position, origin, bin_size))
+                    << i << ": " << position[0] << " " << position[1] << " " << position[2] << " bin " << bin_size;
+                ASSERT_EQ(vector_codes[i].nx, points[i].nx);
+            }
+        }
+    }
+    // Tails of every length: the points after the last group of eight.
+    for (std::int64_t n = 1; n < 8; ++n) {
+        std::vector<RawPointWithHash> few(points.begin() + 3, points.begin() + 3 + n);
+        writeBinCodes(few.data(), n, origin, 0.5f);
+        for (std::int64_t i = 0; i < n; ++i) {
+            const float position[3] = {few[i].x, few[i].y, few[i].z};
+            ASSERT_EQ(static_cast<std::uint32_t>(few[i].hash), binCodeOf(position, origin, 0.5f)) << n << " " << i;
+        }
     }
 }
 

@@ -19,6 +19,18 @@ TESSA_HD inline std::uint32_t mortonEncode(std::uint32_t x, std::uint32_t y, std
     return mortonSpread(x) | (mortonSpread(y) << 1) | (mortonSpread(z) << 2);
 }
 
+// The Morton code of the bin of bins of edge `bin_size` from `origin` that holds `p`. A coordinate within
+// rounding below the origin (or at it) goes to the first bin on its axis: its code must not depend on
+// anything beyond the block.
+TESSA_HD inline std::uint32_t binCodeOf(const float p[3], const float origin[3], float bin_size) {
+    std::uint32_t index[3];
+    for (int k = 0; k < 3; ++k) {
+        const float d = p[k] - origin[k];
+        index[k] = d > 0.0f ? static_cast<std::uint32_t>(floatToIntSaturate(d / bin_size)) : 0u;
+    }
+    return mortonEncode(index[0], index[1], index[2]);
+}
+
 // One coordinate back from the bits of its axis (the code shifted so that they sit at 0, 3, 6, ...).
 TESSA_HD inline std::uint32_t mortonCompact(std::uint32_t code) {
     const std::uint32_t m = code & 0x09249249u;

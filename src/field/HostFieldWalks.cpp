@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "common/RunStop.h"
+#include "common/VectorUnits.h"
 #include "field/FieldComputation.h"
 
 namespace SurfaceReconstruction {
@@ -966,10 +967,7 @@ bool expAgreesWithScalar() {
 bool hostFieldWalksAvailable() {
     static std::once_flag once;
     static bool available = false;
-    std::call_once(once, [] {
-        __builtin_cpu_init();
-        available = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && expAgreesWithScalar();
-    });
+    std::call_once(once, [] { available = hostHasAvx2AndFma() && expAgreesWithScalar(); });
     return available;
 }
 

@@ -10,6 +10,7 @@
 #include "common/ErrorLadder.h"
 #include "common/Morton.h"
 #include "common/PointSort.h"
+#include "fusion/BinCodesHost.h"
 #include "fusion/MarchingCubes.h"
 #include "fusion/PointRuns.h"
 
@@ -18,8 +19,7 @@ namespace SurfaceReconstruction {
 namespace {
 
 // Morton code of the bin of each point. A point within rounding below the low face of the margin (the
-// partition and this difference round apart) goes to the first bin on that axis: its code must not depend
-// on anything outside the block.
+// partition and this difference round apart) goes to the first bin on that axis.
 struct ComputePointsHashValueKernel {
     RawPointWithHash* points;
     std::int64_t points_size;
@@ -29,13 +29,20 @@ struct ComputePointsHashValueKernel {
     TESSA_HD void operator()(std::size_t i) const {
         if (static_cast<std::int64_t>(i) >= points_size) return;
         RawPointWithHash& p = points[i];
-        const float d[3] = {p.x - logic_coordinate[0], p.y - logic_coordinate[1], p.z - logic_coordinate[2]};
-        std::uint32_t index[3];
-        for (int k = 0; k < 3; ++k)
-            index[k] = d[k] > 0.0f ? static_cast<std::uint32_t>(floatToIntSaturate(d[k] / bin_size)) : 0u;
-        p.hash = static_cast<std::int32_t>(mortonEncode(index[0], index[1], index[2]));
+        const float position[3] = {p.x, p.y, p.z};
+        p.hash = static_cast<std::int32_t>(binCodeOf(position, logic_coordinate, bin_size));
     }
 };
+
+// The bins' codes of points in host memory: eight at a time on the host's vector units where it has them.
+void computeBinCodes(RawPointWithHash* points, std::int64_t n, const float* logic_coordinate_dev,
+                     const float logic_coordinate[3], float bin_size, bool host_memory) {
+    if (host_memory && binCodesOnVectorUnits()) {
+        writeBinCodes(points, n, logic_coordinate, bin_size);
+        return;
+    }
+    launchKernel(static_cast<std::size_t>(n), ComputePointsHashValueKernel{points, n, logic_coordinate_dev, bin_size});
+}
 
 // One bin for the first point of each run of equal hash: its centre and offset.
 struct GetBinsCenterKernel {
@@ -197,7 +204,7 @@ int MarchingCubes::computePointsHash_Device(PointCloudBlock& block, const float 
         }
         TESSA_DEVICE_CHECK(
             deviceMemcpy(m_logic_coordinate_dev, logic_coordinate, 3 * sizeof(float), CopyKind::HostToDevice));
-        launchKernel(points.size(), ComputePointsHashValueKernel{points_dev, n, m_logic_coordinate_dev, m_resolution});
+        computeBinCodes(points_dev, n, m_logic_coordinate_dev, logic_coordinate, m_resolution, shared);
         TESSA_DEVICE_CHECK(deviceSynchronize());
         // The full order settles equal codes too, so the block's points come out the same every run.
         if (shared) {
@@ -238,8 +245,7 @@ int MarchingCubes::computePointsHash_Chunked(PointCloudBlock& block, const float
             TESSA_DEVICE_CHECK(
                 deviceMemcpy(m_raw_points_hash_dev, points.data() + done, bytes, CopyKind::HostToDevice));
         }
-        launchKernel(static_cast<std::size_t>(c),
-                     ComputePointsHashValueKernel{chunk_dev, c, m_logic_coordinate_dev, m_resolution});
+        computeBinCodes(chunk_dev, c, m_logic_coordinate_dev, logic_coordinate, m_resolution, shared);
         if (!shared) {
             TESSA_DEVICE_CHECK(
                 deviceMemcpy(points.data() + done, m_raw_points_hash_dev, bytes, CopyKind::DeviceToHost));

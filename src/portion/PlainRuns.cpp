@@ -1,25 +1,17 @@
 // Built with AVX2 and FMA and without contracted multiply-adds, and run only where the processor has both.
 #include "portion/PlainRuns.h"
 
+#include "common/VectorUnits.h"
+
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
-
-#include <mutex>
 
 namespace SurfaceReconstruction {
 
 #if defined(__x86_64__)
 
-bool plainRunsAvailable() {
-    static std::once_flag once;
-    static bool available = false;
-    std::call_once(once, [] {
-        __builtin_cpu_init();
-        available = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-    });
-    return available;
-}
+bool plainRunsAvailable() { return hostHasAvx2AndFma(); }
 
 namespace {
 
