@@ -7,7 +7,9 @@
 #include <emmintrin.h>
 #endif
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <nanoflann.hpp>
 
@@ -861,6 +863,7 @@ int measureExact(std::vector<Piece>& pieces, PointSpacing& spacing, std::size_t 
     spacing.scale_code = finestTenth(code_counts, points);
     if (points > UINT32_MAX) return 1;
     spacing.points = points;
+    std::copy(std::begin(code_counts), std::end(code_counts), spacing.codes);
     if (points < 2) return 0;
 
     // Where each range's points of each slot go; where each range's usable points begin.
@@ -1213,6 +1216,7 @@ int estimate(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, Poin
     spacing.density = static_cast<float>(spacing.density / std::sqrt(static_cast<double>(step)));
     spacing.scale_code = finestTenth(counts.codes, counts.usable);
     spacing.points = counts.usable;
+    std::copy(std::begin(counts.codes), std::end(counts.codes), spacing.codes);
     return 0;
 }
 
@@ -1332,6 +1336,7 @@ int scaleCodeChoiceFromNeighbours(const std::vector<float>& squared, std::size_t
     for (const std::size_t c : codes) points += c;
     choice.spacing.scale_code = finestTenth(codes, points);
     choice.spacing.points = points;
+    std::copy(std::begin(codes), std::end(codes), choice.spacing.codes);
     if (points < 2) return 0;
     std::vector<float> nearest, even;
     for (std::size_t q = 0; q < squared.size() / k; ++q) {
@@ -1437,21 +1442,28 @@ int chooseScaleCodesWithin(const std::vector<std::shared_ptr<FrameDataWithInfo>>
 
 double expectedTriangles(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames, const PointSpacing& spacing,
                          float resolution) {
+    if (!(spacing.density > 0.0f) || !(resolution > 0.0f)) return 0.0;  // nothing to count for
+    PointSpacing counted = spacing;
+    const int status = mesh_internal::guarded([&] {
+        std::vector<Piece> pieces = piecesOf(frames, true);
+        const Counts counts = countPieces(pieces);
+        std::copy(std::begin(counts.codes), std::end(counts.codes), counted.codes);
+        return 0;
+    });
+    return status == 0 ? expectedTriangles(counted, resolution) : 0.0;
+}
+
+double expectedTriangles(const PointSpacing& spacing, float resolution) {
     const double area = static_cast<double>(spacing.density) * spacing.density;  // surface a point stands for
     if (!(area > 0.0) || !(resolution > 0.0f)) return 0.0;
     // The surface each point stands for over the square of its cell's edge, summed by scale code: the
     // counts are whole numbers, the same on any thread count.
     double cells = 0.0;
-    const int status = mesh_internal::guarded([&] {
-        std::vector<Piece> pieces = piecesOf(frames, true);
-        const Counts counts = countPieces(pieces);
-        for (int k = 0; k < 7; ++k) {
-            const double edge = static_cast<double>(resolution) * 8.0 / CODES[k];
-            cells += static_cast<double>(counts.codes[k]) * (area / (edge * edge));
-        }
-        return 0;
-    });
-    return status == 0 ? TRIANGLES_PER_SQUARE_EDGE * cells : 0.0;
+    for (int k = 0; k < 7; ++k) {
+        const double edge = static_cast<double>(resolution) * 8.0 / CODES[k];
+        cells += static_cast<double>(spacing.codes[k]) * (area / (edge * edge));
+    }
+    return TRIANGLES_PER_SQUARE_EDGE * cells;
 }
 
 }  // namespace SurfaceReconstruction

@@ -830,9 +830,22 @@ TEST(Spacing, TheResolutionSizesTheCellsTheFinestTenthOfThePointsAskFor) {
             for (int i = 0; i < count; ++i) {
                 addPoint(*frame, {x++, 0, 0}, {0, 0, 1}, word);
             }
-        PointSpacing spacing;
+        addPoint(*frame, {NAN, 0, 0}, {0, 0, 1}, 64);  // not usable: counted in no code
+        PointSpacing spacing, estimated;
         ASSERT_EQ(measurePointSpacing({frame}, spacing), 0);
         EXPECT_EQ(spacing.scale_code, c.code);
+        ASSERT_EQ(estimatePointSpacing({frame}, estimated, 30), 0);  // every 4th point measured
+        EXPECT_EQ(estimated.scale_code, c.code);
+        // The counts of the codes give the expected triangles without a pass over the points.
+        for (const PointSpacing* s : {&spacing, &estimated}) {
+            std::size_t counted = 0;
+            for (const std::size_t n : s->codes) counted += n;
+            EXPECT_EQ(counted, 100u);
+            for (const float resolution : {0.5f, 3.0f})
+                EXPECT_EQ(expectedTriangles(*s, resolution), expectedTriangles({frame}, *s, resolution))
+                    << c.code << " " << resolution;
+        }
+        EXPECT_GT(expectedTriangles(spacing, 0.5f), 0.0);
     }
     // The fixed rule sizes cells for c_max (1.5 density x c_max / 8), auto for code 8 (2 density with wishes
     // for finer cells; 1.5 without: the pytest suite's sphere); both within the resolutions a run takes, and

@@ -732,8 +732,11 @@ int reconstruct(int argc, char** argv) {
     } else {
         choice.spacing = measureSpacing(frames, false);
     }
-    // What the points suggest, measured before the frames go to the library, which frees them as it goes.
-    const double expected = SurfaceReconstruction::expectedTriangles(frames, choice.spacing, choice.resolution);
+    // What the points suggest, measured before the frames go to the library, which frees them as it goes:
+    // from the estimate's counts of the codes, or, where auto has rewritten the codes, from the points.
+    const double expected = choice.automatic
+                                ? SurfaceReconstruction::expectedTriangles(frames, choice.spacing, choice.resolution)
+                                : SurfaceReconstruction::expectedTriangles(choice.spacing, choice.resolution);
     const double spacing_s = since(spacing_start);
     const bool coloured = scan.coloured();
     ColourSource colour_source;

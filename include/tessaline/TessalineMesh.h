@@ -168,7 +168,10 @@ struct PointSpacing {
     // The finest scale code (low byte of a point's word) that at least a tenth of the usable points ask
     // for, counting 0 and unlisted codes as 8: the cells that matter are resolution x 8 / scale_code.
     int scale_code = 8;
-    std::size_t points = 0;    // usable points: finite coordinates, a normal of non-zero length
+    std::size_t points = 0;  // usable points: finite coordinates, a normal of non-zero length
+    // The usable points of each scale code, finest first: 64, 32, 16, 8, 4, 2, 1 (0 and unlisted codes
+    // counting as 8), as the words were when measured.
+    std::size_t codes[7] = {};
     std::size_t measured = 0;  // points whose neighbours were looked up (at most `max_measured`)
 };
 
@@ -304,6 +307,9 @@ TESSALINE_MESH_API int chooseScaleCodesWithin(const std::vector<std::shared_ptr<
 // for any thread count.
 TESSALINE_MESH_API double expectedTriangles(const std::vector<std::shared_ptr<FrameDataWithInfo>>& frames,
                                             const PointSpacing& spacing, float resolution);
+// The same from the points of each code that `spacing` counted, without a pass over the points: equal to
+// the above where the words have not changed since the spacing was measured or estimated.
+TESSALINE_MESH_API double expectedTriangles(const PointSpacing& spacing, float resolution);
 
 // What estimateNormals knows of one frame.
 struct FrameNormalSource {
