@@ -1,5 +1,6 @@
 // The grid a run cuts its scan into: the block size and the run origin that an application may fix, and
 // a mesh that does not depend on the memory of the machine it was made on.
+#include <algorithm>
 #include <map>
 
 #include "TestSupport.h"
@@ -115,6 +116,34 @@ bool sameWelded(const IndexedMesh& a, const IndexedMesh& b) {
 
 }  // namespace
 
+// The walk of a block goes to the cores in pieces (its eight children, then what lies between them and
+// its seams): a run of few large blocks makes the same triangles in the same order for any team, the mesh
+// and the parts alike, and still one part a block.
+TEST(BlockGrid, FewLargeBlocksMeshAlikeForAnyTeam) {
+    const auto largeBlocks = [](Tessaline& t) { t.setRunOrigin(SPLIT_ORIGIN); };  // the default block size
+    const int threads = omp_get_max_threads();
+    omp_set_num_threads(1);
+    const Session alone = runOk(smallScan(), SPLIT_RESOLUTION, largeBlocks);
+    ASSERT_GT(alone.mesh->xyz.size(), 10000u);
+    for (const int team : {2, 5}) {
+        omp_set_num_threads(team);
+        const Session run = runOk(smallScan(), SPLIT_RESOLUTION, largeBlocks);
+        EXPECT_TRUE(sameMesh(*run.mesh, *alone.mesh)) << team << " threads";
+        std::vector<MeshPart> parts;
+        Tessaline t;
+        ASSERT_EQ(t.init(), 0);
+        t.setResolution(SPLIT_RESOLUTION);
+        largeBlocks(t);
+        for (const auto& f : smallScan()) t.addScanFrame_ALL(f);
+        quiet([&] { EXPECT_EQ(t.processParts(parts), 0) << t.getLastErrorMsg(); });
+        t.deInit();
+        ASSERT_LT(parts.size(), 9u) << team << " threads";
+        for (std::size_t i = 1; i < parts.size(); ++i) EXPECT_TRUE(parts[i - 1].block < parts[i].block);
+        EXPECT_TRUE(sameMesh(merged(parts), *alone.mesh)) << team << " threads";
+    }
+    omp_set_num_threads(threads);
+}
+
 // The scan's blocks split into runs of several shapes: slabs along x, a checkerboard, single blocks beside
 // the rest. Every block's part comes from exactly one run, and the parts put together are the whole run's
 // triangles bit for bit, welded into the same vertices and triangles.
@@ -125,6 +154,7 @@ TEST(BlockGrid, PartsOfAnySplitMakeTheWholeMesh) {
     for (const MeshPart& p : all) keys.push_back(p.block);
     ASSERT_GT(keys.size(), 20u);
     ASSERT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+    ASSERT_TRUE(std::adjacent_find(keys.begin(), keys.end()) == keys.end()) << "a block in two parts";
     ASSERT_TRUE(sameMesh(merged(all), *whole.mesh));
     IndexedMesh reference;
     ASSERT_EQ(weldMesh(*whole.mesh, SPLIT_RESOLUTION * 1e-4f, reference), 0);

@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -98,6 +99,25 @@ inline bool releasePagesWithin(const void* begin, const void* end) {
     if (last <= first || last - first < RELEASE_AT_LEAST) return false;
     madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
     return true;
+}
+
+// Has the system back the whole pages within [begin, end) with memory now, the work shared among the
+// calling team's threads (each takes its own stretch; call it from every thread of a parallel region).
+// The pages of a fresh array are otherwise faulted in one at a time by whichever thread first writes
+// them. Nothing is written; without the kernel's support (before Linux 5.14) it does nothing.
+inline void populatePagesWithin(void* begin, void* end, int part, int parts) {
+#ifdef MADV_POPULATE_WRITE
+    static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(begin), to = reinterpret_cast<std::uintptr_t>(end);
+    const std::uintptr_t first = (from + page - 1) / page, last = to / page;
+    if (last <= first || parts <= 0) return;
+    const std::uintptr_t pages = last - first, share = (pages + static_cast<std::uintptr_t>(parts) - 1) / parts;
+    const std::uintptr_t mine = std::min(pages, share * static_cast<std::uintptr_t>(part));
+    const std::uintptr_t stop = std::min(pages, mine + share);
+    if (stop > mine) madvise(reinterpret_cast<void*>((first + mine) * page), (stop - mine) * page, MADV_POPULATE_WRITE);
+#else
+    (void)begin, (void)end, (void)part, (void)parts;
+#endif
 }
 
 template <class T>

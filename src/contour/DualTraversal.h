@@ -21,6 +21,12 @@ public:
         const CellNode* k[8];
         for (int o = 0; o < 8; ++o) k[o] = at(cell, o);
         for (int o = 0; o < 8; ++o) visitCell(k[o]);
+        visitBetweenChildren(k);
+    }
+
+    // The second half of visitCell for a split cell: what lies between its children (in octant order),
+    // after the children themselves.
+    void visitBetweenChildren(const CellNode* const k[8]) {
         visitFaceX(k[0], k[1]);
         visitFaceX(k[2], k[3]);
         visitFaceX(k[4], k[5]);
@@ -123,10 +129,11 @@ public:
         visitVertex(at(c0, 7), at(c1, 6), at(c2, 5), at(c3, 4), at(c4, 3), at(c5, 2), at(c6, 1), at(c7, 0));
     }
 
-private:
     static bool split(const CellNode* c) { return c != nullptr && c->cell_type == CELL_TYPE_BRANCH; }
     // The child in octant o of a split cell, the cell itself otherwise.
     static const CellNode* at(const CellNode* c, int o) { return split(c) ? c->child(OCTANT_CHILD[o]) : c; }
+
+private:
     static bool all(const CellNode* a, const CellNode* b, const CellNode* c, const CellNode* d) {
         return a && b && c && d;
     }

@@ -14,6 +14,7 @@
 #include "common/ErrorLadder.h"
 #include "common/HostMemory.h"
 #include "common/RunStop.h"
+#include "common/UninitialisedArray.h"
 #include "contour/CellSurface.h"
 #include "contour/DualTraversal.h"
 #include "volume/FieldDataPool.h"
@@ -63,6 +64,65 @@ constexpr int ROOT_NEIGHBOURS[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0
 
 }  // namespace
 
+void joinPieces(std::vector<MeshPart>& pieces, MultiMeshData& mesh, const double* offset) {
+    std::vector<std::size_t> first(pieces.size() + 1, 0);
+    for (std::size_t i = 0; i < pieces.size(); ++i) first[i + 1] = first[i] + pieces[i].mesh.xyz.size();
+    const std::size_t triangles = first.back();
+    std::vector<TriangleXYZ>().swap(mesh.xyz);
+    std::vector<TriangleW>().swap(mesh.w);
+    mesh.xyz.reserve(triangles);
+    mesh.w.reserve(triangles);
+    // A fresh array's pages would be faulted in one at a time by the thread that zeroes it.
+#pragma omp parallel
+    {
+        const int part = omp_get_thread_num(), parts = omp_get_num_threads();
+        populatePagesWithin(mesh.xyz.data(), mesh.xyz.data() + triangles, part, parts);
+        populatePagesWithin(mesh.w.data(), mesh.w.data() + triangles, part, parts);
+    }
+    mesh.xyz.resize(triangles);
+    mesh.w.resize(triangles);
+    const std::int64_t count = static_cast<std::int64_t>(pieces.size());
+#pragma omp parallel for schedule(dynamic, 1)
+    for (std::int64_t i = 0; i < count; ++i) {
+        MultiMeshData& piece = pieces[static_cast<std::size_t>(i)].mesh;
+        TriangleXYZ* to = mesh.xyz.data() + first[static_cast<std::size_t>(i)];
+        if (offset != nullptr)
+            for (std::size_t t = 0; t < piece.xyz.size(); ++t)
+                for (int v = 0; v < 9; ++v)
+                    to[t].xyz[v] = static_cast<float>(static_cast<double>(piece.xyz[t].xyz[v]) + offset[v % 3]);
+        else
+            std::copy(piece.xyz.begin(), piece.xyz.end(), to);
+        std::copy(piece.w.begin(), piece.w.end(), mesh.w.data() + first[static_cast<std::size_t>(i)]);
+        std::vector<TriangleXYZ>().swap(piece.xyz);
+        std::vector<TriangleW>().swap(piece.w);
+    }
+    pieces.clear();
+}
+
+void joinPiecesByBlock(std::vector<MeshPart>& pieces, std::vector<MeshPart>& parts) {
+    parts.clear();
+    for (std::size_t first = 0; first < pieces.size();) {
+        std::size_t end = first + 1;
+        std::size_t triangles = pieces[first].mesh.xyz.size();
+        while (end < pieces.size() && !(pieces[first].block < pieces[end].block) &&
+               !(pieces[end].block < pieces[first].block))
+            triangles += pieces[end++].mesh.xyz.size();
+        MeshPart part = std::move(pieces[first]);
+        part.mesh.xyz.reserve(triangles);
+        part.mesh.w.reserve(triangles);
+        for (std::size_t i = first + 1; i < end; ++i) {
+            MultiMeshData& piece = pieces[i].mesh;
+            part.mesh.xyz.insert(part.mesh.xyz.end(), piece.xyz.begin(), piece.xyz.end());
+            part.mesh.w.insert(part.mesh.w.end(), piece.w.begin(), piece.w.end());
+            std::vector<TriangleXYZ>().swap(piece.xyz);
+            std::vector<TriangleW>().swap(piece.w);
+        }
+        parts.push_back(std::move(part));
+        first = end;
+    }
+    pieces.clear();
+}
+
 int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
     if (refuseBeforeInit()) return 1;
     if (!m_hash_octree || !m_field_data_pool) {
@@ -70,30 +130,20 @@ int Reconstructor::process(std::shared_ptr<MultiMeshData>& mesh) {
         return 1;
     }
     mesh = std::make_shared<MultiMeshData>();
-    std::vector<MeshPart> parts;
-    const int result = processParts({}, parts);
+    std::vector<MeshPart> pieces;
+    const int result = processPieces({}, pieces);
     if (result != 0) return result;
-    // The parts in key order, into arrays of their final size; each part goes as soon as it is copied.
-    std::size_t triangles = 0;
-    for (const MeshPart& part : parts) triangles += part.mesh.xyz.size();
-    mesh->xyz.reserve(triangles);
-    mesh->w.reserve(triangles);
-    for (MeshPart& part : parts) {
-        mesh->xyz.insert(mesh->xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
-        mesh->w.insert(mesh->w.end(), part.mesh.w.begin(), part.mesh.w.end());
-        std::vector<TriangleXYZ>().swap(part.mesh.xyz);
-        std::vector<TriangleW>().swap(part.mesh.w);
-    }
+    joinPieces(pieces, *mesh, nullptr);
     return 0;
 }
 
-int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<MeshPart>& parts) {
+int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector<MeshPart>& pieces) {
     if (refuseBeforeInit()) return 1;
     if (!m_hash_octree || !m_field_data_pool) {
         m_last_error = "[Reconstructor] process error , m_hash_octree == nullptr || m_field_data_pool == nullptr !";
         return 1;
     }
-    parts.clear();
+    pieces.clear();
     std::atomic<unsigned char> is_ok{1};
     std::shared_ptr<HashRootCellList> roots;
     if (m_hash_octree->getHashCellList(roots) != 0) {
@@ -132,10 +182,21 @@ int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<
               [](const std::pair<BlockKey, std::int32_t>& a, const std::pair<BlockKey, std::int32_t>& b) {
                   return a.first < b.first;
               });
-    const std::int64_t count = static_cast<std::int64_t>(walk_list.size());
-    // Each root's triangles go into a part of its own: the triangles follow the keys whatever the number of
-    // workers, and the roots, which differ much in size, go to the workers as they come free.
-    std::vector<MeshPart> made(walk_list.size());
+    // A split root goes out as nine pieces of work, its eight children and then what lies between them
+    // with its seams; a root that is a leaf as one. Each piece's triangles go into a mesh of its own, so
+    // that they follow the keys, and within a root the walk's order, whatever the number of workers, while
+    // the pieces, which differ much in size, go to the workers as they come free.
+    constexpr int BETWEEN_AND_SEAMS = 8;
+    std::vector<std::pair<std::int32_t, int>> work;  // (index in the walk list, octant or BETWEEN_AND_SEAMS)
+    work.reserve(walk_list.size() * 9);
+    for (std::size_t w = 0; w < walk_list.size(); ++w) {
+        const CellNode* root = roots->get(walk_list[w].second)->root_cell;
+        if (DualOctreeTraversal<DualCubeContour<TriangleSink>>::split(root))
+            for (int o = 0; o < 8; ++o) work.emplace_back(static_cast<std::int32_t>(w), o);
+        work.emplace_back(static_cast<std::int32_t>(w), BETWEEN_AND_SEAMS);
+    }
+    const std::int64_t count = static_cast<std::int64_t>(work.size());
+    std::vector<MeshPart> made(work.size());
     std::vector<MultiMeshData*> filling(static_cast<std::size_t>(omp_get_max_threads()), nullptr);
     TriangleSink sink{&is_ok, &filling};
     DualCubeContour<TriangleSink> contour(*m_field_data_pool, sink);
@@ -147,12 +208,26 @@ int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<
             is_ok = 0;
             continue;
         }
+        const std::pair<BlockKey, std::int32_t>& entry =
+            walk_list[static_cast<std::size_t>(work[static_cast<std::size_t>(i)].first)];
+        const int piece = work[static_cast<std::size_t>(i)].second;
         MeshPart& part = made[static_cast<std::size_t>(i)];
-        part.block = walk_list[static_cast<std::size_t>(i)].first;
+        part.block = entry.first;
         filling[static_cast<std::size_t>(omp_get_thread_num())] = &part.mesh;
-        const CellNode* root = roots->get(walk_list[static_cast<std::size_t>(i)].second)->root_cell;
+        const CellNode* root = roots->get(entry.second)->root_cell;
         try {
-            // Each root contours its inside and its seams towards the neighbours on the high side.
+            using Walk = DualOctreeTraversal<DualCubeContour<TriangleSink>>;
+            Walk walk(contour);
+            if (piece != BETWEEN_AND_SEAMS) {
+                walk.visitCell(Walk::at(root, piece));
+                continue;
+            }
+            if (Walk::split(root)) {
+                const CellNode* children[8];
+                for (int o = 0; o < 8; ++o) children[o] = Walk::at(root, o);
+                walk.visitBetweenChildren(children);
+            }
+            // Each root contours its seams towards the neighbours on the high side.
             const CellNode* neighbours[8];
             for (int k = 0; k < 8; ++k) {
                 float position[3];
@@ -162,8 +237,6 @@ int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<
                 const std::shared_ptr<HashRootCellData> neighbour = m_hash_octree->getHashRootCell(position);
                 neighbours[k] = neighbour ? neighbour->root_cell : nullptr;
             }
-            DualOctreeTraversal<DualCubeContour<TriangleSink>> walk(contour);
-            walk.visitCell(neighbours[0]);
             walk.visitFaceX(neighbours[0], neighbours[1]);
             walk.visitFaceY(neighbours[0], neighbours[2]);
             walk.visitFaceZ(neighbours[0], neighbours[4]);
@@ -193,7 +266,7 @@ int Reconstructor::processParts(const std::vector<BlockKey>& owned, std::vector<
         return refuseForMemory(usable, RECONSTRUCTOR_RESERVE_BYTES + part_bytes);
     }
     for (MeshPart& part : made)
-        if (!part.mesh.xyz.empty()) parts.push_back(std::move(part));
+        if (!part.mesh.xyz.empty()) pieces.push_back(std::move(part));
     return 0;
 }
 

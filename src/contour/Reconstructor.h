@@ -27,6 +27,12 @@ bool reconstructorMemoryGuard(std::uint64_t need, std::uint64_t* usable = nullpt
 // The same against the reserve alone.
 bool reconstructorMemoryGuard();
 
+// All pieces, in order, into `mesh` (replaced), each position moved by `offset` (x, y, z; in double, then
+// rounded to float) where it is given; the pieces are emptied as they are copied, on all cores.
+void joinPieces(std::vector<MeshPart>& pieces, MultiMeshData& mesh, const double* offset);
+// The pieces of each block, in order, into one part of `parts` (replaced), the blocks in order.
+void joinPiecesByBlock(std::vector<MeshPart>& pieces, std::vector<MeshPart>& parts);
+
 class Reconstructor : public RunStage {
 public:
     Reconstructor() = default;
@@ -35,11 +41,12 @@ public:
     int init();
     int setHashOctree(const std::shared_ptr<HashOctree>& octree);
     int setFieldDataPool(const std::shared_ptr<FieldDataPool>& pool);
-    // The triangles of all roots, part after part in the order of the roots' keys.
+    // The triangles of all roots, in the order of the roots' keys.
     int process(std::shared_ptr<MultiMeshData>& mesh);
-    // The triangles of the roots of the owned blocks (all roots where `owned` is empty), one part for each
-    // root that makes any, in the order of the keys.
-    int processParts(const std::vector<BlockKey>& owned, std::vector<MeshPart>& parts);
+    // The triangles of the roots of the owned blocks (all roots where `owned` is empty) in pieces: a root's
+    // one after another in the order of its walk, the roots in the order of their keys; no piece is empty.
+    // joinPieces and joinPiecesByBlock put them together.
+    int processPieces(const std::vector<BlockKey>& owned, std::vector<MeshPart>& pieces);
     int deInit();
 
     const std::shared_ptr<FieldDataPool>& fieldDataPool() const { return m_field_data_pool; }

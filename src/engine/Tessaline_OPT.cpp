@@ -435,20 +435,6 @@ bool listedScaleCode(std::int32_t word) {
     }
 }
 
-// The parts in the order of their keys, into arrays of their final size; each goes once copied.
-void joinParts(std::vector<MeshPart>& parts, MultiMeshData& mesh) {
-    std::size_t triangles = 0;
-    for (const MeshPart& part : parts) triangles += part.mesh.xyz.size();
-    mesh.xyz.reserve(triangles);
-    mesh.w.reserve(triangles);
-    for (MeshPart& part : parts) {
-        mesh.xyz.insert(mesh.xyz.end(), part.mesh.xyz.begin(), part.mesh.xyz.end());
-        mesh.w.insert(mesh.w.end(), part.mesh.w.begin(), part.mesh.w.end());
-        std::vector<TriangleXYZ>().swap(part.mesh.xyz);
-        std::vector<TriangleW>().swap(part.mesh.w);
-    }
-}
-
 }  // namespace
 
 void Tessaline_OPT::chooseRunOrigin() {
@@ -721,7 +707,7 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<M
     std::vector<MeshPart> made;
     {
         const MemoryStageScope stage("[Reconstructor] process (the mesh)", 0);
-        result = m_reconstructor->processParts(m_owned_blocks, made);
+        result = m_reconstructor->processPieces(m_owned_blocks, made);
     }
     if (result != 0) {
         mesh = std::make_shared<MultiMeshData>();
@@ -730,14 +716,13 @@ int Tessaline_OPT::runStages(std::shared_ptr<MultiMeshData>& mesh, std::vector<M
     }
     profiler.time_stop("reconstructor", true);
 
-    if (hasRunOrigin()) toApplicationCoordinates(made);
-    bool empty = true;
-    for (const MeshPart& part : made) empty = empty && part.mesh.xyz.empty();
+    const bool empty = made.empty();  // no piece is empty
     if (parts != nullptr) {
-        *parts = std::move(made);
+        if (hasRunOrigin()) toApplicationCoordinates(made);
+        joinPiecesByBlock(made, *parts);
     } else {
         mesh = std::make_shared<MultiMeshData>();
-        joinParts(made, *mesh);
+        joinPieces(made, *mesh, hasRunOrigin() ? m_run_origin : nullptr);
     }
 
     last_error = "no error!";
@@ -875,8 +860,10 @@ int Tessaline_OPT::endFusion(std::string& last_error) {
 
 // Back to the application's coordinates, in double so that only the final rounding remains.
 void Tessaline_OPT::toApplicationCoordinates(std::vector<MeshPart>& parts) const {
-    for (MeshPart& part : parts)
-        for (TriangleXYZ& t : part.mesh.xyz)
+    const std::int64_t count = static_cast<std::int64_t>(parts.size());
+#pragma omp parallel for schedule(dynamic, 1)
+    for (std::int64_t p = 0; p < count; ++p)
+        for (TriangleXYZ& t : parts[static_cast<std::size_t>(p)].mesh.xyz)
             for (int v = 0; v < 9; ++v)
                 t.xyz[v] = static_cast<float>(static_cast<double>(t.xyz[v]) + m_run_origin[v % 3]);
 }
