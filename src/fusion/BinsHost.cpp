@@ -16,8 +16,10 @@ void MarchingCubes::binsOfSortedPointsOnHost(const RawPointWithHash* points, std
                                              std::int64_t points_offset, std::vector<BinsHeader>& bins_header) {
     if (count <= 0) return;
     // Shares of the points, each beginning where a run begins: the first point at or after an even share
-    // whose hash differs from the one before.
-    const std::int64_t shares = std::max(1, omp_get_max_threads());
+    // whose hash differs from the one before. Runs of finer bins take longer to describe: four shares a
+    // thread, handed out as the threads come free, keep one from ending long after the other.
+    const std::int64_t shares =
+        std::max<std::int64_t>(1, std::min<std::int64_t>(4 * omp_get_max_threads(), count / 4096));
     std::vector<std::int64_t> begin(static_cast<std::size_t>(shares) + 1, count);
     begin[0] = 0;
     for (std::int64_t s = 1; s < shares; ++s) {

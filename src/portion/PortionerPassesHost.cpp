@@ -17,6 +17,9 @@ namespace SurfaceReconstruction {
 
 namespace {
 
+// What the tables of the frame shares may take beyond those of one share a thread.
+constexpr std::uint64_t FRAME_SHARE_TABLE_BYTES = std::uint64_t{16} << 20;
+
 // The frames still to be partitioned in shares of about equal points, each a run of consecutive frames:
 // share s holds frames [first[s], first[s + 1]).
 std::vector<std::size_t> frameShares(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames, int shares) {
@@ -236,7 +239,14 @@ void Portioner::reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry
     m_frame_shares.clear();
     if (m_waiting_frames.empty()) return;
     try {
-        m_frame_shares = frameShares(m_waiting_frames, std::max(1, omp_get_max_threads()));
+        // Frames of the same points differ in what they cost (the margins, the pages they fault in): up to
+        // four shares a thread, handed out as the threads come free, keep one from ending long after the
+        // other. A share's counts, places and words take 20 bytes a table slot: more shares than one a
+        // thread only while those stay within FRAME_SHARE_TABLE_BYTES.
+        const std::uint64_t threads = static_cast<std::uint64_t>(std::max(1, omp_get_max_threads()));
+        const std::uint64_t affordable = FRAME_SHARE_TABLE_BYTES / (std::max<std::uint64_t>(1, entry_count) * 20);
+        m_frame_shares =
+            frameShares(m_waiting_frames, static_cast<int>(std::max(threads, std::min(4 * threads, affordable))));
         countBlockRecords(m_waiting_frames, m_frame_shares, entries, entry_count, mask, block_res,
                           block_res * 0.5f + ext_res, m_share_counts);
         const std::size_t table = static_cast<std::size_t>(entry_count);
