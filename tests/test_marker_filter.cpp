@@ -1,5 +1,7 @@
 // The marker filter: matching, statistics, the limits of both passes and, end to end, simulated frames
 // with wrongly registered poses in a run of the engine.
+#include <cstring>
+
 #include "ScanSimulator.h"
 #include "TestSupport.h"
 #include "engine/MarkerFilter.h"
@@ -240,4 +242,52 @@ TEST(MarkersInTheRun, FramesWithWrongPosesAreLeftOutNamedAndMeasured) {
     EXPECT_TRUE(testing_support::contains(unmarked.output, "filter frame by markers (" + n + " / " + n + ") \n"));
     EXPECT_EQ(unmarked.output.find(FRAMES_LEFT_OUT_BY_MARKERS), std::string::npos);
     EXPECT_FALSE(testing_support::sameMesh(*marked.mesh, *unmarked.mesh));
+}
+
+TEST(MarkerFilter, ManyFramesMeasureAlikeOnAnyTeam) {
+    // Frames measured on all cores: every marker's sums, the frames that pass and the lines printed for
+    // errors beyond the limit come out the same, bit for bit and in frame order, whatever the team.
+    const Vec3f a = {0, 0, 0}, b = {5, 0, 0}, c = {0, 5, 0};
+    const auto frames = [&] {
+        std::vector<std::shared_ptr<FrameDataWithInfo>> list;
+        for (std::size_t f = 0; f < 300; ++f) {
+            const float e = 0.001f * static_cast<float>((f * 37) % 101);  // errors that round differently
+            std::vector<Sighting> seen = {{1, shifted(a, e)}, {2, shifted(b, 0.0f, -e)}, {3, shifted(c, e, e)}};
+            if (f % 97 == 5) seen.push_back({4, shifted(c, 0.0f, 0.5f)});  // exactly at the limit: printed
+            list.push_back(frameSeeing(seen, f + 1));
+        }
+        return list;
+    };
+    const int threads = omp_get_max_threads();
+    std::vector<OptedMarker> first;
+    std::set<std::size_t> first_passed;
+    std::string first_text;
+    for (const int team : {1, 3}) {
+        omp_set_num_threads(team);
+        MarkerFilter filter;
+        ASSERT_EQ(filter.init(), 0);
+        auto markers = markersAt({a, b, c});
+        ASSERT_EQ(filter.setOptimizedMarkers(markers), 0);
+        std::vector<std::shared_ptr<FrameDataWithInfo>> list = frames();
+        std::deque<std::shared_ptr<FrameDataWithInfo>> kept;
+        const std::string text = quiet([&] { EXPECT_EQ(filter.filterScanFrameByMarkers(list, kept), 0); });
+        std::set<std::size_t> passed;
+        for (const auto& f : kept) passed.insert(f->xyz.size() - 1);
+        EXPECT_NE(text.find("dist >= marker_max_dist_threshold"), std::string::npos);
+        if (team == 1) {
+            first = *markers;
+            first_passed = passed;
+            first_text = text;
+            EXPECT_LT(passed.size(), 300u);  // the frames with a sighting beyond the limit stand out
+            continue;
+        }
+        ASSERT_EQ(markers->size(), first.size());
+        for (std::size_t m = 0; m < first.size(); ++m) {
+            EXPECT_EQ(std::memcmp(&(*markers)[m], &first[m], sizeof(OptedMarker)), 0) << "marker " << m;
+            EXPECT_GT((*markers)[m].count, 0);
+        }
+        EXPECT_EQ(passed, first_passed);
+        EXPECT_EQ(text, first_text);
+    }
+    omp_set_num_threads(threads);
 }

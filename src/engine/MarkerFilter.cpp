@@ -11,6 +11,7 @@
 
 #include "common/Diagnostics.h"
 #include "common/ErrorLadder.h"
+#include "common/MemoryFailure.h"
 
 namespace SurfaceReconstruction {
 
@@ -117,33 +118,50 @@ int MarkerFilter::filterScanFrameByMarkers(std::vector<std::shared_ptr<FrameData
         // The labels found for the observations, in a list of the filter's own: the frames are read only.
         std::vector<std::vector<std::int32_t>> labels(n);
 
-        // Measuring, frame by frame in order.
-        for (std::size_t f = 0; f < n; ++f) {
+        // Measuring: each observation's marker and distance on all cores, then the sums frame by frame in
+        // order, as one thread would add them.
+        std::vector<std::vector<unsigned char>> matched(n);
+        TeamFailure failure;
+        const std::int64_t frame_count = static_cast<std::int64_t>(n);
+#pragma omp parallel for schedule(dynamic, 16)
+        for (std::int64_t fi = 0; fi < frame_count; ++fi) {
+            const std::size_t f = static_cast<std::size_t>(fi);
             if (!frames[f]) continue;
-            const FrameDataWithInfo& frame = *frames[f];
-            dist[f].assign(frame.marker_ids.size(), 0.0f);
-            labels[f] = frame.marker_ids;
-            float rotation[9], translation[3];
-            for (int k = 0; k < 9; ++k) rotation[k] = static_cast<float>(frame.frame_info.rotation[k]);
-            for (int k = 0; k < 3; ++k) translation[k] = static_cast<float>(frame.frame_info.translation[k]);
-            // An observation without its position or normal cannot be matched; it keeps its label.
-            const std::size_t measurable =
-                std::min({frame.marker_ids.size(), frame.marker_xyz.size(), frame.marker_nor.size()});
-            for (std::size_t j = 0; j < measurable; ++j) {
-                const Vec3f& x = frame.marker_xyz[j];
-                const Vec3f& v = frame.marker_nor[j];
-                Vec3f p, q;
-                for (int r = 0; r < 3; ++r) {  // column-major: row r, column c at 3c + r
-                    p[r] = rotation[r] * x[0] + rotation[3 + r] * x[1] + rotation[6 + r] * x[2] + translation[r];
-                    q[r] = rotation[r] * v[0] + rotation[3 + r] * v[1] + rotation[6 + r] * v[2];
+            failure.run([&] {
+                const FrameDataWithInfo& frame = *frames[f];
+                dist[f].assign(frame.marker_ids.size(), 0.0f);
+                labels[f] = frame.marker_ids;
+                matched[f].assign(frame.marker_ids.size(), 0);
+                float rotation[9], translation[3];
+                for (int k = 0; k < 9; ++k) rotation[k] = static_cast<float>(frame.frame_info.rotation[k]);
+                for (int k = 0; k < 3; ++k) translation[k] = static_cast<float>(frame.frame_info.translation[k]);
+                // An observation without its position or normal cannot be matched; it keeps its label.
+                const std::size_t measurable =
+                    std::min({frame.marker_ids.size(), frame.marker_xyz.size(), frame.marker_nor.size()});
+                for (std::size_t j = 0; j < measurable; ++j) {
+                    const Vec3f& x = frame.marker_xyz[j];
+                    const Vec3f& v = frame.marker_nor[j];
+                    Vec3f p, q;
+                    for (int r = 0; r < 3; ++r) {  // column-major: row r, column c at 3c + r
+                        p[r] = rotation[r] * x[0] + rotation[3 + r] * x[1] + rotation[6 + r] * x[2] + translation[r];
+                        q[r] = rotation[r] * v[0] + rotation[3 + r] * v[1] + rotation[6 + r] * v[2];
+                    }
+                    std::int32_t id = -1;
+                    if (!findMarker(p, q, id)) continue;
+                    labels[f][j] = id;
+                    matched[f][j] = 1;
+                    const OptedMarker& marker = markers[static_cast<std::size_t>(id)];
+                    const float dx = p[0] - marker.xyz[0], dy = p[1] - marker.xyz[1], dz = p[2] - marker.xyz[2];
+                    dist[f][j] = std::sqrt(dx * dx + dy * dy + dz * dz);
                 }
-                std::int32_t id = -1;
-                if (!findMarker(p, q, id)) continue;
-                labels[f][j] = id;
-                OptedMarker& marker = markers[static_cast<std::size_t>(id)];
-                const float dx = p[0] - marker.xyz[0], dy = p[1] - marker.xyz[1], dz = p[2] - marker.xyz[2];
-                const float e = std::sqrt(dx * dx + dy * dy + dz * dz);
-                dist[f][j] = e;
+            });
+        }
+        failure.rethrow();
+        for (std::size_t f = 0; f < n; ++f) {
+            for (std::size_t j = 0; j < matched[f].size(); ++j) {
+                if (!matched[f][j]) continue;
+                OptedMarker& marker = markers[static_cast<std::size_t>(labels[f][j])];
+                const float e = dist[f][j];
                 if (e >= marker_max_dist_threshold) {
                     diagnostic("filterScanFrameByMarkers: dist >= marker_max_dist_threshold (%f) \n", e);
                     continue;
