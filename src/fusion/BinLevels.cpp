@@ -30,12 +30,13 @@ int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
         const auto markWishes = [&] {
             if (!m_bitmap_valid) return;
             wishes.assign(m_bin_bitmap.size(), 0);  // a word a brick
+#pragma omp parallel for schedule(static)
             for (std::int64_t i = 0; i < n; ++i) {
                 if (code[static_cast<std::size_t>(i)] == 8) continue;
                 std::int32_t key[3];
                 gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
                 const std::int64_t bit = binBit(key[0], key[1], key[2]);
-                if (bit >= 0) wishes[static_cast<std::size_t>(bit >> 6)] = 1;
+                if (bit >= 0) storeRelaxed(wishes[static_cast<std::size_t>(bit >> 6)], std::uint64_t{1});
             }
         };
         const auto wishWithin = [&](const std::int32_t key[3], int reach) {
@@ -56,10 +57,12 @@ int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
 
         // Spreading: a bin of the default code takes the last wish of its 5 x 5 x 5 neighbourhood. All
         // bins decide on the old codes before any changes.
+        // The bins that look around are few and bunched where the codes change: the loops that look are
+        // handed out in chunks as the threads come free.
         const auto spreadBinLevels = [&] {
             takeCodes();
             markWishes();
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(dynamic, 2048)
             for (std::int64_t i = 0; i < n; ++i) {
                 const BinsHeader& bin = bins_header[static_cast<std::size_t>(i)];
                 next[static_cast<std::size_t>(i)] = bin.bin_sub_scale;
@@ -89,7 +92,7 @@ int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
         for (int run = 0; run < 2; ++run) {
             takeCodes();
             markWishes();
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(dynamic, 2048)
             for (std::int64_t i = 0; i < n; ++i) {
                 const BinsHeader& bin = bins_header[static_cast<std::size_t>(i)];
                 next[static_cast<std::size_t>(i)] = bin.bin_sub_scale;
@@ -121,10 +124,11 @@ int MarchingCubes::rectifyBinLevels(std::vector<BinsHeader>& bins_header) {
 
         // Widening: every bin within three of a bin that came to 4, and still has it, becomes 4.
         std::vector<std::uint8_t> widen(bins_header.size(), 0);
+#pragma omp parallel for schedule(static)
         for (std::int64_t i = 0; i < n; ++i)
             widen[static_cast<std::size_t>(i)] = came_to_four[static_cast<std::size_t>(i)] &&
                                                  bins_header[static_cast<std::size_t>(i)].bin_sub_scale == 4;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(dynamic, 2048)
         for (std::int64_t i = 0; i < n; ++i) {
             if (!widen[static_cast<std::size_t>(i)]) continue;
             std::int32_t key[3];
