@@ -17,10 +17,8 @@ namespace SurfaceReconstruction {
 
 namespace {
 
-// What the tables of the frame shares may take beyond those of one share a thread, and the most shares a
-// thread.
+// What the tables of the frame shares may take beyond those of one share a thread.
 constexpr std::uint64_t FRAME_SHARE_TABLE_BYTES = std::uint64_t{16} << 20;
-constexpr std::uint64_t FRAME_SHARES_A_THREAD = 16;
 
 // The frames still to be partitioned in shares of about equal points, each a run of consecutive frames:
 // share s holds frames [first[s], first[s + 1]).
@@ -129,30 +127,25 @@ void forEachFrameRecord(const FrameDataWithInfo& frame, const PartitionPoint& pa
     }
 }
 
-// The records each block will receive from each share of the frames still to be partitioned, counted on
-// the host's cores with the partition's own rule: counts[s * blocks + block]; a record for an entry without
-// a block counts in `orphans`.
+// The records each table entry will receive from each share of the frames still to be partitioned,
+// counted on the host's cores with the partition's own rule: counts[s * entry_count + e].
 void countBlockRecords(const std::deque<std::shared_ptr<FrameDataWithInfo>>& frames,
-                       const std::vector<std::size_t>& shares, const BlockSlot* entries, std::size_t blocks,
-                       std::uint64_t mask, float block_res, float half_ext, std::vector<std::int64_t>& counts,
-                       std::atomic<std::int64_t>& orphans) {
+                       const std::vector<std::size_t>& shares, const BlockSlot* entries, std::uint64_t entry_count,
+                       std::uint64_t mask, float block_res, float half_ext, std::vector<std::int64_t>& counts) {
+    const std::size_t table = static_cast<std::size_t>(entry_count);
     const std::int64_t share_count = static_cast<std::int64_t>(shares.size()) - 1;
-    counts.assign(static_cast<std::size_t>(share_count) * blocks, 0);
+    counts.assign(static_cast<std::size_t>(share_count) * table, 0);
     const std::atomic<bool>* stop = runStopFlag();
     const bool vector_units = plainRunsAvailable();
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < share_count; ++s) {
-        std::int64_t* mine = counts.data() + static_cast<std::size_t>(s) * blocks;
+        std::int64_t* mine = counts.data() + static_cast<std::size_t>(s) * table;
         for (std::size_t f = shares[static_cast<std::size_t>(s)];
              f < shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
             const FrameDataWithInfo& frame = *frames[f];
             const PartitionPoint partition = framePartition(frame, entries, mask, block_res, half_ext);
-            forEachFrameRecord(frame, partition, vector_units, [&](std::int32_t e, std::size_t, std::size_t count) {
-                const std::int32_t id = entries[e].value.id;
-                if (id >= 0 && static_cast<std::size_t>(id) < blocks)
-                    mine[id] += static_cast<std::int64_t>(count);
-                else
-                    orphans.fetch_add(static_cast<std::int64_t>(count), std::memory_order_relaxed);
+            forEachFrameRecord(frame, partition, vector_units, [mine](std::int32_t e, std::size_t, std::size_t count) {
+                mine[e] += static_cast<std::int64_t>(count);
             });
         }
     }
@@ -242,29 +235,28 @@ void partitionBatchOnHost(const PartitionPoint& partition, BlockSlot* entries, s
 
 void Portioner::reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry_count, std::uint64_t mask,
                                    float block_res, float ext_res) {
-    (void)entry_count;
     m_share_counts.clear();
     m_frame_shares.clear();
     if (m_waiting_frames.empty()) return;
     try {
-        // Frames of the same points differ in what they cost (the margins, the pages they fault in): many
-        // shares a thread, handed out as the threads come free, keep one from ending long after the other.
-        // A share's counts, places and words take 20 bytes a block: shares beyond one a thread only while
-        // those stay within FRAME_SHARE_TABLE_BYTES.
-        const std::size_t blocks = m_point_cloud_blocks.size();
+        // Frames of the same points differ in what they cost (the margins, the pages they fault in): up to
+        // four shares a thread, handed out as the threads come free, keep one from ending long after the
+        // other. A share's counts, places and words take 20 bytes a table slot: more shares than one a
+        // thread only while those stay within FRAME_SHARE_TABLE_BYTES.
         const std::uint64_t threads = static_cast<std::uint64_t>(std::max(1, omp_get_max_threads()));
-        const std::uint64_t affordable = FRAME_SHARE_TABLE_BYTES / (std::max<std::size_t>(1, blocks) * 20);
+        const std::uint64_t affordable = FRAME_SHARE_TABLE_BYTES / (std::max<std::uint64_t>(1, entry_count) * 20);
         m_frame_shares =
-            frameShares(m_waiting_frames,
-                        static_cast<int>(std::max(threads, std::min(FRAME_SHARES_A_THREAD * threads, affordable))));
-        std::atomic<std::int64_t> orphans{0};
-        countBlockRecords(m_waiting_frames, m_frame_shares, entries, blocks, mask, block_res,
-                          block_res * 0.5f + ext_res, m_share_counts, orphans);
-        if (orphans.load() != 0) throw std::bad_alloc();  // counted, but no block: the batches take them
-        for (std::size_t block = 0; block < blocks; ++block) {
+            frameShares(m_waiting_frames, static_cast<int>(std::max(threads, std::min(4 * threads, affordable))));
+        countBlockRecords(m_waiting_frames, m_frame_shares, entries, entry_count, mask, block_res,
+                          block_res * 0.5f + ext_res, m_share_counts);
+        const std::size_t table = static_cast<std::size_t>(entry_count);
+        for (std::size_t e = 0; e < table; ++e) {
             std::int64_t total = 0;
-            for (std::size_t s = 0; s + 1 < m_frame_shares.size(); ++s) total += m_share_counts[s * blocks + block];
-            if (total != 0) m_point_cloud_blocks[block]->points->reserve(static_cast<std::size_t>(total));
+            for (std::size_t s = 0; s + 1 < m_frame_shares.size(); ++s) total += m_share_counts[s * table + e];
+            if (total == 0 || entries[e].value.id < 0) continue;
+            const std::size_t block = static_cast<std::size_t>(entries[e].value.id);
+            if (block < m_point_cloud_blocks.size())
+                m_point_cloud_blocks[block]->points->reserve(static_cast<std::size_t>(total));
         }
     } catch (const std::bad_alloc&) {
         // Without the room made ahead the lists grow as the batches come: slower, nothing lost.
@@ -275,28 +267,29 @@ void Portioner::reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry
 
 int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
     const BlockSlot* entries = m_block_table_dev;
-    const std::size_t blocks = m_point_cloud_blocks.size();
+    const std::size_t table = static_cast<std::size_t>(m_hash_entry_size);
     const std::size_t share_count = m_frame_shares.size() - 1;
     const float half_ext = block_res * 0.5f + ext_res;
-    // Each share's records of a block go after those of the shares before it: the lists hold their
+    // Each share's records of an entry go after those of the shares before it: the lists hold their
     // records in frame and point order, as batch after batch puts them.
-    std::vector<PointList*> lists(blocks, nullptr);
-    std::vector<std::int64_t> places(m_share_counts.size()), totals(blocks, 0);
-    if (m_share_counts.size() != share_count * blocks) return 1;
-    for (std::size_t block = 0; block < blocks; ++block) {
-        std::int64_t& total = totals[block];
+    std::vector<PointList*> lists(table, nullptr);
+    std::vector<std::int64_t> places(m_share_counts.size()), totals(table, 0);
+    for (std::size_t e = 0; e < table; ++e) {
+        std::int64_t& total = totals[e];
         for (std::size_t s = 0; s < share_count; ++s) {
-            places[s * blocks + block] = total;
-            total += m_share_counts[s * blocks + block];
+            places[s * table + e] = total;
+            total += m_share_counts[s * table + e];
         }
         if (total == 0) continue;
-        PointList& list = *m_point_cloud_blocks[block]->points;
+        const std::int32_t id = entries[e].value.id;
+        if (id < 0 || static_cast<std::size_t>(id) >= m_point_cloud_blocks.size()) return 1;  // counted, but no block
+        PointList& list = *m_point_cloud_blocks[static_cast<std::size_t>(id)]->points;
         if (!list.empty() || list.capacity() < static_cast<std::size_t>(total)) return 1;
-        lists[block] = &list;
+        lists[e] = &list;
     }
     // Every list has its room: from here on nothing is allocated and nothing fails.
-    for (std::size_t block = 0; block < blocks; ++block)
-        if (lists[block] != nullptr) lists[block]->resize(static_cast<std::size_t>(totals[block]));
+    for (std::size_t e = 0; e < table; ++e)
+        if (lists[e] != nullptr) lists[e]->resize(static_cast<std::size_t>(totals[e]));
     std::vector<std::int32_t> words(m_share_counts.size(), 0);  // OR of the records' words
     const std::int64_t shares = static_cast<std::int64_t>(share_count);
     const std::atomic<bool>* stop = runStopFlag();
@@ -307,8 +300,8 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
     std::atomic<std::uint64_t> let_go{0};
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t s = 0; s < shares; ++s) {
-        std::int64_t* place = places.data() + static_cast<std::size_t>(s) * blocks;
-        std::int32_t* word = words.data() + static_cast<std::size_t>(s) * blocks;
+        std::int64_t* place = places.data() + static_cast<std::size_t>(s) * table;
+        std::int32_t* word = words.data() + static_cast<std::size_t>(s) * table;
         for (std::size_t f = m_frame_shares[static_cast<std::size_t>(s)];
              f < m_frame_shares[static_cast<std::size_t>(s) + 1] && !stopAsked(stop); ++f) {
             const FrameDataWithInfo& frame = *m_waiting_frames[f];
@@ -318,9 +311,8 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
             const std::uint8_t laser = static_cast<std::uint8_t>(laser_id < 0 || laser_id >= 8 ? 0 : laser_id);
             forEachFrameRecord(
                 frame, partition, vector_units, [&](std::int32_t e, std::size_t first, std::size_t count) {
-                    const std::int32_t block = entries[e].value.id;  // counted above: a block of the run
-                    RawPointWithHash* to = lists[static_cast<std::size_t>(block)]->data() + place[block];
-                    place[block] += static_cast<std::int64_t>(count);
+                    RawPointWithHash* to = lists[static_cast<std::size_t>(e)]->data() + place[e];
+                    place[e] += static_cast<std::int64_t>(count);
                     std::int32_t words = 0;
                     for (std::size_t i = first; i < first + count; ++i) {
                         RawPointWithHash point =
@@ -329,7 +321,7 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
                         *to++ = point;
                         words |= point.w;
                     }
-                    word[block] |= words;
+                    word[e] |= words;
                 });
             const std::uint64_t bytes = frame.xyz.size() * (sizeof(Vec3f) * 2 + sizeof(std::int32_t));
             m_waiting_frames[f].reset();
@@ -339,11 +331,11 @@ int Portioner::partitionWaitingFramesOnHost(float block_res, float ext_res) {
         }
     }
     stopPoint();
-    for (std::size_t block = 0; block < blocks; ++block) {
-        if (lists[block] == nullptr) continue;
+    for (std::size_t e = 0; e < table; ++e) {
+        if (lists[e] == nullptr) continue;
         std::int32_t word = 0;
-        for (std::size_t s = 0; s < share_count; ++s) word |= words[s * blocks + block];
-        m_point_cloud_blocks[block]->flags |= word;
+        for (std::size_t s = 0; s < share_count; ++s) word |= words[s * table + e];
+        m_point_cloud_blocks[static_cast<std::size_t>(entries[e].value.id)]->flags |= word;
     }
     return 0;
 }
