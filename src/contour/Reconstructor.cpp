@@ -67,34 +67,41 @@ constexpr int ROOT_NEIGHBOURS[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0
 void joinPieces(std::vector<MeshPart>& pieces, MultiMeshData& mesh, const double* offset) {
     std::vector<std::size_t> first(pieces.size() + 1, 0);
     for (std::size_t i = 0; i < pieces.size(); ++i) first[i + 1] = first[i] + pieces[i].mesh.xyz.size();
-    const std::size_t triangles = first.back();
     std::vector<TriangleXYZ>().swap(mesh.xyz);
     std::vector<TriangleW>().swap(mesh.w);
-    mesh.xyz.reserve(triangles);
-    mesh.w.reserve(triangles);
-    // A fresh array's pages would be faulted in one at a time by the thread that zeroes it.
+    mesh.xyz.reserve(first.back());
+    mesh.w.reserve(first.back());
+    // A few megabytes of pieces at a time: their place in the mesh backed by all threads (a fresh array's
+    // pages would be faulted in one at a time by the thread that zeroes them), then copied on all cores
+    // and let go, so that the mesh and its pieces are held together only that far.
+    constexpr std::size_t GROUP_TRIANGLES = (std::size_t{8} << 20) / (sizeof(TriangleXYZ) + sizeof(TriangleW));
+    for (std::size_t from = 0; from < pieces.size();) {
+        std::size_t to = from + 1;
+        while (to < pieces.size() && first[to + 1] - first[from] <= GROUP_TRIANGLES) ++to;
 #pragma omp parallel
-    {
-        const int part = omp_get_thread_num(), parts = omp_get_num_threads();
-        populatePagesWithin(mesh.xyz.data(), mesh.xyz.data() + triangles, part, parts);
-        populatePagesWithin(mesh.w.data(), mesh.w.data() + triangles, part, parts);
-    }
-    mesh.xyz.resize(triangles);
-    mesh.w.resize(triangles);
-    const std::int64_t count = static_cast<std::int64_t>(pieces.size());
+        {
+            const int part = omp_get_thread_num(), parts = omp_get_num_threads();
+            populatePagesWithin(mesh.xyz.data() + first[from], mesh.xyz.data() + first[to], part, parts);
+            populatePagesWithin(mesh.w.data() + first[from], mesh.w.data() + first[to], part, parts);
+        }
+        mesh.xyz.resize(first[to]);
+        mesh.w.resize(first[to]);
+        const std::int64_t end = static_cast<std::int64_t>(to);
 #pragma omp parallel for schedule(dynamic, 1)
-    for (std::int64_t i = 0; i < count; ++i) {
-        MultiMeshData& piece = pieces[static_cast<std::size_t>(i)].mesh;
-        TriangleXYZ* to = mesh.xyz.data() + first[static_cast<std::size_t>(i)];
-        if (offset != nullptr)
-            for (std::size_t t = 0; t < piece.xyz.size(); ++t)
-                for (int v = 0; v < 9; ++v)
-                    to[t].xyz[v] = static_cast<float>(static_cast<double>(piece.xyz[t].xyz[v]) + offset[v % 3]);
-        else
-            std::copy(piece.xyz.begin(), piece.xyz.end(), to);
-        std::copy(piece.w.begin(), piece.w.end(), mesh.w.data() + first[static_cast<std::size_t>(i)]);
-        std::vector<TriangleXYZ>().swap(piece.xyz);
-        std::vector<TriangleW>().swap(piece.w);
+        for (std::int64_t i = static_cast<std::int64_t>(from); i < end; ++i) {
+            MultiMeshData& piece = pieces[static_cast<std::size_t>(i)].mesh;
+            TriangleXYZ* out = mesh.xyz.data() + first[static_cast<std::size_t>(i)];
+            if (offset != nullptr)
+                for (std::size_t t = 0; t < piece.xyz.size(); ++t)
+                    for (int v = 0; v < 9; ++v)
+                        out[t].xyz[v] = static_cast<float>(static_cast<double>(piece.xyz[t].xyz[v]) + offset[v % 3]);
+            else
+                std::copy(piece.xyz.begin(), piece.xyz.end(), out);
+            std::copy(piece.w.begin(), piece.w.end(), mesh.w.data() + first[static_cast<std::size_t>(i)]);
+            std::vector<TriangleXYZ>().swap(piece.xyz);
+            std::vector<TriangleW>().swap(piece.w);
+        }
+        from = to;
     }
     pieces.clear();
 }
@@ -182,15 +189,21 @@ int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector
               [](const std::pair<BlockKey, std::int32_t>& a, const std::pair<BlockKey, std::int32_t>& b) {
                   return a.first < b.first;
               });
-    // A split root goes out as nine pieces of work, its eight children and then what lies between them
-    // with its seams; a root that is a leaf as one. Each piece's triangles go into a mesh of its own, so
-    // that they follow the keys, and within a root the walk's order, whatever the number of workers, while
-    // the pieces, which differ much in size, go to the workers as they come free.
-    constexpr int BETWEEN_AND_SEAMS = 8;
-    std::vector<std::pair<std::int32_t, int>> work;  // (index in the walk list, octant or BETWEEN_AND_SEAMS)
-    work.reserve(walk_list.size() * 9);
+    // Each piece of work's triangles go into a mesh of its own, so that they follow the keys, and within a
+    // root the walk's order, whatever the number of workers, while the pieces, which differ much in size,
+    // go to the workers as they come free. Where the roots are few beside the workers (a scan of a few
+    // large blocks would end on one core), a split root goes out as nine pieces: its eight children, then
+    // what lies between them with its seams. Otherwise, and for a root that is a leaf, a root is one piece.
+    constexpr int WHOLE_ROOT = -1, BETWEEN_AND_SEAMS = 8;
+    const bool split_roots = walk_list.size() < 8 * static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+    std::vector<std::pair<std::int32_t, int>> work;  // (index in the walk list, WHOLE_ROOT, octant or the rest)
+    work.reserve(walk_list.size() * (split_roots ? 9 : 1));
     for (std::size_t w = 0; w < walk_list.size(); ++w) {
         const CellNode* root = roots->get(walk_list[w].second)->root_cell;
+        if (!split_roots) {
+            work.emplace_back(static_cast<std::int32_t>(w), WHOLE_ROOT);
+            continue;
+        }
         if (DualOctreeTraversal<DualCubeContour<TriangleSink>>::split(root))
             for (int o = 0; o < 8; ++o) work.emplace_back(static_cast<std::int32_t>(w), o);
         work.emplace_back(static_cast<std::int32_t>(w), BETWEEN_AND_SEAMS);
@@ -218,11 +231,13 @@ int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector
         try {
             using Walk = DualOctreeTraversal<DualCubeContour<TriangleSink>>;
             Walk walk(contour);
-            if (piece != BETWEEN_AND_SEAMS) {
+            if (piece != WHOLE_ROOT && piece != BETWEEN_AND_SEAMS) {
                 walk.visitCell(Walk::at(root, piece));
                 continue;
             }
-            if (Walk::split(root)) {
+            if (piece == WHOLE_ROOT) {
+                walk.visitCell(root);
+            } else if (Walk::split(root)) {
                 const CellNode* children[8];
                 for (int o = 0; o < 8; ++o) children[o] = Walk::at(root, o);
                 walk.visitBetweenChildren(children);
