@@ -240,13 +240,13 @@ void Portioner::reserveBlockPoints(const BlockSlot* entries, std::uint64_t entry
     if (m_waiting_frames.empty()) return;
     try {
         // Frames of the same points differ in what they cost (the margins, the pages they fault in): up to
-        // four shares a thread, handed out as the threads come free, keep one from ending long after the
+        // eight shares a thread, handed out as the threads come free, keep one from ending long after the
         // other. A share's counts, places and words take 20 bytes a table slot: more shares than one a
         // thread only while those stay within FRAME_SHARE_TABLE_BYTES.
         const std::uint64_t threads = static_cast<std::uint64_t>(std::max(1, omp_get_max_threads()));
         const std::uint64_t affordable = FRAME_SHARE_TABLE_BYTES / (std::max<std::uint64_t>(1, entry_count) * 20);
         m_frame_shares =
-            frameShares(m_waiting_frames, static_cast<int>(std::max(threads, std::min(4 * threads, affordable))));
+            frameShares(m_waiting_frames, static_cast<int>(std::max(threads, std::min(8 * threads, affordable))));
         countBlockRecords(m_waiting_frames, m_frame_shares, entries, entry_count, mask, block_res,
                           block_res * 0.5f + ext_res, m_share_counts);
         const std::size_t table = static_cast<std::size_t>(entry_count);
