@@ -539,6 +539,53 @@ TEST_F(CellsTest, FineBinsVisitEachInnerTargetOnce) {
     for (const CellNode_Device& record : result->cell_nodes) EXPECT_FLOAT_EQ(record.half_size, 0.125f);
 }
 
+TEST_F(CellsTest, MixedScalesMakeTheSameRecordsOnAnyTeam) {
+    // Bins of several scales: the walk over all bins runs beside the searches of the records it has made
+    // so far, and every record, its points and its relations come out the same, byte for byte, whatever
+    // the team.
+    std::vector<BinsHeader> bins = distinctBins(21, 600, 60, 5, 30);
+    for (std::size_t i = 0; i < bins.size(); ++i) {
+        if (i % 7 == 3) {
+            bins[i].bin_sub_scale = 16;
+            bins[i].occupancy[0] = 1;
+            bins[i].occupancy[5] = 1;
+        } else if (i % 13 == 6) {
+            bins[i].bin_sub_scale = 64;
+            bins[i].occupancy[0] = 0x8001;
+            bins[i].occupancy[7] = std::uint64_t{1} << 63;
+        } else if (i % 11 == 2) {
+            bins[i].bin_sub_scale = 4;
+        }
+    }
+    const int threads = omp_get_max_threads();
+    std::vector<CellNode_Device> first;
+    std::vector<RelationCell2Bins_Device> first_relations;
+    for (const int team : {1, 2, 5}) {
+        omp_set_num_threads(team);
+        setUpStage(stage, 1000);  // a fresh octree
+        const auto made = cells(bins);
+        ASSERT_GT(made->cell_node_size.load(), 600 * 27 / 4) << team << " threads";
+        std::vector<CellNode_Device> records = withoutCells(made->cell_nodes);
+        records.resize(static_cast<std::size_t>(made->cell_node_size.load()));
+        std::vector<RelationCell2Bins_Device> relations = listOf(made->relations);
+        relations.resize(static_cast<std::size_t>(made->relation_size.load()));
+        if (team == 1) {
+            first = records;
+            first_relations = relations;
+            continue;
+        }
+        ASSERT_EQ(records.size(), first.size()) << team << " threads";
+        EXPECT_EQ(std::memcmp(records.data(), first.data(), first.size() * sizeof(CellNode_Device)), 0)
+            << team << " threads";
+        ASSERT_EQ(relations.size(), first_relations.size()) << team << " threads";
+        EXPECT_EQ(std::memcmp(relations.data(), first_relations.data(),
+                              first_relations.size() * sizeof(RelationCell2Bins_Device)),
+                  0)
+            << team << " threads";
+    }
+    omp_set_num_threads(threads);
+}
+
 // A block whose bins all ask for the default scale finds its cells' first visitors all at once; a block
 // with one other code walks every bin in order. The same bins must give the same records either way, and
 // the records must follow the order of first visits in bin order, each with its first visitor's word.

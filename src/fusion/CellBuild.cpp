@@ -12,6 +12,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -19,6 +20,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <stdexcept>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
@@ -218,6 +221,11 @@ public:
     bool findFirstVisits();
     // The walk over all bins in bin order, each visiting the cells of its scale.
     void walkBinsInOrder();
+    // More than one scale: the walk over all bins on one thread while the others search the records it
+    // has made so far, each record's search once, as searchByRecord makes it. False, with nothing done,
+    // where the room for the most records the walk can make is not there: the walk and the searches then
+    // take their turns.
+    bool walkAndSearchRecords();
     // What the searches read of the bins, and their output emptied.
     void prepareSearches();
     // One scale: the walk of the first visits, with the searches of their cells beside it. False where the
@@ -342,6 +350,8 @@ private:
     std::vector<std::int64_t> visit_start;  // per bin, its first visits' place among all
     std::int64_t visits = 0;
     bool one_record_a_visit = true;
+    // While the searches run beside the walk: the records whose pending searches are there to read.
+    std::atomic<std::int64_t>* published = nullptr;
     // For records that absorbed others or moved on: the searches whose relations they take.
     std::unordered_map<std::int32_t, std::vector<std::int32_t>> moved_lists;
 };
@@ -394,7 +404,12 @@ void MarchingCubes::CellBuild::makeRecord(CellNode* leaf, const float pos[3], st
         records.push_back(record);
         PendingSearch p = search;
         for (int k = 0; k < 3; ++k) p.pos[k] = pos[k];
+        // While searches read the pending ones, the array has room for all the walk can make.
+        if (published != nullptr && pending.size() == pending.capacity())
+            throw std::length_error("more records than a walk over the block can make");
         pending.push_back(p);
+        if (published != nullptr)
+            published->store(static_cast<std::int64_t>(pending.size()), std::memory_order_release);
     } catch (const std::bad_alloc&) {
         // No room for the record: the block fails (a cell left out would leave a hole unsaid).
         if (records.size() > static_cast<std::size_t>(index)) records.pop_back();
@@ -906,6 +921,107 @@ void MarchingCubes::CellBuild::searchByRecord() {
     search_failure.rethrow();
 }
 
+// ---- More than one scale: the walk over all bins and the searches of its records side by side ----
+//
+// The records' pending searches go into an array with room for the most the walk can make, so that it is
+// never moved while the searches read it; each search writes only its own record's entries, and the
+// records take the points found once the team has ended.
+
+namespace {
+
+// The most cells a bin of this scale visits: 27 around it, or for finer bins 27 around each occupied
+// sub-cell, never more than the sub-cells of the bin and a ring around them.
+std::size_t mostVisitsOf(const BinsHeader& bin) {
+    std::uint8_t scale = static_cast<std::uint8_t>(bin.bin_sub_scale);
+    if (scale != 16 && scale != 32 && scale != 64) return 27;
+    const std::size_t per_axis = scale / 8, cells = per_axis * per_axis * per_axis;
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(bin.occupancy);
+    std::size_t occupied = 0;
+    for (std::size_t i = 0; i < cells; ++i)
+        occupied += scale == 16   ? bin.occupancy[i] != 0
+                    : scale == 32 ? bytes[i] != 0
+                                  : ((bin.occupancy[i / 64] >> (i % 64)) & 1u) != 0;
+    return std::min(27 * occupied, (per_axis + 2) * (per_axis + 2) * (per_axis + 2));
+}
+
+constexpr std::size_t MOST_SIDE_BY_SIDE_RECORDS = std::size_t{1} << 26;
+
+}  // namespace
+
+bool MarchingCubes::CellBuild::walkAndSearchRecords() {
+    std::size_t most = pending.size();
+    for (const BinsHeader& bin : bins_header) most += mostVisitsOf(bin);
+    if (most > MOST_SIDE_BY_SIDE_RECORDS) return false;
+    UninitialisedArray<std::int32_t>& found = buffers.found;
+    UninitialisedArray<std::int64_t>& found_at = buffers.found_at;
+    UninitialisedArray<std::uint16_t>& found_by = buffers.found_by;
+    try {
+        pending.reserve(most);
+        found.resize(most);
+        found_at.resize(most);
+        found_by.resize(most);
+        buffers.visit_points.resize(most);
+        buffers.visit_widened.resize(most);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    prepareSearches();
+    const std::int64_t before = static_cast<std::int64_t>(pending.size());
+    std::atomic<std::int64_t> made{before};
+    std::atomic<bool> walked{false};
+    std::atomic<std::int64_t> next{0};
+    const PendingSearch* searches = pending.data();  // never moved: its room is there
+    TeamFailure failure;
+    published = &made;
+#pragma omp parallel
+    {
+#pragma omp single nowait
+        {
+            failure.run([&] { walkBinsInOrder(); });
+            walked.store(true, std::memory_order_release);
+        }
+        const int thread = omp_get_thread_num();
+        UninitialisedArray<RelationCell2Bins_Device>& list = buffers.lists[static_cast<std::size_t>(thread)];
+        constexpr std::int64_t CHUNK = 64;
+        for (bool more = true; more && !failure.failed();) {
+            const std::int64_t first = next.fetch_add(CHUNK, std::memory_order_relaxed);
+            for (std::int64_t i = first; i < first + CHUNK && !failure.failed(); ++i) {
+                // Wait for the walk to make record i, or to end without it.
+                std::int64_t ready = made.load(std::memory_order_acquire);
+                while (i >= ready && !walked.load(std::memory_order_acquire)) {
+                    std::this_thread::yield();
+                    ready = made.load(std::memory_order_acquire);
+                }
+                if (i >= ready) ready = made.load(std::memory_order_acquire);
+                if (i >= ready) {
+                    more = false;
+                    break;
+                }
+                failure.run([&] {
+                    const std::size_t start = list.size();
+                    const auto result = search(searches[static_cast<std::size_t>(i)],
+                                               [&list](const RelationCell2Bins_Device& run) { list.push_back(run); });
+                    buffers.visit_points[static_cast<std::size_t>(i)] = result.first;
+                    buffers.visit_widened[static_cast<std::size_t>(i)] = result.second ? 1 : 0;
+                    found[static_cast<std::size_t>(i)] = static_cast<std::int32_t>(list.size() - start);
+                    found_at[static_cast<std::size_t>(i)] = static_cast<std::int64_t>(start);
+                    found_by[static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(thread);
+                });
+            }
+        }
+    }
+    published = nullptr;
+    failure.rethrow();
+    const std::int64_t n = static_cast<std::int64_t>(records.size());
+#pragma omp parallel for schedule(static)
+    for (std::int64_t i = 0; i < n; ++i) {
+        CellNode_Device& record = records[static_cast<std::size_t>(i)];
+        record.point_count += buffers.visit_points[static_cast<std::size_t>(i)];
+        if (buffers.visit_widened[static_cast<std::size_t>(i)] != 0) record.rules |= CELL_WIDENED_SEARCH;
+    }
+    return true;
+}
+
 // ---- One scale: the walk of the first visits and their searches side by side ----
 //
 // The walk makes the records in the order of the first visits, so the searches need not wait for it. One
@@ -1261,10 +1377,12 @@ int MarchingCubes::buildOctreeAndRelations(const PointCloudBlock& block, const s
     }
     CellBuild build(*this, bins_header, *root);
     const bool one_scale = build.findFirstVisits();
-    if (!one_scale) build.walkBinsInOrder();
-    build.prepareSearches();
-    const bool searched = one_scale && build.walkAndSearchFirstVisits();
-    if (!searched) build.searchByRecord();
+    if (one_scale || !build.walkAndSearchRecords()) {
+        if (!one_scale) build.walkBinsInOrder();
+        build.prepareSearches();
+        const bool searched = one_scale && build.walkAndSearchFirstVisits();
+        if (!searched) build.searchByRecord();
+    }
     build.applyAbsorptions();
     return build.flatten(cell_node_and_relations);
 }
