@@ -418,30 +418,50 @@ struct CellScratch {
                        const PointColumns& columns) {
         // The cell's point count is what its relations hold: room for that first, more where a list says so.
         roomFor(cell.point_count > 0 ? static_cast<std::size_t>(cell.point_count) : 0);
-        // Eight points a copy, whatever the run holds: the columns and the scratch have room past their
-        // ends, the lanes past a run are overwritten by the next one, and the walks mask those past the last.
+        const int runs = std::min(cell.relation_count, relation_size - cell.relation_offset);
+        const RelationCell2Bins_Device* run = relations + cell.relation_offset;
         std::size_t m = 0;
-        const float* from[6] = {columns.x.data(),  columns.y.data(),  columns.z.data(),
-                                columns.nx.data(), columns.ny.data(), columns.nz.data()};
-        float* to[6] = {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data()};
-        for (int r = 0; r < cell.relation_count && cell.relation_offset + r < relation_size; ++r) {
-            const RelationCell2Bins_Device relation = relations[cell.relation_offset + r];
-            if (relation.count <= 0) continue;
-            if (x.size() < m + static_cast<std::size_t>(relation.count) + HOST_COLUMN_PADDING) {
-                roomFor(m + static_cast<std::size_t>(relation.count));
-                float* moved[6] = {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data()};
-                std::copy(moved, moved + 6, to);
-            }
-            for (int j = 0; j < relation.count; j += 8) {
-                const std::size_t i = static_cast<std::size_t>(relation.offset) + static_cast<std::size_t>(j);
-                const std::size_t k = m + static_cast<std::size_t>(j);
-                for (int c = 0; c < 6; ++c) _mm256_storeu_ps(to[c] + k, _mm256_loadu_ps(from[c] + i));
-                _mm256_storeu_si256(reinterpret_cast<__m256i*>(tag.data() + k),
-                                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns.tag.data() + i)));
-            }
-            m += static_cast<std::size_t>(relation.count);
+        for (int r = 0; r < runs;) {
+            r = copyRuns(run, r, runs, columns, m);
+            if (r < runs) roomFor(m + static_cast<std::size_t>(run[r].count));
         }
         return m;
+    }
+
+    // Copies runs from `r` on after the `m` points gathered, up to the first that has no room; returns
+    // where it stopped. Eight points a copy, whatever the run holds: the columns and the scratch have room
+    // past their ends, the lanes past a run are overwritten by the next one, and the walks mask those past
+    // the last. (Apart, as the copies' stores may alias anything: the pointers stay in registers.)
+    __attribute__((noinline)) int copyRuns(const RelationCell2Bins_Device* run, int r, int runs,
+                                           const PointColumns& columns, std::size_t& gathered) {
+        const float *const fx = columns.x.data(), *const fy = columns.y.data(), *const fz = columns.z.data();
+        const float *const fnx = columns.nx.data(), *const fny = columns.ny.data(), *const fnz = columns.nz.data();
+        const std::uint32_t* const ftag = columns.tag.data();
+        float *const tx = x.data(), *const ty = y.data(), *const tz = z.data();
+        float *const tnx = nx.data(), *const tny = ny.data(), *const tnz = nz.data();
+        std::uint32_t* const ttag = tag.data();
+        const std::size_t room = x.size() - HOST_COLUMN_PADDING;
+        std::size_t m = gathered;
+        for (; r < runs; ++r) {
+            const std::int32_t count = run[r].count;
+            if (count <= 0) continue;
+            if (m + static_cast<std::size_t>(count) > room) break;
+            const std::size_t from = static_cast<std::size_t>(run[r].offset);
+            for (std::size_t j = 0; j < static_cast<std::size_t>(count); j += 8) {
+                const std::size_t i = from + j, k = m + j;
+                _mm256_storeu_ps(tx + k, _mm256_loadu_ps(fx + i));
+                _mm256_storeu_ps(ty + k, _mm256_loadu_ps(fy + i));
+                _mm256_storeu_ps(tz + k, _mm256_loadu_ps(fz + i));
+                _mm256_storeu_ps(tnx + k, _mm256_loadu_ps(fnx + i));
+                _mm256_storeu_ps(tny + k, _mm256_loadu_ps(fny + i));
+                _mm256_storeu_ps(tnz + k, _mm256_loadu_ps(fnz + i));
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(ttag + k),
+                                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(ftag + i)));
+            }
+            m += static_cast<std::size_t>(count);
+        }
+        gathered = m;
+        return r;
     }
 
     ColumnView view() const { return {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data(), tag.data()}; }
