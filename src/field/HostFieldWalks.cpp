@@ -10,6 +10,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <mutex>
@@ -431,37 +432,39 @@ struct CellScratch {
     // Copies runs from `r` on after the `m` points gathered, up to the first that has no room; returns
     // where it stopped. Eight points a copy, whatever the run holds: the columns and the scratch have room
     // past their ends, the lanes past a run are overwritten by the next one, and the walks mask those past
-    // the last. (Apart, as the copies' stores may alias anything: the pointers stay in registers.)
+    // the last. The places first, then the normals and tags: the pointers of either pass stay in registers.
     __attribute__((noinline)) int copyRuns(const RelationCell2Bins_Device* run, int r, int runs,
                                            const PointColumns& columns, std::size_t& gathered) {
-        const float *const fx = columns.x.data(), *const fy = columns.y.data(), *const fz = columns.z.data();
-        const float *const fnx = columns.nx.data(), *const fny = columns.ny.data(), *const fnz = columns.nz.data();
-        const std::uint32_t* const ftag = columns.tag.data();
-        float *const tx = x.data(), *const ty = y.data(), *const tz = z.data();
-        float *const tnx = nx.data(), *const tny = ny.data(), *const tnz = nz.data();
-        std::uint32_t* const ttag = tag.data();
         const std::size_t room = x.size() - HOST_COLUMN_PADDING;
         std::size_t m = gathered;
-        for (; r < runs; ++r) {
-            const std::int32_t count = run[r].count;
+        int stop = r;
+        for (; stop < runs; ++stop) {
+            const std::int32_t count = run[stop].count;
             if (count <= 0) continue;
             if (m + static_cast<std::size_t>(count) > room) break;
-            const std::size_t from = static_cast<std::size_t>(run[r].offset);
-            for (std::size_t j = 0; j < static_cast<std::size_t>(count); j += 8) {
-                const std::size_t i = from + j, k = m + j;
-                _mm256_storeu_ps(tx + k, _mm256_loadu_ps(fx + i));
-                _mm256_storeu_ps(ty + k, _mm256_loadu_ps(fy + i));
-                _mm256_storeu_ps(tz + k, _mm256_loadu_ps(fz + i));
-                _mm256_storeu_ps(tnx + k, _mm256_loadu_ps(fnx + i));
-                _mm256_storeu_ps(tny + k, _mm256_loadu_ps(fny + i));
-                _mm256_storeu_ps(tnz + k, _mm256_loadu_ps(fnz + i));
-                _mm256_storeu_si256(reinterpret_cast<__m256i*>(ttag + k),
-                                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(ftag + i)));
-            }
             m += static_cast<std::size_t>(count);
         }
+        copyColumns<3>(run, r, stop, gathered, {columns.x.data(), columns.y.data(), columns.z.data()},
+                       {x.data(), y.data(), z.data()});
+        copyColumns<4>(run, r, stop, gathered,
+                       {columns.nx.data(), columns.ny.data(), columns.nz.data(),
+                        reinterpret_cast<const float*>(columns.tag.data())},
+                       {nx.data(), ny.data(), nz.data(), reinterpret_cast<float*>(tag.data())});
         gathered = m;
-        return r;
+        return stop;
+    }
+
+    template <int N>
+    static void copyColumns(const RelationCell2Bins_Device* run, int r, int stop, std::size_t m,
+                            const std::array<const float*, N> from, const std::array<float*, N> to) {
+        for (; r < stop; ++r) {
+            const std::int32_t count = run[r].count;
+            if (count <= 0) continue;
+            const std::size_t at = static_cast<std::size_t>(run[r].offset);
+            for (std::size_t j = 0; j < static_cast<std::size_t>(count); j += 8)
+                for (int c = 0; c < N; ++c) _mm256_storeu_ps(to[c] + m + j, _mm256_loadu_ps(from[c] + at + j));
+            m += static_cast<std::size_t>(count);
+        }
     }
 
     ColumnView view() const { return {x.data(), y.data(), z.data(), nx.data(), ny.data(), nz.data(), tag.data()}; }
