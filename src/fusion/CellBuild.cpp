@@ -696,6 +696,9 @@ void MarchingCubes::CellBuild::visitFineCells(const BinsHeader& bin, std::uint8_
 
 // ---- The neighbourhood searches ----
 
+// About the most relations the cells of a bin take (on scans of a surface some 30 to 70).
+constexpr std::size_t RELATIONS_A_BIN = 96;
+
 void MarchingCubes::CellBuild::prepareSearches() {
     wide_search_edge = mc.m_device_params->wide_search_edge;
     runs.resize(bins_header.size());
@@ -716,7 +719,13 @@ void MarchingCubes::CellBuild::prepareSearches() {
     std::vector<UninitialisedArray<RelationCell2Bins_Device>>& lists = buffers.lists;
     if (lists.size() < static_cast<std::size_t>(omp_get_max_threads()))
         lists.resize(static_cast<std::size_t>(omp_get_max_threads()));
-    for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) list.clear();
+    // Any thread's list may take most of the block's relations: room for that up front (address space
+    // only; a page is backed when first written), so that a growing list is not copied into fresh pages.
+    const std::size_t room = static_cast<std::size_t>(bin_count) * RELATIONS_A_BIN;
+    for (UninitialisedArray<RelationCell2Bins_Device>& list : lists) {
+        list.clear();
+        if (list.capacity() < room) UninitialisedArray<RelationCell2Bins_Device>().swap(list), list.reserve(room);
+    }
 }
 
 // One search: the points of the bins it found so far, what `take` is given, and the bin keys that it
