@@ -52,15 +52,19 @@ int MarchingCubes::prepareSimpleHash(const std::vector<BinsHeader>& bins_header)
 bool MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
     const std::int64_t count = static_cast<std::int64_t>(bins_header.size());
     if (count == 0) return false;
-    std::int32_t lo[3] = {INT32_MAX, INT32_MAX, INT32_MAX}, hi[3] = {INT32_MIN, INT32_MIN, INT32_MIN};
-    for (const BinsHeader& bin : bins_header) {
+    std::int32_t lo0 = INT32_MAX, lo1 = INT32_MAX, lo2 = INT32_MAX, hi0 = INT32_MIN, hi1 = INT32_MIN, hi2 = INT32_MIN;
+#pragma omp parallel for schedule(static) reduction(min : lo0, lo1, lo2) reduction(max : hi0, hi1, hi2)
+    for (std::int64_t i = 0; i < count; ++i) {
         std::int32_t key[3];
-        gridKey(bin.center, m_resolution, key);
-        for (int k = 0; k < 3; ++k) {
-            lo[k] = std::min(lo[k], key[k]);
-            hi[k] = std::max(hi[k], key[k]);
-        }
+        gridKey(bins_header[static_cast<std::size_t>(i)].center, m_resolution, key);
+        lo0 = std::min(lo0, key[0]);
+        lo1 = std::min(lo1, key[1]);
+        lo2 = std::min(lo2, key[2]);
+        hi0 = std::max(hi0, key[0]);
+        hi1 = std::max(hi1, key[1]);
+        hi2 = std::max(hi2, key[2]);
     }
+    const std::int32_t lo[3] = {lo0, lo1, lo2}, hi[3] = {hi0, hi1, hi2};
     std::int64_t bits = 64;
     for (int k = 0; k < 3; ++k) {
         m_bitmap_min[k] = lo[k];
@@ -69,7 +73,9 @@ bool MarchingCubes::buildBinBitmap(const std::vector<BinsHeader>& bins_header) {
         if (bits > BIN_BITMAP_MAX_BITS) return false;
     }
     const std::int64_t words = bits / 64;
-    m_bin_bitmap.assign(static_cast<std::size_t>(words), 0);
+    m_bin_bitmap.resize(static_cast<std::size_t>(words));
+#pragma omp parallel for schedule(static)
+    for (std::int64_t w = 0; w < words; ++w) m_bin_bitmap[static_cast<std::size_t>(w)] = 0;
     const auto bitOf = [this](const std::int32_t key[3]) { return binBit(key[0], key[1], key[2]); };
 #pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < count; ++i) {

@@ -1302,17 +1302,22 @@ std::int64_t MarchingCubes::CellBuild::relationOffsets(std::int64_t n) {
     offsets.clear();
     offsets.resize(static_cast<std::size_t>(n) + 1);
     offsets[0] = 0;
+    // Each record's count on all cores (the moved lists are only read), then their running sum.
+    const bool moved = !moved_lists.empty();
+#pragma omp parallel for schedule(static)
     for (std::int64_t i = 0; i < n; ++i) {
         std::int64_t k = 0;
-        const auto it = moved_lists.find(static_cast<std::int32_t>(i));
+        const auto it = moved ? moved_lists.find(static_cast<std::int32_t>(i)) : moved_lists.end();
         if (it == moved_lists.end()) {
             k = buffers.found[static_cast<std::size_t>(i)];
         } else {
             for (std::int32_t s : it->second) k += buffers.found[static_cast<std::size_t>(s)];
         }
         const bool kept = records[static_cast<std::size_t>(i)].point_count >= 1 && k >= 1;
-        offsets[static_cast<std::size_t>(i) + 1] = offsets[static_cast<std::size_t>(i)] + (kept ? k : 0);
+        offsets[static_cast<std::size_t>(i) + 1] = kept ? k : 0;
     }
+    for (std::int64_t i = 0; i < n; ++i)
+        offsets[static_cast<std::size_t>(i) + 1] += offsets[static_cast<std::size_t>(i)];
     return offsets.back();
 }
 

@@ -182,7 +182,7 @@ private:
     bool m_keep_last_cells = false;
     // Occupied bin keys over the bounding box of the block's bins, the count of occupied keys before
     // each word, and the bin of each occupied key in that order; a hash table where the box is too big.
-    std::vector<std::uint64_t> m_bin_bitmap;
+    UninitialisedArray<std::uint64_t> m_bin_bitmap;  // zeroed on all cores before each block
     std::vector<std::int32_t> m_bitmap_rank;
     std::vector<std::int32_t> m_rank_to_bin;
     std::int32_t m_bitmap_min[3] = {0, 0, 0};
