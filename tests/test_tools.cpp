@@ -256,6 +256,63 @@ TEST(PointCloudFiles, FourByteValuesReadTheSameInEitherByteOrderAndBesideOtherSi
     }
 }
 
+TEST(PointCloudFiles, FloatPointsReadTheSameInEitherByteOrder) {
+    // Little-endian points of float coordinates and normals and a four-byte word take their own way past the
+    // doubles of the general decoder (which reads the big-endian copy): every point, normal and word must
+    // come out with the same bits, the same ones left out, on one core and several (beyond 4,096 records a
+    // piece is decoded on all cores).
+    const float nan = std::nanf(""), inf = INFINITY;
+    for (const char* word_type : {"int", "uint", "float", ""}) {
+        for (const bool normals : {true, false}) {
+            std::vector<tessaline_tools::PointCloudReadInfo> infos(2);
+            std::vector<std::shared_ptr<FrameDataWithInfo>> frames(2);
+            for (const bool big : {false, true}) {
+                const std::string path = tempPath(big ? "float_points_big.ply" : "float_points_little.ply");
+                {
+                    std::ofstream out(path, std::ios::binary);
+                    out << "ply\nformat " << (big ? "binary_big_endian" : "binary_little_endian") << " 1.0\n"
+                        << "element vertex 9001\nproperty uchar quality\nproperty float z\nproperty float x\n"
+                        << "property float y\n";
+                    if (normals) out << "property float nx\nproperty float ny\nproperty float nz\n";
+                    if (*word_type != '\0') out << "property " << word_type << " w\n";
+                    out << "end_header\n";
+                    for (int i = 0; i < 9001; ++i) {
+                        out.put(static_cast<char>(i));
+                        const float x = i % 997 == 5 ? nan : 0.37f * static_cast<float>(i) - 1000.0f;
+                        put(out, i % 1009 == 7 ? inf : 1.0f / static_cast<float>(i + 3), big);  // z
+                        put(out, x, big);
+                        put(out, -3.3e-5f * static_cast<float>(i * i % 7919), big);  // y
+                        if (normals) {
+                            const float n[3] = {i % 3 == 0 ? 0.0f : 0.1f * static_cast<float>(i % 17),
+                                                i % 2 == 0 ? -2.5f : 1e-20f, i % 1013 == 9 ? nan : 0.7f};
+                            for (float v : i % 991 == 3 ? std::vector<float>{0, 0, 0} : std::vector<float>(n, n + 3))
+                                put(out, v, big);
+                        }
+                        const std::string type = word_type;
+                        if (type == "int")
+                            put(out, static_cast<std::int32_t>(i * 48271 - (i % 5 == 0 ? INT32_MAX : 0)), big);
+                        if (type == "uint") put(out, static_cast<std::uint32_t>(i) * 2654435761u, big);
+                        if (type == "float")
+                            put(out, i % 4 == 0 ? 3e9f : (i % 4 == 1 ? nan : -0.75f * static_cast<float>(i)), big);
+                    }
+                }
+                tessaline_tools::FrameExtras extras;  // a file without normals is read too
+                frames[big] = tessaline_tools::readPlyPointCloud(path, 1.7f, 16, infos[big], &extras);
+                EXPECT_EQ(extras.normals, normals);
+            }
+            const std::string what = std::string(word_type) + (normals ? " with normals" : " without normals");
+            ASSERT_EQ(frames[0]->xyz.size(), frames[1]->xyz.size()) << what;
+            EXPECT_GT(infos[0].dropped, 0u) << what;  // the NaN and infinite points, and the empty normals
+            EXPECT_EQ(infos[0].dropped, infos[1].dropped) << what;
+            EXPECT_EQ(infos[0].dropped + frames[0]->xyz.size(), 9001u) << what;
+            const std::size_t n = frames[0]->xyz.size();
+            EXPECT_EQ(std::memcmp(frames[0]->xyz.data(), frames[1]->xyz.data(), n * sizeof(Vec3f)), 0) << what;
+            EXPECT_EQ(std::memcmp(frames[0]->nor.data(), frames[1]->nor.data(), n * sizeof(Vec3f)), 0) << what;
+            EXPECT_EQ(std::memcmp(frames[0]->w.data(), frames[1]->w.data(), n * sizeof(std::int32_t)), 0) << what;
+        }
+    }
+}
+
 TEST(PointCloudFiles, FramesWrittenAsOnePointListReadBackInOrder) {
     // 70,000 points in frames of different sizes (one empty): more than the writer's buffer holds, and
     // not a whole number of buffers, so the last part of the file is written after the loop.

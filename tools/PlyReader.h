@@ -88,6 +88,13 @@ public:
     template <class Sink>
     void readRecords(const PlyElement& element, Sink&& sink);
 
+    // The records of `element` as they lie in a binary little-endian file, a piece at a time on the calling
+    // thread: sink(first, count, data) for `count` whole records of element.record_bytes bytes from
+    // `data`, in file order. False, with nothing read, for an ASCII or big-endian file or an element with
+    // lists, which readScalars reads.
+    template <class Sink>
+    bool readLittleEndianPieces(const PlyElement& element, Sink&& sink);
+
 private:
     void endElement() {
         ++m_current;
@@ -226,6 +233,20 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
         done(first, static_cast<long>(n));
         donePiece(element, piece);
     }
+}
+
+template <class Sink>
+bool PlyReader::readLittleEndianPieces(const PlyElement& element, Sink&& sink) {
+    if (m_format != Format::BinaryLittle) return false;
+    for (const PlyProperty& p : element.properties)
+        if (p.list) return false;
+    begin(element);
+    Piece piece;
+    while (nextPiece(element, piece) > 0) {
+        sink(m_record, piece.records, static_cast<const char*>(piece.data));
+        donePiece(element, piece);
+    }
+    return true;
 }
 
 template <class Sink>

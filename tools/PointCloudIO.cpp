@@ -105,6 +105,79 @@ struct PointDecoder {
     }
 };
 
+// Where a record's fields lie when the coordinates and normals are floats and the word a value of four
+// bytes (the binary point clouds that scanners write), for reading without a double for every value.
+struct FourByteFields {
+    std::size_t xyz[3] = {0, 0, 0}, normal[3] = {0, 0, 0}, word = 0;
+    char word_kind = 'i';
+    bool normals = false, words = false;
+};
+
+// The fields' places, or false where a coordinate or normal is not a float or the word not of four bytes.
+bool fourByteFields(const PlyElement& vertex, const PointColumns& c, FourByteFields& f) {
+    const auto property = [&](int column) -> const PlyProperty& {
+        return vertex.properties[static_cast<std::size_t>(column)];
+    };
+    const auto isFloat = [&](int column) { return property(column).kind == 'f' && property(column).size == 4; };
+    for (int k = 0; k < 3; ++k) {
+        if (!isFloat(c.xyz[k])) return false;
+        f.xyz[k] = property(c.xyz[k]).offset;
+    }
+    f.normals = c.at_normal >= 0;
+    for (int k = 0; k < 3 && f.normals; ++k) {
+        if (!isFloat(c.normal[k])) return false;
+        f.normal[k] = property(c.normal[k]).offset;
+    }
+    f.words = c.at_word >= 0;
+    if (f.words) {
+        if (property(c.word).size != 4) return false;
+        f.word = property(c.word).offset;
+        f.word_kind = property(c.word).kind;
+    }
+    return true;
+}
+
+double floatAt(const char* bytes) {
+    float value;
+    std::memcpy(&value, bytes, sizeof(value));
+    return value;
+}
+
+// PointDecoder's reading of `count` records from `data` into the points from `first` on, with the same
+// arithmetic on the same doubles: the same points. True where one is left out (marked as readPoints does).
+bool decodeFourByteRecords(const char* data, std::size_t record_bytes, std::size_t count, std::size_t first,
+                           const FourByteFields& f, float scale, int scale_code, FrameDataWithInfo& frame) {
+    bool dropped = false;
+    for (std::size_t r = 0; r < count; ++r) {
+        const char* record = data + r * record_bytes;
+        const double p[3] = {floatAt(record + f.xyz[0]), floatAt(record + f.xyz[1]), floatAt(record + f.xyz[2])};
+        bool usable = std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
+        double q[3] = {0.0, 0.0, 0.0}, length = 0.0;
+        if (f.normals) {
+            for (int k = 0; k < 3; ++k) q[k] = floatAt(record + f.normal[k]);
+            length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2]);
+            usable = usable && length > 0 && std::isfinite(q[0]) && std::isfinite(q[1]) && std::isfinite(q[2]);
+        }
+        const std::size_t i = first + r;
+        if (!usable) {
+            frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
+            dropped = true;
+            continue;
+        }
+        frame.xyz[i] = {toFloat(p[0] * scale), toFloat(p[1] * scale), toFloat(p[2] * scale)};
+        if (f.normals)
+            frame.nor[i] = {toFloat(q[0] / length), toFloat(q[1] / length), toFloat(q[2] / length)};
+        else
+            frame.nor[i] = {0.0f, 0.0f, 0.0f};
+        const double word = f.words ? decodeFour(record + f.word, f.word_kind) : scale_code;
+        frame.w[i] = std::isfinite(word) && std::fabs(word) < 2147483648.0 ? static_cast<std::int32_t>(word) : 0;
+    }
+    return dropped;
+}
+
+// Records of a large piece are decoded on all cores, a few thousand a chunk.
+constexpr std::size_t DECODE_CHUNK = 4096;
+
 // The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
 // the decoder leaves out are then left out and counted.
 void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c, float scale, int scale_code,
@@ -116,13 +189,31 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c,
     const PointDecoder decode(vertex, c, scale, scale_code, colours != nullptr);
     if (decode.coloured) colours->resize(n);
     std::atomic<bool> any_dropped(false);
-    ply.readScalars(vertex, c.columns, [&](long record, const double* p) {
-        const std::size_t i = static_cast<std::size_t>(record);
-        if (!decode(p, frame.xyz[i], frame.nor[i], frame.w[i], decode.coloured ? &(*colours)[i] : nullptr)) {
-            frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
-            any_dropped.store(true, std::memory_order_relaxed);
-        }
-    });
+    FourByteFields fields;
+    const bool four_bytes = !decode.coloured && fourByteFields(vertex, c, fields);
+    const bool read =
+        four_bytes && ply.readLittleEndianPieces(vertex, [&](long first, std::size_t count, const char* data) {
+            const std::int64_t chunks = static_cast<std::int64_t>((count + DECODE_CHUNK - 1) / DECODE_CHUNK);
+            bool dropped = false;
+#pragma omp parallel for schedule(static) reduction(|| : dropped) if (chunks > 1)
+            for (std::int64_t k = 0; k < chunks; ++k) {
+                const std::size_t from = static_cast<std::size_t>(k) * DECODE_CHUNK;
+                dropped =
+                    decodeFourByteRecords(data + from * vertex.record_bytes, vertex.record_bytes,
+                                          std::min(DECODE_CHUNK, count - from), static_cast<std::size_t>(first) + from,
+                                          fields, scale, scale_code, frame) ||
+                    dropped;
+            }
+            if (dropped) any_dropped.store(true, std::memory_order_relaxed);
+        });
+    if (!read)
+        ply.readScalars(vertex, c.columns, [&](long record, const double* p) {
+            const std::size_t i = static_cast<std::size_t>(record);
+            if (!decode(p, frame.xyz[i], frame.nor[i], frame.w[i], decode.coloured ? &(*colours)[i] : nullptr)) {
+                frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
+                any_dropped.store(true, std::memory_order_relaxed);
+            }
+        });
     if (!any_dropped.load()) return;
     // Scaled coordinates of a usable point are finite or infinite, never NaN: the mark is unambiguous.
     std::size_t kept = 0;
