@@ -32,7 +32,6 @@ int computeFieldOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells
         return TESSALINE_OUT_OF_MEMORY;
     }
     VoxelFieldCenter* centres = centre_array.data();
-    std::fill(centres, centres + n, VoxelFieldCenter{});
     if (hostFieldWalksAvailable()) {
         bool columns = true;
         try {
@@ -52,6 +51,7 @@ int computeFieldOnHost(const PointCloudBlock& block, CellNodeAndRelations& cells
         }
     }
     launchCellKernelOnHost(static_cast<std::size_t>(n), [&](std::size_t i) {
+        centres[i] = VoxelFieldCenter{};
         computeInitNormal(nodes[i], relations, relation_size, points, *params);
         computeFineNormal(nodes[i], relations, relation_size, points, *params, centres[i]);
         computeFieldData(nodes[i], relations, relation_size, points, *params, centres[i]);

@@ -1009,7 +1009,8 @@ void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const Relati
         // Cells differ by orders of magnitude in their points: small chunks, handed out as the cores come free.
 #pragma omp for schedule(dynamic, 32)
         for (std::int64_t i = 0; i < count; ++i) {
-            if (stopAsked(stop)) continue;  // the run stops after the loop
+            centres[i] = VoxelFieldCenter{};  // each cell's sheets start from none
+            if (stopAsked(stop)) continue;    // the run stops after the loop
             CellNode_Device& cell = cells[i];
             // Runs of a few points each are gathered first: the four walks then read whole chunks.
             // (A cell that the initial normal rejects before any walk is not gathered.)

@@ -45,7 +45,7 @@ constexpr std::size_t HOST_COLUMN_SLICE_POINTS = std::size_t{1} << 18;
 bool hostFieldWalksAvailable();
 
 // The three passes for cells [0, n) on the host's cores, over the block's points as columns; `centres`
-// holds one zeroed element a cell. The same cells as the per-cell functions make.
+// holds one element a cell, which each cell zeroes first. The same cells as the per-cell functions make.
 void computeCellFieldsOnHost(CellNode_Device* cells, std::size_t n, const RelationCell2Bins_Device* relations,
                              int relation_size, const PointColumns& columns, const DeviceParameters& params,
                              VoxelFieldCenter* centres);
