@@ -893,10 +893,12 @@ int describe(const IndexedMesh& mesh, MeshStatistics& statistics) {
         for (std::size_t i = 0; i + 1 < start.size(); ++i) start[i + 1] += start[i];
         std::vector<Use> uses(start.back());
         std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
-        for (std::uint32_t order = 0; order < 3 * triangles; ++order) {
-            const auto& t = mesh.triangles[order / 3];
-            const std::uint32_t a = t[order % 3], b = t[(order + 1) % 3];
-            if (mine(std::min(a, b))) uses[fill[std::min(a, b) - lo]++] = {std::max(a, b), order};
+        for (std::size_t i = 0; i < triangles; ++i) {
+            const auto& t = mesh.triangles[i];
+            for (std::uint32_t e = 0; e < 3; ++e) {
+                const std::uint32_t a = t[e], b = t[e == 2 ? 0 : e + 1], low = std::min(a, b);
+                if (mine(low)) uses[fill[low - lo]++] = {std::max(a, b), static_cast<std::uint32_t>(3 * i) + e};
+            }
         }
         auto& single = single_parts[static_cast<std::size_t>(thread)];
         for (std::size_t i = 0; i + 1 < start.size(); ++i) {
