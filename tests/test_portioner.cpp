@@ -405,8 +405,10 @@ TEST(PortionerRuns, NoFramesGivesNoBlocksAndNoText) {
 
 TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
     // Slots of 20 points at init give room for fewer than 30000 points; frames of 30000 points then arrive.
+    // (The buffer is the batches' first pass: the host's straight pass reads the frames where they lie.)
     Portioner portioner;
     auto params = configurePortioner(portioner, 20, 128, 0.5f);
+    TestAccess::takeBatches(portioner);
     ASSERT_EQ(portioner.init(), 0);
     ASSERT_LT(TestAccess::rawSurfaceCapacity(portioner), 30000u);
     params->MAX_FRAME_POINTS = 30000;
@@ -449,11 +451,12 @@ TEST(PortionerRuns, FailedDeviceAllocationIsReportedWithItsStatus) {
 }
 
 TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
+    // The batches' passes, which a device runs (the host's straight passes launch nothing).
     const Frames frames = randomFrames(12, 400, 11);
     int launches = 0;
     {
         FakeDevices fake;
-        PortionerRun clean(frames);
+        PortionerRun clean(frames, 0, {}, /*batches=*/true);
         ASSERT_EQ(clean.status, 0);
         launches = fake.launch_checks;
     }
@@ -465,7 +468,7 @@ TEST(PortionerRuns, ALaunchThatDoesNotStartGivesAStatusNotEmptyBlocks) {
         fake.fail_launch_at = k;
         std::string err;
         std::unique_ptr<PortionerRun> run;
-        err = quietErr([&] { run = std::make_unique<PortionerRun>(frames); });
+        err = quietErr([&] { run = std::make_unique<PortionerRun>(frames, 0, Grid{}, true); });
         EXPECT_NE(run->status, 0) << "launch " << k;
         EXPECT_TRUE(contains(err, "code=719(cudaErrorLaunchFailure) \"deviceGetLastError()\"")) << "launch " << k;
     }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
+#include <vector>
 
 #include "common/ErrorLadder.h"
 #include "common/HostMemory.h"
@@ -91,6 +93,11 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
         }
     }
 
+    if (firstPassFromFrames()) {
+        m_waiting_frames.push_back(frame);
+        ++m_frames_without_positions;
+        return 0;
+    }
     m_waiting_frames.push_back(frame);
     float* cur_device_xyz_ptr = m_raw_surface_xyz_dev + 3 * m_raw_surface_point_size;
     TESSA_DEVICE_CHECK(
@@ -111,7 +118,53 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
 
 int Portioner::computeRawSurfaceBlock_Task() { return computeRawSurfaceBlock_Device(blockRes()); }
 
+bool Portioner::firstPassFromFrames() const { return m_straight_from_frames && deviceMemoryIsHostMemory(); }
+
+// Points that follow one another in a frame mostly lie in one block: each frame's positions with the
+// repeats side by side left out, then all of them sorted and each kept once. The set is the one the
+// raw surface buffer's passes make.
+void Portioner::blockPositionsOfFramesOnHost(std::size_t first_frame) {
+    const float block_res = blockRes();
+    const std::int64_t frames = static_cast<std::int64_t>(m_waiting_frames.size() - first_frame);
+    std::vector<std::vector<RawSurfaceBlockPos>> found(static_cast<std::size_t>(frames));
+    std::exception_ptr failure;
+#pragma omp parallel for schedule(dynamic, 16)
+    for (std::int64_t f = 0; f < frames; ++f) {
+        try {
+            const FrameDataWithInfo& frame = *m_waiting_frames[first_frame + static_cast<std::size_t>(f)];
+            std::vector<RawSurfaceBlockPos>& positions = found[static_cast<std::size_t>(f)];
+            for (const Vec3f& p : frame.xyz) {
+                const RawSurfaceBlockPos at{gridIndex(p[0], block_res), gridIndex(p[1], block_res),
+                                            gridIndex(p[2], block_res)};
+                if (positions.empty() || !RawSurfaceBlockPos_CMP_EQUAL()(positions.back(), at)) positions.push_back(at);
+            }
+        } catch (...) {
+#pragma omp critical(tessaline_block_positions)
+            if (!failure) failure = std::current_exception();
+        }
+    }
+    if (failure) std::rethrow_exception(failure);
+    for (const std::vector<RawSurfaceBlockPos>& positions : found)
+        m_raw_surface_block_vec.insert(m_raw_surface_block_vec.end(), positions.begin(), positions.end());
+    std::sort(m_raw_surface_block_vec.begin(), m_raw_surface_block_vec.end(), RawSurfaceBlockPos_CMP_LESS());
+    m_raw_surface_block_vec.erase(
+        std::unique(m_raw_surface_block_vec.begin(), m_raw_surface_block_vec.end(), RawSurfaceBlockPos_CMP_EQUAL()),
+        m_raw_surface_block_vec.end());
+}
+
 int Portioner::reOrganizeRawSurfaceBlock_Task() {
+    if (firstPassFromFrames()) {
+        const int result =
+            runGuarded(m_last_error, {1, "[Portioner] reOrganizeRawSurfaceBlock_Task try catch error!"}, [&]() -> int {
+                blockPositionsOfFramesOnHost(m_waiting_frames.size() - m_frames_without_positions);
+                m_frames_without_positions = 0;
+                return 0;
+            });
+        if (result != 0) return result;
+        m_raw_surface_frame_size = 0;
+        m_raw_surface_point_size = 0;
+        return deInitRawSurface_Device();
+    }
     int result = computeRawSurfaceBlock_Task();
     if (result != 0) return result;
     result = reOrganizeRawSurfaceBlock_Device();

@@ -176,6 +176,10 @@ private:
     int reOrganizeRawSurfaceBlock_Device();
     int computeModelBlockHash_Device(const std::vector<Vec3f>& model_xyz, float block_res,
                                      std::vector<RawSurfaceBlockPos>& out);
+    // Where device memory is host memory: the first pass reads the waiting frames where they lie (no copy
+    // into the raw surface buffer), their block positions taken at the end of the pass on all cores.
+    bool firstPassFromFrames() const;
+    void blockPositionsOfFramesOnHost(std::size_t first_frame);
     int processScanFrameList_Device(float block_res, float ext_res);
 
     float blockRes() const;
@@ -214,7 +218,8 @@ private:
     RawSurfaceBlockPos* m_raw_surface_block_dev = nullptr;
     std::uint64_t m_raw_surface_capacity = 0;
     std::vector<RawSurfaceBlockPos> m_raw_surface_block_vec;
-    BlockKeySet m_computed_blocks;  // empty: every block is computed
+    std::size_t m_frames_without_positions = 0;  // the last waiting frames, read where they lie
+    BlockKeySet m_computed_blocks;               // empty: every block is computed
     std::vector<std::shared_ptr<PointCloudBlock>> m_point_cloud_blocks;
     // Host backend: each worker thread's records of the batch in work, kept from batch to batch.
     std::vector<std::vector<RawPointWithHash>> m_thread_records;
