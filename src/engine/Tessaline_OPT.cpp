@@ -419,20 +419,10 @@ int Tessaline_OPT::addScanFrame(const std::shared_ptr<FrameDataWithInfo>& frame)
 
 namespace {
 
+// A scale code of 0 or a power of two up to 64.
 bool listedScaleCode(std::int32_t word) {
-    switch (word & 0xFF) {
-        case 0:
-        case 1:
-        case 2:
-        case 4:
-        case 8:
-        case 16:
-        case 32:
-        case 64:
-            return true;
-        default:
-            return false;
-    }
+    const std::uint32_t code = static_cast<std::uint32_t>(word) & 0xFFu;
+    return code <= 64 && (code & (code - 1)) == 0;
 }
 
 }  // namespace
@@ -490,6 +480,9 @@ void Tessaline_OPT::screenHeldFrames() {
     // Beyond this distance from the run's origin a position's finest grid index (an eighth of the
     // resolution) comes near the end of a 32-bit integer.
     const double limit = static_cast<double>(1u << 30) * (m_resolution / 8.0);
+    // A float lies beyond the limit when it lies beyond the largest float not above it.
+    float float_limit = static_cast<float>(limit);
+    if (static_cast<double>(float_limit) > limit) float_limit = std::nextafter(float_limit, 0.0f);
     // A run restricted to some blocks keeps only the points that can reach the blocks it computes: in one
     // of them or in its margin (with a resolution to spare). The rest could change no cell of those blocks.
     const bool restricted = !m_owned_blocks.empty();
@@ -518,13 +511,28 @@ void Tessaline_OPT::screenHeldFrames() {
                 return reachesBlocks(p, block_res, reach, computed);
             };
             std::size_t bad = 0, unlisted = 0, elsewhere = 0;
-            for (std::size_t i = 0; i < in.xyz.size(); ++i) {
-                if (!usable(i))
-                    ++bad;
-                else if (!reaches(i))
-                    ++elsewhere;
-                else if (!listedScaleCode(in.w[i]))
-                    ++unlisted;
+            if (!restricted && !shifted) {
+                // The common run (no origin, every block computed): the same tests without a branch a point.
+                for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+                    const Vec3f& p = in.xyz[i];
+                    const Vec3f& n = in.nor[i];
+                    const bool ok = std::isfinite(p[0]) & std::isfinite(p[1]) & std::isfinite(p[2]) &
+                                    std::isfinite(n[0]) & std::isfinite(n[1]) & std::isfinite(n[2]) &
+                                    !(std::fabs(p[0]) > float_limit) & !(std::fabs(p[1]) > float_limit) &
+                                    !(std::fabs(p[2]) > float_limit) &
+                                    (n[0] * n[0] + n[1] * n[1] + n[2] * n[2] > 1e-12f);
+                    bad += !ok;
+                    unlisted += ok & !listedScaleCode(in.w[i]);
+                }
+            } else {
+                for (std::size_t i = 0; i < in.xyz.size(); ++i) {
+                    if (!usable(i))
+                        ++bad;
+                    else if (!reaches(i))
+                        ++elsewhere;
+                    else if (!listedScaleCode(in.w[i]))
+                        ++unlisted;
+                }
             }
             if (bad == 0 && unlisted == 0 && elsewhere == 0 && !shifted) continue;
             auto copy = std::make_shared<FrameDataWithInfo>();
