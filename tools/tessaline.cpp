@@ -23,6 +23,8 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "InOrder.h"
@@ -308,6 +310,27 @@ FinishedMesh finishMesh(const SurfaceReconstruction::MultiMeshData& soup, float 
     out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return out;
 }
+
+// Lets go of what it holds on a thread of its own, which the destructor waits for; on this thread where
+// no thread can be had.
+class ReleasedAside {
+public:
+    template <class Held>
+    explicit ReleasedAside(Held held) {
+        try {
+            m_thread = std::thread([held = std::move(held)]() mutable { held = Held(); });
+        } catch (const std::system_error&) {  // the callable, and what it holds, went on this thread
+        }
+    }
+    ~ReleasedAside() {
+        if (m_thread.joinable()) m_thread.join();
+    }
+    ReleasedAside(const ReleasedAside&) = delete;
+    ReleasedAside& operator=(const ReleasedAside&) = delete;
+
+private:
+    std::thread m_thread;
+};
 
 // How the resolution of a run came about.
 struct ResolutionChoice {
@@ -753,8 +776,11 @@ int reconstruct(int argc, char** argv) {
     run_options.to_stderr = json;
     run_options.progress = !quiet && isatty(STDERR_FILENO);
     run_options.markers = markers;
-    const tessaline_tools::RunReport run = tessaline_tools::runReconstruction(std::move(frames), run_options);
+    tessaline_tools::RunReport run = tessaline_tools::runReconstruction(std::move(frames), run_options);
     FinishedMesh finished = finishMesh(*run.mesh, choice.resolution, finishing);
+    // The triangle soup is done with: its pages go back on a thread of their own while the mesh is
+    // coloured and written, not on this one at the end.
+    const ReleasedAside soup_released(std::move(run.mesh));
     const std::string warning = sizeWarning(choice, finished.statistics.triangles, expected);
     const bool empty = finished.statistics.triangles == 0;
     if (coloured && !empty) colourMesh(finished.mesh, colour_source, choice.resolution);
