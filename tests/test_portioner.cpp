@@ -422,6 +422,26 @@ TEST(PortionerRuns, RawSurfaceBufferNeverOverflows) {
     EXPECT_EQ(totalPoints(portioner), expected_total);
 }
 
+TEST(PortionerRuns, APassLeftUnfinishedLeavesNothingForTheNext) {
+    // Frames added, then the Portioner let go before its pass ended: once it is ready again only the new
+    // frames make blocks, whichever first pass takes them.
+    const Frames first = randomFrames(5, 300, 21), second = randomFrames(7, 300, 22);
+    for (const bool batches : {false, true}) {
+        Portioner portioner;
+        configurePortioner(portioner, 300, 128, 0.5f);
+        if (batches) TestAccess::takeBatches(portioner);
+        ASSERT_EQ(portioner.init(), 0);
+        for (const auto& f : first) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
+        ASSERT_EQ(portioner.deInit(), 0);
+        ASSERT_EQ(portioner.init(), 0);
+        for (const auto& f : second) ASSERT_EQ(portioner.addScanFrameWithoutModel(f), 0);
+        quiet([&] { ASSERT_EQ(portioner.processWithoutModel(), 0); });
+        std::size_t expected = 0;
+        for (const auto& entry : bruteForceBlocks(second)) expected += entry.second.size();
+        EXPECT_EQ(totalPoints(portioner), expected) << (batches ? "batches" : "straight");
+    }
+}
+
 TEST(PortionerRuns, ModelPathTakesBlocksFromTheModel) {
     Portioner portioner;
     configurePortioner(portioner, 10, 128, 0.5f);

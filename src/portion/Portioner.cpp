@@ -63,6 +63,7 @@ int Portioner::deInit() {
         const int result = deInitPartition_Device();
         if (result != 0) return result;
         m_waiting_frames.clear();
+        m_frames_without_positions = 0;
         m_inited = false;
         return 0;
     });
@@ -75,6 +76,11 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
     if (m_task_failed || !frame) return 1;
     if (!frameFits(*frame)) return 1;
     const std::uint64_t pt_size = frame->xyz.size();
+    if (firstPassFromFrames()) {  // read where it lies at the end of the pass
+        m_waiting_frames.push_back(frame);
+        ++m_frames_without_positions;
+        return 0;
+    }
 
     // The raw surface buffer never overflows: the positions gathered so far are turned into blocks first,
     // and a single frame larger than the whole buffer gets a larger one.
@@ -93,11 +99,6 @@ int Portioner::addScanFrameWithoutModel(const std::shared_ptr<FrameDataWithInfo>
         }
     }
 
-    if (firstPassFromFrames()) {
-        m_waiting_frames.push_back(frame);
-        ++m_frames_without_positions;
-        return 0;
-    }
     m_waiting_frames.push_back(frame);
     float* cur_device_xyz_ptr = m_raw_surface_xyz_dev + 3 * m_raw_surface_point_size;
     TESSA_DEVICE_CHECK(
@@ -156,7 +157,8 @@ int Portioner::reOrganizeRawSurfaceBlock_Task() {
     if (firstPassFromFrames()) {
         const int result =
             runGuarded(m_last_error, {1, "[Portioner] reOrganizeRawSurfaceBlock_Task try catch error!"}, [&]() -> int {
-                blockPositionsOfFramesOnHost(m_waiting_frames.size() - m_frames_without_positions);
+                const std::size_t pending = std::min(m_frames_without_positions, m_waiting_frames.size());
+                blockPositionsOfFramesOnHost(m_waiting_frames.size() - pending);
                 m_frames_without_positions = 0;
                 return 0;
             });
