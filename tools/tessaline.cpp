@@ -351,13 +351,13 @@ bool parseResolution(const std::string& text, float& resolution) {
     return false;
 }
 
-// The spacing of the points: measured where it chooses the resolution, estimated from a thinned sample where
-// it only feeds the warning about a mesh too small for its points (its `median` then stays 0).
 // The estimate measures the neighbours of this many of its thinned points: within half a percent of what
 // 20,000 give on the bunny and the simulated parts, and a third of the time, which a warning's figure
 // does not need.
 constexpr std::size_t ESTIMATE_MEASURED = 8000;
 
+// The spacing of the points: measured where it chooses the resolution, estimated from a thinned sample where
+// it only feeds the warning about a mesh too small for its points (its `median` then stays 0).
 SurfaceReconstruction::PointSpacing measureSpacing(const tessaline_tools::Frames& frames, bool exact = true) {
     SurfaceReconstruction::PointSpacing spacing;
     const int status = exact ? SurfaceReconstruction::measurePointSpacing(frames, spacing)
