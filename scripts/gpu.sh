@@ -12,6 +12,11 @@
 #   bash scripts/gpu.sh --prebuilt [folder, default .gpu]
 # runs them there: the test program in four shards at once, the example, the program on the bunny scans
 # and on a simulated million points (the meshes' sha256, to hold against a host build's), the smoke mode.
+# TESSALINE_GPU_LOGS=folder keeps the test shards' logs there; TESSALINE_GPU_TEST_TIMEOUT bounds a shard
+# (seconds, default 900). There too,
+#   bash scripts/gpu.sh --sanitize [folder, default .gpu]
+# runs the program under compute-sanitizer's memcheck (leaks too), racecheck, initcheck and synccheck on a
+# simulated 100,000 points, and memcheck on the bunny scans; each tool's log goes to TESSALINE_GPU_LOGS.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
@@ -67,12 +72,14 @@ prebuilt() {
 
   echo "== tests ($shards shards)"
   for ((s = 0; s < shards; ++s)); do
-    GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$s timeout 900 "$dir/bin/tessaline_tests" >"$out/tests$s.log" 2>&1 &
+    GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$s timeout "${TESSALINE_GPU_TEST_TIMEOUT:-900}" \
+      "$dir/bin/tessaline_tests" >"$out/tests$s.log" 2>&1 &
   done
   for ((s = 0; s < shards; ++s)); do wait -n || status=1; done
   cat "$out"/tests*.log | grep -E "^\[  PASSED  \]|^\[  SKIPPED \] [0-9]|^\[  FAILED  \]" |
     awk '/PASSED/ {p += $4} /SKIPPED \] [0-9]/ {s += $4} /FAILED  \] [A-Za-z]/ {print}
          END {print "passed " p + 0 ", skipped " s + 0}'
+  if [ -n "${TESSALINE_GPU_LOGS:-}" ]; then mkdir -p "$TESSALINE_GPU_LOGS" && cp "$out"/tests*.log "$TESSALINE_GPU_LOGS/"; fi
   "$dir/bin/tessaline_example" 2>&1 | tail -n 1
 
   echo "== the program (sha256 of each mesh)"
@@ -95,9 +102,43 @@ prebuilt() {
   return $status
 }
 
+sanitize() {
+  local dir sanitizer logs out n=0 status=0
+  dir=$(cd "$1" && pwd) || exit 2
+  export LD_LIBRARY_PATH="$dir/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+  sanitizer=$(command -v compute-sanitizer || echo /usr/local/cuda/bin/compute-sanitizer)
+  out=$(mktemp -d)
+  logs=${TESSALINE_GPU_LOGS:-$out}
+  mkdir -p "$logs"
+  show_device
+  "$sanitizer" --version | tail -n 1
+  "$dir/bin/tessaline" simulate -o "$out/part" --points 100000 >/dev/null 2>&1 || status=1
+  check() { # tool, seconds, input, program options...
+    local tool=$1 seconds=$2 input=$3
+    shift 3
+    n=$((n + 1))
+    echo "== $tool on $(basename "$input")"
+    timeout "$seconds" "$sanitizer" --tool "$tool" --error-exitcode 9 ${SANITIZER_OPTIONS:-} \
+      "$dir/bin/tessaline" reconstruct "$input" "$@" -o "$out/mesh$n.ply" >"$logs/$tool$n.log" 2>&1 || status=1
+    grep -E "SUMMARY" "$logs/$tool$n.log"
+  }
+  SANITIZER_OPTIONS="--leak-check full" check memcheck 120 "$out/part" --resolution 0.5 --markers none
+  check racecheck 120 "$out/part" --resolution 0.5 --markers none
+  check initcheck 90 "$out/part" --resolution 0.5 --markers none
+  check synccheck 60 "$out/part" --resolution 0.5 --markers none
+  if [ -f "$dir/data/stanford-bunny/scans/bun.conf" ]; then
+    check memcheck 90 "$dir/data/stanford-bunny/scans/bun.conf" --units m --resolution 0.5
+  fi
+  (cd "$out" && sha256sum ./*.ply)
+  rm -rf "$out"
+  echo "== summary: rc=$status"
+  return $status
+}
+
 case "${1:-}" in
   --pack) pack "${2:-.gpu}"; exit $? ;;
   --prebuilt) prebuilt "${2:-.gpu}"; exit $? ;;
+  --sanitize) sanitize "${2:-.gpu}"; exit $? ;;
 esac
 
 build=${1:-build-gpu}
