@@ -165,8 +165,9 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
 }
 
 TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
-    // Whole numbers take a short way through the parser: every token must still give strtod's bits, in the
-    // scalar records and in a list record, and a token that only starts like a number is refused.
+    // Whole numbers and short decimals take a short way through the parser: every token must still give
+    // strtod's bits, in the scalar records and in a list record, and a token that only starts like a number
+    // is refused.
     const std::vector<std::string> tokens = {"0",
                                              "-0",
                                              "+7",
@@ -181,7 +182,16 @@ TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
                                              "1e400",
                                              "-1e-400",
                                              ".5",
-                                             "5."};
+                                             "5.",
+                                             "-0.0192",
+                                             "0.187151",
+                                             "-0.0",
+                                             "+3.25",
+                                             "123456789.012345",
+                                             "0.000000000000001",
+                                             "9007199254.740993",
+                                             "1234567890.1234567",
+                                             "7.5e-3"};
     std::string body;
     for (const std::string& token : tokens) body += token + "\n";
     const std::string list = "3 -0 42 0000000000000000001\n";
@@ -204,7 +214,33 @@ TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
     EXPECT_TRUE(std::signbit(row[0]) && row[0] == 0.0);
     EXPECT_EQ(row[1], 42.0);
     EXPECT_EQ(row[2], 1.0);
-    for (const char* bad : {"12a", "-", "1-2", "+-3", "0x10"}) {
+    // Decimals of every length up to 17 digits, the point anywhere: the quotient of the digits and a power
+    // of ten must round as strtod rounds.
+    std::mt19937_64 random(7);
+    std::vector<std::string> decimals;
+    for (int i = 0; i < 20000; ++i) {
+        std::string token = random() % 2 ? "-" : "";
+        const int length = 1 + static_cast<int>(random() % 17);
+        for (int k = 0; k < length; ++k) token += static_cast<char>('0' + random() % 10);
+        if (length > 1) token.insert(token.size() - 1 - random() % static_cast<unsigned>(length - 1), ".");
+        decimals.push_back(token);
+    }
+    std::string decimal_body;
+    for (const std::string& token : decimals) decimal_body += token + " \r\n";
+    const std::string decimal_path =
+        writeFile("decimals.ply", "ply\nformat ascii 1.0\nelement value " + std::to_string(decimals.size()) +
+                                      "\nproperty double v\nend_header\n" + decimal_body);
+    tessaline_tools::PlyReader decimal_ply(decimal_path);
+    std::vector<double> decimal_read(decimals.size());
+    decimal_ply.readScalars(*decimal_ply.find("value"), {0},
+                            [&](long i, const double* v) { decimal_read[static_cast<std::size_t>(i)] = v[0]; });
+    std::size_t wrong = 0;
+    for (std::size_t i = 0; i < decimals.size(); ++i) {
+        const double expected = std::strtod(decimals[i].c_str(), nullptr);
+        wrong += std::memcmp(&decimal_read[i], &expected, sizeof(double)) != 0;
+    }
+    EXPECT_EQ(wrong, 0u);
+    for (const char* bad : {"12a", "-", "1-2", "+-3", "0x10", "1.2.3", "4.5e", "-.", "7.-1"}) {
         const std::string bad_path = writeFile("bad_number.ply",
                                                "ply\nformat ascii 1.0\nelement value 1\n"
                                                "property double v\nend_header\n" +
@@ -214,6 +250,58 @@ TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
             bad_ply.readScalars(*bad_ply.find("value"), {0}, [](long, const double*) {});
         });
         EXPECT_TRUE(contains(error, "is not a number")) << bad << ": " << error;
+    }
+}
+
+TEST(PointCloudFiles, ListLinesReadStraightOrTheGeneralWayGiveTheSameRecords) {
+    // Records of one list each: lines of whole numbers are read straight from the buffer, the others
+    // (signs, fractions, blank lines passed over) the general way; either must give the same lists, and a
+    // bad line must be reported at its own line.
+    const std::vector<std::pair<std::string, std::vector<double>>> lines = {
+        {"0 \r", {}},
+        {"1 2090 \r", {2090}},
+        {"  3 0 1 2", {0, 1, 2}},
+        {"2\t5   6\t", {5, 6}},
+        {"1 -4", {-4}},
+        {"1 +4", {4}},
+        {"1 2.5", {2.5}},
+        {"1 999999999999999", {999999999999999}},
+        {"1 1234567890123456", {1234567890123456}},
+        {"001 007", {7}},
+    };
+    std::string body;
+    for (std::size_t i = 0; i < lines.size(); ++i) body += lines[i].first + (i == 4 ? "\n\n   \n" : "\n");
+    const std::string header = "ply\nformat ascii 1.0\nelement row " + std::to_string(lines.size()) +
+                               "\nproperty list uchar int i\nend_header\n";
+    tessaline_tools::PlyReader ply(writeFile("lists.ply", header + body));
+    std::vector<std::vector<double>> read;
+    ply.readRecords(*ply.find("row"), [&](long r, const tessaline_tools::PlyRecord& record) {
+        EXPECT_EQ(r, static_cast<long>(read.size()));
+        read.push_back(record.lists[0]);
+    });
+    ASSERT_EQ(read.size(), lines.size());
+    for (std::size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(read[i], lines[i].second) << lines[i].first;
+    // Line 5 is the header's end: the records start on line 6, and the blank lines count.
+    const std::pair<std::string, const char*> bad[] = {
+        {"0\n2 1\n0\n", "line 7: the row record ends before its i"},
+        {"0\n\n1 5 6 \r\n", "line 8: more values than a row record has"},
+        {"1 5x\n0\n0\n", "line 6: '5x' is not a number"},
+        {"0\n0\n1 5\n", ""},  // whole
+    };
+    for (const auto& [text, expected] : bad) {
+        const std::string path = writeFile("bad_lists.ply",
+                                           "ply\nformat ascii 1.0\nelement row 3\n"
+                                           "property list uchar int i\nend_header\n" +
+                                               text);
+        const std::string error = errorOf([&] {
+            tessaline_tools::PlyReader bad_ply(path);
+            bad_ply.readRecords(*bad_ply.find("row"), [](long, const tessaline_tools::PlyRecord&) {});
+        });
+        if (*expected == '\0') {
+            EXPECT_TRUE(error.empty()) << error;
+        } else {
+            EXPECT_TRUE(contains(error, expected)) << text << ": " << error;
+        }
     }
 }
 

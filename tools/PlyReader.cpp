@@ -421,6 +421,9 @@ void PlyReader::decodeRecord(const PlyElement& element, const char* data, const 
 
 namespace {
 
+constexpr double POWERS_OF_TEN[16] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                      1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
 // Reads one number at `p` (spaces before it passed over); null when there is none or it is not a number.
 const char* number(const char* p, double& value) {
     p = skipSpaces(p);
@@ -428,16 +431,28 @@ const char* number(const char* p, double& value) {
     while (*end != '\n' && !isSpace(*end)) ++end;
     const char* start = *p == '+' ? p + 1 : p;        // as strtod takes it
     if (start != p && *start == '-') return nullptr;  // one sign at most
-    // Whole numbers of up to 15 digits (a range grid's counts and indices, faces' lists) are summed digit by
-    // digit: every one is a double exactly, the value from_chars gives.
+    // Numbers of up to 15 digits, a point among them or none (a range grid's counts and indices, faces'
+    // lists, most coordinates written as text), are summed digit by digit: the digits are a double exactly,
+    // as is the power of ten below them, and their quotient is the value rounded once, the one from_chars
+    // gives.
     const bool minus = *start == '-';
     const char* digits = minus ? start + 1 : start;
-    if (end > digits && end - digits <= 15) {
+    if (end > digits && end - digits <= 16 && *digits != '.') {
         std::uint64_t whole = 0;
         const char* d = digits;
         while (d < end && static_cast<unsigned>(*d - '0') < 10u) whole = whole * 10 + static_cast<unsigned>(*d++ - '0');
+        int after_point = 0;
+        if (d < end - 1 && *d == '.') {
+            const char* point = d++;
+            while (d < end && static_cast<unsigned>(*d - '0') < 10u)
+                whole = whole * 10 + static_cast<unsigned>(*d++ - '0');
+            after_point = static_cast<int>(d - point - 1);  // 15 digits at most, with the point
+        } else if (d - digits > 15) {
+            d = digits;  // 16 digits: left to from_chars
+        }
         if (d == end) {
-            value = minus ? -static_cast<double>(whole) : static_cast<double>(whole);
+            const double magnitude = static_cast<double>(whole) / POWERS_OF_TEN[after_point];
+            value = minus ? -magnitude : magnitude;
             return end;
         }
     }
@@ -516,6 +531,44 @@ void PlyReader::readRecordBinary(const PlyElement& element, PlyRecord& record, l
             list[k] = decode(m_buffer.get() + m_begin + k * static_cast<std::size_t>(p.size), p.size, p.kind, big);
         m_begin += bytes;
     }
+}
+
+namespace {
+
+// A whole number of 1 to 15 digits at p, before `end`, into `value`; p moves past it. False otherwise.
+bool wholeNumber(const char*& p, const char* end, double& value) {
+    const char* const first = p;
+    std::uint64_t whole = 0;
+    while (p < end && p - first <= 15 && static_cast<unsigned>(*p - '0') < 10u)
+        whole = whole * 10 + static_cast<unsigned>(*p++ - '0');
+    if (p == first || p - first > 15) return false;
+    value = static_cast<double>(whole);
+    return true;
+}
+
+}  // namespace
+
+bool PlyReader::readWholeNumberList(std::vector<double>& list) {
+    const char* const end = m_buffer.get() + m_end;
+    const char* p = m_buffer.get() + m_begin;
+    const auto spaces = [&] {
+        while (p != end && isSpace(*p)) ++p;
+    };
+    // A number ends where a space or the line's end follows it.
+    const auto next = [&](double& value) {
+        spaces();
+        return wholeNumber(p, end, value) && p != end && (*p == '\n' || isSpace(*p));
+    };
+    double length = 0;
+    if (!next(length) || length > MAX_LIST_LENGTH) return false;
+    list.resize(static_cast<std::size_t>(length));
+    for (double& value : list)
+        if (!next(value)) return false;
+    spaces();
+    if (p == end || *p != '\n') return false;
+    m_begin = static_cast<std::size_t>(p + 1 - m_buffer.get());
+    ++m_line;
+    return true;
 }
 
 void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {

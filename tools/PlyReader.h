@@ -128,6 +128,11 @@ private:
                    double* values) const;
     void readRecordBinary(const PlyElement& element, PlyRecord& record, long index);
     void readRecordAscii(const PlyElement& element, PlyRecord& record);
+    // The next line as the list of a record whose one property is a list, where it reads "n v1 ... vn" in
+    // whole numbers of up to 15 digits (a range grid's pixels, a mesh's faces), read as readRecordAscii
+    // reads them; false, with nothing read, for any other line (signs, fractions, blank) or one that the
+    // buffer does not hold whole.
+    bool readWholeNumberList(std::vector<double>& list);
 
     std::string m_path;
     int m_fd = -1;
@@ -255,11 +260,16 @@ void PlyReader::readRecords(const PlyElement& element, Sink&& sink) {
     PlyRecord record;
     record.scalars.resize(element.properties.size());
     record.lists.resize(element.properties.size());
+    const bool one_list =
+        m_format == Format::Ascii && element.properties.size() == 1 && element.properties.front().list;
     while (m_record < element.count) {
-        if (m_format == Format::Ascii)
+        if (one_list && readWholeNumberList(record.lists.front())) {
+            // read straight from the line
+        } else if (m_format == Format::Ascii) {
             readRecordAscii(element, record);
-        else
+        } else {
             readRecordBinary(element, record, m_record);
+        }
         sink(m_record, static_cast<const PlyRecord&>(record));
         ++m_record;
     }
