@@ -6,6 +6,7 @@
 #include <png.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <sstream>
 
 #include "InOrder.h"
@@ -485,6 +486,67 @@ TEST(MeshFiles, PlyWordsAreWrittenWholeAndSplitIntoNamedFields) {
         for (int k = 0; k < 4; ++k) EXPECT_EQ(value[1 + k], expected[v][k]);
     });
     EXPECT_EQ(records, 3);
+}
+
+TEST(MeshFiles, LargePlyMeshesAreWrittenRecordForRecordInEveryLayout) {
+    // Beyond the writer's buffer of a megabyte: every field of every record must come back in its place,
+    // with and without the origin, normals, words and colours.
+    constexpr std::uint32_t VERTICES = 300007, TRIANGLES = 700001;
+    IndexedMesh mesh;
+    for (std::uint32_t v = 0; v < VERTICES; ++v) {
+        mesh.vertices.push_back(
+            {static_cast<float>(v), -0.5f * static_cast<float>(v), 1.0f / static_cast<float>(v + 1)});
+        mesh.normals.push_back({0.0f, static_cast<float>(v % 3), 1.0f});
+        mesh.words.push_back(v * 2654435761u);
+        mesh.colors.push_back(
+            {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v >> 16)});
+    }
+    for (std::uint32_t t = 0; t < TRIANGLES; ++t)
+        mesh.triangles.push_back({{t % VERTICES, (t * 7 + 1) % VERTICES, (t * 13 + 2) % VERTICES}});
+    const tessaline_tools::Origin origin = {1e6, -2e6, 0.25};
+    for (const bool full : {false, true}) {
+        IndexedMesh written = mesh;
+        if (!full) {
+            written.normals.clear();
+            written.words.clear();
+            written.colors.clear();
+        }
+        const std::string path = tempPath("large_mesh.ply");
+        tessaline_tools::writeMesh(path, written, full ? &origin : nullptr);
+        tessaline_tools::PlyReader ply(path);
+        const tessaline_tools::PlyElement* vertex = ply.find("vertex");
+        ASSERT_NE(vertex, nullptr);
+        std::vector<int> columns;
+        for (const char* name : {"x", "y", "z", "ny", "word", "quality", "red", "blue"})
+            if (vertex->find(name) >= 0) columns.push_back(vertex->find(name));
+        ASSERT_EQ(columns.size(), full ? 8u : 3u);
+        std::atomic<std::size_t> wrong{0}, records{0};
+        ply.readScalars(*vertex, columns, [&](long r, const double* value) {
+            const std::size_t v = static_cast<std::size_t>(r);
+            ++records;
+            bool right = true;
+            for (int k = 0; k < 3; ++k)
+                right = right && value[k] == static_cast<double>(mesh.vertices[v][k]) + (full ? origin[k] : 0.0);
+            if (full) {
+                right = right && value[3] == mesh.normals[v][1] &&
+                        value[4] == static_cast<double>(static_cast<std::int32_t>(mesh.words[v])) &&
+                        value[5] == static_cast<double>((mesh.words[v] >> 16) & 0xFF) &&
+                        value[6] == mesh.colors[v][0] && value[7] == mesh.colors[v][2];
+            }
+            wrong += !right;
+        });
+        EXPECT_EQ(records.load(), VERTICES);
+        EXPECT_EQ(wrong.load(), 0u) << full;
+        std::size_t faces = 0, wrong_faces = 0;
+        ply.readRecords(*ply.find("face"), [&](long r, const tessaline_tools::PlyRecord& record) {
+            const auto& t = mesh.triangles[static_cast<std::size_t>(r)];
+            ++faces;
+            wrong_faces += record.lists[0] != std::vector<double>{static_cast<double>(t[0]), static_cast<double>(t[1]),
+                                                                  static_cast<double>(t[2])};
+        });
+        EXPECT_EQ(faces, TRIANGLES);
+        EXPECT_EQ(wrong_faces, 0u) << full;
+    }
 }
 
 TEST(MeshFiles, ObjAndStlVariantsOtherToolsWrite) {
