@@ -116,9 +116,10 @@ bool sameWelded(const IndexedMesh& a, const IndexedMesh& b) {
 
 }  // namespace
 
-// The walk of a block goes to the cores in pieces (its eight children, then what lies between them and
-// its seams): a run of few large blocks makes the same triangles in the same order for any team, the mesh
-// and the parts alike, and still one part a block.
+// The walk of a block goes to the cores in pieces (its children's children and what lies between them,
+// then what lies between its children, and its seams) where the blocks are few beside the team: a run
+// makes the same triangles in the same order for any team, the mesh and the parts alike, and still one
+// part a block, and a run of many blocks walked whole the same as in pieces.
 TEST(BlockGrid, FewLargeBlocksMeshAlikeForAnyTeam) {
     const auto largeBlocks = [](Tessaline& t) { t.setRunOrigin(SPLIT_ORIGIN); };  // the default block size
     const int threads = omp_get_max_threads();
@@ -141,6 +142,12 @@ TEST(BlockGrid, FewLargeBlocksMeshAlikeForAnyTeam) {
         for (std::size_t i = 1; i < parts.size(); ++i) EXPECT_TRUE(parts[i - 1].block < parts[i].block);
         EXPECT_TRUE(sameMesh(merged(parts), *alone.mesh)) << team << " threads";
     }
+    // Some 60 blocks: each a piece of its own for one thread, in pieces for a team of 64.
+    omp_set_num_threads(1);
+    const Session whole = runOk(smallScan(), SPLIT_RESOLUTION, splitGrid);
+    omp_set_num_threads(64);
+    const Session in_pieces = runOk(smallScan(), SPLIT_RESOLUTION, splitGrid);
+    EXPECT_TRUE(sameMesh(*in_pieces.mesh, *whole.mesh));
     omp_set_num_threads(threads);
 }
 

@@ -192,20 +192,31 @@ int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector
     // Each piece of work's triangles go into a mesh of its own, so that they follow the keys, and within a
     // root the walk's order, whatever the number of workers, while the pieces, which differ much in size,
     // go to the workers as they come free. Where the roots are few beside the workers (a scan of a few
-    // large blocks would end on one core), a split root goes out as nine pieces: its eight children, then
-    // what lies between them with its seams. Otherwise, and for a root that is a leaf, a root is one piece.
-    constexpr int WHOLE_ROOT = -1, BETWEEN_AND_SEAMS = 8;
+    // large blocks would end on one core), a split root goes out in the order of its walk: for each child
+    // in turn, a split child's eight children and then what lies between them, or a child that is a leaf
+    // as it is; last what lies between the root's children, with its seams. Otherwise, and for a root that
+    // is a leaf, a root is one piece.
+    using Walk = DualOctreeTraversal<DualCubeContour<TriangleSink>>;
+    constexpr int WHOLE_ROOT = -1, BETWEEN_AND_SEAMS = 8;       // 0 to 7: the child in that octant
+    constexpr int GRANDCHILD = 16, BETWEEN_GRANDCHILDREN = 80;  // + 8 octant + octant; + octant
     const bool split_roots = walk_list.size() < 8 * static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
-    std::vector<std::pair<std::int32_t, int>> work;  // (index in the walk list, WHOLE_ROOT, octant or the rest)
-    work.reserve(walk_list.size() * (split_roots ? 9 : 1));
+    std::vector<std::pair<std::int32_t, int>> work;  // (index in the walk list, the piece of its root)
+    work.reserve(walk_list.size() * (split_roots ? 73 : 1));
     for (std::size_t w = 0; w < walk_list.size(); ++w) {
         const CellNode* root = roots->get(walk_list[w].second)->root_cell;
         if (!split_roots) {
             work.emplace_back(static_cast<std::int32_t>(w), WHOLE_ROOT);
             continue;
         }
-        if (DualOctreeTraversal<DualCubeContour<TriangleSink>>::split(root))
-            for (int o = 0; o < 8; ++o) work.emplace_back(static_cast<std::int32_t>(w), o);
+        if (Walk::split(root))
+            for (int o = 0; o < 8; ++o) {
+                if (!Walk::split(Walk::at(root, o))) {
+                    work.emplace_back(static_cast<std::int32_t>(w), o);
+                    continue;
+                }
+                for (int g = 0; g < 8; ++g) work.emplace_back(static_cast<std::int32_t>(w), GRANDCHILD + 8 * o + g);
+                work.emplace_back(static_cast<std::int32_t>(w), BETWEEN_GRANDCHILDREN + o);
+            }
         work.emplace_back(static_cast<std::int32_t>(w), BETWEEN_AND_SEAMS);
     }
     const std::int64_t count = static_cast<std::int64_t>(work.size());
@@ -229,8 +240,18 @@ int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector
         filling[static_cast<std::size_t>(omp_get_thread_num())] = &part.mesh;
         const CellNode* root = roots->get(entry.second)->root_cell;
         try {
-            using Walk = DualOctreeTraversal<DualCubeContour<TriangleSink>>;
             Walk walk(contour);
+            if (piece >= BETWEEN_GRANDCHILDREN) {
+                const CellNode* child = Walk::at(root, piece - BETWEEN_GRANDCHILDREN);
+                const CellNode* children[8];
+                for (int o = 0; o < 8; ++o) children[o] = Walk::at(child, o);
+                walk.visitBetweenChildren(children);
+                continue;
+            }
+            if (piece >= GRANDCHILD) {
+                walk.visitCell(Walk::at(Walk::at(root, (piece - GRANDCHILD) / 8), (piece - GRANDCHILD) % 8));
+                continue;
+            }
             if (piece != WHOLE_ROOT && piece != BETWEEN_AND_SEAMS) {
                 walk.visitCell(Walk::at(root, piece));
                 continue;
