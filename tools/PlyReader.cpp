@@ -424,9 +424,79 @@ namespace {
 constexpr double POWERS_OF_TEN[16] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                       1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 
+// Eight characters from p, the first in the lowest byte.
+inline std::uint64_t eightAt(const char* p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// How many of the eight characters in `chars` are digits before the first that is not.
+inline int leadingDigits(std::uint64_t chars) {
+    const std::uint64_t x = chars ^ 0x3030303030303030u;  // a digit's byte: 0 to 9
+    const std::uint64_t high = x & 0xF0F0F0F0F0F0F0F0u;
+    const std::uint64_t low_over_nine = ((x & 0x0F0F0F0F0F0F0F0Fu) + 0x0606060606060606u) & 0xF0F0F0F0F0F0F0F0u;
+    const std::uint64_t other = high | low_over_nine;
+    return other == 0 ? 8 : __builtin_ctzll(other) / 8;
+}
+
+// The value of the first `count` (1 to 8) digits in `chars`.
+inline std::uint64_t valueOfDigits(std::uint64_t chars, int count) {
+    std::uint64_t v = (chars & 0x0F0F0F0F0F0F0F0Fu) << (8 * (8 - count));  // leading zeros before them
+    v = (v * 10 + (v >> 8)) & 0x00FF00FF00FF00FFu;
+    v = (v * 100 + (v >> 16)) & 0x0000FFFF0000FFFFu;
+    return (v * 10000 + (v >> 32)) & 0xFFFFFFFFu;
+}
+
+constexpr std::uint64_t POWERS_OF_TEN_WHOLE[9] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+
+// Adds the digits from p on to `whole`, eight at a time, counting them, until one is not a digit or more
+// than 15 are counted; p moves past them.
+inline void digitsInto(const char*& p, std::uint64_t& whole, int& count) {
+    while (true) {
+        const std::uint64_t chars = eightAt(p);
+        const int n = leadingDigits(chars);
+        if (n > 0) {
+            whole = whole * POWERS_OF_TEN_WHOLE[n] + valueOfDigits(chars, n);
+            p += n;
+            count += n;
+        }
+        if (n < 8 || count > 15) return;
+    }
+}
+
+// A number of up to 15 digits, a point among them or none, at p (no spaces before it), read eight
+// characters at a time: the value that number gives it digit by digit (the digits, then their quotient by
+// the power of ten below them), and where it ends. Null for a number of any other form, and where fewer
+// than 32 characters lie before `limit` (it reads no further than 25).
+inline const char* shortNumber(const char* p, const char* limit, double& value) {
+    if (limit - p < 32) return nullptr;
+    const bool minus = *p == '-';
+    const char* d = p + (minus || *p == '+' ? 1 : 0);
+    std::uint64_t whole = 0;
+    int count = 0;
+    digitsInto(d, whole, count);
+    if (count == 0 || count > 15) return nullptr;
+    int after_point = 0;
+    if (*d == '.') {
+        const int before = count;
+        ++d;
+        digitsInto(d, whole, count);
+        after_point = count - before;
+        if (after_point == 0) return nullptr;
+    }
+    if (count > 15 || !(*d == '\n' || isSpace(*d))) return nullptr;
+    const double magnitude = static_cast<double>(whole) / POWERS_OF_TEN[after_point];
+    value = minus ? -magnitude : magnitude;
+    return d;
+}
+
 // Reads one number at `p` (spaces before it passed over); null when there is none or it is not a number.
-const char* number(const char* p, double& value) {
+// `limit`, where given, is the end of the characters that may be read past the line.
+const char* number(const char* p, double& value, const char* limit = nullptr) {
     p = skipSpaces(p);
+    if (limit != nullptr)
+        if (const char* end = shortNumber(p, limit, value)) return end;
     const char* end = p;
     while (*end != '\n' && !isSpace(*end)) ++end;
     const char* start = *p == '+' ? p + 1 : p;        // as strtod takes it
@@ -487,10 +557,11 @@ void PlyReader::parseLine(const PlyElement& element, const char* line, long numb
         all = many.data();
     }
     const char* p = line;
+    const char* const limit = m_buffer.get() + m_end;
     std::size_t found = 0;
     for (; found < properties; ++found) {
         if (*skipSpaces(p) == '\n') break;
-        const char* next = number(p, all[found]);
+        const char* next = number(p, all[found], limit);
         if (next == nullptr) lineError(number_in_file, "'" + tokenAt(p) + "' is not a number");
         p = next;
     }
@@ -590,7 +661,7 @@ void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {
     const char* p = line;
     const auto next = [&](double& value, const std::string& what) {
         if (*skipSpaces(p) == '\n') lineError(line_number, "the " + element.name + " record ends before its " + what);
-        const char* after = number(p, value);
+        const char* after = number(p, value, m_buffer.get() + m_end);
         if (after == nullptr) lineError(line_number, "'" + tokenAt(p) + "' is not a number");
         p = after;
     };
