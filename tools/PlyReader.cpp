@@ -465,12 +465,22 @@ inline void digitsInto(const char*& p, std::uint64_t& whole, int& count) {
     }
 }
 
+// Runs `read` on the characters at p with at least 32 of them readable: where fewer lie before `limit`, on a
+// copy of them padded with zeros (a zero ends any number); gives where it stopped, in the buffer, or null.
+template <typename Read>
+inline const char* readPadded(const char* p, const char* limit, Read read) {
+    if (limit - p >= 32) return read(p);
+    char copy[32] = {};
+    std::memcpy(copy, p, static_cast<std::size_t>(limit - p));
+    const char* end = read(static_cast<const char*>(copy));
+    return end == nullptr ? nullptr : p + (end - copy);
+}
+
 // A number of up to 15 digits, a point among them or none, at p (no spaces before it), read eight
-// characters at a time: the value that number gives it digit by digit (the digits, then their quotient by
-// the power of ten below them), and where it ends. Null for a number of any other form, and where fewer
-// than 32 characters lie before `limit` (it reads no further than 25).
-inline const char* shortNumber(const char* p, const char* limit, double& value) {
-    if (limit - p < 32) return nullptr;
+// characters at a time (no further than 25): the digits are a double exactly, as is the power of ten below
+// them, and their quotient is the value rounded once, the one from_chars gives. Gives where it ends; null
+// for a number of any other form.
+inline const char* shortNumber(const char* p, double& value) {
     const bool minus = *p == '-';
     const char* d = p + (minus || *p == '+' ? 1 : 0);
     std::uint64_t whole = 0;
@@ -492,40 +502,15 @@ inline const char* shortNumber(const char* p, const char* limit, double& value) 
 }
 
 // Reads one number at `p` (spaces before it passed over); null when there is none or it is not a number.
-// `limit`, where given, is the end of the characters that may be read past the line.
-const char* number(const char* p, double& value, const char* limit = nullptr) {
+// `limit` is the end of the characters that may be read past the line.
+const char* number(const char* p, double& value, const char* limit) {
     p = skipSpaces(p);
-    if (limit != nullptr)
-        if (const char* end = shortNumber(p, limit, value)) return end;
+    // Most numbers (a range grid's counts and indices, faces' lists, coordinates written as text) are short.
+    if (const char* end = readPadded(p, limit, [&](const char* q) { return shortNumber(q, value); })) return end;
     const char* end = p;
     while (*end != '\n' && !isSpace(*end)) ++end;
     const char* start = *p == '+' ? p + 1 : p;        // as strtod takes it
     if (start != p && *start == '-') return nullptr;  // one sign at most
-    // Numbers of up to 15 digits, a point among them or none (a range grid's counts and indices, faces'
-    // lists, most coordinates written as text), are summed digit by digit: the digits are a double exactly,
-    // as is the power of ten below them, and their quotient is the value rounded once, the one from_chars
-    // gives.
-    const bool minus = *start == '-';
-    const char* digits = minus ? start + 1 : start;
-    if (end > digits && end - digits <= 16 && *digits != '.') {
-        std::uint64_t whole = 0;
-        const char* d = digits;
-        while (d < end && static_cast<unsigned>(*d - '0') < 10u) whole = whole * 10 + static_cast<unsigned>(*d++ - '0');
-        int after_point = 0;
-        if (d < end - 1 && *d == '.') {
-            const char* point = d++;
-            while (d < end && static_cast<unsigned>(*d - '0') < 10u)
-                whole = whole * 10 + static_cast<unsigned>(*d++ - '0');
-            after_point = static_cast<int>(d - point - 1);  // 15 digits at most, with the point
-        } else if (d - digits > 15) {
-            d = digits;  // 16 digits: left to from_chars
-        }
-        if (d == end) {
-            const double magnitude = static_cast<double>(whole) / POWERS_OF_TEN[after_point];
-            value = minus ? -magnitude : magnitude;
-            return end;
-        }
-    }
     const std::from_chars_result r = std::from_chars(start, end, value);
     if (r.ec == std::errc::result_out_of_range && r.ptr == end) {
         // Beyond a double's range: as strtod gives it, infinity or zero with the sign.
@@ -608,11 +593,14 @@ namespace {
 
 // A whole number of 1 to 15 digits at p, before `end`, into `value`; p moves past it. False otherwise.
 bool wholeNumber(const char*& p, const char* end, double& value) {
-    const char* const first = p;
     std::uint64_t whole = 0;
-    while (p < end && p - first <= 15 && static_cast<unsigned>(*p - '0') < 10u)
-        whole = whole * 10 + static_cast<unsigned>(*p++ - '0');
-    if (p == first || p - first > 15) return false;
+    int count = 0;
+    const char* after = readPadded(p, end, [&](const char* q) {
+        digitsInto(q, whole, count);
+        return q;
+    });
+    if (count == 0 || count > 15) return false;
+    p = after;
     value = static_cast<double>(whole);
     return true;
 }

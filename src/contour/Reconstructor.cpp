@@ -197,27 +197,38 @@ int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector
     // as it is; last what lies between the root's children, with its seams. Otherwise, and for a root that
     // is a leaf, a root is one piece.
     using Walk = DualOctreeTraversal<DualCubeContour<TriangleSink>>;
-    constexpr int WHOLE_ROOT = -1, BETWEEN_AND_SEAMS = 8;       // 0 to 7: the child in that octant
-    constexpr int GRANDCHILD = 16, BETWEEN_GRANDCHILDREN = 80;  // + 8 octant + octant; + octant
+    // A piece of a root's walk: a cell at `depth` below the root (the root itself, its child in octant
+    // `child`, or that child's child in octant `grandchild`), whole or only what lies between its children.
+    // A piece of depth 0 also contours the root's seams.
+    struct WalkPiece {
+        std::int32_t entry;  // index in the walk list
+        std::int8_t depth, child, grandchild;
+        bool between;
+    };
+    const auto cellOf = [](const CellNode* root, const WalkPiece& piece) {
+        if (piece.depth >= 1) root = Walk::at(root, piece.child);
+        return piece.depth == 2 ? Walk::at(root, piece.grandchild) : root;
+    };
     const bool split_roots = walk_list.size() < 8 * static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
-    std::vector<std::pair<std::int32_t, int>> work;  // (index in the walk list, the piece of its root)
+    std::vector<WalkPiece> work;
     work.reserve(walk_list.size() * (split_roots ? 73 : 1));
     for (std::size_t w = 0; w < walk_list.size(); ++w) {
         const CellNode* root = roots->get(walk_list[w].second)->root_cell;
+        const auto entry = static_cast<std::int32_t>(w);
         if (!split_roots) {
-            work.emplace_back(static_cast<std::int32_t>(w), WHOLE_ROOT);
+            work.push_back({entry, 0, 0, 0, false});
             continue;
         }
         if (Walk::split(root))
-            for (int o = 0; o < 8; ++o) {
+            for (std::int8_t o = 0; o < 8; ++o) {
                 if (!Walk::split(Walk::at(root, o))) {
-                    work.emplace_back(static_cast<std::int32_t>(w), o);
+                    work.push_back({entry, 1, o, 0, false});
                     continue;
                 }
-                for (int g = 0; g < 8; ++g) work.emplace_back(static_cast<std::int32_t>(w), GRANDCHILD + 8 * o + g);
-                work.emplace_back(static_cast<std::int32_t>(w), BETWEEN_GRANDCHILDREN + o);
+                for (std::int8_t g = 0; g < 8; ++g) work.push_back({entry, 2, o, g, false});
+                work.push_back({entry, 1, o, 0, true});
             }
-        work.emplace_back(static_cast<std::int32_t>(w), BETWEEN_AND_SEAMS);
+        work.push_back({entry, 0, 0, 0, true});
     }
     const std::int64_t count = static_cast<std::int64_t>(work.size());
     std::vector<MeshPart> made(work.size());
@@ -232,37 +243,23 @@ int Reconstructor::processPieces(const std::vector<BlockKey>& owned, std::vector
             is_ok = 0;
             continue;
         }
-        const std::pair<BlockKey, std::int32_t>& entry =
-            walk_list[static_cast<std::size_t>(work[static_cast<std::size_t>(i)].first)];
-        const int piece = work[static_cast<std::size_t>(i)].second;
+        const WalkPiece& piece = work[static_cast<std::size_t>(i)];
+        const std::pair<BlockKey, std::int32_t>& entry = walk_list[static_cast<std::size_t>(piece.entry)];
         MeshPart& part = made[static_cast<std::size_t>(i)];
         part.block = entry.first;
         filling[static_cast<std::size_t>(omp_get_thread_num())] = &part.mesh;
         const CellNode* root = roots->get(entry.second)->root_cell;
         try {
             Walk walk(contour);
-            if (piece >= BETWEEN_GRANDCHILDREN) {
-                const CellNode* child = Walk::at(root, piece - BETWEEN_GRANDCHILDREN);
+            const CellNode* cell = cellOf(root, piece);
+            if (!piece.between) {
+                walk.visitCell(cell);
+            } else if (Walk::split(cell)) {
                 const CellNode* children[8];
-                for (int o = 0; o < 8; ++o) children[o] = Walk::at(child, o);
-                walk.visitBetweenChildren(children);
-                continue;
-            }
-            if (piece >= GRANDCHILD) {
-                walk.visitCell(Walk::at(Walk::at(root, (piece - GRANDCHILD) / 8), (piece - GRANDCHILD) % 8));
-                continue;
-            }
-            if (piece != WHOLE_ROOT && piece != BETWEEN_AND_SEAMS) {
-                walk.visitCell(Walk::at(root, piece));
-                continue;
-            }
-            if (piece == WHOLE_ROOT) {
-                walk.visitCell(root);
-            } else if (Walk::split(root)) {
-                const CellNode* children[8];
-                for (int o = 0; o < 8; ++o) children[o] = Walk::at(root, o);
+                for (int o = 0; o < 8; ++o) children[o] = Walk::at(cell, o);
                 walk.visitBetweenChildren(children);
             }
+            if (piece.depth != 0) continue;
             // Each root contours its seams towards the neighbours on the high side.
             const CellNode* neighbours[8];
             for (int k = 0; k < 8; ++k) {
