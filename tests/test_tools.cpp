@@ -153,16 +153,59 @@ TEST(PointCloudFiles, MalformedFilesGiveOneClearError) {
 }
 
 TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
-    std::vector<std::string> lines;  // beyond 8192 records a file is parsed on all cores
-    for (int i = 0; i < 20000; ++i)
-        lines.push_back(std::to_string(i) + " " + std::to_string(-i) + " 0.5 0 " + (i % 2 ? "-3" : "3") + " 0");
-    tessaline_tools::PointCloudReadInfo info;
-    const auto frame = tessaline_tools::readPlyPointCloud(asciiCloud("large_cloud.ply", lines), 2.0f, 8, info);
-    ASSERT_EQ(frame->xyz.size(), 20000u);
-    std::size_t wrong = 0;
-    for (std::size_t i = 0; i < 20000; ++i)
-        wrong += frame->xyz[i] != Vec3f{2.0f * i, -2.0f * i, 1.0f} || frame->nor[i] != Vec3f{0, i % 2 ? -1.0f : 1, 0};
-    EXPECT_EQ(wrong, 0u);
+    // Beyond 8192 records a file is parsed on all cores: every point must land in its place whatever lines
+    // (blank, spaces only, \r\n ends) lie between them and wherever the cores' shares meet, the vertex element
+    // must end where its records do with a face element's lines after it, and a bad line must be named by
+    // its number in the file, for any team.
+    constexpr int POINTS = 120000;
+    const std::string header =
+        "ply\nformat ascii 1.0\nelement vertex " + std::to_string(POINTS) +
+        "\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\n"
+        "property float nz\nelement face 1\nproperty list uchar int vertex_indices\nend_header\n";
+    const long header_lines = std::count(header.begin(), header.end(), '\n');
+    std::vector<std::string> lines;
+    std::vector<long> line_of(POINTS);  // the line of each point in the file, from 1
+    std::mt19937 random(5);
+    for (int i = 0; i < POINTS; ++i) {
+        while (random() % 4 == 0) lines.push_back(random() % 2 ? "" : " \t\r");
+        line_of[static_cast<std::size_t>(i)] = header_lines + static_cast<long>(lines.size()) + 1;
+        lines.push_back(std::to_string(i) + " " + std::to_string(-i) + " 0.5 0 " + (i % 2 ? "-3" : "3") + " 0" +
+                        (i % 3 ? "" : "\r"));
+    }
+    const auto write = [&](const std::string& name) {
+        std::string text = header;
+        for (const std::string& line : lines) text += line + "\n";
+        return writeFile(name, text + "\n3 0 1 2\n");
+    };
+    const std::string path = write("large_cloud.ply");
+    const int threads = omp_get_max_threads();
+    for (const int team : {1, 2, 3}) {
+        omp_set_num_threads(team);
+        tessaline_tools::PointCloudReadInfo info;
+        const auto frame = tessaline_tools::readPlyPointCloud(path, 2.0f, 8, info);
+        ASSERT_EQ(frame->xyz.size(), static_cast<std::size_t>(POINTS)) << team;
+        std::size_t wrong = 0;
+        for (std::size_t i = 0; i < POINTS; ++i)
+            wrong +=
+                frame->xyz[i] != Vec3f{2.0f * i, -2.0f * i, 1.0f} || frame->nor[i] != Vec3f{0, i % 2 ? -1.0f : 1, 0};
+        EXPECT_EQ(wrong, 0u) << team;
+    }
+    for (const int bad : {7, POINTS / 2 + 13, POINTS - 1}) {
+        std::string& line = lines[static_cast<std::size_t>(line_of[static_cast<std::size_t>(bad)] - header_lines - 1)];
+        const std::string kept = line;
+        line.replace(0, line.find(' '), "x1");
+        const std::string bad_path = write("bad_large_cloud.ply");
+        for (const int team : {1, 3}) {
+            omp_set_num_threads(team);
+            tessaline_tools::PointCloudReadInfo info;
+            const std::string error = errorOf([&] { tessaline_tools::readPlyPointCloud(bad_path, 1.0f, 8, info); });
+            EXPECT_TRUE(contains(
+                error, "line " + std::to_string(line_of[static_cast<std::size_t>(bad)]) + ": 'x1' is not a number"))
+                << error;
+        }
+        line = kept;
+    }
+    omp_set_num_threads(threads);
 }
 
 TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
