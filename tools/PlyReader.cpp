@@ -480,9 +480,9 @@ inline const char* readPadded(const char* p, const char* limit, Read read) {
 // characters at a time (no further than 25): the digits are a double exactly, as is the power of ten below
 // them, and their quotient is the value rounded once, the one from_chars gives. Gives where it ends; null
 // for a number of any other form.
-inline const char* shortNumber(const char* p, double& value) {
+__attribute__((always_inline)) inline const char* shortNumber(const char* p, double& value) {
     const bool minus = *p == '-';
-    const char* d = p + (minus || *p == '+' ? 1 : 0);
+    const char* d = p + (static_cast<int>(minus) | static_cast<int>(*p == '+'));  // no branch on the sign
     std::uint64_t whole = 0;
     int count = 0;
     digitsInto(d, whole, count);
@@ -497,16 +497,16 @@ inline const char* shortNumber(const char* p, double& value) {
     }
     if (count > 15 || !(*d == '\n' || isSpace(*d))) return nullptr;
     const double magnitude = static_cast<double>(whole) / POWERS_OF_TEN[after_point];
-    value = minus ? -magnitude : magnitude;
+    std::uint64_t bits;  // the sign set without a branch: half the numbers of a scan's file are negative
+    std::memcpy(&bits, &magnitude, sizeof bits);
+    bits |= static_cast<std::uint64_t>(minus) << 63;
+    std::memcpy(&value, &bits, sizeof value);
     return d;
 }
 
-// Reads one number at `p` (spaces before it passed over); null when there is none or it is not a number.
-// `limit` is the end of the characters that may be read past the line.
-const char* number(const char* p, double& value, const char* limit) {
-    p = skipSpaces(p);
-    // Most numbers (a range grid's counts and indices, faces' lists, coordinates written as text) are short.
-    if (const char* end = readPadded(p, limit, [&](const char* q) { return shortNumber(q, value); })) return end;
+// A number at p (no spaces before it) of any form strtod reads, up to the next space or the line's end;
+// null when it is not one.
+const char* anyNumber(const char* p, double& value) {
     const char* end = p;
     while (*end != '\n' && !isSpace(*end)) ++end;
     const char* start = *p == '+' ? p + 1 : p;        // as strtod takes it
@@ -519,6 +519,15 @@ const char* number(const char* p, double& value, const char* limit) {
         return nullptr;
     }
     return end;
+}
+
+// Reads one number at `p` (no spaces before it); null when it is not a number. Most (a range grid's counts
+// and indices, faces' lists, coordinates written as text) are short. `limit` is the end of the characters
+// that may be read past the line.
+inline const char* number(const char* p, double& value, const char* limit) {
+    const char* end = limit - p >= 32 ? shortNumber(p, value)
+                                      : readPadded(p, limit, [&](const char* q) { return shortNumber(q, value); });
+    return end != nullptr ? end : anyNumber(p, value);
 }
 
 std::string tokenAt(const char* p) {
@@ -545,7 +554,8 @@ void PlyReader::parseLine(const PlyElement& element, const char* line, long numb
     const char* const limit = m_buffer.get() + m_end;
     std::size_t found = 0;
     for (; found < properties; ++found) {
-        if (*skipSpaces(p) == '\n') break;
+        p = skipSpaces(p);
+        if (*p == '\n') break;
         const char* next = number(p, all[found], limit);
         if (next == nullptr) lineError(number_in_file, "'" + tokenAt(p) + "' is not a number");
         p = next;
@@ -648,7 +658,8 @@ void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {
     }
     const char* p = line;
     const auto next = [&](double& value, const std::string& what) {
-        if (*skipSpaces(p) == '\n') lineError(line_number, "the " + element.name + " record ends before its " + what);
+        p = skipSpaces(p);
+        if (*p == '\n') lineError(line_number, "the " + element.name + " record ends before its " + what);
         const char* after = number(p, value, m_buffer.get() + m_end);
         if (after == nullptr) lineError(line_number, "'" + tokenAt(p) + "' is not a number");
         p = after;
