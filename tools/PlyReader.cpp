@@ -1,5 +1,5 @@
 // PLY header parsing, and the body read a piece at a time: binary records decoded field by field, ASCII
-// lines parsed with std::from_chars.
+// numbers of up to 15 digits read eight characters at a time, any other with std::from_chars.
 #include "PlyReader.h"
 
 #include <fcntl.h>
@@ -525,8 +525,7 @@ const char* anyNumber(const char* p, double& value) {
 // and indices, faces' lists, coordinates written as text) are short. `limit` is the end of the characters
 // that may be read past the line.
 inline const char* number(const char* p, double& value, const char* limit) {
-    const char* end = limit - p >= 32 ? shortNumber(p, value)
-                                      : readPadded(p, limit, [&](const char* q) { return shortNumber(q, value); });
+    const char* end = readPadded(p, limit, [&](const char* q) { return shortNumber(q, value); });
     return end != nullptr ? end : anyNumber(p, value);
 }
 
