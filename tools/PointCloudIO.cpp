@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <initializer_list>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 #include "OutputFile.h"
@@ -177,22 +179,40 @@ bool decodeFourByteRecords(const char* data, std::size_t record_bytes, std::size
 
 // Records of a large piece are decoded on all cores, a few thousand a chunk.
 constexpr std::size_t DECODE_CHUNK = 4096;
+// From so many points on, the frame's arrays are sized (their pages zeroed) beside the reading of the file's
+// first piece, on a thread of their own.
+constexpr std::size_t SIZED_BESIDE = std::size_t(1) << 16;
 
 // The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
 // the decoder leaves out are then left out and counted.
 void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c, float scale, int scale_code,
                 FrameDataWithInfo& frame, std::vector<Colour>* colours, PointCloudReadInfo& info) {
     const std::size_t n = static_cast<std::size_t>(vertex.count);
-    frame.xyz.resize(n);
-    frame.nor.resize(n);
-    frame.w.resize(n);
     const PointDecoder decode(vertex, c, scale, scale_code, colours != nullptr);
-    if (decode.coloured) colours->resize(n);
+    const auto size = [&] {
+        frame.xyz.resize(n);
+        frame.nor.resize(n);
+        frame.w.resize(n);
+        if (decode.coloured) colours->resize(n);
+    };
+    // Waited for before the first point is stored (and, should the reading fail, as it unwinds).
+    std::future<void> sizing;
+    if (n >= SIZED_BESIDE) {
+        try {
+            sizing = std::async(std::launch::async, size);
+        } catch (const std::system_error&) {  // no thread to be had: sized here
+        }
+    }
+    if (!sizing.valid()) size();
+    const auto sized = [&sizing] {
+        if (sizing.valid()) sizing.get();
+    };
     std::atomic<bool> any_dropped(false);
     FourByteFields fields;
     const bool four_bytes = !decode.coloured && fourByteFields(vertex, c, fields);
     const bool read =
         four_bytes && ply.readLittleEndianPieces(vertex, [&](long first, std::size_t count, const char* data) {
+            sized();
             const std::int64_t chunks = static_cast<std::int64_t>((count + DECODE_CHUNK - 1) / DECODE_CHUNK);
             bool dropped = false;
 #pragma omp parallel for schedule(static) reduction(|| : dropped) if (chunks > 1)
@@ -207,13 +227,17 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c,
             if (dropped) any_dropped.store(true, std::memory_order_relaxed);
         });
     if (!read)
-        ply.readScalars(vertex, c.columns, [&](long record, const double* p) {
-            const std::size_t i = static_cast<std::size_t>(record);
-            if (!decode(p, frame.xyz[i], frame.nor[i], frame.w[i], decode.coloured ? &(*colours)[i] : nullptr)) {
-                frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
-                any_dropped.store(true, std::memory_order_relaxed);
-            }
-        });
+        ply.readScalarPieces(
+            vertex, c.columns, [&](long, long) { sized(); },
+            [&](long record, const double* p) {
+                const std::size_t i = static_cast<std::size_t>(record);
+                if (!decode(p, frame.xyz[i], frame.nor[i], frame.w[i], decode.coloured ? &(*colours)[i] : nullptr)) {
+                    frame.xyz[i][0] = std::nanf("");  // marks the point to leave out
+                    any_dropped.store(true, std::memory_order_relaxed);
+                }
+            },
+            [](long, long) {});
+    sized();
     if (!any_dropped.load()) return;
     // Scaled coordinates of a usable point are finite or infinite, never NaN: the mark is unambiguous.
     std::size_t kept = 0;
