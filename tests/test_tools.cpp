@@ -156,8 +156,10 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
     // Beyond 8192 records a file is parsed on all cores: every point must land in its place whatever lines
     // (blank, spaces only, \r\n ends) lie between them and wherever the cores' shares meet, the vertex element
     // must end where its records do with a face element's lines after it, and a bad line must be named by
-    // its number in the file, for any team.
+    // its number in the file, for any team. Read in pieces of 320 KB (some 12,000 lines each), every piece is
+    // parsed while the next is read into the other buffer.
     constexpr int POINTS = 120000;
+    constexpr std::size_t PIECES = 320 << 10;
     const std::string header =
         "ply\nformat ascii 1.0\nelement vertex " + std::to_string(POINTS) +
         "\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\n"
@@ -189,6 +191,20 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
             wrong +=
                 frame->xyz[i] != Vec3f{2.0f * i, -2.0f * i, 1.0f} || frame->nor[i] != Vec3f{0, i % 2 ? -1.0f : 1, 0};
         EXPECT_EQ(wrong, 0u) << team;
+
+        tessaline_tools::PlyReader ply(path, PIECES);
+        std::vector<double> read(2 * POINTS, 0.5);
+        ply.readScalars(*ply.find("vertex"), {1, 4}, [&](long i, const double* v) {
+            read[2 * static_cast<std::size_t>(i)] = v[0];
+            read[2 * static_cast<std::size_t>(i) + 1] = v[1];
+        });
+        wrong = 0;
+        for (std::size_t i = 0; i < POINTS; ++i)
+            wrong += read[2 * i] != -static_cast<double>(i) || read[2 * i + 1] != (i % 2 ? -3.0 : 3.0);
+        EXPECT_EQ(wrong, 0u) << team;
+        std::vector<double> face;
+        ply.readRecords(*ply.find("face"), [&](long, const tessaline_tools::PlyRecord& r) { face = r.lists[0]; });
+        EXPECT_EQ(face, (std::vector<double>{0, 1, 2})) << team;
     }
     for (const int bad : {7, POINTS / 2 + 13, POINTS - 1}) {
         std::string& line = lines[static_cast<std::size_t>(line_of[static_cast<std::size_t>(bad)] - header_lines - 1)];
@@ -202,6 +218,11 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
             EXPECT_TRUE(contains(
                 error, "line " + std::to_string(line_of[static_cast<std::size_t>(bad)]) + ": 'x1' is not a number"))
                 << error;
+            const std::string piece_error = errorOf([&] {
+                tessaline_tools::PlyReader ply(bad_path, PIECES);
+                ply.readScalars(*ply.find("vertex"), {0}, [](long, const double*) {});
+            });
+            EXPECT_EQ(piece_error, error);
         }
         line = kept;
     }

@@ -3,21 +3,22 @@
 #include "PlyReader.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace tessaline_tools {
 
 namespace {
 
-// Bytes of the body held at a time; a small file is read whole with one call.
-constexpr std::size_t PIECE_BYTES = std::size_t(16) << 20;
 // Bytes a header may take.
 constexpr std::size_t MAX_HEADER_BYTES = std::size_t(16) << 20;
 // Lists longer than this are taken for a damaged file rather than allocated.
@@ -124,10 +125,23 @@ void refuseIrregularFile(const std::string& path) {
         throw std::runtime_error(path + ": not a regular file");
 }
 
+// A buffer of `bytes`, not zeroed. From 4 MB on the kernel is asked to back it with huge pages: a piece's
+// first filling then takes a few page faults, not one every 4 KB.
+std::unique_ptr<char[]> largeBuffer(std::size_t bytes) {
+    std::unique_ptr<char[]> buffer(new char[bytes]);
+#if defined(MADV_HUGEPAGE)
+    if (bytes >= (std::size_t(4) << 20)) {
+        const std::uintptr_t at = (reinterpret_cast<std::uintptr_t>(buffer.get()) + 4095) & ~std::uintptr_t(4095);
+        madvise(reinterpret_cast<void*>(at), (bytes - 4096) & ~std::size_t(4095), MADV_HUGEPAGE);
+    }
+#endif
+    return buffer;
+}
+
 void readAtLeast(int fd, const std::string& path, std::size_t bytes, std::unique_ptr<char[]>& buffer,
                  std::size_t& capacity, std::size_t& begin, std::size_t& end, std::uint64_t& unread) {
     if (capacity < bytes + 1) {  // one byte more: room for the closing line end of a text without one
-        std::unique_ptr<char[]> larger(new char[bytes + 1]);
+        std::unique_ptr<char[]> larger = largeBuffer(bytes + 1);
         if (end > begin) std::memcpy(larger.get(), buffer.get() + begin, end - begin);
         buffer = std::move(larger);
         capacity = bytes + 1;
@@ -148,7 +162,8 @@ void readAtLeast(int fd, const std::string& path, std::size_t bytes, std::unique
     }
 }
 
-PlyReader::PlyReader(const std::string& path) : m_path(path) {
+PlyReader::PlyReader(const std::string& path, std::size_t piece_bytes)
+    : m_path(path), m_piece_bytes(std::max<std::size_t>(piece_bytes, 1)) {
     struct stat info;
     if (stat(path.c_str(), &info) != 0) throw std::runtime_error(path + ": cannot open the file");
     refuseIrregularFile(path);
@@ -310,6 +325,18 @@ std::size_t PlyReader::fill(std::size_t bytes) {
     return m_end - m_begin;
 }
 
+void PlyReader::keepPieceBuffer() {
+    if (m_spare_capacity < m_capacity) {
+        m_spare = largeBuffer(m_capacity);
+        m_spare_capacity = m_capacity;
+    }
+    if (m_end > m_begin) std::memcpy(m_spare.get(), m_buffer.get() + m_begin, m_end - m_begin);
+    std::swap(m_buffer, m_spare);
+    std::swap(m_capacity, m_spare_capacity);
+    m_end -= m_begin;
+    m_begin = 0;
+}
+
 void PlyReader::closeAsciiBody() {
     if (m_format != Format::Ascii || (m_end > m_begin && m_buffer[m_end - 1] == '\n')) return;
     if (m_end + 1 > m_capacity) {
@@ -342,7 +369,7 @@ void PlyReader::begin(const PlyElement& element) {
             // Fixed records: passed over without decoding.
             for (long left = skipped.count; left > 0;) {
                 const std::size_t want = static_cast<std::size_t>(std::min<long>(
-                    left, static_cast<long>(std::max<std::size_t>(1, PIECE_BYTES / skipped.record_bytes))));
+                    left, static_cast<long>(std::max<std::size_t>(1, m_piece_bytes / skipped.record_bytes))));
                 const std::size_t n = std::min(want, fill(want * skipped.record_bytes) / skipped.record_bytes);
                 if (n == 0) truncated(skipped, skipped.count - left);
                 m_begin += n * skipped.record_bytes;
@@ -365,7 +392,7 @@ std::size_t PlyReader::nextPiece(const PlyElement& element, Piece& piece) {
     if (m_format != Format::Ascii) {
         const std::size_t bytes = element.record_bytes;
         const std::size_t want = static_cast<std::size_t>(
-            std::min<long>(remaining, static_cast<long>(std::max<std::size_t>(1, PIECE_BYTES / bytes))));
+            std::min<long>(remaining, static_cast<long>(std::max<std::size_t>(1, m_piece_bytes / bytes))));
         const std::size_t n = std::min(want, fill(want * bytes) / bytes);
         if (n == 0) truncated(element, m_record);
         piece.records = n;
@@ -373,7 +400,7 @@ std::size_t PlyReader::nextPiece(const PlyElement& element, Piece& piece) {
         return n;
     }
     // ASCII: the whole lines in the buffer, as many as the element still has, blank lines passed over.
-    for (std::size_t want = PIECE_BYTES;; want += PIECE_BYTES) {
+    for (std::size_t want = m_piece_bytes;; want += m_piece_bytes) {
         const std::size_t available = fill(want);
         piece.lines.clear();
         piece.line_numbers.clear();
@@ -393,6 +420,7 @@ std::size_t PlyReader::nextPiece(const PlyElement& element, Piece& piece) {
         if (!piece.lines.empty()) {
             piece.records = piece.lines.size();
             piece.data = p;  // where the piece ends
+            piece.limit = m_buffer.get() + m_end;
             piece.line_numbers.push_back(line);
             return piece.records;
         }
@@ -538,8 +566,8 @@ std::string tokenAt(const char* p) {
 
 }  // namespace
 
-void PlyReader::parseLine(const PlyElement& element, const char* line, long number_in_file, const int* columns,
-                          std::size_t count, double* values) const {
+void PlyReader::parseLine(const PlyElement& element, const char* line, long number_in_file, const char* limit,
+                          const int* columns, std::size_t count, double* values) const {
     // Every value of the line is read, so that a line of too many or too few values is found.
     const std::size_t properties = element.properties.size();
     double scratch[64];
@@ -550,7 +578,6 @@ void PlyReader::parseLine(const PlyElement& element, const char* line, long numb
         all = many.data();
     }
     const char* p = line;
-    const char* const limit = m_buffer.get() + m_end;
     std::size_t found = 0;
     for (; found < properties; ++found) {
         p = skipSpaces(p);
@@ -648,7 +675,7 @@ void PlyReader::readRecordAscii(const PlyElement& element, PlyRecord& record) {
         const char* newline = static_cast<const char*>(std::memchr(start, '\n', m_end - m_begin));
         if (newline == nullptr) {
             if (m_eof) truncated(element, m_record);
-            fill(m_end - m_begin + PIECE_BYTES);
+            fill(m_end - m_begin + m_piece_bytes);
             continue;
         }
         line_number = m_line++;

@@ -55,8 +55,12 @@ void readAtLeast(int fd, const std::string& path, std::size_t bytes, std::unique
 
 class PlyReader {
 public:
+    // Bytes of the body held at a time (two such buffers while text is parsed).
+    static constexpr std::size_t PIECE_BYTES = std::size_t(16) << 20;
+
     // Opens `path` and reads its header. Throws std::runtime_error naming the file and the problem.
-    explicit PlyReader(const std::string& path);
+    // `piece_bytes`: how much of the body is read and parsed at a time.
+    explicit PlyReader(const std::string& path, std::size_t piece_bytes = PIECE_BYTES);
     ~PlyReader();
     PlyReader(const PlyReader&) = delete;
     PlyReader& operator=(const PlyReader&) = delete;
@@ -107,12 +111,16 @@ private:
         const char* data = nullptr;      // binary: the first record
         std::vector<const char*> lines;  // ASCII: where each record's line starts
         std::vector<long> line_numbers;  // ASCII: their lines in the file
+        const char* limit = nullptr;     // ASCII: the end of what may be read past a line
     };
 
     // Moves to `element`, skipping the elements before it; refuses an element read twice or out of order.
     void begin(const PlyElement& element);
     // The next records of the current element that the buffer holds whole (at least one); 0 when all are read.
     std::size_t nextPiece(const PlyElement& element, Piece& piece);
+    // Moves the unread bytes into a buffer of their own, so that the one holding the piece just handed out
+    // stays as it is while the next piece is read (the two take turns).
+    void keepPieceBuffer();
     // At the end of the file the last line of an ASCII body gets its line end, like every other line.
     void closeAsciiBody();
     void donePiece(const PlyElement& element, const Piece& piece);
@@ -124,8 +132,9 @@ private:
     [[noreturn]] void lineError(long line, const std::string& text) const;
     void decodeRecord(const PlyElement& element, const char* data, const int* columns, std::size_t count,
                       double* values) const;
-    void parseLine(const PlyElement& element, const char* line, long number, const int* columns, std::size_t count,
-                   double* values) const;
+    // `limit`: the end of the characters that may be read past the line.
+    void parseLine(const PlyElement& element, const char* line, long number, const char* limit, const int* columns,
+                   std::size_t count, double* values) const;
     void readRecordBinary(const PlyElement& element, PlyRecord& record, long index);
     void readRecordAscii(const PlyElement& element, PlyRecord& record);
     // The next line as the list of a record whose one property is a list, where it reads "n v1 ... vn" in
@@ -135,6 +144,7 @@ private:
     bool readWholeNumberList(std::vector<double>& list);
 
     std::string m_path;
+    std::size_t m_piece_bytes = PIECE_BYTES;
     int m_fd = -1;
     Format m_format = Format::Ascii;
     std::vector<PlyElement> m_elements;
@@ -143,6 +153,8 @@ private:
     long m_record = 0;                 // records of it read so far
     std::unique_ptr<char[]> m_buffer;  // not zeroed: only what the file gives is read
     std::size_t m_capacity = 0;
+    std::unique_ptr<char[]> m_spare;  // the buffer of the piece being parsed, or the next one's
+    std::size_t m_spare_capacity = 0;
     std::size_t m_begin = 0, m_end = 0;  // the unread bytes in the buffer
     std::uint64_t m_unread = 0;          // bytes of the file not yet in the buffer
     bool m_eof = false;
@@ -196,26 +208,46 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
         if (four_at.size() != columns.size()) four_at.clear();
     }
     begin(element);
-    Piece piece;
-    while (nextPiece(element, piece) > 0) {
+    // Text: while a piece's lines are parsed, one thread first makes the next piece (the file's next bytes
+    // read into a buffer of their own, their lines found), then joins the others.
+    const bool ahead = m_format == Format::Ascii;
+    Piece pieces[2];
+    std::size_t at = 0;  // the piece being parsed
+    bool more = nextPiece(element, pieces[0]) > 0;
+    while (more) {
+        const Piece& piece = pieces[at];
         const long first = m_record;
         const std::int64_t n = static_cast<std::int64_t>(piece.records);
         start(first, static_cast<long>(n));
-        // Of the failures the first in the file comes out: the lowest record's.
+        // Of the failures the first in the file comes out: the lowest record's, then the next piece's.
         std::int64_t failed_at = n;
-        std::exception_ptr failure;
+        std::exception_ptr failure, next_failure;
+        bool next_made = false;
+        const auto makeNext = [&] {
+            try {
+                donePiece(element, piece);
+                if (m_record < element.count) keepPieceBuffer();  // more of its lines to come
+                next_made = nextPiece(element, pieces[1 - at]) > 0;
+            } catch (...) {
+                next_failure = std::current_exception();
+            }
+        };
         // Each thread's values, allocated before the team: nothing there can fail but a record.
         std::vector<double> all_values(columns.size() * static_cast<std::size_t>(omp_get_max_threads()));
 #pragma omp parallel if (n >= 8192)
         {
+            if (ahead) {
+#pragma omp single nowait
+                makeNext();
+            }
             double* const values = all_values.data() + columns.size() * static_cast<std::size_t>(omp_get_thread_num());
-#pragma omp for schedule(static)
+#pragma omp for schedule(dynamic, 2048)
             for (std::int64_t i = 0; i < n; ++i) {
                 try {
                     const std::size_t r = static_cast<std::size_t>(i);
                     if (m_format == Format::Ascii) {
-                        parseLine(element, piece.lines[r], piece.line_numbers[r], columns.data(), columns.size(),
-                                  values);
+                        parseLine(element, piece.lines[r], piece.line_numbers[r], piece.limit, columns.data(),
+                                  columns.size(), values);
                     } else if (!four_at.empty()) {
                         const char* data = piece.data + r * element.record_bytes;
                         for (std::size_t k = 0; k < four_at.size(); ++k)
@@ -236,7 +268,14 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
         }
         if (failure) std::rethrow_exception(failure);
         done(first, static_cast<long>(n));
-        donePiece(element, piece);
+        if (ahead) {
+            if (next_failure) std::rethrow_exception(next_failure);
+            more = next_made;
+            at = 1 - at;
+        } else {
+            donePiece(element, pieces[at]);
+            more = nextPiece(element, pieces[at]) > 0;
+        }
     }
 }
 
