@@ -277,6 +277,9 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
             more = nextPiece(element, pieces[at]) > 0;
         }
     }
+    // The element is read: the buffer its pieces took turns with is not needed for what follows.
+    m_spare.reset();
+    m_spare_capacity = 0;
 }
 
 template <class Sink>
