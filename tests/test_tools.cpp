@@ -206,10 +206,18 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
         ply.readRecords(*ply.find("face"), [&](long, const tessaline_tools::PlyRecord& r) { face = r.lists[0]; });
         EXPECT_EQ(face, (std::vector<double>{0, 1, 2})) << team;
     }
-    for (const int bad : {7, POINTS / 2 + 13, POINTS - 1}) {
-        std::string& line = lines[static_cast<std::size_t>(line_of[static_cast<std::size_t>(bad)] - header_lines - 1)];
-        const std::string kept = line;
-        line.replace(0, line.find(' '), "x1");
+    // Bad lines: the first of them in the file is named, also where others follow it among the records
+    // decoded together, or in the next piece.
+    for (const std::vector<int>& bads : std::vector<std::vector<int>>{
+             {7}, {POINTS / 2 + 13, POINTS / 2 + 14, POINTS / 2 + 90, POINTS / 2 + 20000}, {POINTS - 1}}) {
+        const int bad = bads.front();
+        std::vector<std::string> kept;
+        for (const int b : bads) {
+            std::string& line =
+                lines[static_cast<std::size_t>(line_of[static_cast<std::size_t>(b)] - header_lines - 1)];
+            kept.push_back(line);
+            line.replace(0, line.find(' '), "x1");
+        }
         const std::string bad_path = write("bad_large_cloud.ply");
         for (const int team : {1, 3}) {
             omp_set_num_threads(team);
@@ -224,7 +232,8 @@ TEST(PointCloudFiles, LargeAsciiFilesAreReadOnAllCoresEachPointInItsPlace) {
             });
             EXPECT_EQ(piece_error, error);
         }
-        line = kept;
+        for (std::size_t k = 0; k < bads.size(); ++k)
+            lines[static_cast<std::size_t>(line_of[static_cast<std::size_t>(bads[k])] - header_lines - 1)] = kept[k];
     }
     omp_set_num_threads(threads);
 }
@@ -305,6 +314,47 @@ TEST(PointCloudFiles, AsciiNumbersReadAsStrtodReadsThemWholeOrNot) {
         wrong += std::memcmp(&decimal_read[i], &expected, sizeof(double)) != 0;
     }
     EXPECT_EQ(wrong, 0u);
+    // Records of six values as scanners write them (up to eight digits each side of the point) and in every
+    // other form, spaces of any kind between them: each value strtod's, for the columns asked in any order,
+    // read whole and in pieces of 4 KB (whose last lines lie close to the end of what the buffer holds).
+    std::string record_body;
+    std::vector<std::array<std::string, 6>> records(4000);
+    const char* const separators[] = {" ", " ", " ", "  ", "\t", " \t", "\r "};
+    for (auto& record : records) {
+        if (random() % 8 == 0) record_body += separators[random() % 7];
+        for (std::size_t k = 0; k < 6; ++k) {
+            std::string& token = record[k];
+            token = random() % 3 == 0 ? "-" : (random() % 16 == 0 ? "+" : "");
+            const bool point = random() % 6 != 0;
+            const int whole = static_cast<int>(random() % (random() % 4 ? 4 : 11)) + (point ? 0 : 1);
+            const int after = point ? static_cast<int>(random() % (random() % 4 ? 9 : 11)) + (whole == 0) : 0;
+            for (int d = 0; d < whole; ++d) token += static_cast<char>('0' + random() % 10);
+            if (point) token += ".";
+            for (int d = 0; d < after; ++d) token += static_cast<char>('0' + random() % 10);
+            if (random() % 24 == 0) token += "e" + std::to_string(static_cast<int>(random() % 9) - 4);
+            record_body += token + (k < 5 ? separators[random() % 7] : (random() % 3 ? "" : " \r"));
+        }
+        record_body += "\n";
+    }
+    const std::string record_path =
+        writeFile("records.ply", "ply\nformat ascii 1.0\nelement point " + std::to_string(records.size()) +
+                                     "\nproperty double a\nproperty double b\nproperty double c\nproperty double d\n"
+                                     "property double e\nproperty double f\nend_header\n" +
+                                     record_body);
+    for (const std::size_t piece_bytes : {tessaline_tools::PlyReader::PIECE_BYTES, std::size_t(4096)}) {
+        tessaline_tools::PlyReader record_ply(record_path, piece_bytes);
+        const std::vector<int> columns = {5, 0, 3, 1, 4, 2};
+        std::vector<double> values(6 * records.size());
+        record_ply.readScalars(*record_ply.find("point"), columns,
+                               [&](long i, const double* v) { std::copy(v, v + 6, values.begin() + 6 * i); });
+        wrong = 0;
+        for (std::size_t i = 0; i < records.size(); ++i)
+            for (std::size_t k = 0; k < 6; ++k) {
+                const double expected = std::strtod(records[i][static_cast<std::size_t>(columns[k])].c_str(), nullptr);
+                wrong += std::memcmp(&values[6 * i + k], &expected, sizeof(double)) != 0;
+            }
+        EXPECT_EQ(wrong, 0u) << piece_bytes;
+    }
     for (const char* bad : {"12a", "-", "1-2", "+-3", "0x10", "1.2.3", "4.5e", "-.", "7.-1"}) {
         const std::string bad_path = writeFile("bad_number.ply",
                                                "ply\nformat ascii 1.0\nelement value 1\n"

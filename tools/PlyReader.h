@@ -47,6 +47,10 @@ struct PlyRecord {
 // Throws "PATH: not a regular file" for a path that names a device, a pipe or a folder: such a file
 // could feed a reader without end. A path that does not exist passes, for the reader's own text.
 void refuseIrregularFile(const std::string& path);
+// Asks the kernel to back the whole pages of [data, data + bytes) with huge pages where it holds 4 MB or
+// more (before they are first touched): filling them then takes a few page faults, not one every 4 KB.
+void adviseHugePages(const void* data, std::size_t bytes);
+
 // The buffered reads of the readers: the unread bytes [begin, end) moved to the front of the buffer (a
 // larger one when `bytes` do not fit, always with a byte to spare), then read from `fd` until `bytes` are
 // there or the file ends; `unread` counts what the file still holds.
@@ -55,8 +59,9 @@ void readAtLeast(int fd, const std::string& path, std::size_t bytes, std::unique
 
 class PlyReader {
 public:
-    // Bytes of the body held at a time (two such buffers while text is parsed).
-    static constexpr std::size_t PIECE_BYTES = std::size_t(16) << 20;
+    // Bytes of the body held at a time (two such buffers while text is parsed): a few MB, so that a piece
+    // is still in the processor's cache when its records are decoded after their reading.
+    static constexpr std::size_t PIECE_BYTES = std::size_t(4) << 20;
 
     // Opens `path` and reads its header. Throws std::runtime_error naming the file and the problem.
     // `piece_bytes`: how much of the body is read and parsed at a time.
@@ -100,6 +105,8 @@ public:
     bool readLittleEndianPieces(const PlyElement& element, Sink&& sink);
 
 private:
+    // Records decoded together before they go to the sink.
+    static constexpr std::size_t BLOCK_RECORDS = 128;
     void endElement() {
         ++m_current;
         m_record = 0;
@@ -232,36 +239,60 @@ void PlyReader::readScalarPieces(const PlyElement& element, const std::vector<in
                 next_failure = std::current_exception();
             }
         };
-        // Each thread's values, allocated before the team: nothing there can fail but a record.
-        std::vector<double> all_values(columns.size() * static_cast<std::size_t>(omp_get_max_threads()));
+        // Each thread's values of a block of records, allocated before the team: nothing there can fail but
+        // a record. A block's records are all decoded before the first goes to the sink, so that the
+        // processor works on several at once (a text record's last numbers are not waited for).
+        const std::size_t block_values = columns.size() * BLOCK_RECORDS;
+        std::vector<double> all_values(block_values * static_cast<std::size_t>(omp_get_max_threads()));
+        const std::int64_t blocks =
+            (n + static_cast<std::int64_t>(BLOCK_RECORDS) - 1) / static_cast<std::int64_t>(BLOCK_RECORDS);
 #pragma omp parallel if (n >= 8192)
         {
             if (ahead) {
 #pragma omp single nowait
                 makeNext();
             }
-            double* const values = all_values.data() + columns.size() * static_cast<std::size_t>(omp_get_thread_num());
-#pragma omp for schedule(dynamic, 2048)
-            for (std::int64_t i = 0; i < n; ++i) {
-                try {
-                    const std::size_t r = static_cast<std::size_t>(i);
-                    if (m_format == Format::Ascii) {
-                        parseLine(element, piece.lines[r], piece.line_numbers[r], piece.limit, columns.data(),
-                                  columns.size(), values);
-                    } else if (!four_at.empty()) {
-                        const char* data = piece.data + r * element.record_bytes;
-                        for (std::size_t k = 0; k < four_at.size(); ++k)
-                            values[k] = decodeFour(data + four_at[k].first, four_at[k].second);
-                    } else {
-                        decodeRecord(element, piece.data + r * element.record_bytes, columns.data(), columns.size(),
-                                     values);
-                    }
-                    sink(first + static_cast<long>(i), static_cast<const double*>(values));
-                } catch (...) {
+            double* const values = all_values.data() + block_values * static_cast<std::size_t>(omp_get_thread_num());
+            const auto fail = [&](std::int64_t i) {
 #pragma omp critical(tessaline_ply_failure)
-                    if (i < failed_at) {
-                        failed_at = i;
-                        failure = std::current_exception();
+                if (i < failed_at) {
+                    failed_at = i;
+                    failure = std::current_exception();
+                }
+            };
+#pragma omp for schedule(dynamic, 2048 / BLOCK_RECORDS)
+            for (std::int64_t b = 0; b < blocks; ++b) {
+                const std::int64_t from = b * static_cast<std::int64_t>(BLOCK_RECORDS);
+                const std::int64_t to = std::min(n, from + static_cast<std::int64_t>(BLOCK_RECORDS));
+                std::int64_t decoded = to;  // the records before it are decoded
+                for (std::int64_t i = from; i < to; ++i) {
+                    try {
+                        const std::size_t r = static_cast<std::size_t>(i);
+                        double* const v = values + columns.size() * static_cast<std::size_t>(i - from);
+                        if (m_format == Format::Ascii) {
+                            parseLine(element, piece.lines[r], piece.line_numbers[r], piece.limit, columns.data(),
+                                      columns.size(), v);
+                        } else if (!four_at.empty()) {
+                            const char* data = piece.data + r * element.record_bytes;
+                            for (std::size_t k = 0; k < four_at.size(); ++k)
+                                v[k] = decodeFour(data + four_at[k].first, four_at[k].second);
+                        } else {
+                            decodeRecord(element, piece.data + r * element.record_bytes, columns.data(), columns.size(),
+                                         v);
+                        }
+                    } catch (...) {
+                        fail(i);  // the records after it are of no use: the reading fails
+                        decoded = i;
+                        break;
+                    }
+                }
+                for (std::int64_t i = from; i < decoded; ++i) {
+                    try {
+                        sink(first + static_cast<long>(i),
+                             static_cast<const double*>(values + columns.size() * static_cast<std::size_t>(i - from)));
+                    } catch (...) {
+                        fail(i);
+                        break;
                     }
                 }
             }

@@ -179,8 +179,8 @@ bool decodeFourByteRecords(const char* data, std::size_t record_bytes, std::size
 
 // Records of a large piece are decoded on all cores, a few thousand a chunk.
 constexpr std::size_t DECODE_CHUNK = 4096;
-// From so many points on, the frame's arrays are sized (their pages zeroed) beside the reading of the file's
-// first piece, on a thread of their own.
+// From so many points on, the frame's arrays are sized (their pages zeroed) on two threads, one of them
+// beside the reading of the file's first piece.
 constexpr std::size_t SIZED_BESIDE = std::size_t(1) << 16;
 
 // The points of the vertex element into `frame`, each into its place (on all cores for a large file); points
@@ -189,13 +189,26 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c,
                 FrameDataWithInfo& frame, std::vector<Colour>* colours, PointCloudReadInfo& info) {
     const std::size_t n = static_cast<std::size_t>(vertex.count);
     const PointDecoder decode(vertex, c, scale, scale_code, colours != nullptr);
+    // The arrays are allocated, backed by huge pages where large, then zeroed: a few page faults, not one
+    // every 4 KB. One array at a time, the next not yet taken, so that two threads can share the zeroing.
+    std::atomic<int> next_array(0);
+    const int arrays = decode.coloured ? 4 : 3;
     const auto size = [&] {
-        frame.xyz.resize(n);
-        frame.nor.resize(n);
-        frame.w.resize(n);
-        if (decode.coloured) colours->resize(n);
+        const auto sizeOne = [n](auto& array) {
+            array.reserve(n);
+            adviseHugePages(array.data(), n * sizeof(array[0]));
+            array.resize(n);
+        };
+        for (int k; (k = next_array.fetch_add(1)) < arrays;) {
+            if (k == 0) sizeOne(frame.xyz);
+            if (k == 1) sizeOne(frame.nor);
+            if (k == 2) sizeOne(frame.w);
+            if (k == 3) sizeOne(*colours);
+        }
     };
-    // Waited for before the first point is stored (and, should the reading fail, as it unwinds).
+    // From SIZED_BESIDE points on, a thread of its own starts on the arrays while the first piece is read,
+    // and this one takes those left once it is read; all are sized before the first point is stored (and,
+    // should the reading fail, as the thread's future is destroyed).
     std::future<void> sizing;
     if (n >= SIZED_BESIDE) {
         try {
@@ -204,7 +217,8 @@ void readPoints(PlyReader& ply, const PlyElement& vertex, const PointColumns& c,
         }
     }
     if (!sizing.valid()) size();
-    const auto sized = [&sizing] {
+    const auto sized = [&] {
+        size();
         if (sizing.valid()) sizing.get();
     };
     std::atomic<bool> any_dropped(false);
