@@ -503,6 +503,19 @@ inline void digitsInto(const char*& p, std::uint64_t& whole, int& count) {
     }
 }
 
+// The decimal of `digits` (at most 15 of them, a double exactly) with `after_point` of them after the point:
+// their quotient by the power of ten, which is a double exactly too, so the value is rounded once, as
+// strtod rounds it. The sign is set without a branch: half the numbers of a scan's file are negative.
+inline double decimal(std::uint64_t digits, unsigned after_point, bool minus) {
+    const double magnitude = static_cast<double>(digits) / POWERS_OF_TEN[after_point];
+    std::uint64_t bits;
+    std::memcpy(&bits, &magnitude, sizeof bits);
+    bits |= static_cast<std::uint64_t>(minus) << 63;
+    double value;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+}
+
 // Runs `read` on the characters at p with at least 32 of them readable: where fewer lie before `limit`, on a
 // copy of them padded with zeros (a zero ends any number); gives where it stopped, in the buffer, or null.
 template <typename Read>
@@ -534,11 +547,7 @@ __attribute__((always_inline)) inline const char* shortNumber(const char* p, dou
         if (after_point == 0) return nullptr;
     }
     if (count > 15 || !(*d == '\n' || isSpace(*d))) return nullptr;
-    const double magnitude = static_cast<double>(whole) / POWERS_OF_TEN[after_point];
-    std::uint64_t bits;  // the sign set without a branch: half the numbers of a scan's file are negative
-    std::memcpy(&bits, &magnitude, sizeof bits);
-    bits |= static_cast<std::uint64_t>(minus) << 63;
-    std::memcpy(&value, &bits, sizeof value);
+    value = decimal(whole, static_cast<unsigned>(after_point), minus);
     return d;
 }
 
@@ -601,11 +610,7 @@ __attribute__((always_inline)) inline bool plainLine(const char* p, const char* 
                     valueOfDigits(eightAt(p + point + 1), static_cast<int>(after_point));
             end = point + 1 + after_point;
         }
-        const double magnitude = static_cast<double>(whole) / POWERS_OF_TEN[after_point];
-        std::uint64_t bits;
-        std::memcpy(&bits, &magnitude, sizeof bits);
-        bits |= static_cast<std::uint64_t>(minus) << 63;
-        std::memcpy(&values[k], &bits, sizeof bits);
+        values[k] = decimal(whole, after_point, minus);
         // Past the spaces after it (those within the sixteen characters: a longer gap is for the general
         // reading), to the next number or the line's end.
         const unsigned next = end + static_cast<unsigned>(__builtin_ctz(~(spaces >> end)));
